@@ -137,9 +137,9 @@ bool TavroPathsEquivalentOrSame(const std::filesystem::path& A, const std::files
 
 /// Whether `Child` lies strictly below `Parent`, by their canonical texts.
 ///
-/// @return true when the canonical text of `Child` is that of `Parent`, a `/`, and more. False for
-///         a path and itself, for an empty `Parent`, and whenever `Parent` is the root directory:
-///         nothing counts as inside `/`.
+/// @return true when the canonical text of `Child` begins with that of `Parent` and a `/` after it.
+///         False for equal texts, for an empty `Parent`, and whenever `Parent` is the root
+///         directory: nothing counts as inside `/`.
 bool TavroPathIsInside(const std::filesystem::path& Parent, const std::filesystem::path& Child);
 
 // ---------------------------------------------------------------------------------------------

@@ -1,0 +1,39 @@
+# What all test files of the command share. TAVRO is the command under test; CTest sets it.
+
+bats_require_minimum_version 1.5.0
+
+setup() {
+  scratch=$(cd "$(mktemp -d)" && pwd -P)
+  export HOME=$scratch/home
+  mkdir "$HOME" "$scratch/here"
+  unset XDG_STATE_HOME XDG_DATA_HOME
+  export LC_ALL=C.UTF-8
+  cd "$scratch/here" || return 1
+}
+
+teardown() {
+  cd /
+  chmod -R u+rwx "$scratch"
+  rm -rf "$scratch"
+}
+
+tavro() {
+  "$TAVRO" "$@"
+}
+
+# Runs a command line on a terminal of its own, with an answer typed where one is given; the output
+# comes without carriage returns.
+on_terminal() {
+  local answer=${2-}
+  printf '%s\n' "$answer" | script --quiet --return --echo never --command "$1" /dev/null |
+    tr -d '\r'
+  return "${PIPESTATUS[1]}"
+}
+
+# The test's expectations, said so that a failure shows both sides.
+expect() {
+  [[ $1 == "$2" ]] || {
+    printf 'expected: %q\n but got: %q\n' "$2" "$1"
+    return 1
+  }
+}

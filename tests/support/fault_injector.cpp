@@ -1,0 +1,384 @@
+#include "fault_injector.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <ctime>
+#include <dirent.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <mutex>
+#include <sys/sendfile.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+namespace tavro_test {
+
+namespace {
+
+struct Rule {
+    Fault fault;
+    int seen = 0;
+    int fired = 0;
+};
+
+std::recursive_mutex g_mutex;
+std::vector<Rule> g_rules;
+int g_fired = 0;
+CallObserver::Observer g_observer;
+thread_local bool t_bInside = false;
+
+std::string pathOf(int descriptor) {
+    char target[4096];
+    const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
+    const ssize_t length =
+        readlinkat(AT_FDCWD, link.c_str(), target, sizeof target); // not overridden
+    return length < 0 ? std::string() : std::string(target, static_cast<std::size_t>(length));
+}
+
+bool matches(Rule& rule, const char* call, const std::string& path) {
+    const Fault& fault = rule.fault;
+    const bool bPathFits = fault.bWholePath ? path == fault.PathContains
+                                            : path.find(fault.PathContains) != std::string::npos;
+    if (fault.Call != call || !bPathFits) {
+        return false;
+    }
+    ++rule.seen;
+    return rule.seen == fault.When || (fault.bFromThenOn && rule.seen > fault.When);
+}
+
+/// While it lives, the calls of this thread are the observer's own.
+struct InsideObserver {
+    InsideObserver() {
+        t_bInside = true;
+    }
+    ~InsideObserver() {
+        t_bInside = false;
+    }
+};
+
+enum class Verdict { Pass, Fail, Half };
+
+/// What becomes of a call; sets errno when it is to fail.
+Verdict judge(const char* call, const std::string& path) {
+    const std::lock_guard<std::recursive_mutex> lock(g_mutex);
+    if (t_bInside) {
+        return Verdict::Pass;
+    }
+    if (g_observer) {
+        const InsideObserver inside;
+        g_observer(call, path);
+    }
+    // Every rule counts the call, the first that fits decides.
+    Rule* chosen = nullptr;
+    for (Rule& rule : g_rules) {
+        if (matches(rule, call, path) && chosen == nullptr) {
+            chosen = &rule;
+        }
+    }
+    if (chosen == nullptr) {
+        return Verdict::Pass;
+    }
+    ++g_fired;
+    ++chosen->fired;
+    if (chosen->fault.Errno == 0) {
+        return Verdict::Half;
+    }
+    errno = chosen->fault.Errno;
+    return Verdict::Fail;
+}
+
+/// Nothing is looked up while nobody listens, so that start-up and shut-down run untouched.
+bool isListening() {
+    const std::lock_guard<std::recursive_mutex> lock(g_mutex);
+    return !g_rules.empty() || g_observer;
+}
+
+Verdict judgePath(const char* call, const char* path) {
+    return isListening() ? judge(call, path == nullptr ? "" : path) : Verdict::Pass;
+}
+
+Verdict judgeDescriptor(const char* call, int descriptor) {
+    return isListening() ? judge(call, pathOf(descriptor)) : Verdict::Pass;
+}
+
+template <typename Function> Function* original(Function* /*like*/, const char* name) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+} // namespace
+
+FaultInjector::FaultInjector(std::vector<Fault> faults) {
+    const std::lock_guard<std::recursive_mutex> lock(g_mutex);
+    g_fired = 0;
+    g_rules.clear();
+    for (Fault& fault : faults) {
+        g_rules.push_back({std::move(fault), 0, 0});
+    }
+}
+
+FaultInjector::~FaultInjector() {
+    const std::lock_guard<std::recursive_mutex> lock(g_mutex);
+    g_rules.clear();
+}
+
+int FaultInjector::fired() const {
+    const std::lock_guard<std::recursive_mutex> lock(g_mutex);
+    return g_fired;
+}
+
+int FaultInjector::fired(std::size_t rule) const {
+    const std::lock_guard<std::recursive_mutex> lock(g_mutex);
+    return g_rules.at(rule).fired;
+}
+
+bool FaultInjector::eachFired() const {
+    const std::lock_guard<std::recursive_mutex> lock(g_mutex);
+    return std::all_of(g_rules.begin(), g_rules.end(),
+                       [](const Rule& rule) { return rule.fired > 0; });
+}
+
+CallObserver::CallObserver(Observer observer) {
+    const std::lock_guard<std::recursive_mutex> lock(g_mutex);
+    g_observer = std::move(observer);
+}
+
+CallObserver::~CallObserver() {
+    const std::lock_guard<std::recursive_mutex> lock(g_mutex);
+    g_observer = nullptr;
+}
+
+} // namespace tavro_test
+
+using tavro_test::judgeDescriptor;
+using tavro_test::judgePath;
+using tavro_test::original;
+using tavro_test::Verdict;
+
+// The overridden calls. Each asks for the verdict on itself and then makes the real call.
+
+// NOLINTBEGIN: the C library's own names and signatures
+extern "C" {
+
+int rename(const char* from, const char* to) noexcept {
+    if (judgePath("rename", from) != Verdict::Pass) {
+        return -1;
+    }
+    return original(&rename, "rename")(from, to);
+}
+
+int remove(const char* path) noexcept {
+    if (judgePath("remove", path) != Verdict::Pass) {
+        return -1;
+    }
+    return original(&remove, "remove")(path);
+}
+
+int unlinkat(int directory, const char* path, int flags) noexcept {
+    if (judgePath("unlinkat", path) != Verdict::Pass) {
+        return -1;
+    }
+    return original(&unlinkat, "unlinkat")(directory, path, flags);
+}
+
+int mkdir(const char* path, mode_t mode) noexcept {
+    if (judgePath("mkdir", path) != Verdict::Pass) {
+        return -1;
+    }
+    return original(&mkdir, "mkdir")(path, mode);
+}
+
+int open(const char* path, int flags, ...) {
+    std::va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+    va_end(arguments);
+    if (judgePath("open", path) != Verdict::Pass) {
+        return -1;
+    }
+    return original(&open, "open")(path, flags, mode);
+}
+
+int openat(int directory, const char* path, int flags, ...) {
+    std::va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+    va_end(arguments);
+    if (judgePath("openat", path) != Verdict::Pass) {
+        return -1;
+    }
+    return original(&openat, "openat")(directory, path, flags, mode);
+}
+
+FILE* fopen64(const char* path, const char* mode) {
+    if (judgePath("fopen64", path) != Verdict::Pass) {
+        return nullptr;
+    }
+    return original(&fopen64, "fopen64")(path, mode);
+}
+
+ssize_t read(int descriptor, void* bytes, std::size_t count) {
+    if (judgeDescriptor("read", descriptor) != Verdict::Pass) {
+        return -1;
+    }
+    return original(&read, "read")(descriptor, bytes, count);
+}
+
+ssize_t write(int descriptor, const void* bytes, std::size_t count) {
+    const Verdict verdict = judgeDescriptor("write", descriptor);
+    if (verdict == Verdict::Fail) {
+        return -1;
+    }
+    return original(&write, "write")(descriptor, bytes,
+                                     verdict == Verdict::Half ? count / 2 : count);
+}
+
+ssize_t writev(int descriptor, const struct iovec* parts, int count) {
+    const Verdict verdict = judgeDescriptor("writev", descriptor);
+    if (verdict == Verdict::Fail) {
+        return -1;
+    }
+    if (verdict == Verdict::Half) {
+        return original(&write, "write")(descriptor, parts[0].iov_base, parts[0].iov_len / 2);
+    }
+    return original(&writev, "writev")(descriptor, parts, count);
+}
+
+ssize_t sendfile(int out, int in, off_t* offset, std::size_t count) noexcept {
+    const Verdict verdict = judgeDescriptor("sendfile", out);
+    if (verdict == Verdict::Fail) {
+        return -1;
+    }
+    return original(&sendfile, "sendfile")(out, in, offset,
+                                           verdict == Verdict::Half ? count / 2 : count);
+}
+
+int close(int descriptor) {
+    if (judgeDescriptor("close", descriptor) != Verdict::Pass) {
+        const int error = errno;
+        original(&close, "close")(descriptor);
+        errno = error;
+        return -1;
+    }
+    return original(&close, "close")(descriptor);
+}
+
+int fclose(FILE* stream) {
+    if (judgeDescriptor("fclose", fileno(stream)) != Verdict::Pass) {
+        const int error = errno;
+        original(&fclose, "fclose")(stream);
+        errno = error;
+        return EOF;
+    }
+    return original(&fclose, "fclose")(stream);
+}
+
+int stat(const char* path, struct stat* status) noexcept {
+    if (judgePath("stat", path) != Verdict::Pass) {
+        return -1;
+    }
+    return original(static_cast<int (*)(const char*, struct stat*)>(&stat), "stat")(path, status);
+}
+
+int lstat(const char* path, struct stat* status) noexcept {
+    if (judgePath("lstat", path) != Verdict::Pass) {
+        return -1;
+    }
+    return original(&lstat, "lstat")(path, status);
+}
+
+int fstat64(int descriptor, struct stat64* status) noexcept {
+    if (judgeDescriptor("fstat64", descriptor) != Verdict::Pass) {
+        return -1;
+    }
+    return original(&fstat64, "fstat64")(descriptor, status);
+}
+
+struct dirent* readdir(DIR* directory) {
+    if (judgeDescriptor("readdir", dirfd(directory)) != Verdict::Pass) {
+        return nullptr;
+    }
+    return original(&readdir, "readdir")(directory);
+}
+
+DIR* opendir(const char* path) {
+    if (judgePath("opendir", path) != Verdict::Pass) {
+        return nullptr;
+    }
+    return original(&opendir, "opendir")(path);
+}
+
+DIR* fdopendir(int descriptor) {
+    if (judgeDescriptor("fdopendir", descriptor) != Verdict::Pass) {
+        return nullptr;
+    }
+    return original(&fdopendir, "fdopendir")(descriptor);
+}
+
+int symlink(const char* target, const char* path) noexcept {
+    if (judgePath("symlink", path) != Verdict::Pass) {
+        return -1;
+    }
+    return original(&symlink, "symlink")(target, path);
+}
+
+ssize_t readlink(const char* path, char* target, std::size_t size) noexcept {
+    if (judgePath("readlink", path) != Verdict::Pass) {
+        return -1;
+    }
+    return original(&readlink, "readlink")(path, target, size);
+}
+
+char* realpath(const char* path, char* resolved) noexcept {
+    if (judgePath("realpath", path) != Verdict::Pass) {
+        return nullptr;
+    }
+    return original(&realpath, "realpath")(path, resolved);
+}
+
+int fchmod(int descriptor, mode_t mode) noexcept {
+    if (judgeDescriptor("fchmod", descriptor) != Verdict::Pass) {
+        return -1;
+    }
+    return original(&fchmod, "fchmod")(descriptor, mode);
+}
+
+int fchmodat(int directory, const char* path, mode_t mode, int flags) noexcept {
+    if (judgePath("fchmodat", path) != Verdict::Pass) {
+        return -1;
+    }
+    return original(&fchmodat, "fchmodat")(directory, path, mode, flags);
+}
+
+int utimensat(int directory, const char* path, const struct timespec times[2], int flags) noexcept {
+    if (judgePath("utimensat", path) != Verdict::Pass) {
+        return -1;
+    }
+    return original(&utimensat, "utimensat")(directory, path, times, flags);
+}
+
+char* getcwd(char* buffer, std::size_t size) noexcept {
+    if (judgePath("getcwd", "") != Verdict::Pass) {
+        return nullptr;
+    }
+    return original(&getcwd, "getcwd")(buffer, size);
+}
+
+int truncate(const char* path, off_t length) noexcept {
+    if (judgePath("truncate", path) != Verdict::Pass) {
+        return -1;
+    }
+    return original(&truncate, "truncate")(path, length);
+}
+
+struct tm* localtime_r(const time_t* time, struct tm* fields) noexcept {
+    if (judgePath("localtime_r", "") != Verdict::Pass) {
+        return nullptr;
+    }
+    return original(&localtime_r, "localtime_r")(time, fields);
+}
+
+} // extern "C"
+// NOLINTEND

@@ -1,0 +1,72 @@
+// Lets chosen file-system calls fail. The calls are overridden in the executable that links
+// fault_injector.cpp, so the standard library's own calls are caught too.
+
+#ifndef TAVRO_TESTS_FAULT_INJECTOR_H
+#define TAVRO_TESTS_FAULT_INJECTOR_H
+
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace tavro_test {
+
+/// One rule for calls to fail by.
+struct Fault {
+    /// The name of the C function: "rename", "remove", "unlinkat", "mkdir", "open", "openat",
+    /// "fopen64", "write", "writev", "sendfile", "close", "fclose", "stat", "lstat", "fstat64",
+    /// "readdir", "fdopendir", "opendir", "symlink", "readlink", "realpath", "fchmod", "fchmodat",
+    /// "utimensat", "getcwd", "truncate", "read", "localtime_r".
+    std::string Call;
+
+    /// What errno becomes. 0 (for "write", "writev" and "sendfile" only): half of the bytes are
+    /// written and the call reports that half.
+    int Errno = 0;
+
+    /// Only calls whose path (the first, for calls with two; for those on a descriptor, the path it
+    /// was opened by as /proc tells it; for "openat" and "unlinkat" the text they are given, often
+    /// a bare name) contains this text. Empty: every call.
+    std::string PathContains = "";
+
+    /// The how-manyeth matching call fails, counted from 1.
+    int When = 1;
+
+    /// All matching calls after that one fail too.
+    bool bFromThenOn = false;
+
+    /// `PathContains` is the whole path, not a part of it.
+    bool bWholePath = false;
+};
+
+/// While it lives, the calls that its rules choose fail, in every thread. One at a time.
+class FaultInjector {
+public:
+    explicit FaultInjector(std::vector<Fault> faults);
+    ~FaultInjector();
+    FaultInjector(const FaultInjector&) = delete;
+    FaultInjector& operator=(const FaultInjector&) = delete;
+
+    /// How many calls were made to fail so far. A test asserts that this is not 0.
+    int fired() const;
+
+    /// How many of them the rule at this index made to fail.
+    int fired(std::size_t rule) const;
+
+    /// Every rule made at least one call fail.
+    bool eachFired() const;
+};
+
+/// While it lives, `observer` is told of every overridden call (its name and its path) just before
+/// it is made. What the observer itself calls is neither told nor failed.
+class CallObserver {
+public:
+    using Observer = std::function<void(const std::string& call, const std::string& path)>;
+    explicit CallObserver(Observer observer);
+    ~CallObserver();
+    CallObserver(const CallObserver&) = delete;
+    CallObserver& operator=(const CallObserver&) = delete;
+};
+
+} // namespace tavro_test
+
+#endif
