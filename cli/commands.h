@@ -30,10 +30,47 @@ struct TavroPlanArguments {
     std::string TargetText;
     std::string BaseDirectory;
     bool bMove = false;
-    TavroTransferConflictPolicy ConflictPolicy = TavroTransferConflictPolicy::Ask;
     bool bJson = false;
 };
 
 int TavroRunPlan(const TavroPlanArguments& Arguments);
+
+/// Writes one line an item: "SOURCE -> DESTINATION".
+void TavroPrintPlan(const TavroTransferPlan& Plan);
+
+/// What is done about something that is in the way of a copy or a move.
+enum class TavroOnConflict { Ask, Overwrite, Skip, KeepBoth };
+
+struct TavroTransferArguments {
+    std::vector<std::string> Entries;
+    std::string TargetText;
+    std::string BaseDirectory;
+    bool bMove = false;
+    TavroOnConflict OnConflict = TavroOnConflict::Ask;
+    bool bDryRun = false;
+    bool bQuiet = false;
+};
+
+int TavroRunTransfer(const TavroTransferArguments& Arguments);
+
+int TavroRunTrash(const std::vector<std::string>& Entries, bool bQuiet);
+
+int TavroRunUndo(bool bQuiet);
+
+int TavroRunRedo(bool bQuiet);
+
+int TavroRunHistory(bool bJson);
+
+/// `bZero`: names alone, each ended by a zero byte.
+int TavroRunList(bool bJson, bool bZero);
+
+/// `bKeepBoth`: to a free name, without asking, where the original place is taken.
+int TavroRunRestore(const std::vector<std::string>& Texts, bool bKeepBoth, bool bQuiet);
+
+/// `OlderThanDays`: 0 for everything.
+int TavroRunEmpty(int OlderThanDays, bool bForce, bool bQuiet);
+
+/// `Mend`: the names of the findings that are mended.
+int TavroRunDoctor(const std::vector<std::string>& Mend, bool bMendAll);
 
 #endif

@@ -6,16 +6,19 @@ namespace {
 
 volatile std::sig_atomic_t g_bInterrupted = 0;
 
-void NoteInterrupt(int Signal) {
+void NoteInterrupt(int /*Signal*/) {
     g_bInterrupted = 1;
-    std::signal(Signal, SIG_DFL);
 }
 
 } // namespace
 
 void TavroCatchInterrupts() {
-    std::signal(SIGINT, NoteInterrupt);
-    std::signal(SIGTERM, NoteInterrupt);
+    struct sigaction action = {};
+    action.sa_handler = NoteInterrupt;
+    // A question that waits for its answer ends with the first one; the second is not caught.
+    action.sa_flags = static_cast<int>(SA_RESETHAND);
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
 }
 
 bool TavroWasInterrupted() {

@@ -20,14 +20,16 @@ using Run = std::function<int()>;
 using CommandTable = std::map<const CLI::App*, Run>;
 
 const char* const g_examples = R"(Examples:
-  tavro mkdir 'Letters/2026'             create a folder with its parents
+  tavro copy photos /media/stick/        copy a folder into another
+  tavro move *.log ~/Logs/ -n            show what a move would do
   tavro rename report.txt final.txt      rename beside the file
-  tavro rename report.txt ../done/r.txt  move within the file system
-  tavro delete old.iso                   delete for good, after a question
+  tavro trash old.iso                    to the trash; 'tavro undo' brings it back
+  tavro list                             what is in the trash
+  tavro restore old.iso                  put it back where it was
+  tavro empty --older-than 30            make room, after a question
   tavro size ~/Music ~/Videos            how many bytes they hold
-  tavro plan copy a.txt b.txt /backup/   what a copy would do, doing nothing
 
-A name that begins with a dash goes behind --:  tavro delete -- -x.txt
+A name that begins with a dash goes behind --:  tavro trash -- -x.txt
 Exit codes: 0 done, 1 something failed, 2 wrong usage, 130 interrupted.)";
 
 std::string CurrentDirectory() {
@@ -77,12 +79,21 @@ CLI::App* AddCommand(CLI::App& app, const std::string& name, const std::string& 
     return command;
 }
 
+CLI::Option* AddBaseDirectory(CLI::App& command) {
+    CLI::Option* in = command.add_option("--in");
+    in->type_name("DIRECTORY");
+    return in->description("Typed text is relative to this directory instead of the current");
+}
+
+CLI::Option* AddQuiet(CLI::App& command) {
+    return command.add_flag("-q,--quiet", "No progress, no list of what was done");
+}
+
 void AddMkdir(CLI::App& app, CommandTable& table) {
     CLI::App* command = AddCommand(app, "mkdir", "Create a folder, with its missing parents");
     CLI::Option* text = command->add_option("TEXT");
     text->required()->description("The new folder as a pane takes it: a name, a path, ~/…");
-    CLI::Option* in = command->add_option("--in");
-    in->type_name("DIRECTORY")->description("Relative to this directory instead of the current");
+    CLI::Option* in = AddBaseDirectory(*command);
     table[command] = [=] {
         return TavroRunMkdir(Value(text), in->empty() ? CurrentDirectory() : Value(in));
     };
@@ -110,21 +121,31 @@ void AddSize(CLI::App& app, CommandTable& table) {
     table[command] = [=] { return TavroRunSize(Values(directories)); };
 }
 
+CLI::Option* AddTransferNames(CLI::App& command) {
+    return AddEntries(command, "ENTRY... TEXT", 2,
+                      "The entries, and last the target as a pane takes it");
+}
+
+/// Splits "ENTRY... TEXT" and fills what copy, move and plan have in common.
+template <typename Arguments>
+Arguments TransferArguments(const CLI::Option* names, const CLI::Option* in, bool bMove) {
+    Arguments arguments;
+    arguments.Entries = Values(names);
+    arguments.TargetText = arguments.Entries.back();
+    arguments.Entries.pop_back();
+    arguments.BaseDirectory = in->empty() ? CurrentDirectory() : Value(in);
+    arguments.bMove = bMove;
+    return arguments;
+}
+
 void AddPlanVerb(CLI::App& plan, bool bMove, CommandTable& table) {
     CLI::App* command =
         AddCommand(plan, bMove ? "move" : "copy", bMove ? "Plan a move" : "Plan a copy");
-    CLI::Option* names = AddEntries(*command, "ENTRY... TEXT", 2, "");
-    names->description("The entries, and last the target as a pane takes it");
-    CLI::Option* in = command->add_option("--in");
-    in->type_name("DIRECTORY")->description("The target is relative to this directory");
+    CLI::Option* names = AddTransferNames(*command);
+    CLI::Option* in = AddBaseDirectory(*command);
     CLI::Option* json = command->add_flag("--json", "Print the plan as JSON");
     table[command] = [=] {
-        TavroPlanArguments arguments;
-        arguments.Entries = Values(names);
-        arguments.TargetText = arguments.Entries.back();
-        arguments.Entries.pop_back();
-        arguments.BaseDirectory = in->empty() ? CurrentDirectory() : Value(in);
-        arguments.bMove = bMove;
+        auto arguments = TransferArguments<TavroPlanArguments>(names, in, bMove);
         arguments.bJson = !json->empty();
         return TavroRunPlan(arguments);
     };
@@ -135,6 +156,97 @@ void AddPlan(CLI::App& app, CommandTable& table) {
     command->require_subcommand(1);
     AddPlanVerb(*command, false, table);
     AddPlanVerb(*command, true, table);
+}
+
+const std::map<std::string, TavroOnConflict> g_onConflict = {
+    {"ask", TavroOnConflict::Ask},
+    {"overwrite", TavroOnConflict::Overwrite},
+    {"skip", TavroOnConflict::Skip},
+    {"keep-both", TavroOnConflict::KeepBoth},
+};
+
+void AddTransfer(CLI::App& app, bool bMove, CommandTable& table) {
+    CLI::App* command = AddCommand(app, bMove ? "move" : "copy",
+                                   bMove ? "Move entries to a folder or a new path"
+                                         : "Copy entries to a folder or a new path");
+    CLI::Option* names = AddTransferNames(*command);
+    CLI::Option* in = AddBaseDirectory(*command);
+    CLI::Option* onConflict = command->add_option("--on-conflict");
+    onConflict->type_name("ask|overwrite|skip|keep-both")
+        ->description("What is done about something in the way; without a terminal, ask skips")
+        ->check(CLI::IsMember(g_onConflict));
+    CLI::Option* dryRun = command->add_flag("-n,--dry-run", "Show the plan and do nothing");
+    CLI::Option* quiet = AddQuiet(*command);
+    table[command] = [=] {
+        auto arguments = TransferArguments<TavroTransferArguments>(names, in, bMove);
+        if (!onConflict->empty()) {
+            arguments.OnConflict = g_onConflict.at(Value(onConflict));
+        }
+        arguments.bDryRun = !dryRun->empty();
+        arguments.bQuiet = !quiet->empty();
+        return TavroRunTransfer(arguments);
+    };
+}
+
+void AddTrash(CLI::App& app, CommandTable& table) {
+    CLI::App* command = AddCommand(app, "trash", "Move entries to the trash, all or nothing");
+    CLI::Option* entries = AddEntries(*command, "ENTRY", 1, "What is trashed");
+    CLI::Option* quiet = AddQuiet(*command);
+    table[command] = [=] { return TavroRunTrash(Values(entries), !quiet->empty()); };
+}
+
+void AddUndoAndRedo(CLI::App& app, CommandTable& table) {
+    CLI::App* undo = AddCommand(app, "undo", "Undo the newest operation");
+    CLI::Option* undoQuiet = AddQuiet(*undo);
+    table[undo] = [=] { return TavroRunUndo(!undoQuiet->empty()); };
+    CLI::App* redo = AddCommand(app, "redo", "Do again what was undone last");
+    CLI::Option* redoQuiet = AddQuiet(*redo);
+    table[redo] = [=] { return TavroRunRedo(!redoQuiet->empty()); };
+    CLI::App* history = AddCommand(app, "history", "List what can be undone, newest first");
+    CLI::Option* json = history->add_flag("--json", "As JSON");
+    table[history] = [=] { return TavroRunHistory(!json->empty()); };
+}
+
+void AddList(CLI::App& app, CommandTable& table) {
+    CLI::App* command = AddCommand(app, "list", "List the trash, newest first");
+    CLI::Option* json = command->add_flag("--json", "As JSON");
+    CLI::Option* zero = command->add_flag("-0,--null", "Names alone, each ended by a zero byte");
+    zero->excludes(json);
+    table[command] = [=] { return TavroRunList(!json->empty(), !zero->empty()); };
+}
+
+void AddRestore(CLI::App& app, CommandTable& table) {
+    CLI::App* command = AddCommand(app, "restore", "Put trashed entries back");
+    CLI::Option* names =
+        AddEntries(*command, "NAME", 1, "A name in the trash, or an original path");
+    CLI::Option* keepBoth =
+        command->add_flag("--keep-both", "To a free name where the original place is taken");
+    CLI::Option* quiet = AddQuiet(*command);
+    table[command] = [=] {
+        return TavroRunRestore(Values(names), !keepBoth->empty(), !quiet->empty());
+    };
+}
+
+void AddEmpty(CLI::App& app, CommandTable& table) {
+    CLI::App* command = AddCommand(app, "empty", "Delete what is in the trash, after a question");
+    CLI::Option* days = command->add_option("--older-than");
+    days->type_name("DAYS")->description("Only what was trashed more than so many days ago");
+    days->check(CLI::Range(1, 36500));
+    CLI::Option* force = command->add_flag("-f,--force", "Without asking");
+    CLI::Option* quiet = AddQuiet(*command);
+    table[command] = [=] {
+        const int olderThan = days->empty() ? 0 : days->as<int>();
+        return TavroRunEmpty(olderThan, !force->empty(), !quiet->empty());
+    };
+}
+
+void AddDoctor(CLI::App& app, CommandTable& table) {
+    CLI::App* command = AddCommand(app, "doctor", "Look for items and records that do not match");
+    CLI::Option* mend = command->add_option("--mend");
+    mend->type_name("NAME")->expected(1, 1 << 28);
+    mend->description("Mend the findings with these names");
+    CLI::Option* all = command->add_flag("--mend-all", "Mend every finding");
+    table[command] = [=] { return TavroRunDoctor(Values(mend), !all->empty()); };
 }
 
 /// The parser of the command that was typed: the innermost that was met.
@@ -178,11 +290,19 @@ int RunCommandLine(int argc, char** argv) {
     app.set_version_flag("--version", "tavro " TAVRO_VERSION);
     app.require_subcommand(1);
     CommandTable table;
-    AddMkdir(app, table);
-    AddRename(app, table);
-    AddDelete(app, table);
-    AddSize(app, table);
+    AddTransfer(app, false, table);
+    AddTransfer(app, true, table);
     AddPlan(app, table);
+    AddRename(app, table);
+    AddMkdir(app, table);
+    AddDelete(app, table);
+    AddTrash(app, table);
+    AddUndoAndRedo(app, table);
+    AddList(app, table);
+    AddRestore(app, table);
+    AddEmpty(app, table);
+    AddDoctor(app, table);
+    AddSize(app, table);
     try {
         std::vector<std::string> arguments = ProtectedArguments(argc, argv);
         std::reverse(arguments.begin(), arguments.end()); // the order that the parser takes

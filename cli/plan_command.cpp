@@ -1,49 +1,32 @@
+// `tavro plan`.
+
 #include "commands.h"
 #include "entries.h"
-#include "percent.h"
+#include "json.h"
 #include "terminal.h"
-
-#include <nlohmann/json.hpp>
 
 namespace {
 
-using Json = nlohmann::ordered_json;
-
-const char* PolicyText(TavroTransferConflictPolicy Policy) {
-    switch (Policy) {
-    case TavroTransferConflictPolicy::Overwrite:
-        return "overwrite";
-    case TavroTransferConflictPolicy::Skip:
-        return "skip";
-    case TavroTransferConflictPolicy::Ask:
-        break;
-    }
-    return "ask";
-}
-
-/// JSON holds Unicode only, so each path stands there twice: to be read, and, exact to the byte, as
-/// a URI.
-Json ItemJson(const TavroTransferItemPlan& Item) {
-    return {{"name", Item.Name},
-            {"sourcePath", Item.SourcePath.string()},
-            {"sourceUri", "file://" + TavroPercentEncode(Item.SourcePath.string())},
-            {"destinationPath", Item.DestinationPath.string()},
-            {"destinationUri", "file://" + TavroPercentEncode(Item.DestinationPath.string())},
-            {"directory", Item.bDirectory}};
-}
-
-std::string PlanJson(const TavroTransferPlan& Plan) {
-    Json json = {{"move", Plan.bMove},
-                 {"conflictPolicy", PolicyText(Plan.ConflictPolicy)},
-                 {"sourceLabel", Plan.SourceLabel},
-                 {"items", Json::array()}};
+TavroJson PlanJson(const TavroTransferPlan& Plan) {
+    TavroJson json = {
+        {"move", Plan.bMove}, {"sourceLabel", Plan.SourceLabel}, {"items", TavroJson::array()}};
     for (const TavroTransferItemPlan& item : Plan.Items) {
-        json["items"].push_back(ItemJson(item));
+        TavroJson itemJson;
+        TavroAddPath(itemJson, "source", item.SourcePath.string());
+        TavroAddPath(itemJson, "destination", item.DestinationPath.string());
+        itemJson["directory"] = item.bDirectory;
+        json["items"].push_back(itemJson);
     }
-    return json.dump(2, ' ', true, Json::error_handler_t::replace);
+    return json;
 }
 
 } // namespace
+
+void TavroPrintPlan(const TavroTransferPlan& Plan) {
+    for (const TavroTransferItemPlan& item : Plan.Items) {
+        TavroPrintLine(stdout, item.SourcePath.string() + " -> " + item.DestinationPath.string());
+    }
+}
 
 int TavroRunPlan(const TavroPlanArguments& Arguments) {
     std::vector<TavroOperationEntry> selection;
@@ -53,16 +36,14 @@ int TavroRunPlan(const TavroPlanArguments& Arguments) {
     TavroTransferPlan plan;
     std::string error;
     if (!TavroBuildTransferPlan(selection, Arguments.TargetText, Arguments.BaseDirectory,
-                                Arguments.bMove, Arguments.ConflictPolicy, plan, error)) {
+                                Arguments.bMove, TavroTransferConflictPolicy::Ask, plan, error)) {
         TavroPrintError(error);
         return TavroExitFailed;
     }
     if (Arguments.bJson) {
-        std::fputs((PlanJson(plan) + '\n').c_str(), stdout);
-        return TavroExitDone;
-    }
-    for (const TavroTransferItemPlan& item : plan.Items) {
-        TavroPrintLine(stdout, item.SourcePath.string() + " -> " + item.DestinationPath.string());
+        TavroPrintJson(PlanJson(plan));
+    } else {
+        TavroPrintPlan(plan);
     }
     return TavroExitDone;
 }

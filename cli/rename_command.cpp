@@ -1,25 +1,61 @@
+// `tavro rename`.
+
 #include "commands.h"
-#include "selection.h"
+#include "entries.h"
+#include "record.h"
 #include "terminal.h"
 
 namespace fs = std::filesystem;
 
-int TavroRunRename(const std::string& Entry, const std::string& Text) {
-    const TavroOperationEntry entry = TavroSelectEntry(Entry);
-    // A bare new name stays beside the entry.
-    const fs::path baseDirectory = fs::path(entry.Path).parent_path();
+namespace {
+
+/// The module follows links when it looks for something in the way, so a dangling link would be
+/// replaced.
+bool IsDanglingLink(const fs::path& Path) {
+    std::error_code ec;
+    return fs::is_symlink(fs::symlink_status(Path, ec)) && !fs::exists(Path, ec);
+}
+
+bool Rename(const TavroOperationEntry& Entry, const std::string& Text,
+            const fs::path& BaseDirectory) {
     std::string selectedPath;
     std::string error;
     try {
-        if (!TavroRenameEntry(entry, Text, baseDirectory, selectedPath, error)) {
-            TavroPrintError(error);
-            return TavroExitFailed;
+        if (TavroRenameEntry(Entry, Text, BaseDirectory, selectedPath, error)) {
+            return true;
         }
     } catch (const fs::filesystem_error& failure) {
-        TavroPrintError("Cannot examine the rename target '" + failure.path1().string() +
-                        "': " + failure.code().message());
+        error = "Cannot examine the rename target '" + failure.path1().string() +
+                "': " + failure.code().message();
+    }
+    TavroPrintError(error);
+    return false;
+}
+
+} // namespace
+
+int TavroRunRename(const std::string& Entry, const std::string& Text) {
+    std::vector<TavroOperationEntry> selection;
+    if (!TavroFindEntries({Entry}, selection)) {
         return TavroExitFailed;
     }
-    TavroPrintLine(stdout, selectedPath);
+    const TavroOperationEntry& entry = selection.front();
+    // A bare new name stays beside the entry.
+    const fs::path baseDirectory = fs::path(entry.Path).parent_path();
+    const fs::path target = TavroResolveUserPath(TavroTrimText(Text), baseDirectory);
+    if (IsDanglingLink(target)) {
+        TavroPrintError("Rename target already exists, as a link to nothing: '" + target.string() +
+                        "'");
+        return TavroExitFailed;
+    }
+    if (!Rename(entry, Text, baseDirectory)) {
+        return TavroExitFailed;
+    }
+    // The entry's own path: the module's would name what a renamed link points to.
+    TavroPrintLine(stdout, target.string());
+    TavroHistoryOperation operation;
+    operation.Kind = TavroHistoryKind::Rename;
+    operation.Steps = {{entry.Path, target.string()}};
+    TavroRecordOperation(std::move(operation));
     return TavroExitDone;
 }

@@ -106,13 +106,17 @@ bool TavroCanAsk() {
     return TavroIsTerminal(stdin) && TavroIsTerminal(stderr);
 }
 
-bool TavroConfirm(const std::string& Question) {
-    const std::string prompt = TavroPrintableText(Question) + " [y/N] ";
-    std::fwrite(prompt.data(), 1, prompt.size(), stderr);
+std::string TavroAsk(const std::string& Question) {
+    std::fwrite(Question.data(), 1, Question.size(), stderr);
     std::fflush(stderr);
     std::string answer;
     for (int byte = std::getchar(); byte != EOF && byte != '\n'; byte = std::getchar()) {
         answer += static_cast<char>(byte);
     }
+    return answer;
+}
+
+bool TavroConfirm(const std::string& Question) {
+    const std::string answer = TavroAsk(TavroPrintableText(Question) + " [y/N] ");
     return answer == "y" || answer == "Y" || answer == "yes";
 }

@@ -29,6 +29,11 @@ std::string TavroCountText(std::uint64_t Count, const std::string& Singular);
 /// A size as people read it: "1 byte", "999 bytes", "1.2 kB", "34 MB", in powers of 1,000.
 std::string TavroHumanSize(std::uint64_t Bytes);
 
+/// Asks a question on standard error. It is written as it is: names in it are made printable
+/// before.
+/// @return the line that was typed; empty at the end of the input, and after an interrupt.
+std::string TavroAsk(const std::string& Question);
+
 /// Asks a question that is answered by y or n, on standard error.
 /// @return true for a yes; false for anything else, the end of the input included.
 bool TavroConfirm(const std::string& Question);

@@ -213,7 +213,7 @@ bool TavroBuildTransferPlan(const std::vector<TavroOperationEntry>& Entries,
 ///         - "Failed to create rename target directory: REASON"
 ///         - "Rename failed: REASON" (across file systems too: nothing is copied)
 /// @throws std::filesystem::filesystem_error when the target cannot be examined for another reason
-///         than that it is missing (a directory without search permission, a name too long);
+///         than that it or its folder is missing (no search permission, a name too long);
 ///         `OutSelectedPath` is empty then, `ErrorMessage` untouched, and nothing on disk has
 ///         changed.
 bool TavroRenameEntry(const TavroOperationEntry& Entry, const std::string& TargetText,

@@ -1,0 +1,36 @@
+# Completion of `tavro` for fish.
+
+set -l commands copy move plan rename mkdir delete trash undo redo history list restore empty doctor size
+set -l none "not __fish_seen_subcommand_from $commands"
+
+complete -c tavro -f -n $none -l help -d 'Help'
+complete -c tavro -f -n $none -l version -d 'Version'
+complete -c tavro -f -n $none -a copy -d 'Copy entries to a folder or a new path'
+complete -c tavro -f -n $none -a move -d 'Move entries to a folder or a new path'
+complete -c tavro -f -n $none -a plan -d 'Show what a copy or a move would do'
+complete -c tavro -f -n $none -a rename -d 'Rename an entry, or move it to a new path'
+complete -c tavro -f -n $none -a mkdir -d 'Create a folder, with its missing parents'
+complete -c tavro -f -n $none -a delete -d 'Delete entries for good, after a question'
+complete -c tavro -f -n $none -a trash -d 'Move entries to the trash'
+complete -c tavro -f -n $none -a undo -d 'Undo the newest operation'
+complete -c tavro -f -n $none -a redo -d 'Do again what was undone last'
+complete -c tavro -f -n $none -a history -d 'List what can be undone'
+complete -c tavro -f -n $none -a list -d 'List the trash'
+complete -c tavro -f -n $none -a restore -d 'Put trashed entries back'
+complete -c tavro -f -n $none -a empty -d 'Delete what is in the trash'
+complete -c tavro -f -n $none -a doctor -d 'Look for items and records that do not match'
+complete -c tavro -f -n $none -a size -d 'Add up the sizes of the files in folders'
+
+complete -c tavro -n '__fish_seen_subcommand_from copy move plan mkdir' -l in -r -d 'Relative to this directory'
+complete -c tavro -n '__fish_seen_subcommand_from copy move' -l on-conflict -x -a 'ask overwrite skip keep-both' -d 'What is done about something in the way'
+complete -c tavro -n '__fish_seen_subcommand_from copy move' -s n -l dry-run -d 'Show the plan and do nothing'
+complete -c tavro -n '__fish_seen_subcommand_from copy move trash undo redo restore empty' -s q -l quiet -d 'No progress, no list'
+complete -c tavro -n '__fish_seen_subcommand_from plan; and not __fish_seen_subcommand_from copy move' -f -a 'copy move'
+complete -c tavro -n '__fish_seen_subcommand_from plan history list' -l json -d 'As JSON'
+complete -c tavro -n '__fish_seen_subcommand_from delete empty' -s f -l force -d 'Without asking'
+complete -c tavro -n '__fish_seen_subcommand_from list' -s 0 -l null -d 'Names alone, each ended by a zero byte'
+complete -c tavro -f -n '__fish_seen_subcommand_from restore' -a '(tavro list -0 2>/dev/null | string split0)'
+complete -c tavro -n '__fish_seen_subcommand_from restore' -l keep-both -d 'To a free name'
+complete -c tavro -n '__fish_seen_subcommand_from empty' -l older-than -x -d 'Only what is older than so many days'
+complete -c tavro -n '__fish_seen_subcommand_from doctor' -l mend -x -d 'Mend this finding'
+complete -c tavro -n '__fish_seen_subcommand_from doctor' -l mend-all -d 'Mend every finding'

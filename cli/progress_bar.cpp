@@ -1,0 +1,76 @@
+#include "progress_bar.h"
+
+#include "terminal.h"
+
+#include <algorithm>
+#include <array>
+
+namespace {
+
+double FractionDone(const TavroTransferProgress& Progress) {
+    if (Progress.ByteCount != 0) {
+        return static_cast<double>(Progress.BytesDone) / static_cast<double>(Progress.ByteCount);
+    }
+    if (Progress.ItemCount != 0) {
+        return static_cast<double>(Progress.ItemsDone) / static_cast<double>(Progress.ItemCount);
+    }
+    return 0;
+}
+
+/// Seconds as 0:05, 1:40, 2:00:00.
+std::string DurationText(double Seconds) {
+    const auto whole = static_cast<unsigned long>(Seconds);
+    std::array<char, 40> text = {};
+    if (whole >= 3600) {
+        std::snprintf(text.data(), text.size(), "%lu:%02lu:%02lu", whole / 3600, whole / 60 % 60,
+                      whole % 60);
+    } else {
+        std::snprintf(text.data(), text.size(), "%lu:%02lu", whole / 60, whole % 60);
+    }
+    return text.data();
+}
+
+} // namespace
+
+std::string TavroProgressText(const TavroTransferProgress& Progress, double Seconds) {
+    constexpr int width = 20;
+    const double fraction = std::clamp(FractionDone(Progress), 0.0, 1.0);
+    const int filled = static_cast<int>(fraction * width);
+    std::string text = "[" + std::string(static_cast<std::size_t>(filled), '#') +
+                       std::string(static_cast<std::size_t>(width - filled), '-') + "] " +
+                       std::to_string(static_cast<int>(fraction * 100)) + " %  ";
+    if (Progress.ByteCount == 0) {
+        return text + TavroGroupedNumber(Progress.ItemsDone) + " of " +
+               TavroCountText(Progress.ItemCount, "item");
+    }
+    text += TavroHumanSize(Progress.BytesDone) + " of " + TavroHumanSize(Progress.ByteCount);
+    if (Seconds > 0 && fraction > 0) {
+        const double rate = static_cast<double>(Progress.BytesDone) / Seconds;
+        text += "  " + TavroHumanSize(static_cast<std::uint64_t>(rate)) + "/s  " +
+                DurationText(Seconds / fraction - Seconds) + " left";
+    }
+    return text;
+}
+
+TavroProgressBar::TavroProgressBar(bool bQuiet) : m_bActive(!bQuiet && TavroIsTerminal(stderr)) {}
+
+TavroProgressBar::~TavroProgressBar() {
+    Clear();
+}
+
+void TavroProgressBar::Show(const TavroTransferProgress& Progress) {
+    const std::chrono::duration<double> seconds = Clock::now() - m_begin;
+    if (!m_bActive || seconds.count() < 0.5) {
+        return;
+    }
+    m_bShown = true;
+    std::fprintf(stderr, "\r%s\033[K", TavroProgressText(Progress, seconds.count()).c_str());
+    std::fflush(stderr);
+}
+
+void TavroProgressBar::Clear() {
+    if (m_bShown) {
+        std::fputs("\r\033[K", stderr);
+        m_bShown = false;
+    }
+}
