@@ -37,12 +37,13 @@ std::string CurrentDirectory() {
     return std::filesystem::current_path(ec).string();
 }
 
-/// The argument parser takes "[a,b]" for a list of two, but it is one name here. With a zero byte
-/// at its end, which no argument can hold, it passes as it is; Values takes that byte away again.
+/// The argument parser takes "[a,b]" for a list of two and "++" for the end of a command, but they
+/// are names here. With a zero byte at its end, which no argument can hold, such a name passes as it
+/// is; Values takes that byte away again.
 std::vector<std::string> ProtectedArguments(int argc, char** argv) {
     std::vector<std::string> arguments(argv + 1, argv + argc);
     for (std::string& argument : arguments) {
-        if (!argument.empty() && argument.back() == ']') {
+        if (argument == "++" || (!argument.empty() && argument.back() == ']')) {
             argument += '\0';
         }
     }

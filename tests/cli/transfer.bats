@@ -1,0 +1,174 @@
+#!/usr/bin/env bats
+
+load helpers
+
+@test "copy and move print what went where" {
+  echo one >a
+  mkdir d
+  run -0 tavro copy a d
+  expect "$output" "Copied $PWD/a -> $PWD/d/a"
+  run -0 tavro move a b
+  expect "$output" "Moved $PWD/a -> $PWD/b"
+  expect "$(cat b d/a)" $'one\none'
+  [ ! -e a ]
+}
+
+@test "a target folder that is missing is made" {
+  touch a b
+  run -0 tavro copy a b new/folder
+  expect "$(ls new/folder)" $'a\nb'
+}
+
+@test "a copy is undone into the trash, and redone from it" {
+  echo one >a
+  tavro copy a b
+  run -0 tavro undo
+  [ ! -e b ]
+  expect "$(ls "$HOME/.local/share/Trash/files")" b
+  run -0 tavro redo
+  expect "$(cat b)" one
+}
+
+@test "a move is undone and redone" {
+  mkdir d
+  echo one >d/a
+  tavro move d e
+  run -0 tavro undo
+  expect "$(cat d/a)" one
+  run -0 tavro redo
+  expect "$(cat e/a)" one
+}
+
+@test "mkdir and rename are undone; a folder in use is not" {
+  tavro mkdir x/y
+  touch x/y/file
+  run -1 --separate-stderr tavro undo
+  [[ $stderr == *"'$PWD/x/y'"*'not empty'* ]]
+  rm x/y/file
+  run -0 tavro undo
+  [ ! -e x ]
+  touch a
+  tavro rename a b
+  run -0 tavro undo
+  [ -f a ]
+}
+
+@test "history lists what was done, newest first" {
+  touch a
+  tavro mkdir d
+  tavro copy a d
+  run -0 tavro history
+  [[ ${lines[0]} == *"  copy  $PWD/a -> $PWD/d/a" ]]
+  [[ ${lines[1]} == *"  mkdir  $PWD/d" ]]
+  tavro undo
+  run -0 tavro history
+  [[ ${lines[0]} == *'(undone)' ]]
+  run -0 tavro history --json
+  [[ $output == *'"undone": true'* ]]
+}
+
+@test "nothing to undo or redo is said" {
+  run -1 --separate-stderr tavro undo
+  expect "$stderr" 'tavro: Nothing to undo'
+  run -1 --separate-stderr tavro redo
+  expect "$stderr" 'tavro: Nothing to redo'
+}
+
+@test "without a terminal a conflict is skipped and said, and the exit code tells" {
+  echo new >a
+  mkdir d
+  echo old >d/a
+  touch b
+  run -1 --separate-stderr tavro copy a b d
+  expect "$stderr" "tavro: Skipped, as something is in its place: '$PWD/a'"
+  expect "$(cat d/a)" old
+  [ -f d/b ]
+}
+
+@test "conflicts are solved as the option says" {
+  echo new >a
+  echo old >b
+  run -0 tavro copy a b --on-conflict skip
+  expect "$(cat b)" old
+  run -0 tavro copy a b --on-conflict keep-both
+  expect "$output" "Copied $PWD/a -> $PWD/b copy 1"
+  run -0 tavro copy a b --on-conflict overwrite
+  expect "$(cat b 'b copy 1')" $'new\nnew'
+  run -2 tavro copy a b --on-conflict perhaps
+}
+
+@test "a conflict is asked about on a terminal" {
+  echo new >a
+  echo old >b
+  run -1 on_terminal "$TAVRO copy a b" q
+  [[ $output == *"File exists: $PWD/b"* ]]
+  expect "$(cat b)" old
+  run -0 on_terminal "$TAVRO copy a b" b
+  expect "$(cat 'b copy 1')" new
+  run -0 on_terminal "$TAVRO copy a b" o
+  expect "$(cat b)" new
+}
+
+@test "a file never replaces a folder without being asked, not even to overwrite" {
+  mkdir -p d/a/kept
+  touch a
+  run -1 tavro copy a d --on-conflict overwrite
+  [ -d d/a/kept ]
+}
+
+@test "folders merge" {
+  mkdir -p a/sub d/a/sub
+  echo 1 >a/sub/one
+  echo 2 >d/a/sub/two
+  run -0 tavro move a d
+  expect "$(ls d/a/sub)" $'one\ntwo'
+  [ ! -e a ]
+  run -0 tavro undo
+  expect "$(cat a/sub/one)" 1
+}
+
+@test "an audio track is planned and then refused" {
+  run -1 --separate-stderr tavro copy 'cdda:/Track 1.cdda' .
+  expect "$stderr" "tavro: Cannot read audio CD track 'cdda:/Track 1.cdda': this build reads no discs"
+}
+
+@test "one bad entry does not stop the others" {
+  touch a c
+  mkdir d
+  python3 -c 'import socket; socket.socket(socket.AF_UNIX).bind("b")' || skip 'no socket without python3'
+  run -1 --separate-stderr tavro copy a b c d
+  [[ $stderr == *socket*"'$PWD/b'"* ]]
+  expect "$(ls d)" $'a\nc'
+}
+
+@test "a dry run shows the plan and does nothing" {
+  touch a
+  run -0 tavro move a b -n
+  expect "$output" "$PWD/a -> $PWD/b"
+  [ -f a ]
+  run -1 tavro undo
+}
+
+@test "an interrupted copy leaves nothing half done and exits with 130" {
+  mkdir src
+  head -c 300000000 /dev/zero | tr '\0' x >src/big
+  "$TAVRO" copy src dst >out 2>err &
+  pid=$!
+  until compgen -G '.tavro-*' >/dev/null || ! kill -0 "$pid" 2>/dev/null; do :; done
+  kill -INT "$pid" 2>/dev/null || skip 'the copy was over before it could be interrupted'
+  status=0
+  wait "$pid" || status=$?
+  if [ -e dst ]; then
+    expect "$(wc -c <dst/big)" 300000000
+    skip 'the copy was over before it could be interrupted'
+  fi
+  expect "$status" 130
+  expect "$(ls -A)" $'err\nout\nsrc'
+}
+
+@test "progress is shown on a terminal only" {
+  head -c 400000000 /dev/zero | tr '\0' x >big
+  run -0 --separate-stderr tavro copy big copy
+  expect "$stderr" ''
+}
+

@@ -1,0 +1,195 @@
+#!/usr/bin/env bats
+
+load helpers
+
+trash=.local/share/Trash
+
+@test "trash says where each entry went, undo brings them back, redo takes them again" {
+  echo one >a
+  mkdir d
+  echo two >d/b
+  run -0 tavro trash a d
+  expect "$output" "$PWD/a -> $HOME/$trash/files/a
+$PWD/d -> $HOME/$trash/files/d"
+  [ -z "$(ls)" ]
+  [ -f "$HOME/$trash/info/d.trashinfo" ]
+  run -0 tavro undo
+  expect "${lines[0]}" 'Undone: trash'
+  expect "$(cat a d/b)" $'one\ntwo'
+  run -0 tavro redo
+  expect "${lines[0]}" 'Redone: trash'
+  [ -z "$(ls)" ]
+  run -0 tavro undo
+  expect "$(cat a d/b)" $'one\ntwo'
+  [ -z "$(ls "$HOME/$trash/info")" ]
+}
+
+@test "the trash of a first use is private" {
+  umask 000
+  touch a
+  run -0 tavro trash a
+  expect "$(stat -c %a "$HOME/$trash" "$HOME/$trash/files" "$HOME/$trash/info")" $'700\n700\n700'
+}
+
+@test "trash is all or nothing" {
+  touch a b
+  run -1 --separate-stderr tavro trash a missing b
+  expect "$stderr" "tavro: No such entry: 'missing'"
+  expect "$(ls)" $'a\nb'
+  [ ! -e "$HOME/$trash/files/a" ]
+}
+
+@test "trash refuses the home directory, the trash and the root" {
+  touch a
+  tavro trash a
+  for path in "$HOME" "$HOME/.local" "$HOME/$trash" "$HOME/$trash/files" "$HOME/$trash/info"; do
+    run -1 --separate-stderr tavro trash "$path"
+    [[ $stderr == "tavro: "*"'$path'"* ]] || expect "$stderr" "a sentence about $path"
+  done
+  # The empty trash of a scratch home stands in for /: a broken check must have nothing to lose.
+  run -1 tavro trash "$scratch"
+  [ -f "$HOME/$trash/files/a" ]
+}
+
+@test "links are trashed and restored as links" {
+  mkdir d
+  touch d/kept
+  ln -s d link
+  ln -s nowhere dangling
+  run -0 tavro trash link dangling
+  expect "$(readlink "$HOME/$trash/files/link")" d
+  run -0 tavro undo
+  expect "$(readlink link) $(readlink dangling)" 'd nowhere'
+  [ -f d/kept ]
+}
+
+@test "every odd name goes to the trash and comes back" {
+  names=('[a,b]' '{}' $'new\nline' $'\xff\xfe' 'a b' '%41' undo ' ' "$(printf 'é%.0s' {1..127})")
+  touch -- "${names[@]}"
+  before=$(find . -print0 | sort -z | od -c)
+  run -0 tavro trash -- "${names[@]}"
+  [ -z "$(ls -A)" ]
+  run -0 tavro undo
+  expect "$(find . -print0 | sort -z | od -c)" "$before"
+}
+
+@test "list shows name, origin, date and size, newest first" {
+  printf '12345' >old
+  touch new
+  tavro trash old
+  printf '[Trash Info]\nPath=%s\nDeletionDate=2001-02-03T04:05:06\n' "$PWD/old" \
+    >"$HOME/$trash/info/old.trashinfo"
+  tavro trash new
+  run -0 tavro list
+  [[ ${lines[0]} == *$'\t0\tnew\t'"$PWD/new" ]]
+  expect "${lines[1]}" $'2001-02-03T04:05:06\t5\told\t'"$PWD/old"
+  run -0 bash -c '"$TAVRO" list -0 | tr "\0" "\n"'
+  expect "$output" $'new\nold'
+  run -0 tavro list --json
+  [[ $output == *"\"originalUri\": \"file://$PWD/old\""* ]]
+  run -0 on_terminal "$TAVRO list"
+  expect "${lines[1]}" "2001-02-03 04:05:06     5 bytes  old  from $PWD/old"
+}
+
+@test "list of a trash that was never used is empty" {
+  run -0 tavro list
+  expect "$output" ''
+  run -0 tavro list --json
+  expect "$output" '[]'
+}
+
+@test "restore takes a name in the trash or an original path" {
+  echo one >a
+  echo two >b
+  tavro trash a b
+  run -0 tavro restore a
+  expect "$output" "$HOME/$trash/files/a -> $PWD/a"
+  run -0 tavro restore "$PWD/b"
+  expect "$(cat a b)" $'one\ntwo'
+  run -1 --separate-stderr tavro restore a
+  [[ $stderr == "tavro: "*"'a'"* ]]
+}
+
+@test "restore refuses an occupied place and offers a free name" {
+  echo old >a
+  tavro trash a
+  echo new >a
+  run -1 --separate-stderr tavro restore a
+  expect "$stderr" "tavro: Something is at '$PWD/a': with --keep-both it would be restored as '$PWD/a copy 1'"
+  run -0 on_terminal "$TAVRO restore a" y
+  expect "$(cat a 'a copy 1')" $'new\nold'
+}
+
+@test "restore --keep-both does not ask" {
+  echo old >a
+  tavro trash a
+  ln -s nowhere a
+  run -0 tavro restore --keep-both a
+  expect "$(cat 'a copy 1')" old
+  [ -L a ]
+}
+
+@test "empty asks, refuses without a terminal, and can be limited to what is old" {
+  touch old new
+  tavro trash old new
+  printf '[Trash Info]\nPath=%s\nDeletionDate=2001-02-03T04:05:06\n' "$PWD/old" \
+    >"$HOME/$trash/info/old.trashinfo"
+  run -2 --separate-stderr tavro empty
+  expect "$stderr" 'tavro: Refusing to empty the trash without asking: use -f, or a terminal'
+  run -1 on_terminal "$TAVRO empty" n
+  [ -f "$HOME/$trash/files/old" ]
+  run -0 tavro empty --older-than 30 -f
+  expect "$output" 'Deleted 1 item (0 bytes)'
+  expect "$(ls "$HOME/$trash/files")" new
+  run -0 on_terminal "$TAVRO empty" y
+  [ -z "$(ls "$HOME/$trash/files" "$HOME/$trash/info" | grep -v :)" ]
+  run -2 tavro empty --older-than many
+}
+
+@test "doctor reports, and mends what it is told to" {
+  touch a b
+  tavro trash a b
+  run -0 tavro doctor
+  expect "$output" 'The trash is in order.'
+  rm "$HOME/$trash/info/a.trashinfo"
+  rm "$HOME/$trash/files/b"
+  run -1 tavro doctor
+  expect "${#lines[@]}" 2
+  [ ! -e "$HOME/$trash/info/a.trashinfo" ]
+  run -1 tavro doctor --mend a
+  [ -f "$HOME/$trash/info/a.trashinfo" ]
+  [ -f "$HOME/$trash/info/b.trashinfo" ]
+  run -0 tavro doctor --mend-all
+  [ ! -e "$HOME/$trash/info/b.trashinfo" ]
+  run -0 tavro doctor
+}
+
+@test "without HOME the trash is unavailable, and nothing moves" {
+  touch a
+  run -1 --separate-stderr env -u HOME "$TAVRO" trash a
+  [[ $stderr == *HOME* ]]
+  [ -f a ]
+}
+
+@test "trash from another file system says so, with the size" {
+  other=$(mktemp -d -p /dev/shm)
+  if [ "$(stat -c %d "$other")" = "$(stat -c %d "$HOME")" ]; then
+    rmdir "$other"
+    skip '/dev/shm and the temporary directory are one file system'
+  fi
+  head -c 1500 /dev/zero >"$other/a"
+  run -0 --separate-stderr tavro trash "$other/a"
+  expect "$stderr" 'tavro: 1 entry on another file system will be copied to the trash (1.5 kB)'
+  [ ! -e "$other/a" ]
+  run -0 tavro undo
+  expect "$(wc -c <"$other/a")" 1500
+  rm -r "$other"
+}
+
+@test "quiet commands print nothing" {
+  touch a
+  run -0 tavro trash -q a
+  expect "$output" ''
+  run -0 tavro undo -q
+  expect "$output" ''
+}
