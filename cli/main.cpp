@@ -38,8 +38,8 @@ std::string CurrentDirectory() {
 }
 
 /// The argument parser takes "[a,b]" for a list of two and "++" for the end of a command, but they
-/// are names here. With a zero byte at its end, which no argument can hold, such a name passes as it
-/// is; Values takes that byte away again.
+/// are names here. With a zero byte at its end, which no argument can hold, such a name passes as
+/// it is; Values takes that byte away again.
 std::vector<std::string> ProtectedArguments(int argc, char** argv) {
     std::vector<std::string> arguments(argv + 1, argv + argc);
     for (std::string& argument : arguments) {
