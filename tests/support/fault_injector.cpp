@@ -297,10 +297,15 @@ int fstat64(int descriptor, struct stat64* status) noexcept {
 }
 
 struct dirent* readdir(DIR* directory) {
-    if (judgeDescriptor("readdir", dirfd(directory)) != Verdict::Pass) {
+    const Verdict verdict = judgeDescriptor("readdir", dirfd(directory));
+    if (verdict == Verdict::Fail) {
         return nullptr;
     }
-    return original(&readdir, "readdir")(directory);
+    struct dirent* const entry = original(&readdir, "readdir")(directory);
+    if (verdict == Verdict::Half && entry != nullptr) {
+        entry->d_type = DT_UNKNOWN;
+    }
+    return entry;
 }
 
 DIR* opendir(const char* path) {

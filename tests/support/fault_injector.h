@@ -19,8 +19,9 @@ struct Fault {
     /// "utimensat", "getcwd", "truncate", "read", "localtime_r".
     std::string Call;
 
-    /// What errno becomes. 0 (for "write", "writev" and "sendfile" only): half of the bytes are
-    /// written and the call reports that half.
+    /// What errno becomes. 0 makes half a failure: for "write", "writev" and "sendfile", half of
+    /// the bytes are written and the call reports that half; for "readdir", the entry comes without
+    /// its type, as some file systems give it. For other calls it means nothing.
     int Errno = 0;
 
     /// Only calls whose path (the first, for calls with two; for those on a descriptor, the path it
