@@ -66,6 +66,7 @@ void PrintSize(std::uintmax_t Bytes, const std::string& Directory, bool bPartial
         return;
     }
     TavroPrintLine(stdout, std::to_string(Bytes) + mark + "\t" + Directory);
+    std::fflush(stdout); // the next folder may take long
 }
 
 } // namespace

@@ -220,7 +220,7 @@ bool TrashPaths(const std::vector<std::string>& Paths, const TavroTransferCallba
         entries.push_back(TavroSelectEntry(path));
     }
     std::vector<TavroTrashEntry> trashed;
-    if (!TavroTrashSelection(TavroKeepLinks(entries), Callbacks, trashed, ErrorMessage)) {
+    if (!TavroTrashSelection(entries, Callbacks, trashed, ErrorMessage)) {
         return false;
     }
     OutTrashEntries = std::move(trashed);

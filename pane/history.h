@@ -102,10 +102,11 @@ public:
     /// @param ErrorMessage  set on failure only: a sentence that names what is in the way;
     ///                      "Nothing to undo", "Nothing to redo"; "Cancelled".
     /// @return true when it was undone; false when not: disk and history are unchanged then, so
-    ///         that it can be tried again. One failure is different: when everything went well but
-    ///         the save that followed, the sentence begins with "It is undone" ("It is redone"):
-    ///         the file still has the history from before, while Undoable and Redoable tell what
-    ///         holds, and the next success saves it.
+    ///         that it can be tried again. Two failures are different. What could not be moved back
+    ///         is told at the end of the sentence, after "; moving back failed: ". And when all
+    ///         went well but the save that followed, the sentence begins with "It is undone" ("It
+    ///         is redone"): the file still has the history from before, while Undoable and Redoable
+    ///         tell what holds, and the next success saves it.
     bool Undo(const TavroTransferCallbacks& Callbacks, TavroHistoryOperation& OutOperation,
               std::string& ErrorMessage);
     bool Redo(const TavroTransferCallbacks& Callbacks, TavroHistoryOperation& OutOperation,

@@ -255,6 +255,13 @@ ssize_t sendfile(int out, int in, off_t* offset, std::size_t count) noexcept {
                                            verdict == Verdict::Half ? count / 2 : count);
 }
 
+int fsync(int descriptor) {
+    if (judgeDescriptor("fsync", descriptor) != Verdict::Pass) {
+        return -1;
+    }
+    return original(&fsync, "fsync")(descriptor);
+}
+
 int close(int descriptor) {
     if (judgeDescriptor("close", descriptor) != Verdict::Pass) {
         const int error = errno;

@@ -14,9 +14,9 @@ namespace tavro_test {
 /// One rule for calls to fail by.
 struct Fault {
     /// The name of the C function: "rename", "remove", "unlinkat", "mkdir", "open", "openat",
-    /// "fopen64", "write", "writev", "sendfile", "close", "fclose", "stat", "lstat", "fstat64",
-    /// "readdir", "fdopendir", "opendir", "symlink", "readlink", "realpath", "fchmod", "fchmodat",
-    /// "utimensat", "getcwd", "truncate", "read", "localtime_r".
+    /// "fopen64", "write", "writev", "sendfile", "fsync", "close", "fclose", "stat", "lstat",
+    /// "fstat64", "readdir", "fdopendir", "opendir", "symlink", "readlink", "realpath", "fchmod",
+    /// "fchmodat", "utimensat", "getcwd", "truncate", "read", "localtime_r".
     std::string Call;
 
     /// What errno becomes. 0 makes half a failure: for "write", "writev" and "sendfile", half of
