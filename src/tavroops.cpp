@@ -112,7 +112,10 @@ std::string TavroCanonicalizePath(const std::string& Path) {
 
 std::string TavroHomeDirectoryPath() {
     const char* home = std::getenv("HOME");
-    return home == nullptr ? std::string() : TavroCanonicalizePath(home);
+    if (home == nullptr) {
+        return {};
+    }
+    return TavroCanonicalizePath(home);
 }
 
 bool TavroEndsWithPathSeparator(const std::string& Text) {
@@ -239,10 +242,10 @@ std::uintmax_t TavroCalculateDirectorySize(const fs::path& root,
         if (shouldCancel && shouldCancel()) {
             break;
         }
-        if (error) {
+        if (error) { // GCOVR_EXCL_START: here, an advance that fails ends the walk
             error.clear();
             continue;
-        }
+        } // GCOVR_EXCL_STOP
         total += RegularFileSize(*walk);
     }
     return total;
@@ -287,11 +290,18 @@ struct TransferTarget {
     bool bTypedInto;   ///< The typed text ends in a separator: the target is a folder to go into.
 };
 
+/// The name that `Entry` gets inside a folder.
+fs::path DestinationName(const TavroOperationEntry& Entry, bool bCddaSource) {
+    if (bCddaSource) {
+        return CddaCopyDestinationName(Entry);
+    }
+    return fs::path(Entry.Path).filename();
+}
+
 /// The full new path of `Entry`: inside the target, or the target itself.
 fs::path DestinationFor(const TransferTarget& Target, const TavroOperationEntry& Entry,
                         bool bCddaSource) {
-    const fs::path sourceFileName =
-        bCddaSource ? CddaCopyDestinationName(Entry) : fs::path(Entry.Path).filename();
+    const fs::path sourceFileName = DestinationName(Entry, bCddaSource);
     if (!Target.bSingleEntry || Target.bTypedInto) {
         return Target.Path / sourceFileName;
     }
@@ -305,11 +315,12 @@ fs::path DestinationFor(const TransferTarget& Target, const TavroOperationEntry&
 /// Whether `Entry` can go to `Destination`; something that exists there is no obstacle yet.
 bool CheckDestination(const TavroOperationEntry& Entry, const fs::path& Destination,
                       bool bCddaSource, bool bMove, std::string& ErrorMessage) {
-    if (!bCddaSource && TavroPathsEquivalentOrSame(Entry.Path, Destination)) {
+    const fs::path source(Entry.Path);
+    if (!bCddaSource && TavroPathsEquivalentOrSame(source, Destination)) {
         return Fail(ErrorMessage, std::string(bMove ? "Move" : "Copy") +
                                       " target matches the source path for '" + Entry.Name + "'.");
     }
-    if (Entry.bDirectory && TavroPathIsInside(Entry.Path, Destination)) {
+    if (Entry.bDirectory && TavroPathIsInside(source, Destination)) {
         return Fail(ErrorMessage, std::string("Cannot ") + (bMove ? "move" : "copy") +
                                       " a directory into itself: " + Entry.Name);
     }
@@ -483,7 +494,7 @@ void CopyPreservingType(const fs::path& Source, const fs::path& Destination, boo
     try {
         fs::copy(Source, Destination, fs::copy_options::recursive | fs::copy_options::copy_symlinks,
                  ec);
-    } catch (const fs::filesystem_error& error) {
+    } catch (const fs::filesystem_error& error) { // GCOVR_EXCL_BR_LINE: bad_alloc goes on
         // Its walk of a directory throws where reading on fails, error code or not.
         ec = error.code();
     }
@@ -505,7 +516,8 @@ bool FileArrivedWhole(const fs::path& Source, const fs::path& Destination) {
     if (ec || !fs::is_regular_file(fs::symlink_status(Destination, ec))) {
         return false;
     }
-    return fs::file_size(Destination, ec) == size && !ec;
+    // A size that cannot be had is reported as one that no file has.
+    return fs::file_size(Destination, ec) == size;
 }
 
 /// Every regular file of the tree at `Source`, links not followed, arrived whole at `Destination`.
@@ -553,8 +565,12 @@ bool MoveByCopying(const fs::path& Source, const fs::path& Destination, bool bDi
     }
     std::error_code cleanupEc;
     RemovePreservingType(Destination, bDirectory, cleanupEc);
-    return Fail(ErrorMessage, "Failed to remove original '" + Source.string() +
-                                  "' after copying: " + (ec ? ec.message() : "unknown error"));
+    std::string reason = "unknown error";
+    if (ec) {
+        reason = ec.message();
+    }
+    return Fail(ErrorMessage,
+                "Failed to remove original '" + Source.string() + "' after copying: " + reason);
 }
 
 /// Moves one entry to the full path `Destination`, whose missing parents are created and stay.
@@ -793,8 +809,9 @@ bool CheckRestorable(const std::vector<TavroTrashEntry>& Entries, std::string& E
         if (!fs::exists(entry.TrashPath, ec)) {
             return Fail(ErrorMessage, "Trash item is missing: " + entry.TrashPath);
         }
+        const bool bExists = fs::exists(entry.OriginalPath, ec);
         // A place that cannot be examined is not known to be free.
-        if (fs::exists(entry.OriginalPath, ec) || ec) {
+        if (bExists || ec) {
             return Fail(ErrorMessage, "Restore target already exists: " + entry.OriginalPath);
         }
     }
