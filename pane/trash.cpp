@@ -17,6 +17,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <system_error>
+#include <unordered_map>
 #include <utility>
 
 namespace fs = std::filesystem;
@@ -51,12 +52,29 @@ TavroTrashFolders TavroFindTrashFolders() {
     return {root, root / "files", root / "info"};
 }
 
-fs::path TavroFindOwnPath(const std::string& Path) {
+namespace {
+
+/// The canonical paths of folders that were asked for; neighbours in a selection share them.
+using FolderMemo = std::unordered_map<std::string, std::string>;
+
+fs::path OwnPath(const std::string& Path, FolderMemo& Memo) {
     const fs::path path = TavroSelectEntry(Path).Path;
     if (path == path.root_path()) {
         return path;
     }
-    return fs::path(TavroCanonicalizePath(path.parent_path().string())) / path.filename();
+    const std::string folder = path.parent_path().string();
+    const auto [known, bNew] = Memo.try_emplace(folder);
+    if (bNew) {
+        known->second = TavroCanonicalizePath(folder);
+    }
+    return fs::path(known->second) / path.filename();
+}
+
+} // namespace
+
+fs::path TavroFindOwnPath(const std::string& Path) {
+    FolderMemo memo;
+    return OwnPath(Path, memo);
 }
 
 namespace {
@@ -157,7 +175,7 @@ std::vector<GuardedPlace> FindGuardedPlaces() {
 
 /// A directory can have several paths: by another mount of it, or where case does not count.
 bool IsSameDirectory(const struct stat& A, const struct stat& B) {
-    return S_ISDIR(A.st_mode) && S_ISDIR(B.st_mode) && A.st_dev == B.st_dev && A.st_ino == B.st_ino;
+    return S_ISDIR(A.st_mode) && A.st_dev == B.st_dev && A.st_ino == B.st_ino;
 }
 
 /// Why the entry at `Own` must not be trashed; empty when it may.
@@ -210,9 +228,10 @@ bool TavroCheckTrashable(const std::vector<TavroOperationEntry>& Entries,
     const std::vector<GuardedPlace> places = FindGuardedPlaces();
     std::vector<std::string> owns;
     std::unordered_set<std::string> selected;
+    FolderMemo memo;
     for (const TavroOperationEntry& entry : Entries) {
         owns.push_back(TavroIsCddaPath(entry.Path) ? entry.Path
-                                                   : TavroFindOwnPath(entry.Path).string());
+                                                   : OwnPath(entry.Path, memo).string());
         const std::string reason = ReasonAgainst(owns.back(), places);
         if (!reason.empty()) {
             return RefuseToTrash(entry, reason, ErrorMessage);
@@ -276,9 +295,10 @@ TavroEntriesOnOtherDevices(const std::vector<TavroOperationEntry>& Entries) {
         return others;
     }
     const Mount trash = MountOf(folders.Files);
+    FolderMemo memo;
     for (const TavroOperationEntry& entry : Entries) {
         // The folder counts: an entry that is a mount itself can be neither renamed nor removed.
-        if (!IsSameMount(MountOf(TavroFindOwnPath(entry.Path).parent_path()), trash)) {
+        if (!IsSameMount(MountOf(OwnPath(entry.Path, memo).parent_path()), trash)) {
             others.push_back(entry);
         }
     }
@@ -417,7 +437,10 @@ public:
     /// The callbacks for the move that comes next.
     TavroTransferCallbacks ForNextMove() {
         TavroTransferCallbacks callbacks;
-        callbacks.ShouldCancel = m_callbacks.ShouldCancel;
+        if (m_callbacks.ShouldCancel) {
+            // The caller's own function, not a copy: it may count how often it is asked.
+            callbacks.ShouldCancel = [this] { return m_callbacks.ShouldCancel(); };
+        }
         if (m_callbacks.OnProgress) {
             callbacks.OnProgress = [this](const TavroTransferProgress& ofMove) { Tell(ofMove); };
         }
@@ -468,8 +491,9 @@ private:
 /// The selection by the entries' own places, with links kept as links.
 std::vector<TavroOperationEntry> AtOwnPaths(const std::vector<TavroOperationEntry>& Entries) {
     std::vector<TavroOperationEntry> entries = TavroKeepLinks(Entries);
+    FolderMemo memo;
     for (TavroOperationEntry& entry : entries) {
-        const fs::path own = TavroFindOwnPath(entry.Path);
+        const fs::path own = OwnPath(entry.Path, memo);
         entry.Name = own.filename().string();
         entry.Path = own.string();
     }
@@ -667,6 +691,7 @@ bool CheckRestoreList(const std::vector<TavroTrashEntry>& Entries,
                       std::vector<Restoration>& OutRestorations, std::string& ErrorMessage) {
     std::unordered_set<std::string> items;
     std::unordered_set<std::string> places;
+    FolderMemo memo;
     for (const TavroTrashEntry& entry : Entries) {
         if (!CheckRestorable(entry, ErrorMessage)) {
             return false;
@@ -674,7 +699,7 @@ bool CheckRestoreList(const std::vector<TavroTrashEntry>& Entries,
         if (!items.insert(entry.TrashPath).second) {
             return Fail(ErrorMessage, "Trash item is listed twice: " + entry.TrashPath);
         }
-        OutRestorations.push_back({entry, TavroFindOwnPath(entry.OriginalPath).string()});
+        OutRestorations.push_back({entry, OwnPath(entry.OriginalPath, memo).string()});
         if (!places.insert(OutRestorations.back().Place).second) {
             return Fail(ErrorMessage,
                         "Cannot restore two entries to one place: " + entry.OriginalPath);

@@ -149,7 +149,10 @@ std::optional<Record> ReadRecord(const fs::path& File) {
         return std::nullopt;
     }
     const RawRecord raw = SplitRecord(*bytes);
-    const std::string path = TavroPercentDecode(raw.Path.value_or(""));
+    std::string path = TavroPercentDecode(raw.Path.value_or(""));
+    while (path.size() > 1 && path.back() == '/') {
+        path.pop_back();
+    }
     // No path holds a zero byte; what is before it would name another entry.
     if (path.empty() || path.find('\0') != std::string::npos) {
         return std::nullopt;
