@@ -64,6 +64,7 @@ public:
     bool Run(off_t Size, bool bSparse, std::error_code& ec);
 
 private:
+    bool CopyToEnd(std::error_code& ec);
     bool ShareBlocks(off_t Size);
     bool CopyDataBetweenHoles(off_t Size, std::error_code& ec);
     bool CopyRange(off_t Begin, off_t End, std::error_code& ec);
@@ -88,7 +89,7 @@ bool ByteCopy::Run(off_t Size, bool bSparse, std::error_code& ec) {
     const bool bSmall = Size <= static_cast<off_t>(g_smallSize);
     m_bInKernel = !bSmall;
     if (Size == 0) {
-        return true;
+        return CopyToEnd(ec);
     }
     if (!bSmall && ShareBlocks(Size)) {
         Tell(Size);
@@ -97,10 +98,30 @@ bool ByteCopy::Run(off_t Size, bool bSparse, std::error_code& ec) {
     return bSparse ? CopyDataBetweenHoles(Size, ec) : CopyRange(0, Size, ec);
 }
 
-/// Both files share the same blocks until one is changed; few file systems can.
+/// A file without a size: mostly an empty one, but the kernel's own files have contents.
+bool ByteCopy::CopyToEnd(std::error_code& ec) {
+    constexpr std::size_t count = std::size_t{64} << 10U;
+    ssize_t copied = 0;
+    off_t offset = 0;
+    while ((copied = ReadAndWrite(offset, count)) > 0) {
+        offset += copied;
+        if (m_monitor.ShouldCancel && m_monitor.ShouldCancel()) {
+            ec = std::make_error_code(std::errc::operation_canceled);
+            return false;
+        }
+    }
+    if (copied < 0) {
+        ec = LastError();
+    }
+    return copied == 0;
+}
+
+/// Both files share the same blocks until one is changed; few file systems can. What was appended
+/// meanwhile is cut off again.
 bool ByteCopy::ShareBlocks(off_t Size) {
     struct stat status = {};
-    return ioctl(m_to, FICLONE, m_from) == 0 && fstat(m_to, &status) == 0 && status.st_size == Size;
+    return ioctl(m_to, FICLONE, m_from) == 0 && fstat(m_to, &status) == 0 &&
+           status.st_size >= Size && ftruncate(m_to, Size) == 0;
 }
 
 bool ByteCopy::CopyDataBetweenHoles(off_t Size, std::error_code& ec) {
@@ -177,6 +198,7 @@ ssize_t ByteCopy::ReadAndWrite(off_t Offset, std::size_t Count) {
             continue;
         }
         if (more <= 0) {
+            errno = more == 0 ? EIO : errno;
             return -1;
         }
         written += more;
@@ -209,9 +231,25 @@ std::vector<char> AttributeNames(const fs::path& Path) {
     }
 }
 
+bool HasName(const std::vector<char>& Names, const std::string& Name) {
+    const std::string ended = Name + '\0';
+    return std::search(Names.begin(), Names.end(), ended.begin(), ended.end()) != Names.end();
+}
+
+/// A new entry takes over lists from its folder. They could let in others than the original does.
+void RemoveInheritedLists(const fs::path& To, mode_t Mode, const std::vector<char>& Names) {
+    if (!S_ISLNK(Mode) && !HasName(Names, "system.posix_acl_access")) {
+        lremovexattr(To.c_str(), "system.posix_acl_access");
+    }
+    if (S_ISDIR(Mode) && !HasName(Names, "system.posix_acl_default")) {
+        lremovexattr(To.c_str(), "system.posix_acl_default");
+    }
+}
+
 /// Access control lists are extended attributes too. One that the target cannot hold is left out.
-void CopyExtendedAttributes(const fs::path& From, const fs::path& To) {
+void CopyExtendedAttributes(const fs::path& From, const fs::path& To, mode_t Mode) {
     const std::vector<char> names = AttributeNames(From);
+    RemoveInheritedLists(To, Mode, names);
     std::vector<char> value;
     for (auto name = names.begin(); name != names.end();) {
         value.resize(std::size_t{64} << 10U); // the kernel's limit for a value
@@ -249,7 +287,7 @@ void TavroCopyAttributes(const fs::path& From, const fs::path& To, const struct 
                          std::error_code& ec) {
     ec.clear();
     const bool bOwnerKept = CopyOwner(To, Status);
-    CopyExtendedAttributes(From, To);
+    CopyExtendedAttributes(From, To, Status.st_mode);
     const mode_t kept = bOwnerKept ? 07777 : 01777;
     if (!S_ISLNK(Status.st_mode) && chmod(To.c_str(), Status.st_mode & kept) != 0 &&
         !CannotHold()) {
@@ -283,12 +321,24 @@ int OpenSource(const fs::path& From, struct stat& OutStatus, std::error_code& ec
     return number;
 }
 
+/// The copy of a file that became shorter meanwhile is not what the file was at any moment.
+bool IsShorterNow(const Descriptor& Source, const struct stat& Status) {
+    struct stat now = {};
+    return fstat(Source.Number(), &now) != 0 || now.st_size < Status.st_size;
+}
+
 /// Everything of a copy that happens while both files are open.
 std::string CopyOpened(Descriptor& Source, Descriptor& Target, const fs::path& From,
                        const fs::path& To, bool bSync, const TavroCopyMonitor& Monitor,
                        const struct stat& Status, std::error_code& ec) {
     const bool bSparse = Status.st_blocks * 512 < Status.st_size; // blocks of 512 bytes
-    if (!ByteCopy(Source.Number(), Target.Number(), Monitor).Run(Status.st_size, bSparse, ec)) {
+    const bool bCopied =
+        ByteCopy(Source.Number(), Target.Number(), Monitor).Run(Status.st_size, bSparse, ec);
+    if ((bCopied || ec == std::errc::io_error) && IsShorterNow(Source, Status)) {
+        ec = std::make_error_code(std::errc::io_error);
+        return "'" + From.string() + "' became shorter while it was copied";
+    }
+    if (!bCopied) {
         return Sentence("Cannot copy", From, ec);
     }
     TavroCopyAttributes(From, To, Status, ec);
@@ -301,7 +351,7 @@ std::string CopyOpened(Descriptor& Source, Descriptor& Target, const fs::path& F
         ec = LastError();
         return Sentence("Cannot write", To, ec);
     }
-    if (arrived.st_size != Status.st_size) {
+    if (Status.st_size != 0 && arrived.st_size != Status.st_size) {
         ec = std::make_error_code(std::errc::io_error);
         return "The copy of '" + From.string() + "' is not whole";
     }

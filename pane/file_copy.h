@@ -25,17 +25,21 @@ struct TavroCopyMonitor {
 /// @param From       a regular file; a link is refused.
 /// @param To         created. Removed again when the copy fails.
 /// @param bSync      the bytes have reached the disk when this returns.
-/// @param OutStatus  after success, the source as it was while it was copied.
+/// @param OutStatus  after success, the source as it was when the copy began. What is appended to
+///                   it meanwhile is not copied.
 /// @return the empty text after success; else a sentence without a full stop, and `ec` set:
 ///         `operation_canceled` when it was cancelled, `no_space_on_device` and its kin as they
-///         came, `io_error` when the source changed under the copy.
+///         came, `io_error` when the source became shorter under the copy.
+///
+/// A file that says its size is 0 is read to its end all the same: those of /proc have contents.
 std::string TavroCopyRegularFile(const std::filesystem::path& From, const std::filesystem::path& To,
                                  bool bSync, const TavroCopyMonitor& Monitor,
                                  struct stat& OutStatus, std::error_code& ec);
 
 /// Gives `To` what `From` has: owner where that is permitted, extended attributes and access
 /// control lists where they can be held, mode (without set-user and set-group when the owner could
-/// not be kept), times. Links are not followed.
+/// not be kept), times. Links are not followed. Access control lists that `To` inherited from its
+/// folder, and `From` has not, are removed.
 ///
 /// @param Status  that of `From`, by lstat.
 /// @param ec      set when mode or times could not be set.

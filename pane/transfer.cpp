@@ -47,20 +47,20 @@ public:
     }
 
     void AddBytes(std::uint64_t Bytes) {
-        m_progress.BytesDone = std::min(m_progress.BytesDone + Bytes, m_progress.ByteCount);
+        m_progress.BytesDone = Limited(m_progress.BytesDone + Bytes, m_progress.ByteCount);
         TellIfDue();
     }
 
     void AddEntry() {
-        m_progress.ItemsDone = std::min(m_progress.ItemsDone + 1, m_progress.ItemCount);
+        m_progress.ItemsDone = Limited(m_progress.ItemsDone + 1, m_progress.ItemCount);
     }
 
     /// The whole of a planned item is dealt with, however that was counted on the way.
     void Finish(const TavroTransferItemPlan& Item) {
         m_itemsFinished += Item.ItemCount;
         m_bytesFinished += Item.ByteCount;
-        m_progress.ItemsDone = m_itemsFinished;
-        m_progress.BytesDone = m_bytesFinished;
+        m_progress.ItemsDone = std::max(m_progress.ItemsDone, m_itemsFinished);
+        m_progress.BytesDone = std::max(m_progress.BytesDone, m_bytesFinished);
         TellIfDue();
     }
 
@@ -72,6 +72,11 @@ public:
 
 private:
     using Clock = std::chrono::steady_clock;
+
+    /// What grows while it is copied does not exceed what was measured. Nothing measured, no limit.
+    static std::uint64_t Limited(std::uint64_t Count, std::uint64_t Measured) {
+        return Measured == 0 ? Count : std::min(Count, Measured);
+    }
 
     void TellIfDue() {
         const Clock::time_point now = Clock::now();
@@ -139,6 +144,11 @@ private:
 
 namespace {
 
+/// The folder that an entry lies in.
+fs::path ParentOf(const fs::path& Path) {
+    return Path.has_parent_path() ? Path.parent_path() : fs::path(".");
+}
+
 /// A name beside `Destination` that nothing has: hidden, and never one that a person gives.
 fs::path StagingPathBeside(const fs::path& Destination) {
     static constexpr char letters[] = "abcdefghijklmnopqrstuvwxyz0123456789";
@@ -171,17 +181,25 @@ std::string Sentence(const std::string& What, const fs::path& Path, const std::e
     return What + " " + Quoted(Path) + ": " + ec.message();
 }
 
-/// Lets everything written to the file system of `Path` reach the disk.
-bool SyncFileSystemOf(const fs::path& Path, std::error_code& ec) {
-    const int directory = open(Path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    const bool bSynced = directory >= 0 && syncfs(directory) == 0;
+/// Lets what `Sync` (fsync or syncfs) means for a directory reach the disk.
+bool SyncDirectory(const fs::path& Directory, int (*Sync)(int), std::error_code& ec) {
+    const int number = open(Directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    // EINVAL: this file system does not sync directories. EACCES: one that may be written to but
+    // not listed cannot be opened. Neither says that anything was lost.
+    const bool bSynced = number < 0 ? errno == EACCES : (Sync(number) == 0 || errno == EINVAL);
     if (!bSynced) {
         ec.assign(errno, std::generic_category());
     }
-    if (directory >= 0) {
-        close(directory);
+    if (number >= 0) {
+        close(number);
     }
     return bSynced;
+}
+
+/// Whether `Entry` itself, be it a link, lies somewhere below `Directory`.
+bool Holds(const fs::path& Directory, const fs::path& Entry) {
+    const fs::path parent = ParentOf(Entry);
+    return TavroPathsEquivalentOrSame(Directory, parent) || TavroPathIsInside(Directory, parent);
 }
 
 /// One transfer on its way.
@@ -200,6 +218,9 @@ public:
     bool MeasureItems(std::vector<TavroTransferItemPlan>& Items);
     void CarryOutItem(TavroTransferItemPlan& Item);
 
+    /// Creates the folder that an entry is to go into, unless the entry could not go there.
+    bool Prepare(const fs::path& Source, const fs::path& Destination);
+
     /// Moves or copies to a path at which nothing is.
     void TransferToFreePath(const fs::path& Source, const fs::path& Destination);
 
@@ -214,13 +235,13 @@ private:
     void ResolveConflict(const fs::path& Source, const fs::path& Destination,
                          const struct stat& SourceStatus, const struct stat& DestinationStatus,
                          TavroTransferItemPlan* Item);
-    void Replace(const fs::path& Source, const fs::path& Destination, bool bFileByFile);
+    void Replace(const TavroTransferConflict& Conflict);
     void ReplaceFile(const fs::path& Source, const fs::path& Destination);
     void ReplaceOther(const fs::path& Source, const fs::path& Destination);
-    bool Copy(const fs::path& Source, const fs::path& Destination, bool bReplace);
+    void Copy(const fs::path& Source, const fs::path& Destination, bool bReplace);
     bool Publish(TavroTreeCopy& Tree, const fs::path& Source, const fs::path& Staging,
                  const fs::path& Destination, bool bReplace);
-    void RemoveSourceOfMove(TavroTreeCopy& Tree, const fs::path& Source,
+    bool RemoveSourceOfMove(TavroTreeCopy& Tree, const fs::path& Source,
                             const fs::path& Destination, bool bReplaced);
     bool IsRemovable(const fs::path& Source);
 
@@ -271,6 +292,19 @@ bool Transfer::MeasureItems(std::vector<TavroTransferItemPlan>& Items) {
     return true;
 }
 
+bool Transfer::Prepare(const fs::path& Source, const fs::path& Destination) {
+    struct stat source = {};
+    if (StatusOf(Source, source) && S_ISDIR(source.st_mode) &&
+        TavroPathIsInside(Source, Destination)) {
+        return Fail(Source, std::string("Cannot ") + (m_bMove ? "move" : "copy") +
+                                " a directory into itself: " + Quoted(Source));
+    }
+    std::error_code ec;
+    const fs::path parent = ParentOf(Destination);
+    fs::create_directories(parent, ec);
+    return !ec || Fail(Source, Sentence("Cannot create the folder", parent, ec));
+}
+
 void Transfer::CarryOutItem(TavroTransferItemPlan& Item) {
     if (ShouldCancel()) {
         return;
@@ -278,17 +312,12 @@ void Transfer::CarryOutItem(TavroTransferItemPlan& Item) {
     if (TavroIsCddaPath(Item.SourcePath.string())) {
         Fail(Item.SourcePath, "Cannot read audio CD track " + Quoted(Item.SourcePath) +
                                   ": this build reads no discs");
-        return;
+    } else if (Prepare(Item.SourcePath, Item.DestinationPath)) {
+        TransferEntry(Item.SourcePath, Item.DestinationPath, &Item);
     }
-    std::error_code ec;
-    const fs::path parent = Item.DestinationPath.parent_path();
-    fs::create_directories(parent, ec);
-    if (ec) {
-        Fail(Item.SourcePath, Sentence("Cannot create the folder", parent, ec));
-        return;
+    if (!m_report.bCancelled) {
+        m_progress.Finish(Item);
     }
-    TransferEntry(Item.SourcePath, Item.DestinationPath, &Item);
-    m_progress.Finish(Item);
 }
 
 /// `Item` is the planned item that this entry is; null for an entry of a merged directory.
@@ -314,13 +343,8 @@ void Transfer::TransferEntry(const fs::path& Source, const fs::path& Destination
 }
 
 void Transfer::MergeDirectory(const fs::path& Source, const fs::path& Destination) {
-    // A list of its own: entries leave the directory while a move goes through it.
-    std::vector<fs::path> names;
     std::error_code ec;
-    fs::directory_iterator listing(Source, ec);
-    for (const fs::directory_iterator end; !ec && listing != end; listing.increment(ec)) {
-        names.push_back(listing->path().filename());
-    }
+    const std::vector<fs::path> names = TavroListNames(Source, ec);
     if (ec) {
         Fail(Source, Sentence("Cannot read", Source, ec));
         return;
@@ -328,9 +352,13 @@ void Transfer::MergeDirectory(const fs::path& Source, const fs::path& Destinatio
     for (const fs::path& name : names) {
         TransferEntry(Source / name, Destination / name, nullptr);
     }
-    if (m_bMove && !m_report.bCancelled) {
-        // What was skipped or failed is still in it, and then it stays.
-        rmdir(Source.c_str());
+    if (!m_bMove || m_report.bCancelled) {
+        return;
+    }
+    // What was skipped or failed is still in it, and then it stays.
+    if (rmdir(Source.c_str()) != 0 && errno != ENOTEMPTY && errno != EEXIST) {
+        Fail(Source, Sentence("Cannot remove the emptied folder", Source,
+                              {errno, std::generic_category()}));
     }
 }
 
@@ -347,7 +375,7 @@ void Transfer::ResolveConflict(const fs::path& Source, const fs::path& Destinati
         m_report.bCancelled = true;
         break;
     case TavroConflictChoice::Overwrite:
-        Replace(Source, Destination, !conflict.bSourceDirectory && !conflict.bDestinationDirectory);
+        Replace(conflict);
         break;
     case TavroConflictChoice::KeepBoth:
         const fs::path free = TavroFreePathBeside(Destination);
@@ -376,15 +404,15 @@ void Transfer::TransferToFreePath(const fs::path& Source, const fs::path& Destin
     }
 }
 
-void Transfer::Replace(const fs::path& Source, const fs::path& Destination, bool bFileByFile) {
-    if (TavroPathIsInside(Destination, Source)) {
-        Fail(Source, "Cannot replace " + Quoted(Destination) + ": it holds " + Quoted(Source));
-        return;
-    }
-    if (bFileByFile) {
-        ReplaceFile(Source, Destination);
+void Transfer::Replace(const TavroTransferConflict& Conflict) {
+    const fs::path& source = Conflict.SourcePath;
+    const fs::path& destination = Conflict.DestinationPath;
+    if (Conflict.bDestinationDirectory && Holds(destination, source)) {
+        Fail(source, "Cannot replace " + Quoted(destination) + ": it holds " + Quoted(source));
+    } else if (Conflict.bSourceDirectory || Conflict.bDestinationDirectory) {
+        ReplaceOther(source, destination);
     } else {
-        ReplaceOther(Source, Destination);
+        ReplaceFile(source, destination);
     }
 }
 
@@ -405,7 +433,8 @@ void Transfer::ReplaceFile(const fs::path& Source, const fs::path& Destination) 
     }
 }
 
-/// A directory is not replaced by one rename: the old entry steps aside until the new one is there.
+/// A directory is not replaced by one rename: the old entry steps aside until the new one is there
+/// and has reached the disk.
 void Transfer::ReplaceOther(const fs::path& Source, const fs::path& Destination) {
     const fs::path aside = StagingPathBeside(Destination);
     std::error_code ec;
@@ -425,7 +454,9 @@ void Transfer::ReplaceOther(const fs::path& Source, const fs::path& Destination)
         return;
     }
     m_report.Done.back().bReplaced = true;
-    TavroRemoveTree(aside, ec);
+    if (SyncDirectory(ParentOf(Destination), &syncfs, ec)) {
+        TavroRemoveTree(aside, ec);
+    }
     if (ec) {
         Fail(Destination, Sentence("What was at " + Quoted(Destination) +
                                        " was replaced, but cannot be removed; it lies at",
@@ -435,8 +466,7 @@ void Transfer::ReplaceOther(const fs::path& Source, const fs::path& Destination)
 
 /// A source that could not be removed afterwards is not copied in vain.
 bool Transfer::IsRemovable(const fs::path& Source) {
-    const fs::path parent = Source.has_parent_path() ? Source.parent_path() : fs::path(".");
-    if (access(parent.c_str(), W_OK | X_OK) == 0) {
+    if (access(ParentOf(Source).c_str(), W_OK | X_OK) == 0) {
         return true;
     }
     return Fail(Source, Sentence("Cannot move", Source, {errno, std::generic_category()}));
@@ -444,30 +474,34 @@ bool Transfer::IsRemovable(const fs::path& Source) {
 
 /// Copies under a hidden name, then gives it its own; of a move between file systems, removes the
 /// source after that.
-bool Transfer::Copy(const fs::path& Source, const fs::path& Destination, bool bReplace) {
+void Transfer::Copy(const fs::path& Source, const fs::path& Destination, bool bReplace) {
     if (m_bMove && !IsRemovable(Source)) {
-        return false;
+        return;
     }
     TavroTreeCopy tree(Source, m_hardLinks, m_monitor, m_bMove);
     const fs::path staging = StagingPathBeside(Destination);
-    const TavroTreeCopy::Outcome outcome = tree.Run(staging, bReplace);
+    const TavroTreeCopy::Outcome outcome = tree.Run(staging, bReplace || m_bMove);
     const bool bThere =
         outcome == TavroTreeCopy::Outcome::Whole || outcome == TavroTreeCopy::Outcome::Partial;
-    const bool bPublished = bThere && Publish(tree, Source, staging, Destination, bReplace);
-    if (bPublished && m_bMove) {
-        RemoveSourceOfMove(tree, Source, Destination, bReplace);
-    } else if (bPublished) {
+    if (bThere && Publish(tree, Source, staging, Destination, bReplace) &&
+        (!m_bMove || RemoveSourceOfMove(tree, Source, Destination, bReplace))) {
         NoteDone(Source, Destination, bReplace);
     }
     TakeFailures(tree);
     m_report.bCancelled = m_report.bCancelled || outcome == TavroTreeCopy::Outcome::Cancelled;
-    return bPublished;
 }
 
+/// What is moved has reached the disk before it takes its own name: later it could only be taken
+/// back from a place that others know already.
 bool Transfer::Publish(TavroTreeCopy& Tree, const fs::path& Source, const fs::path& Staging,
                        const fs::path& Destination, bool bReplace) {
     TavroTransferFailure failure;
     std::error_code ec;
+    if (m_bMove && Tree.IsDirectory() && !SyncDirectory(Staging, &syncfs, ec)) {
+        Fail(Source, Sentence("Cannot write", Destination, ec));
+        Tree.GiveUp();
+        return false;
+    }
     if (m_bMove && !Tree.SourcesAreUnchanged(failure)) {
         Fail(failure.Path, failure.Reason);
         Tree.GiveUp();
@@ -487,24 +521,24 @@ bool Transfer::Publish(TavroTreeCopy& Tree, const fs::path& Source, const fs::pa
     return true;
 }
 
-/// The source goes only when the copy has reached the disk. When nothing of it can be removed, the
-/// copy goes instead, so that the entry is where it was; a copy that replaced something stays.
-void Transfer::RemoveSourceOfMove(TavroTreeCopy& Tree, const fs::path& Source,
+/// The source goes only when its copy is at the destination even after a power cut. When nothing of
+/// it can be removed, the copy goes instead, so that the entry is where it was; a copy that
+/// replaced something stays.
+///
+/// @return whether the entry counts as moved.
+bool Transfer::RemoveSourceOfMove(TavroTreeCopy& Tree, const fs::path& Source,
                                   const fs::path& Destination, bool bReplaced) {
     std::error_code ec;
     std::uint64_t removed = 0;
-    if (SyncFileSystemOf(Destination.parent_path(), ec)) {
+    if (SyncDirectory(ParentOf(Destination), &fsync, ec)) {
         removed = Tree.RemoveSources();
     } else {
         Fail(Source, Sentence("Cannot write", Destination, ec));
     }
-    if (removed == 0 && !bReplaced) {
-        Tree.GiveUp();
-        return;
+    if (removed == 0 && (bReplaced || !Tree.TakeBack())) {
+        Fail(Source, "A copy of " + Quoted(Source) + " stays at " + Quoted(Destination));
     }
-    if (removed != 0) {
-        NoteDone(Source, Destination, bReplaced);
-    }
+    return removed != 0;
 }
 
 } // namespace
@@ -528,11 +562,10 @@ bool TavroCarryOutTransfer(TavroTransferPlan& Plan, const TavroTransferCallbacks
                            TavroTransferReport& OutReport) {
     OutReport = TavroTransferReport();
     Transfer transfer(Plan.bMove, Plan.ConflictPolicy, Callbacks, OutReport);
-    if (!transfer.MeasureItems(Plan.Items)) {
-        return false;
-    }
-    for (TavroTransferItemPlan& item : Plan.Items) {
-        transfer.CarryOutItem(item);
+    if (transfer.MeasureItems(Plan.Items)) {
+        for (TavroTransferItemPlan& item : Plan.Items) {
+            transfer.CarryOutItem(item);
+        }
     }
     transfer.TellProgress();
     return OutReport.Failed.empty() && !OutReport.bCancelled;
@@ -540,16 +573,12 @@ bool TavroCarryOutTransfer(TavroTransferPlan& Plan, const TavroTransferCallbacks
 
 bool TavroMoveEntry(const fs::path& Source, const fs::path& Destination,
                     const TavroTransferCallbacks& Callbacks, std::string& ErrorMessage) {
-    std::error_code ec;
-    const fs::path parent = Destination.parent_path();
-    fs::create_directories(parent, ec);
-    if (ec) {
-        ErrorMessage = Sentence("Cannot create the folder", parent, ec);
-        return false;
-    }
     TavroTransferReport report;
     Transfer transfer(true, TavroTransferConflictPolicy::Skip, Callbacks, report);
-    transfer.TransferToFreePath(Source, Destination);
+    if (transfer.Prepare(Source, Destination)) {
+        transfer.TransferToFreePath(Source, Destination);
+    }
+    transfer.TellProgress();
     if (report.Failed.empty() && !report.bCancelled) {
         return true;
     }

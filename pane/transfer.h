@@ -95,8 +95,8 @@ struct TavroTransferReport {
     bool bCancelled = false;
 };
 
-/// Carries out a plan, item by item. One item that fails does not stop the others, unless the
-/// target is full.
+/// Carries out a plan, item by item. One item that fails does not stop the others; a full target
+/// ends the item that it was full for, and a smaller one may still find room.
 ///
 /// @param Plan       `ItemCount` and `ByteCount` of each item are filled in first, by measuring;
 ///                   `DestinationPath` and `bDestinationRenamed` change where an item goes to a
@@ -117,10 +117,12 @@ bool TavroCarryOutTransfer(TavroTransferPlan& Plan, const TavroTransferCallbacks
 ///
 /// @param ErrorMessage  set on failure only.
 /// @return true when the entry is at `Destination` and nowhere else; false with a sentence without
-/// a
-///         full stop when it is whole where it was (of a directory that was moved between file
+///         a full stop when it is whole where it was (of a directory that was moved between file
 ///         systems, entries that could not be removed at the source may be in both places), or
 ///         "Cancelled" when `Callbacks.ShouldCancel` said so. `OnConflict` is not used.
+///
+/// Nothing is measured: the progress counts up from 0 with `ItemCount` and `ByteCount` 0, and is
+/// told once at the end at least. A mere rename counts nothing.
 bool TavroMoveEntry(const std::filesystem::path& Source, const std::filesystem::path& Destination,
                     const TavroTransferCallbacks& Callbacks, std::string& ErrorMessage);
 

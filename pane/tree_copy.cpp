@@ -26,29 +26,71 @@ std::pair<dev_t, ino_t> IdentityOf(const struct stat& Status) {
     return {Status.st_dev, Status.st_ino};
 }
 
-/// A file that other names exist for.
-bool HasOtherNames(const struct stat& Status) {
-    return S_ISREG(Status.st_mode) && Status.st_nlink > 1;
+/// The same entry with the same contents, as far as can be told without reading them.
+bool IsSameStill(const struct stat& A, const struct stat& B) {
+    return IdentityOf(A) == IdentityOf(B) && (A.st_mode & S_IFMT) == (B.st_mode & S_IFMT) &&
+           A.st_size == B.st_size && HasSameTime(A.st_mtim, B.st_mtim);
+}
+
+bool SyncFile(const fs::path& Path) {
+    const int number = open(Path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    const bool bSynced = number >= 0 && fsync(number) == 0;
+    if (number >= 0) {
+        close(number);
+    }
+    return bSynced;
+}
+
+bool RemoveEntry(const fs::path& Path, const struct stat& Status) {
+    return (S_ISDIR(Status.st_mode) ? rmdir(Path.c_str()) : unlink(Path.c_str())) == 0;
 }
 
 } // namespace
+
+std::vector<fs::path> TavroListNames(const fs::path& Directory, std::error_code& ec) {
+    std::vector<fs::path> names;
+    fs::directory_iterator listing(Directory, ec);
+    for (const fs::directory_iterator end; !ec && listing != end; listing.increment(ec)) {
+        names.push_back(listing->path().filename());
+    }
+    if (ec) {
+        names.clear();
+    }
+    return names;
+}
 
 // =================================================================================================
 // Hard links
 // =================================================================================================
 
 void TavroHardLinks::Remember(const struct stat& Status, const Root& Tree, const fs::path& Below) {
-    m_places[IdentityOf(Status)] = {Tree, Below};
+    if (Status.st_nlink < 2) {
+        return;
+    }
+    Place place = {Tree, Below, Status, {}};
+    if (lstat((Below.empty() ? *Tree : *Tree / Below).c_str(), &place.Copy) == 0) {
+        m_places[IdentityOf(Status)] = std::move(place);
+    }
 }
 
 bool TavroHardLinks::LinkTo(const struct stat& Status, const fs::path& To) const {
-    const auto place = m_places.find(IdentityOf(Status));
-    if (place == m_places.end()) {
+    const auto found = m_places.find(IdentityOf(Status));
+    // The number of a removed file may have gone to another one.
+    if (found == m_places.end() || !IsSameStill(found->second.Source, Status)) {
         return false;
     }
-    const fs::path& below = place->second.Below;
-    const fs::path copy = below.empty() ? *place->second.Tree : *place->second.Tree / below;
-    return link(copy.c_str(), To.c_str()) == 0;
+    const Place& place = found->second;
+    const fs::path copy = place.Below.empty() ? *place.Tree : *place.Tree / place.Below;
+    if (link(copy.c_str(), To.c_str()) != 0) {
+        return false;
+    }
+    // The copy may have been replaced or changed since, by a later item of this transfer too.
+    struct stat linked = {};
+    if (lstat(To.c_str(), &linked) == 0 && IsSameStill(linked, place.Copy)) {
+        return true;
+    }
+    unlink(To.c_str());
+    return false;
 }
 
 void TavroHardLinks::Forget(const Root& Tree) {
@@ -77,6 +119,9 @@ fs::path TavroTreeCopy::TargetOf(const fs::path& Below) const {
 TavroTreeCopy::Outcome TavroTreeCopy::Run(const fs::path& Staging, bool bSync) {
     m_target = std::make_shared<fs::path>(Staging);
     const bool bThere = CopyEntry({}, bSync);
+    if (bThere) {
+        RecognizeTarget();
+    }
     if (bThere && m_failures.empty() && !m_bCancelled) {
         return Outcome::Whole;
     }
@@ -91,8 +136,24 @@ void TavroTreeCopy::MovedTo(const fs::path& Path) {
     *m_target = Path;
 }
 
+bool TavroTreeCopy::IsDirectory() const {
+    return !m_copied.empty() && S_ISDIR(m_copied.back().Status.st_mode);
+}
+
+/// Notes what was created, so that nothing else is ever removed in its stead.
+void TavroTreeCopy::RecognizeTarget() {
+    struct stat created = {};
+    if (lstat(m_target->c_str(), &created) == 0) {
+        m_targetIdentity = IdentityOf(created);
+    }
+}
+
 void TavroTreeCopy::GiveUp() {
     m_hardLinks.Forget(m_target);
+    struct stat now = {};
+    if (lstat(m_target->c_str(), &now) != 0 || IdentityOf(now) != m_targetIdentity) {
+        return;
+    }
     std::error_code ec;
     TavroRemoveTree(*m_target, ec);
     if (ec) {
@@ -126,29 +187,37 @@ bool TavroTreeCopy::CopyEntry(const fs::path& Below, bool bSync) {
         const std::error_code ec = LastError();
         return Fail(source, "Cannot read '" + source.string() + "': " + ec.message(), ec);
     }
-    bool bCopied = false;
-    switch (status.st_mode & S_IFMT) {
-    case S_IFDIR:
-        bCopied = CopyDirectory(Below, status);
-        break;
-    case S_IFREG:
-        bCopied = CopyFile(Below, status, bSync, status);
-        break;
-    case S_IFLNK:
-        bCopied = CopyLink(Below, status);
-        break;
-    case S_IFIFO:
-        bCopied = CopyFifo(Below, status);
-        break;
-    default:
-        return Fail(source,
-                    std::string(S_ISSOCK(status.st_mode) ? "A socket" : "A device") +
-                        " is not copied: '" + source.string() + "'",
-                    {});
-    }
+    const bool bCopied = S_ISDIR(status.st_mode)
+                             ? CopyDirectory(Below, status)
+                             : LinkToCopy(Below, status, bSync) || CopyByType(Below, status, bSync);
     if (bCopied) {
         m_copied.push_back({Below, status});
         m_monitor.OnEntryDone();
+    }
+    return bCopied;
+}
+
+/// Copies what is no directory, and remembers it for its other names.
+bool TavroTreeCopy::CopyByType(const fs::path& Below, struct stat& Status, bool bSync) {
+    bool bCopied = false;
+    switch (Status.st_mode & S_IFMT) {
+    case S_IFREG:
+        bCopied = CopyFile(Below, Status, bSync);
+        break;
+    case S_IFLNK:
+        bCopied = CopyLink(Below, Status);
+        break;
+    case S_IFIFO:
+        bCopied = CopyFifo(Below, Status);
+        break;
+    default:
+        return Fail(SourceOf(Below),
+                    std::string(S_ISSOCK(Status.st_mode) ? "A socket" : "A device") +
+                        " is not copied: '" + SourceOf(Below).string() + "'",
+                    {});
+    }
+    if (bCopied) {
+        m_hardLinks.Remember(Status, m_target, Below);
     }
     return bCopied;
 }
@@ -159,60 +228,65 @@ bool TavroTreeCopy::CopyDirectory(const fs::path& Below, const struct stat& Stat
     if (!Below.empty() && IdentityOf(Status) == m_targetIdentity) {
         return Fail(source, "Cannot copy a directory into itself: '" + source.string() + "'", {});
     }
-    if (mkdir(target.c_str(), 0700) != 0) {
-        const std::error_code ec = LastError();
-        return Fail(source, "Cannot create '" + target.string() + "': " + ec.message(), ec);
-    }
-    if (Below.empty()) {
-        struct stat created = {};
-        lstat(target.c_str(), &created);
-        m_targetIdentity = IdentityOf(created);
-    }
-    return CopyEntriesOf(Below) && FinishAttributes(Below, Status);
-}
-
-/// @return whether the directory itself can be kept: false when all is given up.
-bool TavroTreeCopy::CopyEntriesOf(const fs::path& Below) {
-    const fs::path source = SourceOf(Below);
     std::error_code ec;
+    const std::vector<fs::path> names = TavroListNames(source, ec);
+    if (ec) {
+        return Fail(source, "Cannot read '" + source.string() + "': " + ec.message(), ec);
+    }
     if (m_bMustBeWhole && access(source.c_str(), W_OK | X_OK) != 0) {
         // Its entries could be copied, but not removed afterwards: better known now than half-way.
         ec = LastError();
         return Fail(source, "Cannot move out of '" + source.string() + "': " + ec.message(), ec);
     }
-    fs::directory_iterator listing(source, ec);
-    for (const fs::directory_iterator end; !ec && listing != end; listing.increment(ec)) {
-        CopyEntry(Below / listing->path().filename(), false);
+    if (mkdir(target.c_str(), 0700) != 0) {
+        ec = LastError();
+        return Fail(source, "Cannot create '" + target.string() + "': " + ec.message(), ec);
+    }
+    // The umask, or an access control list of the folder, may have taken away too much.
+    static_cast<void>(chmod(target.c_str(), 0700) == 0);
+    if (Below.empty()) {
+        RecognizeTarget();
+    }
+    return CopyEntriesOf(Below, names) && FinishAttributes(Below, Status);
+}
+
+/// @return whether the directory itself can be kept: false when all is given up.
+bool TavroTreeCopy::CopyEntriesOf(const fs::path& Below, const std::vector<fs::path>& Names) {
+    for (const fs::path& name : Names) {
+        CopyEntry(Below / name, false);
         if (m_bGivenUp) {
             return false;
         }
     }
-    if (ec) {
-        Fail(source, "Cannot read '" + source.string() + "': " + ec.message(), ec);
-    }
-    return !m_bGivenUp;
+    return true;
 }
 
-bool TavroTreeCopy::CopyFile(const fs::path& Below, const struct stat& Status, bool bSync,
-                             struct stat& OutStatus) {
-    const fs::path source = SourceOf(Below);
+/// One more name for a file that was copied already.
+bool TavroTreeCopy::LinkToCopy(const fs::path& Below, const struct stat& Status, bool bSync) {
     const fs::path target = TargetOf(Below);
-    if (HasOtherNames(Status) && m_hardLinks.LinkTo(Status, target)) {
-        if (m_monitor.File.OnBytes) {
-            m_monitor.File.OnBytes(static_cast<std::uint64_t>(Status.st_size));
-        }
-        return true;
+    if (!m_hardLinks.LinkTo(Status, target)) {
+        return false;
     }
+    if (bSync && S_ISREG(Status.st_mode) && !SyncFile(target)) {
+        unlink(target.c_str());
+        return false;
+    }
+    if (S_ISREG(Status.st_mode) && m_monitor.File.OnBytes) {
+        m_monitor.File.OnBytes(static_cast<std::uint64_t>(Status.st_size));
+    }
+    return true;
+}
+
+bool TavroTreeCopy::CopyFile(const fs::path& Below, struct stat& Status, bool bSync) {
+    const fs::path source = SourceOf(Below);
     std::error_code ec;
     struct stat copied = {};
-    std::string failure = TavroCopyRegularFile(source, target, bSync, m_monitor.File, copied, ec);
+    std::string failure =
+        TavroCopyRegularFile(source, TargetOf(Below), bSync, m_monitor.File, copied, ec);
     if (ec) {
         return Fail(source, std::move(failure), ec);
     }
-    OutStatus = copied;
-    if (HasOtherNames(copied)) {
-        m_hardLinks.Remember(copied, m_target, Below);
-    }
+    Status = copied;
     return true;
 }
 
@@ -241,6 +315,9 @@ bool TavroTreeCopy::CopyFifo(const fs::path& Below, const struct stat& Status) {
 
 /// An entry whose attributes cannot be set is there all the same.
 bool TavroTreeCopy::FinishAttributes(const fs::path& Below, const struct stat& Status) {
+    if (Below.empty()) {
+        RecognizeTarget();
+    }
     std::error_code ec;
     const fs::path target = TargetOf(Below);
     TavroCopyAttributes(SourceOf(Below), target, Status, ec);
@@ -258,11 +335,10 @@ bool TavroTreeCopy::FinishAttributes(const fs::path& Below, const struct stat& S
 bool TavroTreeCopy::IsUnchanged(const Copied& Entry, TavroTransferFailure& OutFailure) const {
     const fs::path source = SourceOf(Entry.Below);
     struct stat now = {};
-    const bool bSame =
-        lstat(source.c_str(), &now) == 0 && IdentityOf(now) == IdentityOf(Entry.Status) &&
-        (now.st_mode & S_IFMT) == (Entry.Status.st_mode & S_IFMT) &&
-        (S_ISDIR(now.st_mode) ||
-         (now.st_size == Entry.Status.st_size && HasSameTime(now.st_mtim, Entry.Status.st_mtim)));
+    // Of a directory each entry is looked at by itself.
+    const bool bSame = lstat(source.c_str(), &now) == 0 &&
+                       (S_ISDIR(now.st_mode) ? IdentityOf(now) == IdentityOf(Entry.Status)
+                                             : IsSameStill(now, Entry.Status));
     if (!bSame) {
         OutFailure = {source, "'" + source.string() + "' changed while it was moved"};
     }
@@ -296,14 +372,13 @@ bool TavroTreeCopy::RemoveSource(const Copied& Entry) {
         m_failures.push_back({source, "The copy of '" + source.string() + "' is not whole"});
         return false;
     }
-    const int result =
-        S_ISDIR(Entry.Status.st_mode) ? rmdir(source.c_str()) : unlink(source.c_str());
-    if (result != 0) {
-        const std::error_code ec = LastError();
-        m_failures.push_back(
-            {source, "Cannot remove '" + source.string() + "' after copying: " + ec.message()});
+    if (RemoveEntry(source, Entry.Status)) {
+        return true;
     }
-    return result == 0;
+    const std::error_code ec = LastError();
+    m_failures.push_back(
+        {source, "Cannot remove '" + source.string() + "' after copying: " + ec.message()});
+    return false;
 }
 
 std::uint64_t TavroTreeCopy::RemoveSources() {
@@ -312,4 +387,17 @@ std::uint64_t TavroTreeCopy::RemoveSources() {
         removed += RemoveSource(entry) ? 1 : 0;
     }
     return removed;
+}
+
+bool TavroTreeCopy::TakeBack() {
+    TavroTransferFailure failure;
+    if (!SourcesAreUnchanged(failure)) {
+        return false;
+    }
+    m_hardLinks.Forget(m_target);
+    bool bGone = true;
+    for (const Copied& entry : m_copied) {
+        bGone = IsWholeAtTarget(entry) && RemoveEntry(TargetOf(entry.Below), entry.Status) && bGone;
+    }
+    return bGone;
 }

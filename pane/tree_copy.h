@@ -10,6 +10,12 @@
 #include <memory>
 #include <utility>
 
+/// The names in a directory, as one list: what is copied or moved meanwhile does not disturb it.
+///
+/// @param ec  cleared after success; else nothing is returned.
+std::vector<std::filesystem::path> TavroListNames(const std::filesystem::path& Directory,
+                                                  std::error_code& ec);
+
 /// Where the files with several names went, so that their other names become links to the same
 /// copy. One serves a whole transfer.
 class TavroHardLinks {
@@ -17,9 +23,11 @@ public:
     /// Everything below one copied tree moves with it when it is renamed.
     using Root = std::shared_ptr<std::filesystem::path>;
 
+    /// @param Status  the source, as it was copied. One with a single name is not remembered.
     void Remember(const struct stat& Status, const Root& Tree, const std::filesystem::path& Below);
 
-    /// Links `To` to the copy of the same file, if there is one and it can be.
+    /// Links `To` to the copy of the same file, if there is one that is still what it was, and it
+    /// can be linked. The file may have lost its other names since: of a move, they are gone.
     bool LinkTo(const struct stat& Status, const std::filesystem::path& To) const;
 
     /// Forgets what lies in a tree that was given up.
@@ -29,6 +37,8 @@ private:
     struct Place {
         Root Tree;
         std::filesystem::path Below;
+        struct stat Source;
+        struct stat Copy;
     };
     std::map<std::pair<dev_t, ino_t>, Place> m_places;
 };
@@ -59,11 +69,20 @@ public:
     /// @param bSync  a single file has reached the disk when this returns.
     Outcome Run(const std::filesystem::path& Staging, bool bSync);
 
+    /// Whether the copy is a directory.
+    bool IsDirectory() const;
+
     /// The copy lies at another path now.
     void MovedTo(const std::filesystem::path& Path);
 
-    /// Removes the copy.
+    /// Removes the copy while nobody else uses it.
     void GiveUp();
+
+    /// Removes a whole copy where others may have seen it: just what was copied, and only while
+    /// every source is still there as it was. What others have added or changed stays.
+    ///
+    /// @return whether nothing is left of it.
+    bool TakeBack();
 
     /// Whether every source is still what it was when it was copied.
     bool SourcesAreUnchanged(TavroTransferFailure& OutFailure) const;
@@ -86,10 +105,12 @@ private:
     };
 
     bool CopyEntry(const std::filesystem::path& Below, bool bSync);
+    bool CopyByType(const std::filesystem::path& Below, struct stat& Status, bool bSync);
     bool CopyDirectory(const std::filesystem::path& Below, const struct stat& Status);
-    bool CopyEntriesOf(const std::filesystem::path& Below);
-    bool CopyFile(const std::filesystem::path& Below, const struct stat& Status, bool bSync,
-                  struct stat& OutStatus);
+    bool CopyEntriesOf(const std::filesystem::path& Below,
+                       const std::vector<std::filesystem::path>& Names);
+    bool LinkToCopy(const std::filesystem::path& Below, const struct stat& Status, bool bSync);
+    bool CopyFile(const std::filesystem::path& Below, struct stat& Status, bool bSync);
     bool CopyLink(const std::filesystem::path& Below, const struct stat& Status);
     bool CopyFifo(const std::filesystem::path& Below, const struct stat& Status);
     bool FinishAttributes(const std::filesystem::path& Below, const struct stat& Status);
@@ -97,6 +118,7 @@ private:
     bool IsUnchanged(const Copied& Entry, TavroTransferFailure& OutFailure) const;
     bool IsWholeAtTarget(const Copied& Entry) const;
     bool RemoveSource(const Copied& Entry);
+    void RecognizeTarget();
 
     std::filesystem::path SourceOf(const std::filesystem::path& Below) const;
     std::filesystem::path TargetOf(const std::filesystem::path& Below) const;
@@ -108,7 +130,7 @@ private:
     TavroHardLinks::Root m_target;
     std::vector<Copied> m_copied; ///< Entries before the directories that hold them.
     std::vector<TavroTransferFailure> m_failures;
-    std::pair<dev_t, ino_t> m_targetIdentity = {};
+    std::pair<dev_t, ino_t> m_targetIdentity = {}; ///< Zeros until it was created.
     bool m_bCancelled = false;
     bool m_bGivenUp = false; ///< Going on makes no sense: cancelled, or the target is full.
 };
