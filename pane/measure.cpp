@@ -4,15 +4,16 @@ namespace fs = std::filesystem;
 
 namespace {
 
+/// Asks for no more than the listing has not told already: mostly the size of a file.
 void CountItem(const fs::directory_entry& Item, TavroMeasurement& OutMeasurement) {
     std::error_code ec;
-    const fs::file_status status = Item.symlink_status(ec);
-    if (fs::is_directory(status)) {
+    const bool bLink = Item.is_symlink(ec);
+    if (!bLink && Item.is_directory(ec)) {
         ++OutMeasurement.DirectoryCount;
         return;
     }
     ++OutMeasurement.FileCount;
-    if (fs::is_regular_file(status)) {
+    if (!bLink && Item.is_regular_file(ec)) {
         const std::uintmax_t size = Item.file_size(ec);
         OutMeasurement.ByteCount += ec ? 0 : size;
     }

@@ -71,10 +71,29 @@ bool IsTypedSeparator(char Byte) {
     return Byte == '/' || Byte == '\\';
 }
 
+/// As `weakly_canonical`, which looks at every leading part of a path that does not exist. Mostly
+/// only the last name is missing, of a target or of what was just moved away; then its folder is
+/// enough.
+fs::path WeaklyCanonical(const fs::path& Path, std::error_code& ec) {
+    const fs::file_status status = fs::status(Path, ec);
+    if (fs::exists(status)) {
+        return fs::canonical(Path, ec);
+    }
+    const fs::path name = Path.filename();
+    const bool bPlainName = !name.empty() && name != "." && name != "..";
+    if (bPlainName && status.type() == fs::file_type::not_found) {
+        const fs::path folder = fs::canonical(Path.parent_path(), ec);
+        if (!ec) {
+            return folder / name;
+        }
+    }
+    return fs::weakly_canonical(Path, ec);
+}
+
 /// `Path` with its existing part resolved through the file system; as text alone when that fails.
 fs::path ResolveOrNormalize(const fs::path& Path) {
     std::error_code ec;
-    fs::path resolved = fs::weakly_canonical(Path, ec);
+    fs::path resolved = WeaklyCanonical(Path, ec);
     return ec ? Path.lexically_normal() : resolved;
 }
 

@@ -12,6 +12,7 @@ completed() {
     source "$completions/tavro.bash"
     # shellcheck disable=SC2034 # read by the completion
     COMP_WORDS=("$@") COMP_CWORD=$(($# - 1))
+    # shellcheck disable=SC2317 # called by the completion
     compopt() { :; } # outside of a completion there is nothing to set
     _tavro
     printf '%s\n' "${COMPREPLY[@]}"

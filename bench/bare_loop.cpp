@@ -1,0 +1,89 @@
+// What trashing and restoring cost at the least: the system calls alone, without a check, a second
+// look or a way back. The trash folders exist.
+//
+//   tavro_bare_loop files FILE…   stat, rename, open, write and close for each file
+//   tavro_bare_loop cycle FILE…   that, then back (two stats, rename, unlink), then that again; it
+//                                 prints the times of the last two
+
+#include "phase.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <stdexcept>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+struct Item {
+    std::string Original;
+    std::string Trashed;
+    std::string Record;
+};
+
+std::vector<Item> select(const std::vector<std::string>& files) {
+    const std::string trash = std::string(std::getenv("HOME")) + "/.local/share/Trash/";
+    std::vector<Item> items;
+    items.reserve(files.size());
+    for (const std::string& file : files) {
+        const std::string name = file.substr(file.rfind('/') + 1);
+        items.push_back({file, trash + "files/" + name, trash + "info/" + name + ".trashinfo"});
+    }
+    return items;
+}
+
+void check(bool bDone, const std::string& path) {
+    if (!bDone) {
+        throw std::runtime_error("failed at " + path);
+    }
+}
+
+bool exists(const std::string& path) {
+    struct stat status;
+    return stat(path.c_str(), &status) == 0;
+}
+
+void trash(const std::vector<Item>& items) {
+    for (const Item& item : items) {
+        check(!exists(item.Trashed), item.Trashed);
+        check(std::rename(item.Original.c_str(), item.Trashed.c_str()) == 0, item.Original);
+        const std::string record =
+            "[Trash Info]\nPath=" + item.Original + "\nDeletionDate=2024-03-05T14:07:09\n";
+        const int file = open(item.Record.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+        check(file >= 0, item.Record);
+        const ssize_t written = write(file, record.data(), record.size());
+        check(close(file) == 0 && written == static_cast<ssize_t>(record.size()), item.Record);
+    }
+}
+
+void restore(const std::vector<Item>& items) {
+    for (const Item& item : items) {
+        check(exists(item.Trashed) && !exists(item.Original), item.Original);
+    }
+    for (const Item& item : items) {
+        check(std::rename(item.Trashed.c_str(), item.Original.c_str()) == 0, item.Trashed);
+        check(unlink(item.Record.c_str()) == 0, item.Record);
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv) try {
+    const std::vector<std::string> arguments(argv + 1, argv + argc);
+    if (arguments.size() < 2) {
+        throw std::runtime_error("usage: tavro_bare_loop files|cycle FILE…");
+    }
+    const std::vector<Item> items = select({arguments.begin() + 1, arguments.end()});
+    trash(items);
+    if (arguments[0] == "cycle") {
+        tavro_bench::printPhase("restore", [&] { restore(items); });
+        tavro_bench::printPhase("reapply", [&] { trash(items); });
+    }
+    return 0;
+} catch (const std::exception& error) {
+    std::fprintf(stderr, "%s\n", error.what());
+    return 1;
+}
