@@ -16,7 +16,7 @@ set -euo pipefail
 
 # Every comparison is a function of this name. To add one, write it below and name it here.
 comparisons=(size_in_process size size_memory plan plan_queries paths trash undo_redo same_names
-  prepare devices)
+  prepare devices copy_small copy_large start_up)
 
 usage() {
   echo "usage: bench/compare.sh BUILD_DIRECTORY [--quick] [COMPARISON…]" >&2
@@ -39,10 +39,10 @@ done
 
 if [[ $quick ]]; then
   rounds=2 repetitions=2
-  large_tree=20000 small_tree=2000 batch=1000 same_batch=200 device_tree=1000
+  large_tree=20000 small_tree=2000 batch=1000 same_batch=200 device_tree=1000 large_file=20000000
 else
   rounds=7 repetitions=7
-  large_tree=200000 small_tree=20000 batch=10000 same_batch=2000 device_tree=10000
+  large_tree=200000 small_tree=20000 batch=10000 same_batch=2000 device_tree=10000 large_file=2000000000
 fi
 
 export LC_ALL=C
@@ -437,6 +437,51 @@ devices() {
   fi
   across 'from /dev/shm' "$other_device" "$scratch"
   across 'to /dev/shm' "$scratch" "$other_device"
+}
+
+# A new folder for each copy; the old ones stay until the end, see fresh_home.
+copy_module() {
+  timed 'tavro copy' "$tavro" copy -q "$copy_source" "$(mktemp -d -p "$scratch")/"
+}
+copy_cp() {
+  timed 'cp -a' cp -a "$copy_source" "$(mktemp -d -p "$scratch")/"
+}
+
+# copies WHAT: the copy of copy_source, next to that of cp.
+copies() {
+  unset "best_cpu[tavro copy]" "best_cpu[cp -a]" "best_elapsed[tavro copy]" "best_elapsed[cp -a]"
+  heading "Copying $1" tavro 'cp -a'
+  in_turn copy_module copy_cp
+  compare 'tavro copy : cp -a' 'tavro copy' 'cp -a' 1.05
+}
+
+copy_small() {
+  copy_source=$scratch/copy-source
+  make_tree "$copy_source" "$batch" 100 700
+  copies "$batch files of 700 bytes"
+}
+
+copy_large() {
+  copy_source=$scratch/copy-large
+  head -c "$large_file" /dev/urandom >"$copy_source"
+  local rounds=2
+  copies "one file of $large_file bytes"
+}
+
+# Starting a process is too short for one; a hundred are.
+hundred() {
+  local i
+  for ((i = 0; i < 100; ++i)); do "$@"; done
+}
+start_module() { timed 'tavro --version' hundred "$tavro" --version; }
+gio_help() { gio help || :; } # it prints its help and exits with 1
+start_gio() { timed 'gio help' hundred gio_help; }
+
+start_up() {
+  heading 'Starting up, a hundred times' tavro gio
+  have gio || return 0
+  in_turn start_module start_gio
+  compare 'tavro --version : gio help' 'tavro --version' 'gio help' 1
 }
 
 # --------------------------------------------------------------------------------------------------

@@ -214,12 +214,51 @@ ssize_t ByteCopy::ReadAndWrite(off_t Offset, std::size_t Count) {
 
 namespace {
 
+/// An entry whose attributes are read or set: one that is open by its descriptor, which saves
+/// looking its path up for each call, anything else by its path. Links are not followed.
+struct Place {
+    const fs::path& Path;
+    int Descriptor = -1;
+
+    bool IsOpen() const {
+        return Descriptor >= 0;
+    }
+    ssize_t ListAttributes(char* Names, std::size_t Size) const {
+        return IsOpen() ? flistxattr(Descriptor, Names, Size)
+                        : llistxattr(Path.c_str(), Names, Size);
+    }
+    ssize_t GetAttribute(const char* Name, char* Value, std::size_t Size) const {
+        return IsOpen() ? fgetxattr(Descriptor, Name, Value, Size)
+                        : lgetxattr(Path.c_str(), Name, Value, Size);
+    }
+    int SetAttribute(const char* Name, const char* Value, std::size_t Size) const {
+        return IsOpen() ? fsetxattr(Descriptor, Name, Value, Size, 0)
+                        : lsetxattr(Path.c_str(), Name, Value, Size, 0);
+    }
+    int RemoveAttribute(const char* Name) const {
+        return IsOpen() ? fremovexattr(Descriptor, Name) : lremovexattr(Path.c_str(), Name);
+    }
+    int GetStatus(struct stat& OutStatus) const {
+        return IsOpen() ? fstat(Descriptor, &OutStatus) : lstat(Path.c_str(), &OutStatus);
+    }
+    int SetOwner(uid_t User, gid_t Group) const {
+        return IsOpen() ? fchown(Descriptor, User, Group) : lchown(Path.c_str(), User, Group);
+    }
+    int SetMode(mode_t Mode) const {
+        return IsOpen() ? fchmod(Descriptor, Mode) : chmod(Path.c_str(), Mode);
+    }
+    int SetTimes(const struct timespec Times[2]) const {
+        return IsOpen() ? futimens(Descriptor, Times)
+                        : utimensat(AT_FDCWD, Path.c_str(), Times, AT_SYMLINK_NOFOLLOW);
+    }
+};
+
 /// The names of the extended attributes of an entry, each ended by a zero byte; empty when there
 /// are none or none can be had.
-std::vector<char> AttributeNames(const fs::path& Path) {
+std::vector<char> AttributeNames(const Place& From) {
     std::vector<char> names(1024);
     for (;;) {
-        const ssize_t size = llistxattr(Path.c_str(), names.data(), names.size());
+        const ssize_t size = From.ListAttributes(names.data(), names.size());
         if (size >= 0) {
             names.resize(static_cast<std::size_t>(size));
             return names;
@@ -237,25 +276,25 @@ bool HasName(const std::vector<char>& Names, const std::string& Name) {
 }
 
 /// A new entry takes over lists from its folder. They could let in others than the original does.
-void RemoveInheritedLists(const fs::path& To, mode_t Mode, const std::vector<char>& Names) {
+void RemoveInheritedLists(const Place& To, mode_t Mode, const std::vector<char>& Names) {
     if (!S_ISLNK(Mode) && !HasName(Names, "system.posix_acl_access")) {
-        lremovexattr(To.c_str(), "system.posix_acl_access");
+        To.RemoveAttribute("system.posix_acl_access");
     }
     if (S_ISDIR(Mode) && !HasName(Names, "system.posix_acl_default")) {
-        lremovexattr(To.c_str(), "system.posix_acl_default");
+        To.RemoveAttribute("system.posix_acl_default");
     }
 }
 
 /// Access control lists are extended attributes too. One that the target cannot hold is left out.
-void CopyExtendedAttributes(const fs::path& From, const fs::path& To, mode_t Mode) {
+void CopyExtendedAttributes(const Place& From, const Place& To, mode_t Mode) {
     const std::vector<char> names = AttributeNames(From);
     RemoveInheritedLists(To, Mode, names);
     std::vector<char> value;
     for (auto name = names.begin(); name != names.end();) {
         value.resize(std::size_t{64} << 10U); // the kernel's limit for a value
-        const ssize_t size = lgetxattr(From.c_str(), &*name, value.data(), value.size());
+        const ssize_t size = From.GetAttribute(&*name, value.data(), value.size());
         if (size >= 0) {
-            lsetxattr(To.c_str(), &*name, value.data(), static_cast<std::size_t>(size), 0);
+            To.SetAttribute(&*name, value.data(), static_cast<std::size_t>(size));
         }
         name = std::find(name, names.end(), '\0') + 1;
     }
@@ -267,37 +306,40 @@ bool CannotHold() {
 }
 
 /// @return whether `To` belongs to the owner and group of `From` now.
-bool CopyOwner(const fs::path& To, const struct stat& Status) {
+bool CopyOwner(const Place& To, const struct stat& Status) {
     struct stat now = {};
-    if (lstat(To.c_str(), &now) == 0 && now.st_uid == Status.st_uid &&
-        now.st_gid == Status.st_gid) {
+    if (To.GetStatus(now) == 0 && now.st_uid == Status.st_uid && now.st_gid == Status.st_gid) {
         return true;
     }
-    if (lchown(To.c_str(), Status.st_uid, Status.st_gid) == 0) {
+    if (To.SetOwner(Status.st_uid, Status.st_gid) == 0) {
         return true;
     }
     // An ordinary user may still choose among his own groups.
-    static_cast<void>(lchown(To.c_str(), static_cast<uid_t>(-1), Status.st_gid) == 0);
+    To.SetOwner(static_cast<uid_t>(-1), Status.st_gid);
     return false;
+}
+
+void CopyAttributes(const Place& From, const Place& To, const struct stat& Status,
+                    std::error_code& ec) {
+    ec.clear();
+    const bool bOwnerKept = CopyOwner(To, Status);
+    CopyExtendedAttributes(From, To, Status.st_mode);
+    const mode_t kept = bOwnerKept ? 07777 : 01777;
+    if (!S_ISLNK(Status.st_mode) && To.SetMode(Status.st_mode & kept) != 0 && !CannotHold()) {
+        ec = LastError();
+        return;
+    }
+    const struct timespec times[2] = {Status.st_atim, Status.st_mtim};
+    if (To.SetTimes(times) != 0 && !CannotHold()) {
+        ec = LastError();
+    }
 }
 
 } // namespace
 
 void TavroCopyAttributes(const fs::path& From, const fs::path& To, const struct stat& Status,
                          std::error_code& ec) {
-    ec.clear();
-    const bool bOwnerKept = CopyOwner(To, Status);
-    CopyExtendedAttributes(From, To, Status.st_mode);
-    const mode_t kept = bOwnerKept ? 07777 : 01777;
-    if (!S_ISLNK(Status.st_mode) && chmod(To.c_str(), Status.st_mode & kept) != 0 &&
-        !CannotHold()) {
-        ec = LastError();
-        return;
-    }
-    const struct timespec times[2] = {Status.st_atim, Status.st_mtim};
-    if (utimensat(AT_FDCWD, To.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0 && !CannotHold()) {
-        ec = LastError();
-    }
+    CopyAttributes({From}, {To}, Status, ec);
 }
 
 // =================================================================================================
@@ -341,7 +383,7 @@ std::string CopyOpened(Descriptor& Source, Descriptor& Target, const fs::path& F
     if (!bCopied) {
         return Sentence("Cannot copy", From, ec);
     }
-    TavroCopyAttributes(From, To, Status, ec);
+    CopyAttributes({From, Source.Number()}, {To, Target.Number()}, Status, ec);
     if (ec) {
         return Sentence("Cannot set the attributes of", To, ec);
     }
@@ -373,7 +415,7 @@ std::string TavroCopyRegularFile(const fs::path& From, const fs::path& To, bool 
         ec = LastError();
         return Sentence("Cannot create", To, ec);
     }
-    const std::string failure = CopyOpened(source, target, From, To, bSync, Monitor, OutStatus, ec);
+    std::string failure = CopyOpened(source, target, From, To, bSync, Monitor, OutStatus, ec);
     if (ec) {
         unlink(To.c_str());
     }

@@ -58,7 +58,7 @@ namespace {
 using FolderMemo = std::unordered_map<std::string, std::string>;
 
 fs::path OwnPath(const std::string& Path, FolderMemo& Memo) {
-    const fs::path path = TavroSelectEntry(Path).Path;
+    fs::path path = TavroSelectEntry(Path).Path;
     if (path == path.root_path()) {
         return path;
     }
