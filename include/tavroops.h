@@ -14,7 +14,8 @@
 ///   (`std::error_code::message()`), for example "Permission denied".
 /// - Failures of the file system are reported by the return value and never thrown. The one
 ///   exception is told at TavroRenameEntry. `std::bad_alloc` may leave any operation.
-/// - An out-parameter is the caller's. Use it only when the operation returned true.
+/// - An out-parameter is the caller's. Use it only when the operation returned true. It must be no
+///   part of an input, as it may be reset before that is read.
 /// - Tests whether something exists follow symbolic links: a dangling link counts as nothing.
 /// - The module holds no state, starts no threads and takes no locks. Operations may be called from
 ///   several threads at once, each with out-parameters of its own; they then share only the file
@@ -94,7 +95,8 @@ std::string TavroTrimText(const std::string& Text);
 /// directory of the process.
 ///
 /// @param Path  the path text. A leading `~` is a plain name here.
-/// @return the canonical text; empty for empty input, without looking at the file system; the path
+/// @return the canonical text, relative only when there is no current directory; empty for empty
+///         input, without looking at the file system; the path
 ///         normalised as text alone when the file system cannot resolve it (a part of it is
 ///         unreadable, a link loops, a name is too long).
 std::string TavroCanonicalizePath(const std::string& Path);
@@ -123,7 +125,8 @@ bool TavroEndsWithPathSeparator(const std::string& Text);
 ///                       file system resolves the path against the current directory of the
 ///                       process, as far as the path exists.
 /// @return the resolved path; the empty path for empty text; the path normalised as text alone when
-///         the file system cannot resolve it.
+///         the file system cannot resolve it. It is relative only when `BaseDirectory` is empty or
+///         relative and nothing of the path exists or can be resolved.
 std::filesystem::path TavroResolveUserPath(const std::string& Text,
                                            const std::filesystem::path& BaseDirectory);
 
@@ -198,7 +201,8 @@ bool TavroBuildTransferPlan(const std::vector<TavroOperationEntry>& Entries,
 /// @param Entry            only `Path` is read.
 /// @param TargetText       the full new name or path as typed, never just the folder to move into.
 /// @param BaseDirectory    the directory that relative text is taken against: for a bare new name,
-///                         the directory that holds the entry.
+///                         the directory that holds the entry. When it is empty, a bare name that
+///                         is not in the current directory goes beside the entry.
 /// @param OutSelectedPath  cleared first, whatever happens. After success: the canonical text of
 ///                         the new path (for a symbolic link: of what it points to).
 /// @param ErrorMessage     set on failure only.
@@ -208,7 +212,7 @@ bool TavroBuildTransferPlan(const std::vector<TavroOperationEntry>& Entries,
 ///         - "Rename target cannot be empty."
 ///         - "Rename target must include a file or directory name." (the target is an existing
 ///           directory, the entry itself included)
-///         - "Rename target matches the current path."
+///         - "Rename target matches the current path." (by another hard link, or a link to it, too)
 ///         - "Rename target already exists."
 ///         - "Failed to create rename target directory: REASON"
 ///         - "Rename failed: REASON" (across file systems too: nothing is copied)
@@ -243,20 +247,24 @@ bool TavroCreateDirectory(const std::string& TargetText, const std::filesystem::
 /// Moves a selection to the home trash, all or nothing.
 ///
 /// Each entry is renamed to a free name in the trash, or copied and removed when the trash is on
-/// another file system; its record is written after the move. A taken name gets " copy 1", " copy
-/// 2" and so on before its extension. When an entry fails, the entries before it are restored.
-/// Parent folders created on the way stay.
+/// another file system; its record is written after the move. The wanted name is the last component
+/// of `Path`, empty when that ends in `/`. A taken name gets " copy 1" to " copy 9999" before its
+/// extension, and after those " copy " and the local time, taken or not. A dangling link in the
+/// trash counts as free: an entry that gets its name replaces it. When an entry fails, the entries
+/// before it are restored. Parent folders created on the way stay.
 ///
-/// Nothing is synced to the disk. Between the move and the write of its record an entry lies in the
-/// trash without one; another program that empties the trash at that moment removes it.
+/// Nothing is synced to the disk, and on a full disk a record can be cut short without a failure,
+/// as told at TavroWriteTrashInfoEntries. Between the move and the write of its record an entry
+/// lies in the trash without one; another program that empties the trash at that moment removes it.
 ///
 /// @param Entries          the selection. `Path` is used as given and `bDirectory` is believed:
 ///                         across file systems an entry flagged as a file is copied as one file (of
 ///                         a symbolic link, what it points to), one flagged as a directory as a
 ///                         tree with its links kept.
 /// @param OutTrashEntries  cleared first, unless `Entries` is empty. After success: one record an
-///                         entry, in order; hand it to TavroRestoreTrashEntries to undo. After
-///                         failure: empty (as it was, when `Entries` is empty).
+///                         entry, in order, with the canonical `OriginalPath` that it has after the
+///                         move (a link's own path); hand it to TavroRestoreTrashEntries to undo.
+///                         After failure: empty (as it was, when `Entries` is empty).
 /// @param ErrorMessage     set on failure only.
 /// @return true when every entry lies in the trash with its record; false with
 ///         - "Nothing selected to delete."
@@ -331,22 +339,25 @@ void TavroRemoveTrashInfoEntries(const std::vector<TavroTrashEntry>& Entries);
 /// Everything is checked before anything is moved. Each record is removed after its entry came
 /// back; one that cannot be removed stays and is no failure. Missing parent folders of an original
 /// place are created, and stay. When a move fails, the entries before it go back to the trash under
-/// the same names, with records that carry the new time.
+/// the same names, from the last restored back to the first, with records that carry the new time
+/// where they can be written.
 ///
 /// @param Entries       what TavroTrashEntries returned. Never changed, so the same list can be
-///                      tried again, and handed to TavroReapplyTrashEntries after success.
+///                      tried again and, after success, handed to TavroReapplyTrashEntries. After
+///                      "Failed to copy" a partial copy stays at `OriginalPath`; it is to be
+///                      removed before the next try.
 /// @param ErrorMessage  set on failure only.
 /// @return true when every entry is back; false with
 ///         - "No trash entries are available to restore."
-///         - "Trash item is missing: TRASHPATH" (also when it cannot be examined, and for a link
-///           whose target is gone; nothing was moved)
-///         - "Restore target already exists: ORIGINALPATH" (also when it cannot be examined;
-///         nothing
-///           was moved)
-///         - the move's sentence, as told at TavroTrashEntries, followed by " Rollback failed: "
-///         and
-///           the first sentence of an entry that could not go back to the trash; such an entry
-///           stays restored, without a record.
+///         - "Trash item is missing: TRASHPATH": also when it cannot be examined, and for a link
+///           whose target is gone. Nothing was moved.
+///         - "Restore target already exists: ORIGINALPATH": also when it cannot be examined.
+///         Nothing
+///           was moved.
+///         - the move's sentence, as told at TavroTrashEntries. When an entry then cannot go back
+///         to
+///           the trash, " Rollback failed: " and the first such sentence follow; that entry stays
+///           restored, without a record.
 ///         Two entries of one list with the same `OriginalPath` pass the checks; the second may
 ///         replace the first. A caller refuses such a list.
 bool TavroRestoreTrashEntries(const std::vector<TavroTrashEntry>& Entries,

@@ -67,9 +67,21 @@ bool IsWhiteSpace(char Byte) {
     return std::isspace(static_cast<unsigned char>(Byte)) != 0;
 }
 
-bool IsTypedSeparator(char Byte) {
-    return Byte == '/' || Byte == '\\';
+} // namespace
+
+std::string TavroTrimText(const std::string& Text) {
+    std::size_t start = 0;
+    while (start < Text.size() && IsWhiteSpace(Text[start])) {
+        ++start;
+    }
+    std::size_t end = Text.size();
+    while (end > start && IsWhiteSpace(Text[end - 1])) {
+        --end;
+    }
+    return Text.substr(start, end - start);
 }
+
+namespace {
 
 /// As `weakly_canonical`, which looks at every leading part of a path that does not exist. Mostly
 /// only the last name is missing, of a target or of what was just moved away; then its folder is
@@ -97,24 +109,7 @@ fs::path ResolveOrNormalize(const fs::path& Path) {
     return ec ? Path.lexically_normal() : resolved;
 }
 
-/// `~`, `~/…` and `~\…` begin with the home directory; the tilde of any other text is a plain byte.
-bool BeginsWithHomeTilde(const std::string& Text) {
-    return !Text.empty() && Text[0] == '~' && (Text.size() == 1 || IsTypedSeparator(Text[1]));
-}
-
 } // namespace
-
-std::string TavroTrimText(const std::string& Text) {
-    std::size_t start = 0;
-    while (start < Text.size() && IsWhiteSpace(Text[start])) {
-        ++start;
-    }
-    std::size_t end = Text.size();
-    while (end > start && IsWhiteSpace(Text[end - 1])) {
-        --end;
-    }
-    return Text.substr(start, end - start);
-}
 
 std::string TavroCanonicalizePath(const std::string& Path) {
     if (Path.empty()) {
@@ -137,9 +132,26 @@ std::string TavroHomeDirectoryPath() {
     return TavroCanonicalizePath(home);
 }
 
+namespace {
+
+bool IsTypedSeparator(char Byte) {
+    return Byte == '/' || Byte == '\\';
+}
+
+} // namespace
+
 bool TavroEndsWithPathSeparator(const std::string& Text) {
     return !Text.empty() && IsTypedSeparator(Text.back());
 }
+
+namespace {
+
+/// `~`, `~/…` and `~\…` begin with the home directory; the tilde of any other text is a plain byte.
+bool BeginsWithHomeTilde(const std::string& Text) {
+    return !Text.empty() && Text[0] == '~' && (Text.size() == 1 || IsTypedSeparator(Text[1]));
+}
+
+} // namespace
 
 fs::path TavroResolveUserPath(const std::string& Text, const fs::path& BaseDirectory) {
     std::string expanded = Text;
