@@ -25,15 +25,19 @@ int TavroRunDelete(const std::vector<std::string>& Entries, bool bForce);
 
 int TavroRunSize(const std::vector<std::string>& Directories);
 
-struct TavroPlanArguments {
+/// What is to be copied or moved, and where to.
+struct TavroTransferRequest {
     std::vector<std::string> Entries;
     std::string TargetText;
     std::string BaseDirectory;
     bool bMove = false;
-    bool bJson = false;
 };
 
-int TavroRunPlan(const TavroPlanArguments& Arguments);
+int TavroRunPlan(const TavroTransferRequest& Request, bool bJson);
+
+/// Finds the entries and plans the request. What is wrong is said on standard error.
+bool TavroPlanRequest(const TavroTransferRequest& Request, TavroTransferConflictPolicy Policy,
+                      TavroTransferPlan& OutPlan);
 
 /// Writes one line an item: "SOURCE -> DESTINATION".
 void TavroPrintPlan(const TavroTransferPlan& Plan);
@@ -42,10 +46,7 @@ void TavroPrintPlan(const TavroTransferPlan& Plan);
 enum class TavroOnConflict { Ask, Overwrite, Skip, KeepBoth };
 
 struct TavroTransferArguments {
-    std::vector<std::string> Entries;
-    std::string TargetText;
-    std::string BaseDirectory;
-    bool bMove = false;
+    TavroTransferRequest Request;
     TavroOnConflict OnConflict = TavroOnConflict::Ask;
     bool bDryRun = false;
     bool bQuiet = false;

@@ -127,16 +127,15 @@ CLI::Option* AddTransferNames(CLI::App& command) {
                       "The entries, and last the target as a pane takes it");
 }
 
-/// Splits "ENTRY... TEXT" and fills what copy, move and plan have in common.
-template <typename Arguments>
-Arguments TransferArguments(const CLI::Option* names, const CLI::Option* in, bool bMove) {
-    Arguments arguments;
-    arguments.Entries = Values(names);
-    arguments.TargetText = arguments.Entries.back();
-    arguments.Entries.pop_back();
-    arguments.BaseDirectory = in->empty() ? CurrentDirectory() : Value(in);
-    arguments.bMove = bMove;
-    return arguments;
+/// Splits "ENTRY... TEXT".
+TavroTransferRequest TransferRequest(const CLI::Option* names, const CLI::Option* in, bool bMove) {
+    TavroTransferRequest request;
+    request.Entries = Values(names);
+    request.TargetText = request.Entries.back();
+    request.Entries.pop_back();
+    request.BaseDirectory = in->empty() ? CurrentDirectory() : Value(in);
+    request.bMove = bMove;
+    return request;
 }
 
 void AddPlanVerb(CLI::App& plan, bool bMove, CommandTable& table) {
@@ -146,9 +145,7 @@ void AddPlanVerb(CLI::App& plan, bool bMove, CommandTable& table) {
     CLI::Option* in = AddBaseDirectory(*command);
     CLI::Option* json = command->add_flag("--json", "Print the plan as JSON");
     table[command] = [=] {
-        auto arguments = TransferArguments<TavroPlanArguments>(names, in, bMove);
-        arguments.bJson = !json->empty();
-        return TavroRunPlan(arguments);
+        return TavroRunPlan(TransferRequest(names, in, bMove), !json->empty());
     };
 }
 
@@ -179,7 +176,8 @@ void AddTransfer(CLI::App& app, bool bMove, CommandTable& table) {
     CLI::Option* dryRun = command->add_flag("-n,--dry-run", "Show the plan and do nothing");
     CLI::Option* quiet = AddQuiet(*command);
     table[command] = [=] {
-        auto arguments = TransferArguments<TavroTransferArguments>(names, in, bMove);
+        TavroTransferArguments arguments;
+        arguments.Request = TransferRequest(names, in, bMove);
         if (!onConflict->empty()) {
             arguments.OnConflict = g_onConflict.at(Value(onConflict));
         }

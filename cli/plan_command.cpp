@@ -28,19 +28,27 @@ void TavroPrintPlan(const TavroTransferPlan& Plan) {
     }
 }
 
-int TavroRunPlan(const TavroPlanArguments& Arguments) {
+bool TavroPlanRequest(const TavroTransferRequest& Request, TavroTransferConflictPolicy Policy,
+                      TavroTransferPlan& OutPlan) {
     std::vector<TavroOperationEntry> selection;
-    if (!TavroFindEntries(Arguments.Entries, selection)) {
-        return TavroExitFailed;
+    if (!TavroFindEntries(Request.Entries, selection)) {
+        return false;
     }
-    TavroTransferPlan plan;
     std::string error;
-    if (!TavroBuildTransferPlan(selection, Arguments.TargetText, Arguments.BaseDirectory,
-                                Arguments.bMove, TavroTransferConflictPolicy::Ask, plan, error)) {
-        TavroPrintError(error);
+    if (TavroBuildTransferPlan(selection, Request.TargetText, Request.BaseDirectory, Request.bMove,
+                               Policy, OutPlan, error)) {
+        return true;
+    }
+    TavroPrintError(error);
+    return false;
+}
+
+int TavroRunPlan(const TavroTransferRequest& Request, bool bJson) {
+    TavroTransferPlan plan;
+    if (!TavroPlanRequest(Request, TavroTransferConflictPolicy::Ask, plan)) {
         return TavroExitFailed;
     }
-    if (Arguments.bJson) {
+    if (bJson) {
         TavroPrintJson(PlanJson(plan));
     } else {
         TavroPrintPlan(plan);

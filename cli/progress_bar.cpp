@@ -1,5 +1,6 @@
 #include "progress_bar.h"
 
+#include "interrupt.h"
 #include "terminal.h"
 
 #include <algorithm>
@@ -73,4 +74,11 @@ void TavroProgressBar::Clear() {
         std::fputs("\r\033[K", stderr);
         m_bShown = false;
     }
+}
+
+TavroTransferCallbacks TavroMakeCallbacks(TavroProgressBar& Bar) {
+    TavroTransferCallbacks callbacks;
+    callbacks.OnProgress = [&Bar](const TavroTransferProgress& progress) { Bar.Show(progress); };
+    callbacks.ShouldCancel = TavroWasInterrupted;
+    return callbacks;
 }

@@ -31,6 +31,9 @@ private:
     bool m_bShown = false;
 };
 
+/// Callbacks that show progress in `Bar`, which they refer to, and cancel after an interrupt.
+TavroTransferCallbacks TavroMakeCallbacks(TavroProgressBar& Bar);
+
 /// The text of the bar: "[#####---------------] 25 %  1.0 GB of 4.0 GB  120.0 MB/s  0:25 left".
 std::string TavroProgressText(const TavroTransferProgress& Progress, double Seconds);
 

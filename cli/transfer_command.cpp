@@ -1,7 +1,6 @@
 // `tavro copy` and `tavro move`.
 
 #include "commands.h"
-#include "entries.h"
 #include "history.h"
 #include "interrupt.h"
 #include "progress_bar.h"
@@ -106,15 +105,8 @@ int ExitCodeOf(const TavroTransferReport& Report, TavroOnConflict OnConflict) {
 } // namespace
 
 int TavroRunTransfer(const TavroTransferArguments& Arguments) {
-    std::vector<TavroOperationEntry> selection;
-    if (!TavroFindEntries(Arguments.Entries, selection)) {
-        return TavroExitFailed;
-    }
     TavroTransferPlan plan;
-    std::string error;
-    if (!TavroBuildTransferPlan(selection, Arguments.TargetText, Arguments.BaseDirectory,
-                                Arguments.bMove, PolicyOf(Arguments.OnConflict), plan, error)) {
-        TavroPrintError(error);
+    if (!TavroPlanRequest(Arguments.Request, PolicyOf(Arguments.OnConflict), plan)) {
         return TavroExitFailed;
     }
     if (Arguments.bDryRun) {
@@ -125,15 +117,11 @@ int TavroRunTransfer(const TavroTransferArguments& Arguments) {
     TavroTransferReport report;
     {
         TavroProgressBar bar(Arguments.bQuiet);
-        TavroTransferCallbacks callbacks;
-        callbacks.OnProgress = [&bar](const TavroTransferProgress& progress) {
-            bar.Show(progress);
-        };
-        callbacks.ShouldCancel = TavroWasInterrupted;
+        TavroTransferCallbacks callbacks = TavroMakeCallbacks(bar);
         callbacks.OnConflict = ConflictHandler(Arguments.OnConflict, bar);
         TavroCarryOutTransfer(plan, callbacks, report);
     }
-    PrintReport(report, Arguments.bMove, Arguments.bQuiet);
-    TavroRecordOperation(OperationOf(report, Arguments.bMove));
+    PrintReport(report, plan.bMove, Arguments.bQuiet);
+    TavroRecordOperation(OperationOf(report, plan.bMove));
     return ExitCodeOf(report, Arguments.OnConflict);
 }

@@ -57,11 +57,7 @@ int TavroRunTrash(const std::vector<std::string>& Entries, bool bQuiet) {
     bool bTrashed = false;
     {
         TavroProgressBar bar(bQuiet);
-        TavroTransferCallbacks callbacks;
-        callbacks.OnProgress = [&bar](const TavroTransferProgress& progress) {
-            bar.Show(progress);
-        };
-        callbacks.ShouldCancel = TavroWasInterrupted;
+        TavroTransferCallbacks callbacks = TavroMakeCallbacks(bar);
         bTrashed = TavroTrashSelection(selection, callbacks, operation.TrashEntries, error);
     }
     if (!bTrashed) {

@@ -74,9 +74,7 @@ bool RestoreItem(TavroTrashItem Item, bool bKeepBoth, bool bQuiet) {
         return false;
     }
     TavroProgressBar bar(bQuiet);
-    TavroTransferCallbacks callbacks;
-    callbacks.OnProgress = [&bar](const TavroTransferProgress& progress) { bar.Show(progress); };
-    callbacks.ShouldCancel = TavroWasInterrupted;
+    TavroTransferCallbacks callbacks = TavroMakeCallbacks(bar);
     std::string error;
     if (!TavroRestoreSelection({Item.Entry}, callbacks, error)) {
         bar.Clear();

@@ -63,11 +63,7 @@ int RunStep(bool bUndo, bool bQuiet) {
     bool bDone = false;
     {
         TavroProgressBar bar(bQuiet);
-        TavroTransferCallbacks callbacks;
-        callbacks.OnProgress = [&bar](const TavroTransferProgress& progress) {
-            bar.Show(progress);
-        };
-        callbacks.ShouldCancel = TavroWasInterrupted;
+        TavroTransferCallbacks callbacks = TavroMakeCallbacks(bar);
         bDone = bUndo ? history.Undo(callbacks, operation, error)
                       : history.Redo(callbacks, operation, error);
     }
