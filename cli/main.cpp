@@ -7,10 +7,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <memory>
+#include <sys/stat.h>
 
 namespace {
 
@@ -66,6 +69,22 @@ std::string Value(const CLI::Option* option) {
     return Values(option).at(0);
 }
 
+/// Help that says what a person needs: the name of an option and of its value.
+class PlainFormatter : public CLI::Formatter {
+public:
+    std::string make_option_opts(const CLI::Option* option) const override {
+        const std::string type = option->nonpositional() ? option->get_type_name() : "";
+        return type.empty() ? "" : " " + type.substr(0, type.find(':'));
+    }
+
+    std::string make_option_usage(const CLI::Option* option) const override {
+        const std::string name = make_option_name(option, true);
+        return option->get_expected_max() > 1 && name.find("...") == std::string::npos
+                   ? name + "..."
+                   : name;
+    }
+};
+
 /// A list of names, `minimum` of them at least.
 CLI::Option* AddEntries(CLI::App& command, const std::string& name, int minimum,
                         const std::string& description) {
@@ -74,9 +93,10 @@ CLI::Option* AddEntries(CLI::App& command, const std::string& name, int minimum,
     return option->allow_extra_args();
 }
 
-CLI::App* AddCommand(CLI::App& app, const std::string& name, const std::string& description) {
+CLI::App* AddCommand(CLI::App& app, const std::string& name, const std::string& description,
+                     const std::string& example) {
     CLI::App* command = app.add_subcommand(name, description);
-    command->footer(""); // the examples stand in the help of the whole only
+    command->footer("Example: tavro " + example);
     return command;
 }
 
@@ -86,22 +106,28 @@ CLI::Option* AddBaseDirectory(CLI::App& command) {
     return in->description("Typed text is relative to this directory instead of the current");
 }
 
+/// The directory that typed text is relative to, made absolute.
+std::string BaseDirectory(const CLI::Option* in) {
+    const std::string current = CurrentDirectory();
+    return in->empty() ? current : (std::filesystem::path(current) / Value(in)).string();
+}
+
 CLI::Option* AddQuiet(CLI::App& command) {
     return command.add_flag("-q,--quiet", "No progress, no list of what was done");
 }
 
 void AddMkdir(CLI::App& app, CommandTable& table) {
-    CLI::App* command = AddCommand(app, "mkdir", "Create a folder, with its missing parents");
+    CLI::App* command = AddCommand(app, "mkdir", "Create a folder, with its missing parents",
+                                   "mkdir 'Letters/2026'");
     CLI::Option* text = command->add_option("TEXT");
     text->required()->description("The new folder as a pane takes it: a name, a path, ~/…");
     CLI::Option* in = AddBaseDirectory(*command);
-    table[command] = [=] {
-        return TavroRunMkdir(Value(text), in->empty() ? CurrentDirectory() : Value(in));
-    };
+    table[command] = [=] { return TavroRunMkdir(Value(text), BaseDirectory(in)); };
 }
 
 void AddRename(CLI::App& app, CommandTable& table) {
-    CLI::App* command = AddCommand(app, "rename", "Rename an entry, or move it to a new path");
+    CLI::App* command = AddCommand(app, "rename", "Rename an entry, or move it to a new path",
+                                   "rename report.txt final.txt");
     CLI::Option* entry = command->add_option("ENTRY");
     entry->required()->description("What is renamed");
     CLI::Option* text = command->add_option("TEXT");
@@ -110,14 +136,16 @@ void AddRename(CLI::App& app, CommandTable& table) {
 }
 
 void AddDelete(CLI::App& app, CommandTable& table) {
-    CLI::App* command = AddCommand(app, "delete", "Delete entries for good, after a question");
+    CLI::App* command =
+        AddCommand(app, "delete", "Delete entries for good, after a question", "delete old.iso");
     CLI::Option* entries = AddEntries(*command, "ENTRY", 1, "What is deleted");
     CLI::Option* force = command->add_flag("-f,--force", "Without asking");
     table[command] = [=] { return TavroRunDelete(Values(entries), !force->empty()); };
 }
 
 void AddSize(CLI::App& app, CommandTable& table) {
-    CLI::App* command = AddCommand(app, "size", "Add up the sizes of the files in folders");
+    CLI::App* command = AddCommand(app, "size", "Add up the sizes of the files in folders",
+                                   "size ~/Music ~/Videos");
     CLI::Option* directories = AddEntries(*command, "DIRECTORY", 1, "What is measured");
     table[command] = [=] { return TavroRunSize(Values(directories)); };
 }
@@ -133,14 +161,15 @@ TavroTransferRequest TransferRequest(const CLI::Option* names, const CLI::Option
     request.Entries = Values(names);
     request.TargetText = request.Entries.back();
     request.Entries.pop_back();
-    request.BaseDirectory = in->empty() ? CurrentDirectory() : Value(in);
+    request.BaseDirectory = BaseDirectory(in);
     request.bMove = bMove;
     return request;
 }
 
 void AddPlanVerb(CLI::App& plan, bool bMove, CommandTable& table) {
     CLI::App* command =
-        AddCommand(plan, bMove ? "move" : "copy", bMove ? "Plan a move" : "Plan a copy");
+        AddCommand(plan, bMove ? "move" : "copy", bMove ? "Plan a move" : "Plan a copy",
+                   bMove ? "plan move a.txt b.txt ~/done/" : "plan copy a.txt b.txt ~/backup/");
     CLI::Option* names = AddTransferNames(*command);
     CLI::Option* in = AddBaseDirectory(*command);
     CLI::Option* json = command->add_flag("--json", "Print the plan as JSON");
@@ -150,7 +179,8 @@ void AddPlanVerb(CLI::App& plan, bool bMove, CommandTable& table) {
 }
 
 void AddPlan(CLI::App& app, CommandTable& table) {
-    CLI::App* command = AddCommand(app, "plan", "Show what a copy or a move would do");
+    CLI::App* command = AddCommand(app, "plan", "Show what a copy or a move would do",
+                                   "plan copy photos /media/stick/");
     command->require_subcommand(1);
     AddPlanVerb(*command, false, table);
     AddPlanVerb(*command, true, table);
@@ -166,7 +196,8 @@ const std::map<std::string, TavroOnConflict> g_onConflict = {
 void AddTransfer(CLI::App& app, bool bMove, CommandTable& table) {
     CLI::App* command = AddCommand(app, bMove ? "move" : "copy",
                                    bMove ? "Move entries to a folder or a new path"
-                                         : "Copy entries to a folder or a new path");
+                                         : "Copy entries to a folder or a new path",
+                                   bMove ? "move *.log ~/Logs/" : "copy photos /media/stick/");
     CLI::Option* names = AddTransferNames(*command);
     CLI::Option* in = AddBaseDirectory(*command);
     CLI::Option* onConflict = command->add_option("--on-conflict");
@@ -188,26 +219,29 @@ void AddTransfer(CLI::App& app, bool bMove, CommandTable& table) {
 }
 
 void AddTrash(CLI::App& app, CommandTable& table) {
-    CLI::App* command = AddCommand(app, "trash", "Move entries to the trash, all or nothing");
+    CLI::App* command =
+        AddCommand(app, "trash", "Move entries to the trash, all or nothing", "trash old.iso");
     CLI::Option* entries = AddEntries(*command, "ENTRY", 1, "What is trashed");
     CLI::Option* quiet = AddQuiet(*command);
     table[command] = [=] { return TavroRunTrash(Values(entries), !quiet->empty()); };
 }
 
 void AddUndoAndRedo(CLI::App& app, CommandTable& table) {
-    CLI::App* undo = AddCommand(app, "undo", "Undo the newest operation");
+    CLI::App* undo = AddCommand(app, "undo", "Undo the newest operation", "undo");
     CLI::Option* undoQuiet = AddQuiet(*undo);
     table[undo] = [=] { return TavroRunUndo(!undoQuiet->empty()); };
-    CLI::App* redo = AddCommand(app, "redo", "Do again what was undone last");
+    CLI::App* redo = AddCommand(app, "redo", "Do again what was undone last", "redo");
     CLI::Option* redoQuiet = AddQuiet(*redo);
     table[redo] = [=] { return TavroRunRedo(!redoQuiet->empty()); };
-    CLI::App* history = AddCommand(app, "history", "List what can be undone, newest first");
+    CLI::App* history =
+        AddCommand(app, "history", "List what can be undone, newest first", "history --json");
     CLI::Option* json = history->add_flag("--json", "As JSON");
     table[history] = [=] { return TavroRunHistory(!json->empty()); };
 }
 
 void AddList(CLI::App& app, CommandTable& table) {
-    CLI::App* command = AddCommand(app, "list", "List the trash, newest first");
+    CLI::App* command =
+        AddCommand(app, "list", "List the trash, newest first", "list -0 | xargs -0 tavro restore");
     CLI::Option* json = command->add_flag("--json", "As JSON");
     CLI::Option* zero = command->add_flag("-0,--null", "Names alone, each ended by a zero byte");
     zero->excludes(json);
@@ -215,7 +249,7 @@ void AddList(CLI::App& app, CommandTable& table) {
 }
 
 void AddRestore(CLI::App& app, CommandTable& table) {
-    CLI::App* command = AddCommand(app, "restore", "Put trashed entries back");
+    CLI::App* command = AddCommand(app, "restore", "Put trashed entries back", "restore old.iso");
     CLI::Option* names =
         AddEntries(*command, "NAME", 1, "A name in the trash, or an original path");
     CLI::Option* keepBoth =
@@ -227,7 +261,8 @@ void AddRestore(CLI::App& app, CommandTable& table) {
 }
 
 void AddEmpty(CLI::App& app, CommandTable& table) {
-    CLI::App* command = AddCommand(app, "empty", "Delete what is in the trash, after a question");
+    CLI::App* command = AddCommand(app, "empty", "Delete what is in the trash, after a question",
+                                   "empty --older-than 30");
     CLI::Option* days = command->add_option("--older-than");
     days->type_name("DAYS")->description("Only what was trashed more than so many days ago");
     days->check(CLI::Range(1, 36500));
@@ -240,9 +275,10 @@ void AddEmpty(CLI::App& app, CommandTable& table) {
 }
 
 void AddDoctor(CLI::App& app, CommandTable& table) {
-    CLI::App* command = AddCommand(app, "doctor", "Look for items and records that do not match");
+    CLI::App* command = AddCommand(app, "doctor", "Look for items and records that do not match",
+                                   "doctor --mend old.iso");
     CLI::Option* mend = command->add_option("--mend");
-    mend->type_name("NAME")->expected(1, 1 << 28);
+    mend->type_name("NAME...")->expected(1, 1 << 28)->allow_extra_args();
     mend->description("Mend the findings with these names");
     CLI::Option* all = command->add_flag("--mend-all", "Mend every finding");
     table[command] = [=] { return TavroRunDoctor(Values(mend), !all->empty()); };
@@ -262,7 +298,11 @@ int FlushOutput(int exitCode) {
     if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) {
         return exitCode;
     }
-    TavroPrintError(std::string("Cannot write to standard output: ") + std::strerror(errno));
+    const int error = errno;
+    struct stat status = {};
+    if (fstat(fileno(stdout), &status) != 0 || !S_ISFIFO(status.st_mode)) {
+        TavroPrintError(std::string("Cannot write to standard output: ") + std::strerror(error));
+    } // the reader of a pipe who went away knows
     return TavroExitFailed;
 }
 
@@ -285,6 +325,7 @@ int ParseFailure(CLI::App& app, const CLI::ParseError& error, const std::string&
 
 int RunCommandLine(int argc, char** argv) {
     CLI::App app("File operations that lose nothing", "tavro");
+    app.formatter(std::make_shared<PlainFormatter>());
     app.footer(g_examples);
     app.set_version_flag("--version", "tavro " TAVRO_VERSION);
     app.require_subcommand(1);
@@ -315,6 +356,8 @@ int RunCommandLine(int argc, char** argv) {
 } // namespace
 
 int main(int argc, char** argv) {
+    // A reader who goes away must not end work that is half done.
+    std::signal(SIGPIPE, SIG_IGN);
     try {
         return RunCommandLine(argc, argv);
     } catch (const std::exception& error) {

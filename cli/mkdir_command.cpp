@@ -1,6 +1,7 @@
 // `tavro mkdir`.
 
 #include "commands.h"
+#include "interrupt.h"
 #include "record.h"
 #include "selection.h"
 #include "terminal.h"
@@ -21,6 +22,7 @@ std::vector<TavroHistoryStep> MissingDirectories(fs::path Path) {
 } // namespace
 
 int TavroRunMkdir(const std::string& Text, const std::string& BaseDirectory) {
+    TavroCatchInterrupts();
     const fs::path target = TavroResolveUserPath(TavroTrimText(Text), BaseDirectory);
     TavroHistoryOperation operation;
     operation.Kind = TavroHistoryKind::CreateDirectory;
@@ -31,7 +33,7 @@ int TavroRunMkdir(const std::string& Text, const std::string& BaseDirectory) {
         TavroPrintError(error);
         return TavroExitFailed;
     }
-    TavroPrintLine(stdout, selectedPath);
     TavroRecordOperation(std::move(operation));
+    TavroPrintLine(stdout, selectedPath);
     return TavroExitDone;
 }

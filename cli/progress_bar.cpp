@@ -34,6 +34,10 @@ std::string DurationText(double Seconds) {
 } // namespace
 
 std::string TavroProgressText(const TavroTransferProgress& Progress, double Seconds) {
+    if (Progress.ItemCount == 0) { // nobody has counted before
+        return TavroCountText(Progress.ItemsDone, "item") + "  " +
+               TavroHumanSize(Progress.BytesDone);
+    }
     constexpr int width = 20;
     const double fraction = std::clamp(FractionDone(Progress), 0.0, 1.0);
     const int filled = static_cast<int>(fraction * width);

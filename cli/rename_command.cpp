@@ -2,7 +2,10 @@
 
 #include "commands.h"
 #include "entries.h"
+#include "interrupt.h"
+#include "no_replace.h"
 #include "record.h"
+#include "tavropane.h"
 #include "terminal.h"
 
 namespace fs = std::filesystem;
@@ -16,6 +19,17 @@ bool IsDanglingLink(const fs::path& Path) {
     return fs::is_symlink(fs::symlink_status(Path, ec)) && !fs::exists(Path, ec);
 }
 
+/// Renames in one step that never replaces anything, where nothing has to be created or refused.
+bool RenameNoReplace(const TavroOperationEntry& Entry, const fs::path& Target) {
+    if (TavroIsCddaPath(Entry.Path) || Target.empty() || TavroIsPresent(Target)) {
+        return false;
+    }
+    std::error_code ec;
+    TavroRenameNoReplace(Entry.Path, Target, ec);
+    return !ec;
+}
+
+/// What the quick way could not do the module does, or says why not.
 bool Rename(const TavroOperationEntry& Entry, const std::string& Text,
             const fs::path& BaseDirectory) {
     std::string selectedPath;
@@ -48,14 +62,15 @@ int TavroRunRename(const std::string& Entry, const std::string& Text) {
                         "'");
         return TavroExitFailed;
     }
-    if (!Rename(entry, Text, baseDirectory)) {
+    TavroCatchInterrupts();
+    if (!RenameNoReplace(entry, target) && !Rename(entry, Text, baseDirectory)) {
         return TavroExitFailed;
     }
-    // The entry's own path: the module's would name what a renamed link points to.
-    TavroPrintLine(stdout, target.string());
     TavroHistoryOperation operation;
     operation.Kind = TavroHistoryKind::Rename;
     operation.Steps = {{entry.Path, target.string()}};
     TavroRecordOperation(std::move(operation));
+    // The entry's own path: the module's would name what a renamed link points to.
+    TavroPrintLine(stdout, target.string());
     return TavroExitDone;
 }

@@ -83,6 +83,12 @@ int TavroRunSize(const std::vector<std::string>& Directories) {
             exitCode = TavroExitFailed;
             continue;
         }
+        fs::directory_iterator(directory, ec);
+        if (ec) {
+            TavroPrintError("Cannot read '" + directory + "': " + ec.message());
+            exitCode = TavroExitFailed;
+            continue;
+        }
         const std::uintmax_t bytes = Measure(directory);
         PrintSize(bytes, directory, TavroWasInterrupted());
         if (TavroWasInterrupted()) {

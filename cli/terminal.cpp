@@ -110,8 +110,12 @@ std::string TavroAsk(const std::string& Question) {
     std::fwrite(Question.data(), 1, Question.size(), stderr);
     std::fflush(stderr);
     std::string answer;
-    for (int byte = std::getchar(); byte != EOF && byte != '\n'; byte = std::getchar()) {
+    int byte = std::getchar();
+    for (; byte != EOF && byte != '\n'; byte = std::getchar()) {
         answer += static_cast<char>(byte);
+    }
+    if (byte == EOF) {
+        std::fputs("\n", stderr); // nobody typed one
     }
     return answer;
 }

@@ -92,9 +92,12 @@ void PrintReport(const TavroTransferReport& Report, bool bMove, bool bQuiet) {
 }
 
 int ExitCodeOf(const TavroTransferReport& Report, TavroOnConflict OnConflict) {
-    if (TavroWasInterrupted()) {
+    if (Report.bCancelled && TavroWasInterrupted()) {
         TavroPrintError("Interrupted: what was begun last is undone, what is listed is done.");
         return TavroExitInterrupted;
+    }
+    if (Report.bCancelled) {
+        TavroPrintError("Stopped: what is listed is done, nothing else was touched.");
     }
     const bool bSkippedUnasked = !Report.Skipped.empty() && OnConflict != TavroOnConflict::Skip;
     return Report.Failed.empty() && !Report.bCancelled && !(bSkippedUnasked && !TavroCanAsk())
@@ -121,7 +124,7 @@ int TavroRunTransfer(const TavroTransferArguments& Arguments) {
         callbacks.OnConflict = ConflictHandler(Arguments.OnConflict, bar);
         TavroCarryOutTransfer(plan, callbacks, report);
     }
-    PrintReport(report, plan.bMove, Arguments.bQuiet);
     TavroRecordOperation(OperationOf(report, plan.bMove));
+    PrintReport(report, plan.bMove, Arguments.bQuiet);
     return ExitCodeOf(report, Arguments.OnConflict);
 }

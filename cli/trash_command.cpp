@@ -64,12 +64,13 @@ int TavroRunTrash(const std::vector<std::string>& Entries, bool bQuiet) {
         TavroPrintError(error);
         return TavroWasInterrupted() ? TavroExitInterrupted : TavroExitFailed;
     }
+    // Recorded before it is printed: a reader that goes away must not cost the undo.
+    operation.Kind = TavroHistoryKind::Trash;
+    TavroRecordOperation(operation);
     if (!bQuiet) {
         for (const TavroTrashEntry& entry : operation.TrashEntries) {
             TavroPrintLine(stdout, entry.OriginalPath + " -> " + entry.TrashPath);
         }
     }
-    operation.Kind = TavroHistoryKind::Trash;
-    TavroRecordOperation(std::move(operation));
     return TavroExitDone;
 }

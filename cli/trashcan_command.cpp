@@ -135,6 +135,9 @@ int TavroRunEmpty(int OlderThanDays, bool bForce, bool bQuiet) {
     if (!ReadTrash(true, items)) {
         return TavroExitFailed;
     }
+    if (TavroWasInterrupted()) {
+        return TavroExitInterrupted;
+    }
     if (OlderThanDays > 0) {
         items = TavroItemsOlderThan(items, OlderThanDays);
     }
@@ -173,6 +176,15 @@ int TavroRunDoctor(const std::vector<std::string>& Mend, bool bMendAll) {
         return TavroExitFailed;
     }
     int exitCode = TavroExitDone;
+    for (const std::string& name : Mend) {
+        const auto isOfThatName = [&name](const TavroTrashFinding& finding) {
+            return finding.Path.filename() == name;
+        };
+        if (std::none_of(findings.begin(), findings.end(), isOfThatName)) {
+            TavroPrintError("Nothing is wrong with '" + name + "'");
+            exitCode = TavroExitFailed;
+        }
+    }
     for (const TavroTrashFinding& finding : findings) {
         const std::string name = finding.Path.filename().string();
         const bool bMend = bMendAll || std::find(Mend.begin(), Mend.end(), name) != Mend.end();

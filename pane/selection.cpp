@@ -24,7 +24,8 @@ TavroOperationEntry TavroSelectEntry(const std::string& Path) {
     }
     std::error_code ec;
     fs::path path = WithoutDots(fs::absolute(Path, ec));
-    const bool bThroughLink = Path.size() > 1 && Path.back() == '/' &&
+    const fs::path typedName = fs::path(Path).filename();
+    const bool bThroughLink = (typedName.empty() || typedName == ".") &&
                               fs::is_symlink(fs::symlink_status(path, ec)) &&
                               fs::is_directory(path, ec);
     if (bThroughLink || path.filename() == "..") {

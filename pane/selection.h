@@ -9,8 +9,8 @@
 ///
 /// @param Path  absolute, or relative to the current directory of the process. Links are not
 ///              resolved; `.` components and separators at the end are dropped, unless the path is
-///              a link whose separator at the end means the directory behind it. An audio track's
-///              path stays as it is.
+///              a link whose separator at the end (or `/.`) means the directory behind it. An audio
+///              track's path stays as it is.
 /// @return the record with an absolute `Path`, its last component as `Name`, and `bDirectory` true
 ///         exactly for a directory that is not a symbolic link. Whether anything exists there is
 ///         not reported: `bDirectory` is false then.

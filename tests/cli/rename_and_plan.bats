@@ -73,6 +73,7 @@ $PWD/b c -> $PWD/d/b c"
 }
 
 @test "plan as JSON has each path to read and exact to the byte" {
+  command -v python3 >/dev/null || skip 'python3 is not installed'
   touch $'\xff z'
   run -0 tavro plan move $'\xff z' new --json
   expect "$(jq_like '.move')" True
@@ -80,10 +81,8 @@ $PWD/b c -> $PWD/d/b c"
   expect "$(jq_like '.items[0].destinationPath')" "$PWD/new"
 }
 
-# A value of the JSON in $output. Python is not needed for more than this, so a test that lacks it
-# says so.
+# A value of the JSON in $output.
 jq_like() {
-  command -v python3 >/dev/null || skip 'python3 is not installed'
   python3 -c '
 import json, re, sys
 value = json.loads(sys.argv[1])

@@ -90,6 +90,37 @@ tavro: Not a directory: 'missing': No such file or directory"
   [ -d "$HOME" ]
 }
 
+@test "delete refuses the trash and the folder that one stands in" {
+  touch a
+  tavro trash a
+  for path in "$HOME/.local/share/Trash/files" "$HOME/.local/share/Trash" . ..; do
+    run -1 --separate-stderr tavro delete -f "$path"
+    [[ $stderr == 'tavro: Refusing to delete'* ]]
+  done
+  [ -f "$HOME/.local/share/Trash/files/a" ]
+}
+
+@test "an interrupted delete says so and exits with 130" {
+  mkdir -p d/{1..60}
+  for i in {1..60}; do touch "d/$i/"{1..500}; done
+  "$TAVRO" delete -f d >out 2>err &
+  pid=$!
+  until [ "$(ls d | wc -l)" -lt 60 ] || ! kill -0 "$pid" 2>/dev/null; do :; done
+  kill -INT "$pid" 2>/dev/null || skip 'the delete was over before it could be interrupted'
+  status=0
+  wait "$pid" || status=$?
+  [ -e d ] || skip 'the delete was over before it could be interrupted'
+  expect "$status" 130
+  [[ $(cat err) == "tavro: Interrupted: what is left of '$PWD/d'"* ]]
+}
+
+@test "size of a folder that cannot be read says so" {
+  [ "$EUID" -ne 0 ] || skip 'root reads every folder'
+  mkdir -m 0 d
+  run -1 --separate-stderr tavro size d
+  expect "$stderr" "tavro: Cannot read 'd': Permission denied"
+}
+
 @test "delete takes odd names as they are" {
   touch -- '[a,b]' a b '{}' -x $'n\nl'
   run -0 tavro delete -f -- '[a,b]' '{}' -x $'n\nl'

@@ -127,6 +127,21 @@ load helpers
   expect "$(cat a/sub/one)" 1
 }
 
+@test "a reader that goes away costs neither the work nor its undo" {
+  mkdir s d
+  touch s/{1..3000}
+  run -0 bash -c '"$TAVRO" move s/* d | head -n 1'
+  [ -z "$(ls s)" ]
+  run -0 tavro undo -q
+  [ "$(ls s | wc -l)" -eq 3000 ]
+}
+
+@test "a base directory that is relative is recorded all the same" {
+  run -0 tavro mkdir --in rel/dir foo
+  run -0 tavro undo
+  [ ! -e rel ]
+}
+
 @test "an audio track is planned and then refused" {
   run -1 --separate-stderr tavro copy 'cdda:/Track 1.cdda' .
   expect "$stderr" "tavro: Cannot read audio CD track 'cdda:/Track 1.cdda': this build reads no discs"
@@ -135,7 +150,8 @@ load helpers
 @test "one bad entry does not stop the others" {
   touch a c
   mkdir d
-  python3 -c 'import socket; socket.socket(socket.AF_UNIX).bind("b")' || skip 'no socket without python3'
+  command -v python3 >/dev/null || skip 'python3 is not installed'
+  python3 -c 'import socket; socket.socket(socket.AF_UNIX).bind("b")'
   run -1 --separate-stderr tavro copy a b c d
   [[ $stderr == *socket*"'$PWD/b'"* ]]
   expect "$(ls d)" $'a\nc'

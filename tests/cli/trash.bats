@@ -159,6 +159,8 @@ $PWD/d -> $HOME/$trash/files/d"
   run -1 tavro doctor --mend a
   [ -f "$HOME/$trash/info/a.trashinfo" ]
   [ -f "$HOME/$trash/info/b.trashinfo" ]
+  run -1 --separate-stderr tavro doctor --mend nobody
+  expect "$stderr" "tavro: Nothing is wrong with 'nobody'"
   run -0 tavro doctor --mend-all
   [ ! -e "$HOME/$trash/info/b.trashinfo" ]
   run -0 tavro doctor
