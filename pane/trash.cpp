@@ -6,6 +6,7 @@
 #include "trash.h"
 
 #include "measure.h"
+#include "no_replace.h"
 #include "percent.h"
 #include "selection.h"
 #include "tavropane.h"
@@ -17,6 +18,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <system_error>
+#include <unistd.h>
 #include <unordered_map>
 #include <utility>
 
@@ -381,15 +383,49 @@ std::string UnwrittenRecord(const TavroTrashEntry& Entry) {
 
 } // namespace
 
-bool TavroWriteTrashRecord(const TavroTrashEntry& Entry, std::string& ErrorMessage) {
+namespace {
+
+/// Creates an empty record that this process alone writes to.
+///
+/// @return 0 when it did; else the error, EEXIST when there is a record of that name already.
+int ClaimRecord(const TavroTrashEntry& Entry) {
+    const int descriptor =
+        open(Entry.InfoPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+    if (descriptor < 0) {
+        return errno;
+    }
+    struct stat status = {};
+    // The umask may have taken permissions of the user's own.
+    if (fstat(descriptor, &status) == 0 && (status.st_mode & 0600U) != 0600U) {
+        fchmod(descriptor, (status.st_mode & 07777U) | 0600U);
+    }
+    close(descriptor);
+    return 0;
+}
+
+enum class RecordOutcome { Written, Taken, Failed };
+
+/// @param ErrorMessage  set unless the record is written.
+RecordOutcome WriteNewRecord(const TavroTrashEntry& Entry, std::string& ErrorMessage) {
+    const int error = ClaimRecord(Entry);
+    if (error != 0) {
+        ErrorMessage = "Failed to create trash metadata '" + Entry.InfoPath + "'.";
+        return error == EEXIST ? RecordOutcome::Taken : RecordOutcome::Failed;
+    }
     if (TavroWriteTrashInfoEntries({Entry}, ErrorMessage)) {
         if (IsRecordWhole(Entry)) {
-            return true;
+            return RecordOutcome::Written;
         }
         ErrorMessage = UnwrittenRecord(Entry);
     }
     TavroRemoveTrashInfoEntries({Entry});
-    return false;
+    return RecordOutcome::Failed;
+}
+
+} // namespace
+
+bool TavroWriteTrashRecord(const TavroTrashEntry& Entry, std::string& ErrorMessage) {
+    return WriteNewRecord(Entry, ErrorMessage) == RecordOutcome::Written;
 }
 
 // =================================================================================================
@@ -400,6 +436,20 @@ namespace {
 
 bool IsCancelled(const TavroTransferCallbacks& Callbacks) {
     return Callbacks.ShouldCancel && Callbacks.ShouldCancel();
+}
+
+/// What a failed move says when something was at its destination, be it since a moment ago.
+bool SaysThatItIsTaken(const std::string& Sentence) {
+    const std::string end = ": " + TextOf(EEXIST);
+    return Sentence.size() >= end.size() &&
+           Sentence.compare(Sentence.size() - end.size(), end.size(), end) == 0;
+}
+
+/// Whether a move that failed left something of its own at its destination: a directory that was
+/// copied but could not be removed whole. A rename leaves nothing, and what was in the way of a
+/// move belongs to someone else.
+bool IsLeftInPart(bool bCopied, const std::string& Sentence, const fs::path& Destination) {
+    return bCopied && !SaysThatItIsTaken(Sentence) && TavroIsPresent(Destination);
 }
 
 /// A move to where nothing is. Cancelling is asked about here too, for a move that is a mere
@@ -500,76 +550,48 @@ std::vector<TavroOperationEntry> AtOwnPaths(const std::vector<TavroOperationEntr
     return entries;
 }
 
-/// Whether the module's one-step way loses nothing: it looks at names through links and replaces
-/// records; its copy cannot be watched; its undo takes a dangling link for missing, and any
-/// relative link may be one in the trash.
-bool FitsOneStep(const std::vector<TavroOperationEntry>& Entries,
-                 const std::vector<TavroTrashEntry>& Prepared, const TavroTrashFolders& Folders) {
-    for (std::size_t i = 0; i < Entries.size(); ++i) {
-        const std::string name = fs::path(Prepared[i].TrashPath).filename().string();
-        std::error_code ec;
-        if (name != Entries[i].Name || !IsTrashNameFree(Folders, name) ||
-            fs::is_symlink(fs::symlink_status(Entries[i].Path, ec))) {
-            return false;
-        }
+/// One entry on its way to the trash, and what this operation did with it so far: at the same path
+/// in the trash there can be something of another process at any time.
+struct Trashing {
+    TavroTrashEntry Record;
+    bool bInTrash = false; ///< It lies in the trash, whole or in part, and was brought by us.
+    bool bRecorded = false;
+};
+
+/// Moves an entry back from the trash.
+void PutBack(Trashing& Item, std::string& ErrorMessage) {
+    std::string error;
+    if (!TavroMoveEntry(Item.Record.TrashPath, Item.Record.OriginalPath, {}, error)) {
+        ErrorMessage += " Rollback failed: " + error;
+        return;
     }
-    return TavroEntriesOnOtherDevices(Entries).empty();
+    if (Item.bRecorded) {
+        TavroRemoveTrashInfoEntries({Item.Record});
+    }
+    Item.bInTrash = Item.bRecorded = false;
 }
 
 /// Moves the first `Count` entries back from the trash, the last of them first.
-void PutBack(const std::vector<TavroTrashEntry>& Records, std::size_t Count,
-             std::string& ErrorMessage) {
+void PutBack(std::vector<Trashing>& Items, std::size_t Count, std::string& ErrorMessage) {
     while (Count > 0) {
-        const TavroTrashEntry& record = Records[--Count];
-        std::string error;
-        if (TavroMoveEntry(record.TrashPath, record.OriginalPath, {}, error)) {
-            TavroRemoveTrashInfoEntries({record});
-        } else {
-            ErrorMessage += " Rollback failed: " + error;
-        }
+        PutBack(Items[--Count], ErrorMessage);
     }
 }
 
-/// Says of everything that is in the trash after a failure where it is, and sees that it has a
-/// record there.
-void TellWhatIsLeftInTrash(const std::vector<TavroTrashEntry>& Records, std::string& ErrorMessage) {
-    for (const TavroTrashEntry& record : Records) {
-        if (!TavroIsPresent(record.TrashPath)) {
+/// Says of everything that was brought to the trash and is there after a failure where it is, and
+/// sees that it has a record there.
+void TellWhatIsLeftInTrash(const std::vector<Trashing>& Items, std::string& ErrorMessage) {
+    for (const Trashing& item : Items) {
+        const TavroTrashEntry& record = item.Record;
+        if (!item.bInTrash || !TavroIsPresent(record.TrashPath)) {
             continue;
         }
-        ErrorMessage += TavroIsPresent(record.OriginalPath) ? "; of " : "; ";
-        ErrorMessage += Quoted(record.OriginalPath);
-        ErrorMessage += TavroIsPresent(record.OriginalPath) ? " there is also " : " is now ";
-        ErrorMessage += Quoted(record.TrashPath);
+        const bool bAlsoThere = TavroIsPresent(record.OriginalPath);
+        ErrorMessage += (bAlsoThere ? "; of " : "; ") + Quoted(record.OriginalPath) +
+                        (bAlsoThere ? " there is also " : " is now ") + Quoted(record.TrashPath);
         std::string ignored;
-        if (!TavroIsPresent(record.InfoPath)) {
-            TavroWriteTrashRecord(record, ignored);
-        }
+        TavroWriteTrashRecord(record, ignored);
     }
-}
-
-/// @param Records  in: where the entries will go; after success: where they are.
-bool TrashInOneStep(const std::vector<TavroOperationEntry>& Entries,
-                    const TavroTransferCallbacks& Callbacks, std::vector<TavroTrashEntry>& Records,
-                    std::string& ErrorMessage) {
-    if (IsCancelled(Callbacks)) {
-        return Fail(ErrorMessage, "Cancelled");
-    }
-    std::vector<TavroTrashEntry> trashed;
-    if (!TavroTrashEntries(Entries, trashed, ErrorMessage)) {
-        return false;
-    }
-    Records = std::move(trashed);
-    const auto broken = std::find_if_not(Records.begin(), Records.end(), IsRecordWhole);
-    if (broken != Records.end()) {
-        ErrorMessage = UnwrittenRecord(*broken);
-        PutBack(Records, Records.size(), ErrorMessage);
-        return false;
-    }
-    if (Callbacks.OnProgress) {
-        Callbacks.OnProgress({Entries.size(), Entries.size(), 0, 0, Entries.back().Path});
-    }
-    return true;
 }
 
 /// Gives the records that the module prepared what it does not: the links' own paths, and names
@@ -588,41 +610,109 @@ void CorrectPrepared(const std::vector<TavroOperationEntry>& Entries,
     }
 }
 
-/// Moves one entry to its place in the trash and writes its record; on failure it is moved back.
-///
-/// The record follows at once, and not after the whole batch, so that an interruption leaves one
-/// item at most without the path that it came from.
-bool MoveToTrash(const TavroTrashEntry& Record, const TavroTransferCallbacks& Callbacks,
-                 std::string& ErrorMessage) {
-    if (!MoveUnlessCancelled(Record.OriginalPath, Record.TrashPath, Callbacks, ErrorMessage)) {
-        return false;
+/// How often another name is tried when other processes trash things of the same name.
+constexpr int nameTries = 100;
+
+/// The names that the entries of one selection are to have.
+std::unordered_set<std::string> NamesOf(const std::vector<Trashing>& Items) {
+    std::unordered_set<std::string> names;
+    for (const Trashing& item : Items) {
+        names.insert(fs::path(item.Record.TrashPath).filename().string());
     }
-    if (TavroWriteTrashRecord(Record, ErrorMessage)) {
-        return true;
-    }
-    PutBack({Record}, 1, ErrorMessage);
-    return false;
+    return names;
 }
 
-bool TrashInTwoPhases(const std::vector<TavroTrashEntry>& Records,
-                      const TavroTransferCallbacks& Callbacks, std::string& ErrorMessage) {
-    const fs::path files = fs::path(Records[0].TrashPath).parent_path();
-    BatchProgress progress(Callbacks);
-    for (const TavroTrashEntry& record : Records) {
-        const bool bCopied = IsOnOtherDevice(fs::path(record.OriginalPath).parent_path(), files);
-        if (!progress.Add(record.OriginalPath, bCopied)) {
-            return Fail(ErrorMessage, "Cancelled");
+/// Brings a selection to the trash, entry by entry.
+class TrashOperation {
+public:
+    TrashOperation(const TavroTrashFolders& Folders, std::vector<Trashing>& Items,
+                   const TavroTransferCallbacks& Callbacks)
+        : m_folders(Folders), m_items(Items), m_progress(Callbacks), m_claimed(NamesOf(Items)) {}
+
+    bool Run(std::string& ErrorMessage) {
+        std::vector<bool> copied;
+        for (const Trashing& item : m_items) {
+            const fs::path original = item.Record.OriginalPath;
+            copied.push_back(IsOnOtherDevice(original.parent_path(), m_folders.Files));
+            if (!m_progress.Add(original, copied.back())) {
+                return Fail(ErrorMessage, "Cancelled");
+            }
         }
-    }
-    for (std::size_t i = 0; i < Records.size(); ++i) {
-        if (!MoveToTrash(Records[i], progress.ForNextMove(), ErrorMessage)) {
-            PutBack(Records, i, ErrorMessage);
-            return false;
+        for (std::size_t i = 0; i < m_items.size(); ++i) {
+            if (!Bring(m_items[i], copied[i], ErrorMessage) ||
+                !WriteRecord(m_items[i], ErrorMessage)) {
+                PutBack(m_items, i, ErrorMessage);
+                return false;
+            }
+            m_progress.EndMove();
         }
-        progress.EndMove();
+        return true;
     }
-    return true;
-}
+
+private:
+    /// Another process took the name since it was chosen.
+    void ChooseAnotherName(TavroTrashEntry& Record) {
+        const std::string wanted = fs::path(Record.OriginalPath).filename().string();
+        const std::string name = TavroChooseTrashName(m_folders, wanted, m_claimed);
+        PlaceRecord(m_folders, name, Record);
+        m_claimed.insert(name);
+    }
+
+    /// Moves one entry to a free place in the trash.
+    bool Bring(Trashing& Item, bool bCopied, std::string& ErrorMessage) {
+        std::string error;
+        for (int i = 0; i < nameTries; ++i) {
+            if (TavroIsPresent(Item.Record.InfoPath)) {
+                ChooseAnotherName(Item.Record);
+            }
+            if (MoveUnlessCancelled(Item.Record.OriginalPath, Item.Record.TrashPath,
+                                    m_progress.ForNextMove(), error)) {
+                Item.bInTrash = true;
+                return true;
+            }
+            if (!SaysThatItIsTaken(error)) {
+                Item.bInTrash = IsLeftInPart(bCopied, error, Item.Record.TrashPath);
+                break;
+            }
+            ChooseAnotherName(Item.Record);
+        }
+        return Fail(ErrorMessage, error);
+    }
+
+    /// Writes the record of an entry that is in the trash; on failure the entry is moved back.
+    ///
+    /// The record follows at once, and not after the whole batch, so that an interruption leaves
+    /// one item at most without the path that it came from.
+    bool WriteRecord(Trashing& Item, std::string& ErrorMessage) {
+        std::string error;
+        for (int i = 0; i < nameTries; ++i) {
+            const RecordOutcome outcome = WriteNewRecord(Item.Record, error);
+            Item.bRecorded = outcome == RecordOutcome::Written;
+            if (Item.bRecorded) {
+                return true;
+            }
+            if (outcome == RecordOutcome::Failed) {
+                break;
+            }
+            const TavroTrashEntry old = Item.Record;
+            std::error_code ec;
+            ChooseAnotherName(Item.Record);
+            TavroRenameNoReplace(old.TrashPath, Item.Record.TrashPath, ec);
+            if (ec) {
+                // It is where it was; when the new name was taken too, the next one is tried.
+                PlaceRecord(m_folders, fs::path(old.TrashPath).filename().string(), Item.Record);
+            }
+        }
+        ErrorMessage = error;
+        PutBack(Item, ErrorMessage);
+        return false;
+    }
+
+    const TavroTrashFolders& m_folders;
+    std::vector<Trashing>& m_items;
+    BatchProgress m_progress;
+    std::unordered_set<std::string> m_claimed;
+};
 
 } // namespace
 
@@ -642,15 +732,18 @@ bool TavroTrashSelection(const std::vector<TavroOperationEntry>& Entries,
     if (!TavroPrepareTrashEntries(entries, records, ErrorMessage)) {
         return false;
     }
-    const bool bOneStep = FitsOneStep(entries, records, folders);
     CorrectPrepared(entries, folders, records);
-    const bool bTrashed = bOneStep ? TrashInOneStep(entries, Callbacks, records, ErrorMessage)
-                                   : TrashInTwoPhases(records, Callbacks, ErrorMessage);
-    if (!bTrashed) {
-        TellWhatIsLeftInTrash(records, ErrorMessage);
+    std::vector<Trashing> items;
+    for (TavroTrashEntry& record : records) {
+        items.push_back({std::move(record)});
+    }
+    if (!TrashOperation(folders, items, Callbacks).Run(ErrorMessage)) {
+        TellWhatIsLeftInTrash(items, ErrorMessage);
         return false;
     }
-    OutTrashEntries = std::move(records);
+    for (Trashing& item : items) {
+        OutTrashEntries.push_back(std::move(item.Record));
+    }
     return true;
 }
 
@@ -684,6 +777,9 @@ bool CheckRestorable(const TavroTrashEntry& Entry, std::string& ErrorMessage) {
 struct Restoration {
     TavroTrashEntry Entry;
     std::string Place;
+    bool bRestored = false; ///< This operation moved it to its original place, and it is there.
+    bool bReturned = false; ///< It was restored, and is in the trash again, without its record.
+    bool bInPart = false;   ///< It is in the trash and, in part at least, at its original place.
 };
 
 /// Checks every entry, and that no two of them are one or go to one place.
@@ -699,7 +795,9 @@ bool CheckRestoreList(const std::vector<TavroTrashEntry>& Entries,
         if (!items.insert(entry.TrashPath).second) {
             return Fail(ErrorMessage, "Trash item is listed twice: " + entry.TrashPath);
         }
-        OutRestorations.push_back({entry, OwnPath(entry.OriginalPath, memo).string()});
+        OutRestorations.push_back({});
+        OutRestorations.back().Entry = entry;
+        OutRestorations.back().Place = OwnPath(entry.OriginalPath, memo).string();
         if (!places.insert(OutRestorations.back().Place).second) {
             return Fail(ErrorMessage,
                         "Cannot restore two entries to one place: " + entry.OriginalPath);
@@ -713,97 +811,68 @@ bool IsCopiedBack(const TavroTrashEntry& Entry) {
                            fs::path(Entry.OriginalPath).parent_path());
 }
 
-/// Whether the module would restore the list less well than moves of our own: it takes a dangling
-/// link for missing, its copy cannot be watched, and it looks for what is in the way before any
-/// entry is back.
-bool NeedsCare(const std::vector<Restoration>& Restorations) {
-    std::unordered_set<std::string> places;
-    for (const Restoration& restoration : Restorations) {
-        places.insert(restoration.Place);
-    }
-    std::error_code ec;
-    return std::any_of(
-        Restorations.begin(), Restorations.end(), [&](const Restoration& restoration) {
-            return fs::is_symlink(fs::symlink_status(restoration.Entry.TrashPath, ec)) ||
-                   IsCopiedBack(restoration.Entry) ||
-                   !SelectedFolderAbove(restoration.Place, places).empty();
-        });
-}
-
-/// The entries in an order in which folders come back before what goes into them.
-std::vector<TavroTrashEntry> FoldersFirst(std::vector<Restoration> Restorations) {
+/// Sorts folders before what goes into them.
+void PutFoldersFirst(std::vector<Restoration>& Restorations) {
     std::stable_sort(Restorations.begin(), Restorations.end(),
                      [](const Restoration& a, const Restoration& b) { return a.Place < b.Place; });
-    std::vector<TavroTrashEntry> entries;
-    entries.reserve(Restorations.size());
-    for (Restoration& restoration : Restorations) {
-        entries.push_back(std::move(restoration.Entry));
-    }
-    return entries;
 }
 
 /// Moves the first `Count` entries into the trash again, the last of them first.
-void ReturnToTrash(const std::vector<TavroTrashEntry>& Entries, std::size_t Count,
+void ReturnToTrash(std::vector<Restoration>& Restorations, std::size_t Count,
                    std::string& ErrorMessage) {
     while (Count > 0) {
-        const TavroTrashEntry& entry = Entries[--Count];
+        Restoration& restoration = Restorations[--Count];
         std::string error;
-        if (!TavroMoveEntry(entry.OriginalPath, entry.TrashPath, {}, error)) {
+        if (TavroMoveEntry(restoration.Entry.OriginalPath, restoration.Entry.TrashPath, {},
+                           error)) {
+            restoration.bRestored = false;
+            restoration.bReturned = true;
+        } else {
             ErrorMessage += " Rollback failed: " + error;
         }
     }
 }
 
-bool RestoreWithCare(const std::vector<TavroTrashEntry>& Entries,
-                     const TavroTransferCallbacks& Callbacks, std::string& ErrorMessage) {
+bool Restore(std::vector<Restoration>& Restorations, const TavroTransferCallbacks& Callbacks,
+             std::string& ErrorMessage) {
     BatchProgress progress(Callbacks);
-    for (const TavroTrashEntry& entry : Entries) {
-        if (!progress.Add(entry.TrashPath, IsCopiedBack(entry))) {
+    std::vector<bool> copied;
+    for (const Restoration& restoration : Restorations) {
+        copied.push_back(IsCopiedBack(restoration.Entry));
+        if (!progress.Add(restoration.Entry.TrashPath, copied.back())) {
             return Fail(ErrorMessage, "Cancelled");
         }
     }
-    for (std::size_t i = 0; i < Entries.size(); ++i) {
-        if (!MoveUnlessCancelled(Entries[i].TrashPath, Entries[i].OriginalPath,
-                                 progress.ForNextMove(), ErrorMessage)) {
-            ReturnToTrash(Entries, i, ErrorMessage);
+    for (std::size_t i = 0; i < Restorations.size(); ++i) {
+        const TavroTrashEntry& entry = Restorations[i].Entry;
+        if (!MoveUnlessCancelled(entry.TrashPath, entry.OriginalPath, progress.ForNextMove(),
+                                 ErrorMessage)) {
+            Restorations[i].bInPart = IsLeftInPart(copied[i], ErrorMessage, entry.OriginalPath);
+            ReturnToTrash(Restorations, i, ErrorMessage);
             return false;
         }
-        TavroRemoveTrashInfoEntries({Entries[i]});
+        Restorations[i].bRestored = true;
+        TavroRemoveTrashInfoEntries({entry});
         progress.EndMove();
     }
     return true;
 }
 
-bool RestoreInOneStep(const std::vector<TavroTrashEntry>& Entries,
-                      const TavroTransferCallbacks& Callbacks, std::string& ErrorMessage) {
-    if (IsCancelled(Callbacks)) {
-        return Fail(ErrorMessage, "Cancelled");
-    }
-    if (!TavroRestoreTrashEntries(Entries, ErrorMessage)) {
-        return false;
-    }
-    if (Callbacks.OnProgress) {
-        Callbacks.OnProgress({Entries.size(), Entries.size(), 0, 0, Entries.back().OriginalPath});
-    }
-    return true;
-}
-
-/// Says after a failure what is not in the trash as it was, and sees that everything in the trash
-/// has a record.
-void TellWhatIsLeftRestored(const std::vector<TavroTrashEntry>& Entries,
+/// Says after a failure what is not in the trash as it was, and sees that what went back there has
+/// a record.
+void TellWhatIsLeftRestored(const std::vector<Restoration>& Restorations,
                             std::string& ErrorMessage) {
-    for (const TavroTrashEntry& entry : Entries) {
-        const bool bRestored = TavroIsPresent(entry.OriginalPath);
-        if (!TavroIsPresent(entry.TrashPath)) {
-            ErrorMessage += bRestored ? "; " + Quoted(entry.OriginalPath) + " stays restored" : "";
-            continue;
+    for (const Restoration& restoration : Restorations) {
+        const TavroTrashEntry& entry = restoration.Entry;
+        if (restoration.bRestored && TavroIsPresent(entry.OriginalPath)) {
+            ErrorMessage += "; " + Quoted(entry.OriginalPath) + " stays restored";
         }
-        if (bRestored) {
+        if (restoration.bInPart) {
             ErrorMessage +=
                 "; of " + Quoted(entry.TrashPath) + " there is also " + Quoted(entry.OriginalPath);
         }
         std::string ignored;
-        if (!TavroIsPresent(entry.InfoPath) && !TavroWriteTrashRecord(entry, ignored)) {
+        if (restoration.bReturned && !TavroWriteTrashRecord(entry, ignored)) {
             ErrorMessage += "; " + Quoted(entry.TrashPath) + " has no record now and came from " +
                             Quoted(entry.OriginalPath);
         }
@@ -821,12 +890,10 @@ bool TavroRestoreSelection(const std::vector<TavroTrashEntry>& Entries,
     if (!CheckRestoreList(Entries, restorations, ErrorMessage)) {
         return false;
     }
-    const bool bRestored =
-        NeedsCare(restorations)
-            ? RestoreWithCare(FoldersFirst(std::move(restorations)), Callbacks, ErrorMessage)
-            : RestoreInOneStep(Entries, Callbacks, ErrorMessage);
-    if (!bRestored) {
-        TellWhatIsLeftRestored(Entries, ErrorMessage);
+    PutFoldersFirst(restorations);
+    if (!Restore(restorations, Callbacks, ErrorMessage)) {
+        TellWhatIsLeftRestored(restorations, ErrorMessage);
+        return false;
     }
-    return bRestored;
+    return true;
 }

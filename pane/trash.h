@@ -66,19 +66,18 @@ std::string TavroChooseTrashName(const TavroTrashFolders& Folders, const std::st
                                  const std::unordered_set<std::string>& Claimed);
 
 /// Writes the record of one entry and sees that it reached its file system whole, which the module
-/// does not when the disk is full. A record that is there is replaced.
+/// does not when the disk is full. A record that is there is never replaced: that is a failure.
 ///
-/// @return true when the record is written; false with a sentence, and no record is left.
+/// @return true when the record is written; false with a sentence, and no new record is left.
 bool TavroWriteTrashRecord(const TavroTrashEntry& Entry, std::string& ErrorMessage);
 
 /// Moves a selection to the home trash, all or nothing.
 ///
-/// The module's one-step operation does it where it can. A selection goes the two-phase way
-/// (prepare; move each entry, with progress and cancel, and write its record) when it has an entry
-/// on another file system, a link, a name longer than 245 bytes (its name in the trash is
-/// shortened), or a name of which an item, a record or a dangling link is in the trash, or which
-/// occurs twice. When that is cancelled or fails, what was moved is moved back. No record of
-/// another program is ever replaced.
+/// Each entry is moved (with progress and cancel) and gets its record at once. When that is
+/// cancelled or fails, what was moved is moved back. Nothing in the trash is ever replaced, neither
+/// an item nor a record, also when several processes trash things of one name at once: an entry
+/// whose name is taken by then gets the next free one. What others put there meanwhile is left
+/// alone.
 ///
 /// Links are trashed as links, with their own paths as `OriginalPath`, and flagged as directories.
 ///
@@ -94,13 +93,12 @@ bool TavroTrashSelection(const std::vector<TavroOperationEntry>& Entries,
                          const TavroTransferCallbacks& Callbacks,
                          std::vector<TavroTrashEntry>& OutTrashEntries, std::string& ErrorMessage);
 
-/// Puts trashed entries back, all or nothing, as TavroRestoreTrashEntries does.
+/// Puts trashed entries back, all or nothing, and removes their records.
 ///
 /// Refused before anything is moved: two entries with the same original path, one entry twice, an
 /// original path that is not absolute, and an original place that is taken, be it by a dangling
-/// link. A list with a trashed link (a dangling one is missing for the module), or with a place
-/// inside another's, is restored here with the same care. Entries whose original place is on
-/// another file system are moved with progress and cancel; when that is cancelled, what was
+/// link. Folders come back before what goes into them. Nothing is replaced, also when it came to an
+/// original place only after that check. When the restoring fails or is cancelled, what was
 /// restored goes back to the trash, with records that carry the new time.
 ///
 /// @param Callbacks     as for TavroTrashSelection.

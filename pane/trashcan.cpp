@@ -18,6 +18,7 @@
 #include <set>
 #include <sys/stat.h>
 #include <system_error>
+#include <tuple>
 #include <unistd.h>
 #include <utility>
 
@@ -222,11 +223,20 @@ bool ListRecords(const TavroTrashFolders& Folders, std::set<std::string>& OutNam
     return true;
 }
 
+std::int64_t InNanoseconds(const struct timespec& Time) {
+    return static_cast<std::int64_t>(Time.tv_sec) * 1000000000 + Time.tv_nsec;
+}
+
 /// Nothing when there is no such item, or no record of it that can be read.
 std::optional<TavroTrashItem> ReadItem(const TavroTrashFolders& Folders, const std::string& Name) {
     const fs::path path = Folders.Files / Name;
     const fs::path info = RecordPath(Folders, Name);
     if (!HasItem(Folders, Name)) {
+        return std::nullopt;
+    }
+    // The item is looked at before its record: whatever takes both names after that is another.
+    struct stat status = {};
+    if (lstat(path.c_str(), &status) != 0) {
         return std::nullopt;
     }
     const std::optional<Record> record = ReadRecord(info);
@@ -237,16 +247,22 @@ std::optional<TavroTrashItem> ReadItem(const TavroTrashFolders& Folders, const s
     item.Name = Name;
     item.OriginalPath = record->Path;
     item.DeletionDate = record->Date;
-    std::error_code ec;
-    const fs::file_status status = fs::symlink_status(path, ec);
-    item.bDirectory = fs::is_directory(status);
+    item.bDirectory = S_ISDIR(status.st_mode);
+    item.Device = status.st_dev;
+    item.Inode = status.st_ino;
+    item.ChangeTime = InNanoseconds(status.st_ctim);
     item.Entry = {record->Path, path.string(), info.string(),
-                  item.bDirectory || fs::is_symlink(status)};
+                  item.bDirectory || S_ISLNK(status.st_mode)};
+    struct stat recordStatus = {};
+    if (stat(info.c_str(), &recordStatus) == 0) {
+        item.RecordTime = InNanoseconds(recordStatus.st_mtim);
+    }
     return item;
 }
 
 bool IsListedBefore(const TavroTrashItem& A, const TavroTrashItem& B) {
-    return A.DeletionDate != B.DeletionDate ? A.DeletionDate > B.DeletionDate : A.Name < B.Name;
+    return std::tie(B.DeletionDate, B.RecordTime, A.Name) <
+           std::tie(A.DeletionDate, A.RecordTime, B.Name);
 }
 
 } // namespace
@@ -276,6 +292,19 @@ bool TavroListTrash(bool bMeasure, const std::function<bool()>& ShouldCancel,
     }
     std::sort(OutItems.begin(), OutItems.end(), IsListedBefore);
     return true;
+}
+
+std::uint64_t TavroCountUnlistedItems() {
+    const TavroTrashFolders folders = TavroFindTrashFolders();
+    std::set<std::string> names;
+    std::string ignored;
+    if (folders.Root.empty() || !ListNames(folders.Files, names, ignored)) {
+        return 0;
+    }
+    return static_cast<std::uint64_t>(
+        std::count_if(names.begin(), names.end(), [&](const std::string& name) {
+            return !ReadRecord(RecordPath(folders, name));
+        }));
 }
 
 // =================================================================================================
@@ -361,6 +390,23 @@ bool RemoveRecord(const fs::path& Record, std::string& ErrorMessage) {
     return !ec || Fail(ErrorMessage, "Failed to remove " + Quoted(Record) + ": " + ec.message());
 }
 
+/// Whether something else has the name of a listed item by now. What is gone is no other; an item
+/// that was not listed is taken by its name alone.
+bool IsAnotherNow(const TavroTrashFolders& Folders, const TavroTrashItem& Item) {
+    if (Item.Inode == 0) {
+        return false;
+    }
+    struct stat status = {};
+    if (lstat((Folders.Files / Item.Name).c_str(), &status) == 0 &&
+        std::make_tuple(Item.Device, Item.Inode, Item.ChangeTime) !=
+            std::make_tuple(std::uint64_t{status.st_dev}, std::uint64_t{status.st_ino},
+                            InNanoseconds(status.st_ctim))) {
+        return true;
+    }
+    const std::optional<Record> record = ReadRecord(RecordPath(Folders, Item.Name));
+    return record && (record->Path != Item.OriginalPath || record->Date != Item.DeletionDate);
+}
+
 } // namespace
 
 bool TavroRemoveFromTrash(const std::vector<TavroTrashItem>& Items,
@@ -377,6 +423,8 @@ bool TavroRemoveFromTrash(const std::vector<TavroTrashItem>& Items,
         std::string error;
         if (!IsPlainName(item.Name)) {
             error = Quoted(item.Name) + " is no name of an entry in the trash";
+        } else if (IsAnotherNow(folders, item)) {
+            error = Quoted(item.Name) + " changed meanwhile and stays";
         } else if (RemoveForGood(folders.Files / item.Name, error)) {
             RemoveRecord(RecordPath(folders, item.Name), error);
         }

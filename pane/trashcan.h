@@ -22,10 +22,19 @@ struct TavroTrashItem {
 
     std::uint64_t ByteCount = 0; ///< Bytes in it; of a directory, of all files in it.
     bool bDirectory = false;     ///< A real directory; a link to one is none.
+
+    /// What tells the item from another that takes its name later: its device, inode and the time
+    /// of its last change in nanoseconds. An inode of 0: it was not listed, and is not known.
+    std::uint64_t Device = 0;
+    std::uint64_t Inode = 0;
+    std::int64_t ChangeTime = 0;
+
+    std::int64_t RecordTime = 0; ///< When its record was written, in nanoseconds since 1970.
     TavroTrashEntry Entry;       ///< For TavroRestoreSelection. Links are flagged as directories.
 };
 
-/// Lists the trash, newest first, entries of the same second by name; those without a date last.
+/// Lists the trash, newest first; of entries of the same second the one whose record was written
+/// last is the first, then they go by name. Those without a date are last.
 ///
 /// Only the first 64 KiB of a record are read.
 ///
@@ -36,6 +45,10 @@ struct TavroTrashItem {
 /// @return true when the trash could be read; false with a sentence.
 bool TavroListTrash(bool bMeasure, const std::function<bool()>& ShouldCancel,
                     std::vector<TavroTrashItem>& OutItems, std::string& ErrorMessage);
+
+/// How many items TavroListTrash passes over, because they have no record that can be read. 0 when
+/// the trash cannot be read.
+std::uint64_t TavroCountUnlistedItems();
 
 /// Finds what a person means by a text: the item of that name in the trash; or the newest one whose
 /// original path that is (absolute, or relative to the current directory); or the only one whose
@@ -52,7 +65,11 @@ std::optional<TavroTrashItem> TavroFindTrashItem(const std::vector<TavroTrashIte
 /// Removes items, and their records, for good. The item goes first and the record after it, so that
 /// what an interruption leaves can still be listed.
 ///
-/// Only `Name` is used, and never leads out of the trash: one that is no plain name is refused.
+/// `Name` alone says what is removed, and never leads out of the trash: one that is no plain name
+/// is refused. A listed item of which another has taken the name since, or that changed itself, or
+/// whose record tells something else now, stays with its record: "'NAME' changed meanwhile and
+/// stays".
+///
 /// Links are not followed. An item that is gone already counts as removed. Folders in an item that
 /// do not let their entries be removed are made writable first.
 ///

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <ctime>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -62,6 +63,12 @@ protected:
     void put(const std::string& name, const std::string& recordBytes) const {
         writeFile(item(name), "bytes");
         writeFile(record(name), recordBytes);
+        setRecordTime(name, 0);
+    }
+    /// Makes a record one that was written so many nanoseconds after a certain moment.
+    void setRecordTime(const std::string& name, long nanoseconds) const {
+        const struct timespec times[2] = {{0, UTIME_OMIT}, {1700000000, nanoseconds}};
+        ASSERT_EQ(utimensat(AT_FDCWD, record(name).c_str(), times, 0), 0);
     }
     void put(const std::string& name, const std::string& path, const std::string& date) const {
         put(name, "[Trash Info]\nPath=" + path + "\nDeletionDate=" + date + "\n");
@@ -212,6 +219,30 @@ TEST_F(ListTrash, is_newest_first_then_by_name_and_what_has_no_date_is_last) {
     EXPECT_EQ(names(list()), (Names{"new", "a", "z", "old", "b"}));
 }
 
+TEST_F(ListTrash, has_the_last_recorded_of_one_second_first) {
+    for (const std::string name : {"a", "b", "c"}) {
+        put(name, "/docs/name", "2024-03-05T14:07:09");
+    }
+    setRecordTime("b", 2);
+    setRecordTime("c", 1);
+    EXPECT_EQ(names(list()), (Names{"b", "c", "a"}));
+    std::string error;
+    const auto found = TavroFindTrashItem(list(), "name", error);
+    ASSERT_TRUE(found) << error;
+    EXPECT_EQ(found->Name, "b");
+}
+
+TEST_F(ListTrash, counts_what_it_passes_over) {
+    put("whole", "/whole", "2024-03-05T14:07:09");
+    EXPECT_EQ(TavroCountUnlistedItems(), 0U);
+    writeFile(item("no record"));
+    put("unreadable", "garbage");
+    writeFile(record("no item"), "garbage");
+    EXPECT_EQ(TavroCountUnlistedItems(), 2U);
+    const ScopedEnvironment environment("HOME", std::nullopt);
+    EXPECT_EQ(TavroCountUnlistedItems(), 0U);
+}
+
 TEST_F(ListTrash, passes_over_what_lacks_its_record_or_its_item) {
     put("whole", "/whole", "2024-03-05T14:07:09");
     writeFile(item("no record"));
@@ -233,6 +264,7 @@ TEST_F(ListTrash, has_entries_of_every_type) {
     put("file", info);
     for (const std::string name : {"dangling", "fifo", "folder", "to folder"}) {
         writeFile(record(name), info);
+        setRecordTime(name, 0);
     }
     fs::create_symlink("nowhere", item("dangling"));
     makeFifo(item("fifo"));
@@ -591,6 +623,55 @@ TEST_F(RemoveFromTrash, says_which_record_could_not_be_removed) {
     EXPECT_EQ(remove({named("a")}), "Failed to remove " + inQuotes(record("a")) + ": " +
                                         systemText(std::errc::permission_denied));
     EXPECT_EQ(fault.fired(), 1);
+}
+
+TEST_F(RemoveFromTrash, keeps_what_took_the_name_of_a_listed_item) {
+    put("a", "/a", "2024-01-01T00:00:00");
+    put("b", "/b", "2024-01-01T00:00:00");
+    const auto items = list();
+    fs::rename(item("a"), home() / "a"); // its inode stays in use
+    put("a", "/a", "2024-01-01T00:00:00");
+    const Snapshot before = takeSnapshot(item("a"));
+    EXPECT_EQ(remove(items), "'a' changed meanwhile and stays");
+    EXPECT_EQ(takeSnapshot(item("a")), before);
+    EXPECT_EQ(names(list()), Names{"a"});
+}
+
+TEST_F(RemoveFromTrash, keeps_an_item_that_was_restored_changed_and_trashed_again) {
+    put("a", "/a", "2024-01-01T00:00:00");
+    const auto items = list();
+    struct stat status = {};
+    do { // until the clock of the file system has moved on
+        fs::rename(item("a"), home() / "a");
+        fs::rename(home() / "a", item("a"));
+        ASSERT_EQ(lstat(item("a").c_str(), &status), 0);
+    } while (status.st_ctim.tv_sec * 1000000000LL + status.st_ctim.tv_nsec == items[0].ChangeTime);
+    EXPECT_EQ(remove(items), "'a' changed meanwhile and stays");
+    EXPECT_EQ(names(list()), Names{"a"});
+}
+
+TEST_F(RemoveFromTrash, keeps_an_item_whose_record_tells_something_else_now) {
+    put("a", "/a", "2024-01-01T00:00:00");
+    const auto items = list();
+    for (const std::string changed : {"Path=/b\nDeletionDate=2024-01-01T00:00:00\n",
+                                      "Path=/a\nDeletionDate=2024-01-01T00:00:01\n"}) {
+        writeFile(record("a"), "[Trash Info]\n" + changed);
+        EXPECT_EQ(remove(items), "'a' changed meanwhile and stays");
+        EXPECT_EQ(names(list()), Names{"a"});
+    }
+}
+
+TEST_F(RemoveFromTrash, removes_what_was_listed_and_counts_what_is_gone_since) {
+    put("a", "/a", "2024-01-01T00:00:00");
+    put("b", "/b", "2024-01-01T00:00:00");
+    fs::create_symlink("nowhere", item("link"));
+    writeFile(record("link"), "[Trash Info]\nPath=/link\n");
+    const auto items = list(true);
+    ASSERT_EQ(items.size(), 3U);
+    fs::remove(item("b"));
+    EXPECT_EQ(remove(items), "");
+    EXPECT_TRUE(fs::is_empty(root() / "files"));
+    EXPECT_TRUE(fs::is_empty(root() / "info"));
 }
 
 TEST_F(RemoveFromTrash, takes_the_item_before_its_record) {
