@@ -4,10 +4,10 @@
 
 #include <ctime>
 
-bool TavroOpenHistory(TavroHistory& OutHistory) {
+bool TavroOpenHistory(TavroHistory& OutHistory, std::chrono::seconds Patience) {
     const std::filesystem::path file = TavroHistoryPath();
     std::string error = "HOME is not set";
-    if (file.empty() || !OutHistory.Open(file, error)) {
+    if (file.empty() || !OutHistory.Open(file, error, Patience)) {
         TavroPrintError("The undo history cannot be used: " + error);
         return false;
     }
@@ -24,7 +24,9 @@ void TavroRecordOperation(TavroHistoryOperation Operation) {
     Operation.Time = std::time(nullptr);
     TavroHistory history;
     std::string error;
-    if (TavroOpenHistory(history) && !history.Record(std::move(Operation), error)) {
+    // What is done is done: an interrupt while another process holds the history must not cost it.
+    if (TavroOpenHistory(history, std::chrono::seconds(10)) &&
+        !history.Record(std::move(Operation), error)) {
         TavroPrintError(error);
     }
 }

@@ -67,6 +67,7 @@ TavroTransferConflictPolicy PolicyOf(TavroOnConflict OnConflict) {
 TavroHistoryOperation OperationOf(const TavroTransferReport& Report, bool bMove) {
     TavroHistoryOperation operation;
     operation.Kind = bMove ? TavroHistoryKind::Move : TavroHistoryKind::Copy;
+    operation.RemovedFolders = Report.RemovedFolders;
     for (const TavroTransferredEntry& entry : Report.Done) {
         if (bMove || !entry.bReplaced) {
             operation.Steps.push_back({entry.From.string(), entry.To.string()});

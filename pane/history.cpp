@@ -4,6 +4,7 @@
 #include "selection.h"
 #include "trash.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <set>
@@ -38,7 +39,8 @@ void TavroHistory::Close() {
     m_lists = {};
 }
 
-bool TavroHistory::Open(const fs::path& File, std::string& ErrorMessage) {
+bool TavroHistory::Open(const fs::path& File, std::string& ErrorMessage,
+                        std::chrono::seconds Patience) {
     Close();
     if (File.empty()) {
         ErrorMessage = "There is no place for the history: HOME is not set";
@@ -46,7 +48,7 @@ bool TavroHistory::Open(const fs::path& File, std::string& ErrorMessage) {
     }
     std::error_code ec;
     m_file = fs::absolute(File, ec); // the current directory may change before the next save
-    if (TavroLockHistory(m_file, m_lock, ErrorMessage) &&
+    if (TavroLockHistory(m_file, Patience, m_lock, ErrorMessage) &&
         TavroReadHistory(m_file, m_lists, m_notice, ErrorMessage)) {
         return true;
     }
@@ -123,27 +125,45 @@ bool CheckPlace(const fs::path& Path, bool bTaken, std::string& ErrorMessage) {
 /// Folders; a parent comes before what is in it.
 using FolderSet = std::set<fs::path>;
 
-/// Adds the folders above `Path` that do not exist, all of which can be created.
-bool FindMissingParents(const fs::path& Path, FolderSet& OutMissing, std::string& ErrorMessage) {
-    fs::path folder = Path.parent_path();
-    while (!TavroIsPresent(folder) && folder.has_relative_path()) {
-        OutMissing.insert(folder);
-        folder = folder.parent_path();
+std::string FolderSentence(const char* Act, const fs::path& Path, const std::string& Reason) {
+    return std::string(Act) + " the folder '" + Path.string() + "': " + Reason;
+}
+
+/// Refuses unless a folder is there, or can be created.
+bool CheckFolder(fs::path Folder, std::string& ErrorMessage) {
+    while (!TavroIsPresent(Folder) && Folder.has_relative_path()) {
+        Folder = Folder.parent_path();
     }
     std::error_code ec;
-    if (!fs::is_directory(folder, ec)) {
-        ErrorMessage = "'" + folder.string() + "' is in the way";
+    if (!fs::is_directory(Folder, ec)) {
+        ErrorMessage = "'" + Folder.string() + "' is in the way";
         return false;
     }
     return true;
 }
 
-bool CheckSteps(const std::vector<TavroHistoryStep>& Steps, FolderSet& OutMissingParents,
-                std::string& ErrorMessage) {
+/// Creates a folder that is missing, and those above it, for the user alone.
+bool CreateMissing(const fs::path& Path, FolderSet& Created, std::string& ErrorMessage) {
+    if (TavroIsPresent(Path) || !Path.has_relative_path()) {
+        return true;
+    }
+    if (!CreateMissing(Path.parent_path(), Created, ErrorMessage)) {
+        return false;
+    }
+    if (mkdir(Path.c_str(), S_IRWXU) != 0) {
+        const std::error_code ec(errno, std::generic_category());
+        ErrorMessage = FolderSentence("Cannot create", Path, ec.message());
+        return false;
+    }
+    Created.insert(Path);
+    return true;
+}
+
+bool CheckSteps(const std::vector<TavroHistoryStep>& Steps, std::string& ErrorMessage) {
     for (const TavroHistoryStep& step : Steps) {
         if (!CheckPlace(step.From, true, ErrorMessage) ||
             !CheckPlace(step.To, false, ErrorMessage) ||
-            !FindMissingParents(step.To, OutMissingParents, ErrorMessage)) {
+            !CheckFolder(fs::path(step.To).parent_path(), ErrorMessage)) {
             return false;
         }
     }
@@ -168,34 +188,61 @@ bool MoveStepsBack(const std::vector<TavroHistoryStep>& Steps, std::size_t Count
 
 /// Asks before what may be a plain rename too: there can be many of them.
 bool MoveStep(const TavroHistoryStep& Step, const TavroTransferCallbacks& Callbacks,
-              std::string& ErrorMessage) {
+              FolderSet& Created, std::string& ErrorMessage) {
     if (Callbacks.ShouldCancel && Callbacks.ShouldCancel()) {
         ErrorMessage = "Cancelled";
         return false;
     }
-    return TavroMoveEntry(Step.From, Step.To, Callbacks, ErrorMessage);
+    return CreateMissing(fs::path(Step.To).parent_path(), Created, ErrorMessage) &&
+           TavroMoveEntry(Step.From, Step.To, Callbacks, ErrorMessage);
 }
 
-/// All steps, or none.
-bool MoveSteps(const std::vector<TavroHistoryStep>& Steps, const TavroTransferCallbacks& Callbacks,
-               std::string& ErrorMessage) {
-    FolderSet missingParents;
-    if (!CheckSteps(Steps, missingParents, ErrorMessage)) {
+using RemovedFolders = std::vector<TavroRemovedFolder>;
+
+/// All steps, after which all of `Folders` are there again; or none.
+bool MoveSteps(const std::vector<TavroHistoryStep>& Steps, const RemovedFolders& Folders,
+               const TavroTransferCallbacks& Callbacks, std::string& ErrorMessage) {
+    const auto check = [&](const TavroRemovedFolder& Folder) {
+        return CheckFolder(Folder.Path, ErrorMessage);
+    };
+    if (!CheckSteps(Steps, ErrorMessage) || !std::all_of(Folders.begin(), Folders.end(), check)) {
         return false;
     }
+    FolderSet created;
     std::size_t moved = 0;
-    while (moved < Steps.size() && MoveStep(Steps[moved], Callbacks, ErrorMessage)) {
+    while (moved < Steps.size() && MoveStep(Steps[moved], Callbacks, created, ErrorMessage)) {
         ++moved;
     }
-    if (moved == Steps.size()) {
+    const auto create = [&](const TavroRemovedFolder& Folder) {
+        return CreateMissing(Folder.Path, created, ErrorMessage);
+    };
+    if (moved == Steps.size() && std::all_of(Folders.begin(), Folders.end(), create)) {
+        // Only now: their modes may forbid to put anything into them.
+        for (const TavroRemovedFolder& folder : Folders) {
+            if (created.count(folder.Path) != 0) {
+                chmod(folder.Path.c_str(), folder.Mode);
+            }
+        }
         return true;
     }
     if (MoveStepsBack(Steps, moved, ErrorMessage)) {
-        for (auto folder = missingParents.rbegin(); folder != missingParents.rend(); ++folder) {
+        for (auto folder = created.rbegin(); folder != created.rend(); ++folder) {
             rmdir(folder->c_str());
         }
     }
     return false;
+}
+
+/// Moves again, and removes again what that has emptied.
+bool MoveAgain(const TavroHistoryOperation& Operation, const TavroTransferCallbacks& Callbacks,
+               std::string& ErrorMessage) {
+    if (!MoveSteps(Operation.Steps, {}, Callbacks, ErrorMessage)) {
+        return false;
+    }
+    for (const TavroRemovedFolder& folder : Operation.RemovedFolders) {
+        rmdir(folder.Path.c_str()); // one that holds something stays
+    }
+    return true;
 }
 
 std::vector<TavroHistoryStep> Reversed(const std::vector<TavroHistoryStep>& Steps) {
@@ -280,10 +327,6 @@ struct Folder {
     fs::path Path;
     mode_t Mode = 0777;
 };
-
-std::string FolderSentence(const char* Act, const fs::path& Path, const std::string& Reason) {
-    return std::string(Act) + " the folder '" + Path.string() + "': " + Reason;
-}
 
 /// All folders, in order, or none.
 bool CreateFolders(const std::vector<Folder>& Folders, std::string& ErrorMessage) {
@@ -382,7 +425,8 @@ bool UndoOperation(TavroHistoryOperation& Operation, const TavroTransferCallback
         return TavroRestoreSelection(Operation.TrashEntries, Callbacks, ErrorMessage);
     case TavroHistoryKind::Rename:
     case TavroHistoryKind::Move:
-        return MoveSteps(Reversed(Operation.Steps), Callbacks, ErrorMessage);
+        return MoveSteps(Reversed(Operation.Steps), Operation.RemovedFolders, Callbacks,
+                         ErrorMessage);
     case TavroHistoryKind::Copy:
         return TrashPaths(OutermostTargets(Operation.Steps), Callbacks, Operation.TrashEntries,
                           ErrorMessage);
@@ -399,7 +443,7 @@ bool RedoOperation(TavroHistoryOperation& Operation, const TavroTransferCallback
         return TrashAgain(Operation, Callbacks, ErrorMessage);
     case TavroHistoryKind::Rename:
     case TavroHistoryKind::Move:
-        return MoveSteps(Operation.Steps, Callbacks, ErrorMessage);
+        return MoveAgain(Operation, Callbacks, ErrorMessage);
     case TavroHistoryKind::Copy:
         return RestoreCopies(Operation, Callbacks, ErrorMessage);
     case TavroHistoryKind::CreateDirectory:

@@ -6,6 +6,7 @@
 #include "tavroops.h"
 #include "transfer.h"
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <string>
@@ -39,6 +40,10 @@ struct TavroHistoryOperation {
     /// What is in the trash because of it: the entries of Trash while it is done, the copies of
     /// Copy while it is undone.
     std::vector<TavroTrashEntry> TrashEntries;
+
+    /// What a merging move has emptied and removed, inner folders before outer ones: an undo
+    /// creates them again, a redo removes them again when they are empty.
+    std::vector<TavroRemovedFolder> RemovedFolders = {};
 };
 
 /// What can be undone, and what can be redone; in both, the next to come last.
@@ -71,11 +76,14 @@ public:
     /// `history.json.damaged-N` (the first free N from 1) and the history starts empty. What was
     /// open before is closed first.
     ///
-    /// @param File  where the history is kept; usually TavroHistoryPath().
+    /// @param File      where the history is kept; usually TavroHistoryPath().
+    /// @param Patience  so long no signal ends the wait for the lock: what is done already wants to
+    ///                  be recorded. With none, the first signal does.
     /// @return true when the history can be used; false with a sentence: the path is empty, a
     ///         folder cannot be created, the file cannot be locked, read or set aside, or a signal
     ///         whose handler does not restart calls ended the wait for the lock.
-    bool Open(const std::filesystem::path& File, std::string& ErrorMessage);
+    bool Open(const std::filesystem::path& File, std::string& ErrorMessage,
+              std::chrono::seconds Patience = std::chrono::seconds(0));
 
     /// After Open: one sentence when a damaged file was set aside, naming it; else empty.
     const std::string& Notice() const;
@@ -93,7 +101,8 @@ public:
 
     /// Undoes (redoes) the newest operation and saves the history. All is checked before anything
     /// is moved, that the history can be saved included, and what was changed is changed back when
-    /// a later step fails.
+    /// a later step fails. Folders that are missing are created, with the modes of those that the
+    /// operation has removed, and otherwise for the user alone: they may have been private.
     ///
     /// @param Callbacks     progress and cancel for what goes between file systems. A cancelled
     ///                      undo is changed back as well.

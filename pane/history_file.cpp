@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <fcntl.h>
 #include <nlohmann/json.hpp>
 #include <sys/file.h>
@@ -33,6 +34,10 @@ bool IsRecordableEntry(const TavroTrashEntry& Entry) {
            IsAbsolute(Entry.InfoPath);
 }
 
+bool IsRecordableFolder(const TavroRemovedFolder& Folder) {
+    return IsAbsolute(Folder.Path.string()) && Folder.Mode <= 07777U;
+}
+
 } // namespace
 
 bool TavroIsRecordable(const TavroHistoryOperation& Operation) {
@@ -45,7 +50,9 @@ bool TavroIsRecordable(const TavroHistoryOperation& Operation) {
                            return IsRecordableStep(Step, Operation.Kind);
                        }) &&
            std::all_of(Operation.TrashEntries.begin(), Operation.TrashEntries.end(),
-                       IsRecordableEntry);
+                       IsRecordableEntry) &&
+           std::all_of(Operation.RemovedFolders.begin(), Operation.RemovedFolders.end(),
+                       IsRecordableFolder);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -77,9 +84,19 @@ bool CreatePrivateFolders(const fs::path& Folder, std::string& ErrorMessage) {
     return false;
 }
 
+bool WaitForLock(int Descriptor, std::chrono::seconds Patience) {
+    const auto end = std::chrono::steady_clock::now() + Patience;
+    bool bLocked = false;
+    do {
+        bLocked = flock(Descriptor, LOCK_EX) == 0;
+    } while (!bLocked && errno == EINTR && std::chrono::steady_clock::now() < end);
+    return bLocked;
+}
+
 } // namespace
 
-bool TavroLockHistory(const fs::path& File, int& OutLock, std::string& ErrorMessage) {
+bool TavroLockHistory(const fs::path& File, std::chrono::seconds Patience, int& OutLock,
+                      std::string& ErrorMessage) {
     if (!CreatePrivateFolders(File.parent_path(), ErrorMessage)) {
         return false;
     }
@@ -87,7 +104,7 @@ bool TavroLockHistory(const fs::path& File, int& OutLock, std::string& ErrorMess
     // gone. This one stays for ever.
     const fs::path lockFile = File.string() + ".lock";
     const int lock = open(lockFile.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR);
-    if (lock >= 0 && flock(lock, LOCK_EX) == 0) {
+    if (lock >= 0 && WaitForLock(lock, Patience)) {
         OutLock = lock;
         return true;
     }
@@ -152,6 +169,17 @@ bool ParseEntry(const Json& Value, TavroTrashEntry& OutEntry) {
            ParsePath(Member(Value, "info"), OutEntry.InfoPath);
 }
 
+bool ParseFolder(const Json& Value, TavroRemovedFolder& OutFolder) {
+    const Json& mode = Member(Value, "mode");
+    std::string path;
+    if (!mode.is_number_unsigned() || mode.get<std::uint64_t>() > 07777U ||
+        !ParsePath(Member(Value, "path"), path)) {
+        return false;
+    }
+    OutFolder = {path, mode.get<std::uint32_t>()};
+    return true;
+}
+
 bool ParseKind(const Json& Value, TavroHistoryKind& OutKind) {
     const auto* found =
         std::find_if(kindNames.begin(), kindNames.end(),
@@ -189,11 +217,17 @@ bool ParseList(const Json& Value, bool (*ParseItem)(const Json&, Item&),
     return true;
 }
 
+/// Most operations have none, and then the member is missing.
+bool ParseFolders(const Json& Value, std::vector<TavroRemovedFolder>& OutFolders) {
+    return Value.is_null() || ParseList(Value, ParseFolder, OutFolders);
+}
+
 bool ParseOperation(const Json& Value, TavroHistoryOperation& OutOperation) {
     return ParseKind(Member(Value, "kind"), OutOperation.Kind) &&
            ParseTime(Member(Value, "time"), OutOperation.Time) &&
            ParseList(Member(Value, "steps"), ParseStep, OutOperation.Steps) &&
            ParseList(Member(Value, "trash"), ParseEntry, OutOperation.TrashEntries) &&
+           ParseFolders(Member(Value, "folders"), OutOperation.RemovedFolders) &&
            TavroIsRecordable(OutOperation);
 }
 
@@ -284,6 +318,10 @@ Json Format(const TavroTrashEntry& Entry) {
             {"directory", Entry.bDirectory}};
 }
 
+Json Format(const TavroRemovedFolder& Folder) {
+    return {{"path", TavroPercentEncode(Folder.Path.string())}, {"mode", Folder.Mode}};
+}
+
 Json Format(const TavroHistoryOperation& Operation);
 
 template <typename Item> Json FormatList(const std::vector<Item>& Items) {
@@ -298,10 +336,14 @@ Json Format(const TavroHistoryOperation& Operation) {
     const auto* kind =
         std::find_if(kindNames.begin(), kindNames.end(),
                      [&](const KindName& Candidate) { return Candidate.Kind == Operation.Kind; });
-    return {{"kind", kind->Name},
-            {"time", Operation.Time},
-            {"steps", FormatList(Operation.Steps)},
-            {"trash", FormatList(Operation.TrashEntries)}};
+    Json json = {{"kind", kind->Name},
+                 {"time", Operation.Time},
+                 {"steps", FormatList(Operation.Steps)},
+                 {"trash", FormatList(Operation.TrashEntries)}};
+    if (!Operation.RemovedFolders.empty()) {
+        json["folders"] = FormatList(Operation.RemovedFolders);
+    }
+    return json;
 }
 
 std::string FormatHistory(const TavroHistoryLists& Lists) {

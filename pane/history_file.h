@@ -12,8 +12,10 @@ bool TavroIsRecordable(const TavroHistoryOperation& Operation);
 /// which stays) and takes it. Missing folders are created, for the user alone.
 ///
 /// @param OutLock  after success: a descriptor that holds the lock until it is closed.
+/// @param Patience  so long no signal ends the wait; after that, the next one does.
 /// @return true when it is held; false with a sentence, also when a signal ended the wait.
-bool TavroLockHistory(const std::filesystem::path& File, int& OutLock, std::string& ErrorMessage);
+bool TavroLockHistory(const std::filesystem::path& File, std::chrono::seconds Patience,
+                      int& OutLock, std::string& ErrorMessage);
 
 /// Reads a history. A missing file is an empty history. A file that is not exactly of the form that
 /// TavroWriteHistory gives it (members that it does not know are passed over) is renamed out of the

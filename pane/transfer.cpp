@@ -21,6 +21,7 @@
 #include <fcntl.h>
 #include <optional>
 #include <random>
+#include <set>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -202,6 +203,23 @@ bool Holds(const fs::path& Directory, const fs::path& Entry) {
     return TavroPathsEquivalentOrSame(Directory, parent) || TavroPathIsInside(Directory, parent);
 }
 
+/// Where an entry goes.
+struct Place {
+    fs::path Path;
+    bool bReplace = false;
+    fs::path Wanted = {}; ///< Not empty: `Path` may be any free path beside this one.
+};
+
+/// Renames without replacing anything. Where any free path will do, one that another process was
+/// quicker to take is no obstacle.
+void RenameToFree(const fs::path& From, Place& To, std::error_code& ec) {
+    TavroRenameNoReplace(From, To.Path, ec);
+    for (int i = 0; i < 100 && ec == std::errc::file_exists && !To.Wanted.empty(); ++i) {
+        To.Path = TavroFreePathBeside(To.Wanted);
+        TavroRenameNoReplace(From, To.Path, ec);
+    }
+}
+
 /// One transfer on its way.
 class Transfer {
 public:
@@ -222,7 +240,10 @@ public:
     bool Prepare(const fs::path& Source, const fs::path& Destination);
 
     /// Moves or copies to a path at which nothing is.
-    void TransferToFreePath(const fs::path& Source, const fs::path& Destination);
+    void TransferToFreePath(const fs::path& Source, const fs::path& Destination) {
+        Place place = {Destination};
+        TransferToFreePlace(Source, place);
+    }
 
     void TellProgress() const {
         m_progress.Tell();
@@ -238,9 +259,9 @@ private:
     void Replace(const TavroTransferConflict& Conflict);
     void ReplaceFile(const fs::path& Source, const fs::path& Destination);
     void ReplaceOther(const fs::path& Source, const fs::path& Destination);
-    void Copy(const fs::path& Source, const fs::path& Destination, bool bReplace);
-    bool Publish(TavroTreeCopy& Tree, const fs::path& Source, const fs::path& Staging,
-                 const fs::path& Destination, bool bReplace);
+    void TransferToFreePlace(const fs::path& Source, Place& To);
+    void Copy(const fs::path& Source, Place& To);
+    bool Publish(TavroTreeCopy& Tree, const fs::path& Source, const fs::path& Staging, Place& To);
     bool RemoveSourceOfMove(TavroTreeCopy& Tree, const fs::path& Source,
                             const fs::path& Destination, bool bReplaced);
     bool IsRemovable(const fs::path& Source);
@@ -248,7 +269,10 @@ private:
     bool ShouldCancel();
     bool Fail(const fs::path& Path, std::string Reason);
     void NoteDone(const fs::path& Source, const fs::path& Destination, bool bReplaced);
-    void TakeFailures(const TavroTreeCopy& Tree);
+    bool IsOwnWork(fs::path Destination) const;
+    bool HoldsOwnWork(const fs::path& Destination) const;
+    void TakeFailures(const TavroTreeCopy& Tree, const fs::path& Staging,
+                      const fs::path& Destination);
 
     const bool m_bMove;
     const TavroTransferCallbacks& m_callbacks;
@@ -257,6 +281,7 @@ private:
     ConflictJudge m_judge;
     TavroHardLinks m_hardLinks;
     TavroTreeMonitor m_monitor;
+    std::set<std::pair<dev_t, ino_t>> m_ownWork; ///< What this transfer has put somewhere.
 };
 
 bool Transfer::ShouldCancel() {
@@ -272,10 +297,42 @@ bool Transfer::Fail(const fs::path& Path, std::string Reason) {
 
 void Transfer::NoteDone(const fs::path& Source, const fs::path& Destination, bool bReplaced) {
     m_report.Done.push_back({Source, Destination, bReplaced});
+    struct stat status = {};
+    if (StatusOf(Destination, status)) {
+        m_ownWork.insert({status.st_dev, status.st_ino});
+    }
 }
 
-void Transfer::TakeFailures(const TavroTreeCopy& Tree) {
-    m_report.Failed.insert(m_report.Failed.end(), Tree.Failures().begin(), Tree.Failures().end());
+/// Whether this transfer has put something there, by itself or with a folder that it is in.
+bool Transfer::IsOwnWork(fs::path Destination) const {
+    struct stat status = {};
+    bool bKnown = !m_ownWork.empty() && StatusOf(Destination, status);
+    while (bKnown && m_ownWork.count({status.st_dev, status.st_ino}) == 0) {
+        const fs::path parent = ParentOf(Destination);
+        bKnown = parent != Destination && stat(parent.c_str(), &status) == 0;
+        Destination = parent;
+    }
+    return bKnown;
+}
+
+/// Whether this transfer has put something into the folder.
+bool Transfer::HoldsOwnWork(const fs::path& Destination) const {
+    return std::any_of(
+        m_report.Done.begin(), m_report.Done.end(),
+        [&](const TavroTransferredEntry& Entry) { return Holds(Destination, Entry.To); });
+}
+
+/// Nobody knows the hidden name under which a copy was to be made: its place is named instead,
+/// except where the copy is left behind under that name.
+void Transfer::TakeFailures(const TavroTreeCopy& Tree, const fs::path& Staging,
+                            const fs::path& Destination) {
+    for (TavroTransferFailure failure : Tree.Failures()) {
+        const std::size_t at = failure.Reason.find(Staging.string());
+        if (failure.Path != Staging && at != std::string::npos) {
+            failure.Reason.replace(at, Staging.string().size(), Destination.string());
+        }
+        m_report.Failed.push_back(std::move(failure));
+    }
 }
 
 bool Transfer::MeasureItems(std::vector<TavroTransferItemPlan>& Items) {
@@ -356,7 +413,13 @@ void Transfer::MergeDirectory(const fs::path& Source, const fs::path& Destinatio
         return;
     }
     // What was skipped or failed is still in it, and then it stays.
-    if (rmdir(Source.c_str()) != 0 && errno != ENOTEMPTY && errno != EEXIST) {
+    struct stat status = {};
+    const bool bKnown = StatusOf(Source, status);
+    if (rmdir(Source.c_str()) == 0) {
+        if (bKnown) {
+            m_report.RemovedFolders.push_back({Source, status.st_mode & 07777U});
+        }
+    } else if (errno != ENOTEMPTY && errno != EEXIST) {
         Fail(Source, Sentence("Cannot remove the emptied folder", Source,
                               {errno, std::generic_category()}));
     }
@@ -378,29 +441,29 @@ void Transfer::ResolveConflict(const fs::path& Source, const fs::path& Destinati
         Replace(conflict);
         break;
     case TavroConflictChoice::KeepBoth:
-        const fs::path free = TavroFreePathBeside(Destination);
+        Place free = {TavroFreePathBeside(Destination), false, Destination};
+        TransferToFreePlace(Source, free);
         if (Item != nullptr) {
-            Item->DestinationPath = free;
+            Item->DestinationPath = free.Path;
             Item->bDestinationRenamed = true;
         }
-        TransferToFreePath(Source, free);
         break;
     }
 }
 
-void Transfer::TransferToFreePath(const fs::path& Source, const fs::path& Destination) {
+void Transfer::TransferToFreePlace(const fs::path& Source, Place& To) {
     if (!m_bMove) {
-        Copy(Source, Destination, false);
+        Copy(Source, To);
         return;
     }
     std::error_code ec;
-    TavroRenameNoReplace(Source, Destination, ec);
+    RenameToFree(Source, To, ec);
     if (!ec) {
-        NoteDone(Source, Destination, false);
+        NoteDone(Source, To.Path, false);
     } else if (ec == std::errc::cross_device_link) {
-        Copy(Source, Destination, false);
+        Copy(Source, To);
     } else {
-        Fail(Source, Sentence("Cannot move " + Quoted(Source) + " to", Destination, ec));
+        Fail(Source, Sentence("Cannot move " + Quoted(Source) + " to", To.Path, ec));
     }
 }
 
@@ -409,6 +472,12 @@ void Transfer::Replace(const TavroTransferConflict& Conflict) {
     const fs::path& destination = Conflict.DestinationPath;
     if (Conflict.bDestinationDirectory && Holds(destination, source)) {
         Fail(source, "Cannot replace " + Quoted(destination) + ": it holds " + Quoted(source));
+    } else if (IsOwnWork(destination)) {
+        Fail(source,
+             "Cannot replace " + Quoted(destination) + ": it was put there by this transfer");
+    } else if (Conflict.bDestinationDirectory && HoldsOwnWork(destination)) {
+        Fail(source,
+             "Cannot replace " + Quoted(destination) + ": it holds what this transfer put there");
     } else if (Conflict.bSourceDirectory || Conflict.bDestinationDirectory) {
         ReplaceOther(source, destination);
     } else {
@@ -418,8 +487,9 @@ void Transfer::Replace(const TavroTransferConflict& Conflict) {
 
 /// One rename puts the new file over the old one, so one of them is there at every moment.
 void Transfer::ReplaceFile(const fs::path& Source, const fs::path& Destination) {
+    Place place = {Destination, true};
     if (!m_bMove) {
-        Copy(Source, Destination, true);
+        Copy(Source, place);
         return;
     }
     std::error_code ec;
@@ -427,7 +497,7 @@ void Transfer::ReplaceFile(const fs::path& Source, const fs::path& Destination) 
     if (!ec) {
         NoteDone(Source, Destination, true);
     } else if (ec == std::errc::cross_device_link) {
-        Copy(Source, Destination, true);
+        Copy(Source, place);
     } else {
         Fail(Source, Sentence("Cannot move " + Quoted(Source) + " to", Destination, ec));
     }
@@ -474,31 +544,31 @@ bool Transfer::IsRemovable(const fs::path& Source) {
 
 /// Copies under a hidden name, then gives it its own; of a move between file systems, removes the
 /// source after that.
-void Transfer::Copy(const fs::path& Source, const fs::path& Destination, bool bReplace) {
+void Transfer::Copy(const fs::path& Source, Place& To) {
     if (m_bMove && !IsRemovable(Source)) {
         return;
     }
     TavroTreeCopy tree(Source, m_hardLinks, m_monitor, m_bMove);
-    const fs::path staging = StagingPathBeside(Destination);
-    const TavroTreeCopy::Outcome outcome = tree.Run(staging, bReplace || m_bMove);
+    const fs::path staging = StagingPathBeside(To.Path);
+    const TavroTreeCopy::Outcome outcome = tree.Run(staging, To.bReplace || m_bMove);
     const bool bThere =
         outcome == TavroTreeCopy::Outcome::Whole || outcome == TavroTreeCopy::Outcome::Partial;
-    if (bThere && Publish(tree, Source, staging, Destination, bReplace) &&
-        (!m_bMove || RemoveSourceOfMove(tree, Source, Destination, bReplace))) {
-        NoteDone(Source, Destination, bReplace);
+    if (bThere && Publish(tree, Source, staging, To) &&
+        (!m_bMove || RemoveSourceOfMove(tree, Source, To.Path, To.bReplace))) {
+        NoteDone(Source, To.Path, To.bReplace);
     }
-    TakeFailures(tree);
+    TakeFailures(tree, staging, To.Path);
     m_report.bCancelled = m_report.bCancelled || outcome == TavroTreeCopy::Outcome::Cancelled;
 }
 
 /// What is moved has reached the disk before it takes its own name: later it could only be taken
 /// back from a place that others know already.
 bool Transfer::Publish(TavroTreeCopy& Tree, const fs::path& Source, const fs::path& Staging,
-                       const fs::path& Destination, bool bReplace) {
+                       Place& To) {
     TavroTransferFailure failure;
     std::error_code ec;
     if (m_bMove && Tree.IsDirectory() && !SyncDirectory(Staging, &syncfs, ec)) {
-        Fail(Source, Sentence("Cannot write", Destination, ec));
+        Fail(Source, Sentence("Cannot write", To.Path, ec));
         Tree.GiveUp();
         return false;
     }
@@ -507,17 +577,17 @@ bool Transfer::Publish(TavroTreeCopy& Tree, const fs::path& Source, const fs::pa
         Tree.GiveUp();
         return false;
     }
-    if (bReplace) {
-        fs::rename(Staging, Destination, ec);
+    if (To.bReplace) {
+        fs::rename(Staging, To.Path, ec);
     } else {
-        TavroRenameNoReplace(Staging, Destination, ec);
+        RenameToFree(Staging, To, ec);
     }
     if (ec) {
-        Fail(Source, Sentence("Cannot put the copy of " + Quoted(Source) + " at", Destination, ec));
+        Fail(Source, Sentence("Cannot put the copy of " + Quoted(Source) + " at", To.Path, ec));
         Tree.GiveUp();
         return false;
     }
-    Tree.MovedTo(Destination);
+    Tree.MovedTo(To.Path);
     return true;
 }
 
@@ -547,13 +617,43 @@ bool Transfer::RemoveSourceOfMove(TavroTreeCopy& Tree, const fs::path& Source,
 // Operations
 // =================================================================================================
 
+namespace {
+
+/// At most so many bytes of the beginning; no UTF-8 character is cut in two.
+std::string Beginning(const std::string& Text, std::size_t MaximumSize) {
+    if (Text.size() <= MaximumSize) {
+        return Text;
+    }
+    const auto isContinuation = [&](std::size_t At) {
+        return (static_cast<unsigned char>(Text[At]) & 0xC0U) == 0x80U;
+    };
+    std::size_t size = MaximumSize;
+    // More than three in a row are no UTF-8.
+    while (size > 0 && size + 3 > MaximumSize && isContinuation(size)) {
+        --size;
+    }
+    return Text.substr(0, size);
+}
+
+/// "NAME copy 1.EXT", not longer than a name can be. An extension that leaves no room for anything
+/// else counts as a part of NAME.
+std::string NumberedName(const fs::path& Wanted, std::uint64_t Number) {
+    constexpr std::size_t maximumSize = 255;
+    const std::string copy = " copy " + std::to_string(Number);
+    const std::string extension = Wanted.extension().string();
+    if (copy.size() + extension.size() + 4 <= maximumSize) {
+        const std::size_t room = maximumSize - copy.size() - extension.size();
+        return Beginning(Wanted.stem().string(), room) + copy + extension;
+    }
+    return Beginning(Wanted.filename().string(), maximumSize - copy.size()) + copy;
+}
+
+} // namespace
+
 fs::path TavroFreePathBeside(const fs::path& Wanted) {
     fs::path candidate = Wanted;
-    const fs::path stem = Wanted.stem();
-    const std::string extension = Wanted.extension().string();
     for (std::uint64_t i = 1; TavroIsPresent(candidate); ++i) {
-        candidate =
-            Wanted.parent_path() / (stem.string() + " copy " + std::to_string(i) + extension);
+        candidate = Wanted.parent_path() / NumberedName(Wanted, i);
     }
     return candidate;
 }

@@ -79,6 +79,12 @@ struct TavroTransferFailure {
     std::string Reason;
 };
 
+/// A folder that was emptied by a move into one that was there already, and removed then.
+struct TavroRemovedFolder {
+    std::filesystem::path Path;
+    std::uint32_t Mode = 0; ///< Its permission bits, with set-user, set-group and sticky.
+};
+
 /// What became of a transfer.
 struct TavroTransferReport {
     /// What arrived, as whole as it could: a directory that is new at its destination is one entry;
@@ -91,12 +97,17 @@ struct TavroTransferReport {
     /// What failed. An entry of a directory that otherwise arrived is listed here by itself.
     std::vector<TavroTransferFailure> Failed;
 
+    /// What a merging move has emptied and removed, inner folders before outer ones.
+    std::vector<TavroRemovedFolder> RemovedFolders = {};
+
     /// The transfer was cancelled, or stopped by the answer to a conflict.
     bool bCancelled = false;
 };
 
 /// Carries out a plan, item by item. One item that fails does not stop the others; a full target
-/// ends the item that it was full for, and a smaller one may still find room.
+/// ends the item that it was full for, and a smaller one may still find room. What one item has put
+/// somewhere is never replaced by a later one: "Cannot replace 'PATH': it was put there by this
+/// transfer".
 ///
 /// @param Plan       `ItemCount` and `ByteCount` of each item are filled in first, by measuring;
 ///                   `DestinationPath` and `bDestinationRenamed` change where an item goes to a
@@ -127,7 +138,8 @@ bool TavroMoveEntry(const std::filesystem::path& Source, const std::filesystem::
                     const TavroTransferCallbacks& Callbacks, std::string& ErrorMessage);
 
 /// The first of NAME, "NAME copy 1.EXT", "NAME copy 2.EXT" … at which nothing is, a dangling link
-/// included.
+/// included. Where such a name would be longer than 255 bytes, NAME is shortened in it, between
+/// characters.
 std::filesystem::path TavroFreePathBeside(const std::filesystem::path& Wanted);
 
 #endif

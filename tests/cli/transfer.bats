@@ -127,6 +127,27 @@ load helpers
   expect "$(cat a/sub/one)" 1
 }
 
+@test "undoing a merge gives a folder back as private as it was" {
+  mkdir -p s d/s
+  chmod 700 s
+  touch s/f
+  tavro move s d
+  run -0 tavro undo
+  expect "$(stat -c %a s)" 700
+  [ -f s/f ]
+}
+
+@test "a transfer does not overwrite what it has just put there" {
+  mkdir a b d
+  echo A >a/x
+  echo B >b/x
+  run -1 --separate-stderr tavro move a/x b/x d/ --on-conflict overwrite
+  expect "$stderr" "tavro: Cannot replace '$PWD/d/x': it was put there by this transfer"
+  expect "$(cat d/x b/x)" $'A\nB'
+  run -0 tavro undo
+  expect "$(cat a/x)" A
+}
+
 @test "a reader that goes away costs neither the work nor its undo" {
   mkdir s d
   touch s/{1..3000}

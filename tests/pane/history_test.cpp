@@ -25,6 +25,7 @@
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -42,6 +43,9 @@ std::string describe(const TavroHistoryOperation& operation) {
     for (const TavroTrashEntry& entry : operation.TrashEntries) {
         text << "entry '" << entry.OriginalPath << "' '" << entry.TrashPath << "' '"
              << entry.InfoPath << "' " << entry.bDirectory << '\n';
+    }
+    for (const TavroRemovedFolder& folder : operation.RemovedFolders) {
+        text << "folder '" << folder.Path.string() << "' " << folder.Mode << '\n';
     }
     return text.str();
 }
@@ -818,6 +822,49 @@ TEST_F(History, a_signal_that_is_handled_ends_the_wait_for_the_lock) {
     });
 }
 
+TEST_F(History, with_patience_signals_do_not_end_the_wait_for_the_lock) {
+    runInChild([&] {
+        struct sigaction action = {};
+        action.sa_handler = [](int /*signal*/) {};
+        ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
+        TavroHistory history;
+        std::string error;
+        bool bOpen = false;
+        std::thread waiting;
+        {
+            TavroHistory held;
+            open(held);
+            waiting =
+                std::thread([&] { bOpen = history.Open(file(), error, std::chrono::seconds(60)); });
+            for (int i = 0; i < 10; ++i) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+                pthread_kill(waiting.native_handle(), SIGUSR1);
+            }
+        }
+        waiting.join();
+        EXPECT_TRUE(bOpen) << error;
+        EXPECT_TRUE(history.Record(renameOperation("/a", "/b"), error)) << error;
+    });
+    EXPECT_EQ(undoable().size(), 1U);
+}
+
+TEST_F(History, patience_for_signals_ends) {
+    TavroHistory held;
+    open(held);
+    runInChild([&] {
+        struct sigaction action = {};
+        action.sa_handler = [](int /*signal*/) {};
+        ASSERT_EQ(sigaction(SIGALRM, &action, nullptr), 0);
+        const itimerval soonAndAgain = {{0, 20000}, {0, 50000}};
+        ASSERT_EQ(setitimer(ITIMER_REAL, &soonAndAgain, nullptr), 0);
+        TavroHistory history;
+        std::string error;
+        const auto begin = std::chrono::steady_clock::now();
+        EXPECT_FALSE(history.Open(file(), error, std::chrono::seconds(1)));
+        EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
+    });
+}
+
 // ---------------------------------------------------------------------------------------------
 // Saving
 // ---------------------------------------------------------------------------------------------
@@ -1121,6 +1168,16 @@ TEST_F(History, folders_that_are_gone_are_created_again) {
     EXPECT_EQ(readFile(work("target/a")), "bytes");
 }
 
+TEST_F(History, folders_of_unknown_modes_are_created_again_for_the_user_alone) {
+    writeFile(work("one/two/a"), "bytes");
+    makeDirectory(work("target"));
+    moveAndRecord({{"one/two/a", "target/a"}});
+    fs::remove_all(work("one"));
+    ASSERT_TRUE(undo().bDone);
+    EXPECT_EQ(modeOf(work("one")), 0700U);
+    EXPECT_EQ(modeOf(work("one/two")), 0700U);
+}
+
 /// The obstacles that a place may be taken by.
 const std::vector<std::function<void(const fs::path&)>>& obstacles() {
     static const std::vector<std::function<void(const fs::path&)>> all = {
@@ -1130,6 +1187,79 @@ const std::vector<std::function<void(const fs::path&)>>& obstacles() {
         [](const fs::path& path) { makeFifo(path); },
     };
     return all;
+}
+
+/// A folder that a move has merged into another one, and removed.
+class MergingMove : public History {
+protected:
+    MergingMove() {
+        writeFile(work("tree/private/a"), "bytes");
+        makeDirectory(work("tree/private/empty"));
+        makeDirectory(work("target/tree/private/empty"));
+        fs::permissions(work("tree/private"), static_cast<fs::perms>(0700));
+        fs::permissions(work("tree/private/empty"), static_cast<fs::perms>(0500));
+        fs::permissions(work("tree"), static_cast<fs::perms>(02711));
+        m_before = workTree();
+        TavroTransferPlan plan;
+        plan.bMove = true;
+        plan.Items.emplace_back();
+        plan.Items[0].SourcePath = work("tree");
+        plan.Items[0].DestinationPath = work("target/tree");
+        TavroTransferReport report;
+        EXPECT_TRUE(TavroCarryOutTransfer(plan, {}, report));
+        m_operation = {TavroHistoryKind::Move, 7, {}, {}, report.RemovedFolders};
+        for (const TavroTransferredEntry& entry : report.Done) {
+            m_operation.Steps.push_back({entry.From.string(), entry.To.string()});
+        }
+        record(m_operation);
+    }
+
+    TavroHistoryOperation m_operation;
+    Snapshot m_before;
+};
+
+TEST_F(MergingMove, goes_back_and_forth_with_the_modes_of_its_folders) {
+    EXPECT_EQ(m_operation.RemovedFolders.size(), 3U);
+    expectRoundTrips(m_before);
+}
+
+TEST_F(MergingMove, is_not_undone_onto_anything) {
+    for (const auto& putObstacle : {obstacles()[0], obstacles()[2], obstacles()[3]}) {
+        putObstacle(work("tree"));
+        expectRefused(&History::undo, inTheWay(work("tree")));
+        fs::remove(work("tree"));
+    }
+    makeDirectory(work("tree/private"));
+    writeFile(work("tree/private/empty"), "a file");
+    expectRefused(&History::undo, inTheWay(work("tree/private/empty")));
+}
+
+TEST_F(MergingMove, an_undo_that_fails_leaves_no_folder_behind) {
+    const FaultInjector injector({{"mkdir", ENOSPC, work("tree/private/empty"), 1, false, true}});
+    expectRefused(&History::undo, "Cannot create the folder '" + work("tree/private/empty") +
+                                      "': " + systemText(std::errc::no_space_on_device));
+    EXPECT_TRUE(injector.eachFired());
+}
+
+TEST_F(MergingMove, a_folder_that_is_there_again_keeps_its_mode) {
+    makeDirectory(work("tree"));
+    fs::permissions(work("tree"), static_cast<fs::perms>(0750));
+    ASSERT_TRUE(undo().bDone);
+    EXPECT_EQ(modeOf(work("tree")), 0750U);
+}
+
+TEST_F(MergingMove, a_redo_keeps_a_folder_that_holds_something) {
+    ASSERT_TRUE(undo().bDone);
+    writeFile(work("tree/new"), "bytes");
+    ASSERT_TRUE(redo().bDone);
+    EXPECT_EQ(readFile(work("tree/new")), "bytes");
+    EXPECT_FALSE(isPresent(work("tree/private")));
+}
+
+TEST_F(MergingMove, its_folders_stand_in_the_file) {
+    const auto json = nlohmann::json::parse(readFile(file()));
+    EXPECT_EQ(json["undoable"][0]["folders"][1],
+              (nlohmann::json{{"path", work("tree/private")}, {"mode", 0700}}));
 }
 
 TEST_F(History, a_renaming_is_not_undone_onto_anything) {

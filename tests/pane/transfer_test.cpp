@@ -728,7 +728,7 @@ TEST_F(CarryOutTransfer, keeps_hard_links_across_items_of_a_move_between_file_sy
     EXPECT_TRUE(fs::is_empty(source()));
 }
 
-TEST_F(CarryOutTransfer, links_to_no_copy_that_a_later_item_replaced) {
+TEST_F(CarryOutTransfer, links_to_no_copy_that_somebody_replaced) {
     for (const bool bElsewhere : {false, true}) {
         if (bElsewhere && !targetElsewhere()) {
             continue;
@@ -736,11 +736,15 @@ TEST_F(CarryOutTransfer, links_to_no_copy_that_a_later_item_replaced) {
         fs::remove(source("other name of a"));
         writeFile(source("a"), "of a");
         fs::create_hard_link(source("a"), source("other name of a"));
-        writeFile(source("x"), "of x");
+        writeFile(target("x"), "of x");
         add("a", "place");
-        add("x", "place");
         add("other name of a", "second");
-        m_plan.ConflictPolicy = TavroTransferConflictPolicy::Overwrite;
+        m_callbacks.ShouldCancel = [&] {
+            if (isPresent(target("place")) && isPresent(target("x"))) {
+                fs::rename(target("x"), target("place"));
+            }
+            return false;
+        };
         EXPECT_TRUE(run(bElsewhere));
         EXPECT_EQ("of x", readFile(target("place")));
         EXPECT_EQ("of a", readFile(target("second")));
@@ -960,6 +964,128 @@ TEST_F(TransferConflicts, keeping_both_inside_a_merge_does_not_rename_the_item) 
     EXPECT_FALSE(m_plan.Items.front().bDestinationRenamed);
     EXPECT_EQ("old in tree", readFile(target("tree/both")));
     EXPECT_EQ("new in tree", readFile(target("tree/both copy 1")));
+}
+
+TEST_F(TransferConflicts, what_a_transfer_has_put_somewhere_is_not_replaced_by_it) {
+    for (const bool bElsewhere : {false, true}) {
+        if (bElsewhere && !targetElsewhere()) {
+            continue;
+        }
+        for (const bool bMove : {false, true}) {
+            for (const bool bAsk : {false, true}) {
+                fs::remove_all(target("x"));
+                fs::remove_all(target("folder"));
+                writeFile(source("1/x"), "x of 1");
+                writeFile(source("2/x"), "x of 2");
+                writeFile(source("1/folder/in/y"), "y of 1");
+                writeFile(source("2/folder/in/y"), "y of 2");
+                for (const char* name : {"x", "folder"}) {
+                    add(std::string("1/") + name, name);
+                    add(std::string("2/") + name, name);
+                }
+                m_plan.ConflictPolicy = bAsk ? TavroTransferConflictPolicy::Ask
+                                             : TavroTransferConflictPolicy::Overwrite;
+                answer(TavroConflictChoice::Overwrite);
+                EXPECT_FALSE(run(bMove));
+                EXPECT_EQ("done /source/1/x -> /target/x\n"
+                          "done /source/1/folder -> /target/folder\n"
+                          "failed /source/2/x: Cannot replace '/target/x': it was put there by "
+                          "this transfer\n"
+                          "failed /source/2/folder/in/y: Cannot replace '/target/folder/in/y': it "
+                          "was put there by this transfer\n",
+                          report());
+                EXPECT_EQ("x of 1", readFile(target("x")));
+                EXPECT_EQ("x of 2", readFile(source("2/x")));
+                EXPECT_EQ("y of 1", readFile(target("folder/in/y")));
+                EXPECT_EQ("y of 2", readFile(source("2/folder/in/y")));
+            }
+        }
+    }
+}
+
+TEST_F(TransferConflicts, a_folder_is_not_replaced_once_the_transfer_has_put_something_into_it) {
+    writeFile(source("1/kind/new"), "moved");
+    add("1/kind", "kind");
+    add("kind", "kind");
+    answer(TavroConflictChoice::Overwrite);
+    EXPECT_FALSE(move());
+    EXPECT_EQ("done /source/1/kind/new -> /target/kind/new\n"
+              "failed /source/kind: Cannot replace '/target/kind': it holds what this transfer put "
+              "there\n",
+              report());
+    EXPECT_EQ("moved", readFile(target("kind/new")));
+    EXPECT_EQ("a file", readFile(source("kind")));
+}
+
+TEST_F(TransferConflicts, keeping_both_is_possible_where_the_transfer_has_put_something) {
+    writeFile(source("1/x"), "x of 1");
+    writeFile(source("2/x"), "x of 2");
+    add("1/x", "x");
+    add("2/x", "x");
+    answer(TavroConflictChoice::KeepBoth);
+    EXPECT_TRUE(move());
+    EXPECT_EQ("x of 1", readFile(target("x")));
+    EXPECT_EQ("x of 2", readFile(target("x copy 1")));
+}
+
+TEST_F(TransferConflicts, keeping_both_takes_the_next_name_when_another_process_was_quicker) {
+    answer(TavroConflictChoice::KeepBoth);
+    for (const bool bElsewhere : {false, true}) {
+        if (bElsewhere && !targetElsewhere()) {
+            continue;
+        }
+        for (const bool bMove : {false, true}) {
+            writeFile(source("file"), "new");
+            writeFile(target("file"), "old");
+            fs::remove(target("file copy 1"));
+            fs::remove(target("file copy 2"));
+            add("file", "file");
+            m_plan.bMove = bMove;
+            const ScopedHook hook(g_onRenameAt2, [&](const std::string& to) {
+                if (to == target("file copy 1").string()) {
+                    writeFile(to, "of another process");
+                }
+                return 0;
+            });
+            EXPECT_TRUE(TavroCarryOutTransfer(m_plan, m_callbacks, m_report)) << report();
+            EXPECT_EQ(target("file copy 2"), m_plan.Items.front().DestinationPath);
+            EXPECT_EQ("done /source/file -> /target/file copy 2\n", report());
+            EXPECT_EQ("of another process", readFile(target("file copy 1")));
+            EXPECT_EQ("new", readFile(target("file copy 2")));
+            EXPECT_EQ(!bMove, isPresent(source("file")));
+            EXPECT_EQ("", debris());
+            m_plan.Items.clear();
+        }
+    }
+}
+
+TEST_F(TransferConflicts, keeping_both_does_not_try_for_ever) {
+    answer(TavroConflictChoice::KeepBoth);
+    int tries = 0;
+    const ScopedHook hook(g_onRenameAt2, [&](const std::string&) {
+        ++tries;
+        return EEXIST;
+    });
+    EXPECT_FALSE(copy({"file"}));
+    EXPECT_EQ(101, tries);
+    EXPECT_EQ("failed /source/file: Cannot put the copy of '/source/file' at "
+              "'/target/file copy 1': " +
+                  systemText(std::errc::file_exists) + "\n",
+              report());
+    EXPECT_EQ("", debris());
+}
+
+TEST_F(TransferConflicts, a_merging_move_tells_which_folders_it_has_removed) {
+    writeFile(source("1/in/x"), "x");
+    writeFile(source("1/stays/both"), "new");
+    makeDirectory(target("1/in"));
+    writeFile(target("1/stays/both"), "old");
+    fs::permissions(source("1/in"), static_cast<fs::perms>(02750));
+    EXPECT_TRUE(move({"1"}));
+    ASSERT_EQ(1U, m_report.RemovedFolders.size());
+    EXPECT_EQ(source("1/in"), m_report.RemovedFolders[0].Path);
+    EXPECT_EQ(02750U, m_report.RemovedFolders[0].Mode);
+    EXPECT_FALSE(isPresent(source("1/in")));
 }
 
 TEST_F(TransferConflicts, an_answer_for_all_is_asked_once_for_each_kind) {
@@ -1614,7 +1740,7 @@ TEST_F(CarryOutTransfer, a_read_only_target_is_named) {
     fs::permissions(target(), static_cast<fs::perms>(0555));
     runUnprivileged(m_box.path(), [&] {
         EXPECT_FALSE(copy({"file"}));
-        EXPECT_EQ("failed /source/file: Cannot create '/target/.tavro-XXXXXX': " +
+        EXPECT_EQ("failed /source/file: Cannot create '/target/file': " +
                       systemText(std::errc::permission_denied) + "\n",
                   report());
         EXPECT_FALSE(move({"file"}));
@@ -1808,6 +1934,30 @@ TEST(FreePathBeside, is_the_first_name_at_which_nothing_is) {
     EXPECT_EQ(box / "a.tar copy 2.gz", TavroFreePathBeside(box / "a.tar.gz"));
     writeFile(box / ".hidden");
     EXPECT_EQ(box / ".hidden copy 1", TavroFreePathBeside(box / ".hidden"));
+}
+
+TEST(FreePathBeside, is_not_longer_than_a_name_can_be) {
+    const Sandbox box;
+    const auto expect = [&](const std::string& wanted, const std::string& free) {
+        writeFile(box / wanted);
+        EXPECT_EQ(box / free, TavroFreePathBeside(box / wanted));
+        writeFile(box / free); // which is possible
+    };
+    const std::string x(244, 'x');
+    expect(x + ".txt", x + " copy 1.txt");
+    expect(x + "xxxx.txt", x + " copy 2.txt");
+    expect(x + "1234567.txt", x + " copy 3.txt");
+    // Of a character with several bytes, all or none stay.
+    const std::string y(245, 'y');
+    expect(y + "\u00e9\u00e9\u00e9", y + "\u00e9 copy 1");
+    expect(y + "y\u20ac\u20ac\u20ac", y + "y copy 1");
+    expect(y + "\U0001f600\U0001f600", y + " copy 1");
+    // Bytes that are no text at all.
+    const std::string bytes(255, '\x80');
+    expect(bytes, std::string(245, '\x80') + " copy 1");
+    // An extension may be longer than what is before it.
+    const std::string z(250, 'z');
+    expect("a." + z, "a." + z.substr(0, 246) + " copy 1");
 }
 
 // =================================================================================================
