@@ -16,7 +16,7 @@ set -euo pipefail
 
 # Every comparison is a function of this name. To add one, write it below and name it here.
 comparisons=(size_in_process size size_memory plan plan_queries paths trash undo_redo same_names
-  prepare devices copy_small copy_large start_up)
+  prepare devices trash_command copy_small copy_large start_up)
 
 usage() {
   echo "usage: bench/compare.sh BUILD_DIRECTORY [--quick] [COMPARISON…]" >&2
@@ -437,6 +437,35 @@ devices() {
   fi
   across 'from /dev/shm' "$other_device" "$scratch"
   across 'to /dev/shm' "$scratch" "$other_device"
+}
+
+# The command does more than the module: it looks for what the module leaves to its caller, and keeps
+# the undo history. So these lines have no bound.
+trash_command() {
+  heading "Trashing $batch files with the command" tavro peer
+  command_tavro() {
+    fresh_batch
+    timed command_tavro "$tavro" trash -q "${files[@]}"
+    expect_trashed "$batch"
+  }
+  command_gio() {
+    fresh_batch
+    timed command_gio gio trash "${files[@]}"
+    expect_trashed "$batch"
+  }
+  command_trash_put() {
+    fresh_batch
+    timed command_trash_put trash-put "${files[@]}"
+    expect_trashed "$batch"
+  }
+  local rounds=$(((rounds + 2) / 3)) peers=()
+  have gio && peers+=(gio)
+  have trash-put && peers+=(trash_put)
+  in_turn command_tavro "${peers[@]/#/command_}"
+  local peer
+  for peer in "${peers[@]}"; do
+    compare "tavro trash : $peer" command_tavro "command_$peer" -
+  done
 }
 
 # A new folder for each copy; the old ones stay until the end, see fresh_home.
