@@ -28,7 +28,11 @@ std::recursive_mutex g_mutex;
 std::vector<Rule> g_rules;
 int g_fired = 0;
 CallObserver::Observer g_observer;
+bool g_bNumbering = false;
+std::vector<NumberedFault> g_numbered;
+std::vector<CountedCall> g_counted;
 thread_local bool t_bInside = false;
+thread_local int t_ownWork = 0;
 
 std::string pathOf(int descriptor) {
     char target[4096];
@@ -61,6 +65,35 @@ struct InsideObserver {
 
 enum class Verdict { Pass, Fail, Half };
 
+Verdict verdictOf(int error) {
+    if (error == 0) {
+        return Verdict::Half;
+    }
+    errno = error;
+    return Verdict::Fail;
+}
+
+bool reaches(const NumberedFault& fault, std::size_t number) {
+    if (number <= fault.Number || fault.Reach == NumberedFault::Everything) {
+        return number >= fault.Number;
+    }
+    return fault.Reach == NumberedFault::SameCall &&
+           g_counted[number].Call == g_counted[fault.Number].Call;
+}
+
+/// Notes the call; what becomes of it by its number.
+Verdict judgeByNumber(const char* call, const std::string& path) {
+    const std::size_t number = g_counted.size();
+    g_counted.push_back({call, path, false});
+    for (const NumberedFault& fault : g_numbered) {
+        if (reaches(fault, number)) {
+            g_counted[number].bFailed = true;
+            return verdictOf(fault.Errno);
+        }
+    }
+    return Verdict::Pass;
+}
+
 /// What becomes of a call; sets errno when it is to fail.
 Verdict judge(const char* call, const std::string& path) {
     const std::lock_guard<std::recursive_mutex> lock(g_mutex);
@@ -70,6 +103,10 @@ Verdict judge(const char* call, const std::string& path) {
     if (g_observer) {
         const InsideObserver inside;
         g_observer(call, path);
+    }
+    const Verdict byNumber = g_bNumbering ? judgeByNumber(call, path) : Verdict::Pass;
+    if (byNumber != Verdict::Pass) {
+        return byNumber;
     }
     // Every rule counts the call, the first that fits decides.
     Rule* chosen = nullptr;
@@ -83,25 +120,41 @@ Verdict judge(const char* call, const std::string& path) {
     }
     ++g_fired;
     ++chosen->fired;
-    if (chosen->fault.Errno == 0) {
-        return Verdict::Half;
+    if (g_bNumbering) {
+        g_counted.back().bFailed = true;
     }
-    errno = chosen->fault.Errno;
-    return Verdict::Fail;
+    return verdictOf(chosen->fault.Errno);
 }
 
 /// Nothing is looked up while nobody listens, so that start-up and shut-down run untouched.
 bool isListening() {
     const std::lock_guard<std::recursive_mutex> lock(g_mutex);
-    return !g_rules.empty() || g_observer;
+    return !g_rules.empty() || g_observer || g_bNumbering;
 }
 
+/// While it lives, this thread works for the injector.
+struct OwnWork {
+    OwnWork() {
+        ++t_ownWork;
+    }
+    ~OwnWork() {
+        --t_ownWork;
+    }
+};
+
 Verdict judgePath(const char* call, const char* path) {
+    const OwnWork work;
     return isListening() ? judge(call, path == nullptr ? "" : path) : Verdict::Pass;
 }
 
 Verdict judgeDescriptor(const char* call, int descriptor) {
+    const OwnWork work;
     return isListening() ? judge(call, pathOf(descriptor)) : Verdict::Pass;
+}
+
+/// Half of the bytes of a write, but at least one: a write of nothing would be tried for ever.
+std::size_t halfOf(std::size_t count) {
+    return count < 2 ? count : count / 2;
 }
 
 template <typename Function> Function* original(Function* /*like*/, const char* name) {
@@ -150,8 +203,30 @@ CallObserver::~CallObserver() {
     g_observer = nullptr;
 }
 
+bool isInjectorAtWork() {
+    return t_ownWork > 0;
+}
+
+NumberedFaults::NumberedFaults(std::vector<NumberedFault> faults) {
+    const std::lock_guard<std::recursive_mutex> lock(g_mutex);
+    g_numbered = std::move(faults);
+    g_counted.clear();
+    g_bNumbering = true;
+}
+
+NumberedFaults::~NumberedFaults() {
+    const std::lock_guard<std::recursive_mutex> lock(g_mutex);
+    g_bNumbering = false;
+}
+
+const std::vector<CountedCall>& NumberedFaults::calls() const {
+    const std::lock_guard<std::recursive_mutex> lock(g_mutex);
+    return g_counted;
+}
+
 } // namespace tavro_test
 
+using tavro_test::halfOf;
 using tavro_test::judgeDescriptor;
 using tavro_test::judgePath;
 using tavro_test::original;
@@ -232,7 +307,7 @@ ssize_t write(int descriptor, const void* bytes, std::size_t count) {
         return -1;
     }
     return original(&write, "write")(descriptor, bytes,
-                                     verdict == Verdict::Half ? count / 2 : count);
+                                     verdict == Verdict::Half ? halfOf(count) : count);
 }
 
 ssize_t writev(int descriptor, const struct iovec* parts, int count) {
@@ -241,7 +316,7 @@ ssize_t writev(int descriptor, const struct iovec* parts, int count) {
         return -1;
     }
     if (verdict == Verdict::Half) {
-        return original(&write, "write")(descriptor, parts[0].iov_base, parts[0].iov_len / 2);
+        return original(&write, "write")(descriptor, parts[0].iov_base, halfOf(parts[0].iov_len));
     }
     return original(&writev, "writev")(descriptor, parts, count);
 }
@@ -252,7 +327,7 @@ ssize_t sendfile(int out, int in, off_t* offset, std::size_t count) noexcept {
         return -1;
     }
     return original(&sendfile, "sendfile")(out, in, offset,
-                                           verdict == Verdict::Half ? count / 2 : count);
+                                           verdict == Verdict::Half ? halfOf(count) : count);
 }
 
 int fsync(int descriptor) {

@@ -68,6 +68,41 @@ public:
     CallObserver& operator=(const CallObserver&) = delete;
 };
 
+/// What this thread does right now, it does for the injector and not for the one who made a call.
+bool isInjectorAtWork();
+
+/// One call to fail, by its number among all overridden calls, counted from 0.
+struct NumberedFault {
+    enum Extent {
+        Once,       ///< that call alone
+        SameCall,   ///< that call and all later ones of the same name
+        Everything, ///< that call and all later ones, whatever they are
+    };
+    std::size_t Number = 0;
+    int Errno = 0; ///< as in Fault
+    Extent Reach = Once;
+};
+
+/// A call that was counted.
+struct CountedCall {
+    std::string Call;
+    std::string Path;
+    bool bFailed = false;
+};
+
+/// While it lives, it counts and notes every overridden call of this process, and the chosen ones
+/// fail. Without faults it only notes. One at a time; the rules of a FaultInjector hold beside it.
+class NumberedFaults {
+public:
+    explicit NumberedFaults(std::vector<NumberedFault> faults = {});
+    ~NumberedFaults();
+    NumberedFaults(const NumberedFaults&) = delete;
+    NumberedFaults& operator=(const NumberedFaults&) = delete;
+
+    /// The calls so far, in order. Not to be asked while other threads make calls.
+    const std::vector<CountedCall>& calls() const;
+};
+
 } // namespace tavro_test
 
 #endif
