@@ -734,6 +734,7 @@ bool TavroTrashSelection(const std::vector<TavroOperationEntry>& Entries,
     }
     CorrectPrepared(entries, folders, records);
     std::vector<Trashing> items;
+    items.reserve(records.size());
     for (TavroTrashEntry& record : records) {
         items.push_back({std::move(record)});
     }
