@@ -62,6 +62,8 @@ int TavroRunRedo(bool bQuiet);
 
 int TavroRunHistory(bool bJson);
 
+int TavroRunHistoryDrop();
+
 /// `bZero`: names alone, each ended by a zero byte.
 int TavroRunList(bool bJson, bool bZero);
 

@@ -236,7 +236,12 @@ void AddUndoAndRedo(CLI::App& app, CommandTable& table) {
     CLI::App* history =
         AddCommand(app, "history", "List what can be undone, newest first", "history --json");
     CLI::Option* json = history->add_flag("--json", "As JSON");
-    table[history] = [=] { return TavroRunHistory(!json->empty()); };
+    CLI::Option* drop =
+        history->add_flag("--drop", "Take the newest operation off the list without undoing it")
+            ->excludes(json);
+    table[history] = [=] {
+        return drop->empty() ? TavroRunHistory(!json->empty()) : TavroRunHistoryDrop();
+    };
 }
 
 void AddList(CLI::App& app, CommandTable& table) {

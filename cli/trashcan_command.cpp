@@ -21,6 +21,16 @@ bool ReadTrash(bool bMeasure, std::vector<TavroTrashItem>& OutItems) {
     return false;
 }
 
+/// Says how much a list does not tell of, so that nobody takes it for the whole trash.
+void NoteUnlistedItems() {
+    const std::uint64_t count = TavroCountUnlistedItems();
+    if (count > 0) {
+        TavroPrintError(TavroCountText(count, "item") + " in the trash " +
+                        (count == 1 ? "has" : "have") +
+                        " no record that can be read: see 'tavro doctor'");
+    }
+}
+
 TavroJson ItemJson(const TavroTrashItem& Item) {
     TavroJson json;
     TavroAddPath(json, "trash", Item.Entry.TrashPath);
@@ -102,6 +112,7 @@ int TavroRunList(bool bJson, bool bZero) {
     if (bJson) {
         TavroPrintJson(json);
     }
+    NoteUnlistedItems();
     return TavroWasInterrupted() ? TavroExitInterrupted : TavroExitDone;
 }
 
@@ -164,6 +175,7 @@ int TavroRunEmpty(int OlderThanDays, bool bForce, bool bQuiet) {
     }
     if (!bQuiet) {
         TavroPrintLine(stdout, "Deleted " + what);
+        NoteUnlistedItems();
     }
     return TavroExitDone;
 }

@@ -52,6 +52,13 @@ std::string LocalTimeText(std::int64_t Time) {
     return text.data();
 }
 
+void PrintWhole(const std::string& Title, const TavroHistoryOperation& Operation) {
+    TavroPrintLine(stdout, Title + KindText(Operation.Kind));
+    for (const std::string& line : EntryLines(Operation)) {
+        TavroPrintLine(stdout, "  " + line);
+    }
+}
+
 int RunStep(bool bUndo, bool bQuiet) {
     TavroCatchInterrupts();
     TavroHistory history;
@@ -72,11 +79,7 @@ int RunStep(bool bUndo, bool bQuiet) {
         return TavroWasInterrupted() ? TavroExitInterrupted : TavroExitFailed;
     }
     if (!bQuiet) {
-        TavroPrintLine(stdout,
-                       std::string(bUndo ? "Undone: " : "Redone: ") + KindText(operation.Kind));
-        for (const std::string& line : EntryLines(operation)) {
-            TavroPrintLine(stdout, "  " + line);
-        }
+        PrintWhole(bUndo ? "Undone: " : "Redone: ", operation);
     }
     return TavroExitDone;
 }
@@ -139,5 +142,20 @@ int TavroRunHistory(bool bJson) {
     if (bJson) {
         TavroPrintJson(json);
     }
+    return TavroExitDone;
+}
+
+int TavroRunHistoryDrop() {
+    TavroHistory history;
+    if (!TavroOpenHistory(history)) {
+        return TavroExitFailed;
+    }
+    TavroHistoryOperation operation;
+    std::string error;
+    if (!history.DropNewest(operation, error)) {
+        TavroPrintError(error);
+        return TavroExitFailed;
+    }
+    PrintWhole("No longer to be undone: ", operation);
     return TavroExitDone;
 }

@@ -504,3 +504,21 @@ bool TavroHistory::Redo(const TavroTransferCallbacks& Callbacks,
     return CheckOpen(ErrorMessage) &&
            Go(redo, m_file, m_lists, Callbacks, OutOperation, ErrorMessage);
 }
+
+bool TavroHistory::DropNewest(TavroHistoryOperation& OutOperation, std::string& ErrorMessage) {
+    if (!CheckOpen(ErrorMessage)) {
+        return false;
+    }
+    if (m_lists.Undoable.empty()) {
+        ErrorMessage = "Nothing to drop";
+        return false;
+    }
+    TavroHistoryLists lists = m_lists;
+    lists.Undoable.pop_back();
+    if (!TavroWriteHistory(m_file, lists, ErrorMessage)) {
+        return false;
+    }
+    OutOperation = m_lists.Undoable.back();
+    m_lists = std::move(lists);
+    return true;
+}

@@ -121,6 +121,14 @@ public:
     bool Redo(const TavroTransferCallbacks& Callbacks, TavroHistoryOperation& OutOperation,
               std::string& ErrorMessage);
 
+    /// Takes the newest operation that can be undone off the history, and saves; no file of the
+    /// user is touched. For one that cannot be undone any more and is in the way of older ones.
+    ///
+    /// @param OutOperation  the operation that was dropped. Untouched after a failure.
+    /// @return true when it is saved; false with a sentence, "Nothing to drop" among them: the
+    ///         history is unchanged.
+    bool DropNewest(TavroHistoryOperation& OutOperation, std::string& ErrorMessage);
+
 private:
     bool CheckOpen(std::string& ErrorMessage) const;
     void Close();

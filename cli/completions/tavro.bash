@@ -34,7 +34,7 @@ _tavro() {
   mkdir) options+=' --in' ;;
   delete) options+=' --force' ;;
   trash | undo | redo) options+=' --quiet' ;;
-  history) options+=' --json' ;;
+  history) options+=' --json --drop' ;;
   list) options+=' --json --null' ;;
   restore) options+=' --keep-both --quiet' ;;
   empty) options+=' --older-than --force --quiet' ;;

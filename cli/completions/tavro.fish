@@ -27,6 +27,7 @@ complete -c tavro -n '__fish_seen_subcommand_from copy move' -s n -l dry-run -d 
 complete -c tavro -n '__fish_seen_subcommand_from copy move trash undo redo restore empty' -s q -l quiet -d 'No progress, no list'
 complete -c tavro -n '__fish_seen_subcommand_from plan; and not __fish_seen_subcommand_from copy move' -f -a 'copy move'
 complete -c tavro -n '__fish_seen_subcommand_from plan history list' -l json -d 'As JSON'
+complete -c tavro -n '__fish_seen_subcommand_from history' -l drop -d 'Take the newest off the list'
 complete -c tavro -n '__fish_seen_subcommand_from delete empty' -s f -l force -d 'Without asking'
 complete -c tavro -n '__fish_seen_subcommand_from list' -s 0 -l null -d 'Names alone, each ended by a zero byte'
 complete -c tavro -f -n '__fish_seen_subcommand_from restore' -a '(tavro list -0 2>/dev/null | string split0)'

@@ -67,6 +67,23 @@ load helpers
   [[ $output == *'"undone": true'* ]]
 }
 
+@test "what is in the way of an older undo can be dropped" {
+  touch a
+  tavro rename a b
+  touch gone
+  tavro trash gone
+  tavro empty --force
+  run -1 tavro undo
+  run -0 tavro history --drop
+  expect "$output" "No longer to be undone: trash
+  $PWD/gone"
+  run -0 tavro undo
+  [ -f a ]
+  run -1 --separate-stderr tavro history --drop
+  expect "$stderr" 'tavro: Nothing to drop'
+  run -2 tavro history --drop --json
+}
+
 @test "nothing to undo or redo is said" {
   run -1 --separate-stderr tavro undo
   expect "$stderr" 'tavro: Nothing to undo'

@@ -146,6 +146,22 @@ $PWD/d -> $HOME/$trash/files/d"
   run -2 tavro empty --older-than many
 }
 
+@test "list and empty tell how much has no record" {
+  touch a b c
+  tavro trash a b c
+  rm "$HOME/$trash/info/a.trashinfo"
+  note="tavro: 1 item in the trash has no record that can be read: see 'tavro doctor'"
+  run -0 --separate-stderr tavro list -0
+  expect "$stderr" "$note"
+  rm "$HOME/$trash/info/b.trashinfo"
+  run -0 --separate-stderr tavro empty -f
+  expect "$output" 'Deleted 1 item (0 bytes)'
+  expect "$stderr" "${note/1 item in the trash has/2 items in the trash have}"
+  [ -f "$HOME/$trash/files/a" ]
+  run -0 --separate-stderr tavro empty -f -q
+  expect "$output$stderr" ''
+}
+
 @test "doctor reports, and mends what it is told to" {
   touch a b
   tavro trash a b

@@ -122,6 +122,14 @@ public: // the steps are passed on as pointers to members
         return go(&TavroHistory::Redo, callbacks);
     }
 
+    Outcome drop(const TavroTransferCallbacks& = {}) const {
+        TavroHistory history;
+        open(history);
+        Outcome outcome;
+        outcome.bDone = history.DropNewest(outcome.Operation, outcome.Message);
+        return outcome;
+    }
+
     std::vector<std::string> undoable() const {
         TavroHistory history;
         open(history);
@@ -336,6 +344,9 @@ TEST_F(History, a_history_that_is_not_open_does_nothing) {
     EXPECT_EQ(error, sentence);
     error.clear();
     EXPECT_FALSE(history.Redo({}, operation, error));
+    EXPECT_EQ(error, sentence);
+    error.clear();
+    EXPECT_FALSE(history.DropNewest(operation, error));
     EXPECT_EQ(error, sentence);
 }
 
@@ -1054,6 +1065,53 @@ TEST_F(History, one_open_history_undoes_and_redoes_as_several_do) {
     ASSERT_TRUE(history.Redo({}, operation, error)) << error;
     EXPECT_EQ(describe(operation), describe(renameOperation(work("a"), work("b"))));
     EXPECT_EQ(readFile(work("b")), "bytes");
+}
+
+TEST_F(History, what_cannot_be_undone_any_more_can_be_dropped) {
+    writeFile(work("a"), "bytes");
+    renameAndRecord("a", "b");
+    const TavroHistoryOperation stuck = renameOperation(work("gone"), work("nowhere"));
+    record(stuck);
+    const Snapshot before = workTree();
+    expectRefused(&History::undo, missing(work("nowhere")));
+    const Outcome dropped = drop();
+    ASSERT_TRUE(dropped.bDone) << dropped.Message;
+    EXPECT_EQ(describe(dropped.Operation), describe(stuck));
+    EXPECT_EQ(workTree(), before);
+    EXPECT_TRUE(undo().bDone);
+    EXPECT_TRUE(isPresent(work("a")));
+}
+
+TEST_F(History, dropping_keeps_what_can_be_redone) {
+    writeFile(work("a"), "bytes");
+    renameAndRecord("a", "b");
+    renameAndRecord("b", "c");
+    ASSERT_TRUE(undo().bDone);
+    ASSERT_TRUE(drop().bDone);
+    EXPECT_EQ(undoable(), std::vector<std::string>{});
+    EXPECT_TRUE(redo().bDone);
+    EXPECT_TRUE(isPresent(work("c")));
+}
+
+TEST_F(History, with_nothing_to_drop_that_is_said) {
+    record(renameOperation("/a", "/b"));
+    ASSERT_TRUE(drop().bDone);
+    expectRefused(&History::drop, "Nothing to drop");
+}
+
+TEST_F(History, nothing_is_dropped_when_the_history_cannot_be_saved) {
+    record(renameOperation("/a", "/b"));
+    TavroHistory history;
+    open(history);
+    const FaultInjector injector({{"fsync", EIO, "history.json.new"}});
+    TavroHistoryOperation operation;
+    std::string error;
+    EXPECT_FALSE(history.DropNewest(operation, error));
+    EXPECT_NE(error, "");
+    EXPECT_EQ(injector.fired(), 1);
+    EXPECT_EQ(describe(operation), describe(TavroHistoryOperation()));
+    EXPECT_EQ(describe(history.Undoable()),
+              std::vector<std::string>{describe(renameOperation("/a", "/b"))});
 }
 
 TEST_F(History, nothing_is_undone_when_the_history_cannot_be_saved) {
