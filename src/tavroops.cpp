@@ -18,6 +18,7 @@
 
 #include "tavropane.h"
 
+#include <array>
 #include <cctype>
 #include <cerrno>
 #include <chrono>
@@ -25,8 +26,6 @@
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
-#include <iomanip>
-#include <sstream>
 #include <system_error>
 #include <unordered_set>
 #include <utility>
@@ -204,14 +203,14 @@ bool IsFree(const fs::path& Path) {
 }
 
 /// The current local time in the form that `Pattern` gives. A time that cannot be converted reads
-/// as all zeros.
+/// as all zeros. Not by a stream: when memory runs out it would cut the text short without a word.
 std::string LocalTimeText(const char* Pattern) {
     const std::time_t raw = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
     std::tm tmValue = {};
     localtime_r(&raw, &tmValue);
-    std::ostringstream ss;
-    ss << std::put_time(&tmValue, Pattern);
-    return ss.str();
+    std::array<char, 64> text = {};
+    const std::size_t length = std::strftime(text.data(), text.size(), Pattern, &tmValue);
+    return std::string(text.data(), length);
 }
 
 /// The current local time as the fifteen characters YYYYMMDD-HHMMSS.

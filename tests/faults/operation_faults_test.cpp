@@ -53,6 +53,23 @@ TEST_F(PathFaults, a_path_that_cannot_be_resolved_is_normalised_as_text) {
     }
 }
 
+TEST_F(PathFaults, the_disk_is_asked_no_more_often_than_needed) {
+    makeDirectory(m_box / "many/folders/deep");
+    const auto callsFor = [](const std::string& path) {
+        const NumberedFaults none;
+        TavroCanonicalizePath(path);
+        std::vector<std::string> names;
+        for (const CountedCall& call : none.calls()) {
+            names.push_back(call.Call);
+        }
+        return names;
+    };
+    EXPECT_EQ(callsFor(""), std::vector<std::string>());
+    const std::vector<std::string> inOneStep = {"stat", "realpath"};
+    EXPECT_EQ(callsFor(at("many/folders/deep")), inOneStep);
+    EXPECT_EQ(callsFor(at("many/folders/deep/new")), inOneStep);
+}
+
 TEST_F(PathFaults, the_home_is_normalised_as_text_when_it_cannot_be_resolved) {
     makeDirectory(m_box / "d");
     fs::create_directory_symlink("d", m_box / "link");

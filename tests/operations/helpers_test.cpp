@@ -1020,7 +1020,8 @@ TEST_P(MoveAcrossFileSystems, a_tree_that_cannot_be_read_to_its_end_is_not_copie
     makeTree(m_source);
     const Snapshot before = takeSnapshot(m_source);
     const std::string sub = (m_source / "sub").string();
-    for (const int when : {1, 2, 3}) {
+    // It is read five times: both dot names, two entries and the end.
+    for (const int when : {1, 2, 3, 4, 5}) {
         SCOPED_TRACE(when);
         EXPECT_NO_THROW(EXPECT_FALSE(move(true, {{"readdir", EBADF, sub, when, false, true}})));
         EXPECT_EQ(m_message, copyFailure(m_source, systemText(std::errc::bad_file_descriptor)));
@@ -1093,6 +1094,32 @@ TEST_P(MoveAcrossFileSystems, a_source_that_cannot_be_examined_for_the_check_is_
     EXPECT_EQ(m_message, copyFailure(m_source, systemText(std::errc::io_error)));
     EXPECT_EQ(readFile(m_source), "bytes");
     EXPECT_EQ(readFile(m_destination), "bytes");
+}
+
+TEST(FileArrivedWhole, two_sizes_that_cannot_be_had_are_not_the_same) {
+    const Sandbox box;
+    writeFile(box / "source", "bytes");
+    writeFile(box / "copy", "bytes");
+    EXPECT_TRUE(FileArrivedWhole(box / "source", box / "copy"));
+    const FaultInjector injector({{"stat", EIO, box.path().string(), 1, true}});
+    EXPECT_FALSE(FileArrivedWhole(box / "source", box / "copy"));
+    EXPECT_GT(injector.fired(), 0);
+}
+
+TEST(RemovePreservingType, the_flag_decides_and_all_that_went_is_counted) {
+    const Sandbox box;
+    writeFile(box / "file");
+    writeFile(box / "tree/file");
+    std::error_code ec;
+    EXPECT_EQ(RemovePreservingType(box / "tree", false, ec), 0U);
+    EXPECT_EQ(ec, std::errc::directory_not_empty);
+    EXPECT_TRUE(isPresent(box / "tree/file"));
+    EXPECT_EQ(RemovePreservingType(box / "file", false, ec), 1U);
+    EXPECT_EQ(RemovePreservingType(box / "tree", true, ec), 2U);
+    EXPECT_FALSE(ec);
+    EXPECT_EQ(RemovePreservingType(box / "tree", true, ec), 0U);
+    EXPECT_EQ(RemovePreservingType(box / "file", false, ec), 0U);
+    EXPECT_FALSE(ec) << "what is gone is no failure";
 }
 
 TEST_P(MoveAcrossFileSystems, a_source_tree_that_cannot_be_examined_for_the_check_is_not_moved) {

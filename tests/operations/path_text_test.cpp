@@ -228,6 +228,8 @@ TEST_F(CanonicalizePath, a_link_after_a_missing_part_is_a_plain_name) {
 TEST_F(CanonicalizePath, what_lies_below_a_file_counts_as_missing) {
     EXPECT_EQ(TavroCanonicalizePath("link/file/x"), at("dir/file/x"));
     EXPECT_EQ(TavroCanonicalizePath("link/file/x/../y"), at("dir/file/y"));
+    EXPECT_EQ(TavroCanonicalizePath("link/file/."), at("dir/file/"));
+    EXPECT_EQ(TavroCanonicalizePath("link/file/.."), at("dir/"));
 }
 
 TEST_F(CanonicalizePath, a_dangling_link_counts_as_missing) {

@@ -361,6 +361,15 @@ TEST_F(RenameEntry, without_a_base_directory_what_the_current_directory_holds_is
     EXPECT_EQ(renameTo(entryAt(box / "p/a.txt"), "b.txt", ""), refused(targetExists));
 }
 
+TEST_F(RenameEntry, a_relative_path_without_a_base_directory_begins_in_the_current_one) {
+    file("p/a.txt");
+    makeDirectory(box / "elsewhere");
+    const ScopedCurrentDirectory inside(box / "elsewhere");
+    EXPECT_EQ(renameTo(entryAt(box / "p/a.txt"), "new/b.txt", ""),
+              renamed(box / "elsewhere/new/b.txt"));
+    expectMoved("p/a.txt", "elsewhere/new/b.txt");
+}
+
 TEST_F(RenameEntry, a_bare_name_for_an_entry_of_the_current_directory_stays_there) {
     file("a.txt");
     const ScopedCurrentDirectory inside(box.path());

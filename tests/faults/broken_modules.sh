@@ -1,0 +1,137 @@
+#!/usr/bin/env bash
+# Shows that the fault programme sees what it is there to see: each suite must call a deliberately
+# broken module wrong, and the module as it is right.
+#
+# usage: broken_modules.sh MODULE-SOURCE INCLUDE-FOLDER COMPILER OBJECT-OR-FLAG…
+#
+# The programme is linked from the objects and flags that are given, with a patched copy of the
+# module each time. Where no single allocation or moment leads to what is broken, the world of the
+# scenario does (a blocked record, a size limit), and its run without faults is wrong already.
+set -euo pipefail
+
+module=$1 include=$2 compiler=$3
+shift 3
+programme=("$@")
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+surprises=0
+
+# A broken module may do anything, so it has no rights, little memory and little time.
+confined=(prlimit --as=1000000000 timeout 120)
+if ((EUID == 0)); then
+  chmod 755 "$scratch"
+  confined+=(setpriv --reuid=65534 --regid=65534 --clear-groups)
+fi
+
+# Full disks need root, which then can write nowhere but in the scratch folder.
+# shellcheck disable=SC2016 # the inner shell expands them
+caged=(prlimit --as=1000000000 timeout 120 unshare --mount bash -c '
+  mount --make-rprivate / && mount --bind "$0" "$0" || exit 99
+  while read -r _ folder _; do
+    [[ $folder == "$0" ]] || mount -o remount,ro,bind "$folder" 2>/dev/null
+  done </proc/self/mounts
+  [[ ! -w / && ! -w /tmp ]] || exit 99
+  TMPDIR=$0 exec "$@"' "$scratch")
+
+# make NAME: the module, passed through the sed script on standard input, and the programme with it.
+make() {
+  sed -E -f /dev/stdin "$module" >"$scratch/$1.cpp"
+  if [[ $1 != as-it-is ]] && cmp -s "$module" "$scratch/$1.cpp"; then
+    echo "The patch '$1' no longer fits the module." >&2
+    exit 2
+  fi
+  "$compiler" -std=c++17 -I"$include" "$scratch/$1.cpp" "${programme[@]}" -o "$scratch/$1"
+}
+
+# verdict NAME SCENARIO: what the programme with this module says, in one word. Its words are in the
+# log.
+verdict() {
+  local status=0 limits=("${confined[@]}")
+  [[ $2 != full-disks:* || $EUID -ne 0 ]] || limits=("${caged[@]}")
+  "${limits[@]}" "$scratch/$1" --only "$2:" --until-failure >"$scratch/log" 2>&1 || status=$?
+  if grep -q '^skipped' "$scratch/log"; then
+    echo skipped
+  elif ((status <= 1)); then
+    ((status == 0)) && echo right || echo wrong
+  else
+    echo "exit-code-$status"
+  fi
+}
+
+# expect VERDICT NAME SUITE:SCENARIO…: what the programme with this module must say.
+expect() {
+  local expected=$1 name=$2 scenario found
+  for scenario in "${@:3}"; do
+    found=$(verdict "$name" "$scenario")
+    printf '%-18s%-37s%s\n' "$name" "$scenario" "$found"
+    case $found in
+    "$expected") ;;
+    skipped) grep '^skipped' "$scratch/log" ;;
+    *)
+      echo '  That is a surprise:'
+      grep -m 5 -A 3 WRONG "$scratch/log" || tail -n 5 "$scratch/log"
+      surprises=$((surprises + 1))
+      ;;
+    esac
+  done
+}
+
+make as-it-is </dev/null
+expect right as-it-is {calls,system-calls,allocations,kills}:trash/file \
+  {allocations,kills}:trash/{blocked-record,size-limit} \
+  full-disks:ext4/trash/{file,batch,record-inodes} \
+  races:{trash-namesakes,restore-to-one-place,rename-to-one-name}/file
+
+# An item whose record cannot be written stays where it is.
+make no-item-rollback <<'SED'
+/^    RemoveTrashInfo\(OutEntry\);/,/^    return false;/{/^    return false;/!d}
+SED
+expect wrong no-item-rollback {calls,system-calls}:trash/file \
+  {allocations,kills}:trash/blocked-record full-disks:ext4/trash/record-inodes
+
+# The items before the failing one stay where they are.
+make no-batch-rollback <<'SED'
+/^ +RestoreAfterFailure\(OutTrashEntries, ErrorMessage\);/d
+SED
+expect wrong no-batch-rollback {calls,system-calls}:trash/batch \
+  {allocations,kills}:trash/blocked-record full-disks:ext4/trash/batch
+
+# The record is written before the move.
+make record-first <<'SED'
+/^    if \(!MovePathPreservingType\(source, destination, Entry.bDirectory, ErrorMessage\)\)/i\
+    OutEntry = TrashEntryAt(Entry, destination, folders);\
+    if (!WriteTrashInfo(OutEntry, &ErrorMessage)) {\
+        return false;\
+    }
+SED
+expect wrong record-first {calls,system-calls,allocations,kills}:trash/file
+
+# A copy counts without a look at its size.
+make no-size-check <<'SED'
+s/^    if \(!ec && !CopyIsWhole\(.*/    if (false) {/
+SED
+expect wrong no-size-check calls:trash/file-across \
+  {system-calls,allocations,kills}:trash/size-limit full-disks:ext4/trash/{file,tree}
+
+# Every name counts as free.
+make every-name-free <<'SED'
+s/^    return !fs::exists\(Path, ec\);/    return true;/
+SED
+expect wrong every-name-free races:{trash-namesakes/file,random/module}
+
+# A restore does not look where it leads.
+make blind-restore <<'SED'
+s/^        if \(bExists \|\| ec\) \{/        if (ec) {/
+SED
+expect wrong blind-restore races:{restore-to-one-place/file,random/module}
+
+# A rename does not look either.
+make blind-rename <<'SED'
+/^    if \(fs::exists\(targetPath, ec\)\) \{/,/^    \}/d
+SED
+expect wrong blind-rename races:{rename-to-one-name/file,random/module}
+
+if ((surprises > 0)); then
+  echo "$surprises verdicts are not as they should be."
+  exit 1
+fi

@@ -1,0 +1,90 @@
+#include "racer.h"
+
+#include "engines.h"
+#include "tracer.h"
+
+#include <csignal>
+#include <stdexcept>
+#include <sys/ptrace.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+
+namespace tavro_test {
+
+namespace {
+
+constexpr int systemCallStop = SIGTRAP | 0x80;
+
+/// Where the second path of a rename stands among the arguments of the call.
+std::size_t targetArgument(std::uint64_t number) {
+#ifdef SYS_rename
+    if (number == SYS_rename) {
+        return 1;
+    }
+#endif
+    return 3;
+}
+
+} // namespace
+
+Racer::Racer(const std::function<Outcome()>& act) {
+    m_child = startChild([&] {
+        beginTraced();
+        const int descriptors = openDescriptors();
+        markTraced(true);
+        const Outcome outcome = act();
+        markTraced(false);
+        m_board.notes().DescriptorsLeaked = openDescriptors() - descriptors;
+        m_board.put(outcome);
+    });
+    waitForEnd(m_child); // for its first stop
+    ptrace(PTRACE_SETOPTIONS, m_child, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL);
+    step();
+}
+
+Racer::~Racer() {
+    if (!m_bEnded) {
+        kill(m_child, SIGKILL);
+        waitForEnd(m_child);
+    }
+}
+
+void Racer::step() {
+    while (!m_bEnded && !comeToCall()) {
+    }
+}
+
+/// Lets the process run to its next stop; true when that is before a call on files.
+bool Racer::comeToCall() {
+    ptrace(PTRACE_SYSCALL, m_child, nullptr, nullptr);
+    const int status = waitForEnd(m_child);
+    m_bEnded = !WIFSTOPPED(status);
+    if (m_bEnded || WSTOPSIG(status) != systemCallStop) {
+        return false;
+    }
+    __ptrace_syscall_info info = {};
+    ptrace(PTRACE_GET_SYSCALL_INFO, m_child, sizeof info, &info);
+    if (info.op != PTRACE_SYSCALL_INFO_ENTRY) {
+        return false;
+    }
+    if (info.entry.nr == SYS_getppid) { // a mark
+        m_bActing = !m_bActing;
+        return false;
+    }
+    const std::uint64_t arguments[] = {info.entry.args[0], info.entry.args[1], info.entry.args[2]};
+    const SystemCall call(m_child, info.entry.nr, arguments);
+    m_next = {call.name(), call.path(), "", call.changesDisk()};
+    if (m_next.Name == "rename") {
+        m_next.Target = textAt(m_child, info.entry.args[targetArgument(info.entry.nr)]);
+    }
+    return m_bActing && !m_next.Name.empty();
+}
+
+Outcome Racer::outcome() const {
+    if (hasFallen()) {
+        throw std::runtime_error("a racer has no outcome");
+    }
+    return m_board.outcome();
+}
+
+} // namespace tavro_test

@@ -1,0 +1,58 @@
+// Stops a child at each of its system calls, to end it there or to let that call fail.
+
+#ifndef TAVRO_TESTS_TRACER_H
+#define TAVRO_TESTS_TRACER_H
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <sys/types.h>
+
+namespace tavro_test {
+
+/// A system call that a traced child is about to make.
+class SystemCall {
+public:
+    SystemCall(pid_t child, std::uint64_t number, const std::uint64_t* arguments)
+        : m_child(child), m_number(number), m_arguments(arguments) {}
+
+    /// "rename", "openat"; empty for calls that do not concern files.
+    std::string name() const;
+
+    /// The call changes what is on the disk.
+    bool changesDisk() const;
+
+    /// The (first) path, or the path of the descriptor; a relative path as it is given.
+    std::string path() const;
+
+private:
+    pid_t m_child;
+    std::uint64_t m_number;
+    const std::uint64_t* m_arguments;
+};
+
+/// What becomes of a call: it is made, the child is killed before it is, or it fails with an errno.
+struct Deed {
+    enum Kind { Continue, Kill, Fail };
+    Kind What = Continue;
+    int Errno = 0;
+};
+
+/// In the child: it is traced from now on, and what lies between two marks is told to the parent.
+void beginTraced();
+void markTraced(bool bBegins);
+
+/// In the parent: runs the child to its end and asks `decide` about each call between the
+/// marks. Returns the wait status of the child.
+int trace(pid_t child, const std::function<Deed(const SystemCall&)>& decide);
+
+/// The text at an address in a stopped child.
+std::string textAt(pid_t child, std::uint64_t address);
+
+/// Why calls cannot be watched on this machine, or cannot be made to fail; empty when they can.
+std::string obstacleToTracing();
+std::string obstacleToFailing();
+
+} // namespace tavro_test
+
+#endif

@@ -1,0 +1,122 @@
+"""What mutants.py makes of a small source."""
+
+import unittest
+
+from mutants import mutants_of, with_all
+
+SOURCE = """\
+#include <vector>
+
+namespace {
+
+struct Limits {
+    int Most = 7;
+};
+
+/// Whether (x > 0) holds.
+bool IsGood(const std::vector<int>& Values, bool bStrict) {
+    if (Values.empty()) {
+        return false; // nothing "here"
+    }
+    return bStrict && Values[0] <= 9;
+}
+
+} // namespace
+
+void Add(std::string& Text) {
+    std::size_t i = 0;
+    while (i != 3) {
+        ++i;
+    }
+    Text += "a\\n";
+    Note(Text, i == 3 ? 'c' : 'd');
+}
+"""
+
+
+class Mutants(unittest.TestCase):
+    def setUp(self):
+        self.mutants = mutants_of(SOURCE)
+
+    def changes(self, function, kind):
+        """What the changes of a kind replace, and by what."""
+        return [
+            (SOURCE[mutant.start : mutant.end], mutant.text)
+            for mutant in self.mutants
+            if mutant.function == function and mutant.kind == kind
+        ]
+
+    def test_conditions_are_negated_and_settled(self):
+        question = "Values.empty()"
+        self.assertEqual(
+            self.changes("IsGood", "condition"),
+            [(question, f"!({question})"), (question, "true"), (question, "false")],
+        )
+
+    def test_a_comparison_is_not_negated_twice(self):
+        self.assertEqual(self.changes("Add", "condition"), [("i != 3", "false")])
+        self.assertEqual(self.changes("Add", "comparison"), [("!=", "=="), ("==", "!=")])
+
+    def test_brackets_of_templates_are_no_comparisons(self):
+        self.assertEqual(self.changes("IsGood", "comparison"), [("<=", "<"), ("<=", ">=")])
+
+    def test_logic_and_its_operands(self):
+        self.assertEqual(self.changes("IsGood", "logic"), [("&&", "||")])
+        self.assertEqual(
+            self.changes("IsGood", "operand"), [("bStrict", "true"), ("Values[0] <= 9", "true")]
+        )
+
+    def test_constants_move_by_one(self):
+        self.assertEqual(
+            self.changes("IsGood", "constant"),
+            [("false", "true"), ("0", "1"), ("9", "10"), ("9", "8")],
+        )
+        characters = [change for change in self.changes("Add", "constant") if change[0] == "'c'"]
+        self.assertEqual(characters, [("'c'", "'b'"), ("'c'", "'d'")])
+
+    def test_texts_are_emptied_and_changed_at_the_end(self):
+        self.assertEqual(
+            self.changes("Add", "text"), [('"a\\n"', '""'), ('"a\\n"', '"aX"')]
+        )
+
+    def test_statements_are_dropped_but_no_declaration_and_no_last_return(self):
+        dropped = [old for old, _ in self.changes("Add", "statement")]
+        self.assertEqual(
+            dropped, ["++i;", 'Text += "a\\n";', "Note(Text, i == 3 ? 'c' : 'd');"]
+        )
+        self.assertEqual(self.changes("IsGood", "statement"), [("return false;", ";")])
+
+    def test_results_are_turned_round(self):
+        result = "bStrict && Values[0] <= 9"
+        self.assertEqual(self.changes("IsGood", "return"), [(result, f"!({result})")])
+
+    def test_nothing_outside_of_functions_is_changed(self):
+        self.assertEqual({mutant.function for mutant in self.mutants}, {"IsGood", "Add"})
+
+    def test_identifiers_are_unique_and_the_order_is_that_of_the_source(self):
+        identifiers = [mutant.id for mutant in self.mutants]
+        self.assertEqual(len(set(identifiers)), len(identifiers))
+        starts = [mutant.start for mutant in self.mutants]
+        self.assertEqual(starts, sorted(starts))
+        self.assertEqual(identifiers, [mutant.id for mutant in mutants_of(SOURCE)])
+
+    def test_a_change_is_shown_by_its_lines(self):
+        mutant = next(mutant for mutant in self.mutants if mutant.kind == "return")
+        self.assertEqual(mutant.id, "14:12:return.1")
+        self.assertEqual(
+            mutant.diff,
+            "- return bStrict && Values[0] <= 9;\n+ return !(bStrict && Values[0] <= 9);",
+        )
+
+    def test_one_source_holds_them_all_and_itself(self):
+        mutant = next(mutant for mutant in self.mutants if mutant.kind == "return")
+        text = with_all(SOURCE, {5: mutant})
+        self.assertIn(
+            '#line 1 "14:12:return.1"\nif (mutant == 5) {\n{\n    if (Values.empty()) {', text
+        )
+        self.assertEqual(text.count("return !(bStrict && Values[0] <= 9);"), 1)
+        self.assertEqual(text.count("return bStrict && Values[0] <= 9;"), 1)
+
+
+if __name__ == "__main__":
+    unittest.main()
