@@ -1,3 +1,4 @@
+/// @file
 /// The file operations of the Tavro pane.
 ///
 /// Typed text becomes a path, copies and moves are planned, entries are renamed, created, deleted,
@@ -132,6 +133,8 @@ std::filesystem::path TavroResolveUserPath(const std::string& Text,
 
 /// Whether two paths name the same thing.
 ///
+/// @param A  a path; it need not exist.
+/// @param B  the other one.
 /// @return true when both exist and are the same file or directory (the same device and inode, so
 ///         hard links and a link and its target are the same), or when their canonical texts are
 ///         equal byte for byte. Two empty paths are the same. An error of the file system counts as
@@ -140,6 +143,8 @@ bool TavroPathsEquivalentOrSame(const std::filesystem::path& A, const std::files
 
 /// Whether `Child` lies strictly below `Parent`, by their canonical texts.
 ///
+/// @param Parent  the outer path; it need not exist, nor be a directory.
+/// @param Child   the path that may lie below it.
 /// @return true when the canonical text of `Child` begins with that of `Parent` and a `/` after it.
 ///         False for equal texts, for an empty `Parent`, and whenever `Parent` is the root
 ///         directory: nothing counts as inside `/`.
@@ -177,6 +182,7 @@ bool TavroPathIsInside(const std::filesystem::path& Parent, const std::filesyste
 ///         - "Nothing selected to move."
 ///         - "Move target cannot be empty."
 ///         - "Move Target must be a directory when multiple items are selected."
+///
 ///         and then, entry by entry:
 ///         - "Audio CD tracks can be copied, but not moved." (moves only)
 ///         - "Move target matches the source path for 'NAME'." (not for audio tracks)
@@ -236,6 +242,7 @@ bool TavroRenameEntry(const TavroOperationEntry& Entry, const std::string& Targe
 ///           touched;
 ///         - "Failed to create directory: REASON": also when a file is in the way. Parents created
 ///           before the failure stay.
+///
 ///         New directories get all permission bits less those of the process's umask.
 bool TavroCreateDirectory(const std::string& TargetText, const std::filesystem::path& BaseDirectory,
                           std::string& OutSelectedPath, std::string& ErrorMessage);
@@ -282,6 +289,7 @@ bool TavroCreateDirectory(const std::string& TargetText, const std::filesystem::
 ///           entry was gone);
 ///         - "Failed to create trash metadata 'INFOPATH'." or
 ///           "Failed to write trash metadata 'INFOPATH'.": the entry was moved back.
+///
 ///         Any of these may be followed by " Rollback failed: " and the sentence of what could not
 ///         be undone: once when the failing entry itself could not be moved back, once more when
 ///         the entries before it could not be restored.
@@ -322,9 +330,10 @@ bool TavroPrepareTrashEntries(const std::vector<TavroOperationEntry>& Entries,
 /// @param ErrorMessage  set on failure only.
 /// @return true when all records are written; false with the sentence of the first that was not,
 ///         - "Failed to create trash metadata 'INFOPATH'."
-///         - "Failed to write trash metadata 'INFOPATH'." (its incomplete file stays);
-///         the records written before it in this call are removed again. A failure that shows only
-///         when the file is closed (a full disk) is not seen.
+///         - "Failed to write trash metadata 'INFOPATH'." (its incomplete file stays)
+///
+///         and the records written before it in this call are removed again. A failure that shows
+///         only when the file is closed (a full disk) is not seen.
 bool TavroWriteTrashInfoEntries(const std::vector<TavroTrashEntry>& Entries,
                                 std::string& ErrorMessage);
 
@@ -350,14 +359,13 @@ void TavroRemoveTrashInfoEntries(const std::vector<TavroTrashEntry>& Entries);
 /// @return true when every entry is back; false with
 ///         - "No trash entries are available to restore."
 ///         - "Trash item is missing: TRASHPATH": also when it cannot be examined, and for a link
-///           whose target is gone. Nothing was moved.
+///           that leads nowhere from there, as a relative one mostly does. Nothing was moved.
 ///         - "Restore target already exists: ORIGINALPATH": also when it cannot be examined.
-///         Nothing
-///           was moved.
+///           Nothing was moved.
 ///         - the move's sentence, as told at TavroTrashEntries. When an entry then cannot go back
-///         to
-///           the trash, " Rollback failed: " and the first such sentence follow; that entry stays
-///           restored, without a record.
+///           to the trash, " Rollback failed: " and the first such sentence follow; that entry
+///           stays restored, without a record.
+///
 ///         Two entries of one list with the same `OriginalPath` pass the checks; the second may
 ///         replace the first. A caller refuses such a list.
 bool TavroRestoreTrashEntries(const std::vector<TavroTrashEntry>& Entries,
@@ -368,16 +376,18 @@ bool TavroRestoreTrashEntries(const std::vector<TavroTrashEntry>& Entries,
 /// @param Entries       in: `OriginalPath` and `bDirectory` are used. After success: the new
 ///                      records, which may carry other trash names. After failure: unchanged.
 /// @param ErrorMessage  set on failure only.
-/// @return true when every entry is in the trash again; false with "No restored trash entries are
-///         available." for an empty list, or the sentence of TavroTrashEntries, which has put back
-///         what it had moved.
+/// @return true when every entry is in the trash again; false with
+///         - "No restored trash entries are available."
+///         - the sentence of TavroTrashEntries, which has put back what it had moved.
 bool TavroReapplyTrashEntries(std::vector<TavroTrashEntry>& Entries, std::string& ErrorMessage);
 
 /// Deletes a selection, to the home trash or for good.
 ///
 /// @param Entries       the selection. For good, `bDirectory` alone decides: true removes the path
 ///                      with all its contents, false removes a single file or empty directory. An
-///                      entry that is gone already counts as deleted.
+///                      entry that is gone already counts as deleted. A link is removed itself,
+///                      unless its path ends in `/`: then true removes what is in the directory
+///                      that it points to, and fails.
 /// @param bUseTrash     true: as TavroTrashEntries, with the records dropped, so that this delete
 ///                      cannot be undone through the module. False: for good.
 /// @param ErrorMessage  set on failure only.

@@ -1,3 +1,4 @@
+/// @file
 /// What the file operations require of the pane that uses them.
 
 #ifndef TAVROPANE_H

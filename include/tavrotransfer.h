@@ -1,3 +1,4 @@
+/// @file
 /// The plan of a copy or a move, as TavroBuildTransferPlan makes it and the pane carries it out.
 ///
 /// Plain records: public fields, no invariants, no ownership beyond the values themselves.

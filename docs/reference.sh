@@ -1,0 +1,17 @@
+#!/usr/bin/env bash
+# Makes the reference of the module below a folder, and fails on any warning of Doxygen. Exits with 77,
+# which CTest shows as skipped, when Doxygen is not installed.
+# Usage: reference.sh FOLDER
+set -euo pipefail
+output=$(realpath -m "$1")
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+command -v doxygen >/dev/null || {
+  echo 'doxygen is not installed; ./dev docs installs it'
+  exit 77
+}
+mkdir -p "$output"
+{ cat docs/Doxyfile && printf 'OUTPUT_DIRECTORY = "%s"\n' "$output"; } | doxygen -
+[[ -s $output/html/index.html && -s $output/html/tavroops_8h.html ]] || {
+  echo "there is no reference in $output/html" >&2
+  exit 1
+}
