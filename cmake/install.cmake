@@ -24,7 +24,6 @@ install(FILES include/tavroops.h include/tavropane.h include/tavrotransfer.h
 install(TARGETS tavroops EXPORT tavroops
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
 install(FILES ${development_pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT development)
-
 install(FILES ${development_licences} DESTINATION ${development_docs} COMPONENT development)
 
 # find_package(tavroops 1.0) gives Tavro::tavroops. The module needs no other package, so what CMake

@@ -69,7 +69,7 @@ bool isOfPane(Act what) {
     return what == Act::PaneTrash || what == Act::PaneRestore;
 }
 
-/// Sizes around every block boundary up to the room, and far beyond it.
+/// Sizes around the first block boundaries, around those near the room, and far beyond it.
 std::vector<Point> sizesAround(std::uintmax_t room, bool bLong) {
     std::set<std::uintmax_t> sizes = {
         0, 1, block - 1, block, block + 1, 2 * block - 1, 2 * block, 2 * block + 1,
@@ -86,11 +86,6 @@ std::vector<Point> sizesAround(std::uintmax_t room, bool bLong) {
         for (const std::uintmax_t exact : {distance - 1, distance, distance + 1}) {
             sizes.insert(room + exact);
             sizes.insert(room - std::min(room, exact));
-        }
-    }
-    if (bLong) {
-        for (std::uintmax_t size = 3 * block; size < room; size += block) {
-            sizes.insert({size - 1, size, size + 1});
         }
     }
     sizes.insert(room + farBeyond);
@@ -121,7 +116,7 @@ std::vector<Point> pointsOf(const Sweep& sweep, bool bLong) {
     // does not. Five and twenty-four blocks are among the rooms for which it does not.
     std::vector<std::uintmax_t> rooms = {0, 5, 24};
     if (bLong) {
-        rooms = {0, 1, 2, 3, 5, 12, 16, 17, 24, 33, 60};
+        rooms = {0, 1, 2, 5, 16, 17, 24, 60};
     }
     for (const std::uintmax_t blocks : rooms) {
         const std::vector<Point> around = sizesAround(blocks * block, bLong);
