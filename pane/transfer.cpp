@@ -249,6 +249,10 @@ public:
         m_progress.Tell();
     }
 
+    bool CopyStays() const {
+        return m_bCopyStays;
+    }
+
 private:
     void TransferEntry(const fs::path& Source, const fs::path& Destination,
                        TavroTransferItemPlan* Item);
@@ -282,6 +286,7 @@ private:
     TavroHardLinks m_hardLinks;
     TavroTreeMonitor m_monitor;
     std::set<std::pair<dev_t, ino_t>> m_ownWork; ///< What this transfer has put somewhere.
+    bool m_bCopyStays = false; ///< A copy whose source was to go lies at its destination.
 };
 
 bool Transfer::ShouldCancel() {
@@ -605,7 +610,8 @@ bool Transfer::RemoveSourceOfMove(TavroTreeCopy& Tree, const fs::path& Source,
     } else {
         Fail(Source, Sentence("Cannot write", Destination, ec));
     }
-    if (removed == 0 && (bReplaced || !Tree.TakeBack())) {
+    m_bCopyStays = removed != 0 || bReplaced || !Tree.TakeBack();
+    if (removed == 0 && m_bCopyStays) {
         Fail(Source, "A copy of " + Quoted(Source) + " stays at " + Quoted(Destination));
     }
     return removed != 0;
@@ -672,14 +678,19 @@ bool TavroCarryOutTransfer(TavroTransferPlan& Plan, const TavroTransferCallbacks
 }
 
 bool TavroMoveEntry(const fs::path& Source, const fs::path& Destination,
-                    const TavroTransferCallbacks& Callbacks, std::string& ErrorMessage) {
+                    const TavroTransferCallbacks& Callbacks, std::string& ErrorMessage,
+                    bool* OutCopyStays) {
     TavroTransferReport report;
     Transfer transfer(true, TavroTransferConflictPolicy::Skip, Callbacks, report);
     if (transfer.Prepare(Source, Destination)) {
         transfer.TransferToFreePath(Source, Destination);
     }
     transfer.TellProgress();
-    if (report.Failed.empty() && !report.bCancelled) {
+    const bool bMoved = report.Failed.empty() && !report.bCancelled;
+    if (OutCopyStays != nullptr) {
+        *OutCopyStays = !bMoved && transfer.CopyStays();
+    }
+    if (bMoved) {
         return true;
     }
     ErrorMessage = report.Failed.empty() ? "Cancelled" : report.Failed.front().Reason;

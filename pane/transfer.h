@@ -127,6 +127,8 @@ bool TavroCarryOutTransfer(TavroTransferPlan& Plan, const TavroTransferCallbacks
 /// parents of the destination are created.
 ///
 /// @param ErrorMessage  set on failure only.
+/// @param OutCopyStays  unless null: after a failure, whether a copy that this call made lies at
+///                      `Destination` all the same; after success false.
 /// @return true when the entry is at `Destination` and nowhere else; false with a sentence without
 ///         a full stop when it is whole where it was (of a directory that was moved between file
 ///         systems, entries that could not be removed at the source may be in both places), or
@@ -135,7 +137,8 @@ bool TavroCarryOutTransfer(TavroTransferPlan& Plan, const TavroTransferCallbacks
 /// Nothing is measured: the progress counts up from 0 with `ItemCount` and `ByteCount` 0, and is
 /// told once at the end at least. A mere rename counts nothing.
 bool TavroMoveEntry(const std::filesystem::path& Source, const std::filesystem::path& Destination,
-                    const TavroTransferCallbacks& Callbacks, std::string& ErrorMessage);
+                    const TavroTransferCallbacks& Callbacks, std::string& ErrorMessage,
+                    bool* OutCopyStays = nullptr);
 
 /// The first of NAME, "NAME copy 1.EXT", "NAME copy 2.EXT" … at which nothing is, a dangling link
 /// included. Where such a name would be longer than 255 bytes, NAME is shortened in it, between

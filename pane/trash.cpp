@@ -445,21 +445,16 @@ bool SaysThatItIsTaken(const std::string& Sentence) {
            Sentence.compare(Sentence.size() - end.size(), end.size(), end) == 0;
 }
 
-/// Whether a move that failed left something of its own at its destination: a directory that was
-/// copied but could not be removed whole. A rename leaves nothing, and what was in the way of a
-/// move belongs to someone else.
-bool IsLeftInPart(bool bCopied, const std::string& Sentence, const fs::path& Destination) {
-    return bCopied && !SaysThatItIsTaken(Sentence) && TavroIsPresent(Destination);
-}
-
 /// A move to where nothing is. Cancelling is asked about here too, for a move that is a mere
 /// rename.
 bool MoveUnlessCancelled(const fs::path& Source, const fs::path& Destination,
-                         const TavroTransferCallbacks& Callbacks, std::string& ErrorMessage) {
+                         const TavroTransferCallbacks& Callbacks, std::string& ErrorMessage,
+                         bool& OutCopyStays) {
+    OutCopyStays = false;
     if (IsCancelled(Callbacks)) {
         return Fail(ErrorMessage, "Cancelled");
     }
-    return TavroMoveEntry(Source, Destination, Callbacks, ErrorMessage);
+    return TavroMoveEntry(Source, Destination, Callbacks, ErrorMessage, &OutCopyStays);
 }
 
 /// Makes one progress of that of single moves, in the order in which they were added.
@@ -630,17 +625,15 @@ public:
         : m_folders(Folders), m_items(Items), m_progress(Callbacks), m_claimed(NamesOf(Items)) {}
 
     bool Run(std::string& ErrorMessage) {
-        std::vector<bool> copied;
         for (const Trashing& item : m_items) {
             const fs::path original = item.Record.OriginalPath;
-            copied.push_back(IsOnOtherDevice(original.parent_path(), m_folders.Files));
-            if (!m_progress.Add(original, copied.back())) {
+            if (!m_progress.Add(original,
+                                IsOnOtherDevice(original.parent_path(), m_folders.Files))) {
                 return Fail(ErrorMessage, "Cancelled");
             }
         }
         for (std::size_t i = 0; i < m_items.size(); ++i) {
-            if (!Bring(m_items[i], copied[i], ErrorMessage) ||
-                !WriteRecord(m_items[i], ErrorMessage)) {
+            if (!Bring(m_items[i], ErrorMessage) || !WriteRecord(m_items[i], ErrorMessage)) {
                 PutBack(m_items, i, ErrorMessage);
                 return false;
             }
@@ -659,19 +652,20 @@ private:
     }
 
     /// Moves one entry to a free place in the trash.
-    bool Bring(Trashing& Item, bool bCopied, std::string& ErrorMessage) {
+    bool Bring(Trashing& Item, std::string& ErrorMessage) {
         std::string error;
+        bool bCopyStays = false;
         for (int i = 0; i < nameTries; ++i) {
             if (TavroIsPresent(Item.Record.InfoPath)) {
                 ChooseAnotherName(Item.Record);
             }
             if (MoveUnlessCancelled(Item.Record.OriginalPath, Item.Record.TrashPath,
-                                    m_progress.ForNextMove(), error)) {
+                                    m_progress.ForNextMove(), error, bCopyStays)) {
                 Item.bInTrash = true;
                 return true;
             }
+            Item.bInTrash = bCopyStays;
             if (!SaysThatItIsTaken(error)) {
-                Item.bInTrash = IsLeftInPart(bCopied, error, Item.Record.TrashPath);
                 break;
             }
             ChooseAnotherName(Item.Record);
@@ -837,18 +831,15 @@ void ReturnToTrash(std::vector<Restoration>& Restorations, std::size_t Count,
 bool Restore(std::vector<Restoration>& Restorations, const TavroTransferCallbacks& Callbacks,
              std::string& ErrorMessage) {
     BatchProgress progress(Callbacks);
-    std::vector<bool> copied;
     for (const Restoration& restoration : Restorations) {
-        copied.push_back(IsCopiedBack(restoration.Entry));
-        if (!progress.Add(restoration.Entry.TrashPath, copied.back())) {
+        if (!progress.Add(restoration.Entry.TrashPath, IsCopiedBack(restoration.Entry))) {
             return Fail(ErrorMessage, "Cancelled");
         }
     }
     for (std::size_t i = 0; i < Restorations.size(); ++i) {
         const TavroTrashEntry& entry = Restorations[i].Entry;
         if (!MoveUnlessCancelled(entry.TrashPath, entry.OriginalPath, progress.ForNextMove(),
-                                 ErrorMessage)) {
-            Restorations[i].bInPart = IsLeftInPart(copied[i], ErrorMessage, entry.OriginalPath);
+                                 ErrorMessage, Restorations[i].bInPart)) {
             ReturnToTrash(Restorations, i, ErrorMessage);
             return false;
         }

@@ -29,8 +29,8 @@ std::size_t targetArgument(std::uint64_t number) {
 
 Racer::Racer(const std::function<Outcome()>& act) {
     m_child = startChild([&] {
-        beginTraced();
         const int descriptors = openDescriptors();
+        beginTraced();
         markTraced(true);
         const Outcome outcome = act();
         markTraced(false);
@@ -56,7 +56,8 @@ void Racer::step() {
 
 /// Lets the process run to its next stop; true when that is before a call on files.
 bool Racer::comeToCall() {
-    ptrace(PTRACE_SYSCALL, m_child, nullptr, nullptr);
+    // After its act nothing of the process is of interest any more.
+    ptrace(m_bActed ? PTRACE_CONT : PTRACE_SYSCALL, m_child, nullptr, nullptr);
     const int status = waitForEnd(m_child);
     m_bEnded = !WIFSTOPPED(status);
     if (m_bEnded || WSTOPSIG(status) != systemCallStop) {
@@ -68,6 +69,7 @@ bool Racer::comeToCall() {
         return false;
     }
     if (info.entry.nr == SYS_getppid) { // a mark
+        m_bActed = m_bActing;
         m_bActing = !m_bActing;
         return false;
     }

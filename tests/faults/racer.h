@@ -59,6 +59,7 @@ private:
     pid_t m_child = 0;
     bool m_bEnded = false;
     bool m_bActing = false;
+    bool m_bActed = false;
     Call m_next;
 };
 
