@@ -363,12 +363,6 @@ int OpenSource(const fs::path& From, struct stat& OutStatus, std::error_code& ec
     return number;
 }
 
-/// The copy of a file that became shorter meanwhile is not what the file was at any moment.
-bool IsShorterNow(const Descriptor& Source, const struct stat& Status) {
-    struct stat now = {};
-    return fstat(Source.Number(), &now) != 0 || now.st_size < Status.st_size;
-}
-
 /// Everything of a copy that happens while both files are open.
 std::string CopyOpened(Descriptor& Source, Descriptor& Target, const fs::path& From,
                        const fs::path& To, bool bSync, const TavroCopyMonitor& Monitor,
@@ -376,12 +370,20 @@ std::string CopyOpened(Descriptor& Source, Descriptor& Target, const fs::path& F
     const bool bSparse = Status.st_blocks * 512 < Status.st_size; // blocks of 512 bytes
     const bool bCopied =
         ByteCopy(Source.Number(), Target.Number(), Monitor).Run(Status.st_size, bSparse, ec);
-    if ((bCopied || ec == std::errc::io_error) && IsShorterNow(Source, Status)) {
+    // The copy of a file that became shorter meanwhile is not what the file was at any moment.
+    struct stat now = {};
+    const std::error_code nowEc =
+        fstat(Source.Number(), &now) == 0 ? std::error_code() : LastError();
+    if ((bCopied || ec == std::errc::io_error) && !nowEc && now.st_size < Status.st_size) {
         ec = std::make_error_code(std::errc::io_error);
         return "'" + From.string() + "' became shorter while it was copied";
     }
     if (!bCopied) {
         return Sentence("Cannot copy", From, ec);
+    }
+    if (nowEc) {
+        ec = nowEc;
+        return Sentence("Cannot read", From, ec);
     }
     CopyAttributes({From, Source.Number()}, {To, Target.Number()}, Status, ec);
     if (ec) {

@@ -335,10 +335,15 @@ bool TavroTreeCopy::FinishAttributes(const fs::path& Below, const struct stat& S
 bool TavroTreeCopy::IsUnchanged(const Copied& Entry, TavroTransferFailure& OutFailure) const {
     const fs::path source = SourceOf(Entry.Below);
     struct stat now = {};
+    const bool bSeen = lstat(source.c_str(), &now) == 0;
+    const std::error_code ec = LastError();
+    if (!bSeen && ec != std::errc::no_such_file_or_directory) {
+        OutFailure = {source, "Cannot read '" + source.string() + "': " + ec.message()};
+        return false;
+    }
     // Of a directory each entry is looked at by itself.
-    const bool bSame = lstat(source.c_str(), &now) == 0 &&
-                       (S_ISDIR(now.st_mode) ? IdentityOf(now) == IdentityOf(Entry.Status)
-                                             : IsSameStill(now, Entry.Status));
+    const bool bSame = bSeen && (S_ISDIR(now.st_mode) ? IdentityOf(now) == IdentityOf(Entry.Status)
+                                                      : IsSameStill(now, Entry.Status));
     if (!bSame) {
         OutFailure = {source, "'" + source.string() + "' changed while it was moved"};
     }

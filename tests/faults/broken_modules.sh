@@ -1,17 +1,18 @@
 #!/usr/bin/env bash
 # Shows that the fault programme sees what it is there to see: each suite must call a deliberately
-# broken module wrong, and the module as it is right.
+# broken module or pane wrong, and both as they are right.
 #
 # usage: broken_modules.sh MODULE-SOURCE INCLUDE-FOLDER COMPILER OBJECT-OR-FLAG…
 #
 # The programme is linked from the objects and flags that are given, with a patched copy of the
-# module each time. Where no single allocation or moment leads to what is broken, the world of the
+# module, or of one source of the pane, each time. Where no single allocation or moment leads to what is broken, the world of the
 # scenario does (a blocked record, a size limit), and its run without faults is wrong already.
 set -euo pipefail
 
 module=$1 include=$2 compiler=$3
 shift 3
 programme=("$@")
+pane=$(dirname "$module")/../pane
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 surprises=0
@@ -36,14 +37,23 @@ caged=(prlimit --as=1000000000 timeout 120 unshare --mount bash -c '
 cage=closed
 ((EUID != 0)) || "${caged[@]}" true || cage=open
 
-# make NAME: the module, passed through the sed script on standard input, and the programme with it.
+# make NAME [PANE-SOURCE]: the module, or a source of the pane beside it, passed through the sed
+# script on standard input, and the programme with it.
 make() {
-  sed -E -f /dev/stdin "$module" >"$scratch/$1.cpp"
-  if [[ $1 != as-it-is ]] && cmp -s "$module" "$scratch/$1.cpp"; then
-    echo "The patch '$1' no longer fits the module." >&2
+  local source=$module object rest=()
+  if (($# > 1)); then
+    source=$pane/$2
+    rest+=("$module")
+  fi
+  sed -E -f /dev/stdin "$source" >"$scratch/$1.cpp"
+  if [[ $1 != as-it-is ]] && cmp -s "$source" "$scratch/$1.cpp"; then
+    echo "The patch '$1' no longer fits $source." >&2
     exit 2
   fi
-  "$compiler" -std=c++17 -I"$include" "$scratch/$1.cpp" "${programme[@]}" -o "$scratch/$1"
+  for object in "${programme[@]}"; do
+    [[ $object == */tavro_pane.dir/* && ${object##*/} == "${2:-none}.o" ]] || rest+=("$object")
+  done
+  "$compiler" -std=c++17 -I"$include" -I"$pane" "$scratch/$1.cpp" "${rest[@]}" -o "$scratch/$1"
 }
 
 # verdict NAME SCENARIO: what the programme with this module says, in one word. Its words are in the
@@ -92,7 +102,8 @@ make as-it-is </dev/null
 expect right as-it-is {calls,system-calls,allocations,kills}:trash/file \
   {allocations,kills}:trash/{blocked-record,size-limit} \
   full-disks:ext4/trash/{file,batch,record-inodes} \
-  races:{trash-namesakes,restore-to-one-place,rename-to-one-name}/file
+  races:{trash-namesakes,restore-to-one-place,rename-to-one-name,pane-trash-namesakes}/file \
+  transfers:copy-same/file
 
 # An item whose record cannot be written stays where it is.
 make no-item-rollback <<'SED'
@@ -142,6 +153,19 @@ make blind-rename <<'SED'
 /^    if \(fs::exists\(targetPath, ec\)\) \{/,/^    \}/d
 SED
 expect wrong blind-rename races:{rename-to-one-name/file,random/module}
+
+# The pane renames over what is there.
+make blind-pane no_replace.cpp <<'SED'
+s/renameat2\(.*RENAME_NOREPLACE\)/std::rename(From.c_str(), To.c_str())/
+SED
+expect wrong blind-pane races:pane-trash-namesakes/file
+
+# The pane does not ask whether a copy has all its bytes.
+make trusting-pane file_copy.cpp <<'SED'
+s/^    if \(!bCopied\) \{/    if (false) {/
+s/^    if \(Status\.st_size != 0 && arrived\.st_size != Status\.st_size\) \{/    if (false) {/
+SED
+expect wrong trusting-pane transfers:{copy-same,move-across}/file
 
 if ((surprises > 0)); then
   echo "$surprises verdicts are not as they should be."

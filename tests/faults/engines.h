@@ -21,16 +21,17 @@ namespace tavro_test {
 struct Options {
     bool bLong = false;
     bool bUntilFailure = false; ///< the first wrong outcome ends the programme
-    std::string Only;           ///< an identifier as it was printed, or the beginning of one
+    std::string Only;           ///< an identifier as it was printed, or its first components
 };
 
 /// What one suite did.
 struct Tally {
     std::size_t Scenarios = 0;
-    std::size_t Calls = 0;  ///< enumerated in clean runs
-    std::size_t Faults = 0; ///< injected, each seen to have fired
-    std::size_t Kills = 0;  ///< states in which a process was killed
-    std::size_t Debris = 0; ///< restores and reapplies tried on what was left
+    std::size_t Calls = 0;   ///< enumerated in clean runs
+    std::size_t Faults = 0;  ///< injected, each seen to have fired
+    std::size_t Kills = 0;   ///< states in which a process was killed
+    std::size_t Debris = 0;  ///< restores and reapplies tried on what was left
+    std::size_t Remains = 0; ///< transfers that left something under a hidden name
     std::map<Verdict::Kind, std::size_t> Outcomes;
     std::uintmax_t BytesGivenUp = 0;
     std::uintmax_t BytesLost = 0;
@@ -43,7 +44,8 @@ public:
     /// Where the following counts go.
     Tally& suite(const std::string& name);
 
-    /// The run of this identifier is wanted.
+    /// The run of this identifier is wanted. What is asked for ends at a ':' or '+' of it, so that
+    /// the call 1 is not the call 10 too.
     bool wants(const std::string& identifier) const;
     /// Some run whose identifier begins so is wanted.
     bool wantsSome(const std::string& beginning) const;
@@ -87,6 +89,9 @@ private:
 void forEachScenario(Report& report, Tally& tally, const std::string& suite,
                      const std::function<void(Scenario&, const Reference&)>& body);
 
+/// Why scenarios across devices cannot be had; empty when they can.
+std::string obstacleToCrossing();
+
 /// How many descriptors are open.
 int openDescriptors();
 
@@ -102,6 +107,7 @@ std::string errnoName(int error);
 void runCallFaults(Report& report);
 void runAllocationFaults(Report& report);
 void runKills(Report& report);
+void runTransferFaults(Report& report);
 void runSystemCallFaults(Report& report);
 void runFullDisks(Report& report);
 void runRaces(Report& report);

@@ -53,6 +53,7 @@ constexpr Suite suites[] = {
     {"system-calls", runSystemCallFaults},
     {"allocations", runAllocationFaults},
     {"kills", runKills},
+    {"transfers", runTransferFaults},
     {"full-disks", runFullDisks},
     {"races", runRaces},
 };
@@ -64,7 +65,8 @@ void printUsage() {
               "  --long             everything\n"
               "  --suite NAME       one of the suites below; all without it\n"
               "  --only IDENTIFIER  runs what was printed as wrong again, and tells of it; the\n"
-              "                     beginning of an identifier runs all that begin so\n"
+              "                     beginning of an identifier, to a ':' or '+', runs all that\n"
+              "                     begin so\n"
               "  --until-failure    stops at the first wrong outcome\n\n"
               "The suites:");
     for (const Suite& suite : suites) {
@@ -84,7 +86,7 @@ struct Request {
 
     bool takes(const Suite& suite) const {
         if (!How.Only.empty()) {
-            return How.Only.rfind(std::string(suite.Name) + ":", 0) == 0;
+            return (How.Only + ":").rfind(std::string(suite.Name) + ":", 0) == 0;
         }
         return Suites.empty() || Suites.count(suite.Name) == 1;
     }

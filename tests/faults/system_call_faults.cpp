@@ -125,6 +125,10 @@ void SystemCallFaults::sweep() {
     compareWithFirstEngine(made);
     for (std::size_t number = 0; number < made.size() && !m_report.isOver(); ++number) {
         const std::vector<int>& errnos = plausibleErrnos(made[number].Name);
+        if (errnos.empty()) {
+            m_report.complain("system-calls:" + m_scenario.name() + ":" + std::to_string(number),
+                              "nobody knows how this call may fail: " + made[number].Name);
+        }
         std::size_t tried = 0;
         for (const int error : errnos) {
             const std::string identifier = "system-calls:" + m_scenario.name() + ":" +

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <elf.h>
 #include <fcntl.h>
+#include <iterator>
 #include <stdexcept>
 #include <sys/ptrace.h>
 #include <sys/syscall.h>
@@ -42,6 +43,10 @@ constexpr Known known[] = {
     {SYS_stat, "stat", Names::Path, false},
     {SYS_lstat, "lstat", Names::Path, false},
     {SYS_chmod, "chmod", Names::Path, true},
+    {SYS_access, "access", Names::Path, false},
+    {SYS_link, "link", Names::Path, true},
+    {SYS_mknod, "mknod", Names::Path, true},
+    {SYS_lchown, "chown", Names::Path, true},
 #endif
     {SYS_renameat2, "rename", Names::PathAt, true},
     {SYS_unlinkat, "unlinkat", Names::PathAt, true},
@@ -63,10 +68,60 @@ constexpr Known known[] = {
     {SYS_ftruncate, "truncate", Names::Descriptor, true},
     {SYS_lseek, "lseek", Names::Descriptor, false},
     {SYS_getdents64, "getdents64", Names::Descriptor, false},
-    {SYS_fcntl, "fcntl", Names::Descriptor, false},
+    {SYS_pread64, "read", Names::Descriptor, false},
+    {SYS_pwrite64, "write", Names::Descriptor, true},
+    {SYS_fsync, "fsync", Names::Descriptor, false},
+    {SYS_syncfs, "fsync", Names::Descriptor, false},
+    {SYS_ioctl, "ioctl", Names::Descriptor, true},
+    {SYS_fchown, "chown", Names::Descriptor, true},
+    {SYS_fchownat, "chown", Names::PathAt, true},
+    {SYS_faccessat, "access", Names::PathAt, false},
+    {SYS_linkat, "link", Names::PathAt, true},
+    {SYS_mknodat, "mknod", Names::PathAt, true},
+    {SYS_listxattr, "listxattr", Names::Path, false},
+    {SYS_llistxattr, "listxattr", Names::Path, false},
+    {SYS_flistxattr, "listxattr", Names::Descriptor, false},
+    {SYS_lgetxattr, "getxattr", Names::Path, false},
+    {SYS_fgetxattr, "getxattr", Names::Descriptor, false},
+    {SYS_lsetxattr, "setxattr", Names::Path, true},
+    {SYS_fsetxattr, "setxattr", Names::Descriptor, true},
+    {SYS_lremovexattr, "removexattr", Names::Path, true},
+    {SYS_fremovexattr, "removexattr", Names::Descriptor, true},
     {SYS_close, "close", Names::Descriptor, false},
     {SYS_getcwd, "getcwd", Names::Descriptor, false},
 };
+
+struct Harmless {
+    std::uint64_t Number;
+    const char* Why;
+};
+
+constexpr Harmless harmless[] = {
+    {SYS_fcntl, "asks an open descriptor for its flags, or sets them, which does not fail"},
+    {SYS_brk, "memory: the suite of allocations"},
+    {SYS_mmap, "memory: the suite of allocations"},
+    {SYS_mremap, "memory: the suite of allocations"},
+    {SYS_munmap, "memory that is given back"},
+    {SYS_mprotect, "memory that there is already"},
+    {SYS_madvise, "a hint"},
+    {SYS_futex, "waiting, which ends"},
+    {SYS_rt_sigprocmask, "signals, of which there are none"},
+    {SYS_getrandom, "random bytes, of which there are always enough"},
+    {SYS_clock_gettime, "the time, which is there always"},
+    {SYS_gettimeofday, "the time, which is there always"},
+#ifdef SYS_time
+    {SYS_time, "the time, which is there always"},
+#endif
+    {SYS_getpid, "asks the kernel about this process"},
+    {SYS_gettid, "asks the kernel about this process"},
+    {SYS_getuid, "asks the kernel about this process"},
+    {SYS_geteuid, "asks the kernel about this process"},
+};
+
+bool isHarmless(std::uint64_t number) {
+    return std::any_of(std::begin(harmless), std::end(harmless),
+                       [&](const Harmless& one) { return one.Number == number; });
+}
 
 const Known* find(std::uint64_t number) {
     for (const Known& one : known) {
@@ -146,7 +201,10 @@ std::string textAt(pid_t child, std::uint64_t address) {
 
 std::string SystemCall::name() const {
     const Known* call = find(m_number);
-    return call == nullptr ? "" : call->Name;
+    if (call != nullptr) {
+        return call->Name;
+    }
+    return isHarmless(m_number) ? "" : "call " + std::to_string(m_number);
 }
 
 bool SystemCall::changesDisk() const {

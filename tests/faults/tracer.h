@@ -16,7 +16,8 @@ public:
     SystemCall(pid_t child, std::uint64_t number, const std::uint64_t* arguments)
         : m_child(child), m_number(number), m_arguments(arguments) {}
 
-    /// "rename", "openat"; empty for calls that do not concern files.
+    /// "rename", "openat"; empty for the harmless calls, which are left alone: those that concern
+    /// no file, and those that cannot fail. A call that nobody has thought of yet is "call 999".
     std::string name() const;
 
     /// The call changes what is on the disk.

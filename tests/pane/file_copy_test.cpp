@@ -35,6 +35,7 @@ ByteHook g_onCopyFileRange;
 ByteHook g_onPRead;
 ByteHook g_onPWrite;
 std::function<int(int to, int from)> g_onShareBlocks; ///< An errno, or 0: shared.
+std::function<int(int descriptor)> g_onFStat;         ///< An errno, or 0: as it is.
 
 /// While it lives, a hook is set.
 template <typename Hook> class Scoped {
@@ -90,6 +91,16 @@ ssize_t pwrite(int descriptor, const void* bytes, std::size_t count, off_t offse
     const ssize_t some = allowed(g_onPWrite, count, offset);
     static const auto real = original(&pwrite, "pwrite");
     return some <= 0 ? some : real(descriptor, bytes, static_cast<std::size_t>(some), offset);
+}
+
+int fstat(int descriptor, struct stat* status) noexcept {
+    const int error = g_onFStat ? g_onFStat(descriptor) : 0;
+    if (error != 0) {
+        errno = error;
+        return -1;
+    }
+    static const auto real = reinterpret_cast<decltype(&fstat)>(dlsym(RTLD_NEXT, "fstat"));
+    return real(descriptor, status);
 }
 
 int ioctl(int descriptor, unsigned long request, ...) noexcept {
@@ -447,6 +458,16 @@ TEST_F(CopyRegularFile, a_source_that_shrinks_before_its_end_is_named) {
     };
     EXPECT_FALSE(copy());
     EXPECT_EQ("'/from' became shorter while it was copied", failure());
+    EXPECT_FALSE(isPresent(m_to));
+}
+
+TEST_F(CopyRegularFile, a_source_that_cannot_be_examined_after_its_copy_did_not_shrink) {
+    writeFile(m_from, bytesOf(5));
+    int calls = 0;
+    const Scoped hook(g_onFStat,
+                      std::function<int(int)>([&](int) { return ++calls == 2 ? ENOMEM : 0; }));
+    EXPECT_FALSE(copy());
+    EXPECT_EQ("Cannot read '/from': " + systemText(std::errc::not_enough_memory), failure());
     EXPECT_FALSE(isPresent(m_to));
 }
 

@@ -19,6 +19,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <map>
+#include <optional>
 #include <random>
 #include <sched.h>
 #include <set>
@@ -1541,6 +1542,29 @@ TEST_F(CarryOutTransfer, a_source_that_changes_at_the_last_moment_stays) {
     EXPECT_EQ("old", readFile(target("file")));
     EXPECT_EQ("failed /source/file: A copy of '/source/file' stays at '/target/file'\n"
               "failed /source/file: '/source/file' changed while it was moved\n",
+              report());
+}
+
+TEST_F(CarryOutTransfer, a_source_that_cannot_be_examined_at_the_last_moment_stays) {
+    TARGET_ELSEWHERE();
+    writeFile(source("file"), "bytes");
+    std::optional<FaultInjector> faults;
+    const ScopedHook hook(g_onRenameAt2, [&](const std::string& to) {
+        if (to == target("file").string() && !fs::is_empty(target())) {
+            faults.emplace(
+                std::vector<Fault>{{"lstat", EIO, source("file").string(), 1, true, true}});
+        }
+        return 0;
+    });
+    EXPECT_FALSE(move({"file"}));
+    ASSERT_TRUE(faults.has_value());
+    EXPECT_GT(faults->fired(), 0);
+    faults.reset();
+    EXPECT_EQ("bytes", readFile(source("file")));
+    EXPECT_EQ("bytes", readFile(target("file")));
+    EXPECT_EQ("failed /source/file: A copy of '/source/file' stays at '/target/file'\n"
+              "failed /source/file: Cannot read '/source/file': " +
+                  systemText(std::errc::io_error) + "\n",
               report());
 }
 
