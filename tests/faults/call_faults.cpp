@@ -76,6 +76,7 @@ std::vector<CountedCall> CallFaults::run(const Faults& faults) {
     run.DescriptorsLeaked = openDescriptors() - descriptors;
     run.After = m_scenario.snapshot();
     m_bAsBefore = run.After == m_reference.Before;
+    run.Made = calls;
     std::copy_if(calls.begin(), calls.end(), std::back_inserter(run.Failed),
                  [](const CountedCall& call) { return call.bFailed; });
     for (const NumberedFault& fault : faults) {

@@ -50,7 +50,7 @@ const std::vector<RecordRow>& recordRows() {
 namespace {
 
 Fate fate(Move move, bool bBack, Record record, std::optional<Exception> told = {}) {
-    return {move, bBack, record, told};
+    return {move, bBack, record, told, false};
 }
 
 /// How the move of an item ended by a clause; nothing when the clause is not about such a move.
@@ -89,6 +89,7 @@ Hypothesis returnFailed(Hypothesis state, std::size_t failed, std::size_t end, M
         for (const Move silent : {Move::Untouched, Move::CopyFailed, Move::RemoveFailed}) {
             if (i < failed) {
                 state[i].push_back(fate(silent, false, Record::Dropped, Exception::StaysRestored));
+                state[i].back().bSilent = true;
             }
         }
     }

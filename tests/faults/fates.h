@@ -23,6 +23,8 @@ struct Fate {
     bool bBack;
     Record ItsRecord;
     std::optional<Exception> Told; ///< what the sentence itself gives up
+    /// The sentence is silent about it, so only a call that failed on the item can have led to it.
+    bool bSilent = false;
 };
 
 /// The states of the source and the destination of a move: "-" nothing, "p" a part, "W" the whole.

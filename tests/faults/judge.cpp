@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <functional>
 #include <optional>
 
 namespace fs = std::filesystem;
@@ -13,6 +14,11 @@ namespace fs = std::filesystem;
 namespace tavro_test {
 
 namespace {
+
+/// As liesIn. A path that is only a name may lie anywhere.
+bool mayLieIn(const std::string& path, const fs::path& place) {
+    return liesIn(path, place) || (!path.empty() && path.front() != '/');
+}
 
 class Judgement {
 public:
@@ -25,6 +31,13 @@ private:
     bool check(bool held, const std::string& complaint);
     bool failedOn(const fs::path& path) const;
     bool failedOnTheWayTo(const fs::path& folder) const;
+    bool failedIn(const fs::path& place) const;
+    bool failedToExamine(const fs::path& path) const;
+    bool anyFailed(const std::function<bool(const CountedCall&)>& fits) const;
+    int errnoOf(const CountedCall& call) const;
+    bool isOfItemAt(const std::string& path, const std::string& place) const;
+    bool concerns(const Clause& clause, const CountedCall& call) const;
+    bool isPossible(const Item& item, const Fate& its, const MoveRow& row) const;
     bool isFounded(const Clause& clause) const;
     Verdict decideOutOfMemory() const;
     bool checkEscape();
@@ -63,40 +76,98 @@ bool Judgement::failedOn(const fs::path& path) const {
                        [&](const CountedCall& call) { return call.Path == path; });
 }
 
+bool Judgement::anyFailed(const std::function<bool(const CountedCall&)>& fits) const {
+    return std::any_of(m_run.Failed.begin(), m_run.Failed.end(), fits);
+}
+
+bool Judgement::failedIn(const fs::path& place) const {
+    return anyFailed([&](const CountedCall& call) { return mayLieIn(call.Path, place); });
+}
+
+bool Judgement::failedToExamine(const fs::path& path) const {
+    return anyFailed([&](const CountedCall& call) {
+        return canLeadTo(Says::PlanTarget, call.Call) && call.Path == path;
+    });
+}
+
+/// What the call failed with. Where only one call can fail, the run alone knows it.
+int Judgement::errnoOf(const CountedCall& call) const {
+    const bool bOfRun = call.Errno == CountedCall::unknown && m_run.Errnos.size() == 1;
+    return bOfRun ? *m_run.Errnos.begin() : call.Errno;
+}
+
 bool Judgement::failedOnTheWayTo(const fs::path& folder) const {
-    return std::any_of(m_run.Failed.begin(), m_run.Failed.end(),
-                       [&](const CountedCall& call) { return liesIn(folder.string(), call.Path); });
+    return anyFailed([&](const CountedCall& call) { return liesIn(folder.string(), call.Path); });
+}
+
+/// The path belongs to the item that has one of its places at `place`.
+bool Judgement::isOfItemAt(const std::string& path, const std::string& place) const {
+    return std::any_of(m_items.begin(), m_items.end(), [&](const Item& item) {
+        const std::vector<fs::path> all = {item.Original, item.Destination, item.TakenDestination};
+        const bool bItsPlace = std::find(all.begin(), all.end(), place) != all.end();
+        return bItsPlace && (path == item.LinkTarget ||
+                             std::any_of(all.begin(), all.end(), [&](const fs::path& one) {
+                                 return !one.empty() && mayLieIn(path, one);
+                             }));
+    });
+}
+
+/// The clause tells of something that the call does.
+bool Judgement::concerns(const Clause& clause, const CountedCall& call) const {
+    const auto leadsTo = [&](const fs::path& folder) { return liesIn(folder.string(), call.Path); };
+    const Item& first = m_items[0];
+    switch (clause.What) {
+    case Says::FilesFolder:
+        return leadsTo(first.Destination.parent_path());
+    case Says::InfoFolder:
+        return leadsTo(first.Record.parent_path());
+    case Says::DestinationFolder:
+        return leadsTo(first.Original.parent_path()) || leadsTo(first.Destination.parent_path());
+    case Says::RenameFolder:
+        return leadsTo(first.Destination.parent_path());
+    case Says::MakeDirectory:
+        return leadsTo(m_scenario.createdDirectory());
+    case Says::Rename:
+        return call.Path == first.Original;
+    case Says::Move:
+        return call.Call == "rename" ? call.Path == clause.Path
+                                     : isOfItemAt(call.Path, clause.Path);
+    case Says::Copy:
+        return isOfItemAt(call.Path, clause.Path);
+    case Says::RemoveOriginal:
+        return mayLieIn(call.Path, clause.Path);
+    case Says::Delete:
+        return mayLieIn(call.Path, first.Original.parent_path() / clause.Path);
+    case Says::PlanTarget:
+        return call.Path == m_scenario.planTarget();
+    default:
+        return call.Path == clause.Path;
+    }
 }
 
 /// A fault, or the world itself, gave cause for what the clause tells.
 bool Judgement::isFounded(const Clause& clause) const {
     const auto is = [&](int error) { return clause.Reason == textOf(error); };
-    const bool bReason = isConsequence(clause) || (m_run.bMemoryFailed && is(ENOMEM)) ||
-                         (m_scenario.isHindered() && is(EFBIG)) ||
-                         std::any_of(m_run.Errnos.begin(), m_run.Errnos.end(), is);
-    switch (clause.What) {
-    case Says::RenameExists:
-        return m_scenario.isHindered();
-    case Says::PlanTarget:
-        return !m_run.Failed.empty();
-    case Says::FilesFolder:
-        return bReason && failedOnTheWayTo(m_items[0].Destination.parent_path());
-    case Says::InfoFolder:
-        return bReason && failedOnTheWayTo(m_items[0].Record.parent_path());
-    case Says::CreateRecord:
-    case Says::WriteRecord:
-    case Says::TrashMissing:
-    case Says::TargetExists:
-        return m_scenario.isBlocked(clause.Path) || failedOn(clause.Path);
-    default:
-        return bReason;
-    }
+    const bool bByWorld =
+        (clause.What == Says::RenameExists && m_scenario.isHindered()) ||
+        ((clause.What == Says::CreateRecord || clause.What == Says::TargetExists) &&
+         m_scenario.isBlocked(clause.Path)) ||
+        (clause.What == Says::Copy && m_scenario.hasSizeLimit() && (is(EFBIG) || is(EIO)));
+    const bool bByMemory = m_run.bMemoryFailed && (is(ENOMEM) || isConsequence(clause));
+    return bByWorld || bByMemory || anyFailed([&](const CountedCall& call) {
+               const bool bSame = clause.Reason.empty() || is(errnoOf(call));
+               const bool bLeads = (canLeadTo(clause.What, call.Call) && bSame) ||
+                                   isConsequenceOf(clause, call.Call, errnoOf(call));
+               return bLeads && concerns(clause, call);
+           });
 }
 
 /// An error that escaped as an exception: only from a rename, with nothing changed.
 bool Judgement::checkEscape() {
     m_verdict.Used.insert(Exception::QueryThrows);
     return check(m_scenario.operation() == Operation::Rename, "an exception escaped") &&
+           check(m_run.bMemoryFailed || failedToExamine(m_items[0].Destination),
+                 "an exception escaped without cause") &&
            check(m_run.Result.Message == untouchedMessage, "the message was touched") &&
            check(m_run.Result.Text.empty(), "the selected path is not empty") &&
            check(m_run.After == m_reference.Before, "an exception escaped after a change");
@@ -104,7 +175,11 @@ bool Judgement::checkEscape() {
 
 bool Judgement::checkSentence() {
     if (m_run.Result.Ended == Outcome::True) {
-        return check(m_run.Result.Message == untouchedMessage, "the message was touched");
+        const bool bRenameFailed = anyFailed([&](const CountedCall& call) {
+            return call.Call == "rename" && errnoOf(call) != EXDEV;
+        });
+        return check(m_run.Result.Message == untouchedMessage, "the message was touched") &&
+               check(!bRenameFailed, "true, though a rename failed");
     }
     m_clauses = parse(m_run.Result.Message);
     return check(!m_clauses.empty(), "the sentence is unknown") &&
@@ -145,6 +220,34 @@ bool Judgement::becameFile(const Item& item) const {
             (isFileAt(item.Destination) && !m_scenario.crossesDevices()));
 }
 
+/// The call works on something that was not there before it was created right before.
+bool worksOnNew(const CountedCall& call) {
+    const bool bCreates = call.Call == "mkdir" || call.Call == "symlink";
+    const bool bFills = call.Call == "fchmod" || call.Call == "sendfile" || call.Call == "write" ||
+                        call.Call == "writev";
+    return bFills || (bCreates && !call.bFailed);
+}
+
+/// Calls were made and failed where the row needs them.
+bool Judgement::isPossible(const Item& item, const Fate& its, const MoveRow& row) const {
+    const fs::path& from = its.bBack ? item.Destination : item.Original;
+    const fs::path& to = its.bBack ? item.Original : item.Destination;
+    const bool bCreated =
+        std::any_of(m_run.Made.begin(), m_run.Made.end(),
+                    [&](const CountedCall& call) { return call.Path == to && worksOnNew(call); });
+    if (row.LastMove == Move::CopyFailed && !row.GivenUp && bCreated) {
+        return false; // what was created must be there
+    }
+    if (row.GivenUp == Exception::CopyNotDiscarded && !failedIn(to)) {
+        return false;
+    }
+    if (row.GivenUp == Exception::SourcePartlyRemoved && !m_run.bMemoryFailed && !failedIn(from)) {
+        return false;
+    }
+    return !its.bSilent || failedIn(from) || failedIn(to) || failedOnTheWayTo(from.parent_path()) ||
+           failedOnTheWayTo(to.parent_path());
+}
+
 bool Judgement::fitsOne(const Item& item, const Fate& its, std::set<Exception>& used) const {
     std::string places = {
         placeState(item, item.Original, m_reference.Before, m_run.After),
@@ -158,9 +261,8 @@ bool Judgement::fitsOne(const Item& item, const Fate& its, std::set<Exception>& 
         return false;
     }
     for (const MoveRow& row : moveRows()) {
-        const bool bNeedsSecondFault = row.GivenUp == Exception::CopyNotDiscarded;
-        if (row.LastMove != its.LastMove || row.Places != places ||
-            (bNeedsSecondFault && m_run.Failed.size() < 2) || !fitsRecord(item, its, used)) {
+        if (row.LastMove != its.LastMove || row.Places != places || !isPossible(item, its, row) ||
+            !fitsRecord(item, its, used)) {
             continue;
         }
         if (bBecameFile) {
@@ -367,7 +469,9 @@ bool Judgement::checkText() {
             return true;
         }
         if (bTrue || m_clauses[0].What == Says::PlanTarget) {
-            return allow(text == m_scenario.planWithoutTarget(bTrue), Exception::TargetNotSeen);
+            return allow(failedToExamine(m_scenario.planTarget()) &&
+                             text == m_scenario.planWithoutTarget(bTrue),
+                         Exception::TargetNotSeen);
         }
         return check(clean.rfind(text, 0) == 0, "the plan is no part of the clean one");
     case Operation::Size:
@@ -454,6 +558,13 @@ Verdict judgeDebris(const Scenario& scenario, const Snapshot& before, const Snap
         if (movesToTrash(scenario.operation()) && record != '-' && destination != 'W' &&
             !bRolledBack) {
             wrong("a record names an item that is not in the trash: " + item.Name);
+        }
+        const bool bWhole = original == 'W' || destination == 'W';
+        if (scenario.operation() != Operation::DeleteForGood && !bWhole) {
+            wrong("neither here nor there: " + item.Name);
+        }
+        if (scenario.operation() == Operation::Restore && record == '-' && original == '-') {
+            wrong("the record is gone, and nothing is restored: " + item.Name);
         }
     }
     if (scenario.operation() != Operation::DeleteForGood) {

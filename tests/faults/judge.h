@@ -1,10 +1,12 @@
-// The one judge of the fault programme. It is given what was there before a run, what a clean run
+// The judge of the fault programme. It is given what was there before a run, what a clean run
 // leaves, and what this run left, and decides by the run's own sentence what must be on the disk.
+// Full disks and races have narrower judges of their own, for what only they know.
 //
 //   1. The bytes of every user file exist, whole, in at least one place.
 //   2. False means the state before, or the row that belongs to that failure.
-//   3. True means the state after.
-//   4. The sentence has one of the known shapes, each clause with the reason that was injected.
+//   3. True means the state after, and that no rename failed but for the devices.
+//   4. The sentence has one of the known shapes, and each clause is founded: a call failed that can
+//      lead to it, on a path that it tells of, with the reason that it gives.
 //   5. No descriptor is left open.
 //   6. What lies in the trash has its record, and the reverse.
 //
@@ -29,6 +31,7 @@ namespace tavro_test {
 struct Run {
     Outcome Result;
     Snapshot After;
+    std::vector<CountedCall> Made;   ///< all calls, where they are known
     std::vector<CountedCall> Failed; ///< the calls that were made to fail
     std::set<int> Errnos;            ///< what they were made to fail with
     bool bMemoryFailed = false;      ///< an allocation was made to fail
@@ -53,7 +56,8 @@ struct Verdict {
 /// Judges a run that came to its end.
 Verdict judge(const Scenario& scenario, const Reference& reference, const Run& run);
 
-/// Judges what a run left that was ended in its midst: rule 1, and no record without its item.
+/// Judges what a run left that was ended in its midst: rule 1, every item whole in one of its two
+/// places, and no record without its item.
 Verdict judgeDebris(const Scenario& scenario, const Snapshot& before, const Snapshot& after);
 
 /// Every file of `before` still has its bytes somewhere in `after`. Nothing else is asked.

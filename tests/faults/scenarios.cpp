@@ -31,6 +31,7 @@ struct World {
     bool bBlockedRecord = false; ///< A directory with contents lies where the last record goes.
     bool bSizeLimit = false;     ///< No file may grow over 8,000 bytes, and sendfile is unknown.
     bool bParentsGone = false;   ///< The folder of the entries goes away once they are trashed.
+    bool bInTheWay = false;      ///< The place that the last entry came from is taken.
 };
 
 namespace {
@@ -59,6 +60,11 @@ World orphaned(World world) {
     return world;
 }
 
+World inTheWay(World world) {
+    world.bInTheWay = true;
+    return world;
+}
+
 const std::vector<World>& worlds() {
     static const std::vector<World> all = {
         {"file", false, {Kind::File}},
@@ -76,6 +82,8 @@ const std::vector<World>& worlds() {
         blocked({"blocked-record-across", true, {Kind::Tree, Kind::File}}),
         limited({"size-limit", true, {Kind::Tree, Kind::File}}),
         orphaned({"parents-gone", true, {Kind::File, Kind::File}}),
+        inTheWay({"file-in-the-way", false, {Kind::Tree, Kind::File}}),
+        inTheWay({"tree-in-the-way", false, {Kind::File, Kind::Tree}}),
     };
     return all;
 }
@@ -139,7 +147,7 @@ bool matters(const World& world, Operation what) {
     if (world.bSizeLimit) {
         return movesEntries(what);
     }
-    return !world.bParentsGone || what == Operation::Restore;
+    return (!world.bParentsGone && !world.bInTheWay) || what == Operation::Restore;
 }
 
 bool belongsToShortForm(const World& world, Operation what) {
@@ -147,7 +155,7 @@ bool belongsToShortForm(const World& world, Operation what) {
     if (what == Operation::Trash || what == Operation::Restore) {
         return name == "file" || name == "links-across" || name == "batch" ||
                name == "batch-across" || name == "taken" || name == "blocked-record" ||
-               name == "size-limit" || name == "parents-gone";
+               name == "size-limit" || name == "parents-gone" || world.bInTheWay;
     }
     return name == "batch" || (what == Operation::Reapply && name == "blocked-record-across");
 }
@@ -283,12 +291,18 @@ bool Scenario::crossesDevices() const {
 }
 
 bool Scenario::isHindered() const {
-    return m_world.bBlockedRecord || m_world.bSizeLimit ||
+    return m_world.bBlockedRecord || m_world.bSizeLimit || m_world.bInTheWay ||
            (m_world.bTaken && m_operation == Operation::Rename);
 }
 
-bool Scenario::isBlocked(const fs::path& record) const {
-    return m_world.bBlockedRecord && record == m_items.back().Record;
+bool Scenario::isBlocked(const fs::path& place) const {
+    const Item& last = m_items.back();
+    return (m_world.bBlockedRecord && place == last.Record) ||
+           (m_world.bInTheWay && place == last.Original);
+}
+
+bool Scenario::hasSizeLimit() const {
+    return m_world.bSizeLimit;
 }
 
 void Scenario::makeItems() {
@@ -309,10 +323,14 @@ void Scenario::makeItems() {
             fs::permissions(place / "sub/small", fs::perms(0444));
             writeFile(place / "none", "");
             makeDirectory(place / "empty");
+            fs::permissions(place / "empty", fs::perms(0700));
             fs::create_symlink(m_workBox / "target", place / "sub/link");
         } else {
             fs::create_symlink(kind == Kind::LinkToFile ? m_workBox / "target" : m_workBox / "dir",
                                place);
+        }
+        if (fs::is_symlink(place)) {
+            item.LinkTarget = fs::canonical(place);
         }
         item.AtOriginal = item.AtDestination = takeSnapshot(place);
         if (kind == Kind::LinkToFile) {
@@ -398,6 +416,12 @@ void Scenario::prepare() {
     }
     if (m_world.bParentsGone) {
         fs::remove_all(m_work);
+    }
+    const Item& last = m_items.back();
+    if (m_world.bInTheWay && last.bDirectory) {
+        makeDirectory(last.Original); // empty: a rename would replace it
+    } else if (m_world.bInTheWay) {
+        writeFile(last.Original, bytesFor("in the way", 300));
     }
 }
 

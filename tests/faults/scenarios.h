@@ -59,6 +59,8 @@ struct Item {
     /// that is flagged as a file.
     Snapshot AtOriginal;
     Snapshot AtDestination;
+    /// What it points to, when it is a link.
+    std::filesystem::path LinkTarget;
 
     TavroTrashEntry entry() const {
         return {Original.string(), Destination.string(), Record.string(), bDirectory};
@@ -84,8 +86,10 @@ public:
     bool crossesDevices() const;
     /// Something in the world itself, not a fault, makes the clean run fail.
     bool isHindered() const;
-    /// Something lies in the place of this record that keeps it from being written.
-    bool isBlocked(const std::filesystem::path& record) const;
+    /// Something lies where this record is to be written or this entry is to be restored.
+    bool isBlocked(const std::filesystem::path& place) const;
+    /// No file can grow as large as some of the items are.
+    bool hasSizeLimit() const;
 
     /// Makes the world anew, up to the moment before the operation.
     void prepare();
@@ -108,6 +112,8 @@ public:
 
     /// The directory that CreateDirectory creates.
     std::string createdDirectory() const;
+    /// Where a plan leads.
+    std::filesystem::path planTarget() const;
     /// The plan when its target is not seen to be a directory: onto the target itself, or none.
     std::string planWithoutTarget(bool bMade) const;
 
@@ -116,7 +122,6 @@ private:
     void makeSurroundings() const;
     void bringToTrash() const;
     std::vector<TavroOperationEntry> selection() const;
-    std::filesystem::path planTarget() const;
 
     Operation m_operation;
     const World& m_world;

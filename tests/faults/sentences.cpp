@@ -61,27 +61,87 @@ std::optional<Clause> parseClause(const std::string& text) {
     return std::nullopt;
 }
 
+using Calls = std::vector<std::string>;
+
+// The names of the C library and, where they differ, those of the system.
+const Calls examining = {"stat", "lstat", "newfstatat"};
+const Calls creating = {"mkdir", "stat", "lstat", "newfstatat"};
+const Calls listing = {"opendir", "fdopendir", "openat", "readdir", "getdents64"};
+const Calls opening = {"fopen64", "open", "openat"};
+const Calls writing = {"write", "writev"};
+const Calls removing = {"remove",  "unlink",  "unlinkat",  "rmdir",   "open",       "openat",
+                        "opendir", "readdir", "fdopendir", "fstat64", "getdents64", "newfstatat"};
+const Calls copying = {"stat",     "lstat",   "newfstatat", "fstat64", "mkdir",    "open",
+                       "openat",   "opendir", "fdopendir",  "readdir", "readlink", "getdents64",
+                       "symlink",  "read",    "write",      "writev",  "sendfile", "fchmod",
+                       "fchmodat", "close",   "fclose",     "lseek",   "truncate", "utimensat"};
+
+/// Whose failure a clause tells of.
+const Calls& callsOf(Says what) {
+    static const Calls renaming = {"rename"};
+    static const Calls none;
+    switch (what) {
+    case Says::FilesFolder:
+    case Says::InfoFolder:
+    case Says::DestinationFolder:
+    case Says::MakeDirectory:
+    case Says::RenameFolder:
+        return creating;
+    case Says::Move:
+    case Says::Rename:
+        return renaming;
+    case Says::Copy:
+        return copying;
+    case Says::RemoveOriginal:
+    case Says::Delete:
+        return removing;
+    case Says::CreateRecord:
+        return opening;
+    case Says::WriteRecord:
+        return writing;
+    case Says::TrashMissing:
+    case Says::TargetExists:
+    case Says::CheckDestination:
+    case Says::PlanTarget:
+        return examining;
+    case Says::RenameExists:
+        break;
+    }
+    return none;
+}
+
+bool isOneOf(const Calls& calls, const std::string& call) {
+    return std::find(calls.begin(), calls.end(), call) != calls.end();
+}
+
 /// A reason that follows from a fault without being it.
 struct Consequence {
     Says What;
     int Errno;
+    const Calls& Of;
 };
 
-constexpr Consequence consequences[] = {
-    // The copy has not arrived whole.
-    {Says::Copy, EIO},
+const Consequence consequences[] = {
+    // The copy has not arrived whole, or that cannot be told.
+    {Says::Copy, EIO, examining},
+    {Says::Copy, EIO, listing},
+    {Says::Copy, EIO, writing}, // a stream does not say that a write failed
     // A folder that cannot be examined is not created, so the one in it cannot be.
-    {Says::FilesFolder, ENOENT},
-    {Says::InfoFolder, ENOENT},
-    {Says::DestinationFolder, ENOENT},
-    {Says::MakeDirectory, ENOENT},
-    {Says::RenameFolder, ENOENT},
+    {Says::FilesFolder, ENOENT, examining},
+    {Says::InfoFolder, ENOENT, examining},
+    {Says::DestinationFolder, ENOENT, examining},
+    {Says::MakeDirectory, ENOENT, examining},
+    {Says::RenameFolder, ENOENT, examining},
     // A name that cannot be examined counts as free and is not.
-    {Says::Move, ENOTDIR},
-    {Says::Move, EISDIR},
-    {Says::Copy, EEXIST},
-    {Says::Copy, EISDIR},
+    {Says::Move, ENOTDIR, examining},
+    {Says::Move, EISDIR, examining},
+    {Says::Copy, EEXIST, examining},
+    {Says::Copy, EISDIR, examining},
 };
+
+bool gives(const Consequence& one, const Clause& clause) {
+    return one.What == clause.What && clause.Reason == textOf(one.Errno);
+}
 
 } // namespace
 
@@ -105,10 +165,21 @@ std::string textOf(int error) {
     return std::error_code(error, std::generic_category()).message();
 }
 
+bool canLeadTo(Says what, const std::string& call) {
+    return isOneOf(callsOf(what), call);
+}
+
 bool isConsequence(const Clause& clause) {
     return std::any_of(std::begin(consequences), std::end(consequences),
+                       [&](const Consequence& one) { return gives(one, clause); });
+}
+
+bool isConsequenceOf(const Clause& clause, const std::string& call, int error) {
+    const bool bShort = error == 0 && clause.What == Says::Copy;
+    return std::any_of(std::begin(consequences), std::end(consequences),
                        [&](const Consequence& one) {
-                           return one.What == clause.What && clause.Reason == textOf(one.Errno);
+                           const bool bFits = isOneOf(one.Of, call) || (bShort && one.Errno == EIO);
+                           return bFits && gives(one, clause);
                        });
 }
 

@@ -43,8 +43,14 @@ Clauses parse(std::string message);
 /// The text that the operating system has for an errno.
 std::string textOf(int error);
 
+/// A call of this name that fails can lead to the clause.
+bool canLeadTo(Says what, const std::string& call);
+
 /// The reason in the clause follows from some fault without being its text.
 bool isConsequence(const Clause& clause);
+
+/// It follows from a call of this name that failed with `error`, which is 0 for a short write.
+bool isConsequenceOf(const Clause& clause, const std::string& call, int error);
 
 } // namespace tavro_test
 

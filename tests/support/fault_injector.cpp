@@ -35,11 +35,14 @@ std::vector<CountedCall> g_counted;
 thread_local bool t_bInside = false;
 thread_local int t_ownWork = 0;
 
+/// Leaves errno alone: some calls tell their end from a failure by it.
 std::string pathOf(int descriptor) {
+    const int error = errno;
     char target[4096];
     const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
     const ssize_t length =
         readlinkat(AT_FDCWD, link.c_str(), target, sizeof target); // not overridden
+    errno = error;
     return length < 0 ? std::string() : std::string(target, static_cast<std::size_t>(length));
 }
 
@@ -95,18 +98,19 @@ void endWhenEndless(std::size_t number, const char* call) {
 Verdict judgeByNumber(const char* call, const std::string& path) {
     const std::size_t number = g_counted.size();
     endWhenEndless(number, call);
-    g_counted.push_back({call, path, false});
+    g_counted.push_back({call, path});
     for (const NumberedFault& fault : g_numbered) {
         if (reaches(fault, number)) {
             g_counted[number].bFailed = true;
+            g_counted[number].Errno = fault.Errno;
             return verdictOf(fault.Errno);
         }
     }
     return Verdict::Pass;
 }
 
-/// What becomes of a call; sets errno when it is to fail.
-Verdict judge(const char* call, const std::string& path) {
+/// What becomes of a call; sets errno when it is to fail. It is noted with the whole path.
+Verdict judge(const char* call, const std::string& path, const std::string& wholePath) {
     const std::lock_guard<std::recursive_mutex> lock(g_mutex);
     if (t_bInside) {
         return Verdict::Pass;
@@ -115,7 +119,7 @@ Verdict judge(const char* call, const std::string& path) {
         const InsideObserver inside;
         g_observer(call, path);
     }
-    const Verdict byNumber = g_bNumbering ? judgeByNumber(call, path) : Verdict::Pass;
+    const Verdict byNumber = g_bNumbering ? judgeByNumber(call, wholePath) : Verdict::Pass;
     if (byNumber != Verdict::Pass) {
         return byNumber;
     }
@@ -133,6 +137,7 @@ Verdict judge(const char* call, const std::string& path) {
     ++chosen->fired;
     if (g_bNumbering) {
         g_counted.back().bFailed = true;
+        g_counted.back().Errno = chosen->fault.Errno;
     }
     return verdictOf(chosen->fault.Errno);
 }
@@ -155,12 +160,24 @@ struct OwnWork {
 
 Verdict judgePath(const char* call, const char* path) {
     const OwnWork work;
-    return isListening() ? judge(call, path == nullptr ? "" : path) : Verdict::Pass;
+    const std::string text = path == nullptr ? "" : path;
+    return isListening() ? judge(call, text, text) : Verdict::Pass;
+}
+
+Verdict judgeAt(const char* call, int directory, const char* path) {
+    const OwnWork work;
+    if (!isListening()) {
+        return Verdict::Pass;
+    }
+    const std::string text = path;
+    const bool bWhole = directory == AT_FDCWD || text.front() == '/';
+    return judge(call, text, bWhole ? text : pathOf(directory) + "/" + text);
 }
 
 Verdict judgeDescriptor(const char* call, int descriptor) {
     const OwnWork work;
-    return isListening() ? judge(call, pathOf(descriptor)) : Verdict::Pass;
+    const std::string path = isListening() ? pathOf(descriptor) : "";
+    return isListening() ? judge(call, path, path) : Verdict::Pass;
 }
 
 /// Half of the bytes of a write, but at least one: a write of nothing would be tried for ever.
@@ -238,6 +255,7 @@ const std::vector<CountedCall>& NumberedFaults::calls() const {
 } // namespace tavro_test
 
 using tavro_test::halfOf;
+using tavro_test::judgeAt;
 using tavro_test::judgeDescriptor;
 using tavro_test::judgePath;
 using tavro_test::original;
@@ -263,7 +281,7 @@ int remove(const char* path) noexcept {
 }
 
 int unlinkat(int directory, const char* path, int flags) noexcept {
-    if (judgePath("unlinkat", path) != Verdict::Pass) {
+    if (judgeAt("unlinkat", directory, path) != Verdict::Pass) {
         return -1;
     }
     return original(&unlinkat, "unlinkat")(directory, path, flags);
@@ -292,7 +310,7 @@ int openat(int directory, const char* path, int flags, ...) {
     va_start(arguments, flags);
     const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
     va_end(arguments);
-    if (judgePath("openat", path) != Verdict::Pass) {
+    if (judgeAt("openat", directory, path) != Verdict::Pass) {
         return -1;
     }
     return original(&openat, "openat")(directory, path, flags, mode);

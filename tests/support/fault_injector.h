@@ -85,9 +85,12 @@ struct NumberedFault {
 
 /// A call that was counted.
 struct CountedCall {
+    static constexpr int unknown = -1;
+
     std::string Call;
-    std::string Path;
+    std::string Path; ///< as for Fault, but whole for "openat" and "unlinkat", too
     bool bFailed = false;
+    int Errno = unknown; ///< what it was made to fail with
 };
 
 /// While it lives, it counts and notes every overridden call of this process, and the chosen ones
