@@ -245,8 +245,8 @@ void AddUndoAndRedo(CLI::App& app, CommandTable& table) {
 }
 
 void AddList(CLI::App& app, CommandTable& table) {
-    CLI::App* command =
-        AddCommand(app, "list", "List the trash, newest first", "list -0 | xargs -0 tavro restore");
+    CLI::App* command = AddCommand(app, "list", "List the trash, newest first",
+                                   "list -0 | xargs -0 tavro restore --keep-both --");
     CLI::Option* json = command->add_flag("--json", "As JSON");
     CLI::Option* zero = command->add_flag("-0,--null", "Names alone, each ended by a zero byte");
     zero->excludes(json);
