@@ -13,7 +13,9 @@ endif()
 # go into a plug-in.
 include(CheckPIESupported)
 check_pie_supported()
-set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+if(NOT DEFINED CMAKE_POSITION_INDEPENDENT_CODE) # such code has branches of its own to be counted
+  set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+endif()
 
 # A release is hardened, where other builds have the sanitizers, and does not tell where it was built.
 set(release_options

@@ -90,7 +90,7 @@ fs::path WeaklyCanonical(const fs::path& Path, std::error_code& ec) {
     if (fs::exists(status)) {
         return fs::canonical(Path, ec);
     }
-    const fs::path name = Path.filename();
+    const std::string name = Path.filename().string();
     const bool bPlainName = !name.empty() && name != "." && name != "..";
     if (bPlainName && status.type() == fs::file_type::not_found) {
         const fs::path folder = fs::canonical(Path.parent_path(), ec);
