@@ -84,7 +84,8 @@ namespace {
 
 /// As `weakly_canonical`, which looks at every leading part of a path that does not exist. Mostly
 /// only the last name is missing, of a target or of what was just moved away; then its folder is
-/// enough.
+/// enough. Not of a relative path: one that begins with a zero byte is nothing to the system, but
+/// `canonical`, which makes it absolute first, takes it for the current directory.
 fs::path WeaklyCanonical(const fs::path& Path, std::error_code& ec) {
     const fs::file_status status = fs::status(Path, ec);
     if (fs::exists(status)) {
@@ -92,7 +93,7 @@ fs::path WeaklyCanonical(const fs::path& Path, std::error_code& ec) {
     }
     const std::string name = Path.filename().string();
     const bool bPlainName = !name.empty() && name != "." && name != "..";
-    if (bPlainName && status.type() == fs::file_type::not_found) {
+    if (Path.is_absolute() && bPlainName && status.type() == fs::file_type::not_found) {
         const fs::path folder = fs::canonical(Path.parent_path(), ec);
         if (!ec) {
             return folder / name;

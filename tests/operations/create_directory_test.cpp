@@ -93,6 +93,14 @@ TEST_F(CreateDirectory, a_relative_or_empty_base_directory_lies_below_the_curren
     expectSelected("new", "gone", (m_sandbox / "gone/new").string());
 }
 
+TEST_F(CreateDirectory, a_relative_path_that_begins_with_a_zero_byte_creates_nothing) {
+    const ScopedCurrentDirectory current(m_pane);
+    expectFailure(std::string("\0a/x", 4), "",
+                  "Failed to create directory: " +
+                      systemText(std::errc::no_such_file_or_directory));
+    EXPECT_TRUE(fs::is_empty(m_pane));
+}
+
 TEST_F(CreateDirectory, a_directory_below_the_home_directory_is_typed_with_a_tilde) {
     expectSelected("~/made", m_pane, (m_sandbox / "home/made").string());
     expectSelected(" ~\\x ", m_pane, (m_sandbox / "home\\x").string());

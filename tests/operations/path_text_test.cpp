@@ -610,6 +610,72 @@ TEST_F(ResolveUserPath, a_path_through_an_unreadable_folder_is_normalised_as_tex
     });
 }
 
+/// The path as the library resolves it; normalised as text alone where the library gives up.
+fs::path byTheLibrary(const fs::path& path) {
+    std::error_code ec;
+    const fs::path resolved = fs::weakly_canonical(path, ec);
+    return ec ? path.lexically_normal() : resolved;
+}
+
+/// A folder in which every component is at home, and again in the folders that `a`, `link` and
+/// `closed` lead to.
+class EveryPath : public testing::Test {
+protected:
+    EveryPath() {
+        for (const char* folder : {"", "a", "closed"}) {
+            makeDirectory(m_sandbox / folder / "a");
+            makeDirectory(m_sandbox / folder / "closed");
+            writeFile(m_sandbox / folder / "file");
+            fs::create_directory_symlink(m_sandbox.path(), m_sandbox / folder / "link");
+            fs::create_symlink("gone/b", m_sandbox / folder / "dangling");
+            fs::create_symlink("loop", m_sandbox / folder / "loop");
+        }
+        for (const char* folder : {"closed", "a/closed"}) {
+            fs::permissions(m_sandbox / folder, fs::perms::none);
+        }
+    }
+
+    /// The module and the library agree on `start` with one to `length` of these components.
+    static void compare(const std::string& start, const std::vector<std::string>& components,
+                        int length) {
+        for (const std::string& component : components) {
+            if (HasFailure()) {
+                return; // one difference is enough
+            }
+            const std::string text = start + component;
+            EXPECT_EQ(TavroResolveUserPath(text, "").native(), byTheLibrary(text).native()) << text;
+            if (length > 1) {
+                compare(text + "/", components, length - 1);
+            }
+        }
+    }
+
+    /// Absolute texts and relative ones.
+    void compareAll() const {
+        const std::vector<std::string> components = {"a",        "b",    ".",    "..",    "link",
+                                                     "dangling", "loop", "file", "closed"};
+        std::vector<std::string> withOdd = components;
+        withOdd.insert(withOdd.end(), {"", std::string("\0a", 2), std::string("a\0", 2)});
+        compare(m_sandbox.path().string() + "/", components, 5);
+        compare(m_sandbox.path().string() + "/", withOdd, 3);
+        compare("", withOdd, 3);
+    }
+
+    const Sandbox m_sandbox;
+    const ScopedCurrentDirectory m_current{m_sandbox.path()};
+};
+
+TEST_F(EveryPath, is_resolved_by_root_as_by_the_library) {
+    if (!isRoot()) {
+        GTEST_SKIP() << "only root enters every folder";
+    }
+    compareAll();
+}
+
+TEST_F(EveryPath, is_resolved_by_an_ordinary_user_as_by_the_library) {
+    runUnprivileged(m_sandbox.path(), [&] { compareAll(); });
+}
+
 // --- TavroPathsEquivalentOrSame ---
 
 TEST_F(PathsEquivalentOrSame, a_hard_link_and_its_file_are_the_same) {
