@@ -1,0 +1,67 @@
+/// One mover for everything that is done to many entries or to none: trashing, restoring, undoing
+/// and redoing. All is checked, then done in order; when one step fails, what was done is undone in
+/// reverse, and what could not be undone is told.
+
+#ifndef TAVRO_ENGINE_BATCH_H
+#define TAVRO_ENGINE_BATCH_H
+
+#include "failure.h"
+#include "identity.h"
+#include "move.h"
+#include "place.h"
+#include "progress.h"
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+/// One entry that goes from one full path to another at which nothing is.
+struct TavroBatchStep {
+    std::string From;
+    std::string To;
+
+    /// When given, what is at `From` must be this file.
+    std::optional<TavroIdentity> Expected = {};
+
+    // Set by TavroRunBatch:
+
+    TavroFileState Arrived = {}; ///< What is at `To` now. An inode of 0: nothing of this step.
+    bool bCopyStays = false;     ///< After a failure: it is at `From` and, in part, at `To`.
+};
+
+/// What a batch does beside moving. Each may be empty.
+struct TavroBatchHooks {
+    /// Called before a step is moved; may change its `To`. A failure ends the batch. Called again
+    /// for the same step when `To` was taken meanwhile.
+    std::function<TavroFailure(std::size_t Step)> BeforeMove = {};
+
+    /// Called when a step did not happen, or was undone: what BeforeMove did for it is to be
+    /// undone.
+    std::function<void(std::size_t Step)> Undone = {};
+};
+
+struct TavroBatchReport {
+    TavroFailure Failure = {};                        ///< None: every step is done.
+    std::vector<TavroFailure> RollBack = {};          ///< Why steps could not be undone.
+    std::vector<std::string> CreatedDirectories = {}; ///< Missing parents; outer ones first.
+    TavroAttributesLost Lost = {};
+};
+
+/// Carries out all steps, or none. Missing parents of the destinations are created for the user
+/// alone (mode 0700) and removed again by a roll-back when they are empty. Nothing is ever
+/// replaced.
+///
+/// @param Steps      in order. After success `Arrived` tells what is where; after a failure, of
+/// what
+///                   could not be moved back `Arrived` has an inode.
+/// @param Callbacks  progress counts the batch as one whole: a rename is one item of no bytes. A
+///                   cancel is the failure Cancelled, and what was done is undone.
+TavroBatchReport TavroRunBatch(std::vector<TavroBatchStep>& Steps, const TavroBatchHooks& Hooks,
+                               const TavroCallbacks& Callbacks);
+
+/// The sentence of a report: that of its failure, then " Rollback failed: " and why for each step
+/// that could not be undone.
+std::string TavroDescribe(const TavroBatchReport& Report);
+
+#endif

@@ -1,0 +1,53 @@
+/// What is done where something is in the way of an entry.
+
+#ifndef TAVRO_ENGINE_CONFLICTS_H
+#define TAVRO_ENGINE_CONFLICTS_H
+
+#include "tavrotransfer.h"
+
+#include <functional>
+#include <optional>
+#include <string>
+
+/// Something is where an item is to go.
+struct TavroTransferConflict {
+    std::string SourcePath;
+    std::string DestinationPath;
+    bool bSourceDirectory = false;
+    bool bDestinationDirectory = false; ///< A link to a directory is no directory here.
+};
+
+enum class TavroConflictChoice {
+    Overwrite, ///< Replace what is there.
+    Skip,      ///< Leave both as they are.
+    KeepBoth,  ///< Go to a free name beside it: "NAME copy 1.EXT" and so on.
+    Stop,      ///< End the transfer here; what is done stays done.
+};
+
+struct TavroConflictAnswer {
+    TavroConflictChoice Choice = TavroConflictChoice::Stop;
+
+    /// Answers all later conflicts of the same kind too: those between directories and other
+    /// entries are one kind, all others the other.
+    bool bForAll = false;
+};
+
+/// Chooses what is done about a conflict: by the policy, by an answer for all, or by asking.
+class TavroConflictJudge {
+public:
+    using Ask = std::function<TavroConflictAnswer(const TavroTransferConflict&)>;
+
+    /// @param OnConflict  kept by reference; empty: what the policy leaves open is skipped.
+    TavroConflictJudge(TavroTransferConflictPolicy Policy, const Ask& OnConflict)
+        : m_policy(Policy), m_onConflict(OnConflict) {}
+
+    TavroConflictChoice Judge(const TavroTransferConflict& Conflict);
+
+private:
+    const TavroTransferConflictPolicy m_policy;
+    const Ask& m_onConflict;
+    std::optional<TavroConflictChoice> m_forAll;
+    std::optional<TavroConflictChoice> m_forAllKinds; ///< Between directories and other entries.
+};
+
+#endif

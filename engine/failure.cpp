@@ -1,0 +1,147 @@
+#include "failure.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace {
+
+using Kind = TavroFailureKind;
+
+/// A sentence: %p is the path in quotes, %P without them, %o the other path, %e the reason.
+struct Sentence {
+    Kind What;
+    const char* Text;
+};
+
+constexpr Sentence sentences[] = {
+    {Kind::Cancelled, "Cancelled"},
+    {Kind::Read, "Cannot read %p: %e"},
+    {Kind::Create, "Cannot create %p: %e"},
+    {Kind::Write, "Cannot write %p: %e"},
+    {Kind::Copy, "Cannot copy %p: %e"},
+    {Kind::CopyLink, "Cannot copy the link %p: %e"},
+    {Kind::CopyPipe, "Cannot copy the pipe %p: %e"},
+    {Kind::Socket, "A socket is not copied: %p"},
+    {Kind::Device, "A device is not copied: %p"},
+    {Kind::AudioTrack, "Cannot read audio CD track %p: this build reads no discs"},
+    {Kind::BecameShorter, "%p became shorter while it was copied"},
+    {Kind::CopyNotWhole, "The copy of %p is not whole"},
+    {Kind::SetAttributes, "Cannot set the attributes of %p: %e"},
+    {Kind::CreateDirectory, "Cannot create the folder %p: %e"},
+    {Kind::CopyIntoItself, "Cannot copy a directory into itself: %p"},
+    {Kind::Move, "Cannot move %p: %e"},
+    {Kind::MoveTo, "Cannot move %p to %o: %e"},
+    {Kind::MoveOutOf, "Cannot move out of %p: %e"},
+    {Kind::MoveIntoItself, "Cannot move a directory into itself: %p"},
+    {Kind::Changed, "%p changed while it was moved"},
+    {Kind::RemoveAfterCopy, "Cannot remove %p after copying: %e"},
+    {Kind::RemoveEmptied, "Cannot remove the emptied folder %p: %e"},
+    {Kind::RemoveIncompleteCopy, "Cannot remove the incomplete copy %p: %e"},
+    {Kind::CopyStays, "A copy of %p stays at %o"},
+    {Kind::Publish, "Cannot put the copy of %p at %o: %e"},
+    {Kind::SameEntry, "%p and %o are the same"},
+    {Kind::Taken, "%p exists already"},
+    {Kind::Replace, "Cannot replace %p: %e"},
+    {Kind::ReplaceHolder, "Cannot replace %o: it holds %p"},
+    {Kind::ReplaceOwnWork, "Cannot replace %o: it was put there by this transfer"},
+    {Kind::ReplaceHolderOfOwnWork, "Cannot replace %o: it holds what this transfer put there"},
+    {Kind::OldEntryLiesAt, "What was at %p lies at %o: %e"},
+    {Kind::ReplacedLiesAt, "What was at %p was replaced, but cannot be removed; it lies at %o: %e"},
+    {Kind::NothingSelected, "Nothing selected to delete."},
+    {Kind::NoSuchEntry, "No such entry: %p"},
+    {Kind::LookAt, "Cannot look at %p: %e"},
+    {Kind::RefuseTrash, "Cannot move %p to the trash: %e"},
+    {Kind::RefuseDelete, "Refusing to delete %p: %e"},
+    {Kind::RefuseMove, "Cannot move %p: %e"},
+    {Kind::RefuseRename, "Cannot rename %p: %e"},
+    {Kind::SelectedInside, "Cannot move %p to the trash: it is inside %o, which is selected too"},
+    {Kind::NoHome, "Trash is unavailable because HOME is not set."},
+    {Kind::TrashNeedsDirectory, "The trash needs a folder where %p is"},
+    {Kind::CreateTrashDirectory, "Failed to create trash folder %p: %e"},
+    {Kind::MakeTrashPrivate, "Failed to make trash folder %p private: %e"},
+    {Kind::CreateRecord, "Failed to create trash metadata %p."},
+    {Kind::WriteRecord, "Failed to write trash metadata %p."},
+    {Kind::NothingToRestore, "No trash entries are available to restore."},
+    {Kind::ItemMissing, "Trash item is missing: %P"},
+    {Kind::OriginUnknown, "It is not known where %p came from"},
+    {Kind::RestoreTargetTaken, "Restore target already exists: %P"},
+    {Kind::CheckRestoreTarget, "Failed checking restore target %p: %e"},
+    {Kind::ListedTwice, "Trash item is listed twice: %P"},
+    {Kind::RestoreToOnePlace, "Cannot restore two entries to one place: %P"},
+    {Kind::ReadTrash, "Failed to read %p: %e"},
+    {Kind::Remove, "Failed to remove %p: %e"},
+    {Kind::ItemChanged, "%p changed meanwhile and stays"},
+    {Kind::NoItemName, "%p is no name of an entry in the trash"},
+    {Kind::NotInTrash, "%p is not in the trash"},
+    {Kind::SeveralNamed, "Several entries named %p are in the trash, from %O"},
+    {Kind::ShortenName, "Failed to shorten the name of %p: %e"},
+    {Kind::SetRecordAside, "Failed to set %p aside: %e"},
+    {Kind::RenameTargetEmpty, "Rename target cannot be empty."},
+    {Kind::RenameTargetNoName, "Rename target must include a file or directory name."},
+    {Kind::RenameSame, "Rename target matches the current path."},
+    {Kind::RenameTaken, "Rename target already exists."},
+    {Kind::RenameTakenByLink, "Rename target already exists, as a link to nothing: %p"},
+    {Kind::RenameAudioTrack, "Audio CD tracks cannot be renamed. Copy them to disk first."},
+    {Kind::CreateRenameDirectory, "Failed to create rename target directory: %e"},
+    {Kind::Rename, "Rename failed: %e"},
+    {Kind::ExamineRenameTarget, "Cannot examine the rename target %p: %e"},
+    {Kind::DirectoryPathEmpty, "Directory path cannot be empty."},
+    {Kind::CreateOneDirectory, "Failed to create directory: %e"},
+    {Kind::Missing, "%p is missing"},
+    {Kind::InTheWay, "%p is in the way"},
+    {Kind::NotDirectory, "%p is not a folder any more"},
+    {Kind::NotEmpty, "The folder %p is not empty"},
+    {Kind::CreateForUndo, "Cannot create the folder %p: %e"},
+    {Kind::RemoveForUndo, "Cannot remove the folder %p: %e"},
+    {Kind::ReadForUndo, "Cannot read the folder %p: %e"},
+    {Kind::NothingToUndo, "Nothing to undo"},
+    {Kind::NothingToRedo, "Nothing to redo"},
+    {Kind::NothingToDrop, "Nothing to drop"},
+    {Kind::HistoryNoHome, "There is no place for the history: HOME is not set"},
+    {Kind::HistoryOpen, "Cannot open the history %p: %e"},
+    {Kind::HistoryRead, "Cannot read the history %p: %e"},
+    {Kind::HistorySave, "Cannot save the history %p: %e"},
+    {Kind::HistoryBusy, "The history %p is in use by another process"},
+    {Kind::HistorySetAside, "Cannot set aside the damaged history %p: %e"},
+    {Kind::HistoryUnrecordable,
+     "Only what has something to undo, at absolute paths, can be recorded"},
+};
+
+std::string Placeholder(char Letter, const TavroFailure& Failure) {
+    switch (Letter) {
+    case 'p':
+        return "'" + Failure.Path + "'";
+    case 'P':
+        return Failure.Path;
+    case 'o':
+        return "'" + Failure.Other + "'";
+    case 'O':
+        return Failure.Other;
+    default:
+        return Failure.Error.message();
+    }
+}
+
+} // namespace
+
+TavroFailure TavroFail(TavroFailureKind Kind, int Error, std::string Path, std::string Other) {
+    return {Kind, {Error, std::generic_category()}, std::move(Path), std::move(Other)};
+}
+
+std::string TavroDescribe(const TavroFailure& Failure) {
+    const auto* const found =
+        std::find_if(std::begin(sentences), std::end(sentences),
+                     [&](const Sentence& Candidate) { return Candidate.What == Failure.Kind; });
+    if (found == std::end(sentences)) {
+        return {};
+    }
+    std::string text;
+    for (const char* at = found->Text; *at != '\0'; ++at) {
+        if (*at == '%') {
+            text += Placeholder(*++at, Failure);
+        } else {
+            text += *at;
+        }
+    }
+    return text;
+}

@@ -1,0 +1,88 @@
+/// Where an entry is: the directory that holds it, opened once, and its name there. Whatever
+/// becomes of the path meanwhile, what follows stays in that directory.
+
+#ifndef TAVRO_ENGINE_PLACE_H
+#define TAVRO_ENGINE_PLACE_H
+
+#include "failure.h"
+#include "identity.h"
+#include "posix.h"
+#include "tavroops.h"
+
+#include <deque>
+#include <memory>
+#include <string>
+#include <vector>
+
+/// An open directory.
+struct TavroDirectory {
+    TavroDescriptor Descriptor;
+    TavroIdentity Identity;
+    std::string Path;    ///< As it was asked for, for messages.
+    std::string OwnPath; ///< Absolute, with links resolved as far as they could be.
+};
+
+struct TavroPlace {
+    std::shared_ptr<const TavroDirectory> Directory;
+    std::string Name;
+
+    int Number() const {
+        return Directory->Descriptor.Number();
+    }
+
+    /// For messages, and what is printed: as the path was asked for.
+    std::string Path() const;
+
+    /// The path of the entry itself: links on the way resolved, the last component not.
+    std::string OwnPath() const;
+};
+
+/// Opens directories, and keeps the last few open: neighbours in a selection share them.
+class TavroPlaces {
+public:
+    /// The place of the entry at a path. Links on the way are followed, here and only here; the
+    /// entry itself need not exist. `/` and a path that ends in `..` become the directory's own
+    /// place.
+    ///
+    /// @param OutPlace  set after success only.
+    /// @return a failure of the kind LookAt, with the path as it was given, when the directory
+    ///         cannot be opened.
+    TavroFailure Find(const std::string& Path, TavroPlace& OutPlace);
+
+    /// As Find; directories that are missing above the entry are created.
+    /// @param Mode        that of new directories, less the umask.
+    /// @param OutCreated  gets the paths of the created ones added, outer ones first.
+    /// @return as Find; or of the kind CreateDirectory, with the directory's path.
+    TavroFailure FindOrCreate(const std::string& Path, mode_t Mode,
+                              std::vector<std::string>& OutCreated, TavroPlace& OutPlace);
+
+private:
+    /// @return 0, or the error number.
+    int Open(const std::string& Directory, std::shared_ptr<const TavroDirectory>& OutDirectory);
+
+    std::deque<std::shared_ptr<const TavroDirectory>> m_open; ///< The last used first.
+};
+
+/// The record of the entry at a path, as a pane that lists it would fill it.
+///
+/// @param Path  absolute, or relative to the current directory of the process. Links are not
+///              resolved; `.` components and separators at the end are dropped, unless the path is
+///              a link whose separator at the end (or `/.`) means the directory behind it. An audio
+///              track's path stays as it is.
+/// @return the record with an absolute `Path`, its last component as `Name`, and `bDirectory` true
+///         exactly for a directory that is not a symbolic link. Whether anything exists there is
+///         not reported: `bDirectory` is false then.
+TavroOperationEntry TavroSelectEntry(const std::string& Path);
+
+/// As TavroSelectEntry, without looking at the entry where the path alone tells enough:
+/// `bDirectory` is false. For operations that look at it themselves.
+TavroOperationEntry TavroNameEntry(const std::string& Path);
+
+/// The path of an entry itself: the canonical path of its directory, and its name. What it names
+/// need not exist.
+std::string TavroFindOwnPath(const std::string& Path);
+
+/// Whether there is something at a path. A dangling link is something.
+bool TavroIsPresent(const std::string& Path);
+
+#endif

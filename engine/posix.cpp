@@ -1,0 +1,482 @@
+#include "posix.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/sysmacros.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+namespace {
+
+/// Makes a call until no signal interrupts it.
+/// @return what it returned; -1 with errno set when it failed.
+template <typename Call> auto Uninterrupted(Call Make) {
+    decltype(Make()) result = 0;
+    do {
+        result = Make();
+    } while (result < 0 && errno == EINTR);
+    return result;
+}
+
+/// @return 0, or the error number of a call that returned a number below 0.
+template <typename Call> int ErrorOf(Call Make) {
+    return Uninterrupted(Make) < 0 ? errno : 0;
+}
+
+template <typename Call> int Open(Call Make, TavroDescriptor& OutDescriptor) {
+    const int number = Uninterrupted(Make);
+    if (number < 0) {
+        return errno;
+    }
+    OutDescriptor = TavroDescriptor(number);
+    return 0;
+}
+
+/// The path by which the kernel reaches an open file, whatever became of its names.
+std::array<char, 32> ProcPath(int Descriptor) {
+    std::array<char, 32> path = {};
+    std::snprintf(path.data(), path.size(), "/proc/self/fd/%d", Descriptor);
+    return path;
+}
+
+} // namespace
+
+TavroDescriptor& TavroDescriptor::operator=(TavroDescriptor&& Other) noexcept {
+    if (this != &Other) {
+        Close();
+        m_number = std::exchange(Other.m_number, -1);
+    }
+    return *this;
+}
+
+TavroDescriptor::~TavroDescriptor() {
+    Close();
+}
+
+int TavroDescriptor::Close() {
+    const int number = std::exchange(m_number, -1);
+    // An interrupted close has closed the descriptor all the same.
+    return number >= 0 && close(number) != 0 && errno != EINTR ? errno : 0;
+}
+
+// =================================================================================================
+// Opening
+// =================================================================================================
+
+int TavroOpenAt(int Directory, const char* Name, int Flags, TavroDescriptor& OutDescriptor,
+                mode_t Mode) {
+    return Open([&] { return openat(Directory, Name, Flags | O_NOFOLLOW | O_CLOEXEC, Mode); },
+                OutDescriptor);
+}
+
+int TavroOpenDirectoryAt(int Directory, const char* Name, TavroDescriptor& OutDescriptor) {
+    return TavroOpenAt(Directory, Name, O_RDONLY | O_DIRECTORY, OutDescriptor);
+}
+
+namespace {
+
+int OpenListable(int Directory, const char* Path, TavroDescriptor& OutDescriptor) {
+    const int error = Open(
+        [&] { return openat(Directory, Path, O_RDONLY | O_DIRECTORY | O_CLOEXEC); }, OutDescriptor);
+    if (error != EACCES) {
+        return error;
+    }
+    return Open([&] { return openat(Directory, Path, O_PATH | O_DIRECTORY | O_CLOEXEC); },
+                OutDescriptor);
+}
+
+/// Opens the directory above the last part of a path that one call takes, and leaves that part.
+int OpenInParts(const std::string& Path, TavroDescriptor& OutBase, std::string& OutRest) {
+    OutRest = Path;
+    while (OutRest.size() >= PATH_MAX) {
+        const std::size_t slash = OutRest.rfind('/', PATH_MAX - 2);
+        if (slash == std::string::npos || slash == 0) {
+            return ENAMETOOLONG;
+        }
+        const std::string part = OutRest.substr(0, slash);
+        const int base = OutBase.IsOpen() ? OutBase.Number() : AT_FDCWD;
+        TavroDescriptor next;
+        const int error = Open(
+            [&] { return openat(base, part.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC); }, next);
+        if (error != 0) {
+            return error;
+        }
+        OutBase = std::move(next);
+        OutRest.erase(0, OutRest.find_first_not_of('/', slash));
+        OutRest = OutRest.empty() ? "." : OutRest;
+    }
+    return 0;
+}
+
+/// Makes a call with a directory and a path that is short enough for it.
+template <typename Call> int WithShortPath(const std::string& Path, Call Make) {
+    TavroDescriptor base;
+    std::string rest;
+    if (Path.size() < PATH_MAX) {
+        return Make(AT_FDCWD, Path.c_str());
+    }
+    const int error = OpenInParts(Path, base, rest);
+    return error != 0 ? error : Make(base.IsOpen() ? base.Number() : AT_FDCWD, rest.c_str());
+}
+
+} // namespace
+
+int TavroOpenDirectory(const std::string& Path, TavroDescriptor& OutDescriptor) {
+    return WithShortPath(Path, [&](int directory, const char* path) {
+        return OpenListable(directory, path, OutDescriptor);
+    });
+}
+
+int TavroOpenFile(const std::string& Path, TavroDescriptor& OutDescriptor) {
+    return WithShortPath(Path, [&](int directory, const char* path) {
+        return Open([&] { return openat(directory, path, O_RDONLY | O_NONBLOCK | O_CLOEXEC); },
+                    OutDescriptor);
+    });
+}
+
+// =================================================================================================
+// Looking
+// =================================================================================================
+
+int TavroStatAt(int Directory, const char* Name, struct stat& OutStatus) {
+    return ErrorOf([&] { return fstatat(Directory, Name, &OutStatus, AT_SYMLINK_NOFOLLOW); });
+}
+
+int TavroStat(int Descriptor, struct stat& OutStatus) {
+    return ErrorOf([&] { return fstat(Descriptor, &OutStatus); });
+}
+
+int TavroStatTargetAt(int Directory, const char* Name, struct stat& OutStatus) {
+    return ErrorOf([&] { return fstatat(Directory, Name, &OutStatus, 0); });
+}
+
+int TavroStatPath(const std::string& Path, struct stat& OutStatus) {
+    return WithShortPath(Path, [&](int directory, const char* path) {
+        return TavroStatAt(directory, path, OutStatus);
+    });
+}
+
+namespace {
+
+struct timespec TimeOf(const struct statx_timestamp& Time) {
+    return {Time.tv_sec, Time.tv_nsec};
+}
+
+} // namespace
+
+int TavroStatWithMount(int Descriptor, struct stat& OutStatus, std::uint64_t& OutMount) {
+    struct statx status = {};
+    const int error = ErrorOf([&] {
+        return statx(Descriptor, "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_MNT_ID, &status);
+    });
+    if (error != 0) {
+        return error;
+    }
+    OutStatus = {};
+    OutStatus.st_dev = makedev(status.stx_dev_major, status.stx_dev_minor);
+    OutStatus.st_ino = status.stx_ino;
+    OutStatus.st_mode = status.stx_mode;
+    OutStatus.st_nlink = status.stx_nlink;
+    OutStatus.st_uid = status.stx_uid;
+    OutStatus.st_gid = status.stx_gid;
+    OutStatus.st_size = static_cast<off_t>(status.stx_size);
+    OutStatus.st_blocks = static_cast<blkcnt_t>(status.stx_blocks);
+    OutStatus.st_atim = TimeOf(status.stx_atime);
+    OutStatus.st_mtim = TimeOf(status.stx_mtime);
+    OutStatus.st_ctim = TimeOf(status.stx_ctime);
+    OutMount = status.stx_mnt_id;
+    return 0;
+}
+
+int TavroAccessAt(int Directory, const char* Name, int Mode) {
+    return ErrorOf([&] { return faccessat(Directory, Name, Mode, AT_EACCESS); });
+}
+
+int TavroReadLinkAt(int Directory, const char* Name, std::string& OutTarget) {
+    std::string target(PATH_MAX, '\0');
+    const ssize_t size =
+        Uninterrupted([&] { return readlinkat(Directory, Name, &target[0], target.size()); });
+    if (size < 0) {
+        return errno;
+    }
+    target.resize(static_cast<std::size_t>(size));
+    OutTarget = std::move(target);
+    return 0;
+}
+
+const char* TavroListing::Next() {
+    if (m_next >= m_bytes.size()) {
+        return nullptr;
+    }
+    m_typeAt = m_next;
+    const char* name = &m_bytes[m_next + 1];
+    m_next += 1 + std::strlen(name) + 1;
+    return name;
+}
+
+namespace {
+
+bool IsDots(const char* Name) {
+    return Name[0] == '.' && (Name[1] == '\0' || (Name[1] == '.' && Name[2] == '\0'));
+}
+
+} // namespace
+
+int TavroListDirectory(int Directory, TavroListing& OutListing) {
+    TavroListing listing;
+    alignas(struct dirent64) std::array<char, 32768> block;
+    if (lseek(Directory, 0, SEEK_SET) < 0) {
+        return errno;
+    }
+    for (;;) {
+        const ssize_t size =
+            Uninterrupted([&] { return getdents64(Directory, block.data(), block.size()); });
+        if (size < 0) {
+            return errno;
+        }
+        if (size == 0) {
+            OutListing = std::move(listing);
+            return 0;
+        }
+        for (ssize_t at = 0; at < size;) {
+            const auto* entry =
+                reinterpret_cast<const struct dirent64*>(&block[static_cast<std::size_t>(at)]);
+            at += entry->d_reclen;
+            if (!IsDots(entry->d_name)) {
+                listing.m_bytes.push_back(static_cast<char>(entry->d_type));
+                listing.m_bytes.insert(listing.m_bytes.end(), entry->d_name,
+                                       entry->d_name + std::strlen(entry->d_name) + 1);
+            }
+        }
+    }
+}
+
+// =================================================================================================
+// Changing names
+// =================================================================================================
+
+int TavroRenameNoReplace(int FromDirectory, const char* From, int ToDirectory, const char* To) {
+    const int error =
+        ErrorOf([&] { return renameat2(FromDirectory, From, ToDirectory, To, RENAME_NOREPLACE); });
+    if (error != EINVAL && error != ENOSYS) {
+        return error;
+    }
+    // The same error can mean a directory moved into itself; the plain rename then says so again.
+    struct stat status = {};
+    if (TavroStatAt(ToDirectory, To, status) != ENOENT) {
+        return EEXIST;
+    }
+    return TavroRename(FromDirectory, From, ToDirectory, To);
+}
+
+int TavroRename(int FromDirectory, const char* From, int ToDirectory, const char* To) {
+    return ErrorOf([&] { return renameat(FromDirectory, From, ToDirectory, To); });
+}
+
+int TavroExchange(int FromDirectory, const char* From, int ToDirectory, const char* To) {
+    return ErrorOf(
+        [&] { return renameat2(FromDirectory, From, ToDirectory, To, RENAME_EXCHANGE); });
+}
+
+int TavroLinkAt(int FromDirectory, const char* From, int ToDirectory, const char* To) {
+    return ErrorOf([&] { return linkat(FromDirectory, From, ToDirectory, To, 0); });
+}
+
+int TavroUnlinkAt(int Directory, const char* Name) {
+    return ErrorOf([&] { return unlinkat(Directory, Name, 0); });
+}
+
+int TavroRemoveDirectoryAt(int Directory, const char* Name) {
+    return ErrorOf([&] { return unlinkat(Directory, Name, AT_REMOVEDIR); });
+}
+
+int TavroMakeDirectoryAt(int Directory, const char* Name, mode_t Mode) {
+    return ErrorOf([&] { return mkdirat(Directory, Name, Mode); });
+}
+
+int TavroSymlinkAt(const char* Target, int Directory, const char* Name) {
+    return ErrorOf([&] { return symlinkat(Target, Directory, Name); });
+}
+
+int TavroMakeFifoAt(int Directory, const char* Name, mode_t Mode) {
+    return ErrorOf([&] { return mkfifoat(Directory, Name, Mode); });
+}
+
+// =================================================================================================
+// Bytes
+// =================================================================================================
+
+int TavroReadAt(int Descriptor, char* Bytes, std::size_t Size, off_t Offset,
+                std::size_t& OutCount) {
+    const ssize_t count = Uninterrupted([&] { return pread(Descriptor, Bytes, Size, Offset); });
+    if (count < 0) {
+        return errno;
+    }
+    OutCount = static_cast<std::size_t>(count);
+    return 0;
+}
+
+int TavroWriteAt(int Descriptor, const char* Bytes, std::size_t Size, off_t Offset) {
+    for (std::size_t written = 0; written < Size;) {
+        const ssize_t count = Uninterrupted([&] {
+            return pwrite(Descriptor, Bytes + written, Size - written,
+                          Offset + static_cast<off_t>(written));
+        });
+        if (count <= 0) {
+            return count < 0 ? errno : EIO;
+        }
+        written += static_cast<std::size_t>(count);
+    }
+    return 0;
+}
+
+int TavroCopyRange(int From, int To, off_t Offset, std::size_t Size, std::size_t& OutCount) {
+    off_t from = Offset;
+    off_t to = Offset;
+    const ssize_t count =
+        Uninterrupted([&] { return copy_file_range(From, &from, To, &to, Size, 0); });
+    if (count < 0) {
+        return errno;
+    }
+    OutCount = static_cast<std::size_t>(count);
+    return 0;
+}
+
+int TavroCloneFile(int From, int To) {
+    return ErrorOf([&] { return ioctl(To, FICLONE, From); });
+}
+
+int TavroSeek(int Descriptor, off_t Offset, int Whence, off_t& OutOffset) {
+    const off_t found = lseek(Descriptor, Offset, Whence);
+    if (found < 0) {
+        return errno;
+    }
+    OutOffset = found;
+    return 0;
+}
+
+int TavroTruncate(int Descriptor, off_t Size) {
+    return ErrorOf([&] { return ftruncate(Descriptor, Size); });
+}
+
+int TavroReadFile(int Descriptor, std::size_t Limit, std::string& OutBytes) {
+    std::string bytes;
+    std::array<char, 4096> block;
+    for (;;) {
+        std::size_t count = 0;
+        const int error = TavroReadAt(Descriptor, block.data(), block.size(),
+                                      static_cast<off_t>(bytes.size()), count);
+        if (error != 0) {
+            return error;
+        }
+        if (bytes.size() + count > Limit) {
+            return EFBIG;
+        }
+        bytes.append(block.data(), count);
+        if (count == 0) {
+            OutBytes = std::move(bytes);
+            return 0;
+        }
+    }
+}
+
+// =================================================================================================
+// Attributes
+// =================================================================================================
+
+int TavroSetMode(int Descriptor, mode_t Mode) {
+    return ErrorOf([&] { return fchmod(Descriptor, Mode); });
+}
+
+int TavroSetOwner(int Descriptor, uid_t User, gid_t Group) {
+    return ErrorOf([&] { return fchownat(Descriptor, "", User, Group, AT_EMPTY_PATH); });
+}
+
+int TavroSetTimes(int Descriptor, const struct timespec& Access, const struct timespec& Changed) {
+    const struct timespec times[2] = {Access, Changed};
+    return ErrorOf([&] { return futimens(Descriptor, times); });
+}
+
+int TavroSetPathMode(int PathDescriptor, mode_t Mode) {
+    return ErrorOf([&] { return chmod(ProcPath(PathDescriptor).data(), Mode); });
+}
+
+int TavroSetPathTimes(int PathDescriptor, const struct timespec& Access,
+                      const struct timespec& Changed) {
+    const struct timespec times[2] = {Access, Changed};
+    return ErrorOf([&] { return utimensat(PathDescriptor, "", times, AT_EMPTY_PATH); });
+}
+
+namespace {
+
+/// Grows a text until a call that fills it has room. The call gets the text's bytes and its size,
+/// and returns how many it wrote, or would write when the size is 0.
+template <typename Call> int Fill(std::string& OutText, Call Make) {
+    std::string text(256, '\0');
+    for (;;) {
+        const ssize_t size = Uninterrupted([&] { return Make(&text[0], text.size()); });
+        if (size >= 0) {
+            text.resize(static_cast<std::size_t>(size));
+            OutText = std::move(text);
+            return 0;
+        }
+        if (errno != ERANGE || text.size() > (std::size_t{1} << 20U)) {
+            return errno;
+        }
+        text.resize(text.size() * 16);
+    }
+}
+
+} // namespace
+
+int TavroListAttributes(int Descriptor, std::string& OutNames) {
+    const int error = Fill(OutNames, [&](char* names, std::size_t size) {
+        return flistxattr(Descriptor, names, size);
+    });
+    return error != EBADF ? error : Fill(OutNames, [&](char* names, std::size_t size) {
+        return listxattr(ProcPath(Descriptor).data(), names, size);
+    });
+}
+
+int TavroGetAttribute(int Descriptor, const char* Name, std::string& OutValue) {
+    const int error = Fill(OutValue, [&](char* value, std::size_t size) {
+        return fgetxattr(Descriptor, Name, value, size);
+    });
+    return error != EBADF ? error : Fill(OutValue, [&](char* value, std::size_t size) {
+        return getxattr(ProcPath(Descriptor).data(), Name, value, size);
+    });
+}
+
+int TavroSetAttribute(int Descriptor, const char* Name, const std::string& Value) {
+    const int error =
+        ErrorOf([&] { return fsetxattr(Descriptor, Name, Value.data(), Value.size(), 0); });
+    return error != EBADF ? error : ErrorOf([&] {
+        return setxattr(ProcPath(Descriptor).data(), Name, Value.data(), Value.size(), 0);
+    });
+}
+
+int TavroRemoveAttribute(int Descriptor, const char* Name) {
+    return ErrorOf([&] { return fremovexattr(Descriptor, Name); });
+}
+
+// =================================================================================================
+// The disk
+// =================================================================================================
+
+int TavroSync(int Descriptor) {
+    const int error = ErrorOf([&] { return fsync(Descriptor); });
+    return error == EINVAL ? 0 : error;
+}
+
+int TavroSyncFileSystem(int Descriptor) {
+    const int error = ErrorOf([&] { return syncfs(Descriptor); });
+    return error == EINVAL ? 0 : error;
+}

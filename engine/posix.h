@@ -1,0 +1,180 @@
+/// The floor of the engine: every system call that names a file or works on an open one is made
+/// here. Names are relative to an open directory and are never followed when they are links; an
+/// interrupted call is made again.
+///
+/// Each function returns 0 after success and the error number otherwise. Out-parameters are set
+/// after success only.
+
+#ifndef TAVRO_ENGINE_POSIX_H
+#define TAVRO_ENGINE_POSIX_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <sys/stat.h>
+#include <utility>
+#include <vector>
+
+/// An open file descriptor that closes itself.
+class TavroDescriptor {
+public:
+    TavroDescriptor() = default;
+    explicit TavroDescriptor(int Number) : m_number(Number) {}
+    TavroDescriptor(TavroDescriptor&& Other) noexcept
+        : m_number(std::exchange(Other.m_number, -1)) {}
+    TavroDescriptor& operator=(TavroDescriptor&& Other) noexcept;
+    TavroDescriptor(const TavroDescriptor&) = delete;
+    TavroDescriptor& operator=(const TavroDescriptor&) = delete;
+    ~TavroDescriptor();
+
+    int Number() const {
+        return m_number;
+    }
+    bool IsOpen() const {
+        return m_number >= 0;
+    }
+
+    /// Closes it now. @return the error that a close can bring; 0 when it was not open.
+    int Close();
+
+private:
+    int m_number = -1;
+};
+
+// --- Opening
+// --------------------------------------------------------------------------------------
+
+/// Opens a name below a directory. O_NOFOLLOW and O_CLOEXEC are added to `Flags`.
+int TavroOpenAt(int Directory, const char* Name, int Flags, TavroDescriptor& OutDescriptor,
+                mode_t Mode = 0);
+
+/// Opens a name below a directory for listing; ENOTDIR for anything else, be it a link to one.
+int TavroOpenDirectoryAt(int Directory, const char* Name, TavroDescriptor& OutDescriptor);
+
+/// Opens a directory by a path of any length, absolute or relative to the current directory. Links
+/// on the way are followed. One that may be searched but not listed is opened with O_PATH.
+int TavroOpenDirectory(const std::string& Path, TavroDescriptor& OutDescriptor);
+
+/// Opens a regular file for reading by its path, links followed; a FIFO is not waited for.
+int TavroOpenFile(const std::string& Path, TavroDescriptor& OutDescriptor);
+
+// --- Looking
+// --------------------------------------------------------------------------------------
+
+int TavroStatAt(int Directory, const char* Name, struct stat& OutStatus);
+int TavroStat(int Descriptor, struct stat& OutStatus);
+
+/// As TavroStatAt, but a link is followed.
+int TavroStatTargetAt(int Directory, const char* Name, struct stat& OutStatus);
+
+/// By a path of any length; the last component is not followed.
+int TavroStatPath(const std::string& Path, struct stat& OutStatus);
+
+/// The status of an open file, and the number of the mount that it lies on.
+int TavroStatWithMount(int Descriptor, struct stat& OutStatus, std::uint64_t& OutMount);
+
+/// Whether this process may do so with a name: `Mode` is of R_OK, W_OK, X_OK. "." is the directory.
+int TavroAccessAt(int Directory, const char* Name, int Mode);
+
+int TavroReadLinkAt(int Directory, const char* Name, std::string& OutTarget);
+
+/// The names in a directory with their types, read at once, so that nothing that happens to the
+/// directory meanwhile disturbs the reader. Without "." and "..".
+class TavroListing {
+public:
+    /// Goes on to the next name.
+    /// @return the name, valid as long as the listing is; null at the end.
+    const char* Next();
+
+    /// The type of the name that Next returned last: DT_REG, DT_DIR …; DT_UNKNOWN when the file
+    /// system does not tell.
+    unsigned char Type() const {
+        return static_cast<unsigned char>(m_bytes[m_typeAt]);
+    }
+
+    bool IsEmpty() const {
+        return m_bytes.empty();
+    }
+
+private:
+    friend int TavroListDirectory(int Directory, TavroListing& OutListing);
+    std::vector<char> m_bytes; ///< For each name its type, its bytes and a zero byte.
+    std::size_t m_typeAt = 0;
+    std::size_t m_next = 0;
+};
+
+/// Lists an open directory from its beginning.
+int TavroListDirectory(int Directory, TavroListing& OutListing);
+
+// --- Changing names
+// -------------------------------------------------------------------------------
+
+/// Renames without replacing anything: EEXIST when something is at the new name. Where the file
+/// system has no such call, the name is looked at first.
+int TavroRenameNoReplace(int FromDirectory, const char* From, int ToDirectory, const char* To);
+
+/// Renames; what is at the new name is replaced.
+int TavroRename(int FromDirectory, const char* From, int ToDirectory, const char* To);
+
+/// Exchanges two names in one step; EINVAL where the file system cannot.
+int TavroExchange(int FromDirectory, const char* From, int ToDirectory, const char* To);
+
+int TavroLinkAt(int FromDirectory, const char* From, int ToDirectory, const char* To);
+int TavroUnlinkAt(int Directory, const char* Name);
+int TavroRemoveDirectoryAt(int Directory, const char* Name);
+int TavroMakeDirectoryAt(int Directory, const char* Name, mode_t Mode);
+int TavroSymlinkAt(const char* Target, int Directory, const char* Name);
+int TavroMakeFifoAt(int Directory, const char* Name, mode_t Mode);
+
+// --- Bytes
+// ----------------------------------------------------------------------------------------
+
+/// Reads at an offset. @param OutCount  0 at the end of the file.
+int TavroReadAt(int Descriptor, char* Bytes, std::size_t Size, off_t Offset, std::size_t& OutCount);
+
+/// Writes all bytes at an offset.
+int TavroWriteAt(int Descriptor, const char* Bytes, std::size_t Size, off_t Offset);
+
+/// Lets the kernel copy bytes between two files at the same offset in both.
+int TavroCopyRange(int From, int To, off_t Offset, std::size_t Size, std::size_t& OutCount);
+
+/// Lets both files share the same blocks; an error where the file system cannot.
+int TavroCloneFile(int From, int To);
+
+/// The next data (SEEK_DATA) or hole (SEEK_HOLE) from an offset; ENXIO when there is none.
+int TavroSeek(int Descriptor, off_t Offset, int Whence, off_t& OutOffset);
+
+int TavroTruncate(int Descriptor, off_t Size);
+
+/// Reads a whole file of `Limit` bytes at most; EFBIG for a longer one.
+int TavroReadFile(int Descriptor, std::size_t Limit, std::string& OutBytes);
+
+// --- Attributes
+// -----------------------------------------------------------------------------------
+//
+// On open files. One that was opened with O_PATH (a link, a FIFO) is reached through /proc.
+
+int TavroSetMode(int Descriptor, mode_t Mode);
+int TavroSetOwner(int Descriptor, uid_t User, gid_t Group);
+int TavroSetTimes(int Descriptor, const struct timespec& Access, const struct timespec& Changed);
+int TavroSetPathMode(int PathDescriptor, mode_t Mode);
+int TavroSetPathTimes(int PathDescriptor, const struct timespec& Access,
+                      const struct timespec& Changed);
+
+/// The names of the extended attributes, each ended by a zero byte.
+int TavroListAttributes(int Descriptor, std::string& OutNames);
+int TavroGetAttribute(int Descriptor, const char* Name, std::string& OutValue);
+int TavroSetAttribute(int Descriptor, const char* Name, const std::string& Value);
+int TavroRemoveAttribute(int Descriptor, const char* Name);
+
+// --- The disk
+// -------------------------------------------------------------------------------------
+
+/// Lets an open file or directory reach the disk. A file system that does not sync directories is
+/// no error.
+int TavroSync(int Descriptor);
+
+/// Lets everything written to the file system of an open file reach the disk.
+int TavroSyncFileSystem(int Descriptor);
+
+#endif

@@ -1,0 +1,106 @@
+/// How far an operation has come, whom it asks and tells, and when.
+
+#ifndef TAVRO_ENGINE_PROGRESS_H
+#define TAVRO_ENGINE_PROGRESS_H
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <string>
+
+/// How far an operation has come. Counts of 0 mean that nothing was measured before.
+struct TavroProgress {
+    std::uint64_t ItemsDone = 0; ///< Files, directories and links finished, of `ItemCount`.
+    std::uint64_t ItemCount = 0;
+    std::uint64_t BytesDone = 0; ///< Bytes written or moved, of `ByteCount`.
+    std::uint64_t ByteCount = 0;
+    std::string CurrentPath; ///< What is being read.
+};
+
+/// What every operation tells and asks, on its own thread. Each may be empty.
+struct TavroCallbacks {
+    /// At most 20 times a second, and once at the end.
+    std::function<void(const TavroProgress&)> OnProgress;
+
+    /// Asked at least once for each entry and each block of a file; true cancels.
+    std::function<bool()> ShouldCancel;
+};
+
+/// Counts what one operation has done and tells it, at most 20 times a second. Not for threads.
+class TavroProgressTeller {
+public:
+    explicit TavroProgressTeller(const TavroCallbacks& Callbacks) : m_callbacks(Callbacks) {}
+
+    /// Whether somebody listens, so that measuring beforehand is worth its time.
+    bool IsHeard() const {
+        return static_cast<bool>(m_callbacks.OnProgress);
+    }
+
+    /// Once this has said yes it stays at yes: a caller's hook may say it once only.
+    bool ShouldCancel() {
+        m_bCancelled = m_bCancelled || (m_callbacks.ShouldCancel && m_callbacks.ShouldCancel());
+        return m_bCancelled;
+    }
+
+    void Expect(std::uint64_t Items, std::uint64_t Bytes) {
+        m_progress.ItemCount += Items;
+        m_progress.ByteCount += Bytes;
+    }
+
+    /// @param PathOf  gives the path that is worked on; called only when it is told.
+    template <typename PathOf> void Begin(PathOf&& GivePath) {
+        if (IsHeard() && IsDue()) {
+            m_progress.CurrentPath = GivePath();
+            Tell();
+        }
+    }
+
+    void AddBytes(std::uint64_t Bytes) {
+        m_progress.BytesDone = Limited(m_progress.BytesDone + Bytes, m_progress.ByteCount);
+        if (IsHeard() && IsDue()) {
+            Tell();
+        }
+    }
+
+    void AddItems(std::uint64_t Items = 1) {
+        m_progress.ItemsDone = Limited(m_progress.ItemsDone + Items, m_progress.ItemCount);
+    }
+
+    /// So much at least is dealt with by now, however it was counted on the way: of an item that
+    /// was skipped, nothing was counted.
+    void Reach(std::uint64_t Items, std::uint64_t Bytes) {
+        m_progress.ItemsDone = std::max(m_progress.ItemsDone, Items);
+        m_progress.BytesDone = std::max(m_progress.BytesDone, Bytes);
+    }
+
+    void Tell() {
+        if (IsHeard()) {
+            m_callbacks.OnProgress(m_progress);
+        }
+    }
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    /// What grows while it is copied does not exceed what was measured. Nothing measured, no limit.
+    static std::uint64_t Limited(std::uint64_t Count, std::uint64_t Measured) {
+        return Measured == 0 ? Count : std::min(Count, Measured);
+    }
+
+    bool IsDue() {
+        const Clock::time_point now = Clock::now();
+        if (now - m_toldAt < std::chrono::milliseconds(50)) {
+            return false;
+        }
+        m_toldAt = now;
+        return true;
+    }
+
+    const TavroCallbacks& m_callbacks;
+    TavroProgress m_progress;
+    bool m_bCancelled = false;
+    Clock::time_point m_toldAt = Clock::now();
+};
+
+#endif

@@ -1,0 +1,89 @@
+/// Carries out the copies and moves that the module plans, losing nothing.
+///
+/// At every moment each file is whole in one place at least. Kept are: contents, holes, mode, times
+/// to the nanosecond, symbolic links as links, extended attributes and access control lists where
+/// the target can hold them, the owner where that is permitted, and hard links among the items of
+/// one transfer.
+
+#ifndef TAVRO_ENGINE_TRANSFER_H
+#define TAVRO_ENGINE_TRANSFER_H
+
+#include "conflicts.h"
+#include "copy_file.h"
+#include "failure.h"
+#include "identity.h"
+#include "progress.h"
+#include "tavrotransfer.h"
+
+#include <functional>
+#include <string>
+#include <vector>
+
+/// Something that went from one path to another.
+struct TavroTransferredEntry {
+    std::string From;
+    std::string To;
+    bool bReplaced = false; ///< Something that was at `To` before is gone.
+    TavroFileState Arrived; ///< What is at `To` now.
+};
+
+/// A directory that was emptied by a move into one that was there already, and removed then.
+struct TavroRemovedDirectory {
+    std::string Path;
+    std::uint32_t Mode = 0; ///< Its permission bits, with set-user, set-group and sticky.
+};
+
+/// What became of a transfer.
+struct TavroTransferReport {
+    /// What arrived, as whole as it could: a directory that is new at its destination is one entry;
+    /// of one that was merged into another, each entry that is new there is one.
+    std::vector<TavroTransferredEntry> Done;
+
+    /// What was left alone because something was at its destination.
+    std::vector<std::string> Skipped;
+
+    /// What failed. An entry of a directory that otherwise arrived is listed here by itself.
+    std::vector<TavroFailure> Failed;
+
+    /// What a merging move has emptied and removed, inner directories before outer ones.
+    std::vector<TavroRemovedDirectory> RemovedDirectories;
+
+    /// Directories that were missing above a destination and were created, outer ones first.
+    std::vector<std::string> CreatedDirectories;
+
+    TavroAttributesLost Lost; ///< What the targets could not hold.
+
+    /// The transfer was cancelled, or stopped by the answer to a conflict.
+    bool bCancelled = false;
+};
+
+/// What a transfer tells and asks, beside what every operation does.
+struct TavroTransferCallbacks : TavroCallbacks {
+    /// Asked for each conflict under the policy `Ask`, and whenever a directory is to replace
+    /// something else or the reverse. Empty: such an item is skipped.
+    std::function<TavroConflictAnswer(const TavroTransferConflict&)> OnConflict;
+};
+
+/// Carries out a plan, item by item. One item that fails does not stop the others; a full target
+/// ends the item that it was full for, and a smaller one may still find room. What one item has put
+/// somewhere is never replaced by a later one. Nothing that the guard protects is moved: such a
+/// plan is refused before anything begins.
+///
+/// @param Plan       when progress is told, `ItemCount` and `ByteCount` of each item are filled in
+///                   first, by measuring; `DestinationPath` and `bDestinationRenamed` change where
+///                   an item goes to a free name.
+/// @param OutReport  cleared first; tells what was done, also when the transfer was cancelled.
+/// @return true when all items arrived or were skipped by the policy or an answer; false when
+///         something failed or the transfer was cancelled.
+///
+/// Sockets and devices are refused by name, except where a move is a plain rename. Several
+/// transfers may run at once, on different threads and in different processes: directories that two
+/// of them create at the same time are merged.
+bool TavroCarryOutTransfer(TavroTransferPlan& Plan, const TavroTransferCallbacks& Callbacks,
+                           TavroTransferReport& OutReport);
+
+/// The first of NAME, "NAME copy 1.EXT", "NAME copy 2.EXT" … at which nothing is, a dangling link
+/// included.
+std::string TavroFreePathBeside(const std::string& Wanted);
+
+#endif

@@ -1,0 +1,72 @@
+/// Moving entries to the trash and back, all or nothing, by one batch.
+
+#ifndef TAVRO_ENGINE_TRASH_H
+#define TAVRO_ENGINE_TRASH_H
+
+#include "batch.h"
+#include "tavroops.h"
+#include "trash_folders.h"
+
+#include <string>
+#include <vector>
+
+/// One entry that lies in the trash, and which file it is there.
+struct TavroTrashedEntry {
+    TavroTrashEntry Entry; ///< Links are flagged as directories, so that they are kept as links.
+    TavroIdentity Item;    ///< An inode of 0: not known.
+};
+
+/// What became of a trashing or a restoring.
+struct TavroTrashReport {
+    TavroBatchReport Batch;
+
+    /// What is not where it was before: "; 'ORIGINALPATH' is now 'TRASHPATH'" and the like are made
+    /// of these by TavroDescribe. Empty after success.
+    std::vector<TavroTrashedEntry> Left;
+
+    /// After trashing succeeded: one an entry, in order.
+    std::vector<TavroTrashedEntry> Entries;
+
+    explicit operator bool() const {
+        return !Batch.Failure;
+    }
+};
+
+/// Says why a selection must not go to the trash: the guard protects an entry, one is selected
+/// twice, lies inside another one that is selected, is in the trash already, is an audio CD track,
+/// or does not exist. A link may go whatever it points to, unless it is on the way to the home
+/// directory or the trash.
+///
+/// @return every reason, in the order of the entries; empty when the selection may go.
+std::vector<TavroFailure> TavroCheckTrashable(const std::vector<TavroOperationEntry>& Entries);
+
+/// The entries of a selection that a rename cannot bring to the home trash, because they lie on
+/// another mount, so that trashing copies them. None when there is no home directory.
+std::vector<TavroOperationEntry>
+TavroEntriesOnOtherDevices(const std::vector<TavroOperationEntry>& Entries);
+
+/// Moves a selection to the home trash, all or nothing.
+///
+/// For each entry the record is created first, whole, and so holds its name for every program that
+/// keeps to the convention; then the entry is renamed into the trash without replacing anything. A
+/// failure or a cancel moves back what was moved and removes the records. Links are trashed as
+/// links, by their own paths.
+///
+/// @param Entries  `Path` alone is used.
+TavroTrashReport TavroTrashSelection(const std::vector<TavroOperationEntry>& Entries,
+                                     const TavroCallbacks& Callbacks);
+
+/// Puts trashed entries back, all or nothing, and removes their records when all are back.
+///
+/// Refused before anything is moved: two entries with the same original path, one entry twice, an
+/// original path that is not absolute, an original place that is taken, be it by a dangling link,
+/// and an item that is not the known file any more. Directories come back before what goes into
+/// them.
+TavroTrashReport TavroRestoreSelection(const std::vector<TavroTrashedEntry>& Entries,
+                                       const TavroCallbacks& Callbacks);
+
+/// The sentence of a report: of the failure, of what could not be rolled back, and where each thing
+/// is now. Empty after success.
+std::string TavroDescribe(const TavroTrashReport& Report);
+
+#endif
