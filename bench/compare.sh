@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Measures Tavro next to other programs and to bare loops of system calls, all in one run, and prints
-# each figure as a ratio with the bound that it should keep.
+# Measures the module next to other programs and to bare loops of system calls, all in one run, and
+# prints each figure as a ratio with the bound that it should keep.
 #
 #   bench/compare.sh BUILD_DIRECTORY [--quick] [COMPARISON…]
 #
@@ -15,8 +15,8 @@
 set -euo pipefail
 
 # Every comparison is a function of this name. To add one, write it below and name it here.
-comparisons=(size_in_process size size_memory plan plan_queries paths trash undo_redo same_names
-  prepare devices trash_command copy_small copy_large start_up)
+comparisons=(size_in_process size_memory plan plan_queries paths trash undo_redo same_names prepare
+  devices)
 
 usage() {
   echo "usage: bench/compare.sh BUILD_DIRECTORY [--quick] [COMPARISON…]" >&2
@@ -39,13 +39,12 @@ done
 
 if [[ $quick ]]; then
   rounds=2 repetitions=2
-  large_tree=20000 small_tree=2000 batch=1000 same_batch=200 device_tree=1000 large_file=20000000
+  large_tree=20000 small_tree=2000 batch=1000 same_batch=200 device_tree=1000
 else
   rounds=7 repetitions=7
-  large_tree=200000 small_tree=20000 batch=10000 same_batch=2000 device_tree=10000 large_file=2000000000
+  large_tree=200000 small_tree=20000 batch=10000 same_batch=2000 device_tree=10000
 fi
 
-export LC_ALL=C
 tavro=$build/cli/tavro
 in_process=$build/bench/tavro_bench
 trash_driver=$build/bench/tavro_trash_driver
@@ -60,141 +59,14 @@ trap 'rm -rf "$scratch" ${other_device:+"$other_device"}' EXIT
 if [[ -d /dev/shm && $(stat -c %d /dev/shm) != $(stat -c %d "$scratch") ]]; then
   other_device=$(mktemp -d -p /dev/shm)
 fi
-export HOME=$scratch/home GIO_USE_VFS=local
-unset XDG_DATA_HOME XDG_RUNTIME_DIR DBUS_SESSION_BUS_ADDRESS DISPLAY WAYLAND_DISPLAY
+export HOME=$scratch/home
 mkdir "$HOME"
-
-over=0
-shopt -s nullglob
-
-fail() {
-  echo "$1" >&2
-  exit 1
-}
-
-# --- Measuring ------------------------------------------------------------------------------------
-
-# The best processor and elapsed times of each contestant, in microseconds.
-declare -A best_cpu best_elapsed
-
-# keep_best NAME CPU ELAPSED: keeps the times when they are the best so far.
-keep_best() {
-  (($2 >= ${best_cpu[$1]:-$2 + 1})) || best_cpu[$1]=$2
-  (($3 >= ${best_elapsed[$1]:-$3 + 1})) || best_elapsed[$1]=$3
-}
-
-# timed NAME COMMAND…: runs the command as a process of its own. One that fails ends everything.
-timed() {
-  local name=$1 TIMEFORMAT='%R %U %S' status=0 elapsed user system
-  shift
-  { time "$@" >"$scratch/stdout" 2>"$scratch/stderr"; } 2>"$scratch/time" || status=$?
-  if ((status)); then
-    echo "Failed with $status: ${*:1:3} …" >&2
-    cat "$scratch/stderr" >&2
-    exit 1
-  fi
-  read -r elapsed user system <"$scratch/time"
-  keep_best "$name" $((10#${user/./}000 + 10#${system/./}000)) $((10#${elapsed/./}000))
-}
-
-# in_turn CONTESTANT…: lets the functions take turns; each prepares its round and calls `timed`.
-in_turn() {
-  local round contestant
-  for ((round = 0; round < rounds; ++round)); do
-    for contestant in "$@"; do "$contestant"; done
-  done
-}
-
-# --- Printing -------------------------------------------------------------------------------------
-
-heading() {
-  printf '\n%s\n' "$1"
-  printf '  %-46s %11s %11s %7s %7s  %s\n' '' "$2" "$3" ratio bound "${4:-}"
-}
-
-# line LABEL FIGURE FIGURE BOUND UNIT [REMARK]: one row. A bound of - means that there is none.
-line() {
-  local ratio verdict=''
-  ratio=$(awk -v a="$2" -v b="$3" 'BEGIN { printf "%.3f", (b == 0) ? 0 : a / b }')
-  if [[ $4 != - ]]; then
-    verdict=OK
-    if awk -v r="$ratio" -v b="$4" 'BEGIN { exit !(r > b) }'; then
-      verdict=over
-      over=1
-    fi
-  fi
-  printf '  %-46s %11s %11s %7s %7s  %-4s %s\n' "$1" "$2 $5" "$3 $5" "$ratio" "$4" "$verdict" \
-    "${6:-}"
-}
-
-# compare LABEL CONTESTANT PEER BOUND: the row of two contestants that were timed.
-compare() {
-  local ours theirs elapsed
-  ours=$(milliseconds "${best_cpu[$2]}")
-  theirs=$(milliseconds "${best_cpu[$3]}")
-  elapsed="elapsed $(milliseconds "${best_elapsed[$2]}") : $(milliseconds "${best_elapsed[$3]}")"
-  line "$1" "$ours" "$theirs" "$4" ms "$elapsed"
-}
-
-milliseconds() {
-  awk -v us="$1" 'BEGIN { printf "%.1f", us / 1000 }'
-}
-
-# Whether a peer is there. One that is not is said to be missing, not passed over.
-have() {
-  command -v "$1" >/dev/null && return
-  echo "  skipped: $1 is not installed"
-  return 1
-}
-
-# --- Trees and homes ------------------------------------------------------------------------------
-
-# make_files FOLDER COUNT [BYTES]: COUNT small files in a new folder.
-make_files() {
-  mkdir -p "$1"
-  head -c "$(($2 * ${3:-100}))" /dev/zero | split -b "${3:-100}" -a 4 - "$1/file-"
-}
-
-# make_tree FOLDER COUNT FOLDERS [BYTES]: COUNT small files, evenly in so many folders.
-make_tree() {
-  local i
-  for ((i = 0; i < $3; ++i)); do make_files "$1/folder-$i" $(($2 / $3)) "${4:-100}"; done
-}
+# shellcheck source=bench/measuring.bash
+source "$(dirname "${BASH_SOURCE[0]}")/measuring.bash"
 
 # Makes the tree that the size comparisons share.
 need_large_tree() {
   [[ -d $scratch/large ]] || make_tree "$scratch/large" "$large_tree" 400
-}
-
-# fresh_home [FOLDER]: a new home directory below the folder, with an empty trash. The old ones stay:
-# ext4 makes files slowly where many were removed a moment ago, whoever makes them.
-fresh_home() {
-  HOME=$(mktemp -d -p "${1:-$scratch}" home-XXXXXX)
-  mkdir -p "$HOME/.local/share/Trash/files" "$HOME/.local/share/Trash/info"
-  chmod 700 "$HOME/.local/share/Trash"
-}
-
-# fresh_batch [FOLDER]: a new home below the folder, with files in it, which are in `files`. What the
-# round before trashed there is the batch of this one.
-declare -A batch_folder
-fresh_batch() {
-  local where=${1:-$scratch}
-  local last=${batch_folder[$where]:-$where/batch}
-  [[ -d $last ]] || make_files "$last" "$batch"
-  fresh_home "$where"
-  mv "$last" "$HOME/batch"
-  batch_folder[$where]=$HOME/.local/share/Trash/files
-  files=("$HOME"/batch/*)
-  ((${#files[@]} == batch)) || fail "The batch holds ${#files[@]} files, not $batch"
-}
-
-# expect_trashed N: the trash holds N entries with N records.
-expect_trashed() {
-  local trash=$HOME/.local/share/Trash entries records
-  entries=("$trash"/files/*)
-  records=("$trash"/info/*.trashinfo)
-  ((${#entries[@]} == $1 && ${#records[@]} == $1)) ||
-    fail "The trash holds ${#entries[@]} entries and ${#records[@]} records, not $1"
 }
 
 # --- In one process -------------------------------------------------------------------------------
@@ -265,21 +137,6 @@ prepare() {
 }
 
 # --- Whole processes ------------------------------------------------------------------------------
-
-size() {
-  need_large_tree
-  cd "$scratch"
-  size_tavro() { timed size_tavro "$tavro" size large; }
-  size_du() { timed size_du du -sb --apparent-size large; }
-  size_tavro_whole_path() { timed size_tavro_whole_path "$tavro" size "$scratch/large"; }
-  size_du_whole_path() { timed size_du_whole_path du -sb --apparent-size "$scratch/large"; }
-  in_turn size_tavro size_du size_tavro_whole_path size_du_whole_path
-  cd "$OLDPWD"
-  heading "Size of $large_tree files in 400 folders, whole processes" tavro du
-  compare 'tavro size NAME : du -sb --apparent-size NAME' size_tavro size_du 1.3
-  # The standard library asks for each file by its path from there, du from the file's folder.
-  compare "by the path $scratch/large" size_tavro_whole_path size_du_whole_path -
-}
 
 # peak_memory COMMAND…: the largest resident set in kB, the least of a few runs.
 peak_memory() {
@@ -439,86 +296,9 @@ devices() {
   across 'to /dev/shm' "$scratch" "$other_device"
 }
 
-# The command does more than the module: it looks for what the module leaves to its caller, and keeps
-# the undo history. So these lines have no bound.
-trash_command() {
-  heading "Trashing $batch files with the command" tavro peer
-  command_tavro() {
-    fresh_batch
-    timed command_tavro "$tavro" trash -q "${files[@]}"
-    expect_trashed "$batch"
-  }
-  command_gio() {
-    fresh_batch
-    timed command_gio gio trash "${files[@]}"
-    expect_trashed "$batch"
-  }
-  command_trash_put() {
-    fresh_batch
-    timed command_trash_put trash-put "${files[@]}"
-    expect_trashed "$batch"
-  }
-  local rounds=$(((rounds + 2) / 3)) peers=()
-  have gio && peers+=(gio)
-  have trash-put && peers+=(trash_put)
-  in_turn command_tavro "${peers[@]/#/command_}"
-  local peer
-  for peer in "${peers[@]}"; do
-    compare "tavro trash : $peer" command_tavro "command_$peer" -
-  done
-}
-
-# A new folder for each copy; the old ones stay until the end, see fresh_home.
-copy_module() {
-  timed 'tavro copy' "$tavro" copy -q "$copy_source" "$(mktemp -d -p "$scratch")/"
-}
-copy_cp() {
-  timed 'cp -a' cp -a "$copy_source" "$(mktemp -d -p "$scratch")/"
-}
-
-# copies WHAT: the copy of copy_source, next to that of cp.
-copies() {
-  unset "best_cpu[tavro copy]" "best_cpu[cp -a]" "best_elapsed[tavro copy]" "best_elapsed[cp -a]"
-  heading "Copying $1" tavro 'cp -a'
-  in_turn copy_module copy_cp
-  compare 'tavro copy : cp -a' 'tavro copy' 'cp -a' 1.05
-}
-
-copy_small() {
-  copy_source=$scratch/copy-source
-  make_tree "$copy_source" "$batch" 100 700
-  copies "$batch files of 700 bytes"
-}
-
-copy_large() {
-  copy_source=$scratch/copy-large
-  head -c "$large_file" /dev/urandom >"$copy_source"
-  local rounds=2
-  copies "one file of $large_file bytes"
-}
-
-# Starting a process is too short for one; a hundred are.
-hundred() {
-  local i
-  for ((i = 0; i < 100; ++i)); do "$@"; done
-}
-start_module() { timed 'tavro --version' hundred "$tavro" --version; }
-gio_help() { gio help || :; } # it prints its help and exits with 1
-start_gio() { timed 'gio help' hundred gio_help; }
-
-start_up() {
-  heading 'Starting up, a hundred times' tavro gio
-  have gio || return 0
-  in_turn start_module start_gio
-  compare 'tavro --version : gio help' 'tavro --version' 'gio help' 1
-}
-
 # --------------------------------------------------------------------------------------------------
 
 echo "Processor times, the best of $rounds rounds or $repetitions repetitions; a ratio is the first" \
   "figure through the second."
 for name in "${comparisons[@]}"; do "$name"; done
-((over == 0)) && echo && echo 'All ratios keep their bounds.' && exit
-echo
-echo 'Some ratios are over their bounds.'
-exit 1
+conclude

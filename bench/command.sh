@@ -1,0 +1,211 @@
+#!/usr/bin/env bash
+# Measures the command next to the programs that people use instead, all in one run, on a file system in
+# memory (where our own cost shows) and on the disk, and prints each figure as a ratio with the bound
+# that it should keep.
+#
+#   bench/command.sh TAVRO [--quick] [COMPARISON…]
+#
+# Without names all comparisons run. --quick takes smaller counts and fewer rounds, to see that
+# everything works; its figures say little, because starting a process outweighs the work. The exit code
+# is 1 when a ratio is over its bound.
+# shellcheck disable=SC2317 # the comparisons and contestants are called through variables
+set -euo pipefail
+
+# Every comparison is a function of this name. To add one, write it below and name it here.
+comparisons=(trash one_file copy_files copy_tree copy_large move_across delete size start_up)
+
+usage() {
+  echo "usage: bench/command.sh TAVRO [--quick] [COMPARISON…]" >&2
+  echo "Comparisons: ${comparisons[*]}" >&2
+  exit 2
+}
+
+[[ -x ${1:-} ]] || usage
+tavro=$(realpath "$1")
+shift
+rounds=5 batch=10000 large_tree=200000 large_file=1G
+if [[ ${1:-} == --quick ]]; then
+  shift
+  rounds=2 batch=1000 large_tree=20000 large_file=20M
+fi
+for name in "$@"; do
+  [[ " ${comparisons[*]} " == *" $name "* ]] || usage
+done
+(($# == 0)) || comparisons=("$@")
+
+# No comparison sees the real home directory or wakes a desktop service.
+disk=$(mktemp -d -p "${TMPDIR:-/var/tmp}")
+memory=$(mktemp -d -p /dev/shm)
+trap 'rm -rf "$disk" "$memory"' EXIT
+scratch=$memory
+# shellcheck source=bench/measuring.bash
+source "$(dirname "${BASH_SOURCE[0]}")/measuring.bash"
+
+# forget CONTESTANT…: what was measured elsewhere does not count here.
+forget() {
+  local name
+  for name in "$@"; do unset "best_cpu[$name]" "best_elapsed[$name]"; done
+}
+
+# duel LABEL BOUND OURS THEIRS: two contestants take turns, and their row is printed.
+duel() {
+  forget "$3" "$4"
+  in_turn "$3" "$4"
+  compare "$1" "$3" "$4" "$2"
+}
+
+# --- The trash ------------------------------------------------------------------------------------
+
+# A round of one trashes, lists, undoes, trashes again and empties; its peers do the same work.
+trash_tavro() {
+  fresh_batch "$where"
+  timed trash_tavro "$tavro" trash -q "${files[@]}"
+  expect_trashed "$batch"
+  timed list_tavro "$tavro" list
+  timed list_peer trash-list
+  timed undo_tavro "$tavro" undo -q
+  expect_trashed 0
+  "$tavro" trash -q "$HOME"/batch/*
+  expect_trashed "$batch"
+  local kept
+  kept=$(mktemp -d -p "$where")
+  cp -a "$HOME/.local/share/Trash" "$kept/"
+  timed empty_peer rm -rf "$HOME/.local/share/Trash/files" "$HOME/.local/share/Trash/info"
+  rm -rf "$HOME/.local/share/Trash"
+  mv "$kept/Trash" "$HOME/.local/share/"
+  timed empty_tavro "$tavro" empty -fq
+  expect_trashed 0
+  unset "batch_folder[$where]"
+  rm -rf "$where/batch"
+}
+trash_gio() {
+  fresh_batch "$where"
+  timed trash_gio gio trash "${files[@]}"
+  expect_trashed "$batch"
+}
+
+trash() {
+  heading "Trashing $batch files, $on" tavro peer
+  have gio && have trash-list || return 0
+  forget trash_tavro trash_gio list_tavro list_peer undo_tavro empty_tavro empty_peer
+  in_turn trash_tavro trash_gio
+  compare 'tavro trash : gio trash' trash_tavro trash_gio 0.5
+  compare 'tavro undo : trash-list' undo_tavro list_peer 0.5
+  compare 'tavro list : trash-list' list_tavro list_peer 0.4
+  compare 'tavro empty : rm -rf files info' empty_tavro empty_peer 1.3
+}
+
+# One file is too little to be timed; a hundred times one file is not.
+one_by_one() {
+  local name=$1 file
+  shift
+  fresh_home "$where"
+  make_files "$HOME/hundred" 100
+  one_each() {
+    for file in "$HOME"/hundred/*; do "$@" "$file" || return; done
+  }
+  timed "$name" one_each "$@"
+  expect_trashed 100
+}
+one_tavro() { one_by_one one_tavro "$tavro" trash -q; }
+one_gio() { one_by_one one_gio gio trash; }
+
+one_file() {
+  heading "Trashing one file, a hundred times, $on" tavro gio
+  have gio || return 0
+  duel 'tavro trash : gio trash' 0.9 one_tavro one_gio
+}
+
+# --- Copying, moving, deleting --------------------------------------------------------------------
+
+# A new folder for each copy; the old ones stay until the end, see fresh_home.
+copy_tavro() { timed copy_tavro "$tavro" copy -q "${source[@]}" "$(mktemp -d -p "$where")/"; }
+copy_cp() { timed copy_cp cp -a "${source[@]}" "$(mktemp -d -p "$where")/"; }
+
+copy_files() {
+  heading "Copying $batch single files of 700 bytes, $on" tavro 'cp -a'
+  make_files "$where/single" "$batch" 700
+  source=("$where"/single/*)
+  duel 'tavro copy : cp -a' 1 copy_tavro copy_cp
+}
+
+copy_tree() {
+  heading "Copying a tree of $batch files of 700 bytes, $on" tavro 'cp -a'
+  make_tree "$where/tree" "$batch" 100 700
+  source=("$where/tree")
+  duel 'tavro copy : cp -a' 1 copy_tavro copy_cp
+}
+
+copy_large() {
+  heading "Copying one file of $large_file, $on" tavro 'cp -a'
+  head -c "$large_file" /dev/urandom >"$where/large-file"
+  source=("$where/large-file")
+  local rounds=3
+  duel 'tavro copy : cp -a' 1.02 copy_tavro copy_cp
+  rm -rf "$where"/large-file "$where"/tmp.*
+}
+
+move_with() {
+  local from
+  from=$(mktemp -d -p "$other")
+  make_tree "$from/tree" "$batch" 100 700
+  timed "${@:1:1}" "${@:2}" "$from/tree" "$(mktemp -d -p "$where")/"
+  [[ ! -e $from/tree ]] || fail 'The tree was not moved'
+}
+move_tavro() { move_with move_tavro "$tavro" move -q; }
+move_mv() { move_with move_mv mv; }
+
+move_across() {
+  heading "Moving a tree of $batch files from one file system to another, $on" tavro mv
+  local rounds=$(((rounds + 1) / 2))
+  duel 'tavro move : mv' 1 move_tavro move_mv
+}
+
+delete_with() {
+  make_tree "$where/doomed" "$batch" 100
+  timed "$@" "$where/doomed"
+  [[ ! -e $where/doomed ]] || fail 'The tree was not deleted'
+}
+delete_tavro() { delete_with delete_tavro "$tavro" delete -f; }
+delete_rm() { delete_with delete_rm rm -rf; }
+
+delete() {
+  heading "Deleting a tree of $batch files, $on" tavro 'rm -rf'
+  duel 'tavro delete -f : rm -rf' 1.05 delete_tavro delete_rm
+}
+
+# --- Measuring, starting --------------------------------------------------------------------------
+
+size_tavro() { timed size_tavro "$tavro" size "$where/many"; }
+size_du() { timed size_du du -sb --apparent-size "$where/many"; }
+
+size() {
+  heading "Size of $large_tree files in 400 folders, $on" tavro du
+  make_tree "$where/many" "$large_tree" 400 10
+  duel 'tavro size : du -sb --apparent-size' 1 size_tavro size_du
+  rm -rf "$where/many"
+}
+
+# Starting a process is too short for one; a hundred are.
+hundred() {
+  local i
+  for ((i = 0; i < 100; ++i)); do "$@"; done
+}
+start_tavro() { timed start_tavro hundred "$tavro" --version; }
+gio_help() { gio help || :; } # it prints its help and exits with 1
+start_gio() { timed start_gio hundred gio_help; }
+
+start_up() {
+  heading "Starting up, a hundred times" tavro gio
+  have gio || return 0
+  duel 'tavro --version : gio help' 0.9 start_tavro start_gio
+}
+
+# --------------------------------------------------------------------------------------------------
+
+echo "Processor times, the best of $rounds rounds; a ratio is the first figure through the second."
+on='in memory' where=$memory other=$disk
+for name in "${comparisons[@]}"; do "$name"; done
+on='on the disk' where=$disk other=$memory
+for name in "${comparisons[@]}"; do [[ $name == start_up ]] || "$name"; done
+conclude
