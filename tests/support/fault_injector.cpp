@@ -5,14 +5,19 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <linux/fs.h>
 #include <mutex>
+#include <sys/ioctl.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/uio.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 namespace tavro_test {
@@ -29,6 +34,7 @@ std::recursive_mutex g_mutex;
 std::vector<Rule> g_rules;
 int g_fired = 0;
 CallObserver::Observer g_observer;
+std::string g_otherPath;
 bool g_bNumbering = false;
 std::vector<NumberedFault> g_numbered;
 std::vector<CountedCall> g_counted;
@@ -40,17 +46,29 @@ std::string pathOf(int descriptor) {
     const int error = errno;
     char target[4096];
     const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
-    const ssize_t length =
-        readlinkat(AT_FDCWD, link.c_str(), target, sizeof target); // not overridden
+    const long length = syscall(SYS_readlinkat, AT_FDCWD, link.c_str(), target, sizeof target);
     errno = error;
     return length < 0 ? std::string() : std::string(target, static_cast<std::size_t>(length));
 }
 
-bool matches(Rule& rule, const char* call, const std::string& path) {
+/// A call that is asked about.
+struct Call {
+    const char* Name;
+    std::string Given; ///< the path as the call was given it
+    std::string Path;  ///< the same in full
+    std::string Other; ///< the second path, in full
+};
+
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+bool matches(Rule& rule, const Call& call) {
     const Fault& fault = rule.fault;
-    const bool bPathFits = fault.bWholePath ? path == fault.PathContains
-                                            : path.find(fault.PathContains) != std::string::npos;
-    if (fault.Call != call || !bPathFits) {
+    const bool bPathFits = fault.bWholePath
+                               ? call.Path == fault.PathContains || call.Given == fault.PathContains
+                               : contains(call.Path, fault.PathContains);
+    if (fault.Call != call.Name || !bPathFits || !contains(call.Other, fault.OtherContains)) {
         return false;
     }
     ++rule.seen;
@@ -95,10 +113,10 @@ void endWhenEndless(std::size_t number, const char* call) {
 }
 
 /// Notes the call; what becomes of it by its number.
-Verdict judgeByNumber(const char* call, const std::string& path) {
+Verdict judgeByNumber(const Call& call) {
     const std::size_t number = g_counted.size();
-    endWhenEndless(number, call);
-    g_counted.push_back({call, path});
+    endWhenEndless(number, call.Name);
+    g_counted.push_back({call.Name, call.Path});
     for (const NumberedFault& fault : g_numbered) {
         if (reaches(fault, number)) {
             g_counted[number].bFailed = true;
@@ -109,24 +127,25 @@ Verdict judgeByNumber(const char* call, const std::string& path) {
     return Verdict::Pass;
 }
 
-/// What becomes of a call; sets errno when it is to fail. It is noted with the whole path.
-Verdict judge(const char* call, const std::string& path, const std::string& wholePath) {
+/// What becomes of a call; sets errno when it is to fail.
+Verdict judge(const Call& call) {
     const std::lock_guard<std::recursive_mutex> lock(g_mutex);
     if (t_bInside) {
         return Verdict::Pass;
     }
     if (g_observer) {
         const InsideObserver inside;
-        g_observer(call, path);
+        g_otherPath = call.Other;
+        g_observer(call.Name, call.Path);
     }
-    const Verdict byNumber = g_bNumbering ? judgeByNumber(call, wholePath) : Verdict::Pass;
+    const Verdict byNumber = g_bNumbering ? judgeByNumber(call) : Verdict::Pass;
     if (byNumber != Verdict::Pass) {
         return byNumber;
     }
     // Every rule counts the call, the first that fits decides.
     Rule* chosen = nullptr;
     for (Rule& rule : g_rules) {
-        if (matches(rule, call, path) && chosen == nullptr) {
+        if (matches(rule, call) && chosen == nullptr) {
             chosen = &rule;
         }
     }
@@ -158,26 +177,52 @@ struct OwnWork {
     }
 };
 
-Verdict judgePath(const char* call, const char* path) {
-    const OwnWork work;
-    const std::string text = path == nullptr ? "" : path;
-    return isListening() ? judge(call, text, text) : Verdict::Pass;
+/// A name below an open directory as a whole path. The path by which /proc reaches an open file is
+/// that file's.
+std::string wholePath(int directory, const char* name) {
+    constexpr const char* descriptors = "/proc/self/fd/";
+    const std::string text = name == nullptr ? "" : name;
+    if (text.rfind(descriptors, 0) == 0) {
+        return pathOf(std::atoi(text.c_str() + std::strlen(descriptors)));
+    }
+    if (text.empty()) {
+        return directory < 0 ? text : pathOf(directory);
+    }
+    return directory == AT_FDCWD || text.front() == '/' ? text : pathOf(directory) + "/" + text;
 }
 
-Verdict judgeAt(const char* call, int directory, const char* path) {
+/// For a call on a name below an open directory.
+Verdict judgeAt(const char* call, int directory, const char* name) {
     const OwnWork work;
-    if (!isListening()) {
-        return Verdict::Pass;
-    }
-    const std::string text = path;
-    const bool bWhole = directory == AT_FDCWD || text.front() == '/';
-    return judge(call, text, bWhole ? text : pathOf(directory) + "/" + text);
+    return isListening()
+               ? judge({call, name == nullptr ? "" : name, wholePath(directory, name), ""})
+               : Verdict::Pass;
+}
+
+Verdict judgePath(const char* call, const char* path) {
+    return judgeAt(call, AT_FDCWD, path);
+}
+
+/// For a call that gives a second name.
+Verdict judgeTwo(const char* call, int from, const char* name, int to, const char* newName) {
+    const OwnWork work;
+    return isListening() ? judge({call, name, wholePath(from, name), wholePath(to, newName)})
+                         : Verdict::Pass;
+}
+
+/// For a call that creates a symbolic link.
+Verdict judgeLink(const char* call, const char* target, int directory, const char* name) {
+    const OwnWork work;
+    return isListening() ? judge({call, name, wholePath(directory, name), target}) : Verdict::Pass;
 }
 
 Verdict judgeDescriptor(const char* call, int descriptor) {
-    const OwnWork work;
-    const std::string path = isListening() ? pathOf(descriptor) : "";
-    return isListening() ? judge(call, path, path) : Verdict::Pass;
+    return judgeAt(call, descriptor, "");
+}
+
+/// For a call that copies from one open file to another.
+Verdict judgeCopy(const char* call, int from, int to) {
+    return judgeTwo(call, to, "", from, "");
 }
 
 /// Half of the bytes of a write, but at least one: a write of nothing would be tried for ever.
@@ -185,7 +230,8 @@ std::size_t halfOf(std::size_t count) {
     return count < 2 ? count : count / 2;
 }
 
-template <typename Function> Function* original(Function* /*like*/, const char* name) {
+/// The C library's own function.
+template <typename Function> Function* original(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
@@ -231,6 +277,10 @@ CallObserver::~CallObserver() {
     g_observer = nullptr;
 }
 
+const std::string& otherPathOfCall() {
+    return g_otherPath;
+}
+
 bool isInjectorAtWork() {
     return t_ownWork > 0;
 }
@@ -254,247 +304,267 @@ const std::vector<CountedCall>& NumberedFaults::calls() const {
 
 } // namespace tavro_test
 
-using tavro_test::halfOf;
-using tavro_test::judgeAt;
-using tavro_test::judgeDescriptor;
-using tavro_test::judgePath;
-using tavro_test::original;
-using tavro_test::Verdict;
+using namespace tavro_test;
 
 // The overridden calls. Each asks for the verdict on itself and then makes the real call.
 
 // NOLINTBEGIN: the C library's own names and signatures
+
+/// A call that fails with `failed`.
+#define TAVRO_OVERRIDE(type, name, parameters, arguments, failed, verdict)                         \
+    type name parameters {                                                                         \
+        static const auto real = original<type parameters>(#name);                                 \
+        return (verdict) == Verdict::Pass ? real arguments : (failed);                             \
+    }
+
+/// A call on `count` bytes, which can be half made.
+#define TAVRO_OVERRIDE_BYTES(name, parameters, arguments, verdict)                                 \
+    ssize_t name parameters {                                                                      \
+        static const auto real = original<ssize_t parameters>(#name);                              \
+        const Verdict become = verdict;                                                            \
+        count = become == Verdict::Half ? halfOf(count) : count;                                   \
+        return become == Verdict::Fail ? -1 : real arguments;                                      \
+    }
+
+// A test file may still define these by itself; its own definition counts then.
+#pragma weak copy_file_range
+#pragma weak pread
+#pragma weak pwrite
+#pragma weak fstat
+#pragma weak ioctl
+#pragma weak renameat2
+#pragma weak syncfs
+#pragma weak unlink
+
 extern "C" {
 
-int rename(const char* from, const char* to) noexcept {
-    if (judgePath("rename", from) != Verdict::Pass) {
-        return -1;
-    }
-    return original(&rename, "rename")(from, to);
-}
-
-int remove(const char* path) noexcept {
-    if (judgePath("remove", path) != Verdict::Pass) {
-        return -1;
-    }
-    return original(&remove, "remove")(path);
-}
-
-int unlinkat(int directory, const char* path, int flags) noexcept {
-    if (judgeAt("unlinkat", directory, path) != Verdict::Pass) {
-        return -1;
-    }
-    return original(&unlinkat, "unlinkat")(directory, path, flags);
-}
-
-int mkdir(const char* path, mode_t mode) noexcept {
-    if (judgePath("mkdir", path) != Verdict::Pass) {
-        return -1;
-    }
-    return original(&mkdir, "mkdir")(path, mode);
-}
+// --- Opening and closing
 
 int open(const char* path, int flags, ...) {
+    static const auto real = original<int(const char*, int, ...)>("open");
     std::va_list arguments;
     va_start(arguments, flags);
-    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+    const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(arguments, mode_t) : 0;
     va_end(arguments);
-    if (judgePath("open", path) != Verdict::Pass) {
-        return -1;
-    }
-    return original(&open, "open")(path, flags, mode);
+    return judgePath("open", path) == Verdict::Pass ? real(path, flags, mode) : -1;
 }
 
 int openat(int directory, const char* path, int flags, ...) {
+    static const auto real = original<int(int, const char*, int, ...)>("openat");
     std::va_list arguments;
     va_start(arguments, flags);
-    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+    const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(arguments, mode_t) : 0;
     va_end(arguments);
-    if (judgeAt("openat", directory, path) != Verdict::Pass) {
-        return -1;
-    }
-    return original(&openat, "openat")(directory, path, flags, mode);
+    return judgeAt("openat", directory, path) == Verdict::Pass ? real(directory, path, flags, mode)
+                                                               : -1;
 }
 
-FILE* fopen64(const char* path, const char* mode) {
-    if (judgePath("fopen64", path) != Verdict::Pass) {
-        return nullptr;
-    }
-    return original(&fopen64, "fopen64")(path, mode);
-}
-
-ssize_t read(int descriptor, void* bytes, std::size_t count) {
-    if (judgeDescriptor("read", descriptor) != Verdict::Pass) {
-        return -1;
-    }
-    return original(&read, "read")(descriptor, bytes, count);
-}
-
-ssize_t write(int descriptor, const void* bytes, std::size_t count) {
-    const Verdict verdict = judgeDescriptor("write", descriptor);
-    if (verdict == Verdict::Fail) {
-        return -1;
-    }
-    return original(&write, "write")(descriptor, bytes,
-                                     verdict == Verdict::Half ? halfOf(count) : count);
-}
-
-ssize_t writev(int descriptor, const struct iovec* parts, int count) {
-    const Verdict verdict = judgeDescriptor("writev", descriptor);
-    if (verdict == Verdict::Fail) {
-        return -1;
-    }
-    if (verdict == Verdict::Half) {
-        return original(&write, "write")(descriptor, parts[0].iov_base, halfOf(parts[0].iov_len));
-    }
-    return original(&writev, "writev")(descriptor, parts, count);
-}
-
-ssize_t sendfile(int out, int in, off_t* offset, std::size_t count) noexcept {
-    const Verdict verdict = judgeDescriptor("sendfile", out);
-    if (verdict == Verdict::Fail) {
-        return -1;
-    }
-    return original(&sendfile, "sendfile")(out, in, offset,
-                                           verdict == Verdict::Half ? halfOf(count) : count);
-}
-
-int fsync(int descriptor) {
-    if (judgeDescriptor("fsync", descriptor) != Verdict::Pass) {
-        return -1;
-    }
-    return original(&fsync, "fsync")(descriptor);
-}
+TAVRO_OVERRIDE(FILE*, fopen64, (const char* path, const char* mode), (path, mode), nullptr,
+               judgePath("fopen64", path))
 
 int close(int descriptor) {
-    if (judgeDescriptor("close", descriptor) != Verdict::Pass) {
-        const int error = errno;
-        original(&close, "close")(descriptor);
-        errno = error;
-        return -1;
+    static const auto real = original<int(int)>("close");
+    if (judgeDescriptor("close", descriptor) == Verdict::Pass) {
+        return real(descriptor);
     }
-    return original(&close, "close")(descriptor);
+    const int error = errno;
+    real(descriptor);
+    errno = error;
+    return -1;
 }
 
 int fclose(FILE* stream) {
-    if (judgeDescriptor("fclose", fileno(stream)) != Verdict::Pass) {
-        const int error = errno;
-        original(&fclose, "fclose")(stream);
-        errno = error;
-        return EOF;
+    static const auto real = original<int(FILE*)>("fclose");
+    if (judgeDescriptor("fclose", fileno(stream)) == Verdict::Pass) {
+        return real(stream);
     }
-    return original(&fclose, "fclose")(stream);
+    const int error = errno;
+    real(stream);
+    errno = error;
+    return EOF;
 }
 
-int stat(const char* path, struct stat* status) noexcept {
-    if (judgePath("stat", path) != Verdict::Pass) {
-        return -1;
-    }
-    return original(static_cast<int (*)(const char*, struct stat*)>(&stat), "stat")(path, status);
-}
+// --- Looking
 
-int lstat(const char* path, struct stat* status) noexcept {
-    if (judgePath("lstat", path) != Verdict::Pass) {
-        return -1;
-    }
-    return original(&lstat, "lstat")(path, status);
-}
-
-int fstat64(int descriptor, struct stat64* status) noexcept {
-    if (judgeDescriptor("fstat64", descriptor) != Verdict::Pass) {
-        return -1;
-    }
-    return original(&fstat64, "fstat64")(descriptor, status);
-}
+TAVRO_OVERRIDE(int, stat, (const char* path, struct stat* status) noexcept, (path, status), -1,
+               judgePath("stat", path))
+TAVRO_OVERRIDE(int, lstat, (const char* path, struct stat* status) noexcept, (path, status), -1,
+               judgePath("lstat", path))
+TAVRO_OVERRIDE(int, fstat, (int descriptor, struct stat* status) noexcept, (descriptor, status), -1,
+               judgeDescriptor("fstat", descriptor))
+TAVRO_OVERRIDE(int, fstat64, (int descriptor, struct stat64* status) noexcept, (descriptor, status),
+               -1, judgeDescriptor("fstat64", descriptor))
+TAVRO_OVERRIDE(int, fstatat,
+               (int directory, const char* path, struct stat* status, int flags) noexcept,
+               (directory, path, status, flags), -1, judgeAt("fstatat", directory, path))
+TAVRO_OVERRIDE(int, statx,
+               (int directory, const char* path, int flags, unsigned mask,
+                struct statx* status) noexcept,
+               (directory, path, flags, mask, status), -1, judgeAt("statx", directory, path))
+TAVRO_OVERRIDE(int, faccessat, (int directory, const char* path, int mode, int flags) noexcept,
+               (directory, path, mode, flags), -1, judgeAt("faccessat", directory, path))
+TAVRO_OVERRIDE(ssize_t, readlink, (const char* path, char* target, std::size_t size) noexcept,
+               (path, target, size), -1, judgePath("readlink", path))
+TAVRO_OVERRIDE(ssize_t, readlinkat,
+               (int directory, const char* path, char* target, std::size_t size) noexcept,
+               (directory, path, target, size), -1, judgeAt("readlinkat", directory, path))
+TAVRO_OVERRIDE(char*, realpath, (const char* path, char* resolved) noexcept, (path, resolved),
+               nullptr, judgePath("realpath", path))
+TAVRO_OVERRIDE(char*, getcwd, (char* buffer, std::size_t size) noexcept, (buffer, size), nullptr,
+               judgePath("getcwd", ""))
+TAVRO_OVERRIDE(DIR*, opendir, (const char* path), (path), nullptr, judgePath("opendir", path))
+TAVRO_OVERRIDE(DIR*, fdopendir, (int descriptor), (descriptor), nullptr,
+               judgeDescriptor("fdopendir", descriptor))
 
 struct dirent* readdir(DIR* directory) {
+    static const auto real = original<struct dirent*(DIR*)>("readdir");
     const Verdict verdict = judgeDescriptor("readdir", dirfd(directory));
-    if (verdict == Verdict::Fail) {
-        return nullptr;
-    }
-    struct dirent* const entry = original(&readdir, "readdir")(directory);
+    struct dirent* const entry = verdict == Verdict::Fail ? nullptr : real(directory);
     if (verdict == Verdict::Half && entry != nullptr) {
         entry->d_type = DT_UNKNOWN;
     }
     return entry;
 }
 
-DIR* opendir(const char* path) {
-    if (judgePath("opendir", path) != Verdict::Pass) {
-        return nullptr;
+ssize_t getdents64(int descriptor, void* buffer, std::size_t size) noexcept {
+    static const auto real = original<ssize_t(int, void*, std::size_t)>("getdents64");
+    const Verdict verdict = judgeDescriptor("getdents64", descriptor);
+    const ssize_t filled = verdict == Verdict::Fail ? -1 : real(descriptor, buffer, size);
+    for (ssize_t at = 0; verdict == Verdict::Half && at < filled;) {
+        auto* const entry = reinterpret_cast<struct dirent64*>(static_cast<char*>(buffer) + at);
+        entry->d_type = DT_UNKNOWN;
+        at += entry->d_reclen;
     }
-    return original(&opendir, "opendir")(path);
+    return filled;
 }
 
-DIR* fdopendir(int descriptor) {
-    if (judgeDescriptor("fdopendir", descriptor) != Verdict::Pass) {
-        return nullptr;
+// --- Changing names
+
+TAVRO_OVERRIDE(int, rename, (const char* from, const char* to) noexcept, (from, to), -1,
+               judgeTwo("rename", AT_FDCWD, from, AT_FDCWD, to))
+TAVRO_OVERRIDE(int, renameat, (int from, const char* name, int to, const char* newName) noexcept,
+               (from, name, to, newName), -1, judgeTwo("renameat", from, name, to, newName))
+TAVRO_OVERRIDE(int, renameat2,
+               (int from, const char* name, int to, const char* newName, unsigned flags) noexcept,
+               (from, name, to, newName, flags), -1, judgeTwo("renameat2", from, name, to, newName))
+TAVRO_OVERRIDE(int, linkat,
+               (int from, const char* name, int to, const char* newName, int flags) noexcept,
+               (from, name, to, newName, flags), -1, judgeTwo("linkat", from, name, to, newName))
+TAVRO_OVERRIDE(int, remove, (const char* path) noexcept, (path), -1, judgePath("remove", path))
+TAVRO_OVERRIDE(int, unlink, (const char* path) noexcept, (path), -1, judgePath("unlink", path))
+TAVRO_OVERRIDE(int, unlinkat, (int directory, const char* path, int flags) noexcept,
+               (directory, path, flags), -1, judgeAt("unlinkat", directory, path))
+TAVRO_OVERRIDE(int, mkdir, (const char* path, mode_t mode) noexcept, (path, mode), -1,
+               judgePath("mkdir", path))
+TAVRO_OVERRIDE(int, mkdirat, (int directory, const char* path, mode_t mode) noexcept,
+               (directory, path, mode), -1, judgeAt("mkdirat", directory, path))
+TAVRO_OVERRIDE(int, mkfifoat, (int directory, const char* path, mode_t mode) noexcept,
+               (directory, path, mode), -1, judgeAt("mkfifoat", directory, path))
+TAVRO_OVERRIDE(int, symlink, (const char* target, const char* path) noexcept, (target, path), -1,
+               judgeLink("symlink", target, AT_FDCWD, path))
+TAVRO_OVERRIDE(int, symlinkat, (const char* target, int directory, const char* path) noexcept,
+               (target, directory, path), -1, judgeLink("symlinkat", target, directory, path))
+
+// --- Bytes
+
+TAVRO_OVERRIDE_BYTES(read, (int descriptor, void* bytes, std::size_t count),
+                     (descriptor, bytes, count), judgeDescriptor("read", descriptor))
+TAVRO_OVERRIDE_BYTES(pread, (int descriptor, void* bytes, std::size_t count, off_t offset),
+                     (descriptor, bytes, count, offset), judgeDescriptor("pread", descriptor))
+TAVRO_OVERRIDE_BYTES(write, (int descriptor, const void* bytes, std::size_t count),
+                     (descriptor, bytes, count), judgeDescriptor("write", descriptor))
+TAVRO_OVERRIDE_BYTES(pwrite, (int descriptor, const void* bytes, std::size_t count, off_t offset),
+                     (descriptor, bytes, count, offset), judgeDescriptor("pwrite", descriptor))
+TAVRO_OVERRIDE_BYTES(sendfile, (int to, int from, off_t* offset, std::size_t count) noexcept,
+                     (to, from, offset, count), judgeCopy("sendfile", from, to))
+TAVRO_OVERRIDE_BYTES(copy_file_range,
+                     (int from, off_t* fromOffset, int to, off_t* toOffset, std::size_t count,
+                      unsigned flags),
+                     (from, fromOffset, to, toOffset, count, flags),
+                     judgeCopy("copy_file_range", from, to))
+
+ssize_t writev(int descriptor, const struct iovec* parts, int count) {
+    static const auto real = original<ssize_t(int, const struct iovec*, int)>("writev");
+    static const auto realWrite = original<ssize_t(int, const void*, std::size_t)>("write");
+    const Verdict verdict = judgeDescriptor("writev", descriptor);
+    if (verdict == Verdict::Half) {
+        return realWrite(descriptor, parts[0].iov_base, halfOf(parts[0].iov_len));
     }
-    return original(&fdopendir, "fdopendir")(descriptor);
+    return verdict == Verdict::Fail ? -1 : real(descriptor, parts, count);
 }
 
-int symlink(const char* target, const char* path) noexcept {
-    if (judgePath("symlink", path) != Verdict::Pass) {
-        return -1;
+/// Only the sharing of blocks is asked about.
+int ioctl(int descriptor, unsigned long request, ...) noexcept {
+    static const auto real = original<int(int, unsigned long, ...)>("ioctl");
+    std::va_list arguments;
+    va_start(arguments, request);
+    void* const argument = va_arg(arguments, void*);
+    va_end(arguments);
+    if (request != FICLONE) {
+        return real(descriptor, request, argument);
     }
-    return original(&symlink, "symlink")(target, path);
+    const auto from = static_cast<int>(reinterpret_cast<long>(argument));
+    const Verdict verdict = judgeCopy("ioctl", from, descriptor);
+    if (verdict == Verdict::Pass) {
+        return real(descriptor, request, argument);
+    }
+    return verdict == Verdict::Half ? 0 : -1;
 }
 
-ssize_t readlink(const char* path, char* target, std::size_t size) noexcept {
-    if (judgePath("readlink", path) != Verdict::Pass) {
-        return -1;
-    }
-    return original(&readlink, "readlink")(path, target, size);
-}
+TAVRO_OVERRIDE(off_t, lseek, (int descriptor, off_t offset, int whence) noexcept,
+               (descriptor, offset, whence), -1, judgeDescriptor("lseek", descriptor))
+TAVRO_OVERRIDE(int, truncate, (const char* path, off_t length) noexcept, (path, length), -1,
+               judgePath("truncate", path))
+TAVRO_OVERRIDE(int, ftruncate, (int descriptor, off_t length) noexcept, (descriptor, length), -1,
+               judgeDescriptor("ftruncate", descriptor))
+TAVRO_OVERRIDE(int, fsync, (int descriptor), (descriptor), -1, judgeDescriptor("fsync", descriptor))
+TAVRO_OVERRIDE(int, syncfs, (int descriptor) noexcept, (descriptor), -1,
+               judgeDescriptor("syncfs", descriptor))
 
-char* realpath(const char* path, char* resolved) noexcept {
-    if (judgePath("realpath", path) != Verdict::Pass) {
-        return nullptr;
-    }
-    return original(&realpath, "realpath")(path, resolved);
-}
+// --- Attributes
 
-int fchmod(int descriptor, mode_t mode) noexcept {
-    if (judgeDescriptor("fchmod", descriptor) != Verdict::Pass) {
-        return -1;
-    }
-    return original(&fchmod, "fchmod")(descriptor, mode);
-}
+TAVRO_OVERRIDE(int, chmod, (const char* path, mode_t mode) noexcept, (path, mode), -1,
+               judgePath("chmod", path))
+TAVRO_OVERRIDE(int, fchmod, (int descriptor, mode_t mode) noexcept, (descriptor, mode), -1,
+               judgeDescriptor("fchmod", descriptor))
+TAVRO_OVERRIDE(int, fchmodat, (int directory, const char* path, mode_t mode, int flags) noexcept,
+               (directory, path, mode, flags), -1, judgeAt("fchmodat", directory, path))
+TAVRO_OVERRIDE(int, fchownat,
+               (int directory, const char* path, uid_t user, gid_t group, int flags) noexcept,
+               (directory, path, user, group, flags), -1, judgeAt("fchownat", directory, path))
+TAVRO_OVERRIDE(int, futimens, (int descriptor, const struct timespec times[2]) noexcept,
+               (descriptor, times), -1, judgeDescriptor("futimens", descriptor))
+TAVRO_OVERRIDE(int, utimensat,
+               (int directory, const char* path, const struct timespec times[2],
+                int flags) noexcept,
+               (directory, path, times, flags), -1, judgeAt("utimensat", directory, path))
+TAVRO_OVERRIDE(ssize_t, listxattr, (const char* path, char* names, std::size_t size) noexcept,
+               (path, names, size), -1, judgePath("listxattr", path))
+TAVRO_OVERRIDE(ssize_t, flistxattr, (int descriptor, char* names, std::size_t size) noexcept,
+               (descriptor, names, size), -1, judgeDescriptor("flistxattr", descriptor))
+TAVRO_OVERRIDE(ssize_t, getxattr,
+               (const char* path, const char* name, void* value, std::size_t size) noexcept,
+               (path, name, value, size), -1, judgePath("getxattr", path))
+TAVRO_OVERRIDE(ssize_t, fgetxattr,
+               (int descriptor, const char* name, void* value, std::size_t size) noexcept,
+               (descriptor, name, value, size), -1, judgeDescriptor("fgetxattr", descriptor))
+TAVRO_OVERRIDE(int, setxattr,
+               (const char* path, const char* name, const void* value, std::size_t size,
+                int flags) noexcept,
+               (path, name, value, size, flags), -1, judgePath("setxattr", path))
+TAVRO_OVERRIDE(int, fsetxattr,
+               (int descriptor, const char* name, const void* value, std::size_t size,
+                int flags) noexcept,
+               (descriptor, name, value, size, flags), -1, judgeDescriptor("fsetxattr", descriptor))
+TAVRO_OVERRIDE(int, removexattr, (const char* path, const char* name) noexcept, (path, name), -1,
+               judgePath("removexattr", path))
+TAVRO_OVERRIDE(int, fremovexattr, (int descriptor, const char* name) noexcept, (descriptor, name),
+               -1, judgeDescriptor("fremovexattr", descriptor))
 
-int fchmodat(int directory, const char* path, mode_t mode, int flags) noexcept {
-    if (judgePath("fchmodat", path) != Verdict::Pass) {
-        return -1;
-    }
-    return original(&fchmodat, "fchmodat")(directory, path, mode, flags);
-}
+// --- The clock
 
-int utimensat(int directory, const char* path, const struct timespec times[2], int flags) noexcept {
-    if (judgePath("utimensat", path) != Verdict::Pass) {
-        return -1;
-    }
-    return original(&utimensat, "utimensat")(directory, path, times, flags);
-}
-
-char* getcwd(char* buffer, std::size_t size) noexcept {
-    if (judgePath("getcwd", "") != Verdict::Pass) {
-        return nullptr;
-    }
-    return original(&getcwd, "getcwd")(buffer, size);
-}
-
-int truncate(const char* path, off_t length) noexcept {
-    if (judgePath("truncate", path) != Verdict::Pass) {
-        return -1;
-    }
-    return original(&truncate, "truncate")(path, length);
-}
-
-struct tm* localtime_r(const time_t* time, struct tm* fields) noexcept {
-    if (judgePath("localtime_r", "") != Verdict::Pass) {
-        return nullptr;
-    }
-    return original(&localtime_r, "localtime_r")(time, fields);
-}
+TAVRO_OVERRIDE(struct tm*, localtime_r, (const time_t* time, struct tm* fields) noexcept,
+               (time, fields), nullptr, judgePath("localtime_r", ""))
 
 } // extern "C"
 // NOLINTEND

@@ -13,20 +13,19 @@ namespace tavro_test {
 
 /// One rule for calls to fail by.
 struct Fault {
-    /// The name of the C function: "rename", "remove", "unlinkat", "mkdir", "open", "openat",
-    /// "fopen64", "write", "writev", "sendfile", "fsync", "close", "fclose", "stat", "lstat",
-    /// "fstat64", "readdir", "fdopendir", "opendir", "symlink", "readlink", "realpath", "fchmod",
-    /// "fchmodat", "utimensat", "getcwd", "truncate", "read", "localtime_r".
+    /// The name of the C function; fault_injector.cpp lists those that can be chosen.
     std::string Call;
 
-    /// What errno becomes. 0 makes half a failure: for "write", "writev" and "sendfile", half of
-    /// the bytes are written and the call reports that half; for "readdir", the entry comes without
-    /// its type, as some file systems give it. For other calls it means nothing.
+    /// What errno becomes. 0 makes half a failure: calls that read, write or copy bytes do so with
+    /// half of them; "readdir" and "getdents64" give entries without their types, as some file
+    /// systems do; "ioctl" reports that blocks are shared though they are not. For other calls it
+    /// means nothing.
     int Errno = 0;
 
-    /// Only calls whose path (the first, for calls with two; for those on a descriptor, the path it
-    /// was opened by as /proc tells it; for "openat" and "unlinkat" the text they are given, often
-    /// a bare name) contains this text. Empty: every call.
+    /// Only calls whose path contains this text. It is the path that a call is given; below an open
+    /// directory, the directory's as /proc tells it, with the name; for calls on a descriptor that
+    /// of the file; for those with two, the first of names and the written one of descriptors.
+    /// Empty: every call.
     std::string PathContains = "";
 
     /// The how-manyeth matching call fails, counted from 1.
@@ -35,8 +34,11 @@ struct Fault {
     /// All matching calls after that one fail too.
     bool bFromThenOn = false;
 
-    /// `PathContains` is the whole path, not a part of it.
+    /// `PathContains` is the whole path, or the whole name that a call is given, not a part of it.
     bool bWholePath = false;
+
+    /// Only calls whose second path contains this text.
+    std::string OtherContains = "";
 };
 
 /// While it lives, the calls that its rules choose fail, in every thread. One at a time.
@@ -57,8 +59,8 @@ public:
     bool eachFired() const;
 };
 
-/// While it lives, `observer` is told of every overridden call (its name and its path) just before
-/// it is made. What the observer itself calls is neither told nor failed.
+/// While it lives, `observer` is told of every overridden call (its name and its path, as Fault has
+/// them) just before it is made. What the observer itself calls is neither told nor failed.
 class CallObserver {
 public:
     using Observer = std::function<void(const std::string& call, const std::string& path)>;
@@ -67,6 +69,10 @@ public:
     CallObserver(const CallObserver&) = delete;
     CallObserver& operator=(const CallObserver&) = delete;
 };
+
+/// For an observer: the second path of the call that it is told of. Where a name is renamed or
+/// linked to; what bytes are copied from; what a symbolic link is to hold. Empty for other calls.
+const std::string& otherPathOfCall();
 
 /// What this thread does right now, it does for the injector and not for the one who made a call.
 bool isInjectorAtWork();
@@ -88,7 +94,7 @@ struct CountedCall {
     static constexpr int unknown = -1;
 
     std::string Call;
-    std::string Path; ///< as for Fault, but whole for "openat" and "unlinkat", too
+    std::string Path; ///< as for Fault
     bool bFailed = false;
     int Errno = unknown; ///< what it was made to fail with
 };
