@@ -532,12 +532,9 @@ void CopyPreservingType(const fs::path& Source, const fs::path& Destination, boo
 }
 
 /// Removes a directory with all its contents, anything else as one entry.
-/// @return how many entries were removed.
-std::uintmax_t RemovePreservingType(const fs::path& Path, bool bDirectory, std::error_code& ec) {
-    if (bDirectory) {
-        return fs::remove_all(Path, ec);
-    }
-    return fs::remove(Path, ec) ? 1 : 0;
+/// @return whether anything was removed; not to be asked when `ec` is set.
+bool RemovePreservingType(const fs::path& Path, bool bDirectory, std::error_code& ec) {
+    return bDirectory ? fs::remove_all(Path, ec) != 0 : fs::remove(Path, ec);
 }
 
 /// The regular file at `Destination` has the size of the file at `Source`.
@@ -549,6 +546,16 @@ bool FileArrivedWhole(const fs::path& Source, const fs::path& Destination) {
     }
     // A size that cannot be had is reported as one that no file has.
     return fs::file_size(Destination, ec) == size;
+}
+
+/// Where the library's copy of `Source` to `Destination` lies: a file that meets a directory there
+/// goes into it.
+fs::path PlaceOfCopy(const fs::path& Source, const fs::path& Destination) {
+    std::error_code ec;
+    if (fs::is_directory(Destination, ec) && fs::is_regular_file(fs::symlink_status(Source, ec))) {
+        return Destination / Source.filename();
+    }
+    return Destination;
 }
 
 /// Every regular file of the tree at `Source`, links not followed, arrived whole at `Destination`.
@@ -564,7 +571,7 @@ bool TreeArrivedWhole(const fs::path& Source, const fs::path& Destination) {
     fs::directory_iterator listing(Source, ec);
     for (const fs::directory_iterator end; !ec && listing != end; listing.increment(ec)) {
         const fs::path& item = listing->path();
-        if (!TreeArrivedWhole(item, Destination / item.filename())) {
+        if (!TreeArrivedWhole(item, PlaceOfCopy(item, Destination / item.filename()))) {
             return false;
         }
     }
@@ -584,18 +591,18 @@ bool MoveByCopying(const fs::path& Source, const fs::path& Destination, bool bDi
                    std::string& ErrorMessage) {
     std::error_code ec;
     CopyPreservingType(Source, Destination, bDirectory, ec);
-    if (!ec && !CopyIsWhole(Source, Destination, bDirectory)) {
+    const fs::path copy = PlaceOfCopy(Source, Destination);
+    if (!ec && !CopyIsWhole(Source, copy, bDirectory)) {
         ec = std::make_error_code(std::errc::io_error);
     }
     if (ec) {
         return Fail(ErrorMessage, FailureOf("Failed to copy", Source.string(), ec));
     }
-    const std::uint64_t removedCount = RemovePreservingType(Source, bDirectory, ec);
-    if (!ec && removedCount != 0) {
+    if (RemovePreservingType(Source, bDirectory, ec) && !ec) {
         return true;
     }
     std::error_code cleanupEc;
-    RemovePreservingType(Destination, bDirectory, cleanupEc);
+    RemovePreservingType(copy, bDirectory, cleanupEc);
     std::string reason = "unknown error";
     if (ec) {
         reason = ec.message();

@@ -276,6 +276,7 @@ TEST_F(PlanFaults, a_target_that_cannot_be_told_a_directory_is_the_new_path) {
     }
     // One of the looks decides about going into the directory.
     int taken = 0;
+    int refused = 0;
     for (int when = 1; when <= looks; ++when) {
         const FaultInjector injector({failing("stat", EIO, "d", when)});
         EXPECT_TRUE(TavroBuildTransferPlan(one, "d", m_box.path(), false,
@@ -285,6 +286,13 @@ TEST_F(PlanFaults, a_target_that_cannot_be_told_a_directory_is_the_new_path) {
     }
     EXPECT_EQ(taken, 1);
     EXPECT_EQ(m_message, "earlier text");
+    for (int when = 1; when <= looks + 1; ++when) { // for several entries it is looked at once more
+        const FaultInjector injector({failing("stat", EIO, "d", when)});
+        refused += plan("d") ? 0 : 1;
+        EXPECT_EQ(injector.fired(), 1);
+    }
+    EXPECT_EQ(refused, 1) << "several entries need a directory, or a target that is not there yet";
+    EXPECT_EQ(m_message, "Copy Target must be a directory when multiple items are selected.");
 }
 
 // -------------------------------------------------------------------------------------------------

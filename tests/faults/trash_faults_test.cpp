@@ -427,6 +427,16 @@ TEST_F(TrashEntries, a_record_that_fails_only_at_its_close_is_taken_for_written)
     EXPECT_EQ(list.size(), 3U);
 }
 
+TEST_F(TrashEntries, there_is_no_record_before_its_entry_has_moved) {
+    bool bNoRecord = false;
+    const CallObserver observer([&](const std::string& call, const std::string& path) {
+        bNoRecord =
+            bNoRecord || (call == "rename" && path == original("a") && fs::is_empty(m_info));
+    });
+    trashAll();
+    EXPECT_TRUE(bNoRecord);
+}
+
 // The folders of the trash.
 
 TEST_F(TrashEntries, the_folders_are_ensured_for_each_entry) {
@@ -1048,6 +1058,15 @@ TEST_F(TrashInfoEntries, the_part_of_a_record_that_was_written_stays) {
     EXPECT_EQ(state[recordRow("b")].find("DeletionDate"), std::string::npos);
     EXPECT_EQ(state.erase(recordRow("b")), 1U);
     EXPECT_EQ(state, m_before);
+}
+
+TEST_F(TrashInfoEntries, a_time_that_cannot_be_converted_reads_as_zeros) {
+    std::string message;
+    const FaultInjector injector({{"localtime_r", EOVERFLOW, "", 1, true}});
+    EXPECT_TRUE(TavroWriteTrashInfoEntries(m_list, message));
+    EXPECT_EQ(injector.fired(), 3);
+    EXPECT_EQ(readFile(record("a")),
+              "[Trash Info]\nPath=" + original("a") + "\nDeletionDate=1900-01-00T00:00:00\n");
 }
 
 TEST_F(TrashInfoEntries, an_earlier_record_that_cannot_be_removed_stays_and_the_others_go) {

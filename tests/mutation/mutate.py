@@ -30,9 +30,7 @@ MODULE = "src/tavroops.cpp"
 SURVIVORS = Path(__file__).resolve().parent / "survivors.txt"
 ENOUGH = 98.0
 
-TESTS = ("operations_tests", "faults_tests", "helpers_tests", "threads_tests")
-# Includes the module's source, so it is compiled here like the module.
-INCLUDER = "tests/operations/helpers_test.cpp"
+TESTS = ("operations_tests", "faults_tests", "threads_tests")
 REMEMBERED = 12  # the tests of a function's last mutants, tried first on its next
 CONTROL_EVERY = 50  # after so many mutants the tests must pass with the module as it is
 
@@ -65,10 +63,10 @@ class Outcome:
         return "\n".join(saying.splitlines()[:40])
 
 
-def compile_file(file, *arguments):
+def compile_file(file):
     """The errors; an index out of range is to end the program and not to pass by luck."""
     command = ["g++", "-std=c++17", "-O0", "-w", "-fmax-errors=0", "-D_GLIBCXX_ASSERTIONS"]
-    command += [f"-I{PROJECT}/include", "-c", file, "-o", file.with_suffix(".o"), *arguments]
+    command += [f"-I{PROJECT}/include", "-c", file, "-o", file.with_suffix(".o")]
     return subprocess.run(command, stderr=subprocess.PIPE, text=True).stderr
 
 
@@ -81,16 +79,10 @@ class Programs:
         self.numbered = dict(enumerate(mutants))
         self.numbers = {mutant.id: number for number, mutant in self.numbered.items()}
         module = scratch / MODULE
-        includer = scratch / INCLUDER
-        for file in (module, includer):
-            file.parent.mkdir(parents=True)
+        module.parent.mkdir(parents=True)
         self._compile_what_compiles(source, module)
-        includer.write_text((PROJECT / INCLUDER).read_text())
-        errors = compile_file(includer, f"-I{PROJECT}/tests/support")
-        if errors:
-            raise Stop(errors)
         for name in TESTS:
-            self._link(name, includer if name == "helpers_tests" else module)
+            self._link(name, module)
         self.patience = {}  # how many seconds a program may take
         self.slow = {}  # its tests that take long and are better run last
         self.catchers = defaultdict(list)  # function: (program, test) of mutants caught before
@@ -107,16 +99,14 @@ class Programs:
                 raise Stop(errors)
             self.numbered = {n: m for n, m in self.numbered.items() if m.id not in named}
 
-    def _link(self, name, compiled):
+    def _link(self, name, module):
         objects = [
             *self.objects.glob(f"{name}.dir/**/*.o"),
             *self.objects.glob("tavro_test_support.dir/**/*.o"),
         ]
         if not objects:
             raise Stop(f"{self.objects.parent.parent} holds no build of the tests")
-        # The object of the file that was compiled here takes the place of the one built there.
-        objects = [path for path in objects if path.name != compiled.name + ".o"]
-        objects.append(compiled.with_suffix(".o"))
+        objects.append(module.with_suffix(".o"))
         libraries = ["-lgtest_main", "-lgtest", "-ldl", "-pthread"]
         command = ["g++", *objects, "-o", self.scratch / name, *libraries]
         linking = subprocess.run(command, stderr=subprocess.PIPE, text=True)

@@ -115,10 +115,33 @@ TEST_F(PrepareTrashEntries, a_claimed_name_with_copy_may_be_taken_on_the_disk_to
     expectPlaces({"x.txt", "x.txt"}, {"x.txt", "x copy 2.txt copy"});
 }
 
-TEST_F(PrepareTrashEntries, a_dangling_link_in_the_trash_counts_as_free) {
+TEST_F(PrepareTrashEntries, a_link_in_the_trash_that_leads_nowhere_counts_as_free) {
     makeTrash();
     fs::create_symlink("/nowhere", files / "x.txt");
-    expectPlaces({"x.txt"}, {"x.txt"});
+    fs::create_symlink("loop", files / "loop");
+    expectPlaces({"x.txt", "loop"}, {"x.txt", "loop"});
+    writeFile(files / "y.txt");
+    fs::create_symlink("/nowhere", files / "y copy 1.txt");
+    expectPlaces({"y.txt"}, {"y copy 1.txt"});
+}
+
+TEST_F(PrepareTrashEntries, everything_else_in_the_trash_takes_its_name) {
+    makeTrash();
+    makeDirectory(files / "directory");
+    makeFifo(files / "fifo");
+    fs::create_symlink("fifo", files / "link");
+    fs::create_directory_symlink("directory", files / "link to directory");
+    expectPlaces({"directory", "fifo", "link", "link to directory"},
+                 {"directory copy 1", "fifo copy 1", "link copy 1", "link to directory copy 1"});
+}
+
+TEST_F(PrepareTrashEntries, a_name_that_cannot_be_examined_counts_as_free) {
+    writeFile(files / "x.txt");
+    runUnprivileged(sandbox.path(), [&] {
+        fs::permissions(files, fs::perms::owner_read | fs::perms::owner_write);
+        EXPECT_TRUE(prepare(selection({"x.txt"}))) << error;
+        EXPECT_EQ(trashed.at(0).TrashPath, (files / "x.txt").string());
+    });
 }
 
 TEST_F(PrepareTrashEntries, every_byte_that_a_name_may_hold_is_kept) {
@@ -154,13 +177,14 @@ TEST_F(PrepareTrashEntries, the_original_path_is_canonical_and_the_name_as_given
     const ScopedCurrentDirectory here(documents);
     ASSERT_TRUE(prepare({file(documents / "link/a.txt"), file("sub/../b.txt"),
                          file(documents / "gone/../new.txt"), file(documents / "to-b"),
-                         directory(documents / "sub/.."), directory(documents / "sub/"),
-                         directory(documents / "sub/")}));
+                         directory(documents / "sub/.."), directory(documents / "sub/."),
+                         directory(documents / "sub/"), directory(documents / "sub/")}));
     EXPECT_EQ(
         texts(trashed),
         texts({inTrash("a.txt", documents / "sub/a.txt"), inTrash("b.txt", documents / "b.txt"),
                inTrash("new.txt", documents / "new.txt"), inTrash("to-b", documents / "b.txt"),
-               inTrash(".. copy 1", documents, true), inTrash(" copy 1", documents / "sub", true),
+               inTrash(".. copy 1", documents, true), inTrash(". copy 1", documents / "sub", true),
+               inTrash(" copy 1", documents / "sub", true),
                inTrash(" copy 1 copy", documents / "sub", true)}));
 }
 

@@ -660,5 +660,30 @@ TEST_P(RestoreTrashEntriesAcrossDevices, a_dangling_link_at_the_original_place_i
     expectRefused(failed("copy", trashed[2].TrashPath, std::errc::file_exists));
 }
 
+TEST_P(RestoreTrashEntriesAcrossDevices, a_file_flagged_as_a_directory_goes_into_one_in_its_place) {
+    ASSERT_NO_FATAL_FAILURE(trashThree());
+    trashed[2].OriginalPath = trashed[0].OriginalPath;
+    trashed[2].bDirectory = true;
+    EXPECT_TRUE(TavroRestoreTrashEntries(trashed, error)) << error;
+    EXPECT_EQ(readFile(documents / "tree/a copy 1.txt"), "2");
+    EXPECT_EQ(readFile(documents / "one/a.txt"), "1");
+    EXPECT_TRUE(fs::is_directory(documents / "tree/deep/er")) << "what was there stays";
+    EXPECT_TRUE(fs::is_empty(files));
+    EXPECT_TRUE(fs::is_empty(info));
+}
+
+TEST_P(RestoreTrashEntriesAcrossDevices, two_directories_for_one_place_are_merged) {
+    writeFile(documents / "one/a/file", "1");
+    writeFile(documents / "two/a", "2");
+    ASSERT_TRUE(TavroTrashEntries({directory(documents / "one"), directory(documents / "two")},
+                                  trashed, error))
+        << error;
+    trashed[1].OriginalPath = trashed[0].OriginalPath;
+    EXPECT_TRUE(TavroRestoreTrashEntries(trashed, error)) << error;
+    EXPECT_EQ(readFile(documents / "one/a/file"), "1");
+    EXPECT_EQ(readFile(documents / "one/a/a"), "2") << "a file that meets a directory goes into it";
+    EXPECT_TRUE(fs::is_empty(files));
+}
+
 INSTANTIATE_TEST_SUITE_P(BothWays, RestoreTrashEntriesAcrossDevices, testing::Bool(),
                          sideOfTheHome);

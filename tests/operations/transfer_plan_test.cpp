@@ -564,12 +564,22 @@ TEST_F(BuildTransferPlan, the_flag_decides_what_is_a_directory) {
 
 TEST_F(BuildTransferPlan, a_track_gets_a_name_for_the_disk) {
     const std::vector<std::pair<std::string, std::string>> names = {
-        {"Track 01.cdda", "Track 01.wav"},   {"Track 01", "Track 01.wav"},
-        {"Track 01.flac", "Track 01.flac"},  {"Track 01.CDDA", "Track 01.CDDA"},
-        {"Track 01.wav", "Track 01.wav"},    {".cdda", ".cdda.wav"},
-        {".hidden", ".hidden.wav"},          {"1.cdda.cdda", "1.cdda.wav"},
-        {"No. 5 in C", "No. 5 in C"},        {"Track 01.", "Track 01."},
-        {"Track 01.cddax", "Track 01.cddax"}};
+        {"Track 01.cdda", "Track 01.wav"},
+        {"Track 01", "Track 01.wav"},
+        {"Track 01.flac", "Track 01.flac"},
+        {"Track 01.CDDA", "Track 01.CDDA"},
+        {"Track 01.wav", "Track 01.wav"},
+        {".cdda", ".cdda.wav"},
+        {".hidden", ".hidden.wav"},
+        {"1.cdda.cdda", "1.cdda.wav"},
+        {"No. 5 in C", "No. 5 in C"},
+        {"Track 01.", "Track 01."},
+        {"Track 01.cddax", "Track 01.cddax"},
+        {"a.b.cdda", "a.b.wav"},
+        {"a.cdda.b", "a.cdda.b"},
+        {".hidden.cdda", ".hidden.wav"},
+        {"1/Track 02.cdda", "1/Track 02.wav"},
+        {"", ".wav"}};
     for (const auto& [name, nameOnDisk] : names) {
         const TavroOperationEntry track = trackNamed(name);
         EXPECT_EQ(copying({track}, "music/"),

@@ -201,6 +201,13 @@ TEST_F(TrashEntries, the_number_stands_before_the_extension) {
         {"photos.2020", "photos copy 1.2020"},
         {"ends.", "ends copy 1."},
         {"a copy 1.txt", "a copy 1 copy 1.txt"},
+        {"..a", ". copy 1.a"},
+        {"...", ".. copy 1."},
+        {". ", ".  copy 1"},
+        {" .x", "  copy 1.x"},
+        {"back\\slash.t", "back\\slash copy 1.t"},
+        {"line\nfeed.\n", "line\nfeed copy 1.\n"},
+        {"\xC3\xA9\xFF.\xFE", "\xC3\xA9\xFF copy 1.\xFE"},
         {"two  blanks .x y", "two  blanks  copy 1.x y"},
     };
     for (const auto& [name, numbered] : names) {
