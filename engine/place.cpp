@@ -15,12 +15,15 @@ namespace {
 /// How many directories are kept open.
 constexpr std::size_t keptOpen = 8;
 
-/// A path without `.` components and doubled separators, made absolute.
-std::string AbsoluteText(const std::string& Path) {
+std::string CurrentDirectory() {
     std::error_code ec;
+    return fs::current_path(ec).string();
+}
+
+/// A path without `.` components and doubled separators, made absolute.
+std::string AbsoluteText(const std::string& Path, const std::string& Current) {
     const bool bAbsolute = !Path.empty() && Path.front() == '/';
-    std::string result = bAbsolute ? "" : fs::current_path(ec).string();
-    result = result == "/" ? "" : result;
+    std::string result = bAbsolute || Current == "/" ? "" : Current;
     for (std::size_t at = 0; at < Path.size();) {
         const std::size_t end = std::min(Path.find('/', at), Path.size());
         const std::string component = Path.substr(at, end - at);
@@ -39,8 +42,8 @@ bool MeansDirectoryBehind(const std::string& Path) {
 }
 
 /// The path of the entry that a text means, as told at TavroSelectEntry.
-std::string EntryPath(const std::string& Text) {
-    std::string path = AbsoluteText(Text);
+std::string EntryPath(const std::string& Text, const std::string& Current) {
+    std::string path = AbsoluteText(Text, Current);
     struct stat status = {};
     const bool bThroughLink =
         MeansDirectoryBehind(Text) && TavroStatPath(path, status) == 0 && S_ISLNK(status.st_mode) &&
@@ -51,22 +54,55 @@ std::string EntryPath(const std::string& Text) {
     return path;
 }
 
+bool IsRelative(const std::string& Text) {
+    return Text.empty() || Text.front() != '/';
+}
+
+std::string EntryPath(const std::string& Text) {
+    return EntryPath(Text, IsRelative(Text) ? CurrentDirectory() : "");
+}
+
 } // namespace
 
-TavroOperationEntry TavroNameEntry(const std::string& Path) {
-    if (TavroIsCddaPath(Path)) {
-        return {TavroNameOf(Path), Path, false};
+std::vector<TavroOperationEntry> TavroNameEntries(const std::vector<std::string>& Paths) {
+    const bool bRelative = std::any_of(Paths.begin(), Paths.end(), IsRelative);
+    const std::string current = bRelative ? CurrentDirectory() : "";
+    std::vector<TavroOperationEntry> entries;
+    entries.reserve(Paths.size());
+    for (const std::string& path : Paths) {
+        std::string own = TavroIsCddaPath(path) ? path : EntryPath(path, current);
+        entries.push_back({TavroNameOf(own), std::move(own), false});
     }
-    std::string path = EntryPath(Path);
-    return {TavroNameOf(path), std::move(path), false};
+    return entries;
+}
+
+std::vector<TavroFailure> TavroSelectEntries(const std::vector<std::string>& Paths,
+                                             std::vector<TavroOperationEntry>& OutEntries) {
+    std::vector<TavroFailure> failures;
+    OutEntries = TavroNameEntries(Paths);
+    for (std::size_t i = 0; i < Paths.size(); ++i) {
+        struct stat status = {};
+        TavroOperationEntry& entry = OutEntries[i];
+        const int error = TavroIsCddaPath(entry.Path) ? 0 : TavroStatPath(entry.Path, status);
+        entry.bDirectory = S_ISDIR(status.st_mode);
+        if (error != 0) {
+            const bool bMissing = error == ENOENT || error == ENOTDIR;
+            failures.push_back(
+                TavroFail(bMissing ? TavroFailureKind::NoSuchEntry : TavroFailureKind::LookAt,
+                          error, Paths[i]));
+        }
+    }
+    return failures;
+}
+
+TavroOperationEntry TavroNameEntry(const std::string& Path) {
+    return TavroNameEntries({Path}).front();
 }
 
 TavroOperationEntry TavroSelectEntry(const std::string& Path) {
-    TavroOperationEntry entry = TavroNameEntry(Path);
-    struct stat status = {};
-    entry.bDirectory =
-        !TavroIsCddaPath(Path) && TavroStatPath(entry.Path, status) == 0 && S_ISDIR(status.st_mode);
-    return entry;
+    std::vector<TavroOperationEntry> entries;
+    TavroSelectEntries({Path}, entries);
+    return entries.front();
 }
 
 std::string TavroFindOwnPath(const std::string& Path) {

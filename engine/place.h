@@ -78,6 +78,17 @@ TavroOperationEntry TavroSelectEntry(const std::string& Path);
 /// `bDirectory` is false. For operations that look at it themselves.
 TavroOperationEntry TavroNameEntry(const std::string& Path);
 
+/// TavroNameEntry for many paths: the current directory is asked for once.
+std::vector<TavroOperationEntry> TavroNameEntries(const std::vector<std::string>& Paths);
+
+/// TavroSelectEntry for many paths, with one look at each.
+///
+/// @param OutEntries  one for each path, in order.
+/// @return why entries cannot be selected, in order: NoSuchEntry or LookAt, with the path as it was
+///         given. An audio track always can.
+std::vector<TavroFailure> TavroSelectEntries(const std::vector<std::string>& Paths,
+                                             std::vector<TavroOperationEntry>& OutEntries);
+
 /// The path of an entry itself: the canonical path of its directory, and its name. What it names
 /// need not exist.
 std::string TavroFindOwnPath(const std::string& Path);
