@@ -16,18 +16,30 @@
 #include <string>
 #include <vector>
 
+/// An entry that was looked at just now.
+struct TavroSeenEntry {
+    TavroIdentity Directory; ///< The directory that holds it.
+    TavroFileState State;
+};
+
 /// One entry that goes from one full path to another at which nothing is.
 struct TavroBatchStep {
     std::string From;
     std::string To;
 
-    /// When given, what is at `From` must be this file.
+    /// When given, what is at `From` must be this file, and is looked at again after its move.
     std::optional<TavroIdentity> Expected = {};
+
+    /// When given, `From` needs no other look before it is moved. Else TavroRunBatch sets it.
+    std::optional<TavroSeenEntry> Seen = {};
 
     // Set by TavroRunBatch:
 
-    TavroFileState Arrived = {}; ///< What is at `To` now. An inode of 0: nothing of this step.
-    bool bCopyStays = false;     ///< After a failure: it is at `From` and, in part, at `To`.
+    /// What is at `To` now; an inode of 0: nothing of this step. What was not expected and not
+    /// copied has the times that were seen before its move.
+    TavroFileState Arrived = {};
+
+    bool bCopyStays = false; ///< After a failure: it is at `From` and, in part, at `To`.
 };
 
 /// What a batch does beside moving. Each may be empty.
@@ -50,11 +62,13 @@ struct TavroBatchReport {
 
 /// Carries out all steps, or none. Missing parents of the destinations are created for the user
 /// alone (mode 0700) and removed again by a roll-back when they are empty. Nothing is ever
-/// replaced.
+/// replaced. A directory that was exchanged since it was looked at is not followed: ESTALE.
+///
+/// Checked before anything is moved: Missing, LookAt, ItemChanged (another file than expected), and
+/// without BeforeMove InTheWay (something is at `To`). Later failures are those of TavroBringEntry.
 ///
 /// @param Steps      in order. After success `Arrived` tells what is where; after a failure, of
-/// what
-///                   could not be moved back `Arrived` has an inode.
+///                   what could not be moved back `Arrived` has an inode.
 /// @param Callbacks  progress counts the batch as one whole: a rename is one item of no bytes. A
 ///                   cancel is the failure Cancelled, and what was done is undone.
 TavroBatchReport TavroRunBatch(std::vector<TavroBatchStep>& Steps, const TavroBatchHooks& Hooks,

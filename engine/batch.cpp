@@ -1,0 +1,301 @@
+#include "batch.h"
+
+#include "measure.h"
+#include "names.h"
+
+#include <algorithm>
+#include <cerrno>
+
+namespace {
+
+/// How often a step is tried when its destination is taken each time.
+constexpr int tries = 100;
+
+/// A step counts so much of the progress of the whole.
+struct Share {
+    std::uint64_t Items = 1;
+    std::uint64_t Bytes = 0;
+};
+
+class Batch {
+public:
+    Batch(std::vector<TavroBatchStep>& Steps, const TavroBatchHooks& Hooks,
+          const TavroCallbacks& Callbacks)
+        : m_steps(Steps), m_hooks(Hooks), m_progress(Callbacks) {}
+
+    TavroBatchReport Run();
+
+private:
+    int Look(const std::string& Path, TavroPlace& OutPlace, struct stat& OutStatus);
+    TavroFailure Check(TavroBatchStep& Step);
+    TavroFailure CheckFree(const TavroBatchStep& Step);
+    TavroFailure Measure(const TavroBatchStep& Step);
+    std::uint64_t DeviceAt(std::string Path);
+    TavroFailure FindAgain(const std::string& Path, const TavroIdentity& Directory,
+                           TavroPlace& OutPlace);
+    TavroFailure Act(std::size_t Index);
+    TavroFailure Move(TavroBatchStep& Step);
+    TavroFailure Verify(TavroBatchStep& Step, const TavroPlace& From, const TavroPlace& To);
+    TavroFailure MoveByCopying(TavroBatchStep& Step, const TavroPlace& From, const TavroPlace& To);
+    void RollBack(std::size_t Count);
+    TavroFailure MoveBack(const TavroBatchStep& Step);
+    void TellUndone(std::size_t Index) const;
+
+    std::vector<TavroBatchStep>& m_steps;
+    const TavroBatchHooks& m_hooks;
+    TavroProgressTeller m_progress;
+    TavroPlaces m_places;
+    TavroHardLinks m_links;
+    TavroBatchReport m_report;
+    std::vector<Share> m_shares; ///< Of the steps, when somebody listens.
+    Share m_done = {0, 0};
+};
+
+TavroBatchReport Batch::Run() {
+    TavroFailure& failure = m_report.Failure;
+    for (std::size_t i = 0; i < m_steps.size() && !failure; ++i) {
+        failure = Check(m_steps[i]);
+    }
+    std::size_t done = 0;
+    while (!failure && done < m_steps.size()) {
+        failure = Act(done);
+        done += failure ? 0U : 1U;
+    }
+    if (failure) {
+        RollBack(done);
+    } else {
+        m_progress.Tell();
+    }
+    return std::move(m_report);
+}
+
+// =================================================================================================
+// Checking
+// =================================================================================================
+
+/// @return the error number of looking at an entry.
+int Batch::Look(const std::string& Path, TavroPlace& OutPlace, struct stat& OutStatus) {
+    const TavroFailure failure = m_places.Find(Path, OutPlace);
+    return failure ? failure.Error.value()
+                   : TavroStatAt(OutPlace.Number(), OutPlace.Name.c_str(), OutStatus);
+}
+
+bool IsMissing(int Error) {
+    return Error == ENOENT || Error == ENOTDIR;
+}
+
+TavroFailure Batch::Check(TavroBatchStep& Step) {
+    if (!Step.Seen) {
+        TavroPlace from;
+        struct stat status = {};
+        const int error = Look(Step.From, from, status);
+        if (error != 0) {
+            return TavroFail(IsMissing(error) ? TavroFailureKind::Missing
+                                              : TavroFailureKind::LookAt,
+                             error, Step.From);
+        }
+        Step.Seen = {from.Directory->Identity, TavroStateOf(status)};
+    }
+    if (Step.Expected && Step.Seen->State.Identity != *Step.Expected) {
+        return {TavroFailureKind::ItemChanged, {}, Step.From};
+    }
+    TavroFailure failure = m_hooks.BeforeMove ? TavroFailure() : CheckFree(Step);
+    return failure || !m_progress.IsHeard() ? failure : Measure(Step);
+}
+
+TavroFailure Batch::CheckFree(const TavroBatchStep& Step) {
+    TavroPlace to;
+    struct stat status = {};
+    const int error = Look(Step.To, to, status);
+    if (error == 0) {
+        return {TavroFailureKind::InTheWay, {}, Step.To};
+    }
+    // What is not there yet is created, or comes back by an earlier step.
+    return IsMissing(error) ? TavroFailure() : TavroFail(TavroFailureKind::LookAt, error, Step.To);
+}
+
+/// The device on which an entry at a path would be.
+std::uint64_t Batch::DeviceAt(std::string Path) {
+    TavroPlace place;
+    while (m_places.Find(Path, place) && Path != "/") {
+        Path = TavroParentOf(Path);
+    }
+    return place.Directory ? place.Directory->Identity.Device : 0;
+}
+
+/// What is renamed is one item; what has to be copied is measured.
+TavroFailure Batch::Measure(const TavroBatchStep& Step) {
+    Share share;
+    TavroPlace from;
+    if (Step.Seen->Directory.Device != DeviceAt(Step.To) && !m_places.Find(Step.From, from)) {
+        TavroMeasurement measured;
+        if (!TavroMeasureEntry(
+                from.Number(), from.Name, [this] { return m_progress.ShouldCancel(); }, measured)) {
+            return {TavroFailureKind::Cancelled};
+        }
+        share = {measured.FileCount + measured.DirectoryCount, measured.ByteCount};
+    }
+    m_progress.Expect(share.Items, share.Bytes);
+    m_shares.push_back(share);
+    return {};
+}
+
+// =================================================================================================
+// Moving
+// =================================================================================================
+
+/// The place at a path, unless its directory is another one now.
+TavroFailure Batch::FindAgain(const std::string& Path, const TavroIdentity& Directory,
+                              TavroPlace& OutPlace) {
+    TavroFailure failure = m_places.Find(Path, OutPlace);
+    if (!failure && OutPlace.Directory->Identity != Directory) {
+        failure = TavroFail(TavroFailureKind::LookAt, ESTALE, Path);
+    }
+    return failure;
+}
+
+TavroFailure Batch::Act(std::size_t Index) {
+    TavroBatchStep& step = m_steps[Index];
+    if (m_progress.ShouldCancel()) {
+        return {TavroFailureKind::Cancelled};
+    }
+    m_progress.Begin([&] { return step.From; });
+    TavroFailure failure;
+    for (int i = 0; i < tries; ++i) {
+        failure = m_hooks.BeforeMove ? m_hooks.BeforeMove(Index) : TavroFailure();
+        if (failure) {
+            return failure;
+        }
+        failure = Move(step);
+        if (failure && step.Arrived.Identity.Inode == 0) {
+            TellUndone(Index);
+        }
+        if (failure.Kind != TavroFailureKind::Taken || !m_hooks.BeforeMove) {
+            break;
+        }
+    }
+    if (!failure && !m_shares.empty()) {
+        m_done.Items += m_shares[Index].Items;
+        m_done.Bytes += m_shares[Index].Bytes;
+        m_progress.Reach(m_done.Items, m_done.Bytes);
+    }
+    return failure;
+}
+
+/// Renames, and copies where that cannot be.
+TavroFailure Batch::Move(TavroBatchStep& Step) {
+    TavroPlace from;
+    TavroPlace to;
+    TavroFailure failure = FindAgain(Step.From, Step.Seen->Directory, from);
+    if (!failure) {
+        failure = m_places.FindOrCreate(Step.To, 0700, m_report.CreatedDirectories, to);
+    }
+    if (failure) {
+        return failure;
+    }
+    const int error =
+        TavroRenameNoReplace(from.Number(), from.Name.c_str(), to.Number(), to.Name.c_str());
+    failure = error == 0 ? Verify(Step, from, to) : MoveByCopying(Step, from, to);
+    if (Step.Seen->State.IsDirectory()) {
+        m_places.Forget(from.OwnPath());
+    }
+    return failure;
+}
+
+/// Another file can have taken the name until the moment of the rename. It goes back.
+TavroFailure Batch::Verify(TavroBatchStep& Step, const TavroPlace& From, const TavroPlace& To) {
+    Step.Arrived = Step.Seen->State;
+    if (!Step.Expected) {
+        return {};
+    }
+    struct stat status = {};
+    const int error = TavroStatAt(To.Number(), To.Name.c_str(), status);
+    Step.Arrived = TavroStateOf(status);
+    if (error == 0 && Step.Arrived.Identity == *Step.Expected) {
+        return {};
+    }
+    const int back =
+        TavroRenameNoReplace(To.Number(), To.Name.c_str(), From.Number(), From.Name.c_str());
+    if (error == 0 && back != 0) {
+        m_report.RollBack.push_back(TavroFail(TavroFailureKind::MoveTo, back, Step.To, Step.From));
+    } else {
+        Step.Arrived = {};
+    }
+    return {TavroFailureKind::ItemChanged, {}, Step.From};
+}
+
+TavroFailure Batch::MoveByCopying(TavroBatchStep& Step, const TavroPlace& From,
+                                  const TavroPlace& To) {
+    TavroMoveOptions options;
+    options.Expected = Step.Seen->State.Identity;
+    TavroMoveReport moved = TavroBringEntry(From, To, options, m_links, m_progress);
+    Step.Arrived = moved.Arrived;
+    Step.bCopyStays = moved.bCopyStays;
+    m_report.Lost.AccessLists += moved.Lost.AccessLists;
+    m_report.Lost.ExtendedAttributes += moved.Lost.ExtendedAttributes;
+    return moved.Failure;
+}
+
+// =================================================================================================
+// Rolling back
+// =================================================================================================
+
+void Batch::TellUndone(std::size_t Index) const {
+    if (m_hooks.Undone) {
+        m_hooks.Undone(Index);
+    }
+}
+
+/// Moves back what arrived, and nothing else that has its name by now.
+TavroFailure Batch::MoveBack(const TavroBatchStep& Step) {
+    TavroPlace from;
+    TavroPlace to;
+    TavroFailure failure = m_places.Find(Step.To, to);
+    failure = failure ? failure : FindAgain(Step.From, Step.Seen->Directory, from);
+    if (failure) {
+        return TavroFail(TavroFailureKind::MoveTo, failure.Error.value(), Step.To, Step.From);
+    }
+    const TavroCallbacks none;
+    TavroProgressTeller progress(none);
+    TavroMoveOptions options;
+    options.Expected = Step.Arrived.Identity;
+    failure = TavroBringEntry(to, from, options, m_links, progress).Failure;
+    if (Step.Arrived.IsDirectory()) {
+        m_places.Forget(to.OwnPath());
+    }
+    return failure;
+}
+
+void Batch::RollBack(std::size_t Count) {
+    while (Count > 0) {
+        TavroBatchStep& step = m_steps[--Count];
+        TavroFailure failure = MoveBack(step);
+        if (failure) {
+            m_report.RollBack.push_back(std::move(failure));
+            continue;
+        }
+        step.Arrived = {};
+        TellUndone(Count);
+    }
+    std::vector<std::string>& created = m_report.CreatedDirectories;
+    TavroPlace place;
+    while (!created.empty() && !m_places.Find(created.back(), place) &&
+           TavroRemoveDirectoryAt(place.Number(), place.Name.c_str()) == 0) {
+        created.pop_back();
+    }
+}
+
+} // namespace
+
+TavroBatchReport TavroRunBatch(std::vector<TavroBatchStep>& Steps, const TavroBatchHooks& Hooks,
+                               const TavroCallbacks& Callbacks) {
+    return Batch(Steps, Hooks, Callbacks).Run();
+}
+
+std::string TavroDescribe(const TavroBatchReport& Report) {
+    std::string text = TavroDescribe(Report.Failure);
+    for (const TavroFailure& failure : Report.RollBack) {
+        text += " Rollback failed: " + TavroDescribe(failure);
+    }
+    return text;
+}
