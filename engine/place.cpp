@@ -151,6 +151,13 @@ int TavroPlaces::Open(const std::string& Directory,
     return 0;
 }
 
+void TavroPlaces::Forget(const std::string& OwnPath) {
+    const auto isGone = [&](const auto& open) {
+        return open->OwnPath == OwnPath || TavroIsBelow(OwnPath, open->OwnPath);
+    };
+    m_open.erase(std::remove_if(m_open.begin(), m_open.end(), isGone), m_open.end());
+}
+
 TavroFailure TavroPlaces::Find(const std::string& Path, TavroPlace& OutPlace) {
     const std::string path = EntryPath(Path);
     const std::string directory = TavroParentOf(path);

@@ -56,6 +56,10 @@ public:
     TavroFailure FindOrCreate(const std::string& Path, mode_t Mode,
                               std::vector<std::string>& OutCreated, TavroPlace& OutPlace);
 
+    /// Closes a directory and what is below it, because it has gone from its path: whoever finds
+    /// that path again is to get what is there by then.
+    void Forget(const std::string& OwnPath);
+
 private:
     /// @return 0, or the error number.
     int Open(const std::string& Directory, std::shared_ptr<const TavroDirectory>& OutDirectory);
