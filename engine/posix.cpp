@@ -290,6 +290,15 @@ int TavroLinkAt(int FromDirectory, const char* From, int ToDirectory, const char
     return ErrorOf([&] { return linkat(FromDirectory, From, ToDirectory, To, 0); });
 }
 
+int TavroLinkOpenAt(int Descriptor, int ToDirectory, const char* To) {
+    const int error =
+        ErrorOf([&] { return linkat(Descriptor, "", ToDirectory, To, AT_EMPTY_PATH); });
+    // Older kernels let only privileged processes do that, and say that nothing is there.
+    return error != ENOENT ? error : ErrorOf([&] {
+        return linkat(AT_FDCWD, ProcPath(Descriptor).data(), ToDirectory, To, AT_SYMLINK_FOLLOW);
+    });
+}
+
 int TavroUnlinkAt(int Directory, const char* Name) {
     return ErrorOf([&] { return unlinkat(Directory, Name, 0); });
 }
@@ -464,7 +473,9 @@ int TavroSetAttribute(int Descriptor, const char* Name, const std::string& Value
 }
 
 int TavroRemoveAttribute(int Descriptor, const char* Name) {
-    return ErrorOf([&] { return fremovexattr(Descriptor, Name); });
+    const int error = ErrorOf([&] { return fremovexattr(Descriptor, Name); });
+    return error != EBADF ? error
+                          : ErrorOf([&] { return removexattr(ProcPath(Descriptor).data(), Name); });
 }
 
 // =================================================================================================

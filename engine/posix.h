@@ -120,6 +120,10 @@ int TavroRename(int FromDirectory, const char* From, int ToDirectory, const char
 int TavroExchange(int FromDirectory, const char* From, int ToDirectory, const char* To);
 
 int TavroLinkAt(int FromDirectory, const char* From, int ToDirectory, const char* To);
+
+/// Gives an open file one more name, or its first: what becomes of its other names does not matter.
+int TavroLinkOpenAt(int Descriptor, int ToDirectory, const char* To);
+
 int TavroUnlinkAt(int Directory, const char* Name);
 int TavroRemoveDirectoryAt(int Directory, const char* Name);
 int TavroMakeDirectoryAt(int Directory, const char* Name, mode_t Mode);

@@ -21,15 +21,17 @@ void TavroDirectoryStack::Push(TavroDescriptor Directory, const TavroIdentity& I
     }
 }
 
-int TavroDirectoryStack::Pop() {
-    const Level left = std::move(m_levels.back());
+int TavroDirectoryStack::Pop(TavroDescriptor* OutLeft) {
+    TavroDescriptor ignored;
+    TavroDescriptor& left = OutLeft != nullptr ? *OutLeft : ignored;
+    left = std::move(m_levels.back().Directory);
     m_levels.pop_back();
     if (m_levels.empty() || m_levels.back().Directory.IsOpen()) {
         return 0;
     }
     TavroDescriptor above;
     struct stat status = {};
-    int error = TavroOpenDirectoryAt(left.Directory.Number(), "..", above);
+    int error = TavroOpenDirectoryAt(left.Number(), "..", above);
     error = error != 0 ? error : TavroStat(above.Number(), status);
     if (error == 0 && TavroIdentityOf(status) != m_levels.back().Identity) {
         error = ESTALE;

@@ -24,9 +24,10 @@ public:
     void Push(TavroDescriptor Directory, const TavroIdentity& Identity);
 
     /// Steps up.
+    /// @param OutLeft  unless null, gets the directory that was left, open; set in any case.
     /// @return 0; ESTALE when ".." is another directory than the one that was left, or the error
     ///         number of opening it. Top is -1 then.
-    int Pop();
+    int Pop(TavroDescriptor* OutLeft = nullptr);
 
     /// The current directory; the base while there is none.
     int Top() const {
