@@ -5,7 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <fcntl.h>
+#include <climits>
 #include <filesystem>
 
 namespace fs = std::filesystem;
@@ -15,24 +15,35 @@ namespace {
 /// How many directories are kept open.
 constexpr std::size_t keptOpen = 8;
 
+bool IsRelative(const std::string& Path) {
+    return Path.empty() || Path.front() != '/';
+}
+
+/// Empty when there is none any more.
 std::string CurrentDirectory() {
     std::error_code ec;
     return fs::current_path(ec).string();
 }
 
-/// A path without `.` components and doubled separators, made absolute.
+/// A path without `.` components and doubled separators, made absolute. Without a current directory
+/// a relative path stays one: it must not become one of the root directory.
 std::string AbsoluteText(const std::string& Path, const std::string& Current) {
-    const bool bAbsolute = !Path.empty() && Path.front() == '/';
-    std::string result = bAbsolute || Current == "/" ? "" : Current;
+    const bool bRelative = IsRelative(Path);
+    const bool bStaysRelative = bRelative && Current.empty();
+    std::string result = bRelative && Current != "/" ? Current : "";
     for (std::size_t at = 0; at < Path.size();) {
         const std::size_t end = std::min(Path.find('/', at), Path.size());
-        const std::string component = Path.substr(at, end - at);
-        if (!component.empty() && component != ".") {
-            result += '/' + component;
+        if (end != at && Path.compare(at, end - at, ".") != 0) {
+            result.append(bStaysRelative && result.empty() ? "" : "/").append(Path, at, end - at);
         }
         at = end + 1;
     }
-    return result.empty() ? "/" : result;
+    return !result.empty() ? result : bStaysRelative ? "." : "/";
+}
+
+/// A path with its links resolved; one that is too long for the kernel stays as it is.
+std::string ResolvedText(const std::string& Path) {
+    return Path.size() < PATH_MAX ? TavroCanonicalizePath(Path) : Path;
 }
 
 /// A separator, or `/.`, at the end means the directory behind a link.
@@ -43,19 +54,15 @@ bool MeansDirectoryBehind(const std::string& Path) {
 
 /// The path of the entry that a text means, as told at TavroSelectEntry.
 std::string EntryPath(const std::string& Text, const std::string& Current) {
+    if (Text.empty()) {
+        return Text;
+    }
     std::string path = AbsoluteText(Text, Current);
     struct stat status = {};
-    const bool bThroughLink =
-        MeansDirectoryBehind(Text) && TavroStatPath(path, status) == 0 && S_ISLNK(status.st_mode) &&
-        TavroStatTargetAt(AT_FDCWD, path.c_str(), status) == 0 && S_ISDIR(status.st_mode);
-    if (bThroughLink || TavroNameOf(path) == "..") {
-        path = TavroCanonicalizePath(path);
-    }
-    return path;
-}
-
-bool IsRelative(const std::string& Text) {
-    return Text.empty() || Text.front() != '/';
+    const bool bThroughLink = MeansDirectoryBehind(Text) && TavroStatPath(path, status) == 0 &&
+                              S_ISLNK(status.st_mode) && TavroStatPath(path + "/.", status) == 0;
+    const bool bUp = TavroNameOf(path) == ".." && TavroStatPath(path, status) == 0;
+    return bThroughLink || bUp ? ResolvedText(path) : path;
 }
 
 std::string EntryPath(const std::string& Text) {
@@ -107,8 +114,7 @@ TavroOperationEntry TavroSelectEntry(const std::string& Path) {
 
 std::string TavroFindOwnPath(const std::string& Path) {
     const std::string path = TavroNameEntry(Path).Path;
-    return path == "/" ? path
-                       : TavroJoin(TavroCanonicalizePath(TavroParentOf(path)), TavroNameOf(path));
+    return path == "/" ? path : TavroJoin(ResolvedText(TavroParentOf(path)), TavroNameOf(path));
 }
 
 bool TavroIsPresent(const std::string& Path) {
@@ -131,20 +137,30 @@ int TavroPlaces::Open(const std::string& Directory,
     });
     if (found != m_open.end()) {
         OutDirectory = *found;
+        std::rotate(m_open.begin(), found, found + 1);
         return 0;
     }
-    auto opened = std::make_shared<TavroDirectory>();
+    TavroDescriptor opened;
+    const int error = TavroOpenDirectory(Directory, opened);
+    return error != 0 ? error : Keep(std::move(opened), Directory, OutDirectory);
+}
+
+int TavroPlaces::Keep(TavroDescriptor Opened, const std::string& Path,
+                      std::shared_ptr<const TavroDirectory>& OutDirectory) {
+    auto directory = std::make_shared<TavroDirectory>();
     struct stat status = {};
-    int error = TavroOpenDirectory(Directory, opened->Descriptor);
-    error = error != 0 ? error : TavroStat(opened->Descriptor.Number(), status);
+    const int error = TavroStat(Opened.Number(), status);
     if (error != 0) {
         return error;
     }
-    opened->Identity = TavroIdentityOf(status);
-    opened->Path = Directory;
-    opened->OwnPath = TavroCanonicalizePath(Directory);
-    OutDirectory = opened;
-    m_open.push_front(std::move(opened));
+    if (TavroPathOf(Opened.Number(), directory->OwnPath) != 0) {
+        directory->OwnPath = ResolvedText(Path);
+    }
+    directory->Identity = TavroIdentityOf(status);
+    directory->Path = Path;
+    directory->Descriptor = std::move(Opened);
+    OutDirectory = directory;
+    m_open.push_front(std::move(directory));
     if (m_open.size() > keptOpen) {
         m_open.pop_back();
     }
@@ -158,41 +174,86 @@ void TavroPlaces::Forget(const std::string& OwnPath) {
     m_open.erase(std::remove_if(m_open.begin(), m_open.end(), isGone), m_open.end());
 }
 
+namespace {
+
+/// @return 0 for the path of an entry; else why it is none: the error number.
+int FindFaultOf(const std::string& Path) {
+    struct stat status = {};
+    if (Path.empty() || Path == ".") {
+        return ENOENT;
+    }
+    if (Path.find('\0') != std::string::npos) {
+        return EINVAL;
+    }
+    if (TavroNameOf(Path) != "..") {
+        return 0;
+    }
+    // It could not be resolved: it is missing, or too long.
+    const int error = TavroStatPath(Path, status);
+    return error != 0 ? error : ENAMETOOLONG;
+}
+
+} // namespace
+
 TavroFailure TavroPlaces::Find(const std::string& Path, TavroPlace& OutPlace) {
     const std::string path = EntryPath(Path);
-    const std::string directory = TavroParentOf(path);
-    std::shared_ptr<const TavroDirectory> opened;
-    const int error = Open(directory, opened);
+    std::shared_ptr<const TavroDirectory> directory;
+    int error = FindFaultOf(path);
+    error = error != 0 ? error : Open(TavroParentOf(path), directory);
     if (error != 0) {
         return TavroFail(TavroFailureKind::LookAt, error, Path);
     }
-    OutPlace = {std::move(opened), path == "/" ? "." : TavroNameOf(path)};
+    OutPlace = {std::move(directory), path == "/" ? "." : TavroNameOf(path)};
     return {};
 }
 
 TavroFailure TavroPlaces::FindOrCreate(const std::string& Path, mode_t Mode,
                                        std::vector<std::string>& OutCreated, TavroPlace& OutPlace) {
-    std::vector<std::string> missing;
-    std::string path = Path;
+    const std::string path = EntryPath(Path);
+    const int fault = FindFaultOf(path);
+    if (fault != 0) {
+        return TavroFail(TavroFailureKind::LookAt, fault, Path);
+    }
+    std::vector<std::string> missing; // inner ones first
+    std::string above = path;
     TavroPlace place;
     TavroFailure failure = Find(path, place);
-    while (failure && failure.Error == std::errc::no_such_file_or_directory && path != "/") {
-        path = TavroParentOf(EntryPath(path));
-        missing.push_back(path);
-        failure = Find(path, place);
+    while (failure && failure.Error.value() == ENOENT && above != TavroParentOf(above)) {
+        above = TavroParentOf(above);
+        missing.push_back(above);
+        failure = Find(above, place);
     }
-    for (; !failure && !missing.empty(); missing.pop_back()) {
-        const int error = TavroMakeDirectoryAt(place.Number(), place.Name.c_str(), Mode);
-        if (error == 0) {
-            OutCreated.push_back(missing.back());
-        } else if (error != EEXIST) {
-            return TavroFail(TavroFailureKind::CreateDirectory, error, missing.back());
+    if (failure) {
+        failure.Path = Path;
+        return failure;
+    }
+    for (; !missing.empty(); missing.pop_back()) {
+        failure = EnterCreated(missing.back(), Mode, OutCreated, place);
+        if (failure) {
+            return failure;
         }
-        const bool bLast = missing.size() == 1;
-        failure = Find(bLast ? Path : missing[missing.size() - 2], place);
+        place.Name = TavroNameOf(missing.size() == 1 ? path : missing[missing.size() - 2]);
     }
-    if (!failure) {
-        OutPlace = std::move(place);
+    OutPlace = std::move(place);
+    return {};
+}
+
+/// Creates the directory that a place names, and goes into it.
+TavroFailure TavroPlaces::EnterCreated(const std::string& Path, mode_t Mode,
+                                       std::vector<std::string>& OutCreated, TavroPlace& Place) {
+    const int error = TavroMakeDirectoryAt(Place.Number(), Place.Name.c_str(), Mode);
+    if (error == 0) {
+        OutCreated.push_back(Path);
+    } else if (error != EEXIST) {
+        return TavroFail(TavroFailureKind::CreateDirectory, error, Path);
     }
-    return failure;
+    // What was missing a moment ago is no link by which somebody leads it elsewhere.
+    TavroDescriptor opened;
+    int openError = TavroOpenDirectoryAt(Place.Number(), Place.Name.c_str(), opened);
+    openError = openError != 0 ? openError : Keep(std::move(opened), Path, Place.Directory);
+    if (openError == 0) {
+        return {};
+    }
+    const bool bInTheWay = error == EEXIST && openError == ENOTDIR;
+    return TavroFail(TavroFailureKind::CreateDirectory, bInTheWay ? EEXIST : openError, Path);
 }

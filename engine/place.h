@@ -22,6 +22,7 @@ struct TavroDirectory {
     std::string OwnPath; ///< Absolute, with links resolved as far as they could be.
 };
 
+/// As long as a place is kept, its directory is open: not to be kept for thousands of entries.
 struct TavroPlace {
     std::shared_ptr<const TavroDirectory> Directory;
     std::string Name;
@@ -40,18 +41,22 @@ struct TavroPlace {
 /// Opens directories, and keeps the last few open: neighbours in a selection share them.
 class TavroPlaces {
 public:
-    /// The place of the entry at a path. Links on the way are followed, here and only here; the
-    /// entry itself need not exist. `/` and a path that ends in `..` become the directory's own
-    /// place.
+    /// The place of the entry that a path means, as told at TavroSelectEntry. Links on the way are
+    /// followed, here and only here; the entry itself need not exist. The place of `/` is "." in
+    /// itself; no other place has the name ".".
     ///
     /// @param OutPlace  set after success only.
     /// @return a failure of the kind LookAt, with the path as it was given, when the directory
-    ///         cannot be opened.
+    ///         cannot be opened, and for what is no path: an empty one (ENOENT), one with a zero
+    ///         byte (EINVAL), one that ends in `..` and cannot be resolved.
     TavroFailure Find(const std::string& Path, TavroPlace& OutPlace);
 
-    /// As Find; directories that are missing above the entry are created.
+    /// As Find; directories that are missing above the entry are created, and entered without
+    /// following a link that somebody has put in their place meanwhile.
+    ///
     /// @param Mode        that of new directories, less the umask.
-    /// @param OutCreated  gets the paths of the created ones added, outer ones first.
+    /// @param OutCreated  gets the paths of the created ones added, outer ones first, also before a
+    ///                    failure.
     /// @return as Find; or of the kind CreateDirectory, with the directory's path.
     TavroFailure FindOrCreate(const std::string& Path, mode_t Mode,
                               std::vector<std::string>& OutCreated, TavroPlace& OutPlace);
@@ -63,6 +68,10 @@ public:
 private:
     /// @return 0, or the error number.
     int Open(const std::string& Directory, std::shared_ptr<const TavroDirectory>& OutDirectory);
+    int Keep(TavroDescriptor Opened, const std::string& Path,
+             std::shared_ptr<const TavroDirectory>& OutDirectory);
+    TavroFailure EnterCreated(const std::string& Path, mode_t Mode,
+                              std::vector<std::string>& OutCreated, TavroPlace& Place);
 
     std::deque<std::shared_ptr<const TavroDirectory>> m_open; ///< The last used first.
 };
@@ -71,11 +80,13 @@ private:
 ///
 /// @param Path  absolute, or relative to the current directory of the process. Links are not
 ///              resolved; `.` components and separators at the end are dropped, unless the path is
-///              a link whose separator at the end (or `/.`) means the directory behind it. An audio
-///              track's path stays as it is.
-/// @return the record with an absolute `Path`, its last component as `Name`, and `bDirectory` true
-///         exactly for a directory that is not a symbolic link. Whether anything exists there is
-///         not reported: `bDirectory` is false then.
+///              a link whose separator at the end (or `/.`) means the directory behind it. A path
+///              that ends in `..` is resolved where it exists. An audio track's path stays as it
+///              is, and so does an empty one.
+/// @return the record with an absolute `Path` (relative only when there is no current directory any
+///         more), its last component as `Name`, and `bDirectory` true exactly for a directory that
+///         is not a symbolic link. Whether anything exists there is not reported: `bDirectory` is
+///         false then.
 TavroOperationEntry TavroSelectEntry(const std::string& Path);
 
 /// As TavroSelectEntry, without looking at the entry where the path alone tells enough:

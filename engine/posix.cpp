@@ -120,6 +120,9 @@ int OpenInParts(const std::string& Path, TavroDescriptor& OutBase, std::string& 
 template <typename Call> int WithShortPath(const std::string& Path, Call Make) {
     TavroDescriptor base;
     std::string rest;
+    if (Path.find('\0') != std::string::npos) {
+        return EINVAL;
+    }
     if (Path.size() < PATH_MAX) {
         return Make(AT_FDCWD, Path.c_str());
     }
@@ -192,12 +195,14 @@ int TavroStatWithMount(int Descriptor, struct stat& OutStatus, std::uint64_t& Ou
     OutStatus.st_atim = TimeOf(status.stx_atime);
     OutStatus.st_mtim = TimeOf(status.stx_mtime);
     OutStatus.st_ctim = TimeOf(status.stx_ctime);
-    OutMount = status.stx_mnt_id;
+    const bool bMountKnown = (status.stx_mask & STATX_MNT_ID) != 0;
+    OutMount = bMountKnown ? status.stx_mnt_id : OutStatus.st_dev;
     return 0;
 }
 
 int TavroAccessAt(int Directory, const char* Name, int Mode) {
-    return ErrorOf([&] { return faccessat(Directory, Name, Mode, AT_EACCESS); });
+    return ErrorOf(
+        [&] { return faccessat(Directory, Name, Mode, AT_EACCESS | AT_SYMLINK_NOFOLLOW); });
 }
 
 int TavroReadLinkAt(int Directory, const char* Name, std::string& OutTarget) {
@@ -210,6 +215,15 @@ int TavroReadLinkAt(int Directory, const char* Name, std::string& OutTarget) {
     target.resize(static_cast<std::size_t>(size));
     OutTarget = std::move(target);
     return 0;
+}
+
+int TavroPathOf(int Descriptor, std::string& OutPath) {
+    struct stat status = {};
+    const int error = TavroStat(Descriptor, status);
+    if (error != 0 || status.st_nlink == 0) {
+        return error != 0 ? error : ENOENT;
+    }
+    return TavroReadLinkAt(AT_FDCWD, ProcPath(Descriptor).data(), OutPath);
 }
 
 const char* TavroListing::Next() {
@@ -239,10 +253,10 @@ int TavroListDirectory(int Directory, TavroListing& OutListing) {
     for (;;) {
         const ssize_t size =
             Uninterrupted([&] { return getdents64(Directory, block.data(), block.size()); });
-        if (size < 0) {
+        if (size < 0 && errno != ENOENT) {
             return errno;
         }
-        if (size == 0) {
+        if (size <= 0) {
             OutListing = std::move(listing);
             return 0;
         }
@@ -271,8 +285,9 @@ int TavroRenameNoReplace(int FromDirectory, const char* From, int ToDirectory, c
     }
     // The same error can mean a directory moved into itself; the plain rename then says so again.
     struct stat status = {};
-    if (TavroStatAt(ToDirectory, To, status) != ENOENT) {
-        return EEXIST;
+    const int lookError = TavroStatAt(ToDirectory, To, status);
+    if (lookError != ENOENT) {
+        return lookError == 0 ? EEXIST : lookError;
     }
     return TavroRename(FromDirectory, From, ToDirectory, To);
 }
@@ -484,10 +499,15 @@ int TavroRemoveAttribute(int Descriptor, const char* Name) {
 
 int TavroSync(int Descriptor) {
     const int error = ErrorOf([&] { return fsync(Descriptor); });
-    return error == EINVAL ? 0 : error;
+    return error == EBADF ? TavroSyncFileSystem(Descriptor) : error == EINVAL ? 0 : error;
 }
 
 int TavroSyncFileSystem(int Descriptor) {
-    const int error = ErrorOf([&] { return syncfs(Descriptor); });
+    int error = ErrorOf([&] { return syncfs(Descriptor); });
+    TavroDescriptor file;
+    // A file without a name can be created where names can, whether they can be read or not.
+    if (error == EBADF && TavroOpenAt(Descriptor, ".", O_TMPFILE | O_WRONLY, file, 0600) == 0) {
+        error = ErrorOf([&] { return syncfs(file.Number()); });
+    }
     return error == EINVAL ? 0 : error;
 }

@@ -41,8 +41,7 @@ private:
     int m_number = -1;
 };
 
-// --- Opening
-// --------------------------------------------------------------------------------------
+// --- Opening ---
 
 /// Opens a name below a directory. O_NOFOLLOW and O_CLOEXEC are added to `Flags`.
 int TavroOpenAt(int Directory, const char* Name, int Flags, TavroDescriptor& OutDescriptor,
@@ -52,14 +51,14 @@ int TavroOpenAt(int Directory, const char* Name, int Flags, TavroDescriptor& Out
 int TavroOpenDirectoryAt(int Directory, const char* Name, TavroDescriptor& OutDescriptor);
 
 /// Opens a directory by a path of any length, absolute or relative to the current directory. Links
-/// on the way are followed. One that may be searched but not listed is opened with O_PATH.
+/// on the way are followed. One that may be searched but not listed is opened with O_PATH. A path
+/// with a zero byte in it is EINVAL, here and wherever a whole path is taken.
 int TavroOpenDirectory(const std::string& Path, TavroDescriptor& OutDescriptor);
 
-/// Opens a regular file for reading by its path, links followed; a FIFO is not waited for.
+/// Opens a file for reading by its path, links followed; a FIFO is not waited for.
 int TavroOpenFile(const std::string& Path, TavroDescriptor& OutDescriptor);
 
-// --- Looking
-// --------------------------------------------------------------------------------------
+// --- Looking ---
 
 int TavroStatAt(int Directory, const char* Name, struct stat& OutStatus);
 int TavroStat(int Descriptor, struct stat& OutStatus);
@@ -70,13 +69,19 @@ int TavroStatTargetAt(int Directory, const char* Name, struct stat& OutStatus);
 /// By a path of any length; the last component is not followed.
 int TavroStatPath(const std::string& Path, struct stat& OutStatus);
 
-/// The status of an open file, and the number of the mount that it lies on.
+/// The status of an open file, and the number of the mount that it lies on; that of the device
+/// where the kernel does not tell mounts apart.
 int TavroStatWithMount(int Descriptor, struct stat& OutStatus, std::uint64_t& OutMount);
 
 /// Whether this process may do so with a name: `Mode` is of R_OK, W_OK, X_OK. "." is the directory.
+/// A link is asked itself, and always says yes.
 int TavroAccessAt(int Directory, const char* Name, int Mode);
 
 int TavroReadLinkAt(int Directory, const char* Name, std::string& OutTarget);
+
+/// The path by which the kernel knows an open directory now, links resolved; ENAMETOOLONG when it
+/// is longer than the kernel tells, ENOENT when the directory has been removed.
+int TavroPathOf(int Descriptor, std::string& OutPath);
 
 /// The names in a directory with their types, read at once, so that nothing that happens to the
 /// directory meanwhile disturbs the reader. Without "." and "..".
@@ -103,11 +108,10 @@ private:
     std::size_t m_next = 0;
 };
 
-/// Lists an open directory from its beginning.
+/// Lists an open directory from its beginning. One that was removed meanwhile is empty.
 int TavroListDirectory(int Directory, TavroListing& OutListing);
 
-// --- Changing names
-// -------------------------------------------------------------------------------
+// --- Changing names ---
 
 /// Renames without replacing anything: EEXIST when something is at the new name. Where the file
 /// system has no such call, the name is looked at first.
@@ -130,8 +134,7 @@ int TavroMakeDirectoryAt(int Directory, const char* Name, mode_t Mode);
 int TavroSymlinkAt(const char* Target, int Directory, const char* Name);
 int TavroMakeFifoAt(int Directory, const char* Name, mode_t Mode);
 
-// --- Bytes
-// ----------------------------------------------------------------------------------------
+// --- Bytes ---
 
 /// Reads at an offset. @param OutCount  0 at the end of the file.
 int TavroReadAt(int Descriptor, char* Bytes, std::size_t Size, off_t Offset, std::size_t& OutCount);
@@ -153,10 +156,10 @@ int TavroTruncate(int Descriptor, off_t Size);
 /// Reads a whole file of `Limit` bytes at most; EFBIG for a longer one.
 int TavroReadFile(int Descriptor, std::size_t Limit, std::string& OutBytes);
 
-// --- Attributes
-// -----------------------------------------------------------------------------------
+// --- Attributes ---
 //
-// On open files. One that was opened with O_PATH (a link, a FIFO) is reached through /proc.
+// On open files. The extended attributes of what was opened with O_PATH (a link, a FIFO) are
+// reached through /proc; its mode and times have functions of their own.
 
 int TavroSetMode(int Descriptor, mode_t Mode);
 int TavroSetOwner(int Descriptor, uid_t User, gid_t Group);
@@ -171,14 +174,15 @@ int TavroGetAttribute(int Descriptor, const char* Name, std::string& OutValue);
 int TavroSetAttribute(int Descriptor, const char* Name, const std::string& Value);
 int TavroRemoveAttribute(int Descriptor, const char* Name);
 
-// --- The disk
-// -------------------------------------------------------------------------------------
+// --- The disk ---
 
-/// Lets an open file or directory reach the disk. A file system that does not sync directories is
-/// no error.
+// A file system that cannot sync is no error. A directory that was opened with O_PATH, because it
+// cannot be read, reaches the disk with its whole file system.
+
+/// Lets an open file or directory reach the disk.
 int TavroSync(int Descriptor);
 
-/// Lets everything written to the file system of an open file reach the disk.
+/// Lets everything written to the file system of an open file or directory reach the disk.
 int TavroSyncFileSystem(int Descriptor);
 
 #endif

@@ -24,7 +24,7 @@ private:
     void RemoveDirectory();
     bool MakeOpenable();
     void RemoveUnopened();
-    bool IsExpected();
+    bool IsWanted();
     bool IsCancelled();
     void Fail(int Error);
 
@@ -54,7 +54,8 @@ bool Removal::IsCancelled() {
 }
 
 TavroFailure Removal::Run() {
-    if (!IsExpected()) {
+    if (m_place.Name == "." || m_place.Name == "..") {
+        Fail(EINVAL);
         return m_failure;
     }
     for (TavroWalkEvent event = m_walk.Next(); event != TavroWalkEvent::End && !m_bStopped;
@@ -94,46 +95,35 @@ void Removal::TakeStep(TavroWalkEvent Event) {
     }
 }
 
-/// Looks at the entry before anything is done to it, where it has to be a certain one.
-bool Removal::IsExpected() {
-    if (!m_options.Expected) {
-        return true;
+/// Whether the entry of the event may go: nobody cancels, and it is the expected file where it has
+/// to be a certain one.
+bool Removal::IsWanted() {
+    if (m_walk.IsFirst() && m_options.Expected &&
+        TavroIdentityOf(m_walk.Status()) != *m_options.Expected) {
+        m_failure = TavroFail(TavroFailureKind::Changed, 0, m_place.Path());
+        m_bStopped = true;
     }
-    struct stat status = {};
-    const int error = TavroStatAt(m_place.Number(), m_place.Name.c_str(), status);
-    if (error == ENOENT) {
-        return false;
-    }
-    if (error != 0 || TavroIdentityOf(status) != *m_options.Expected) {
-        m_failure = error != 0 ? TavroFail(TavroFailureKind::Remove, error, m_place.Path())
-                               : TavroFail(TavroFailureKind::Changed, 0, m_place.Path());
-        return false;
-    }
-    return true;
+    return !m_bStopped && !IsCancelled();
 }
 
 void Removal::Enter() {
-    if (IsCancelled()) {
+    if (!IsWanted()) {
         return;
     }
-    const bool bFirst = m_walk.IsFirst();
-    m_mount = bFirst ? m_walk.EnteredMount() : m_mount;
-    if (bFirst && m_options.Expected &&
-        TavroIdentityOf(m_walk.EnteredStatus()) != *m_options.Expected) {
-        m_failure = TavroFail(TavroFailureKind::Changed, 0, m_place.Path());
-        m_bStopped = true;
-    } else if (m_walk.EnteredMount() != m_mount) {
+    const struct stat& status = m_walk.Status();
+    m_mount = m_walk.IsFirst() ? m_walk.EnteredMount() : m_mount;
+    if (m_walk.EnteredMount() != m_mount) {
         Fail(EBUSY);
         m_walk.Skip();
-    } else if (m_options.bOpenReadOnly && (m_walk.EnteredStatus().st_mode & 0300U) != 0300U &&
-               m_walk.EnteredStatus().st_uid == geteuid()) {
+    } else if (m_options.bOpenReadOnly && (status.st_mode & 0300U) != 0300U &&
+               status.st_uid == geteuid()) {
         // Its entries could not be removed. What cannot be helped shows at the entries.
-        TavroSetMode(m_walk.Entered(), m_walk.EnteredStatus().st_mode | 0700U);
+        TavroSetMode(m_walk.Entered(), status.st_mode | 0700U);
     }
 }
 
 void Removal::RemoveLeaf() {
-    if (IsCancelled()) {
+    if (!IsWanted()) {
         return;
     }
     const int error = TavroUnlinkAt(m_walk.Directory(), m_walk.Name().c_str());
@@ -166,6 +156,9 @@ bool Removal::MakeOpenable() {
 
 void Removal::RemoveUnopened() {
     const int error = m_walk.Error();
+    if (!IsWanted()) {
+        return;
+    }
     if (MakeOpenable()) {
         m_walk.Retry();
         m_bRetried = true;

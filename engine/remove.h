@@ -29,7 +29,7 @@ struct TavroRemoveOptions {
 /// @return no failure when nothing is left, also when nothing was there; Cancelled; Changed when
 /// the
 ///         entry is not the expected file; else the first failure, of the kind Remove, with the
-///         path of what could not be removed.
+///         path of what could not be removed. A place named "." or ".." is refused so, by EINVAL.
 TavroFailure TavroRemoveTree(const TavroPlace& Place, const TavroRemoveOptions& Options = {});
 
 #endif

@@ -95,12 +95,11 @@ TavroWalkEvent TavroTreeWalk::Arrive(unsigned char Type) {
     if (m_type != DT_UNKNOWN) {
         return TavroWalkEvent::Leaf;
     }
-    struct stat status = {};
-    const int error = TavroStatAt(m_stack.Top(), m_name.c_str(), status);
+    const int error = TavroStatAt(m_stack.Top(), m_name.c_str(), m_status);
     if (error != 0) {
         return Fail(TavroWalkEvent::CannotLook, error);
     }
-    m_type = static_cast<unsigned char>(IFTODT(status.st_mode));
+    m_type = static_cast<unsigned char>(IFTODT(m_status.st_mode));
     return m_type == DT_DIR ? Open() : TavroWalkEvent::Leaf;
 }
 

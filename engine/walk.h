@@ -96,6 +96,12 @@ public:
         return m_type;
     }
 
+    /// The status of what was looked up last: after Enter of the directory, as it was opened; also
+    /// that of the first entry, whatever it is.
+    const struct stat& Status() const {
+        return m_status;
+    }
+
     /// After Enter: the directory, open; its status, and the mount that it lies on.
     int Entered() const {
         return m_entered.Number();
