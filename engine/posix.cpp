@@ -140,9 +140,13 @@ int TavroOpenDirectory(const std::string& Path, TavroDescriptor& OutDescriptor) 
 
 int TavroOpenFile(const std::string& Path, TavroDescriptor& OutDescriptor) {
     return WithShortPath(Path, [&](int directory, const char* path) {
-        return Open([&] { return openat(directory, path, O_RDONLY | O_NONBLOCK | O_CLOEXEC); },
-                    OutDescriptor);
+        return TavroOpenFileAt(directory, path, OutDescriptor);
     });
+}
+
+int TavroOpenFileAt(int Directory, const char* Name, TavroDescriptor& OutDescriptor) {
+    return Open([&] { return openat(Directory, Name, O_RDONLY | O_NONBLOCK | O_CLOEXEC); },
+                OutDescriptor);
 }
 
 // =================================================================================================

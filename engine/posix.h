@@ -58,6 +58,9 @@ int TavroOpenDirectory(const std::string& Path, TavroDescriptor& OutDescriptor);
 /// Opens a file for reading by its path, links followed; a FIFO is not waited for.
 int TavroOpenFile(const std::string& Path, TavroDescriptor& OutDescriptor);
 
+/// As TavroOpenFile, for a name below a directory.
+int TavroOpenFileAt(int Directory, const char* Name, TavroDescriptor& OutDescriptor);
+
 // --- Looking ---
 
 int TavroStatAt(int Directory, const char* Name, struct stat& OutStatus);

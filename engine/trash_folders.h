@@ -4,6 +4,7 @@
 #define TAVRO_ENGINE_TRASH_FOLDERS_H
 
 #include "failure.h"
+#include "posix.h"
 
 #include <string>
 
@@ -23,5 +24,15 @@ TavroTrashFolders TavroFindTrashFolders();
 /// @return no failure when they exist; NoHome, TrashNeedsDirectory, CreateTrashDirectory or
 ///         MakeTrashPrivate, with the path that is in the way or could not be created.
 TavroFailure TavroEnsurePrivateTrash();
+
+/// The home trash, open. Nothing is ever created here.
+struct TavroOpenTrash {
+    TavroTrashFolders Folders;
+    TavroDescriptor Files; ///< A directory that does not exist is not open.
+    TavroDescriptor Info;
+
+    /// @return no failure, NoHome, or ReadTrash with the path of what cannot be opened.
+    TavroFailure Open();
+};
 
 #endif

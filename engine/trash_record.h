@@ -4,20 +4,29 @@
 #define TAVRO_ENGINE_TRASH_RECORD_H
 
 #include "failure.h"
+#include "names.h"
 
+#include <cstdint>
 #include <ctime>
 #include <optional>
 #include <string>
+#include <sys/types.h>
+#include <unordered_set>
 
 /// The longest name in the trash that leaves room for its record's.
 constexpr std::size_t TavroLongestTrashName = 245;
 
-constexpr const char* TavroRecordSuffix = ".trashinfo";
+/// The name of the record of an item.
+std::string TavroRecordName(const std::string& Item);
+
+/// The name of the item that a file is the record of, by its name; nothing when it is no record.
+std::optional<std::string> TavroItemOfRecord(const std::string& File);
 
 /// What a record tells.
 struct TavroTrashRecord {
-    std::string Path; ///< Where the entry was. Absolute.
-    std::string Date; ///< Local time, 2024-03-05T14:07:09. Empty when it cannot be read.
+    std::string Path;           ///< Where the entry was. Absolute.
+    std::string Date;           ///< Local time, 2024-03-05T14:07:09. Empty when it cannot be read.
+    std::int64_t WrittenAt = 0; ///< In nanoseconds since 1970.
 };
 
 /// The text of a record: byte for byte what the module writes.
@@ -26,11 +35,41 @@ std::string TavroRecordText(const std::string& OriginalPath, std::time_t Time);
 /// Creates a record whole, for the user to read and write whatever the umask. One that is there is
 /// never replaced.
 ///
-/// @param Info  the open `info` directory.
-/// @param Name  the name of the item; `.trashinfo` is added.
-/// @return 0; EEXIST when there is a record of that name; else the error number, and no record is
-/// left.
-int TavroCreateRecord(int Info, const std::string& Name, const std::string& Text);
+/// @param Info    the open `info` directory.
+/// @param IoMode  0 for the first record of an operation; the mode that new records get is looked
+///                up then, and kept here for the others.
+/// @return CreateRecord, with EEXIST when there is a record of that name, or WriteRecord; both with
+///         the record's name as the path, and no new record is left.
+TavroFailure TavroCreateRecord(int Info, const std::string& Item, const std::string& Text,
+                               mode_t& IoMode);
+
+/// Claims names for what goes to the trash. A record that was created whole holds its name, for
+/// every program that keeps to the convention. Thousands of entries of one name cost no more than
+/// as many of different names.
+class TavroTrashClaims {
+public:
+    /// @param Files  the open directories of the trash; the caller's.
+    TavroTrashClaims(int Files, int Info) : m_files(Files), m_info(Info) {}
+
+    /// Creates the record of an entry under the first free of NAME, `NAME copy 1.EXT` … that leaves
+    /// room for the record's name. Whether there is an item of that name shows when the entry is
+    /// renamed to it: then Drop, and Claim again, go on to the next name.
+    TavroFailure Claim(const std::string& Wanted, const std::string& OriginalPath,
+                       std::string& OutItem);
+
+    /// Removes a record that was claimed.
+    void Drop(const std::string& Item);
+
+private:
+    void CountCollision();
+
+    int m_files;
+    int m_info;
+    mode_t m_mode = 0;
+    int m_collisions = 0;
+    TavroFreeNames m_names;
+    std::unordered_set<std::string> m_taken; ///< Once collisions were many: the names in the trash.
+};
 
 /// Reads what a record's bytes tell: the first `Path` and `DeletionDate` in the group [Trash Info].
 ///
@@ -41,10 +80,10 @@ std::optional<TavroTrashRecord> TavroParseRecord(const std::string& Bytes, const
 /// Reads a record, of which only the first 64 KiB count. A link is followed; a FIFO is not waited
 /// for.
 /// @return nothing when it cannot be read or tells no path.
-std::optional<TavroTrashRecord> TavroReadRecord(int Info, const std::string& Name,
+std::optional<TavroTrashRecord> TavroReadRecord(int Info, const std::string& Item,
                                                 const std::string& Home);
 
-/// The time that a record's date means, in the local time zone; -1 when it is none.
-std::time_t TavroTimeOfDate(const std::string& Date);
+/// The time that a record's date means, in the local time zone; nothing when it is none.
+std::optional<std::time_t> TavroTimeOfDate(const std::string& Date);
 
 #endif

@@ -1,0 +1,241 @@
+#include "trash_record.h"
+
+#include "identity.h"
+#include "posix.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <fcntl.h>
+#include <string_view>
+
+namespace {
+
+constexpr std::string_view suffix = ".trashinfo";
+
+} // namespace
+
+std::string TavroRecordName(const std::string& Item) {
+    return Item + std::string(suffix);
+}
+
+std::optional<std::string> TavroItemOfRecord(const std::string& File) {
+    if (File.size() < suffix.size() ||
+        File.compare(File.size() - suffix.size(), suffix.size(), suffix) != 0) {
+        return std::nullopt;
+    }
+    return File.substr(0, File.size() - suffix.size());
+}
+
+// =================================================================================================
+// Writing
+// =================================================================================================
+
+std::string TavroRecordText(const std::string& OriginalPath, std::time_t Time) {
+    std::tm fields = {};
+    std::array<char, 32> date = {};
+    localtime_r(&Time, &fields);
+    const std::size_t size = std::strftime(date.data(), date.size(), "%Y-%m-%dT%H:%M:%S", &fields);
+    return "[Trash Info]\nPath=" + TavroPercentEncode(OriginalPath) +
+           "\nDeletionDate=" + std::string(date.data(), size) + "\n";
+}
+
+namespace {
+
+/// The umask may have taken permissions of the user's own.
+int LetUserReadAndWrite(int Record, mode_t& IoMode) {
+    constexpr mode_t needed = S_IRUSR | S_IWUSR;
+    struct stat status = {};
+    if (IoMode == 0) {
+        const int error = TavroStat(Record, status);
+        if (error != 0) {
+            return error;
+        }
+        IoMode = status.st_mode;
+    }
+    return (IoMode & needed) == needed ? 0 : TavroSetMode(Record, (IoMode & 07777U) | needed);
+}
+
+} // namespace
+
+TavroFailure TavroCreateRecord(int Info, const std::string& Item, const std::string& Text,
+                               mode_t& IoMode) {
+    const std::string name = TavroRecordName(Item);
+    TavroDescriptor record;
+    int error = TavroOpenAt(Info, name.c_str(), O_WRONLY | O_CREAT | O_EXCL, record, 0666);
+    if (error != 0) {
+        return TavroFail(TavroFailureKind::CreateRecord, error, name);
+    }
+    error = LetUserReadAndWrite(record.Number(), IoMode);
+    error = error != 0 ? error : TavroWriteAt(record.Number(), Text.data(), Text.size(), 0);
+    const int closing = record.Close();
+    error = error != 0 ? error : closing;
+    if (error == 0) {
+        return {};
+    }
+    TavroUnlinkAt(Info, name.c_str());
+    return TavroFail(TavroFailureKind::WriteRecord, error, name);
+}
+
+namespace {
+
+/// Where so many names are taken, one listing costs less than to try them all.
+constexpr int manyCollisions = 8;
+
+/// How often a name is tried when others take each one first.
+constexpr int tries = 100;
+
+} // namespace
+
+TavroFailure TavroTrashClaims::Claim(const std::string& Wanted, const std::string& OriginalPath,
+                                     std::string& OutItem) {
+    const std::string text = TavroRecordText(OriginalPath, std::time(nullptr));
+    const auto isTaken = [&](const std::string& name) { return m_taken.count(name) != 0; };
+    TavroFailure failure;
+    for (int i = 0; i < tries; ++i) {
+        OutItem = m_names.Choose("", Wanted, isTaken, TavroLongestTrashName);
+        failure = TavroCreateRecord(m_info, OutItem, text, m_mode);
+        if (failure.Error != std::errc::file_exists) {
+            break;
+        }
+        CountCollision();
+    }
+    return failure;
+}
+
+void TavroTrashClaims::Drop(const std::string& Item) {
+    TavroUnlinkAt(m_info, TavroRecordName(Item).c_str());
+    CountCollision();
+}
+
+void TavroTrashClaims::CountCollision() {
+    if (++m_collisions != manyCollisions) {
+        return;
+    }
+    for (const int directory : {m_files, m_info}) {
+        TavroListing listing;
+        if (TavroListDirectory(directory, listing) != 0) {
+            continue;
+        }
+        while (const char* name = listing.Next()) {
+            m_taken.insert(directory == m_info ? TavroItemOfRecord(name).value_or("") : name);
+        }
+    }
+}
+
+// =================================================================================================
+// Reading
+// =================================================================================================
+
+namespace {
+
+std::string WithoutBlanksBefore(const std::string& Text) {
+    return Text.substr(std::min(Text.find_first_not_of(" \t"), Text.size()));
+}
+
+std::string WithoutBlanksAfter(const std::string& Text) {
+    return Text.substr(0, Text.find_last_not_of(" \t") + 1);
+}
+
+/// The line that begins at `Begin`, without its end.
+std::string LineAt(const std::string& Bytes, std::size_t Begin) {
+    std::string line = Bytes.substr(Begin, Bytes.find('\n', Begin) - Begin);
+    if (!line.empty() && line.back() == '\r') {
+        line.pop_back();
+    }
+    return WithoutBlanksBefore(line);
+}
+
+/// The fields of a date in the first 19 bytes of a text; what follows (a fraction, a zone) is
+/// dropped.
+std::optional<std::tm> FieldsOfDate(const std::string& Text) {
+    constexpr std::string_view shape = "dddd-dd-ddTdd:dd:dd";
+    const auto fits = [](char wanted, char byte) {
+        return wanted == 'd' ? byte >= '0' && byte <= '9' : byte == wanted;
+    };
+    std::tm fields = {};
+    fields.tm_isdst = -1;
+    const bool bDate =
+        Text.size() >= shape.size() && std::equal(shape.begin(), shape.end(), Text.begin(), fits) &&
+        strptime(Text.c_str(), "%Y-%m-%dT%H:%M:%S", &fields) != nullptr && fields.tm_sec <= 60;
+    return bDate ? std::optional<std::tm>(fields) : std::nullopt;
+}
+
+/// The values of the first `Path` and the first `DeletionDate` in the group [Trash Info].
+struct RawRecord {
+    std::optional<std::string> Path;
+    std::optional<std::string> Date;
+};
+
+RawRecord SplitRecord(const std::string& Bytes) {
+    RawRecord raw;
+    bool bInGroup = false;
+    std::size_t next = 0;
+    for (std::size_t begin = 0; begin < Bytes.size(); begin = next) {
+        next = std::min(Bytes.find('\n', begin), Bytes.size()) + 1;
+        const std::string line = LineAt(Bytes, begin);
+        if (!line.empty() && line[0] == '[') {
+            bInGroup = WithoutBlanksAfter(line) == "[Trash Info]";
+            continue;
+        }
+        const std::size_t sign = line.find('=');
+        if (!bInGroup || sign == std::string::npos) {
+            continue;
+        }
+        const std::string key = WithoutBlanksAfter(line.substr(0, sign));
+        std::optional<std::string>& value = key == "Path" ? raw.Path : raw.Date;
+        if (!value && (key == "Path" || key == "DeletionDate")) {
+            value = WithoutBlanksBefore(line.substr(sign + 1));
+        }
+    }
+    return raw;
+}
+
+} // namespace
+
+std::optional<TavroTrashRecord> TavroParseRecord(const std::string& Bytes,
+                                                 const std::string& Home) {
+    const RawRecord raw = SplitRecord(Bytes);
+    std::string path = TavroPercentDecode(raw.Path.value_or(""));
+    while (path.size() > 1 && path.back() == '/') {
+        path.pop_back();
+    }
+    // No path holds a zero byte; what is before it would name another entry.
+    if (path.empty() || path.find('\0') != std::string::npos) {
+        return std::nullopt;
+    }
+    const std::string date = raw.Date.value_or("");
+    return TavroTrashRecord{path.front() == '/' ? path : TavroJoin(Home, path),
+                            FieldsOfDate(date) ? date.substr(0, 19) : std::string()};
+}
+
+std::optional<TavroTrashRecord> TavroReadRecord(int Info, const std::string& Item,
+                                                const std::string& Home) {
+    constexpr std::size_t limit = std::size_t{64} << 10U;
+    TavroDescriptor file;
+    struct stat status = {};
+    if (TavroOpenFileAt(Info, TavroRecordName(Item).c_str(), file) != 0 ||
+        TavroStat(file.Number(), status) != 0 || !S_ISREG(status.st_mode)) {
+        return std::nullopt;
+    }
+    std::string bytes(std::min(static_cast<std::size_t>(status.st_size), limit), '\0');
+    for (std::size_t length = 0, count = 1; length < bytes.size(); length += count) {
+        if (TavroReadAt(file.Number(), &bytes[length], bytes.size() - length,
+                        static_cast<off_t>(length), count) != 0) {
+            return std::nullopt;
+        }
+        bytes.resize(count == 0 ? length : bytes.size());
+    }
+    // Of a longer file the last line may be only a part of itself.
+    bytes.resize(bytes.size() < limit ? bytes.size() : bytes.rfind('\n') + 1);
+    std::optional<TavroTrashRecord> record = TavroParseRecord(bytes, Home);
+    if (record) {
+        record->WrittenAt = TavroNanoseconds(status.st_mtim);
+    }
+    return record;
+}
+
+std::optional<std::time_t> TavroTimeOfDate(const std::string& Date) {
+    std::optional<std::tm> fields = FieldsOfDate(Date);
+    return fields ? std::optional<std::time_t>(std::mktime(&*fields)) : std::nullopt;
+}
