@@ -14,14 +14,19 @@
 ///   Where a sentence below ends in REASON, the operating system's text for the error stands there
 ///   (`std::error_code::message()`), for example "Permission denied".
 /// - Failures of the file system are reported by the return value and never thrown. The one
-///   exception is told at TavroRenameEntry. `std::bad_alloc` may leave any operation.
+///   exception is told at TavroRenameEntry. `std::bad_alloc` may leave any operation; where the
+///   standard library walks, copies or removes a tree, it can end the process (`std::terminate`)
+///   instead when memory runs out.
 /// - An out-parameter is the caller's. Use it only when the operation returned true. It must be no
 ///   part of an input, as it may be reset before that is read.
-/// - Tests whether something exists follow symbolic links: a dangling link counts as nothing.
+/// - Tests whether something exists follow symbolic links: a dangling link counts as nothing. What
+///   then moves to its place replaces it if it is no directory and comes from the same file system;
+///   else the move fails.
 /// - The module holds no state, starts no threads and takes no locks. Operations may be called from
 ///   several threads at once, each with out-parameters of its own; they then share only the file
-///   system, whose changes between a check and the act that follows are not excluded. The
-///   environment must not be changed (`setenv`) while an operation runs.
+///   system, whose changes between a check and the act that follows are not excluded. What belongs
+///   to the whole process must not change while an operation runs: the environment (`setenv`), the
+///   locale (`setlocale`), the current directory (`chdir`) and the mask of new files (`umask`).
 /// - The home directory is the one that the environment variable `HOME` names at the time of the
 ///   call.
 ///
@@ -53,7 +58,7 @@ struct TavroOperationEntry {
     std::string Path;
 
     /// The entry is a directory. Operations believe this flag and do not look at the disk for it. A
-    /// symbolic link is best flagged true when it points to a directory: it then moves between file
+    /// symbolic link is best flagged true, whatever it points to: it then moves between file
     /// systems as a link, and is removed as a link.
     bool bDirectory = false;
 };
@@ -98,8 +103,8 @@ std::string TavroTrimText(const std::string& Text);
 /// @param Path  the path text. A leading `~` is a plain name here.
 /// @return the canonical text, relative only when there is no current directory; empty for empty
 ///         input, without looking at the file system; the path
-///         normalised as text alone when the file system cannot resolve it (a part of it is
-///         unreadable, a link loops, a name is too long).
+///         normalised as text alone when the file system cannot resolve it (a directory in it
+///         cannot be searched, a link loops, a name is too long).
 std::string TavroCanonicalizePath(const std::string& Path);
 
 /// The home directory of the user.
@@ -202,7 +207,8 @@ bool TavroBuildTransferPlan(const std::vector<TavroOperationEntry>& Entries,
 ///
 /// Missing parent folders of the target are created first; they stay when the rename then fails. An
 /// existing target is refused, but the check and the rename are two steps: what another process
-/// creates in between may be replaced. A dangling link counts as free and is replaced too.
+/// creates in between may be replaced. A dangling link counts as free: anything but a directory
+/// replaces it.
 ///
 /// @param Entry            only `Path` is read.
 /// @param TargetText       the full new name or path as typed, never just the folder to move into.
@@ -257,8 +263,14 @@ bool TavroCreateDirectory(const std::string& TargetText, const std::filesystem::
 /// another file system; its record is written after the move. The wanted name is the last component
 /// of `Path`, empty when that ends in `/`. A taken name gets " copy 1" to " copy 9999" before its
 /// extension, and after those " copy " and the local time, taken or not. A dangling link in the
-/// trash counts as free: an entry that gets its name replaces it. When an entry fails, the entries
-/// before it are restored. Parent folders created on the way stay.
+/// trash counts as free: an entry that gets its name replaces it, or fails to move, as told above.
+/// When an entry fails, the entries before it are restored. Parent folders created on the way stay.
+///
+/// A copy keeps the bytes, the names, the targets of links and the modes (of directories: less the
+/// umask and the set-group-ID bit). It loses the times, access control lists and extended
+/// attributes; hard links become files of their own, and holes are filled. Owner and group become
+/// the caller's. A file that root copies keeps its set-user-ID bit all the same, and so becomes a
+/// program that runs as root.
 ///
 /// Nothing is synced to the disk, and on a full disk a record can be cut short without a failure,
 /// as told at TavroWriteTrashInfoEntries. Between the move and the write of its record an entry
@@ -282,8 +294,9 @@ bool TavroCreateDirectory(const std::string& TargetText, const std::filesystem::
 ///           "Failed to create destination directory: REASON",
 ///           "Failed to move 'PATH': REASON",
 ///           "Failed to copy 'PATH': REASON" (a partial copy stays in the trash; the entry is
-///           untouched. A copy whose files have not arrived with their whole size has failed, with
-///           the text of `std::errc::io_error`),
+///           untouched. A copy whose files do not have the sizes of their originals has failed,
+///           with the text of `std::errc::io_error`: a full disk has cut it short, or a file has
+///           changed meanwhile. A change that keeps the size is not seen),
 ///           "Failed to remove original 'PATH' after copying: REASON" (the copy is removed again; a
 ///           directory may have lost what the removal reached. REASON is "unknown error" when the
 ///           entry was gone);
@@ -324,7 +337,8 @@ bool TavroPrepareTrashEntries(const std::vector<TavroOperationEntry>& Entries,
 /// A record is three lines, each ended by a line feed: "[Trash Info]"; "Path=" and `OriginalPath`
 /// with every byte but A-Z a-z 0-9 - . / _ ~ as % and two upper-case hexadecimal digits;
 /// "DeletionDate=" and the local time of writing as 2024-03-05T14:07:09. An existing file at
-/// `InfoPath` is replaced; its folder must exist.
+/// `InfoPath` is cut to nothing and written anew in its place; a symbolic link there is followed.
+/// The folder of `InfoPath` must exist.
 ///
 /// @param Entries       `OriginalPath` and `InfoPath` are used. May be empty.
 /// @param ErrorMessage  set on failure only.
@@ -367,7 +381,7 @@ void TavroRemoveTrashInfoEntries(const std::vector<TavroTrashEntry>& Entries);
 ///           stays restored, without a record.
 ///
 ///         Two entries of one list with the same `OriginalPath` pass the checks; the second may
-///         replace the first. A caller refuses such a list.
+///         replace the first, or go into it when that is a directory. A caller refuses such a list.
 bool TavroRestoreTrashEntries(const std::vector<TavroTrashEntry>& Entries,
                               std::string& ErrorMessage);
 
@@ -407,15 +421,15 @@ bool TavroDeleteEntries(const std::vector<TavroOperationEntry>& Entries, bool bU
 ///
 /// A symbolic link to a file counts with the size of its target; a link to a directory is not
 /// entered (`root` itself may be one). A file counts once for each name, and a sparse file with its
-/// apparent size. What cannot be read counts nothing: folders without permission are passed over,
-/// and an error in reading a folder ends the walk.
+/// apparent size. A directory that cannot be listed is passed over, what is in one that cannot be
+/// searched counts nothing, and any other error in reading a directory ends the walk.
 ///
 /// @param root          the directory to measure.
 /// @param shouldCancel  called on this thread before each entry is looked at; true stops the walk.
 ///                      May be empty. An exception that it throws leaves this function.
 /// @return the sum in bytes; what was counted so far when the walk was stopped (the result does not
 ///         tell a stopped walk from a whole one); 0 for an empty path and for anything that is not
-///         a readable directory, a regular file included.
+///         a directory that can be listed, a regular file included.
 std::uintmax_t TavroCalculateDirectorySize(const std::filesystem::path& root,
                                            const std::function<bool()>& shouldCancel);
 

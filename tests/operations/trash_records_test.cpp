@@ -327,6 +327,18 @@ TEST_F(WriteTrashInfoEntries, an_existing_record_is_replaced_whole) {
     EXPECT_EQ(written("/2").PathValue, "/2");
 }
 
+TEST_F(WriteTrashInfoEntries, a_record_is_written_in_place_and_through_a_link) {
+    writeFile(infoPath("a"), std::string(5000, 'o'));
+    fs::create_hard_link(infoPath("a"), sandbox / "other name of a");
+    fs::create_symlink(sandbox / "behind the link", infoPath("b"));
+    EXPECT_TRUE(write({entry("a", "/a"), entry("b", "/b")})) << error;
+    EXPECT_EQ(readFile(sandbox / "other name of a"), readFile(infoPath("a")));
+    EXPECT_EQ(pathIn("a"), "/a");
+    EXPECT_TRUE(fs::is_symlink(infoPath("b")));
+    EXPECT_EQ(readFile(sandbox / "behind the link"), readFile(infoPath("b")));
+    EXPECT_EQ(pathIn("b"), "/b");
+}
+
 TEST_F(WriteTrashInfoEntries, of_two_entries_with_one_record_the_second_stays) {
     EXPECT_TRUE(write({entry("a", "/a/longer/first"), entry("a", "/second")}));
     EXPECT_EQ(pathIn("a"), "/second");

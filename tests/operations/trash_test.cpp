@@ -14,6 +14,7 @@
 #include <optional>
 #include <string>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -689,6 +690,32 @@ TEST_P(TrashEntriesAcrossDevices, a_tree_arrives_with_its_links_and_its_empty_fo
 
     EXPECT_TRUE(trash({directory(documents / "tree"), directory(documents / "empty")})) << error;
     EXPECT_EQ(everything(), expected);
+}
+
+TEST_P(TrashEntriesAcrossDevices, a_copy_loses_owners_times_and_hard_links) {
+    const fs::path tree = documents / "tree";
+    writeFile(tree / "one", "text");
+    fs::create_hard_link(tree / "one", tree / "two");
+    const fs::file_time_type old = fs::last_write_time(tree / "one") - std::chrono::hours(24);
+    fs::last_write_time(tree / "one", old);
+    fs::last_write_time(tree, old);
+    if (isRoot()) {
+        ASSERT_EQ(chown((tree / "one").c_str(), 65534, 65534), 0);
+    }
+    fs::permissions(tree, fs::perms(02777));
+    fs::permissions(tree / "one", fs::perms(04776));
+
+    ASSERT_TRUE(trash({directory(tree)})) << error;
+    struct stat directory = {};
+    struct stat one = {};
+    ASSERT_EQ(stat((files / "tree").c_str(), &directory), 0);
+    ASSERT_EQ(stat((files / "tree/one").c_str(), &one), 0);
+    EXPECT_EQ(directory.st_mode & 07777U, 0755U) << "less the umask and the set-group-ID bit";
+    EXPECT_EQ(one.st_mode & 07777U, isRoot() ? 04776U : 0776U);
+    EXPECT_EQ(one.st_uid, geteuid());
+    EXPECT_EQ(one.st_nlink, 1U);
+    EXPECT_GT(fs::last_write_time(files / "tree/one"), old);
+    EXPECT_GT(fs::last_write_time(files / "tree"), old);
 }
 
 TEST_P(TrashEntriesAcrossDevices, a_link_flagged_as_a_directory_stays_a_link) {
