@@ -7,7 +7,8 @@ namespace {
 
 using Kind = TavroFailureKind;
 
-/// A sentence: %p is the path in quotes, %P without them, %o the other path, %e the reason.
+/// A sentence: %p is the path in quotes, %P without them, %o and %O the other path, %e the reason,
+/// %h what is held: the other path in quotes after a blank, where there is one.
 struct Sentence {
     Kind What;
     const char* Text;
@@ -50,10 +51,10 @@ constexpr Sentence sentences[] = {
     {Kind::NothingSelected, "Nothing selected to delete."},
     {Kind::NoSuchEntry, "No such entry: %p"},
     {Kind::LookAt, "Cannot look at %p: %e"},
-    {Kind::RefuseTrash, "Cannot move %p to the trash: %e"},
-    {Kind::RefuseDelete, "Refusing to delete %p: %e"},
-    {Kind::RefuseMove, "Cannot move %p: %e"},
-    {Kind::RefuseRename, "Cannot rename %p: %e"},
+    {Kind::RefuseTrash, "Cannot move %p to the trash: %e%h"},
+    {Kind::RefuseDelete, "Refusing to delete %p: %e%h"},
+    {Kind::RefuseMove, "Cannot move %p: %e%h"},
+    {Kind::RefuseRename, "Cannot rename %p: %e%h"},
     {Kind::SelectedInside, "Cannot move %p to the trash: it is inside %o, which is selected too"},
     {Kind::NoHome, "Trash is unavailable because HOME is not set."},
     {Kind::TrashNeedsDirectory, "The trash needs a folder where %p is"},
@@ -88,6 +89,7 @@ constexpr Sentence sentences[] = {
     {Kind::DirectoryPathEmpty, "Directory path cannot be empty."},
     {Kind::CreateOneDirectory, "Failed to create directory: %e"},
     {Kind::Missing, "%p is missing"},
+    {Kind::Replaced, "%p is not what it was: %O is there now"},
     {Kind::InTheWay, "%p is in the way"},
     {Kind::NotDirectory, "%p is not a folder any more"},
     {Kind::NotEmpty, "The folder %p is not empty"},
@@ -105,6 +107,7 @@ constexpr Sentence sentences[] = {
     {Kind::HistorySetAside, "Cannot set aside the damaged history %p: %e"},
     {Kind::HistoryUnrecordable,
      "Only what has something to undo, at absolute paths, can be recorded"},
+    {Kind::HistoryInvalid, "The history %p holds an operation that is not valid"},
 };
 
 std::string Placeholder(char Letter, const TavroFailure& Failure) {
@@ -117,6 +120,8 @@ std::string Placeholder(char Letter, const TavroFailure& Failure) {
         return "'" + Failure.Other + "'";
     case 'O':
         return Failure.Other;
+    case 'h':
+        return Failure.Other.empty() ? "" : " '" + Failure.Other + "'";
     default:
         return Failure.Error.message();
     }

@@ -91,6 +91,7 @@ enum class TavroFailureKind {
     CreateOneDirectory,
     // Undoing.
     Missing,
+    Replaced,
     InTheWay,
     NotDirectory,
     NotEmpty,
@@ -108,6 +109,7 @@ enum class TavroFailureKind {
     HistoryBusy,
     HistorySetAside,
     HistoryUnrecordable,
+    HistoryInvalid,
 };
 
 /// A failure, or none: a default-constructed one says that all went well.

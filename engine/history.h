@@ -41,11 +41,14 @@ struct TavroStep {
     TavroStepRole Role = TavroStepRole::Moved;
     std::string From;
     std::string To;
-    std::string Record;
-    TavroIdentity Identity;      ///< The file at `To`. An inode of 0: not known.
+    std::string Record; ///< Of a Trashed step: `ROOT/info/NAME.trashinfo` for `ROOT/files/NAME`.
+
+    /// The file at `To`; while the operation is undone, the one at `From`. An inode of 0: not
+    /// known, or of a directory that the operation found there.
+    TavroIdentity Identity = {};
     std::int64_t ChangeTime = 0; ///< Of that file when the operation ended, in nanoseconds.
-    std::uint32_t Mode = 0;
-    bool bDirectory = false; ///< As the trash record of a Trashed step has it.
+    std::uint32_t Mode = 0;      ///< Of a created or removed directory.
+    bool bDirectory = false;     ///< As the trash record of a Trashed step has it.
 };
 
 /// One operation.
@@ -65,10 +68,18 @@ struct TavroOperation {
 /// absolute) or else below `HOME/.local/state`. Empty when there is neither.
 std::string TavroHistoryPath();
 
+struct TavroDatabase;
+
 /// An SQLite database, in WAL mode and with full synchronisation, for the user alone (mode 0600).
-/// It holds the newest 1,000 operations. A file that is damaged is set aside under
-/// `history.db.damaged-N` and the history starts empty. A file of another owner, a link, a FIFO are
-/// refused. Not to be used from several threads at once.
+///
+/// It holds the newest 1,000 operations, and of these so many as fit into 400 million bytes (two
+/// million steps of usual paths), but always the newest one. A damaged file is set aside under
+/// `history.db.damaged-N`, and the history starts empty. Nothing that stands in the file is
+/// trusted: an operation that was not written here, or not whole, is refused.
+///
+/// Readers never wait. A writer waits for another one and then fails with HistoryBusy or Cancelled.
+/// Other failures are HistoryOpen, HistoryRead, HistorySave with the system's reason,
+/// HistorySetAside and HistoryInvalid. Not to be used from several threads at once.
 class TavroHistory {
 public:
     TavroHistory();
@@ -76,22 +87,27 @@ public:
     TavroHistory(const TavroHistory&) = delete;
     TavroHistory& operator=(const TavroHistory&) = delete;
 
-    /// Opens or creates the database; missing directories are created (mode 0700).
+    /// Opens or creates the database; missing directories are created (mode 0700). What was open
+    /// before is closed. A directory, a link, a FIFO, or a file of another owner is HistoryOpen.
     ///
     /// @param Patience      how long a writer waits for another one.
-    /// @param ShouldCancel  ends the wait with Cancelled. May be empty.
+    /// @param ShouldCancel  ends the wait. May be empty.
     TavroFailure Open(const std::string& File, std::chrono::milliseconds Patience,
                       std::function<bool()> ShouldCancel = {});
 
-    /// After Open: one sentence when a damaged file was set aside, naming it; else empty.
+    /// After each call: one sentence when a damaged file was set aside, naming it; else empty.
     const std::string& Notice() const;
 
-    /// Adds what was just done. What could be redone is dropped, and so is the oldest beyond 1,000.
+    /// Adds what was just done. What could be redone is dropped, and so is the oldest that is too
+    /// much.
     /// @param Operation  gets its Id.
+    /// @return HistoryUnrecordable for one that could not be undone.
     TavroFailure Record(TavroOperation& Operation);
 
     /// All operations, the newest to undo or redo first: the undone ones, next to be redone last,
-    /// then those that can be undone. With `bSteps` false only the first step of each is read.
+    /// then those that can be undone. One that is refused has no steps here.
+    /// @param bSteps         false: only the first step of each is read.
+    /// @param OutStepCounts  how many steps each has.
     TavroFailure List(bool bSteps, std::vector<TavroOperation>& OutOperations,
                       std::vector<std::uint64_t>& OutStepCounts);
 
@@ -99,10 +115,11 @@ public:
     TavroFailure NextToUndo(std::optional<TavroOperation>& OutOperation);
     TavroFailure NextToRedo(std::optional<TavroOperation>& OutOperation);
 
-    /// Keeps new steps and a new state of an operation.
+    /// Keeps new steps and a new state of an operation. In a transaction the bytes are written at
+    /// once, so that a full disk shows here, and count from Commit on.
     TavroFailure Update(const TavroOperation& Operation);
 
-    /// Takes an operation off the list.
+    /// Takes an operation off the list; NothingToDrop when it is not there.
     TavroFailure Drop(std::int64_t Id);
 
     /// A transaction that keeps other writers out until Commit or Rollback: begun before an undo
@@ -112,8 +129,7 @@ public:
     void Rollback();
 
 private:
-    struct Database;
-    std::unique_ptr<Database> m_database;
+    std::unique_ptr<TavroDatabase> m_database;
 };
 
 #endif

@@ -1,0 +1,738 @@
+#include "history.h"
+
+#include "names.h"
+#include "place.h"
+#include "tavroops.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <new>
+#include <sqlite3.h>
+#include <thread>
+#include <unistd.h>
+#include <utility>
+
+using Clock = std::chrono::steady_clock;
+using Kind = TavroFailureKind;
+
+std::string TavroHistoryPath() {
+    const char* state = std::getenv("XDG_STATE_HOME");
+    if (state != nullptr && state[0] == '/') {
+        return TavroJoin(state, "tavro/history.db");
+    }
+    const std::string home = TavroHomeDirectoryPath();
+    return home.empty() ? home : TavroJoin(home, ".local/state/tavro/history.db");
+}
+
+// =================================================================================================
+// What an operation may say
+// =================================================================================================
+
+namespace {
+
+bool IsPath(const std::string& Path) {
+    return !Path.empty() && Path.front() == '/' && Path.find('\0') == std::string::npos;
+}
+
+/// A record is removed with its item, so it must be one, and the item's own.
+bool IsTrashed(const TavroStep& Step) {
+    const std::string files = "/files/" + TavroNameOf(Step.To);
+    const std::string root =
+        Step.To.substr(0, Step.To.size() - std::min(Step.To.size(), files.size()));
+    return Step.To == root + files &&
+           Step.Record == root + "/info/" + TavroNameOf(Step.To) + ".trashinfo";
+}
+
+bool IsValid(const TavroStep& Step) {
+    const bool bFrom = Step.Role != TavroStepRole::CreatedDirectory;
+    const bool bTo = Step.Role != TavroStepRole::RemovedDirectory;
+    const bool bTrashed = Step.Role == TavroStepRole::Trashed;
+    return (bFrom ? IsPath(Step.From) : Step.From.empty()) &&
+           (bTo ? IsPath(Step.To) : Step.To.empty()) &&
+           (bTrashed ? IsPath(Step.Record) && IsTrashed(Step) : Step.Record.empty()) &&
+           Step.Mode <= 07777U;
+}
+
+/// The roles that the steps of each kind of operation may have; one must have the first.
+const std::vector<TavroStepRole>& RolesOf(TavroOperationKind What) {
+    using Role = TavroStepRole;
+    using Roles = std::vector<Role>;
+    static const Roles move = {Role::Moved, Role::CreatedDirectory, Role::RemovedDirectory};
+    static const std::array<Roles, 5> roles = {
+        {{Role::Trashed},
+         move,
+         move,
+         {Role::Copied, Role::CreatedDirectory, Role::Trashed},
+         {Role::CreatedDirectory}}};
+    return roles[static_cast<std::size_t>(What)];
+}
+
+bool IsValid(const TavroOperation& Operation) {
+    const std::vector<TavroStepRole>& roles = RolesOf(Operation.Kind);
+    bool bMain = false;
+    for (const TavroStep& step : Operation.Steps) {
+        bMain = bMain || step.Role == roles.front();
+        if (std::find(roles.begin(), roles.end(), step.Role) == roles.end() || !IsValid(step)) {
+            return false;
+        }
+    }
+    return bMain;
+}
+
+// =================================================================================================
+// The database
+// =================================================================================================
+
+constexpr std::int64_t mostOperations = 1000;
+constexpr std::int64_t mostBytes = 400'000'000;
+
+/// How many steps of dropped operations are removed with a new one, beside as many as it has.
+constexpr std::int64_t droppedAtOnce = 1000;
+
+/// An operation of the state 2 was taken off the list. It goes bit by bit, with later ones, so that
+/// no command pays for a large one at once.
+constexpr std::int64_t applicationId = 0x54617672;
+constexpr std::int64_t schemaVersion = 1;
+const std::vector<std::string> schema = {
+    "CREATE TABLE operation (id INTEGER PRIMARY KEY, kind INTEGER NOT NULL, state INTEGER NOT "
+    "NULL, time INTEGER NOT NULL, steps INTEGER NOT NULL, bytes INTEGER NOT NULL)",
+    "CREATE INDEX operation_of_state ON operation (state)",
+    "CREATE TABLE step (operation INTEGER NOT NULL, number INTEGER NOT NULL, role INTEGER NOT "
+    "NULL, source BLOB NOT NULL, target BLOB NOT NULL, record BLOB NOT NULL, device INTEGER NOT "
+    "NULL, inode INTEGER NOT NULL, changed INTEGER NOT NULL, mode INTEGER NOT NULL, directory "
+    "INTEGER NOT NULL, PRIMARY KEY (operation, number)) WITHOUT ROWID"};
+
+template <typename Value> std::int64_t Integer(Value Number) {
+    return static_cast<std::int64_t>(Number);
+}
+
+} // namespace
+
+/// The first error stays in `Code`; nothing more is done until it is cleared.
+struct TavroDatabase {
+    ~TavroDatabase() {
+        sqlite3_close(Connection);
+    }
+
+    bool IsWell() const {
+        return Code == SQLITE_OK;
+    }
+    bool IsDamaged() const {
+        return (Code & 0xFF) == SQLITE_CORRUPT || (Code & 0xFF) == SQLITE_NOTADB;
+    }
+
+    void Keep(int NewCode) {
+        Code = IsWell() ? NewCode : Code;
+    }
+
+    template <typename... Values> void Run(const std::string& Text, const Values&... All);
+    TavroFailure Open();
+    void Connect();
+    void CheckSchema();
+    void CreateSchema();
+    TavroFailure SetAside();
+    bool Wait(int Count);
+    TavroFailure Failure(Kind What) const;
+    TavroFailure Transact(bool bWrite, const std::function<void()>& Do, bool bAgain = false);
+    TavroFailure Change(const char* Text);
+    TavroFailure ReadNext(const char* Which, std::optional<TavroOperation>& OutOperation);
+
+    TavroPlace Place;
+    TavroIdentity Identity = {}; ///< Of the file.
+    std::string Notice;
+    std::chrono::milliseconds Patience = {};
+    std::function<bool()> ShouldCancel;
+    Clock::time_point WaitsSince;
+    bool bCancelled = false;
+    bool bImpatient = false; ///< Nobody is waited for.
+    sqlite3* Connection = nullptr;
+    int Code = SQLITE_OK;
+};
+
+namespace {
+
+class Statement {
+public:
+    template <typename... Values>
+    Statement(TavroDatabase& Database, const std::string& Text, const Values&... All)
+        : m_database(Database) {
+        if (Database.IsWell()) {
+            Database.Keep(
+                sqlite3_prepare_v2(Database.Connection, Text.c_str(), -1, &m_statement, nullptr));
+        }
+        Bind(All...);
+    }
+    ~Statement() {
+        sqlite3_finalize(m_statement);
+    }
+    Statement(const Statement&) = delete;
+    Statement& operator=(const Statement&) = delete;
+
+    /// Begins anew, with other values. Texts must live as long as they are bound.
+    template <typename... Values> void Bind(const Values&... All) {
+        sqlite3_reset(m_statement);
+        int index = 0;
+        (BindOne(++index, All), ...);
+    }
+
+    /// Goes on to the next row. @return whether there is one.
+    bool Next() {
+        if (!m_database.IsWell()) {
+            return false;
+        }
+        const int code = sqlite3_step(m_statement);
+        m_database.Code = code == SQLITE_ROW || code == SQLITE_DONE ? SQLITE_OK : code;
+        return code == SQLITE_ROW;
+    }
+
+    std::int64_t Number(int Column) {
+        return sqlite3_column_int64(m_statement, Column);
+    }
+    std::string Bytes(int Column) {
+        const auto* bytes = static_cast<const char*>(sqlite3_column_blob(m_statement, Column));
+        const int size = sqlite3_column_bytes(m_statement, Column);
+        return bytes == nullptr ? "" : std::string(bytes, static_cast<std::size_t>(size));
+    }
+
+private:
+    void BindOne(int Index, std::int64_t Value) {
+        m_database.Keep(sqlite3_bind_int64(m_statement, Index, Value));
+    }
+    void BindOne(int Index, const std::string& Bytes) {
+        m_database.Keep(
+            sqlite3_bind_blob64(m_statement, Index, Bytes.data(), Bytes.size(), SQLITE_STATIC));
+    }
+
+    TavroDatabase& m_database;
+    sqlite3_stmt* m_statement = nullptr;
+};
+
+} // namespace
+
+template <typename... Values>
+void TavroDatabase::Run(const std::string& Text, const Values&... All) {
+    Statement statement(*this, Text, All...);
+    while (statement.Next()) {
+    }
+}
+
+// -------------------------------------------------------------------------------------------------
+// Opening
+// -------------------------------------------------------------------------------------------------
+
+namespace {
+
+/// Creates directories that are missing, for the user alone whatever the umask.
+TavroFailure MakePrivateDirectories(TavroPlaces& Places, const std::string& Path) {
+    TavroPlace place;
+    TavroDescriptor directory;
+    if (TavroOpenDirectory(Path, directory) != ENOENT) {
+        return {}; // what else is in the way shows when the file is looked for
+    }
+    TavroFailure failure = MakePrivateDirectories(Places, TavroParentOf(Path));
+    failure = failure ? failure : Places.Find(Path, place);
+    if (failure) {
+        return failure;
+    }
+    int error = TavroMakeDirectoryAt(place.Number(), place.Name.c_str(), S_IRWXU);
+    if (error == 0) {
+        error = TavroOpenAt(place.Number(), place.Name.c_str(), O_PATH | O_DIRECTORY, directory);
+        error = error != 0 ? error : TavroSetPathMode(directory.Number(), S_IRWXU);
+        TavroSync(place.Number());
+    }
+    // Another process may create the same directory at the same time.
+    return error == 0 || error == EEXIST ? TavroFailure()
+                                         : TavroFail(Kind::CreateDirectory, error, Path);
+}
+
+/// Finds the file, or creates an empty one for the user alone. One that is there is not opened: to
+/// close it again would end the locks that this process may have on it.
+int FindFile(const TavroPlace& Place, TavroIdentity& OutIdentity) {
+    struct stat status = {};
+    const char* name = Place.Name.c_str();
+    int error = TavroStatAt(Place.Number(), name, status);
+    if (error == ENOENT) {
+        TavroDescriptor file;
+        error = TavroOpenAt(Place.Number(), name, O_RDWR | O_CREAT | O_EXCL, file, 0600);
+        error = error != 0 ? error : TavroSetMode(file.Number(), 0600);
+        error = error != 0 && error != EEXIST ? error : TavroStatAt(Place.Number(), name, status);
+        TavroSync(Place.Number());
+    }
+    OutIdentity = TavroIdentityOf(status);
+    if (error == 0 && !S_ISREG(status.st_mode)) {
+        error = S_ISDIR(status.st_mode) ? EISDIR : S_ISLNK(status.st_mode) ? ELOOP : EINVAL;
+    }
+    return error == 0 && status.st_uid != geteuid() ? EPERM : error;
+}
+
+} // namespace
+
+TavroHistory::TavroHistory() : m_database(std::make_unique<TavroDatabase>()) {}
+TavroHistory::~TavroHistory() = default;
+
+TavroFailure TavroHistory::Open(const std::string& File, std::chrono::milliseconds Patience,
+                                std::function<bool()> ShouldCancel) {
+    m_database = std::make_unique<TavroDatabase>();
+    if (File.empty()) {
+        return {Kind::HistoryNoHome};
+    }
+    m_database->Patience = Patience;
+    m_database->ShouldCancel = std::move(ShouldCancel);
+    const std::string path = TavroNameEntry(File).Path;
+    TavroPlaces places;
+    TavroFailure failure = MakePrivateDirectories(places, TavroParentOf(path));
+    failure = failure ? failure : places.Find(path, m_database->Place);
+    return failure ? failure : m_database->Open();
+}
+
+const std::string& TavroHistory::Notice() const {
+    return m_database->Notice;
+}
+
+TavroFailure TavroDatabase::Open() {
+    for (bool bFirst = true;; bFirst = false) {
+        const int error = FindFile(Place, Identity);
+        if (error != 0) {
+            return TavroFail(Kind::HistoryOpen, error, Place.Path());
+        }
+        Connect();
+        TavroFailure failure = Failure(Kind::HistoryOpen);
+        if (failure && (!IsDamaged() || !bFirst || (failure = SetAside()))) {
+            sqlite3_close(std::exchange(Connection, nullptr));
+            return failure;
+        }
+        if (!failure) {
+            return failure;
+        }
+    }
+}
+
+namespace {
+
+/// After a commit: moves a long log into the file. A short one stays, so that most commands wait
+/// for the disk once; each opening reads it. Nobody is waited for: the next commit tries again.
+int EmptyLog(void* Self, sqlite3* Connection, const char* /*Name*/, int PageCount) {
+    constexpr int longLog = 100;
+    if (PageCount >= longLog) {
+        static_cast<TavroDatabase*>(Self)->bImpatient = true;
+        sqlite3_wal_checkpoint_v2(Connection, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr,
+                                  nullptr);
+        static_cast<TavroDatabase*>(Self)->bImpatient = false;
+    }
+    return SQLITE_OK;
+}
+
+} // namespace
+
+void TavroDatabase::Connect() {
+    Code = sqlite3_open_v2(Place.OwnPath().c_str(), &Connection,
+                           SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_NOMUTEX,
+                           nullptr);
+    struct stat status = {};
+    if (TavroStatAt(Place.Number(), Place.Name.c_str(), status) != 0 ||
+        TavroIdentityOf(status) != Identity) {
+        Keep(SQLITE_CANTOPEN);
+    }
+    if (!IsWell()) {
+        return;
+    }
+    // What stands in the file does nothing by itself. A close leaves the log where it is.
+    for (const auto& [option, value] :
+         {std::pair(SQLITE_DBCONFIG_DEFENSIVE, 1), std::pair(SQLITE_DBCONFIG_ENABLE_TRIGGER, 0),
+          std::pair(SQLITE_DBCONFIG_ENABLE_VIEW, 0), std::pair(SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0),
+          std::pair(SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1)}) {
+        sqlite3_db_config(Connection, option, value, nullptr);
+    }
+    sqlite3_extended_result_codes(Connection, 1);
+    sqlite3_busy_handler(
+        Connection,
+        [](void* self, int count) -> int { return static_cast<TavroDatabase*>(self)->Wait(count); },
+        this);
+    sqlite3_wal_hook(Connection, EmptyLog, this);
+    for (const char* setting : {"synchronous=FULL", "cell_size_check=ON", "secure_delete=OFF"}) {
+        Run(std::string("PRAGMA ") + setting);
+    }
+    CheckSchema();
+    if (Code == SQLITE_EMPTY) {
+        CreateSchema();
+    }
+}
+
+/// Keeps SQLITE_NOTADB unless the schema is ours to the letter; SQLITE_EMPTY when there is none.
+void TavroDatabase::CheckSchema() {
+    std::vector<std::int64_t> numbers;
+    std::vector<std::string> texts;
+    for (const char* number : {"PRAGMA application_id", "PRAGMA user_version"}) {
+        Statement row(*this, number);
+        numbers.push_back(row.Next() ? row.Number(0) : 0);
+    }
+    Statement rows(*this, "SELECT sql FROM sqlite_schema ORDER BY rowid LIMIT 9");
+    while (rows.Next()) {
+        texts.push_back(rows.Bytes(0));
+    }
+    if (texts.empty() && numbers == std::vector<std::int64_t>{0, 0}) {
+        Keep(SQLITE_EMPTY);
+    } else if (texts != schema || numbers != std::vector{applicationId, schemaVersion}) {
+        Keep(SQLITE_NOTADB);
+    }
+}
+
+/// Makes an empty file a history, unless another process does.
+void TavroDatabase::CreateSchema() {
+    int count = 0;
+    do {
+        Code = SQLITE_OK;
+        Run("PRAGMA journal_mode=WAL"); // this does not wait by itself
+    } while ((Code & 0xFF) == SQLITE_BUSY && Wait(count++));
+    Run("BEGIN IMMEDIATE");
+    CheckSchema();
+    if (Code == SQLITE_EMPTY) {
+        Code = SQLITE_OK;
+        for (const std::string& text : schema) {
+            Run(text);
+        }
+        Run("PRAGMA application_id=" + std::to_string(applicationId));
+        Run("PRAGMA user_version=" + std::to_string(schemaVersion));
+    }
+    Run("COMMIT");
+}
+
+/// Closes the file and renames it with what belongs to it, unless another process has done that.
+TavroFailure TavroDatabase::SetAside() {
+    sqlite3_close(std::exchange(Connection, nullptr));
+    struct stat status = {};
+    const int directory = Place.Number();
+    if (TavroStatAt(directory, Place.Name.c_str(), status) != 0 ||
+        TavroIdentityOf(status) != Identity) {
+        return {};
+    }
+    // The file goes last: a new one must not find the log of the old one.
+    const std::array<std::string, 3> suffixes = {"-wal", "-shm", ""};
+    std::string aside;
+    int number = 0;
+    const auto isTaken = [&](const std::string& suffix) {
+        return TavroStatAt(directory, (aside + suffix).c_str(), status) != ENOENT;
+    };
+    do {
+        aside = Place.Name + ".damaged-" + std::to_string(++number);
+    } while (std::any_of(suffixes.begin(), suffixes.end(), isTaken));
+    for (const std::string& suffix : suffixes) {
+        const int error = TavroRenameNoReplace(directory, (Place.Name + suffix).c_str(), directory,
+                                               (aside + suffix).c_str());
+        if (error != 0 && (error != ENOENT || suffix.empty())) {
+            return TavroFail(Kind::HistorySetAside, error, Place.Path());
+        }
+    }
+    Notice = "The history '" + Place.Path() + "' is damaged and was set aside as '" +
+             TavroJoin(Place.Directory->Path, aside) + "'";
+    return {};
+}
+
+// -------------------------------------------------------------------------------------------------
+// Transactions
+// -------------------------------------------------------------------------------------------------
+
+/// @return whether to try again.
+bool TavroDatabase::Wait(int Count) {
+    const Clock::time_point now = Clock::now();
+    WaitsSince = Count == 0 ? now : WaitsSince;
+    bCancelled = ShouldCancel && ShouldCancel();
+    if (bCancelled || bImpatient || now - WaitsSince >= Patience) {
+        return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(Count < 10 ? 1 : 20));
+    return true;
+}
+
+TavroFailure TavroDatabase::Failure(Kind What) const {
+    int error = EIO;
+    switch (Code & 0xFF) {
+    case SQLITE_OK:
+        return {};
+    case SQLITE_NOMEM:
+        throw std::bad_alloc();
+    case SQLITE_BUSY:
+        return {bCancelled ? Kind::Cancelled : Kind::HistoryBusy, {}, Place.Path()};
+    case SQLITE_FULL:
+        error = ENOSPC;
+        break;
+    case SQLITE_READONLY:
+        error = EACCES;
+        break;
+    case SQLITE_NOTFOUND:
+        error = ENOENT;
+        break;
+    case SQLITE_CANTOPEN:
+    case SQLITE_IOERR:
+        error = sqlite3_system_errno(Connection);
+        break;
+    default:
+        break;
+    }
+    return TavroFail(What, error != 0 ? error : EIO, Place.Path());
+}
+
+/// Does something in a transaction of its own, unless one was begun before. A file that turns out
+/// to be damaged is set aside, and it is done with a new one.
+TavroFailure TavroDatabase::Transact(bool bWrite, const std::function<void()>& Do, bool bAgain) {
+    if (Connection == nullptr) {
+        return {Kind::HistoryOpen, std::make_error_code(std::errc::bad_file_descriptor)};
+    }
+    const bool bOwn = sqlite3_get_autocommit(Connection) != 0;
+    Code = SQLITE_OK;
+    if (bOwn) {
+        Run(bWrite ? "BEGIN IMMEDIATE" : "BEGIN");
+    }
+    if (IsWell()) {
+        Do();
+    }
+    if (bOwn) {
+        Run("COMMIT");
+    }
+    TavroFailure failure = Failure(bWrite ? Kind::HistorySave : Kind::HistoryRead);
+    const bool bDamaged = IsDamaged();
+    if (failure && bOwn) {
+        Code = SQLITE_OK;
+        Run("ROLLBACK");
+    }
+    if (!bDamaged || bAgain) {
+        return failure;
+    }
+    failure = SetAside();
+    failure = failure ? failure : Open();
+    if (!failure && !bOwn) {
+        Run("BEGIN IMMEDIATE");
+    }
+    return failure ? failure : Transact(bWrite, Do, true);
+}
+
+/// Begins or ends the transaction of a caller.
+TavroFailure TavroDatabase::Change(const char* Text) {
+    Code = Connection == nullptr ? SQLITE_MISUSE : SQLITE_OK;
+    Run(Text);
+    return Failure(Kind::HistorySave);
+}
+
+TavroFailure TavroHistory::Begin() {
+    return m_database->Change("BEGIN IMMEDIATE");
+}
+
+TavroFailure TavroHistory::Commit() {
+    return m_database->Change("COMMIT");
+}
+
+void TavroHistory::Rollback() {
+    m_database->Change("ROLLBACK");
+}
+
+// -------------------------------------------------------------------------------------------------
+// Writing
+// -------------------------------------------------------------------------------------------------
+
+namespace {
+
+std::int64_t BytesOf(const TavroOperation& Operation) {
+    std::size_t bytes = 0;
+    for (const TavroStep& step : Operation.Steps) {
+        bytes += step.From.size() + step.To.size() + step.Record.size() + 64;
+    }
+    return Integer(bytes);
+}
+
+void ReplaceSteps(TavroDatabase& Database, const TavroOperation& Operation) {
+    Database.Run("DELETE FROM step WHERE operation = ?", Operation.Id);
+    Statement insert(Database, "INSERT INTO step VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+    std::int64_t number = 0;
+    for (const TavroStep& step : Operation.Steps) {
+        insert.Bind(Operation.Id, number++, Integer(step.Role), step.From, step.To, step.Record,
+                    Integer(step.Identity.Device), Integer(step.Identity.Inode), step.ChangeTime,
+                    Integer(step.Mode), Integer(step.bDirectory));
+        insert.Next();
+    }
+}
+
+/// Takes the oldest operations off the list where there are too many, or too large ones.
+void DropSurplus(TavroDatabase& Database) {
+    Statement done(Database,
+                   "SELECT id, bytes FROM operation NOT INDEXED WHERE state = 0 ORDER BY id DESC");
+    std::int64_t bytes = 0;
+    for (std::int64_t count = 1; done.Next(); ++count) {
+        bytes += std::min(std::max<std::int64_t>(done.Number(1), 0), mostBytes);
+        if (count > mostOperations || (count > 1 && bytes > mostBytes)) {
+            Database.Run("UPDATE operation SET state = 2 WHERE state = 0 AND id <= ?",
+                         done.Number(0));
+            return;
+        }
+    }
+}
+
+/// Removes so many steps of operations that were taken off the list.
+void RemoveDropped(TavroDatabase& Database, std::int64_t Count) {
+    while (Count > 0) {
+        Statement dropped(Database, "SELECT id, steps FROM operation WHERE state = 2 LIMIT 1");
+        if (!dropped.Next()) {
+            return;
+        }
+        const std::int64_t id = dropped.Number(0);
+        const std::int64_t steps = std::max<std::int64_t>(dropped.Number(1), 0);
+        const std::int64_t left = std::max<std::int64_t>(steps - Count, 0);
+        Count -= steps - left + 1;
+        Database.Run("DELETE FROM step WHERE operation = ? AND number >= ?", id, left);
+        Database.Run("UPDATE operation SET steps = ? WHERE id = ?", left, id);
+        if (left == 0) {
+            Database.Run("DELETE FROM operation WHERE id = ?", id);
+        }
+    }
+}
+
+} // namespace
+
+TavroFailure TavroHistory::Record(TavroOperation& Operation) {
+    if (!IsValid(Operation)) {
+        return {Kind::HistoryUnrecordable};
+    }
+    return m_database->Transact(true, [&] {
+        const std::int64_t steps = Integer(Operation.Steps.size());
+        m_database->Run("UPDATE operation SET state = 2 WHERE state = 1");
+        // What was dropped is still there, so no number is given twice.
+        m_database->Run("INSERT INTO operation (kind, state, time, steps, bytes) "
+                        "VALUES (?, ?, ?, ?, ?)",
+                        Integer(Operation.Kind), Integer(Operation.State), Operation.Time, steps,
+                        BytesOf(Operation));
+        Operation.Id = sqlite3_last_insert_rowid(m_database->Connection);
+        ReplaceSteps(*m_database, Operation);
+        DropSurplus(*m_database);
+        RemoveDropped(*m_database, steps + droppedAtOnce);
+    });
+}
+
+TavroFailure TavroHistory::Update(const TavroOperation& Operation) {
+    if (!IsValid(Operation)) {
+        return {Kind::HistoryUnrecordable};
+    }
+    return m_database->Transact(true, [&] {
+        m_database->Run("UPDATE operation SET state = ?, steps = ?, bytes = ? WHERE id = ?",
+                        Integer(Operation.State), Integer(Operation.Steps.size()),
+                        BytesOf(Operation), Operation.Id);
+        if (sqlite3_changes(m_database->Connection) == 0) {
+            m_database->Keep(SQLITE_NOTFOUND);
+        }
+        ReplaceSteps(*m_database, Operation);
+        m_database->Keep(sqlite3_db_cacheflush(m_database->Connection));
+    });
+}
+
+TavroFailure TavroHistory::Drop(std::int64_t Id) {
+    bool bDropped = false;
+    TavroFailure failure = m_database->Transact(true, [&] {
+        m_database->Run("UPDATE operation SET state = 2 WHERE id = ? AND state <> 2", Id);
+        bDropped = sqlite3_changes(m_database->Connection) != 0;
+    });
+    return failure || bDropped ? failure : TavroFailure{Kind::NothingToDrop};
+}
+
+// -------------------------------------------------------------------------------------------------
+// Reading
+// -------------------------------------------------------------------------------------------------
+
+namespace {
+
+/// Whether a number from the file is one of 0 to `Largest`.
+template <typename Value> bool IsOneOf(std::int64_t Number, Value Largest) {
+    return Number >= 0 && Number <= Integer(Largest);
+}
+
+/// Reads the first steps of an operation.
+/// @return whether all that were read could have been written here.
+bool ReadSteps(Statement& Row, std::int64_t Count, TavroOperation& OutOperation) {
+    Row.Bind(OutOperation.Id, Count);
+    while (Row.Next()) {
+        TavroStep step;
+        step.Role = static_cast<TavroStepRole>(Row.Number(1));
+        step.From = Row.Bytes(2);
+        step.To = Row.Bytes(3);
+        step.Record = Row.Bytes(4);
+        step.Identity.Device = static_cast<std::uint64_t>(Row.Number(5));
+        step.Identity.Inode = static_cast<std::uint64_t>(Row.Number(6));
+        step.ChangeTime = Row.Number(7);
+        step.Mode = static_cast<std::uint32_t>(Row.Number(8));
+        step.bDirectory = Row.Number(9) != 0;
+        if (Row.Number(0) != Integer(OutOperation.Steps.size()) || !IsOneOf(Row.Number(8), 07777) ||
+            !IsOneOf(Row.Number(1), TavroStepRole::RemovedDirectory) || !IsValid(step)) {
+            return false;
+        }
+        OutOperation.Steps.push_back(std::move(step));
+    }
+    return true;
+}
+
+const std::string operationsWhere = "SELECT id, kind, state, time, steps FROM operation WHERE ";
+constexpr const char* stepsOfOne =
+    "SELECT number, role, source, target, record, device, inode, changed, mode, directory "
+    "FROM step WHERE operation = ? ORDER BY number LIMIT ?";
+
+/// @return whether its row could have been written here.
+bool ReadOperation(Statement& Row, TavroOperation& OutOperation) {
+    OutOperation.Id = Row.Number(0);
+    OutOperation.Kind = static_cast<TavroOperationKind>(Row.Number(1));
+    OutOperation.State = static_cast<TavroOperationState>(Row.Number(2));
+    OutOperation.Time = Row.Number(3);
+    return IsOneOf(Row.Number(1), TavroOperationKind::CreateDirectory) &&
+           IsOneOf(Row.Number(4), INT64_MAX - 1);
+}
+
+} // namespace
+
+TavroFailure TavroDatabase::ReadNext(const char* Which,
+                                     std::optional<TavroOperation>& OutOperation) {
+    bool bValid = true;
+    TavroFailure failure = Transact(false, [&] {
+        OutOperation.reset();
+        Statement row(*this, operationsWhere + Which);
+        Statement steps(*this, stepsOfOne);
+        if (row.Next()) {
+            TavroOperation& operation = OutOperation.emplace();
+            const std::int64_t count = row.Number(4);
+            bValid = ReadOperation(row, operation) && ReadSteps(steps, count + 1, operation) &&
+                     Integer(operation.Steps.size()) == count && IsValid(operation);
+        }
+    });
+    if (failure || !bValid) {
+        OutOperation.reset();
+    }
+    return failure || bValid ? failure : TavroFailure{Kind::HistoryInvalid, {}, Place.Path()};
+}
+
+TavroFailure TavroHistory::NextToUndo(std::optional<TavroOperation>& OutOperation) {
+    return m_database->ReadNext("state = 0 ORDER BY id DESC LIMIT 1", OutOperation);
+}
+
+TavroFailure TavroHistory::NextToRedo(std::optional<TavroOperation>& OutOperation) {
+    return m_database->ReadNext("state = 1 ORDER BY id LIMIT 1", OutOperation);
+}
+
+TavroFailure TavroHistory::List(bool bSteps, std::vector<TavroOperation>& OutOperations,
+                                std::vector<std::uint64_t>& OutStepCounts) {
+    return m_database->Transact(false, [&] {
+        OutOperations.clear();
+        OutStepCounts.clear();
+        Statement row(*m_database,
+                      operationsWhere + "state IN (0, 1) ORDER BY state DESC, id DESC LIMIT ?",
+                      mostOperations);
+        Statement steps(*m_database, stepsOfOne);
+        while (row.Next()) {
+            TavroOperation operation;
+            if (ReadOperation(row, operation)) {
+                const std::int64_t count = row.Number(4);
+                if (!ReadSteps(steps, bSteps ? count : 1, operation)) {
+                    operation.Steps.clear();
+                }
+                OutOperations.push_back(std::move(operation));
+                OutStepCounts.push_back(static_cast<std::uint64_t>(count));
+            }
+        }
+    });
+}
