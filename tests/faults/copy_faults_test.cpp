@@ -86,9 +86,15 @@ protected:
                 make();
             };
         };
+        const auto resizeTo = [copy](std::uintmax_t size) {
+            return [=] {
+                fs::permissions(copy, fs::perms::owner_all);
+                fs::resize_file(copy, size);
+            };
+        };
         const std::uintmax_t size = fs::file_size(original);
         std::vector<Damage> damages = {
-            {"longer", [=] { fs::resize_file(copy, size + 1); }},
+            {"longer", resizeTo(size + 1)},
             {"missing", replaceBy([] {})},
             {"a directory", replaceBy([=] { makeDirectory(copy); })},
             {"a fifo", replaceBy([=] { makeFifo(copy); })},
@@ -96,7 +102,7 @@ protected:
             {"a dangling link", replaceBy([=] { fs::create_symlink("nowhere", copy); })},
         };
         if (size > 0) {
-            damages.push_back({"shorter", [=] { fs::resize_file(copy, size - 1); }});
+            damages.push_back({"shorter", resizeTo(size - 1)});
         }
         return damages;
     }
