@@ -1,0 +1,70 @@
+#include "plan.h"
+
+#include "names.h"
+#include "posix.h"
+#include "tavropane.h"
+
+#include <cerrno>
+#include <filesystem>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+/// The directory that several entries go into.
+class Target {
+public:
+    explicit Target(const std::string& Path) : m_error(TavroOpenDirectory(Path, m_directory)) {}
+
+    /// Whether an entry can go there for certain: it cannot be what is there, for there is nothing,
+    /// and it cannot hold the target.
+    bool Takes(const TavroOperationEntry& Entry) const {
+        if (Entry.bDirectory || Entry.Path.empty() || TavroIsCddaPath(Entry.Path)) {
+            return false;
+        }
+        struct stat status = {};
+        const std::string name = TavroNameOf(Entry.Path);
+        return m_error == ENOENT ||
+               (m_error == 0 && TavroStatAt(m_directory.Number(), name.c_str(), status) == ENOENT);
+    }
+
+private:
+    TavroDescriptor m_directory;
+    int m_error;
+};
+
+} // namespace
+
+bool TavroPlanTransfer(const std::vector<TavroOperationEntry>& Entries,
+                       const std::string& TargetText, const std::string& BaseDirectory, bool bMove,
+                       TavroTransferConflictPolicy Policy, TavroTransferPlan& OutPlan,
+                       std::string& ErrorMessage) {
+    // The module checks the target with the first two entries, and each that is not certain. One
+    // alone could be given a new path, so it never gets less than two.
+    const fs::path path = TavroResolveUserPath(TavroTrimText(TargetText), BaseDirectory);
+    const Target target(path.string());
+    std::vector<bool> isCertain(Entries.size());
+    std::vector<TavroOperationEntry> uncertain;
+    for (std::size_t i = 0; i < Entries.size(); ++i) {
+        isCertain[i] = i > 1 && target.Takes(Entries[i]);
+        if (!isCertain[i]) {
+            uncertain.push_back(Entries[i]);
+        }
+    }
+    if (!TavroBuildTransferPlan(uncertain, TargetText, BaseDirectory, bMove, Policy, OutPlan,
+                                ErrorMessage)) {
+        return false;
+    }
+    std::vector<TavroTransferItemPlan> items(Entries.size());
+    for (std::size_t i = 0, next = 0; i < Entries.size(); ++i) {
+        if (isCertain[i]) {
+            items[i].Name = Entries[i].Name;
+            items[i].SourcePath = Entries[i].Path;
+            items[i].DestinationPath = path / TavroNameOf(Entries[i].Path);
+        } else {
+            items[i] = std::move(OutPlan.Items[next++]);
+        }
+    }
+    OutPlan.Items = std::move(items);
+    return true;
+}
