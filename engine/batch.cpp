@@ -117,7 +117,7 @@ TavroFailure Batch::CheckFree(const TavroBatchStep& Step) {
 /// The device on which an entry at a path would be.
 std::uint64_t Batch::DeviceAt(std::string Path) {
     TavroPlace place;
-    while (m_places.Find(Path, place) && Path != "/") {
+    while (m_places.Find(Path, place) && Path != TavroParentOf(Path)) {
         Path = TavroParentOf(Path);
     }
     return place.Directory ? place.Directory->Identity.Device : 0;
@@ -230,7 +230,10 @@ TavroFailure Batch::MoveByCopying(TavroBatchStep& Step, const TavroPlace& From,
     options.Expected = Step.Seen->State.Identity;
     TavroMoveReport moved = TavroBringEntry(From, To, options, m_links, m_progress);
     Step.Arrived = moved.Arrived;
-    Step.bCopyStays = moved.bCopyStays;
+    Step.bCopyStays = moved.bCopyStays || moved.bPartlyMoved;
+    if (!moved.Below.empty()) {
+        m_report.Why = moved.Below.front();
+    }
     m_report.Lost.AccessLists += moved.Lost.AccessLists;
     m_report.Lost.ExtendedAttributes += moved.Lost.ExtendedAttributes;
     return moved.Failure;
@@ -294,6 +297,7 @@ TavroBatchReport TavroRunBatch(std::vector<TavroBatchStep>& Steps, const TavroBa
 
 std::string TavroDescribe(const TavroBatchReport& Report) {
     std::string text = TavroDescribe(Report.Failure);
+    text += Report.Why ? "; " + TavroDescribe(Report.Why) : "";
     for (const TavroFailure& failure : Report.RollBack) {
         text += " Rollback failed: " + TavroDescribe(failure);
     }

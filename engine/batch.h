@@ -39,7 +39,7 @@ struct TavroBatchStep {
     /// copied has the times that were seen before its move.
     TavroFileState Arrived = {};
 
-    bool bCopyStays = false; ///< After a failure: it is at `From` and, in part, at `To`.
+    bool bCopyStays = false; ///< After a failure: it is at `To` and, in part at least, at `From`.
 };
 
 /// What a batch does beside moving. Each may be empty.
@@ -54,8 +54,9 @@ struct TavroBatchHooks {
 };
 
 struct TavroBatchReport {
-    TavroFailure Failure = {};                        ///< None: every step is done.
-    std::vector<TavroFailure> RollBack = {};          ///< Why steps could not be undone.
+    TavroFailure Failure = {};               ///< None: every step is done.
+    TavroFailure Why = {};                   ///< Of the failure, where there is more to tell.
+    std::vector<TavroFailure> RollBack = {}; ///< Why steps could not be undone.
     std::vector<std::string> CreatedDirectories = {}; ///< Missing parents; outer ones first.
     TavroAttributesLost Lost = {};
 };
@@ -74,8 +75,8 @@ struct TavroBatchReport {
 TavroBatchReport TavroRunBatch(std::vector<TavroBatchStep>& Steps, const TavroBatchHooks& Hooks,
                                const TavroCallbacks& Callbacks);
 
-/// The sentence of a report: that of its failure, then " Rollback failed: " and why for each step
-/// that could not be undone.
+/// The sentence of a report: that of its failure and why, then " Rollback failed: " and why for
+/// each step that could not be undone.
 std::string TavroDescribe(const TavroBatchReport& Report);
 
 #endif

@@ -5,7 +5,6 @@
 
 #include "batch.h"
 #include "tavroops.h"
-#include "trash_folders.h"
 
 #include <string>
 #include <vector>
@@ -18,14 +17,17 @@ struct TavroTrashedEntry {
 
 /// What became of a trashing or a restoring.
 struct TavroTrashReport {
-    TavroBatchReport Batch;
+    TavroBatchReport Batch = {};
 
-    /// What is not where it was before: "; 'ORIGINALPATH' is now 'TRASHPATH'" and the like are made
-    /// of these by TavroDescribe. Empty after success.
-    std::vector<TavroTrashedEntry> Left;
+    // After a failure, what is not where it was before:
+
+    std::vector<TavroTrashedEntry> Left = {};   ///< It is where it was to go.
+    std::vector<TavroTrashedEntry> InBoth = {}; ///< It is there, and in part where it was.
 
     /// After trashing succeeded: one an entry, in order.
-    std::vector<TavroTrashedEntry> Entries;
+    std::vector<TavroTrashedEntry> Entries = {};
+
+    bool bRestoring = false; ///< What the report is about; TavroDescribe tells it by that.
 
     explicit operator bool() const {
         return !Batch.Failure;
@@ -37,7 +39,7 @@ struct TavroTrashReport {
 /// or does not exist. A link may go whatever it points to, unless it is on the way to the home
 /// directory or the trash.
 ///
-/// @return every reason, in the order of the entries; empty when the selection may go.
+/// @return one reason an entry that must not go, in order; empty when the selection may go.
 std::vector<TavroFailure> TavroCheckTrashable(const std::vector<TavroOperationEntry>& Entries);
 
 /// The entries of a selection that a rename cannot bring to the home trash, because they lie on
@@ -49,10 +51,10 @@ TavroEntriesOnOtherDevices(const std::vector<TavroOperationEntry>& Entries);
 ///
 /// For each entry the record is created first, whole, and so holds its name for every program that
 /// keeps to the convention; then the entry is renamed into the trash without replacing anything. A
-/// failure or a cancel moves back what was moved and removes the records. Links are trashed as
-/// links, by their own paths.
+/// failure or a cancel moves back what was moved and removes the records; what cannot be moved back
+/// keeps its record. Links are trashed as links, by their own paths.
 ///
-/// @param Entries  `Path` alone is used.
+/// @param Entries  `Path` alone is used. They are checked as TavroCheckTrashable does.
 TavroTrashReport TavroTrashSelection(const std::vector<TavroOperationEntry>& Entries,
                                      const TavroCallbacks& Callbacks);
 
@@ -66,7 +68,7 @@ TavroTrashReport TavroRestoreSelection(const std::vector<TavroTrashedEntry>& Ent
                                        const TavroCallbacks& Callbacks);
 
 /// The sentence of a report: of the failure, of what could not be rolled back, and where each thing
-/// is now. Empty after success.
+/// is now ("; 'ORIGINALPATH' is now 'TRASHPATH'" and the like). Empty after success.
 std::string TavroDescribe(const TavroTrashReport& Report);
 
 #endif

@@ -13,7 +13,7 @@ TavroTrashFolders TavroFindTrashFolders() {
         return {};
     }
     const std::string root = TavroJoin(home, ".local/share/Trash");
-    return {root, TavroJoin(root, "files"), TavroJoin(root, "info")};
+    return {home, root, TavroJoin(root, "files"), TavroJoin(root, "info")};
 }
 
 namespace {

@@ -10,6 +10,7 @@
 
 /// The directories of a trash. Empty paths when there is none: `HOME` is unset or empty.
 struct TavroTrashFolders {
+    std::string Home;
     std::string Root;
     std::string Files;
     std::string Info;

@@ -1,0 +1,347 @@
+#include "trash.h"
+
+#include "guard.h"
+#include "names.h"
+#include "tavropane.h"
+#include "trash_folders.h"
+#include "trash_record.h"
+
+#include <algorithm>
+#include <unordered_set>
+
+// =================================================================================================
+// What may be trashed
+// =================================================================================================
+
+namespace {
+
+/// Looks once at each entry of a selection, and says why it must not go.
+class SelectionCheck {
+public:
+    explicit SelectionCheck(const std::vector<TavroOperationEntry>& Entries) : m_entries(Entries) {}
+
+    /// The reasons in order; the first alone when that is enough.
+    std::vector<TavroFailure> Run();
+
+    /// One an entry, in order, from its own path to nowhere; complete when there was no reason.
+    std::vector<TavroBatchStep> Steps;
+
+private:
+    TavroFailure Look(const TavroOperationEntry& Entry);
+    TavroFailure LookInside(const std::string& OwnPath);
+
+    const std::vector<TavroOperationEntry>& m_entries;
+    TavroGuard m_guard{TavroAct::Trash};
+    TavroPlaces m_places;
+    std::unordered_set<std::string> m_selected;    ///< Own paths.
+    std::unordered_set<std::string> m_directories; ///< Those of directories.
+    std::string m_parent;                          ///< Asked about last by LookInside,
+    std::string m_above;                           ///< and what was found.
+};
+
+std::vector<TavroFailure> SelectionCheck::Run() {
+    std::vector<TavroFailure> reasons(m_entries.size());
+    for (std::size_t i = 0; i < m_entries.size(); ++i) {
+        Steps.push_back({});
+        reasons[i] = Look(m_entries[i]);
+    }
+    for (std::size_t i = 0; i < m_entries.size(); ++i) {
+        reasons[i] = reasons[i] ? reasons[i] : LookInside(Steps[i].From);
+        reasons[i].Path = m_entries[i].Path;
+    }
+    const auto isNone = [](const TavroFailure& reason) { return !reason; };
+    reasons.erase(std::remove_if(reasons.begin(), reasons.end(), isNone), reasons.end());
+    return reasons;
+}
+
+TavroFailure SelectionCheck::Look(const TavroOperationEntry& Entry) {
+    if (TavroIsCddaPath(Entry.Path)) {
+        return {TavroFailureKind::RefuseTrash, TavroRefusal::AudioTrack};
+    }
+    TavroPlace place;
+    struct stat status = {};
+    TavroFailure failure = m_places.Find(Entry.Path, place);
+    const int error =
+        failure ? failure.Error.value() : TavroStatAt(place.Number(), place.Name.c_str(), status);
+    if (error != 0) {
+        return TavroFail(TavroFailureKind::RefuseTrash, error, "");
+    }
+    failure = m_guard.Check(place, status);
+    std::string own = place.OwnPath();
+    if (!failure && !m_selected.insert(own).second) {
+        failure = {TavroFailureKind::RefuseTrash, TavroRefusal::SelectedTwice};
+    }
+    if (S_ISDIR(status.st_mode)) {
+        m_directories.insert(own);
+    }
+    Steps.back().From = std::move(own);
+    Steps.back().Seen = {place.Directory->Identity, TavroStateOf(status)};
+    return failure;
+}
+
+/// The entries of one directory are inside the same.
+TavroFailure SelectionCheck::LookInside(const std::string& OwnPath) {
+    std::string parent = TavroParentOf(OwnPath);
+    if (m_directories.empty() || OwnPath.empty()) {
+        return {};
+    }
+    if (parent != m_parent) {
+        m_parent = parent;
+        while (parent != "/" && m_directories.count(parent) == 0) {
+            parent = TavroParentOf(parent);
+        }
+        m_above = parent == "/" ? "" : parent;
+    }
+    return m_above.empty() ? TavroFailure()
+                           : TavroFailure{TavroFailureKind::SelectedInside, {}, {}, m_above};
+}
+
+} // namespace
+
+std::vector<TavroFailure> TavroCheckTrashable(const std::vector<TavroOperationEntry>& Entries) {
+    return SelectionCheck(Entries).Run();
+}
+
+namespace {
+
+/// What a rename cannot leave: a device, and one of the mounts of it.
+struct Mount {
+    std::uint64_t Device = 0;
+    std::uint64_t Number = 0;
+};
+
+/// The mount of the directory that holds an entry; of one that is still to be made, where it will
+/// be.
+Mount MountOf(TavroPlaces& Places, std::string Path) {
+    TavroPlace place;
+    while (Places.Find(Path, place) && Path != TavroParentOf(Path)) {
+        Path = TavroParentOf(Path);
+    }
+    struct stat status = {};
+    Mount mount;
+    if (place.Directory) {
+        TavroStatWithMount(place.Number(), status, mount.Number);
+        mount.Device = status.st_dev;
+    }
+    return mount;
+}
+
+} // namespace
+
+std::vector<TavroOperationEntry>
+TavroEntriesOnOtherDevices(const std::vector<TavroOperationEntry>& Entries) {
+    std::vector<TavroOperationEntry> others;
+    const TavroTrashFolders folders = TavroFindTrashFolders();
+    if (folders.Files.empty()) {
+        return others;
+    }
+    TavroPlaces places;
+    const Mount trash = MountOf(places, TavroJoin(folders.Files, "x"));
+    Mount last;
+    std::string lastParent;
+    for (const TavroOperationEntry& entry : Entries) {
+        const std::string parent = TavroParentOf(entry.Path);
+        if (parent != lastParent) {
+            last = MountOf(places, entry.Path);
+            lastParent = parent;
+        }
+        if (last.Device != trash.Device || last.Number != trash.Number) {
+            others.push_back(entry);
+        }
+    }
+    return others;
+}
+
+// =================================================================================================
+// Trashing
+// =================================================================================================
+
+namespace {
+
+TavroTrashReport Failed(TavroFailure Failure) {
+    TavroTrashReport report;
+    report.Batch.Failure = std::move(Failure);
+    return report;
+}
+
+/// Tells what is not where it was.
+void TellWhatIsLeft(const std::vector<TavroBatchStep>& Steps,
+                    const std::vector<TavroTrashedEntry>& Entries, TavroTrashReport& OutReport) {
+    for (std::size_t i = 0; i < Steps.size(); ++i) {
+        if (Steps[i].bCopyStays) {
+            OutReport.InBoth.push_back(Entries[i]);
+        } else if (Steps[i].Arrived.Identity.Inode != 0) {
+            OutReport.Left.push_back(Entries[i]);
+        }
+    }
+}
+
+/// The entries as they lie in the trash.
+std::vector<TavroTrashedEntry> InTrash(const TavroTrashFolders& Folders,
+                                       const std::vector<TavroBatchStep>& Steps) {
+    std::vector<TavroTrashedEntry> entries;
+    entries.reserve(Steps.size());
+    for (const TavroBatchStep& step : Steps) {
+        const std::string record = TavroRecordName(TavroNameOf(step.To));
+        const mode_t mode = step.Seen->State.Mode;
+        entries.push_back(
+            {{step.From, step.To, TavroJoin(Folders.Info, record), S_ISDIR(mode) || S_ISLNK(mode)},
+             step.Arrived.Identity});
+    }
+    return entries;
+}
+
+} // namespace
+
+TavroTrashReport TavroTrashSelection(const std::vector<TavroOperationEntry>& Entries,
+                                     const TavroCallbacks& Callbacks) {
+    if (Entries.empty()) {
+        return Failed({TavroFailureKind::NothingSelected});
+    }
+    SelectionCheck check(Entries);
+    const std::vector<TavroFailure> reasons = check.Run();
+    TavroOpenTrash trash;
+    TavroFailure failure = reasons.empty() ? TavroEnsurePrivateTrash() : reasons.front();
+    failure = failure ? failure : trash.Open();
+    if (failure) {
+        return Failed(std::move(failure));
+    }
+    std::vector<TavroBatchStep>& steps = check.Steps;
+    for (TavroBatchStep& step : steps) {
+        step.To = TavroJoin(trash.Folders.Files, TavroNameOf(step.From));
+    }
+    TavroTrashClaims claims(trash.Files.Number(), trash.Info.Number());
+    TavroBatchHooks hooks;
+    hooks.BeforeMove = [&](std::size_t i) {
+        std::string name;
+        TavroFailure unclaimed = claims.Claim(TavroNameOf(steps[i].From), steps[i].From, name);
+        unclaimed.Path = TavroJoin(trash.Folders.Info, unclaimed.Path);
+        steps[i].To = TavroJoin(trash.Folders.Files, name);
+        return unclaimed;
+    };
+    hooks.Undone = [&](std::size_t i) { claims.Drop(TavroNameOf(steps[i].To)); };
+    TavroTrashReport report;
+    report.Batch = TavroRunBatch(steps, hooks, Callbacks);
+    report.Entries = InTrash(trash.Folders, steps);
+    if (!report) {
+        TellWhatIsLeft(steps, report.Entries, report);
+        report.Entries.clear();
+    }
+    return report;
+}
+
+// =================================================================================================
+// Restoring
+// =================================================================================================
+
+namespace {
+
+/// One entry, and its own path once it is back, which `OriginalPath` may spell otherwise.
+struct Restoration {
+    TavroTrashedEntry Trashed;
+    std::string Place;
+};
+
+/// Checks what the trash itself can tell: each entry once, to a place of its own.
+TavroFailure CheckRestoreList(const std::vector<TavroTrashedEntry>& Entries,
+                              std::vector<Restoration>& OutRestorations) {
+    std::unordered_set<std::string> items;
+    std::unordered_set<std::string> ownPlaces;
+    TavroPlaces places;
+    for (const TavroTrashedEntry& trashed : Entries) {
+        const TavroTrashEntry& entry = trashed.Entry;
+        if (entry.OriginalPath.rfind('/', 0) != 0) {
+            return {TavroFailureKind::OriginUnknown, {}, entry.TrashPath};
+        }
+        if (!items.insert(entry.TrashPath).second) {
+            return {TavroFailureKind::ListedTwice, {}, entry.TrashPath};
+        }
+        TavroPlace place;
+        const bool bFound = !places.Find(entry.OriginalPath, place);
+        OutRestorations.push_back(
+            {trashed, bFound ? place.OwnPath() : TavroFindOwnPath(entry.OriginalPath)});
+        if (!ownPlaces.insert(OutRestorations.back().Place).second) {
+            return {TavroFailureKind::RestoreToOnePlace, {}, entry.OriginalPath};
+        }
+    }
+    return {};
+}
+
+/// What a batch refuses, in the words of the trash.
+TavroFailure AsOfTrash(TavroFailure Failure, const std::vector<TavroBatchStep>& Steps) {
+    const auto isOrigin = [&](const TavroBatchStep& step) { return step.To == Failure.Path; };
+    if (Failure.Kind == TavroFailureKind::Missing) {
+        Failure.Kind = TavroFailureKind::ItemMissing;
+    } else if (Failure.Kind == TavroFailureKind::InTheWay) {
+        Failure.Kind = TavroFailureKind::RestoreTargetTaken;
+    } else if (Failure.Kind == TavroFailureKind::LookAt &&
+               std::any_of(Steps.begin(), Steps.end(), isOrigin)) {
+        Failure.Kind = TavroFailureKind::CheckRestoreTarget;
+    }
+    return Failure;
+}
+
+/// Removes the records of items by the items' paths: nothing else is ever removed here.
+void RemoveRecords(const std::vector<TavroTrashedEntry>& Entries) {
+    TavroPlaces places;
+    for (const TavroTrashedEntry& trashed : Entries) {
+        const std::string& item = trashed.Entry.TrashPath;
+        const std::string info = TavroJoin(TavroParentOf(TavroParentOf(item)), "info");
+        TavroPlace record;
+        if (!places.Find(TavroJoin(info, TavroRecordName(TavroNameOf(item))), record)) {
+            TavroUnlinkAt(record.Number(), record.Name.c_str());
+        }
+    }
+}
+
+} // namespace
+
+TavroTrashReport TavroRestoreSelection(const std::vector<TavroTrashedEntry>& Entries,
+                                       const TavroCallbacks& Callbacks) {
+    std::vector<Restoration> restorations;
+    TavroFailure failure = Entries.empty() ? TavroFailure{TavroFailureKind::NothingToRestore}
+                                           : CheckRestoreList(Entries, restorations);
+    if (failure) {
+        return Failed(std::move(failure));
+    }
+    // Directories before what goes into them.
+    std::stable_sort(restorations.begin(), restorations.end(),
+                     [](const Restoration& a, const Restoration& b) { return a.Place < b.Place; });
+    std::vector<TavroBatchStep> steps;
+    std::vector<TavroTrashedEntry> entries;
+    for (Restoration& restoration : restorations) {
+        const TavroTrashedEntry& trashed = restoration.Trashed;
+        steps.push_back({trashed.Entry.TrashPath, trashed.Entry.OriginalPath});
+        if (trashed.Item.Inode != 0) {
+            steps.back().Expected = trashed.Item;
+        }
+        entries.push_back(std::move(restoration.Trashed));
+    }
+    TavroTrashReport report;
+    report.bRestoring = true;
+    report.Batch = TavroRunBatch(steps, {}, Callbacks);
+    if (!report) {
+        report.Batch.Failure = AsOfTrash(std::move(report.Batch.Failure), steps);
+        TellWhatIsLeft(steps, entries, report);
+    }
+    // What stays restored is in the trash no more.
+    RemoveRecords(report ? entries : report.Left);
+    return report;
+}
+
+std::string TavroDescribe(const TavroTrashReport& Report) {
+    std::string text = TavroDescribe(Report.Batch);
+    const auto quoted = [](const std::string& path) { return "'" + path + "'"; };
+    for (const TavroTrashedEntry& left : Report.Left) {
+        const TavroTrashEntry& entry = left.Entry;
+        text += "; " + quoted(entry.OriginalPath) +
+                (Report.bRestoring ? " stays restored" : " is now " + quoted(entry.TrashPath));
+    }
+    for (const TavroTrashedEntry& both : Report.InBoth) {
+        const TavroTrashEntry& entry = both.Entry;
+        const bool bBack = Report.bRestoring;
+        text += "; of " + quoted(bBack ? entry.TrashPath : entry.OriginalPath) + " there is also " +
+                quoted(bBack ? entry.OriginalPath : entry.TrashPath);
+    }
+    return text;
+}

@@ -1,0 +1,460 @@
+#include "trash_contents.h"
+
+#include "guard.h"
+#include "measure.h"
+#include "names.h"
+#include "remove.h"
+#include "trash_record.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <ctime>
+#include <tuple>
+#include <unordered_set>
+
+// =================================================================================================
+// Listing
+// =================================================================================================
+
+namespace {
+
+/// Anything else, joined to a directory, would name another entry than one in that directory.
+bool IsPlainName(const std::string& Name) {
+    return !Name.empty() && Name != "." && Name != ".." && Name.find('/') == std::string::npos &&
+           Name.find('\0') == std::string::npos;
+}
+
+/// The names in a directory of the trash, in order. One that does not exist has none.
+TavroFailure ListNames(const TavroDescriptor& Directory, const std::string& Path,
+                       std::vector<std::string>& OutNames) {
+    TavroListing listing;
+    const int error = Directory.IsOpen() ? TavroListDirectory(Directory.Number(), listing) : 0;
+    if (error != 0) {
+        // One that may not be listed is open for looking up names alone.
+        return TavroFail(TavroFailureKind::ReadTrash, error == EBADF ? EACCES : error, Path);
+    }
+    while (const char* name = listing.Next()) {
+        OutNames.emplace_back(name);
+    }
+    std::sort(OutNames.begin(), OutNames.end());
+    return {};
+}
+
+/// The names of what has a record, readable or not, in order.
+TavroFailure ListRecords(const TavroOpenTrash& Trash, std::vector<std::string>& OutNames) {
+    std::vector<std::string> files;
+    TavroFailure failure = ListNames(Trash.Info, Trash.Folders.Info, files);
+    for (const std::string& file : files) {
+        if (std::optional<std::string> name = TavroItemOfRecord(file)) {
+            OutNames.push_back(std::move(*name));
+        }
+    }
+    return failure;
+}
+
+/// Nothing when there is no such item, or no record of it that can be read.
+std::optional<TavroTrashItem> ReadItem(const TavroOpenTrash& Trash, const std::string& Name) {
+    struct stat status = {};
+    // The item is looked at before its record: whatever takes both names after that is another.
+    if (!IsPlainName(Name) || TavroStatAt(Trash.Files.Number(), Name.c_str(), status) != 0) {
+        return std::nullopt;
+    }
+    std::optional<TavroTrashRecord> record =
+        TavroReadRecord(Trash.Info.Number(), Name, Trash.Folders.Home);
+    if (!record) {
+        return std::nullopt;
+    }
+    TavroTrashItem item;
+    item.Name = Name;
+    item.OriginalPath = std::move(record->Path);
+    item.DeletionDate = std::move(record->Date);
+    item.RecordTime = record->WrittenAt;
+    item.bDirectory = S_ISDIR(status.st_mode);
+    item.ByteCount = S_ISREG(status.st_mode) ? static_cast<std::uint64_t>(status.st_size) : 0;
+    item.ChangeTime = TavroNanoseconds(status.st_ctim);
+    item.Trashed.Item = TavroIdentityOf(status);
+    item.Trashed.Entry = {item.OriginalPath, TavroJoin(Trash.Folders.Files, Name),
+                          TavroJoin(Trash.Folders.Info, TavroRecordName(Name)),
+                          item.bDirectory || S_ISLNK(status.st_mode)};
+    return item;
+}
+
+bool IsListedBefore(const TavroTrashItem& A, const TavroTrashItem& B) {
+    return std::tie(B.DeletionDate, B.RecordTime, A.Name) <
+           std::tie(A.DeletionDate, A.RecordTime, B.Name);
+}
+
+TavroFailure ListItems(const TavroOpenTrash& Trash, bool bMeasure,
+                       const std::function<bool()>& ShouldCancel,
+                       std::vector<TavroTrashItem>& OutItems) {
+    std::vector<std::string> names;
+    TavroFailure failure = ListRecords(Trash, names);
+    for (const std::string& name : names) {
+        if (ShouldCancel && ShouldCancel()) {
+            break;
+        }
+        std::optional<TavroTrashItem> item = ReadItem(Trash, name);
+        if (!item) {
+            continue;
+        }
+        TavroMeasurement measured;
+        if (bMeasure && item->bDirectory) {
+            if (!TavroMeasureEntry(Trash.Files.Number(), name, ShouldCancel, measured)) {
+                break;
+            }
+            item->ByteCount = measured.ByteCount;
+        }
+        OutItems.push_back(std::move(*item));
+    }
+    std::sort(OutItems.begin(), OutItems.end(), IsListedBefore);
+    return failure;
+}
+
+} // namespace
+
+TavroFailure TavroListTrash(bool bMeasure, const std::function<bool()>& ShouldCancel,
+                            std::vector<TavroTrashItem>& OutItems) {
+    TavroOpenTrash trash;
+    OutItems.clear();
+    TavroFailure failure = trash.Open();
+    return failure ? failure : ListItems(trash, bMeasure, ShouldCancel, OutItems);
+}
+
+std::uint64_t TavroCountUnlistedItems(const std::vector<TavroTrashItem>& Listed) {
+    TavroOpenTrash trash;
+    std::vector<std::string> names;
+    if (trash.Open() || ListNames(trash.Files, trash.Folders.Files, names)) {
+        return 0;
+    }
+    std::unordered_set<std::string> listed;
+    for (const TavroTrashItem& item : Listed) {
+        listed.insert(item.Name);
+    }
+    return static_cast<std::uint64_t>(
+        std::count_if(names.begin(), names.end(),
+                      [&](const std::string& name) { return listed.count(name) == 0; }));
+}
+
+// =================================================================================================
+// Finding
+// =================================================================================================
+
+TavroFailure TavroTrashIndex::List() {
+    m_bListed = true;
+    TavroFailure failure = ListItems(m_trash, false, {}, m_items);
+    for (std::size_t i = 0; i < m_items.size(); ++i) {
+        const TavroTrashItem& item = m_items[i];
+        m_byName[item.Name] = i;
+        m_byPath[item.OriginalPath].insert(i);
+        m_pathsByName[TavroNameOf(item.OriginalPath)].insert(item.OriginalPath);
+    }
+    return failure;
+}
+
+void TavroTrashIndex::Drop(const TavroTrashItem& Item) {
+    const auto known = m_byName.find(Item.Name);
+    if (known == m_byName.end()) {
+        return;
+    }
+    const std::string& path = m_items[known->second].OriginalPath;
+    const auto samePath = m_byPath.find(path);
+    samePath->second.erase(known->second);
+    if (samePath->second.empty()) {
+        m_byPath.erase(samePath);
+        m_pathsByName[TavroNameOf(path)].erase(path);
+    }
+    m_byName.erase(known);
+}
+
+/// The newest one from any of the paths that a text can mean.
+const TavroTrashItem* TavroTrashIndex::FindByPath(const std::string& Text) const {
+    std::size_t newest = m_items.size();
+    for (const std::string& path : {Text, TavroNameEntry(Text).Path, TavroFindOwnPath(Text)}) {
+        const auto found = m_byPath.find(path);
+        newest = found == m_byPath.end() ? newest : std::min(newest, *found->second.begin());
+    }
+    return newest == m_items.size() ? nullptr : &m_items[newest];
+}
+
+TavroFailure TavroTrashIndex::Find(const std::string& Text, TavroTrashItem& OutItem) {
+    TavroFailure failure = m_trash.Files.IsOpen() ? TavroFailure() : m_trash.Open();
+    if (!failure) {
+        if (std::optional<TavroTrashItem> item = ReadItem(m_trash, Text)) {
+            OutItem = std::move(*item);
+            return {};
+        }
+        failure = m_bListed ? TavroFailure() : List();
+    }
+    if (failure) {
+        return failure;
+    }
+    const TavroTrashItem* found = FindByPath(Text);
+    const auto named = m_pathsByName.find(Text.substr(0, Text.find_last_not_of('/') + 1));
+    if (found == nullptr && named != m_pathsByName.end() && named->second.size() == 1) {
+        found = &m_items[*m_byPath.at(*named->second.begin()).begin()];
+    }
+    if (found != nullptr) {
+        OutItem = *found;
+        return {};
+    }
+    std::string places;
+    if (named != m_pathsByName.end()) {
+        for (const std::string& place : named->second) {
+            places += (places.empty() ? "'" : ", '") + place + "'";
+        }
+    }
+    return {places.empty() ? TavroFailureKind::NotInTrash : TavroFailureKind::SeveralNamed,
+            {},
+            Text,
+            places};
+}
+
+// =================================================================================================
+// Removing
+// =================================================================================================
+
+namespace {
+
+/// Removes items one after the other.
+class Emptying {
+public:
+    TavroFailure Open();
+    TavroFailure Remove(const TavroTrashItem& Item, const std::function<bool()>& ShouldCancel);
+
+private:
+    TavroFailure RemoveItem(const struct stat& Status, const std::function<bool()>& ShouldCancel);
+    TavroFailure RemoveRecord(const std::string& Name);
+    bool IsClaimedByOther(const TavroTrashItem& Item) const;
+
+    TavroOpenTrash m_trash;
+    TavroPlace m_item;
+    TavroGuard m_guard{TavroAct::Delete};
+};
+
+TavroFailure Emptying::Open() {
+    TavroPlaces places;
+    TavroFailure failure = m_trash.Open();
+    if (!failure && m_trash.Files.IsOpen()) {
+        failure = places.Find(TavroJoin(m_trash.Folders.Files, "item"), m_item);
+    }
+    return failure;
+}
+
+TavroFailure Emptying::Remove(const TavroTrashItem& Item,
+                              const std::function<bool()>& ShouldCancel) {
+    struct stat status = {};
+    if (!IsPlainName(Item.Name)) {
+        return {TavroFailureKind::NoItemName, {}, Item.Name};
+    }
+    m_item.Name = Item.Name;
+    const int error =
+        m_item.Directory ? TavroStatAt(m_item.Number(), Item.Name.c_str(), status) : ENOENT;
+    if (error == ENOENT) {
+        return IsClaimedByOther(Item) ? TavroFailure() : RemoveRecord(Item.Name);
+    }
+    if (error != 0) {
+        return TavroFail(TavroFailureKind::Remove, error, m_item.Path());
+    }
+    if (Item.Trashed.Item.Inode != 0 && (Item.Trashed.Item != TavroIdentityOf(status) ||
+                                         Item.ChangeTime != TavroNanoseconds(status.st_ctim))) {
+        return {TavroFailureKind::ItemChanged, {}, Item.Name};
+    }
+    TavroFailure failure = RemoveItem(status, ShouldCancel);
+    return failure ? failure : RemoveRecord(Item.Name);
+}
+
+TavroFailure Emptying::RemoveItem(const struct stat& Status,
+                                  const std::function<bool()>& ShouldCancel) {
+    if (S_ISDIR(Status.st_mode)) {
+        TavroFailure failure = m_guard.Check(m_item, Status);
+        return failure ? failure : TavroRemoveTree(m_item, {TavroIdentityOf(Status), ShouldCancel});
+    }
+    const int error = TavroUnlinkAt(m_item.Number(), m_item.Name.c_str());
+    return error == 0 || error == ENOENT
+               ? TavroFailure()
+               : TavroFail(TavroFailureKind::Remove, error, m_item.Path());
+}
+
+/// The record of an item that is gone may be that of another one, which is on its way.
+bool Emptying::IsClaimedByOther(const TavroTrashItem& Item) const {
+    struct stat status = {};
+    return Item.RecordTime != 0 &&
+           TavroStatAt(m_trash.Info.Number(), TavroRecordName(Item.Name).c_str(), status) == 0 &&
+           TavroNanoseconds(status.st_mtim) != Item.RecordTime;
+}
+
+TavroFailure RemoveRecordAt(const TavroOpenTrash& Trash, const std::string& Name) {
+    const std::string file = TavroRecordName(Name);
+    const int error = TavroUnlinkAt(Trash.Info.Number(), file.c_str());
+    return error == 0 || error == ENOENT
+               ? TavroFailure()
+               : TavroFail(TavroFailureKind::Remove, error, TavroJoin(Trash.Folders.Info, file));
+}
+
+TavroFailure Emptying::RemoveRecord(const std::string& Name) {
+    return RemoveRecordAt(m_trash, Name);
+}
+
+} // namespace
+
+TavroFailure TavroRemoveFromTrash(const std::vector<TavroTrashItem>& Items,
+                                  const std::function<bool()>& ShouldCancel) {
+    Emptying emptying;
+    TavroFailure first = emptying.Open();
+    if (first) {
+        return first;
+    }
+    for (const TavroTrashItem& item : Items) {
+        if (ShouldCancel && ShouldCancel()) {
+            return {TavroFailureKind::Cancelled};
+        }
+        TavroFailure failure = emptying.Remove(item, ShouldCancel);
+        if (failure.Kind == TavroFailureKind::Cancelled) {
+            return failure;
+        }
+        first = first ? first : failure;
+    }
+    return first;
+}
+
+std::vector<TavroTrashItem> TavroItemsOlderThan(std::vector<TavroTrashItem> Items, int Days) {
+    const double limit = 86400.0 * Days;
+    const std::time_t now = std::time(nullptr);
+    const auto isYoung = [&](const TavroTrashItem& item) {
+        const std::optional<std::time_t> time = TavroTimeOfDate(item.DeletionDate);
+        return !time || std::difftime(now, *time) <= limit;
+    };
+    Items.erase(std::remove_if(Items.begin(), Items.end(), isYoung), Items.end());
+    return Items;
+}
+
+// =================================================================================================
+// Examining and mending
+// =================================================================================================
+
+TavroFailure TavroExamineTrash(std::vector<TavroTrashFinding>& OutFindings) {
+    TavroOpenTrash trash;
+    std::vector<std::string> records;
+    std::vector<std::string> items;
+    OutFindings.clear();
+    TavroFailure failure = trash.Open();
+    failure = failure ? failure : ListRecords(trash, records);
+    failure = failure ? failure : ListNames(trash.Files, trash.Folders.Files, items);
+    if (failure) {
+        return failure;
+    }
+    for (const std::string& name : items) {
+        if (!std::binary_search(records.begin(), records.end(), name)) {
+            OutFindings.push_back(
+                {TavroTrashFault::ItemWithoutRecord, TavroJoin(trash.Folders.Files, name)});
+        }
+    }
+    for (const std::string& name : records) {
+        const std::string path = TavroJoin(trash.Folders.Info, TavroRecordName(name));
+        if (!TavroReadRecord(trash.Info.Number(), name, trash.Folders.Home)) {
+            OutFindings.push_back({TavroTrashFault::UnreadableRecord, path});
+        } else if (!std::binary_search(items.begin(), items.end(), name)) {
+            OutFindings.push_back({TavroTrashFault::RecordWithoutItem, path});
+        }
+    }
+    return {};
+}
+
+std::string TavroDescribe(const TavroTrashFinding& Finding) {
+    constexpr const char* ends[] = {" has no record of where it came from",
+                                    " is the record of an entry that is not in the trash",
+                                    " does not tell where its entry came from"};
+    return "'" + Finding.Path + "'" + ends[static_cast<int>(Finding.Fault)];
+}
+
+namespace {
+
+/// The name of the item that a finding is about; nothing when the finding is not about the trash.
+std::optional<std::string> ItemNameOf(const TavroTrashFinding& Finding,
+                                      const TavroTrashFolders& Folders) {
+    const std::string file = TavroNameOf(Finding.Path);
+    const std::string directory = TavroParentOf(Finding.Path);
+    if (Finding.Fault != TavroTrashFault::ItemWithoutRecord) {
+        return directory == Folders.Info ? TavroItemOfRecord(file) : std::nullopt;
+    }
+    return directory == Folders.Files && IsPlainName(file) ? std::optional<std::string>(file)
+                                                           : std::nullopt;
+}
+
+/// Gives an item a record as of the home directory, and before that, if need be, a name that leaves
+/// room for the record's.
+TavroFailure RecordAnew(const TavroOpenTrash& Trash, const std::string& Name) {
+    const std::string original = TavroJoin(Trash.Folders.Home, Name);
+    mode_t mode = 0;
+    if (Name.size() <= TavroLongestTrashName) {
+        TavroFailure failure = TavroCreateRecord(
+            Trash.Info.Number(), Name, TavroRecordText(original, std::time(nullptr)), mode);
+        failure.Path = TavroJoin(Trash.Folders.Info, failure.Path);
+        return failure;
+    }
+    TavroTrashClaims claims(Trash.Files.Number(), Trash.Info.Number());
+    std::string shorter;
+    TavroFailure failure = claims.Claim(Name, original, shorter);
+    failure.Path = TavroJoin(Trash.Folders.Info, failure.Path);
+    if (failure) {
+        return failure;
+    }
+    const int files = Trash.Files.Number();
+    const int error = TavroRenameNoReplace(files, Name.c_str(), files, shorter.c_str());
+    if (error == 0) {
+        return {};
+    }
+    claims.Drop(shorter);
+    return TavroFail(TavroFailureKind::ShortenName, error, TavroJoin(Trash.Folders.Files, Name));
+}
+
+/// How many names are tried for a record that is set aside.
+constexpr std::uint64_t tries = 10000;
+
+/// Sets an unreadable record aside, since it may still tell a person something.
+TavroFailure SetAside(const TavroOpenTrash& Trash, const std::string& Name) {
+    const std::string file = TavroRecordName(Name);
+    const int info = Trash.Info.Number();
+    int error = EEXIST;
+    for (std::uint64_t i = 0; error == EEXIST && i < tries; ++i) {
+        const std::string aside = TavroNumberedName("unreadable record", i);
+        error = TavroRenameNoReplace(info, file.c_str(), info, aside.c_str());
+    }
+    return error == 0 ? TavroFailure()
+                      : TavroFail(TavroFailureKind::SetRecordAside, error,
+                                  TavroJoin(Trash.Folders.Info, file));
+}
+
+} // namespace
+
+TavroFailure TavroMendTrash(const TavroTrashFinding& Finding) {
+    TavroOpenTrash trash;
+    TavroFailure failure = trash.Open();
+    const std::optional<std::string> name = ItemNameOf(Finding, trash.Folders);
+    if (!name || failure.Kind == TavroFailureKind::NoHome) {
+        return {TavroFailureKind::NotInTrash, {}, Finding.Path};
+    }
+    struct stat status = {};
+    const int error = IsPlainName(*name) && trash.Files.IsOpen()
+                          ? TavroStatAt(trash.Files.Number(), name->c_str(), status)
+                          : ENOENT;
+    if (failure || (error != 0 && error != ENOENT)) {
+        return failure ? failure
+                       : TavroFail(TavroFailureKind::LookAt, error,
+                                   TavroJoin(trash.Folders.Files, *name));
+    }
+    const bool bRecord =
+        TavroStatAt(trash.Info.Number(), TavroRecordName(*name).c_str(), status) == 0;
+    if (Finding.Fault == TavroTrashFault::ItemWithoutRecord) {
+        return error != 0 || bRecord ? TavroFailure() : RecordAnew(trash, *name);
+    }
+    if (!bRecord ||
+        (error == 0 && TavroReadRecord(trash.Info.Number(), *name, trash.Folders.Home))) {
+        return {};
+    }
+    if (error != 0) {
+        return RemoveRecordAt(trash, *name);
+    }
+    failure = SetAside(trash, *name);
+    return failure ? failure : RecordAnew(trash, *name);
+}
