@@ -5,7 +5,6 @@
 
 #include "failure.h"
 #include "identity.h"
-#include "measure.h"
 #include "progress.h"
 #include "tavroops.h"
 
@@ -14,28 +13,30 @@
 
 /// What a rename or a creation did, with what the history has to know.
 struct TavroEditReport {
-    TavroFailure Failure;
-    std::string Path;                            ///< The entry's own path, or the directory's, now.
-    TavroFileState Arrived;                      ///< What is there.
-    std::vector<std::string> CreatedDirectories; ///< Outer ones first.
+    TavroFailure Failure = {};
+    std::string Path = {};       ///< The entry's own path, or the directory's, now.
+    TavroFileState Arrived = {}; ///< What is there.
+    std::vector<std::string> CreatedDirectories = {}; ///< Outer ones first.
 };
 
 /// Renames one entry to a typed name or path, without ever replacing anything; within its file
 /// system. Missing parents of the target are created. What the guard protects is refused.
 ///
-/// @param Text           trimmed, then resolved as TavroResolveUserPath does against the directory
-/// that
-///                       holds the entry.
-/// @return `Failure` is one of NoSuchEntry, RefuseRename, RenameAudioTrack, RenameTargetEmpty,
-///         RenameTargetNoName (an existing directory), RenameSame, RenameTaken, RenameTakenByLink,
-///         CreateRenameDirectory, ExamineRenameTarget, Rename: the sentences are the module's.
+/// @param Text  trimmed, then resolved as TavroResolveUserPath does against the directory that
+///              holds the entry.
+/// @return `Failure` is one of NoSuchEntry, LookAt, RefuseRename, RenameAudioTrack,
+///         RenameTargetEmpty, RenameTargetNoName (an existing directory), RenameSame, RenameTaken,
+///         RenameTakenByLink, CreateRenameDirectory, ExamineRenameTarget, Rename: the sentences are
+///         the module's. Nothing is left of what was created then.
 TavroEditReport TavroRenameTo(const TavroOperationEntry& Entry, const std::string& Text);
 
 /// Creates a directory at a typed path, with every missing parent, as TavroCreateDirectory does.
-/// `CreatedDirectories` tells what was missing; `Path` the canonical path.
+/// `CreatedDirectories` tells what was missing, the directory included; `Path` its canonical path.
+/// After a failure (DirectoryPathEmpty, CreateOneDirectory) nothing is left of what was created.
 TavroEditReport TavroMakeDirectory(const std::string& Text, const std::string& BaseDirectory);
 
-/// Why a selection must not be deleted: entries that do not exist or that the guard protects.
+/// Why a selection must not be deleted: NothingSelected, and entries that do not exist or that the
+/// guard protects.
 std::vector<TavroFailure> TavroCheckDeletable(const std::vector<TavroOperationEntry>& Entries);
 
 /// Deletes entries for good, one after the other; the first that cannot be removed whole ends it.

@@ -3,25 +3,34 @@
 #ifndef TAVRO_ENGINE_UNDO_H
 #define TAVRO_ENGINE_UNDO_H
 
-#include "batch.h"
 #include "history.h"
 #include "progress.h"
+#include "trash.h"
 
 /// What became of an undo or a redo.
 struct TavroUndoReport {
-    TavroFailure Failure;               ///< None when it is done and saved.
-    std::vector<TavroFailure> RollBack; ///< After a failure: what could not be moved back, and why.
-    bool bDoneButNotSaved = false;      ///< The disk is changed; the history still says otherwise.
-    TavroOperation Operation;           ///< What was undone (redone), as it is kept now.
+    TavroFailure Failure = {};     ///< None when it is done and saved.
+    TavroTrashReport Trash = {};   ///< Of what went to the trash, or came back from it.
+    TavroBatchReport Moves = {};   ///< Of what was moved.
+    bool bDoneButNotSaved = false; ///< The disk is changed; the history still says otherwise.
+    TavroOperation Operation = {}; ///< What was undone (redone), as it is kept now.
 };
 
-/// Undoes (redoes) the newest operation and saves the history. All is checked before anything is
-/// moved, by identity: what bears a file's name by now but is another file is refused. What was
-/// changed is changed back when a later step fails or `Callbacks` cancels. Directories that are
-/// missing are created, with the modes of those that the operation has removed, otherwise for the
-/// user alone.
+/// Undoes (redoes) the newest operation and saves the history; NothingToUndo (NothingToRedo) when
+/// there is none. All is checked before anything is moved, that the history can be saved included.
+/// What was changed is changed back when a later step fails or `Callbacks` cancels.
+///
+/// Only the very files that the operation left are touched: Missing, Replaced (another file has the
+/// name by now, or another program's item the place in the trash), InTheWay, and what the guard
+/// refuses. A copy goes to the trash with what became of it since. Directories that are missing are
+/// created, for the user alone or with the modes that the operation knows; those that the operation
+/// or its undo created go when they are empty.
 TavroUndoReport TavroUndo(TavroHistory& History, const TavroCallbacks& Callbacks);
 TavroUndoReport TavroRedo(TavroHistory& History, const TavroCallbacks& Callbacks);
+
+/// Looks up, for an operation that is to be recorded, what its steps leave open: which file is at
+/// `To`, and the mode of a created directory.
+void TavroCompleteOperation(TavroOperation& Operation);
 
 /// The sentence of a report; empty after success.
 std::string TavroDescribe(const TavroUndoReport& Report);

@@ -1,0 +1,205 @@
+#include "edit.h"
+
+#include "guard.h"
+#include "names.h"
+#include "remove.h"
+#include "tavropane.h"
+
+#include <algorithm>
+#include <cerrno>
+
+namespace {
+
+using Kind = TavroFailureKind;
+
+/// Looks at an entry that must be there.
+TavroFailure Look(TavroPlaces& Places, const std::string& Path, TavroPlace& OutPlace,
+                  struct stat& OutStatus) {
+    const TavroFailure failure = Places.Find(Path, OutPlace);
+    const int error = failure ? failure.Error.value()
+                              : TavroStatAt(OutPlace.Number(), OutPlace.Name.c_str(), OutStatus);
+    const bool bMissing = error == ENOENT || error == ENOTDIR;
+    return error == 0 ? TavroFailure()
+                      : TavroFail(bMissing ? Kind::NoSuchEntry : Kind::LookAt, error, Path);
+}
+
+/// What must not stay when the edit fails goes, the innermost first.
+TavroEditReport Failed(TavroFailure Failure, const std::vector<std::string>& Created) {
+    TavroPlaces places;
+    TavroPlace place;
+    for (auto path = Created.rbegin(); path != Created.rend(); ++path) {
+        if (!places.Find(*path, place)) {
+            TavroRemoveDirectoryAt(place.Number(), place.Name.c_str());
+        }
+    }
+    TavroEditReport report;
+    report.Failure = std::move(Failure);
+    return report;
+}
+
+// =================================================================================================
+// Renaming
+// =================================================================================================
+
+/// Why nothing can be renamed to where something is already.
+TavroFailure Taken(const TavroPlace& From, const TavroPlace& To) {
+    struct stat source = {};
+    struct stat target = {};
+    if (TavroStatTargetAt(To.Number(), To.Name.c_str(), target) != 0) {
+        return {Kind::RenameTakenByLink, {}, To.Path()};
+    }
+    if (S_ISDIR(target.st_mode)) {
+        return {Kind::RenameTargetNoName};
+    }
+    const bool bSame = TavroStatTargetAt(From.Number(), From.Name.c_str(), source) == 0 &&
+                       TavroIdentityOf(source) == TavroIdentityOf(target);
+    return {bSame ? Kind::RenameSame : Kind::RenameTaken};
+}
+
+/// Finds the place to which an entry is to go, and creates what is missing above it.
+TavroFailure FindTarget(TavroPlaces& Places, const std::string& Target, const TavroPlace& From,
+                        bool bDirectory, std::vector<std::string>& OutCreated, TavroPlace& OutTo) {
+    struct stat status = {};
+    TavroFailure failure = Look(Places, Target, OutTo, status);
+    if (!failure) {
+        return Taken(From, OutTo);
+    }
+    if (failure.Kind == Kind::LookAt) {
+        failure.Kind = Kind::ExamineRenameTarget;
+        return failure;
+    }
+    if (!bDirectory && TavroNameOf(Target).empty()) {
+        return TavroFail(Kind::Rename, ENOTDIR, Target);
+    }
+    failure = Places.FindOrCreate(Target, 0777, OutCreated, OutTo);
+    failure.Kind = failure ? Kind::CreateRenameDirectory : Kind::None;
+    return failure;
+}
+
+} // namespace
+
+TavroEditReport TavroRenameTo(const TavroOperationEntry& Entry, const std::string& Text) {
+    const std::string text = TavroTrimText(Text);
+    if (TavroIsCddaPath(Entry.Path) || text.empty()) {
+        return {{text.empty() ? Kind::RenameTargetEmpty : Kind::RenameAudioTrack}};
+    }
+    TavroEditReport report;
+    TavroPlaces places;
+    TavroPlace from;
+    TavroPlace to;
+    struct stat status = {};
+    TavroFailure failure = Look(places, Entry.Path, from, status);
+    failure = failure ? failure : TavroGuard(TavroAct::Rename).Check(from, status);
+    if (!failure) {
+        const std::string target = TavroResolveUserPath(text, TavroParentOf(Entry.Path)).string();
+        failure = FindTarget(places, target, from, S_ISDIR(status.st_mode),
+                             report.CreatedDirectories, to);
+    }
+    if (!failure) {
+        const int error =
+            TavroRenameNoReplace(from.Number(), from.Name.c_str(), to.Number(), to.Name.c_str());
+        failure = error == 0 ? failure
+                             : TavroFail(error == EEXIST ? Kind::RenameTaken : Kind::Rename, error,
+                                         Entry.Path);
+    }
+    if (failure) {
+        return Failed(std::move(failure), report.CreatedDirectories);
+    }
+    TavroStatAt(to.Number(), to.Name.c_str(), status);
+    report.Path = to.OwnPath();
+    report.Arrived = TavroStateOf(status);
+    return report;
+}
+
+// =================================================================================================
+// Creating
+// =================================================================================================
+
+TavroEditReport TavroMakeDirectory(const std::string& Text, const std::string& BaseDirectory) {
+    const std::string text = TavroTrimText(Text);
+    if (text.empty()) {
+        return {{Kind::DirectoryPathEmpty}};
+    }
+    TavroEditReport report;
+    TavroPlaces places;
+    TavroPlace place;
+    struct stat status = {};
+    const std::string target = TavroResolveUserPath(text, BaseDirectory).string();
+    const TavroFailure failure =
+        places.FindOrCreate(target, 0777, report.CreatedDirectories, place);
+    int error = failure ? failure.Error.value()
+                        : TavroMakeDirectoryAt(place.Number(), place.Name.c_str(), 0777);
+    if (error == 0) {
+        report.CreatedDirectories.push_back(place.Path());
+    }
+    if (!failure && (error == 0 || error == EEXIST)) {
+        const int look = TavroStatTargetAt(place.Number(), place.Name.c_str(), status);
+        error = look == 0        ? (S_ISDIR(status.st_mode) ? 0 : ENOTDIR)
+                : look == ENOENT ? EEXIST
+                                 : look;
+    }
+    if (error != 0) {
+        return Failed(TavroFail(Kind::CreateOneDirectory, error, target),
+                      report.CreatedDirectories);
+    }
+    report.Path = TavroCanonicalizePath(target);
+    report.Arrived = TavroStateOf(status);
+    return report;
+}
+
+// =================================================================================================
+// Deleting
+// =================================================================================================
+
+namespace {
+
+/// @param OutIdentities  of the entries that may be deleted, in order.
+std::vector<TavroFailure> Check(const std::vector<TavroOperationEntry>& Entries,
+                                std::vector<TavroIdentity>& OutIdentities) {
+    std::vector<TavroFailure> failures;
+    if (Entries.empty()) {
+        failures.push_back({Kind::NothingSelected});
+    }
+    TavroPlaces places;
+    TavroGuard guard(TavroAct::Delete);
+    for (const TavroOperationEntry& entry : Entries) {
+        TavroPlace place;
+        struct stat status = {};
+        TavroFailure failure = Look(places, entry.Path, place, status);
+        failure = failure ? failure : guard.Check(place, status);
+        if (failure) {
+            failures.push_back(std::move(failure));
+        }
+        OutIdentities.push_back(TavroIdentityOf(status));
+    }
+    return failures;
+}
+
+} // namespace
+
+std::vector<TavroFailure> TavroCheckDeletable(const std::vector<TavroOperationEntry>& Entries) {
+    std::vector<TavroIdentity> identities;
+    return Check(Entries, identities);
+}
+
+TavroFailure TavroDeleteForGood(const std::vector<TavroOperationEntry>& Entries,
+                                const TavroCallbacks& Callbacks) {
+    std::vector<TavroIdentity> identities;
+    const std::vector<TavroFailure> failures = Check(Entries, identities);
+    TavroFailure failure = failures.empty() ? TavroFailure() : failures.front();
+    TavroProgressTeller progress(Callbacks);
+    TavroPlaces places;
+    for (std::size_t i = 0; i < Entries.size() && !failure; ++i) {
+        TavroPlace place;
+        failure = places.Find(Entries[i].Path, place);
+        if (!failure) {
+            const auto count = [&] {
+                progress.Begin([&] { return Entries[i].Path; });
+                progress.AddItems();
+                return progress.ShouldCancel();
+            };
+            failure = TavroRemoveTree(place, {identities[i], count, /*bOpenReadOnly=*/false});
+        }
+    }
+    return failure;
+}
