@@ -5,10 +5,14 @@
 
 #include "failure.h"
 #include "identity.h"
+#include "posix.h"
 #include "progress.h"
 
 #include <cstdint>
+#include <optional>
+#include <string>
 #include <sys/stat.h>
+#include <vector>
 
 /// How many entries lost something that the target could not hold.
 struct TavroAttributesLost {
@@ -16,37 +20,87 @@ struct TavroAttributesLost {
     std::uint64_t ExtendedAttributes = 0; ///< Extended attributes other than these.
 };
 
-/// How a file is copied.
-struct TavroCopyOptions {
-    bool bSync = false; ///< The bytes have reached the disk when it is done.
-    bool bClearInherited =
-        true; ///< The target's directory may give access control lists to new files.
+/// What is true of all new entries in one directory, so that it is found out once.
+struct TavroNewEntryTraits {
+    bool bInheritLists = false; ///< They get access control lists from the directory.
+    bool bUnnamed = true;       ///< A file can be made there that has no name yet.
+    bool bOwnerKnown = false;   ///< They belong to `User` and `Group`.
+    uid_t User = 0;
+    gid_t Group = 0;
 };
 
-/// Copies a regular file, with its attributes, to a name at which nothing is. Shares blocks where
-/// the file system can, keeps holes, and lets the kernel do the copying where it does.
+/// Asks a directory whether it gives access control lists to what is new in it; what else is true
+/// of new entries shows at the first of them.
+TavroNewEntryTraits TavroTraitsOfNewEntriesIn(int Directory);
+
+/// One extended attribute; without a value when it cannot be read.
+struct TavroAttribute {
+    std::string Name;
+    std::optional<std::string> Value;
+};
+
+/// The extended attributes of an open entry, access control lists among them; none where none can
+/// be had.
+std::vector<TavroAttribute> TavroReadAttributes(int From);
+
+/// Removes the access control lists that a new entry got from its directory: they could let in
+/// others than the original does.
+/// @return 0, or the error number.
+int TavroRemoveLists(int Entry, mode_t Mode);
+
+/// Gives a new entry what another one has: owner where that is permitted, extended attributes and
+/// access control lists where they can be held, mode (without set-user and set-group when the owner
+/// could not be kept; without what a lost list had denied to somebody), times.
 ///
-/// @param OutSource  the source as it was when the copy began. What is appended meanwhile is not
-///                   copied.
-/// @param OutCopy    the copy when it was complete.
-/// @param OutLost    added to.
-/// @return no failure; else one without paths (the caller knows them), and nothing is left at `To`:
-///         Read, BecameShorter and Copy are about the source, Create, SetAttributes, Write and
-///         CopyNotWhole about the target; Cancelled.
+/// @param To       open; links and FIFOs with O_PATH.
+/// @param Status   of the other one, and its `Attributes`.
+/// @param Traits   of the directory that `To` lies in; learnt from.
+/// @param OutLost  added to.
+/// @return 0, or the error number when mode or times could not be set, or a list that the entry got
+///         from its directory could not be removed.
+int TavroGiveAttributes(int To, const struct stat& Status,
+                        const std::vector<TavroAttribute>& Attributes, TavroNewEntryTraits& Traits,
+                        TavroAttributesLost& OutLost);
+
+/// How a file is copied.
+struct TavroCopyOptions {
+    bool bSync = false;    ///< The bytes have reached the disk when it is done.
+    bool bUnnamed = false; ///< The copy may be made without a name, for the caller to link it.
+};
+
+/// A finished copy of a file.
+struct TavroFileCopy {
+    TavroFileState State;    ///< As it was when it was complete, unless it has no name yet.
+    TavroDescriptor Unnamed; ///< Open when the copy has no name yet.
+};
+
+/// Opens a regular file for copying.
+/// @return 0; EIO for what is no regular file, ELOOP for a link; or the error number.
+int TavroOpenSource(int Directory, const char* Name, TavroDescriptor& OutFile,
+                    struct stat& OutStatus);
+
+/// Copies a regular file, with its attributes, to a name at which nothing is. Shares blocks where
+/// the file system can, keeps holes, and lets the kernel do the copying where it does. What is
+/// appended to the source meanwhile is not copied.
+///
+/// @param From    open, and `Source` its status then.
+/// @param Traits  of `ToDirectory`.
+/// @return no failure; else one without paths (the caller knows them), and nothing is left of the
+///         copy: Read, BecameShorter, Copy and CopyNotWhole are about the source; Create,
+///         SetAttributes and Write about the target; Cancelled.
 ///
 /// A file that says its size is 0 is read to its end all the same: those of /proc have contents.
-TavroFailure TavroCopyFile(int FromDirectory, const char* From, int ToDirectory, const char* To,
-                           const TavroCopyOptions& Options, TavroProgressTeller& Progress,
-                           TavroFileState& OutSource, struct stat& OutSourceStatus,
-                           TavroFileState& OutCopy, TavroAttributesLost& OutLost);
+TavroFailure TavroCopyFile(int From, const struct stat& Source, int ToDirectory, const char* To,
+                           const TavroCopyOptions& Options, TavroNewEntryTraits& Traits,
+                           TavroProgressTeller& Progress, TavroFileCopy& OutCopy,
+                           TavroAttributesLost& OutLost);
 
-/// Gives an open entry what another one has: owner where that is permitted, extended attributes and
-/// access control lists where they can be held, mode (without set-user and set-group when the owner
-/// could not be kept; without what a lost list had denied), times. Either may be open by O_PATH.
-///
-/// @param Status  that of `From`.
-/// @return 0, or the error number when mode or times could not be set.
-int TavroCopyAttributes(int From, int To, const struct stat& Status, bool bClearInherited,
-                        TavroAttributesLost& OutLost);
+/// @return 0 when what has a name is this file or directory, unchanged; ESTALE when it is not, or
+///         nothing is there; or the error number of looking.
+int TavroCheckUnchanged(int Directory, const char* Name, const TavroFileState& State);
+
+/// Removes a name, if what has it is this file or directory, unchanged.
+/// @return as above; or the error number of removing it.
+int TavroRemoveUnchanged(int Directory, const char* Name, const TavroFileState& State);
 
 #endif

@@ -1,22 +1,187 @@
-/// Copying a whole entry, tree or not, to a hidden name at which nothing is; removing what was
-/// copied; taking the copy back.
+/// Copying a whole entry, tree or not, to where nobody sees it; giving it its name; removing what
+/// was copied; taking the copy back.
 
 #ifndef TAVRO_ENGINE_COPY_TREE_H
 #define TAVRO_ENGINE_COPY_TREE_H
 
 #include "copy_file.h"
 #include "place.h"
+#include "walk.h"
 
 #include <memory>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
-/// Where the files with several names went, so that their other names become links to the same
-/// copy. One serves a whole operation.
-class TavroHardLinks;
+/// What the copies of one operation share: where the files with several names went, so that their
+/// other names become links to the same copy; and what is known of the directory copied to last.
+class TavroHardLinks {
+public:
+    /// The path of a copied entry, shared by all that lies in it; empty once it was given up.
+    using Tree = std::shared_ptr<std::string>;
+
+    /// A file with several names as it was when it was copied, and its copy. Each gets a new change
+    /// time with every name that is added or removed, which is noted here.
+    struct File {
+        TavroFileState Source;
+        TavroFileState Copy;
+        Tree Root;
+        std::string Below; ///< The path of the copy below the root.
+    };
+
+    void Remember(File Copied);
+
+    /// What is known of a file, by the identity of the source; null when nothing is.
+    File* Find(const TavroIdentity& Source);
+
+    /// Links a new name to the copy of the same file, if there is one that is still what it was.
+    /// @return the file; null when the name is not there.
+    const File* LinkTo(const TavroFileState& Source, int Directory, const char* Name);
+
+    /// What is true of new entries in the directory of a place. The directory is asked again only
+    /// when another one was asked about meanwhile.
+    TavroNewEntryTraits& TraitsAt(const TavroPlace& Place);
+
+private:
+    std::unordered_map<TavroIdentity, File> m_files;
+    std::shared_ptr<const TavroDirectory> m_last;
+    TavroNewEntryTraits m_traits;
+};
+
+/// How an entry is copied.
+struct TavroTreeCopyOptions {
+    bool bMove = false;    ///< The source is to go: the copy is whole or fails, and is noted.
+    bool bReplace = false; ///< The copy will replace a file.
+};
 
 /// One copy of an entry with everything below it.
-class TavroTreeCopy;
+class TavroTreeCopy {
+public:
+    /// The places and what follows the options are kept by reference.
+    TavroTreeCopy(const TavroPlace& From, const TavroPlace& To, TavroTreeCopyOptions Options,
+                  TavroHardLinks& Links, TavroProgressTeller& Progress);
+
+    /// Copies to where nobody sees it, in the directory of the destination.
+    ///
+    /// @param Source  the status of the entry, by a look at itself a moment ago.
+    /// @return whether there is a copy to be published, be it without some entries that failed.
+    ///         Otherwise nothing is left of it, and why is in the failures; Cancelled is the first.
+    bool Run(const struct stat& Source);
+
+    /// Lets a directory reach the disk before it is published; a file has done so when it is to.
+    /// @return 0, or the error number.
+    int Sync();
+
+    /// Gives the copy its name.
+    /// @return 0; EEXIST when the name is taken; ESTALE when something else had the name of the
+    ///         copy, before or after; or the error number.
+    int Publish(const std::string& Name);
+
+    /// After Publish has failed: the file system makes files without a name, but cannot give them
+    /// one. The next copy will have a name.
+    bool CannotLink() const {
+        return m_bCannotLink;
+    }
+
+    /// Removes the copy while nobody else uses it.
+    void GiveUp();
+
+    /// @return no failure; or Changed, about the first source that is not what was copied.
+    TavroFailure FindChangedSource();
+
+    /// @return no failure; or CopyNotWhole, with the path of the source, when the published copy is
+    ///         not what was made.
+    TavroFailure FindChangedCopy();
+
+    /// Removes the sources, each only when it is the file that was copied, unchanged. Why others
+    /// stay is in the failures.
+    /// @return how many were removed.
+    std::size_t RemoveSources();
+
+    /// Removes a published copy: just what was made here, and nobody has changed since.
+    /// @return whether nothing is left of it.
+    bool TakeBack();
+
+    /// The copy, or what it is in the destination's directory.
+    const TavroFileState& Made() const {
+        return m_made;
+    }
+    std::vector<TavroFailure>& Failures() {
+        return m_failures;
+    }
+    const TavroAttributesLost& Lost() const {
+        return m_lost;
+    }
+
+private:
+    /// What was copied for a move: a directory before what is in it.
+    struct Copied {
+        TavroFileState Source;
+        TavroFileState Copy;
+        std::size_t NameAt; ///< In m_names.
+        std::size_t End;    ///< Of a directory: the number of the first one after all in it.
+        bool bLinked;       ///< It has several names.
+    };
+    using Side = TavroFileState Copied::*;
+    class Retrace;
+
+    /// A directory on the way from the top down.
+    struct Level {
+        struct stat Source;
+        std::vector<TavroAttribute> Attributes;
+        TavroNewEntryTraits Traits; ///< Of entries in the copy.
+        std::size_t Number;         ///< In m_copied.
+        int ListError;              ///< Why it could not be listed; 0 when it could.
+        bool bMade;                 ///< There is a copy.
+    };
+
+    void TakeStep(TavroWalkEvent Event);
+    void CopyLeaf(int Directory, const char* Name, bool bRegular);
+    bool CopyByType(int Source, const struct stat& Status, TavroFileState& OutCopy);
+    bool CopyFile(int Source, const struct stat& Status, TavroFileState& OutCopy);
+    bool CopySpecial(int Source, const struct stat& Status, TavroFileState& OutCopy);
+    void EnterDirectory();
+    bool IsEnterable();
+    void MakeDirectory(Level& OutLevel);
+    int OpenMade(TavroDescriptor& OutDirectory, struct stat& OutStatus);
+    bool IsNew(const struct stat& Status);
+    void LeaveDirectory();
+    void NoteCopied(const TavroFileState& Source, const TavroFileState& Copy, bool bLinked);
+    bool Fail(TavroFailureKind Kind, int Error = 0);
+    bool IsCancelled();
+    TavroNewEntryTraits& Traits();
+    const char* TargetName() const;
+
+    int CheckName(const std::string& Name, struct stat& OutStatus) const;
+    int PublishUnnamed(const std::string& Name, struct stat& OutStatus);
+    int PublishNamed(const std::string& Name, struct stat& OutStatus);
+    TavroFailure FindChanged(Side Which);
+    std::size_t Remove(Side Which, std::vector<TavroFailure>& OutFailures);
+    int RemoveOne(int Directory, const char* Name, Copied& Entry, Side Which);
+    TavroFileState& LatestOf(Copied& Entry, Side Which);
+
+    const TavroPlace& m_from;
+    const TavroPlace& m_to;
+    const TavroTreeCopyOptions m_options;
+    TavroHardLinks& m_links;
+    TavroProgressTeller& m_progress;
+
+    TavroFileState m_source;
+    TavroFileState m_made;
+    std::string m_name;     ///< Of the copy: a hidden one until it is published.
+    TavroDescriptor m_open; ///< The copy: a file without a name, or a directory.
+    TavroHardLinks::Tree m_tree;
+    bool m_bThere = false;   ///< There is a copy.
+    bool m_bGivenUp = false; ///< Going on makes no sense.
+    bool m_bCannotLink = false;
+
+    TavroTreeWalk m_walk;
+    TavroDirectoryStack m_target;
+    std::vector<Level> m_levels;
+    std::vector<Copied> m_copied;
+    std::string m_names; ///< Of all that was copied, each ended by a zero byte.
+    std::vector<TavroFailure> m_failures;
+    TavroAttributesLost m_lost;
+};
 
 #endif

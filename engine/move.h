@@ -27,32 +27,39 @@ struct TavroMoveOptions {
     std::function<std::string()> NextName = {};
 };
 
-/// What became of it.
+/// What became of it. What is where follows from it:
+///
+///     Failure  bCopyStays  bPartlyMoved
+///     none     no          no            It is at the destination. Of a copied directory `Below`
+///                                        names the entries that are not.
+///     set      no          no            It is whole where it was, and nowhere else.
+///     set      yes         no            It is in both places.
+///     set      yes         yes           It is at the destination. What `Failure` and `Below` name
+///                                        is at the source too.
 struct TavroMoveReport {
-    /// None when the entry is at its destination and, of a move, nowhere else. Taken: something was
-    /// at the destination. Otherwise it is whole where it was, unless `bCopyStays`.
+    /// Taken: something was at the destination. CopyStays: `Below` tells why the source was not
+    /// removed. All that is to be told is this, and then `Below`.
     TavroFailure Failure = {};
-
-    /// Of a copied directory that arrived, entries in it that did not; of a move across file
-    /// systems what could not be removed at its source.
     std::vector<TavroFailure> Below = {};
 
-    std::string Name;         ///< The name that it has at its destination.
-    TavroFileState Arrived;   ///< What is there now. An inode of 0: nothing of it.
-    bool bCopied = false;     ///< Its bytes were copied.
-    bool bCopyStays = false;  ///< After a failure: a copy lies at the destination all the same.
+    std::string Name;       ///< The name that it has at its destination.
+    TavroFileState Arrived; ///< What is there now. An inode of 0: nothing of it.
+    bool bCopied = false;   ///< Its bytes were copied.
+    bool bCopyStays = false;
+    bool bPartlyMoved = false;
     TavroAttributesLost Lost; ///< What the destination could not hold.
 };
 
 /// Brings an entry to a place at which nothing is.
 ///
-/// What is copied is written under a hidden name in the destination's directory and renamed when it
-/// is whole; of a move it has reached the disk before, and each source is removed only when it is
-/// the file that was copied, unchanged. When nothing of the source can be removed the copy is taken
-/// back: just what this call created and nobody changed since.
+/// What is copied is written where nobody sees it, in the destination's directory, and gets its
+/// name when it is whole; of a move it has reached the disk before, and each source is removed only
+/// when it is the file that was copied, unchanged. When nothing of the source can be removed the
+/// copy is taken back: just what this call created and nobody changed since.
 ///
 /// @param Links     hard links among the entries of one operation; one serves the whole operation.
-/// @param Progress  told and asked; a cancel is the failure Cancelled and leaves nothing behind.
+/// @param Progress  told and asked; a cancel is the failure Cancelled and leaves nothing behind. A
+///                  rename counts nothing.
 TavroMoveReport TavroBringEntry(const TavroPlace& From, const TavroPlace& To,
                                 const TavroMoveOptions& Options, TavroHardLinks& Links,
                                 TavroProgressTeller& Progress);

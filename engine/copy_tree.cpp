@@ -1,0 +1,682 @@
+#include "copy_tree.h"
+
+#include "names.h"
+#include "remove.h"
+
+#include <cerrno>
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace {
+
+using Kind = TavroFailureKind;
+
+} // namespace
+
+// =================================================================================================
+// Hard links
+// =================================================================================================
+
+void TavroHardLinks::Remember(File Copied) {
+    m_files[Copied.Source.Identity] = std::move(Copied);
+}
+
+TavroHardLinks::File* TavroHardLinks::Find(const TavroIdentity& Source) {
+    const auto found = m_files.find(Source);
+    return found == m_files.end() ? nullptr : &found->second;
+}
+
+const TavroHardLinks::File* TavroHardLinks::LinkTo(const TavroFileState& Source, int Directory,
+                                                   const char* Name) {
+    File* const file = Find(Source.Identity);
+    // The number of a removed file may have gone to another one.
+    if (file == nullptr || file->Root->empty() || !TavroIsUnchanged(file->Source, Source)) {
+        return nullptr;
+    }
+    const std::string path =
+        file->Below.empty() ? *file->Root : TavroJoin(*file->Root, file->Below);
+    TavroDescriptor directory;
+    TavroDescriptor copy;
+    struct stat status = {};
+    // Wherever the path leads by now, what is linked is the copy, and still what it was.
+    const bool bThere =
+        TavroOpenDirectory(TavroParentOf(path), directory) == 0 &&
+        TavroOpenAt(directory.Number(), TavroNameOf(path).c_str(), O_PATH, copy) == 0 &&
+        TavroStat(copy.Number(), status) == 0 && TavroIsUnchanged(file->Copy, TavroStateOf(status));
+    if (!bThere || TavroLinkOpenAt(copy.Number(), Directory, Name) != 0) {
+        return nullptr;
+    }
+    if (TavroStat(copy.Number(), status) == 0) {
+        file->Copy.ChangeTime = TavroNanoseconds(status.st_ctim);
+    }
+    return file;
+}
+
+TavroNewEntryTraits& TavroHardLinks::TraitsAt(const TavroPlace& Place) {
+    if (m_last != Place.Directory) {
+        m_last = Place.Directory;
+        m_traits = TavroTraitsOfNewEntriesIn(Place.Number());
+    }
+    return m_traits;
+}
+
+// =================================================================================================
+// Copying
+// =================================================================================================
+
+TavroTreeCopy::TavroTreeCopy(const TavroPlace& From, const TavroPlace& To,
+                             TavroTreeCopyOptions Options, TavroHardLinks& Links,
+                             TavroProgressTeller& Progress)
+    : m_from(From), m_to(To), m_options(Options), m_links(Links), m_progress(Progress),
+      m_name(TavroStagingName()), m_walk(From.Number(), From.Name), m_target(To.Number()) {}
+
+bool TavroTreeCopy::Run(const struct stat& Source) {
+    m_source = TavroStateOf(Source);
+    if (S_ISDIR(Source.st_mode)) {
+        for (TavroWalkEvent event = m_walk.Next(); event != TavroWalkEvent::End && !m_bGivenUp;
+             event = m_walk.Next()) {
+            TakeStep(event);
+        }
+    } else {
+        CopyLeaf(m_from.Number(), m_from.Name.c_str(), S_ISREG(Source.st_mode));
+    }
+    if (m_bThere && !m_bGivenUp) {
+        return true;
+    }
+    GiveUp();
+    return false;
+}
+
+void TavroTreeCopy::TakeStep(TavroWalkEvent Event) {
+    switch (Event) {
+    case TavroWalkEvent::Leaf:
+        CopyLeaf(m_walk.Directory(), m_walk.Name().c_str(), m_walk.Type() == DT_REG);
+        break;
+    case TavroWalkEvent::Enter:
+        EnterDirectory();
+        break;
+    case TavroWalkEvent::Leave:
+        LeaveDirectory();
+        break;
+    case TavroWalkEvent::CannotList:
+        m_levels.back().ListError = m_walk.Error(); // told when it is left
+        break;
+    case TavroWalkEvent::LostWay:
+        m_bGivenUp = true;
+        Fail(Kind::Read, m_walk.Error());
+        break;
+    default:
+        Fail(Kind::Read, m_walk.Error());
+        break;
+    }
+}
+
+/// Notes why an entry is not copied. What is about the copy names its place: nobody knows the
+/// hidden name under which it is made.
+/// @return false, for the caller to return in turn.
+bool TavroTreeCopy::Fail(TavroFailureKind What, int Error) {
+    const bool bTarget = What == Kind::Create || What == Kind::SetAttributes || What == Kind::Write;
+    const bool bFull = Error == ENOSPC || Error == EDQUOT;
+    m_bGivenUp = m_bGivenUp || m_options.bMove || bFull || What == Kind::Cancelled;
+    if (What == Kind::Cancelled) {
+        m_failures.insert(m_failures.begin(), {Kind::Cancelled});
+    } else {
+        const std::string top = bTarget ? m_to.Path() : m_from.Path();
+        const std::string below = m_walk.Below();
+        m_failures.push_back(TavroFail(What, Error, below.empty() ? top : TavroJoin(top, below)));
+    }
+    return false;
+}
+
+bool TavroTreeCopy::IsCancelled() {
+    m_progress.Begin([this] {
+        const std::string below = m_walk.Below();
+        return below.empty() ? m_from.Path() : TavroJoin(m_from.Path(), below);
+    });
+    return m_progress.ShouldCancel() && !Fail(Kind::Cancelled);
+}
+
+TavroNewEntryTraits& TavroTreeCopy::Traits() {
+    return m_levels.empty() ? m_links.TraitsAt(m_to) : m_levels.back().Traits;
+}
+
+const char* TavroTreeCopy::TargetName() const {
+    return m_levels.empty() ? m_name.c_str() : m_walk.Name().c_str();
+}
+
+// --- What is no directory ---
+
+void TavroTreeCopy::CopyLeaf(int Directory, const char* Name, bool bRegular) {
+    if (IsCancelled()) {
+        return;
+    }
+    TavroDescriptor source;
+    struct stat status = {};
+    int error = bRegular ? TavroOpenSource(Directory, Name, source, status)
+                         : TavroOpenAt(Directory, Name, O_PATH, source);
+    error = bRegular || error != 0 ? error : TavroStat(source.Number(), status);
+    const TavroFileState state = TavroStateOf(status);
+    if (error == 0 && m_levels.empty() && state.Identity != m_source.Identity) {
+        error = ESTALE;
+    }
+    if (error != 0) {
+        Fail(Kind::Read, error);
+        return;
+    }
+    TavroFileState copy;
+    const bool bLinked = status.st_nlink > 1;
+    const TavroHardLinks::File* const same =
+        bLinked ? m_links.LinkTo(state, m_target.Top(), TargetName()) : nullptr;
+    if (same != nullptr) {
+        copy = same->Copy;
+        m_progress.AddBytes(bRegular ? static_cast<std::uint64_t>(status.st_size) : 0);
+    } else if (!CopyByType(source.Number(), status, copy)) {
+        return;
+    } else if (bLinked) {
+        m_tree = m_tree ? m_tree
+                        : std::make_shared<std::string>(TavroJoin(m_to.Directory->OwnPath, m_name));
+        m_links.Remember({state, copy, m_tree, m_walk.Below()});
+    }
+    m_progress.AddItems();
+    NoteCopied(state, copy, bLinked);
+    if (m_levels.empty()) {
+        m_source = state;
+        m_made = copy;
+        m_bThere = true;
+    }
+}
+
+void TavroTreeCopy::NoteCopied(const TavroFileState& Source, const TavroFileState& Copy,
+                               bool bLinked) {
+    if (m_options.bMove) {
+        m_copied.push_back({Source, Copy, m_names.size(), 0, bLinked});
+        m_names.append(m_levels.empty() ? m_from.Name : m_walk.Name()).push_back('\0');
+    }
+}
+
+bool TavroTreeCopy::CopyByType(int Source, const struct stat& Status, TavroFileState& OutCopy) {
+    switch (Status.st_mode & S_IFMT) {
+    case S_IFREG:
+        return CopyFile(Source, Status, OutCopy);
+    case S_IFLNK:
+    case S_IFIFO:
+        return CopySpecial(Source, Status, OutCopy);
+    case S_IFSOCK:
+        return Fail(Kind::Socket);
+    case S_IFCHR:
+    case S_IFBLK:
+        return Fail(Kind::Device);
+    default:
+        return Fail(Kind::Read, EISDIR);
+    }
+}
+
+bool TavroTreeCopy::CopyFile(int Source, const struct stat& Status, TavroFileState& OutCopy) {
+    const bool bFirst = m_levels.empty();
+    const TavroCopyOptions options = {bFirst && (m_options.bMove || m_options.bReplace),
+                                      bFirst && !m_options.bReplace};
+    TavroFileCopy copy;
+    const TavroFailure failure = TavroCopyFile(Source, Status, m_target.Top(), TargetName(),
+                                               options, Traits(), m_progress, copy, m_lost);
+    if (failure) {
+        return Fail(failure.Kind, failure.Error.value());
+    }
+    m_open = bFirst ? std::move(copy.Unnamed) : TavroDescriptor();
+    OutCopy = copy.State;
+    return true;
+}
+
+/// Whether an entry can be the one that was just created: nobody else's, and private as it was made
+/// where there are owners and modes. What the file system does instead, a file shows.
+bool TavroTreeCopy::IsNew(const struct stat& Status) {
+    const mode_t shared = S_ISLNK(Status.st_mode) ? 0 : Status.st_mode & 077U;
+    if (Status.st_uid == geteuid() && shared == 0) {
+        return true;
+    }
+    const std::string name = TavroStagingName();
+    TavroDescriptor file;
+    struct stat probe = {};
+    if (TavroOpenAt(m_target.Top(), name.c_str(), O_WRONLY | O_CREAT | O_EXCL, file, 0600) != 0) {
+        return false;
+    }
+    const bool bKnown = TavroStat(file.Number(), probe) == 0;
+    TavroUnlinkAt(m_target.Top(), name.c_str());
+    return bKnown && Status.st_uid == probe.st_uid && (shared == 0 || (probe.st_mode & 077U) != 0);
+}
+
+/// Copies a symbolic link or a FIFO.
+bool TavroTreeCopy::CopySpecial(int Source, const struct stat& Status, TavroFileState& OutCopy) {
+    const bool bLink = S_ISLNK(Status.st_mode);
+    const int directory = m_target.Top();
+    std::string text;
+    int error = bLink ? TavroReadLinkAt(Source, "", text) : 0;
+    if (error == 0) {
+        error = bLink ? TavroSymlinkAt(text.c_str(), directory, TargetName())
+                      : TavroMakeFifoAt(directory, TargetName(), 0600);
+    }
+    if (error != 0) {
+        return Fail(bLink ? Kind::CopyLink : Kind::CopyPipe, error);
+    }
+    TavroDescriptor made;
+    struct stat now = {};
+    error = TavroOpenAt(directory, TargetName(), O_PATH, made);
+    error = error != 0 ? error : TavroStat(made.Number(), now);
+    if (error != 0) {
+        TavroUnlinkAt(directory, TargetName());
+    } else if ((now.st_mode & S_IFMT) != (Status.st_mode & S_IFMT) || now.st_nlink != 1 ||
+               !IsNew(now)) {
+        error = ESTALE; // somebody has put something else there
+    }
+    if (error != 0) {
+        return Fail(bLink ? Kind::CopyLink : Kind::CopyPipe, error);
+    }
+    error =
+        TavroGiveAttributes(made.Number(), Status, TavroReadAttributes(Source), Traits(), m_lost);
+    if (error != 0) {
+        Fail(Kind::SetAttributes, error); // it is there all the same
+    }
+    error = TavroStat(made.Number(), now);
+    OutCopy = TavroStateOf(now);
+    return true;
+}
+
+// --- Directories ---
+
+void TavroTreeCopy::EnterDirectory() {
+    Level level = {m_walk.EnteredStatus(), {}, {}, m_copied.size(), 0, false};
+    if (!IsCancelled() && IsEnterable()) {
+        MakeDirectory(level);
+    }
+    if (!level.bMade) {
+        m_walk.Skip();
+    }
+    m_levels.push_back(std::move(level));
+}
+
+bool TavroTreeCopy::IsEnterable() {
+    const TavroIdentity identity = TavroIdentityOf(m_walk.EnteredStatus());
+    if (identity == m_to.Directory->Identity || identity == m_made.Identity) {
+        m_bGivenUp = true;
+        m_failures.push_back(
+            {m_options.bMove ? Kind::MoveIntoItself : Kind::CopyIntoItself, {}, m_from.Path()});
+        return false;
+    }
+    if (m_levels.empty() && identity != m_source.Identity) {
+        return Fail(Kind::Read, ESTALE);
+    }
+    // Its entries could be copied, but not removed afterwards: better known now than half-way.
+    const int error = m_options.bMove ? TavroAccessAt(m_walk.Entered(), ".", W_OK | X_OK) : 0;
+    return error == 0 || Fail(Kind::MoveOutOf, error);
+}
+
+/// Makes the copy of the directory that was entered, for nobody else to look into, and steps down
+/// into it.
+void TavroTreeCopy::MakeDirectory(Level& OutLevel) {
+    const int parent = m_target.Top();
+    TavroDescriptor made;
+    struct stat status = {};
+    int error = TavroMakeDirectoryAt(parent, TargetName(), 0700);
+    if (error == 0) {
+        error = OpenMade(made, status);
+        if (error != 0 && error != ESTALE) {
+            TavroRemoveDirectoryAt(parent, TargetName());
+        }
+    }
+    if (error != 0) {
+        Fail(Kind::Create, error);
+        return;
+    }
+    const TavroFileState state = TavroStateOf(status);
+    OutLevel.bMade = true;
+    OutLevel.Attributes = TavroReadAttributes(m_walk.Entered());
+    // What is in it will belong to whom it belongs to.
+    OutLevel.Traits = {false, false, true, status.st_uid, status.st_gid};
+    m_made = m_levels.empty() ? state : m_made;
+    NoteCopied(TavroStateOf(OutLevel.Source), state, false);
+    m_target.Push(std::move(made), state.Identity);
+}
+
+/// Opens the directory that was just created.
+/// @return 0; ESTALE when something else is there; or the error number.
+int TavroTreeCopy::OpenMade(TavroDescriptor& OutDirectory, struct stat& OutStatus) {
+    const int parent = m_target.Top();
+    int error = TavroOpenDirectoryAt(parent, TargetName(), OutDirectory);
+    if (error == EACCES) {
+        // The umask has taken away too much.
+        TavroDescriptor closed;
+        error = TavroOpenAt(parent, TargetName(), O_PATH | O_DIRECTORY, closed);
+        error = error != 0 ? error : TavroStat(closed.Number(), OutStatus);
+        error = error != 0 ? error : IsNew(OutStatus) ? 0 : ESTALE;
+        error = error != 0 ? error : TavroSetPathMode(closed.Number(), 0700);
+        error = error != 0 ? error : TavroOpenDirectoryAt(parent, TargetName(), OutDirectory);
+    }
+    error = error == ENOTDIR || error == ELOOP || error == ENOENT ? ESTALE : error;
+    error = error != 0 ? error : TavroStat(OutDirectory.Number(), OutStatus);
+    error = error != 0 ? error : IsNew(OutStatus) ? 0 : ESTALE;
+    if (error == 0 && (OutStatus.st_mode & 0700U) != 0700U) {
+        TavroSetMode(OutDirectory.Number(), 0700); // what cannot be helped shows at the entries
+    }
+    return error == 0 && Traits().bInheritLists ? TavroRemoveLists(OutDirectory.Number(), S_IFDIR)
+                                                : error;
+}
+
+void TavroTreeCopy::LeaveDirectory() {
+    const Level level = std::move(m_levels.back());
+    m_levels.pop_back();
+    if (level.ListError != 0) {
+        Fail(Kind::Read, level.ListError);
+    }
+    if (!level.bMade) {
+        return;
+    }
+    TavroDescriptor left;
+    int error = m_target.Pop(&left);
+    if (error != 0) {
+        m_bGivenUp = true;
+        Fail(Kind::Write, error);
+        return;
+    }
+    if (level.ListError != 0) {
+        TavroRemoveDirectoryAt(m_target.Top(), TargetName());
+        return;
+    }
+    error = TavroGiveAttributes(left.Number(), level.Source, level.Attributes, Traits(), m_lost);
+    if (error != 0) {
+        Fail(Kind::SetAttributes, error); // it is there all the same
+    }
+    m_progress.AddItems();
+    if (m_options.bMove) {
+        m_copied[level.Number].End = m_copied.size();
+    }
+    if (m_levels.empty()) {
+        m_open = std::move(left);
+        m_bThere = true;
+    }
+}
+
+// =================================================================================================
+// Publishing
+// =================================================================================================
+
+int TavroTreeCopy::Sync() {
+    return m_made.IsDirectory() ? TavroSyncFileSystem(m_open.Number()) : 0;
+}
+
+/// @return 0 when a name is that of the copy; ESTALE when it is not; or the error number of
+/// looking.
+int TavroTreeCopy::CheckName(const std::string& Name, struct stat& OutStatus) const {
+    const int error = TavroStatAt(m_to.Number(), Name.c_str(), OutStatus);
+    const bool bOther = error == 0 && TavroIdentityOf(OutStatus) != m_made.Identity;
+    return error == ENOENT || bOther ? ESTALE : error;
+}
+
+int TavroTreeCopy::PublishUnnamed(const std::string& Name, struct stat& OutStatus) {
+    int error = TavroLinkOpenAt(m_open.Number(), m_to.Number(), Name.c_str());
+    m_bCannotLink = error != 0 && error != EEXIST;
+    if (error != 0) {
+        return error;
+    }
+    error = TavroStat(m_open.Number(), OutStatus);
+    const int closeError = m_open.Close();
+    error = error != 0 ? error : closeError;
+    if (error != 0) {
+        TavroUnlinkAt(m_to.Number(), Name.c_str());
+    }
+    return error;
+}
+
+int TavroTreeCopy::PublishNamed(const std::string& Name, struct stat& OutStatus) {
+    const int directory = m_to.Number();
+    int error = CheckName(m_name, OutStatus);
+    if (error == 0) {
+        error = m_options.bReplace
+                    ? TavroRename(directory, m_name.c_str(), directory, Name.c_str())
+                    : TavroRenameNoReplace(directory, m_name.c_str(), directory, Name.c_str());
+    }
+    if (error != 0) {
+        return error;
+    }
+    struct stat before = OutStatus;
+    error = CheckName(Name, OutStatus);
+    if (error != 0 && error != ESTALE) {
+        OutStatus = before; // it is there; when it was changed last is not known
+    }
+    return error == ESTALE ? error : 0;
+}
+
+int TavroTreeCopy::Publish(const std::string& Name) {
+    struct stat status = {};
+    const bool bUnnamed = m_made.Identity.Inode == 0;
+    const int error = bUnnamed ? PublishUnnamed(Name, status) : PublishNamed(Name, status);
+    if (error != 0) {
+        return error;
+    }
+    m_name = Name;
+    m_made = TavroStateOf(status);
+    if (!m_copied.empty()) {
+        m_copied.front().Copy = m_made;
+    }
+    TavroHardLinks::File* const linked = m_links.Find(m_source.Identity);
+    if (linked != nullptr && (linked->Root == m_tree || linked->Copy.Identity == m_made.Identity)) {
+        linked->Copy = m_made;
+    }
+    if (m_tree) {
+        *m_tree = TavroJoin(m_to.Directory->OwnPath, m_name);
+    }
+    return 0;
+}
+
+void TavroTreeCopy::GiveUp() {
+    if (m_tree) {
+        m_tree->clear();
+    }
+    m_open.Close();
+    if (m_made.Identity.Inode == 0) {
+        return;
+    }
+    const TavroPlace place = {m_to.Directory, m_name};
+    const TavroFailure failure = TavroRemoveTree(place, {m_made.Identity});
+    if (failure && failure.Kind != Kind::Changed) {
+        m_failures.push_back({Kind::RemoveIncompleteCopy, failure.Error, place.Path()});
+    }
+    m_made = {};
+}
+
+// =================================================================================================
+// Removing what was copied, or the copy
+// =================================================================================================
+
+/// Goes once more over what was copied, at the source or at its copy, by names and identities: an
+/// entry that is no directory, or a directory after all that is in it.
+class TavroTreeCopy::Retrace {
+public:
+    Retrace(TavroTreeCopy& Copy, Side Which)
+        : m_copy(Copy), m_which(Which), m_top(Which == &Copied::Source ? Copy.m_from : Copy.m_to),
+          m_stack(m_top.Number()) {}
+
+    /// Goes on. @return false at the end.
+    bool Next();
+
+    Copied& Entry() const {
+        return m_copy.m_copied[m_at];
+    }
+    int Directory() const {
+        return m_stack.Top();
+    }
+    const char* Name() const {
+        const bool bSource = m_which == &Copied::Source;
+        return m_at != 0 ? &m_copy.m_names[Entry().NameAt]
+                         : (bSource ? m_copy.m_from.Name : m_copy.m_name).c_str();
+    }
+
+    /// Why a directory could not be entered, or left; what is in it was passed over.
+    int Error() const {
+        return m_error;
+    }
+
+    /// The path of the entry at the source.
+    std::string SourcePath() const;
+
+private:
+    int Enter();
+
+    TavroTreeCopy& m_copy;
+    const Side m_which;
+    const TavroPlace& m_top;
+    TavroDirectoryStack m_stack;
+    std::vector<std::size_t> m_entered;
+    std::size_t m_at = 0;
+    std::size_t m_next = 0;
+    int m_error = 0;
+};
+
+bool TavroTreeCopy::Retrace::Next() {
+    const std::vector<Copied>& copied = m_copy.m_copied;
+    for (;;) {
+        if (!m_entered.empty() && copied[m_entered.back()].End == m_next) {
+            m_at = m_entered.back();
+            m_entered.pop_back();
+            m_error = m_stack.Pop();
+            if (m_error != 0) { // the way up is lost, and with it all that would follow
+                m_entered.clear();
+                m_next = copied.size();
+            }
+            return true;
+        }
+        if (m_next == copied.size()) {
+            return false;
+        }
+        m_at = m_next++;
+        m_error = Entry().Source.IsDirectory() ? Enter() : 0;
+        if (!Entry().Source.IsDirectory()) {
+            return true;
+        }
+        if (m_error != 0) {
+            m_next = Entry().End;
+            return true;
+        }
+        m_entered.push_back(m_at);
+    }
+}
+
+int TavroTreeCopy::Retrace::Enter() {
+    TavroDescriptor directory;
+    struct stat status = {};
+    int error = TavroOpenDirectoryAt(Directory(), Name(), directory);
+    error = error != 0 ? error : TavroStat(directory.Number(), status);
+    const TavroIdentity& expected = (Entry().*m_which).Identity;
+    if (error == ENOENT || error == ENOTDIR || error == ELOOP ||
+        (error == 0 && TavroIdentityOf(status) != expected)) {
+        return ESTALE;
+    }
+    if (error == 0) {
+        m_stack.Push(std::move(directory), expected);
+    }
+    return error;
+}
+
+std::string TavroTreeCopy::Retrace::SourcePath() const {
+    std::string path = m_copy.m_from.Path();
+    for (const std::size_t directory : m_entered) {
+        if (directory != 0) {
+            path = TavroJoin(path, &m_copy.m_names[m_copy.m_copied[directory].NameAt]);
+        }
+    }
+    return m_at == 0 ? path : TavroJoin(path, &m_copy.m_names[Entry().NameAt]);
+}
+
+/// What is known of one side of a copied entry. Of a file with several names that changes with each
+/// of them that is removed.
+TavroFileState& TavroTreeCopy::LatestOf(Copied& Entry, Side Which) {
+    TavroHardLinks::File* const file =
+        Entry.bLinked ? m_links.Find(Entry.Source.Identity) : nullptr;
+    if (file != nullptr) {
+        TavroFileState& latest = Which == &Copied::Source ? file->Source : file->Copy;
+        if (latest.Identity == (Entry.*Which).Identity) {
+            return latest;
+        }
+    }
+    return Entry.*Which;
+}
+
+/// @return the path of the first source that is not what it was, or whose copy is not; or nothing.
+TavroFailure TavroTreeCopy::FindChanged(Side Which) {
+    for (Retrace at(*this, Which); at.Next();) {
+        TavroFileState then = LatestOf(at.Entry(), Which);
+        struct stat status = {};
+        int error = at.Error();
+        error = error != 0 ? error : TavroStatAt(at.Directory(), at.Name(), status);
+        const TavroFileState now = TavroStateOf(status);
+        if (Which == &Copied::Copy) { // others see it, and may use it
+            then.ModificationTime = now.ModificationTime;
+            then.ChangeTime = now.ChangeTime;
+        }
+        const bool bChanged =
+            error == 0 ? !TavroIsUnchanged(then, now) : error == ESTALE || error == ENOENT;
+        if (Which == &Copied::Copy && (bChanged || error != 0)) {
+            return {Kind::CopyNotWhole, {}, at.SourcePath()};
+        }
+        if (bChanged) {
+            return {Kind::Changed, {}, at.SourcePath()};
+        }
+        if (error != 0) {
+            return TavroFail(Kind::Read, error, at.SourcePath());
+        }
+    }
+    return {};
+}
+
+TavroFailure TavroTreeCopy::FindChangedSource() {
+    return FindChanged(&Copied::Source);
+}
+
+TavroFailure TavroTreeCopy::FindChangedCopy() {
+    return FindChanged(&Copied::Copy);
+}
+
+/// Removes one name of a source, or of a copy, that is still what it was.
+int TavroTreeCopy::RemoveOne(int Directory, const char* Name, Copied& Entry, Side Which) {
+    TavroFileState& state = LatestOf(Entry, Which);
+    if (!Entry.bLinked) {
+        return TavroRemoveUnchanged(Directory, Name, state);
+    }
+    // The other names get another change time by that. It is noted.
+    TavroDescriptor file;
+    struct stat status = {};
+    int error = TavroOpenAt(Directory, Name, O_PATH, file);
+    error = error != 0 ? error : TavroRemoveUnchanged(Directory, Name, state);
+    if (error == 0 && TavroStat(file.Number(), status) == 0) {
+        state.ChangeTime = TavroNanoseconds(status.st_ctim);
+    }
+    return error == ENOENT ? ESTALE : error;
+}
+
+/// Removes the sources, or the copies, that are what they were.
+/// @return how many.
+std::size_t TavroTreeCopy::Remove(Side Which, std::vector<TavroFailure>& OutFailures) {
+    std::size_t removed = 0;
+    for (Retrace at(*this, Which); at.Next();) {
+        const int error =
+            at.Error() != 0 ? at.Error() : RemoveOne(at.Directory(), at.Name(), at.Entry(), Which);
+        removed += error == 0 ? 1U : 0U;
+        if (error != 0) {
+            OutFailures.push_back(TavroFail(error == ESTALE ? Kind::Changed : Kind::RemoveAfterCopy,
+                                            error == ESTALE ? 0 : error, at.SourcePath()));
+        }
+    }
+    return removed;
+}
+
+std::size_t TavroTreeCopy::RemoveSources() {
+    return Remove(&Copied::Source, m_failures);
+}
+
+bool TavroTreeCopy::TakeBack() {
+    std::vector<TavroFailure> failures;
+    Remove(&Copied::Copy, failures);
+    if (m_tree) {
+        m_tree->clear();
+    }
+    return failures.empty();
+}
