@@ -108,19 +108,16 @@ mode_t GiveExtended(int To, mode_t Mode, const std::vector<TavroAttribute>& Attr
 
 /// @return whether the entry belongs to the owner and group of `Status` now.
 bool GiveOwner(int To, const struct stat& Status, TavroNewEntryTraits& Traits) {
-    struct stat now = {};
     // What runs with its owner's rights is not given them on trust.
-    const bool bTrust = Traits.bOwnerKnown && (Status.st_mode & 06000U) == 0;
-    if (!bTrust && TavroStat(To, now) == 0) {
-        Traits.bOwnerKnown = true;
+    if (!Traits.bOwnerKnown || (Status.st_mode & 06000U) != 0) {
+        struct stat now = {};
+        Traits.bOwnerKnown = TavroStat(To, now) == 0;
         Traits.User = now.st_uid;
         Traits.Group = now.st_gid;
+        Traits.Allowed = S_ISREG(now.st_mode) ? now.st_mode & 0777U : Traits.Allowed;
     }
     const bool bSame = Traits.User == Status.st_uid && Traits.Group == Status.st_gid;
-    if (Traits.bOwnerKnown && bSame) {
-        return true;
-    }
-    if (TavroSetOwner(To, Status.st_uid, Status.st_gid) == 0) {
+    if ((Traits.bOwnerKnown && bSame) || TavroSetOwner(To, Status.st_uid, Status.st_gid) == 0) {
         return true;
     }
     // An ordinary user may still choose among his own groups.
@@ -132,7 +129,10 @@ bool GiveOwner(int To, const struct stat& Status, TavroNewEntryTraits& Traits) {
 
 int TavroGiveAttributes(int To, const struct stat& Status,
                         const std::vector<TavroAttribute>& Attributes, TavroNewEntryTraits& Traits,
-                        TavroAttributesLost& OutLost) {
+                        TavroAttributesLost& OutLost, mode_t CreatedWith) {
+    const bool bHasMode = CreatedWith != 0 && Traits.Allowed != 0 && Attributes.empty() &&
+                          !Traits.bInheritLists &&
+                          (CreatedWith & Traits.Allowed) == (Status.st_mode & 07777U);
     const mode_t kept = GiveOwner(To, Status, Traits) ? 07777 : 01777;
     int error = Traits.bInheritLists ? TavroRemoveLists(To, Status.st_mode) : 0;
     if (error != 0) {
@@ -140,7 +140,7 @@ int TavroGiveAttributes(int To, const struct stat& Status,
     }
     const mode_t mode = GiveExtended(To, Status.st_mode & kept, Attributes, OutLost);
     const bool bByPath = S_ISLNK(Status.st_mode) || S_ISFIFO(Status.st_mode);
-    if (!S_ISLNK(Status.st_mode)) {
+    if (!S_ISLNK(Status.st_mode) && !bHasMode) {
         error = bByPath ? TavroSetPathMode(To, mode) : TavroSetMode(To, mode);
     }
     if (error != 0 && !CannotHold(error)) {
@@ -347,18 +347,19 @@ int TavroOpenSource(int Directory, const char* Name, TavroDescriptor& OutFile,
 namespace {
 
 /// Everything of a copy that happens while both files are open.
-TavroFailure Fill(int From, const struct stat& Source, int To, const TavroCopyOptions& Options,
+TavroFailure Fill(int From, const struct stat& Source, int To, mode_t CreatedWith, bool bSync,
                   TavroNewEntryTraits& Traits, TavroProgressTeller& Progress,
                   TavroAttributesLost& OutLost) {
     TavroFailure failure = ByteCopy(From, To, Progress).Run(Source);
     if (failure) {
         return failure;
     }
-    int error = TavroGiveAttributes(To, Source, TavroReadAttributes(From), Traits, OutLost);
+    int error =
+        TavroGiveAttributes(To, Source, TavroReadAttributes(From), Traits, OutLost, CreatedWith);
     if (error != 0) {
         return TavroFail(Kind::SetAttributes, error, "");
     }
-    error = Options.bSync ? TavroSync(To) : 0;
+    error = bSync ? TavroSync(To) : 0;
     return error != 0 ? TavroFail(Kind::Write, error, "") : TavroFailure();
 }
 
@@ -388,16 +389,21 @@ TavroFailure TavroCopyFile(int From, const struct stat& Source, int ToDirectory,
                            TavroProgressTeller& Progress, TavroFileCopy& OutCopy,
                            TavroAttributesLost& OutLost) {
     TavroDescriptor file;
+    // Nobody can open what has no name, so that it can have its mode from the beginning.
+    mode_t mode = Traits.Allowed == 0 ? 0777 : Source.st_mode & 0777U;
     const bool bUnnamed = Options.bUnnamed && Traits.bUnnamed &&
-                          TavroOpenAt(ToDirectory, ".", O_WRONLY | O_TMPFILE, file, 0600) == 0;
+                          TavroOpenAt(ToDirectory, ".", O_WRONLY | O_TMPFILE, file, mode) == 0;
     // Where it could not be done it is not tried again.
     Traits.bUnnamed = Options.bUnnamed ? bUnnamed : Traits.bUnnamed;
-    const int error =
-        bUnnamed ? 0 : TavroOpenAt(ToDirectory, To, O_WRONLY | O_CREAT | O_EXCL, file, 0600);
-    if (error != 0) {
-        return TavroFail(Kind::Create, error, "");
+    if (!bUnnamed) {
+        mode = 0600;
+        const int error = TavroOpenAt(ToDirectory, To, O_WRONLY | O_CREAT | O_EXCL, file, mode);
+        if (error != 0) {
+            return TavroFail(Kind::Create, error, "");
+        }
     }
-    TavroFailure failure = Fill(From, Source, file.Number(), Options, Traits, Progress, OutLost);
+    TavroFailure failure =
+        Fill(From, Source, file.Number(), mode, Options.bSync, Traits, Progress, OutLost);
     if (!bUnnamed) {
         return Finish(std::move(file), ToDirectory, To, std::move(failure), OutCopy.State);
     }

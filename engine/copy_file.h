@@ -27,6 +27,7 @@ struct TavroNewEntryTraits {
     bool bOwnerKnown = false;   ///< They belong to `User` and `Group`.
     uid_t User = 0;
     gid_t Group = 0;
+    mode_t Allowed = 0; ///< Permissions that a new file keeps, of those that it is created with.
 };
 
 /// Asks a directory whether it gives access control lists to what is new in it; what else is true
@@ -56,11 +57,12 @@ int TavroRemoveLists(int Entry, mode_t Mode);
 /// @param Status   of the other one, and its `Attributes`.
 /// @param Traits   of the directory that `To` lies in; learnt from.
 /// @param OutLost  added to.
+/// @param CreatedWith  the mode that `To` was created with, if it can be right already.
 /// @return 0, or the error number when mode or times could not be set, or a list that the entry got
 ///         from its directory could not be removed.
 int TavroGiveAttributes(int To, const struct stat& Status,
                         const std::vector<TavroAttribute>& Attributes, TavroNewEntryTraits& Traits,
-                        TavroAttributesLost& OutLost);
+                        TavroAttributesLost& OutLost, mode_t CreatedWith = 0);
 
 /// How a file is copied.
 struct TavroCopyOptions {
