@@ -57,13 +57,14 @@ TavroWalkEvent TavroTreeWalk::Next() {
         return TavroWalkEvent::End;
     }
     if (m_entered.IsOpen()) {
-        m_stack.Push(std::move(m_entered), TavroIdentityOf(m_status));
-        m_levels.push_back({m_name, {}});
-        const int error = m_bSkip ? 0 : TavroListDirectory(m_stack.Top(), m_levels.back().Listing);
-        m_bSkip = false;
+        TavroListing listing;
+        const int error = m_bSkip ? 0 : TavroListDirectory(m_entered.Number(), listing);
+        m_bSkip = error != 0; // the next step goes on without what is in it
         if (error != 0) {
             return Fail(TavroWalkEvent::CannotList, error);
         }
+        m_stack.Push(std::move(m_entered), TavroIdentityOf(m_status));
+        m_levels.push_back({m_name, std::move(listing)});
     }
     if (m_bAgain) {
         m_bAgain = false;

@@ -80,7 +80,7 @@ public:
         m_bAgain = true;
     }
 
-    /// The open directory that holds the entry of the event; of CannotList the directory itself.
+    /// The open directory that holds the entry of the event.
     int Directory() const {
         return m_stack.Top();
     }
@@ -102,7 +102,7 @@ public:
         return m_status;
     }
 
-    /// After Enter: the directory, open; its status, and the mount that it lies on.
+    /// After Enter and CannotList: the directory, open; its status, and the mount that it lies on.
     int Entered() const {
         return m_entered.Number();
     }

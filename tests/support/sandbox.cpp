@@ -33,21 +33,23 @@ fs::path makeFreshFolder(const fs::path& parent) {
     return name;
 }
 
-void makeTreeWritable(const fs::path& directory) {
-    std::error_code ec;
-    fs::permissions(directory, fs::perms::owner_all, fs::perm_options::add, ec);
-    for (const fs::directory_entry& entry : fs::directory_iterator(directory, ec)) {
-        if (fs::is_directory(entry.symlink_status(ec))) {
-            makeTreeWritable(entry.path());
-        }
-    }
-}
-
 void giveTo(unsigned user, const fs::path& tree) {
     require(lchown(tree.c_str(), user, user) == 0, "lchown " + tree.string());
     for (const fs::directory_entry& entry : fs::recursive_directory_iterator(tree)) {
         require(lchown(entry.path().c_str(), user, user) == 0, "lchown");
     }
+}
+
+/// Removes what the library does not reach: closed directories, and trees deeper than descriptors
+/// are many.
+void removeByCommands(const fs::path& tree) {
+    const char* const script = "chmod -R u+rwx -- \"$0\"; exec rm -rf -- \"$0\"";
+    const pid_t child = fork();
+    if (child == 0) {
+        execl("/bin/sh", "sh", "-c", script, tree.c_str(), nullptr);
+        _exit(127);
+    }
+    waitpid(child, nullptr, 0);
 }
 
 } // namespace
@@ -57,9 +59,11 @@ Sandbox::Sandbox() : Sandbox(fs::temp_directory_path()) {}
 Sandbox::Sandbox(const fs::path& parent) : m_path(makeFreshFolder(parent)) {}
 
 Sandbox::~Sandbox() {
-    makeTreeWritable(m_path);
     std::error_code ec;
     fs::remove_all(m_path, ec);
+    if (isPresent(m_path)) {
+        removeByCommands(m_path);
+    }
 }
 
 bool onDifferentDevices(const fs::path& a, const fs::path& b) {
@@ -67,6 +71,11 @@ bool onDifferentDevices(const fs::path& a, const fs::path& b) {
     struct stat statusB = {};
     require(stat(a.c_str(), &statusA) == 0 && stat(b.c_str(), &statusB) == 0, "stat");
     return statusA.st_dev != statusB.st_dev;
+}
+
+fs::path inMemory() {
+    return access(secondFileSystem, W_OK) == 0 ? fs::path(secondFileSystem)
+                                               : fs::temp_directory_path();
 }
 
 void writeFile(const fs::path& file, const std::string& bytes) {

@@ -41,6 +41,9 @@ private:
 inline constexpr const char* secondFileSystem = "/dev/shm";
 bool onDifferentDevices(const std::filesystem::path& a, const std::filesystem::path& b);
 
+/// Where a test that makes thousands of entries has its sandbox: in memory where that is possible.
+std::filesystem::path inMemory();
+
 /// Creates the file with its missing parents.
 void writeFile(const std::filesystem::path& file, const std::string& bytes = "");
 std::string readFile(const std::filesystem::path& file);

@@ -1,0 +1,35 @@
+#include "adversary.h"
+
+#include "fault_injector.h"
+
+#include <gtest/gtest.h>
+
+namespace tavro_test {
+
+AdversaryTally strikeAtEachCall(const Adversary& adversary) {
+    AdversaryTally tally;
+    for (int chosen = 1;; ++chosen) {
+        adversary.Prepare();
+        int made = 0;
+        bool bStruck = false;
+        std::string where;
+        {
+            const CallObserver observer([&](const std::string& call, const std::string& path) {
+                if (++made == chosen) {
+                    where = call + " " + path;
+                    bStruck = adversary.Strike();
+                }
+            });
+            adversary.Operate();
+        }
+        SCOPED_TRACE("struck at call " + std::to_string(chosen) + ": " + where);
+        adversary.Judge();
+        if (made < chosen) {
+            return tally;
+        }
+        ++tally.Runs;
+        tally.Strikes += bStruck ? 1 : 0;
+    }
+}
+
+} // namespace tavro_test
