@@ -129,7 +129,7 @@ struct TavroDatabase {
     }
 
     template <typename... Values> void Run(const std::string& Text, const Values&... All);
-    TavroFailure Open();
+    TavroFailure Open(bool bAgain = false);
     void Connect();
     void CheckSchema();
     void CreateSchema();
@@ -141,6 +141,7 @@ struct TavroDatabase {
     TavroFailure ReadNext(const char* Which, std::optional<TavroOperation>& OutOperation);
 
     TavroPlace Place;
+    std::string Path;            ///< As it was given, for sentences.
     TavroIdentity Identity = {}; ///< Of the file.
     std::string Notice;
     std::chrono::milliseconds Patience = {};
@@ -281,7 +282,7 @@ TavroFailure TavroHistory::Open(const std::string& File, std::chrono::millisecon
     }
     m_database->Patience = Patience;
     m_database->ShouldCancel = std::move(ShouldCancel);
-    const std::string path = TavroNameEntry(File).Path;
+    const std::string path = m_database->Path = TavroNameEntry(File).Path;
     TavroPlaces places;
     TavroFailure failure = MakePrivateDirectories(places, TavroParentOf(path));
     failure = failure ? failure : places.Find(path, m_database->Place);
@@ -292,22 +293,23 @@ const std::string& TavroHistory::Notice() const {
     return m_database->Notice;
 }
 
-TavroFailure TavroDatabase::Open() {
-    for (bool bFirst = true;; bFirst = false) {
-        const int error = FindFile(Place, Identity);
-        if (error != 0) {
-            return TavroFail(Kind::HistoryOpen, error, Place.Path());
-        }
-        Connect();
-        TavroFailure failure = Failure(Kind::HistoryOpen);
-        if (failure && (!IsDamaged() || !bFirst || (failure = SetAside()))) {
-            sqlite3_close(std::exchange(Connection, nullptr));
-            return failure;
-        }
-        if (!failure) {
-            return failure;
-        }
+TavroFailure TavroDatabase::Open(bool bAgain) {
+    const int error = FindFile(Place, Identity);
+    if (error != 0) {
+        return TavroFail(Kind::HistoryOpen, error, Path);
     }
+    Connect();
+    TavroFailure failure = Failure(Kind::HistoryOpen);
+    if (!failure) {
+        return failure;
+    }
+    const bool bDamaged = IsDamaged();
+    sqlite3_close(std::exchange(Connection, nullptr));
+    if (bDamaged && !bAgain) {
+        failure = SetAside();
+        return failure ? failure : Open(true);
+    }
+    return failure;
 }
 
 namespace {
@@ -335,6 +337,8 @@ void TavroDatabase::Connect() {
     if (TavroStatAt(Place.Number(), Place.Name.c_str(), status) != 0 ||
         TavroIdentityOf(status) != Identity) {
         Keep(SQLITE_CANTOPEN);
+    } else if (status.st_size > 0 && status.st_size < 512) {
+        Keep(SQLITE_NOTADB); // it would be taken for an empty one
     }
     if (!IsWell()) {
         return;
@@ -423,11 +427,11 @@ TavroFailure TavroDatabase::SetAside() {
         const int error = TavroRenameNoReplace(directory, (Place.Name + suffix).c_str(), directory,
                                                (aside + suffix).c_str());
         if (error != 0 && (error != ENOENT || suffix.empty())) {
-            return TavroFail(Kind::HistorySetAside, error, Place.Path());
+            return TavroFail(Kind::HistorySetAside, error, Path);
         }
     }
-    Notice = "The history '" + Place.Path() + "' is damaged and was set aside as '" +
-             TavroJoin(Place.Directory->Path, aside) + "'";
+    Notice = "The history '" + Path + "' is damaged and was set aside as '" +
+             TavroJoin(TavroParentOf(Path), aside) + "'";
     return {};
 }
 
@@ -455,7 +459,7 @@ TavroFailure TavroDatabase::Failure(Kind What) const {
     case SQLITE_NOMEM:
         throw std::bad_alloc();
     case SQLITE_BUSY:
-        return {bCancelled ? Kind::Cancelled : Kind::HistoryBusy, {}, Place.Path()};
+        return {bCancelled ? Kind::Cancelled : Kind::HistoryBusy, {}, Path};
     case SQLITE_FULL:
         error = ENOSPC;
         break;
@@ -472,7 +476,7 @@ TavroFailure TavroDatabase::Failure(Kind What) const {
     default:
         break;
     }
-    return TavroFail(What, error != 0 ? error : EIO, Place.Path());
+    return TavroFail(What, error != 0 ? error : EIO, Path);
 }
 
 /// Does something in a transaction of its own, unless one was begun before. A file that turns out
@@ -691,6 +695,7 @@ TavroFailure TavroDatabase::ReadNext(const char* Which,
     bool bValid = true;
     TavroFailure failure = Transact(false, [&] {
         OutOperation.reset();
+        bValid = true;
         Statement row(*this, operationsWhere + Which);
         Statement steps(*this, stepsOfOne);
         if (row.Next()) {
@@ -703,7 +708,7 @@ TavroFailure TavroDatabase::ReadNext(const char* Which,
     if (failure || !bValid) {
         OutOperation.reset();
     }
-    return failure || bValid ? failure : TavroFailure{Kind::HistoryInvalid, {}, Place.Path()};
+    return failure || bValid ? failure : TavroFailure{Kind::HistoryInvalid, {}, Path};
 }
 
 TavroFailure TavroHistory::NextToUndo(std::optional<TavroOperation>& OutOperation) {
