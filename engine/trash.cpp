@@ -272,7 +272,8 @@ TavroFailure AsOfTrash(TavroFailure Failure, const std::vector<TavroBatchStep>& 
     const auto isOrigin = [&](const TavroBatchStep& step) { return step.To == Failure.Path; };
     if (Failure.Kind == TavroFailureKind::Missing) {
         Failure.Kind = TavroFailureKind::ItemMissing;
-    } else if (Failure.Kind == TavroFailureKind::InTheWay) {
+    } else if (Failure.Kind == TavroFailureKind::InTheWay ||
+               Failure.Kind == TavroFailureKind::Taken) {
         Failure.Kind = TavroFailureKind::RestoreTargetTaken;
     } else if (Failure.Kind == TavroFailureKind::LookAt &&
                std::any_of(Steps.begin(), Steps.end(), isOrigin)) {
