@@ -200,6 +200,9 @@ TavroFailure TavroDeleteForGood(const std::vector<TavroOperationEntry>& Entries,
             };
             failure = TavroRemoveTree(place, {identities[i], count, /*bOpenReadOnly=*/false});
         }
+        if (failure.Kind == TavroFailureKind::Cancelled) {
+            failure.Path = Entries[i].Path;
+        }
     }
     return failure;
 }

@@ -42,6 +42,7 @@ std::vector<TavroFailure> TavroCheckDeletable(const std::vector<TavroOperationEn
 /// Deletes entries for good, one after the other; the first that cannot be removed whole ends it.
 /// Links are removed, not followed, and nothing outside the named trees is touched whatever happens
 /// to them meanwhile. Checked again here as TavroCheckDeletable does, before anything is removed.
+/// @return Cancelled with the path of the entry that may be there in part.
 TavroFailure TavroDeleteForGood(const std::vector<TavroOperationEntry>& Entries,
                                 const TavroCallbacks& Callbacks);
 
