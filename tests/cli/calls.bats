@@ -15,7 +15,7 @@ files() {
 # command is given to a shell.
 calls() {
   files "$1"
-  strace -f -qq -o "$scratch/calls" bash -c "exec $2"
+  strace -f -qq -o "$scratch/calls" bash -c "exec $2" >/dev/null
   wc -l <"$scratch/calls"
 }
 
