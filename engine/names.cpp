@@ -6,7 +6,8 @@
 
 namespace {
 
-/// At most so many bytes of the beginning; no UTF-8 character is cut in two.
+/// At most so many bytes of the beginning, of which there is room for four at least; no UTF-8
+/// character is cut in two.
 std::string Beginning(const std::string& Text, std::size_t Room) {
     if (Text.size() <= Room) {
         return Text;
@@ -15,11 +16,11 @@ std::string Beginning(const std::string& Text, std::size_t Room) {
         return (static_cast<unsigned char>(Text[at]) & 0xC0U) == 0x80U;
     };
     std::size_t end = Room;
-    while (end > 0 && Room - end < 3 && isContinuation(end)) {
+    while (Room - end < 3 && isContinuation(end)) {
         --end;
     }
     // More than three in a row are no UTF-8, and may be cut anywhere.
-    return Text.substr(0, end == 0 || isContinuation(end) ? Room : end);
+    return Text.substr(0, isContinuation(end) ? Room : end);
 }
 
 /// Where the extension of a name begins; its size when it has none.
@@ -140,8 +141,9 @@ std::string TavroPercentDecode(const std::string& Text) {
     std::string bytes;
     bytes.reserve(Text.size());
     for (std::size_t i = 0; i < Text.size(); ++i) {
-        const bool bEscape = Text[i] == '%' && i + 2 < Text.size() &&
-                             DigitValue(Text[i + 1]) >= 0 && DigitValue(Text[i + 2]) >= 0;
+        // The zero byte behind the text is no digit, so nothing beyond it is looked at.
+        const bool bEscape =
+            Text[i] == '%' && DigitValue(Text[i + 1]) >= 0 && DigitValue(Text[i + 2]) >= 0;
         if (!bEscape) {
             bytes += Text[i];
             continue;

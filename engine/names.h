@@ -14,7 +14,7 @@ constexpr std::size_t TavroLongestName = 255;
 
 /// `NAME copy NUMBER.EXT`, of `Longest` bytes at most; for number 0 the name itself. NAME is
 /// shortened between UTF-8 characters where there is no room. An extension that leaves no room for
-/// anything else counts as a part of NAME.
+/// anything else counts as a part of NAME. `Longest` is 64 at least.
 std::string TavroNumberedName(const std::string& Wanted, std::uint64_t Number,
                               std::size_t Longest = TavroLongestName);
 
