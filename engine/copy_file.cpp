@@ -374,9 +374,10 @@ TavroFailure Finish(TavroDescriptor File, int Directory, const char* Name, Tavro
         Failure = TavroFail(Kind::Write, error, "");
     }
     OutState = TavroStateOf(status);
-    if (Failure && lookError == 0) {
-        TavroRemoveUnchanged(Directory, Name, OutState);
-    } else if (Failure) {
+    struct stat now = {};
+    const bool bOther = lookError == 0 && TavroStatAt(Directory, Name, now) == 0 &&
+                        TavroIdentityOf(now) != OutState.Identity;
+    if (Failure && !bOther) {
         TavroUnlinkAt(Directory, Name);
     }
     return Failure;
@@ -411,20 +412,4 @@ TavroFailure TavroCopyFile(int From, const struct stat& Source, int ToDirectory,
         OutCopy.Unnamed = std::move(file);
     }
     return failure;
-}
-
-int TavroCheckUnchanged(int Directory, const char* Name, const TavroFileState& State) {
-    struct stat status = {};
-    const int error = TavroStatAt(Directory, Name, status);
-    const bool bOther = error == 0 && !TavroIsUnchanged(State, TavroStateOf(status));
-    return error == ENOENT || bOther ? ESTALE : error;
-}
-
-int TavroRemoveUnchanged(int Directory, const char* Name, const TavroFileState& State) {
-    const int error = TavroCheckUnchanged(Directory, Name, State);
-    if (error != 0) {
-        return error;
-    }
-    return State.IsDirectory() ? TavroRemoveDirectoryAt(Directory, Name)
-                               : TavroUnlinkAt(Directory, Name);
 }

@@ -97,12 +97,4 @@ TavroFailure TavroCopyFile(int From, const struct stat& Source, int ToDirectory,
                            TavroProgressTeller& Progress, TavroFileCopy& OutCopy,
                            TavroAttributesLost& OutLost);
 
-/// @return 0 when what has a name is this file or directory, unchanged; ESTALE when it is not, or
-///         nothing is there; or the error number of looking.
-int TavroCheckUnchanged(int Directory, const char* Name, const TavroFileState& State);
-
-/// Removes a name, if what has it is this file or directory, unchanged.
-/// @return as above; or the error number of removing it.
-int TavroRemoveUnchanged(int Directory, const char* Name, const TavroFileState& State);
-
 #endif

@@ -12,6 +12,9 @@ namespace {
 
 using Kind = TavroFailureKind;
 
+/// Files above this size are told by name however fast they are.
+constexpr off_t namedSize = off_t{1} << 20U;
+
 } // namespace
 
 // =================================================================================================
@@ -122,18 +125,18 @@ bool TavroTreeCopy::Fail(TavroFailureKind What, int Error) {
     if (What == Kind::Cancelled) {
         m_failures.insert(m_failures.begin(), {Kind::Cancelled});
     } else {
-        const std::string top = bTarget ? m_to.Path() : m_from.Path();
-        const std::string below = m_walk.Below();
-        m_failures.push_back(TavroFail(What, Error, below.empty() ? top : TavroJoin(top, below)));
+        m_failures.push_back(TavroFail(What, Error, PathIn(bTarget ? m_to : m_from)));
     }
     return false;
 }
 
+std::string TavroTreeCopy::PathIn(const TavroPlace& Top) const {
+    const std::string below = m_walk.Below();
+    return below.empty() ? Top.Path() : TavroJoin(Top.Path(), below);
+}
+
 bool TavroTreeCopy::IsCancelled() {
-    m_progress.Begin([this] {
-        const std::string below = m_walk.Below();
-        return below.empty() ? m_from.Path() : TavroJoin(m_from.Path(), below);
-    });
+    m_progress.Begin([this] { return PathIn(m_from); });
     return m_progress.ShouldCancel() && !Fail(Kind::Cancelled);
 }
 
@@ -165,7 +168,8 @@ void TavroTreeCopy::CopyLeaf(int Directory, const char* Name, bool bRegular) {
         return;
     }
     TavroFileState copy;
-    const bool bLinked = status.st_nlink > 1;
+    // Of a move, its other names can be gone by now.
+    const bool bLinked = status.st_nlink > 1 || m_links.Find(state.Identity) != nullptr;
     const TavroHardLinks::File* const same =
         bLinked ? m_links.LinkTo(state, m_target.Top(), TargetName()) : nullptr;
     if (same != nullptr) {
@@ -214,6 +218,9 @@ bool TavroTreeCopy::CopyByType(int Source, const struct stat& Status, TavroFileS
 
 bool TavroTreeCopy::CopyFile(int Source, const struct stat& Status, TavroFileState& OutCopy) {
     const bool bFirst = m_levels.empty();
+    if (Status.st_size > namedSize) {
+        m_progress.Name([this] { return PathIn(m_from); });
+    }
     const TavroCopyOptions options = {bFirst && (m_options.bMove || m_options.bReplace),
                                       bFirst && !m_options.bReplace};
     TavroFileCopy copy;
@@ -222,7 +229,7 @@ bool TavroTreeCopy::CopyFile(int Source, const struct stat& Status, TavroFileSta
     if (failure) {
         return Fail(failure.Kind, failure.Error.value());
     }
-    m_open = bFirst ? std::move(copy.Unnamed) : TavroDescriptor();
+    m_unnamed = bFirst ? std::move(copy.Unnamed) : TavroDescriptor();
     OutCopy = copy.State;
     return true;
 }
@@ -389,10 +396,7 @@ void TavroTreeCopy::LeaveDirectory() {
     if (m_options.bMove) {
         m_copied[level.Number].End = m_copied.size();
     }
-    if (m_levels.empty()) {
-        m_open = std::move(left);
-        m_bThere = true;
-    }
+    m_bThere = m_levels.empty();
 }
 
 // =================================================================================================
@@ -400,7 +404,7 @@ void TavroTreeCopy::LeaveDirectory() {
 // =================================================================================================
 
 int TavroTreeCopy::Sync() {
-    return m_made.IsDirectory() ? TavroSyncFileSystem(m_open.Number()) : 0;
+    return m_made.IsDirectory() ? TavroSyncFileSystem(m_to.Number()) : 0;
 }
 
 /// @return 0 when a name is that of the copy; ESTALE when it is not; or the error number of
@@ -412,13 +416,13 @@ int TavroTreeCopy::CheckName(const std::string& Name, struct stat& OutStatus) co
 }
 
 int TavroTreeCopy::PublishUnnamed(const std::string& Name, struct stat& OutStatus) {
-    int error = TavroLinkOpenAt(m_open.Number(), m_to.Number(), Name.c_str());
+    int error = TavroLinkOpenAt(m_unnamed.Number(), m_to.Number(), Name.c_str());
     m_bCannotLink = error != 0 && error != EEXIST;
     if (error != 0) {
         return error;
     }
-    error = TavroStat(m_open.Number(), OutStatus);
-    const int closeError = m_open.Close();
+    error = TavroStat(m_unnamed.Number(), OutStatus);
+    const int closeError = m_unnamed.Close();
     error = error != 0 ? error : closeError;
     if (error != 0) {
         TavroUnlinkAt(m_to.Number(), Name.c_str());
@@ -471,7 +475,7 @@ void TavroTreeCopy::GiveUp() {
     if (m_tree) {
         m_tree->clear();
     }
-    m_open.Close();
+    m_unnamed.Close();
     if (m_made.Identity.Inode == 0) {
         return;
     }
@@ -600,83 +604,87 @@ TavroFileState& TavroTreeCopy::LatestOf(Copied& Entry, Side Which) {
     return Entry.*Which;
 }
 
-/// @return the path of the first source that is not what it was, or whose copy is not; or nothing.
-TavroFailure TavroTreeCopy::FindChanged(Side Which) {
-    for (Retrace at(*this, Which); at.Next();) {
-        TavroFileState then = LatestOf(at.Entry(), Which);
-        struct stat status = {};
-        int error = at.Error();
-        error = error != 0 ? error : TavroStatAt(at.Directory(), at.Name(), status);
-        const TavroFileState now = TavroStateOf(status);
-        if (Which == &Copied::Copy) { // others see it, and may use it
-            then.ModificationTime = now.ModificationTime;
-            then.ChangeTime = now.ChangeTime;
-        }
-        const bool bChanged =
-            error == 0 ? !TavroIsUnchanged(then, now) : error == ESTALE || error == ENOENT;
-        if (Which == &Copied::Copy && (bChanged || error != 0)) {
-            return {Kind::CopyNotWhole, {}, at.SourcePath()};
-        }
-        if (bChanged) {
-            return {Kind::Changed, {}, at.SourcePath()};
-        }
-        if (error != 0) {
-            return TavroFail(Kind::Read, error, at.SourcePath());
+/// Whether an entry is still what it was, on one side. Of a copy, which others see, its times do
+/// not count.
+/// @return no failure; or Changed or Read, without a path.
+TavroFailure TavroTreeCopy::Check(const Retrace& At, Side Which, bool bTimesCount) {
+    TavroFileState then = LatestOf(At.Entry(), Which);
+    struct stat status = {};
+    int error = At.Error();
+    error = error != 0 ? error : TavroStatAt(At.Directory(), At.Name(), status);
+    const TavroFileState now = TavroStateOf(status);
+    if (!bTimesCount) {
+        then.ModificationTime = now.ModificationTime;
+        then.ChangeTime = now.ChangeTime;
+    }
+    if (error == ESTALE || error == ENOENT || (error == 0 && !TavroIsUnchanged(then, now))) {
+        return {Kind::Changed};
+    }
+    return error == 0 ? TavroFailure() : TavroFail(Kind::Read, error, "");
+}
+
+TavroFailure TavroTreeCopy::FindChangedSource() {
+    for (Retrace at(*this, &Copied::Source); at.Next();) {
+        TavroFailure failure = Check(at, &Copied::Source, true);
+        if (failure) {
+            failure.Path = at.SourcePath();
+            return failure;
         }
     }
     return {};
 }
 
-TavroFailure TavroTreeCopy::FindChangedSource() {
-    return FindChanged(&Copied::Source);
-}
-
 TavroFailure TavroTreeCopy::FindChangedCopy() {
-    return FindChanged(&Copied::Copy);
+    for (Retrace at(*this, &Copied::Copy); at.Next();) {
+        if (Check(at, &Copied::Copy, false)) {
+            return {Kind::CopyNotWhole, {}, at.SourcePath()};
+        }
+    }
+    return {};
 }
 
-/// Removes one name of a source, or of a copy, that is still what it was.
-int TavroTreeCopy::RemoveOne(int Directory, const char* Name, Copied& Entry, Side Which) {
-    TavroFileState& state = LatestOf(Entry, Which);
-    if (!Entry.bLinked) {
-        return TavroRemoveUnchanged(Directory, Name, state);
-    }
-    // The other names get another change time by that. It is noted.
+/// Removes an entry that is still what it was, on one side.
+/// @return no failure; or one without a path.
+TavroFailure TavroTreeCopy::RemoveOne(const Retrace& At, Side Which) {
     TavroDescriptor file;
-    struct stat status = {};
-    int error = TavroOpenAt(Directory, Name, O_PATH, file);
-    error = error != 0 ? error : TavroRemoveUnchanged(Directory, Name, state);
-    if (error == 0 && TavroStat(file.Number(), status) == 0) {
-        state.ChangeTime = TavroNanoseconds(status.st_ctim);
+    if (At.Entry().bLinked) {
+        TavroOpenAt(At.Directory(), At.Name(), O_PATH, file); // why it fails shows next
     }
-    return error == ENOENT ? ESTALE : error;
+    TavroFailure failure = Check(At, Which, true);
+    if (failure) {
+        return failure;
+    }
+    const int error = At.Entry().Source.IsDirectory()
+                          ? TavroRemoveDirectoryAt(At.Directory(), At.Name())
+                          : TavroUnlinkAt(At.Directory(), At.Name());
+    struct stat status = {};
+    if (error == 0 && file.IsOpen() && TavroStat(file.Number(), status) == 0) {
+        // Its other names have got another change time by that.
+        LatestOf(At.Entry(), Which).ChangeTime = TavroNanoseconds(status.st_ctim);
+    }
+    return error == 0 ? TavroFailure() : TavroFail(Kind::RemoveAfterCopy, error, "");
 }
 
-/// Removes the sources, or the copies, that are what they were.
-/// @return how many.
-std::size_t TavroTreeCopy::Remove(Side Which, std::vector<TavroFailure>& OutFailures) {
+std::size_t TavroTreeCopy::Remove(Side Which) {
     std::size_t removed = 0;
     for (Retrace at(*this, Which); at.Next();) {
-        const int error =
-            at.Error() != 0 ? at.Error() : RemoveOne(at.Directory(), at.Name(), at.Entry(), Which);
-        removed += error == 0 ? 1U : 0U;
-        if (error != 0) {
-            OutFailures.push_back(TavroFail(error == ESTALE ? Kind::Changed : Kind::RemoveAfterCopy,
-                                            error == ESTALE ? 0 : error, at.SourcePath()));
+        TavroFailure failure = RemoveOne(at, Which);
+        removed += failure ? 0U : 1U;
+        if (failure && Which == &Copied::Source) {
+            failure.Path = at.SourcePath();
+            m_failures.push_back(std::move(failure));
         }
     }
     return removed;
 }
 
 std::size_t TavroTreeCopy::RemoveSources() {
-    return Remove(&Copied::Source, m_failures);
+    return Remove(&Copied::Source);
 }
 
 bool TavroTreeCopy::TakeBack() {
-    std::vector<TavroFailure> failures;
-    Remove(&Copied::Copy, failures);
     if (m_tree) {
         m_tree->clear();
     }
-    return failures.empty();
+    return Remove(&Copied::Copy) == m_copied.size();
 }

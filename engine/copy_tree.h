@@ -151,13 +151,14 @@ private:
     bool IsCancelled();
     TavroNewEntryTraits& Traits();
     const char* TargetName() const;
+    std::string PathIn(const TavroPlace& Top) const;
 
     int CheckName(const std::string& Name, struct stat& OutStatus) const;
     int PublishUnnamed(const std::string& Name, struct stat& OutStatus);
     int PublishNamed(const std::string& Name, struct stat& OutStatus);
-    TavroFailure FindChanged(Side Which);
-    std::size_t Remove(Side Which, std::vector<TavroFailure>& OutFailures);
-    int RemoveOne(int Directory, const char* Name, Copied& Entry, Side Which);
+    TavroFailure Check(const Retrace& At, Side Which, bool bTimesCount);
+    TavroFailure RemoveOne(const Retrace& At, Side Which);
+    std::size_t Remove(Side Which);
     TavroFileState& LatestOf(Copied& Entry, Side Which);
 
     const TavroPlace& m_from;
@@ -168,8 +169,8 @@ private:
 
     TavroFileState m_source;
     TavroFileState m_made;
-    std::string m_name;     ///< Of the copy: a hidden one until it is published.
-    TavroDescriptor m_open; ///< The copy: a file without a name, or a directory.
+    std::string m_name;        ///< Of the copy: a hidden one until it is published.
+    TavroDescriptor m_unnamed; ///< The copy, while it is a file without a name.
     TavroHardLinks::Tree m_tree;
     bool m_bThere = false;   ///< There is a copy.
     bool m_bGivenUp = false; ///< Going on makes no sense.

@@ -48,17 +48,27 @@ public:
         m_progress.ByteCount += Bytes;
     }
 
-    /// @param PathOf  gives the path that is worked on; called only when it is told.
+    /// @param GivePath  gives the path that is worked on; called only when it is told.
     template <typename PathOf> void Begin(PathOf&& GivePath) {
+        m_bNamed = false;
         if (IsHeard() && IsDue()) {
-            m_progress.CurrentPath = GivePath();
+            Name(GivePath);
             Tell();
+        }
+    }
+
+    /// As Begin, for what takes its time: its bytes are told with its path.
+    template <typename PathOf> void Name(PathOf&& GivePath) {
+        if (IsHeard()) {
+            m_progress.CurrentPath = GivePath();
+            m_bNamed = true;
         }
     }
 
     void AddBytes(std::uint64_t Bytes) {
         m_progress.BytesDone = Limited(m_progress.BytesDone + Bytes, m_progress.ByteCount);
-        if (IsHeard() && IsDue()) {
+        // Under another path they would mislead.
+        if (IsHeard() && m_bNamed && IsDue()) {
             Tell();
         }
     }
@@ -99,6 +109,7 @@ private:
 
     const TavroCallbacks& m_callbacks;
     TavroProgress m_progress;
+    bool m_bNamed = true; ///< The path is the one that is worked on.
     bool m_bCancelled = false;
     Clock::time_point m_toldAt = Clock::now();
 };
