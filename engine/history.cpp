@@ -70,11 +70,19 @@ const std::vector<TavroStepRole>& RolesOf(TavroOperationKind What) {
     return roles[static_cast<std::size_t>(What)];
 }
 
+} // namespace
+
+bool TavroIsMainStep(const TavroStep& Step, TavroOperationKind What) {
+    return Step.Role == RolesOf(What).front();
+}
+
+namespace {
+
 bool IsValid(const TavroOperation& Operation) {
     const std::vector<TavroStepRole>& roles = RolesOf(Operation.Kind);
     bool bMain = false;
     for (const TavroStep& step : Operation.Steps) {
-        bMain = bMain || step.Role == roles.front();
+        bMain = bMain || TavroIsMainStep(step, Operation.Kind);
         if (std::find(roles.begin(), roles.end(), step.Role) == roles.end() || !IsValid(step)) {
             return false;
         }
@@ -98,7 +106,8 @@ constexpr std::int64_t applicationId = 0x54617672;
 constexpr std::int64_t schemaVersion = 1;
 const std::vector<std::string> schema = {
     "CREATE TABLE operation (id INTEGER PRIMARY KEY, kind INTEGER NOT NULL, state INTEGER NOT "
-    "NULL, time INTEGER NOT NULL, steps INTEGER NOT NULL, bytes INTEGER NOT NULL)",
+    "NULL, time INTEGER NOT NULL, steps INTEGER NOT NULL, entries INTEGER NOT NULL, bytes INTEGER "
+    "NOT NULL)",
     "CREATE INDEX operation_of_state ON operation (state)",
     "CREATE TABLE step (operation INTEGER NOT NULL, number INTEGER NOT NULL, role INTEGER NOT "
     "NULL, source BLOB NOT NULL, target BLOB NOT NULL, record BLOB NOT NULL, device INTEGER NOT "
@@ -546,6 +555,12 @@ std::int64_t BytesOf(const TavroOperation& Operation) {
     return Integer(bytes);
 }
 
+std::int64_t EntriesOf(const TavroOperation& Operation) {
+    return std::count_if(
+        Operation.Steps.begin(), Operation.Steps.end(),
+        [&](const TavroStep& step) { return TavroIsMainStep(step, Operation.Kind); });
+}
+
 void ReplaceSteps(TavroDatabase& Database, const TavroOperation& Operation) {
     Database.Run("DELETE FROM step WHERE operation = ?", Operation.Id);
     Statement insert(Database, "INSERT INTO step VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
@@ -602,10 +617,10 @@ TavroFailure TavroHistory::Record(TavroOperation& Operation) {
         const std::int64_t steps = Integer(Operation.Steps.size());
         m_database->Run("UPDATE operation SET state = 2 WHERE state = 1");
         // What was dropped is still there, so no number is given twice.
-        m_database->Run("INSERT INTO operation (kind, state, time, steps, bytes) "
-                        "VALUES (?, ?, ?, ?, ?)",
+        m_database->Run("INSERT INTO operation (kind, state, time, steps, entries, bytes) "
+                        "VALUES (?, ?, ?, ?, ?, ?)",
                         Integer(Operation.Kind), Integer(Operation.State), Operation.Time, steps,
-                        BytesOf(Operation));
+                        EntriesOf(Operation), BytesOf(Operation));
         Operation.Id = sqlite3_last_insert_rowid(m_database->Connection);
         ReplaceSteps(*m_database, Operation);
         DropSurplus(*m_database);
@@ -673,7 +688,8 @@ bool ReadSteps(Statement& Row, std::int64_t Count, TavroOperation& OutOperation)
     return true;
 }
 
-const std::string operationsWhere = "SELECT id, kind, state, time, steps FROM operation WHERE ";
+const std::string operationsWhere =
+    "SELECT id, kind, state, time, steps, entries FROM operation WHERE ";
 constexpr const char* stepsOfOne =
     "SELECT number, role, source, target, record, device, inode, changed, mode, directory "
     "FROM step WHERE operation = ? ORDER BY number LIMIT ?";
@@ -720,10 +736,10 @@ TavroFailure TavroHistory::NextToRedo(std::optional<TavroOperation>& OutOperatio
 }
 
 TavroFailure TavroHistory::List(bool bSteps, std::vector<TavroOperation>& OutOperations,
-                                std::vector<std::uint64_t>& OutStepCounts) {
+                                std::vector<std::uint64_t>& OutEntryCounts) {
     return m_database->Transact(false, [&] {
         OutOperations.clear();
-        OutStepCounts.clear();
+        OutEntryCounts.clear();
         Statement row(*m_database,
                       operationsWhere + "state IN (0, 1) ORDER BY state DESC, id DESC LIMIT ?",
                       mostOperations);
@@ -736,7 +752,7 @@ TavroFailure TavroHistory::List(bool bSteps, std::vector<TavroOperation>& OutOpe
                     operation.Steps.clear();
                 }
                 OutOperations.push_back(std::move(operation));
-                OutStepCounts.push_back(static_cast<std::uint64_t>(count));
+                OutEntryCounts.push_back(static_cast<std::uint64_t>(row.Number(5)));
             }
         }
     });

@@ -58,11 +58,15 @@ struct TavroOperation {
     TavroOperationState State = TavroOperationState::Done;
     std::int64_t Time = 0; ///< In seconds since 1970.
 
-    /// In the order in which they were done; outer directories before inner ones, except that
-    /// RemovedDirectory steps come at the end, inner ones first. What lies in the trash because a
+    /// First the main steps, in the order in which they were done, so that the first one tells what
+    /// the operation is about; then created directories, outer ones before inner ones; then removed
+    /// ones, inner ones first. What lies in the trash because a
     /// copy was undone stands as Trashed steps beside the Copied ones.
     std::vector<TavroStep> Steps;
 };
+
+/// Whether a step is what an operation of that kind is about, and no circumstance of it.
+bool TavroIsMainStep(const TavroStep& Step, TavroOperationKind What);
 
 /// The history of this user: `tavro/history.db` below `XDG_STATE_HOME` (when that is set and
 /// absolute) or else below `HOME/.local/state`. Empty when there is neither.
@@ -106,10 +110,10 @@ public:
 
     /// All operations, the newest to undo or redo first: the undone ones, next to be redone last,
     /// then those that can be undone. One that is refused has no steps here.
-    /// @param bSteps         false: only the first step of each is read.
-    /// @param OutStepCounts  how many steps each has.
+    /// @param bSteps          false: only the first step of each is read.
+    /// @param OutEntryCounts  how many main steps each has.
     TavroFailure List(bool bSteps, std::vector<TavroOperation>& OutOperations,
-                      std::vector<std::uint64_t>& OutStepCounts);
+                      std::vector<std::uint64_t>& OutEntryCounts);
 
     /// The operation that is undone (redone) next, with its steps; nothing when there is none.
     TavroFailure NextToUndo(std::optional<TavroOperation>& OutOperation);

@@ -1,0 +1,69 @@
+#include "record.h"
+
+#include <ctime>
+
+namespace {
+
+using Role = TavroStepRole;
+
+TavroOperation Begin(TavroOperationKind Kind) {
+    TavroOperation operation;
+    operation.Kind = Kind;
+    operation.Time = std::time(nullptr);
+    return operation;
+}
+
+void AddCreated(const std::vector<std::string>& Directories, TavroOperation& Operation) {
+    for (const std::string& directory : Directories) {
+        Operation.Steps.push_back({Role::CreatedDirectory, "", directory, ""});
+    }
+}
+
+TavroStep StepOf(Role What, const std::string& From, const std::string& To,
+                 const TavroFileState& Arrived) {
+    return {What, From, To, "", Arrived.Identity, Arrived.ChangeTime, 0, Arrived.IsDirectory()};
+}
+
+} // namespace
+
+TavroOperation TavroOperationOf(const TavroTransferReport& Report, bool bMove) {
+    TavroOperation operation = Begin(bMove ? TavroOperationKind::Move : TavroOperationKind::Copy);
+    for (const TavroTransferredEntry& entry : Report.Done) {
+        if (bMove || !entry.bReplaced) {
+            operation.Steps.push_back(
+                StepOf(bMove ? Role::Moved : Role::Copied, entry.From, entry.To, entry.Arrived));
+        }
+    }
+    if (operation.Steps.empty()) {
+        return operation;
+    }
+    AddCreated(Report.CreatedDirectories, operation);
+    for (const TavroRemovedDirectory& directory : Report.RemovedDirectories) {
+        operation.Steps.push_back(
+            {Role::RemovedDirectory, directory.Path, "", "", {}, 0, directory.Mode});
+    }
+    return operation;
+}
+
+TavroOperation TavroOperationOf(const TavroTrashReport& Report) {
+    TavroOperation operation = Begin(TavroOperationKind::Trash);
+    for (const TavroTrashedEntry& trashed : Report.Entries) {
+        const TavroTrashEntry& entry = trashed.Entry;
+        operation.Steps.push_back({Role::Trashed, entry.OriginalPath, entry.TrashPath,
+                                   entry.InfoPath, trashed.Item, 0, 0, entry.bDirectory});
+    }
+    return operation;
+}
+
+TavroOperation TavroOperationOf(const TavroEditReport& Report) {
+    TavroOperation operation = Begin(TavroOperationKind::CreateDirectory);
+    AddCreated(Report.CreatedDirectories, operation);
+    return operation;
+}
+
+TavroOperation TavroOperationOf(const TavroEditReport& Report, const std::string& From) {
+    TavroOperation operation = Begin(TavroOperationKind::Rename);
+    operation.Steps.push_back(StepOf(Role::Moved, From, Report.Path, Report.Arrived));
+    AddCreated(Report.CreatedDirectories, operation);
+    return operation;
+}

@@ -1,0 +1,24 @@
+/// What was done, as the history keeps it, dated now, with what the reports tell. What they leave
+/// open TavroCompleteOperation looks up.
+
+#ifndef TAVRO_ENGINE_RECORD_H
+#define TAVRO_ENGINE_RECORD_H
+
+#include "edit.h"
+#include "history.h"
+#include "transfer.h"
+#include "trash.h"
+
+/// What a transfer has brought somewhere; without steps when that is nothing. A copy that replaced
+/// something is left out: its undo would not bring back what was there.
+TavroOperation TavroOperationOf(const TavroTransferReport& Report, bool bMove);
+
+/// What was trashed.
+TavroOperation TavroOperationOf(const TavroTrashReport& Report);
+
+/// A directory that was created, with its parents; or, with the path that it had, an entry that was
+/// renamed.
+TavroOperation TavroOperationOf(const TavroEditReport& Report);
+TavroOperation TavroOperationOf(const TavroEditReport& Report, const std::string& From);
+
+#endif
