@@ -130,14 +130,23 @@ std::string TavroPlace::OwnPath() const {
     return Name == "." ? Directory->OwnPath : TavroJoin(Directory->OwnPath, Name);
 }
 
+/// The directory that is open by the first `Size` bytes of a path, if there is one.
+std::shared_ptr<const TavroDirectory> TavroPlaces::FindOpen(const std::string& Path,
+                                                            std::size_t Size) {
+    const auto found = std::find_if(m_open.begin(), m_open.end(), [&](const auto& candidate) {
+        return candidate->Path.size() == Size && Path.compare(0, Size, candidate->Path) == 0;
+    });
+    if (found == m_open.end()) {
+        return nullptr;
+    }
+    std::rotate(m_open.begin(), found, found + 1);
+    return m_open.front();
+}
+
 int TavroPlaces::Open(const std::string& Directory,
                       std::shared_ptr<const TavroDirectory>& OutDirectory) {
-    const auto found = std::find_if(m_open.begin(), m_open.end(), [&](const auto& candidate) {
-        return candidate->Path == Directory;
-    });
-    if (found != m_open.end()) {
-        OutDirectory = *found;
-        std::rotate(m_open.begin(), found, found + 1);
+    OutDirectory = FindOpen(Directory, Directory.size());
+    if (OutDirectory != nullptr) {
         return 0;
     }
     TavroDescriptor opened;
@@ -193,9 +202,25 @@ int FindFaultOf(const std::string& Path) {
     return error != 0 ? error : ENAMETOOLONG;
 }
 
+/// What follows the last separator of a path is a name, and nothing else.
+bool IsPlainName(const std::string& Path, std::size_t Begin) {
+    return Begin < Path.size() && Path.compare(Begin, std::string::npos, ".") != 0 &&
+           Path.compare(Begin, std::string::npos, "..") != 0 &&
+           Path.find('\0', Begin) == std::string::npos;
+}
+
 } // namespace
 
 TavroFailure TavroPlaces::Find(const std::string& Path, TavroPlace& OutPlace) {
+    // Most paths are a name in a directory that is open.
+    const std::size_t slash = Path.rfind('/');
+    if (slash != std::string::npos && IsPlainName(Path, slash + 1)) {
+        std::shared_ptr<const TavroDirectory> open = FindOpen(Path, slash);
+        if (open != nullptr) {
+            OutPlace = {std::move(open), Path.substr(slash + 1)};
+            return {};
+        }
+    }
     const std::string path = EntryPath(Path);
     std::shared_ptr<const TavroDirectory> directory;
     int error = FindFaultOf(path);

@@ -66,6 +66,8 @@ public:
     void Forget(const std::string& OwnPath);
 
 private:
+    std::shared_ptr<const TavroDirectory> FindOpen(const std::string& Path, std::size_t Size);
+
     /// @return 0, or the error number.
     int Open(const std::string& Directory, std::shared_ptr<const TavroDirectory>& OutDirectory);
     int Keep(TavroDescriptor Opened, const std::string& Path,
