@@ -102,14 +102,8 @@ void TavroTreeCopy::TakeStep(TavroWalkEvent Event) {
     case TavroWalkEvent::Leave:
         LeaveDirectory();
         break;
-    case TavroWalkEvent::CannotList:
-        m_levels.back().ListError = m_walk.Error(); // told when it is left
-        break;
-    case TavroWalkEvent::LostWay:
-        m_bGivenUp = true;
-        Fail(Kind::Read, m_walk.Error());
-        break;
     default:
+        m_bGivenUp = Event == TavroWalkEvent::LostWay;
         Fail(Kind::Read, m_walk.Error());
         break;
     }
@@ -291,7 +285,7 @@ bool TavroTreeCopy::CopySpecial(int Source, const struct stat& Status, TavroFile
 // --- Directories ---
 
 void TavroTreeCopy::EnterDirectory() {
-    Level level = {m_walk.EnteredStatus(), {}, {}, m_copied.size(), 0, false};
+    Level level = {m_walk.EnteredStatus(), {}, {}, m_copied.size(), false};
     if (!IsCancelled() && IsEnterable()) {
         MakeDirectory(level);
     }
@@ -371,9 +365,6 @@ int TavroTreeCopy::OpenMade(TavroDescriptor& OutDirectory, struct stat& OutStatu
 void TavroTreeCopy::LeaveDirectory() {
     const Level level = std::move(m_levels.back());
     m_levels.pop_back();
-    if (level.ListError != 0) {
-        Fail(Kind::Read, level.ListError);
-    }
     if (!level.bMade) {
         return;
     }
@@ -382,10 +373,6 @@ void TavroTreeCopy::LeaveDirectory() {
     if (error != 0) {
         m_bGivenUp = true;
         Fail(Kind::Write, error);
-        return;
-    }
-    if (level.ListError != 0) {
-        TavroRemoveDirectoryAt(m_target.Top(), TargetName());
         return;
     }
     error = TavroGiveAttributes(left.Number(), level.Source, level.Attributes, Traits(), m_lost);

@@ -131,7 +131,6 @@ private:
         std::vector<TavroAttribute> Attributes;
         TavroNewEntryTraits Traits; ///< Of entries in the copy.
         std::size_t Number;         ///< In m_copied.
-        int ListError;              ///< Why it could not be listed; 0 when it could.
         bool bMade;                 ///< There is a copy.
     };
 
