@@ -190,6 +190,9 @@ TavroFailure Batch::Move(TavroBatchStep& Step) {
     if (!failure) {
         failure = m_places.FindOrCreate(Step.To, 0700, m_report.CreatedDirectories, to);
     }
+    if (!failure && Step.Holder && to.Directory->OwnPath != *Step.Holder) {
+        failure = TavroFail(TavroFailureKind::LookAt, ESTALE, Step.To);
+    }
     if (failure) {
         return failure;
     }

@@ -33,6 +33,10 @@ struct TavroBatchStep {
     /// When given, `From` needs no other look before it is moved. Else TavroRunBatch sets it.
     std::optional<TavroSeenEntry> Seen = {};
 
+    /// When given, the own path of the directory that is to hold `To`: nothing goes to where a link
+    /// leads that somebody puts on the way. ESTALE then.
+    std::optional<std::string> Holder = {};
+
     // Set by TavroRunBatch:
 
     /// What is at `To` now; an inode of 0: nothing of this step. What was not expected and not

@@ -54,9 +54,11 @@ TavroEntriesOnOtherDevices(const std::vector<TavroOperationEntry>& Entries);
 /// failure or a cancel moves back what was moved and removes the records; what cannot be moved back
 /// keeps its record. Links are trashed as links, by their own paths.
 ///
-/// @param Entries  `Path` alone is used. They are checked as TavroCheckTrashable does.
+/// @param Entries   `Path` alone is used. They are checked as TavroCheckTrashable does.
+/// @param Expected  when given, the files that the entries must be, in order; else ItemChanged.
 TavroTrashReport TavroTrashSelection(const std::vector<TavroOperationEntry>& Entries,
-                                     const TavroCallbacks& Callbacks);
+                                     const TavroCallbacks& Callbacks,
+                                     const std::vector<TavroIdentity>& Expected = {});
 
 /// Puts trashed entries back, all or nothing, and removes their records when all are back.
 ///

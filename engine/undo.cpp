@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <map>
 #include <set>
+#include <unordered_map>
 
 namespace {
 
@@ -28,7 +29,7 @@ private:
     int Look(const std::string& Path, TavroPlace& OutPlace, struct stat& OutStatus);
     TavroFailure CheckFile(const TavroStep& Step, const std::string& Path, TavroSeenEntry& OutSeen);
     TavroFailure CheckFree(const std::string& Path);
-    TavroFailure CheckHolder(std::string Path);
+    TavroFailure CheckHolder(const std::string& Path);
     TavroFailure CheckRecord(const TavroStep& Step);
     TavroFailure CheckEmpty(const TavroStep& Step, const std::set<std::string>& Created);
 
@@ -42,8 +43,10 @@ private:
     TavroFailure RestoreCopies();
     TavroFailure RemoveCreated();
     TavroFailure CreateAgain();
+    TavroFailure CheckDirectories();
     TavroFailure MakeDirectory(const std::string& Path, mode_t Mode);
     TavroFailure MakeDirectories();
+    void Remember(const std::vector<std::string>& Made);
     void SetModes();
     int RemoveDirectory(const std::string& Path, const TavroIdentity& Identity, mode_t& OutMode);
     TavroFailure RemoveDirectories();
@@ -69,6 +72,9 @@ private:
     TavroGuard m_guard{TavroAct::Move};
     const std::string m_home = TavroHomeDirectoryPath();
     std::map<std::string, TavroIdentity> m_made; ///< Directories; outer ones first.
+
+    /// Of directories that something goes to: where they were when all was checked.
+    std::unordered_map<std::string, std::string> m_ownPaths;
 };
 
 /// The path of a directory that a step tells of.
@@ -153,21 +159,25 @@ TavroFailure Reversal::CheckFree(const std::string& Path) {
     if (error == 0) {
         return {Kind::InTheWay, {}, Path};
     }
-    if (place.Directory && error == ENOENT) {
-        return {};
-    }
     return IsMissing(error) ? CheckHolder(TavroParentOf(Path))
                             : TavroFail(Kind::LookAt, error, Path);
 }
 
 /// The innermost of a directory and those above it that is there must be a directory.
-TavroFailure Reversal::CheckHolder(std::string Path) {
-    while (!TavroIsPresent(Path) && Path != "/") {
-        Path = TavroParentOf(Path);
+TavroFailure Reversal::CheckHolder(const std::string& Path) {
+    const auto [own, bNew] = m_ownPaths.try_emplace(Path);
+    std::string there = Path;
+    TavroPlace inside;
+    while (bNew && !TavroIsPresent(there) && there != "/") {
+        there = TavroParentOf(there);
     }
-    TavroDescriptor directory;
-    return TavroOpenDirectory(Path, directory) == 0 ? TavroFailure()
-                                                    : TavroFailure{Kind::InTheWay, {}, Path};
+    if (bNew && m_places.Find(TavroJoin(there, "x"), inside)) {
+        return {Kind::InTheWay, {}, there};
+    }
+    if (bNew) {
+        own->second = inside.Directory->OwnPath + Path.substr(there.size());
+    }
+    return {};
 }
 
 /// A record that tells of another place belongs to another item, whatever became of the inode.
@@ -208,16 +218,34 @@ TavroFailure Reversal::CheckEmpty(const TavroStep& Step, const std::set<std::str
 // Directories
 // =================================================================================================
 
-/// Creates a directory that is missing, and those above it.
-TavroFailure Reversal::MakeDirectory(const std::string& Path, mode_t Mode) {
-    m_places = {}; // nothing that was found before may hide what is there now
-    TavroPlace place;
-    std::vector<std::string> created;
-    TavroFailure failure = m_places.FindOrCreate(TavroJoin(Path, "x"), Mode, created, place);
-    for (const std::string& path : created) {
+/// Remembers what was made, to give it its mode, or to take it back.
+void Reversal::Remember(const std::vector<std::string>& Made) {
+    for (const std::string& path : Made) {
+        TavroPlace place;
         struct stat status = {};
         if (Look(path, place, status) == 0) {
             m_made[path] = TavroIdentityOf(status);
+        }
+    }
+}
+
+/// Creates a directory that is missing, and those above it, at the place that was checked.
+TavroFailure Reversal::MakeDirectory(const std::string& Path, mode_t Mode) {
+    m_places = {}; // what was found before may have gone elsewhere
+    TavroPlace inside;
+    std::vector<std::string> made;
+    TavroFailure failure = m_places.FindOrCreate(TavroJoin(Path, "x"), Mode, made, inside);
+    Remember(made);
+    const bool bElsewhere = !failure && inside.Directory->OwnPath != m_ownPaths[Path];
+    return bElsewhere ? TavroFail(Kind::LookAt, ESTALE, Path) : failure;
+}
+
+/// Directories that are to be made: each must be there, or be one that can be created.
+TavroFailure Reversal::CheckDirectories() {
+    TavroFailure failure;
+    for (const TavroStep& step : m_steps) {
+        if (!failure && IsToMake(step)) {
+            failure = CheckHolder(DirectoryOf(step));
         }
     }
     return failure;
@@ -322,6 +350,7 @@ TavroFailure Reversal::RemoveCreated() {
     TavroFailure failure = RemoveDirectories();
     if (failure) {
         Reversal again(false, m_callbacks, m_report);
+        again.CheckDirectories();
         again.MakeDirectories();
         again.SetModes();
     }
@@ -336,7 +365,8 @@ TavroFailure Reversal::CreateAgain() {
             return failure;
         }
     }
-    return MakeDirectories();
+    TavroFailure failure = CheckDirectories();
+    return failure ? failure : MakeDirectories();
 }
 
 // =================================================================================================
@@ -355,13 +385,13 @@ TavroFailure Reversal::MoveAll() {
         moves.push_back(m_bUndo ? TavroBatchStep{step->To, step->From}
                                 : TavroBatchStep{step->From, step->To});
         failure = failure ? failure : CheckFile(*step, moves.back().From, seen);
-        failure = failure ? failure : CheckFree(moves.back().To);
+        const std::string holder = TavroParentOf(moves.back().To);
+        failure = failure ? failure : CheckHolder(holder);
+        moves.back().Holder = m_ownPaths[holder];
         moves.back().Expected = seen.State.Identity;
         moves.back().Seen = seen;
     }
-    for (const TavroStep& step : m_steps) {
-        failure = failure || !IsToMake(step) ? failure : CheckHolder(DirectoryOf(step));
-    }
+    failure = failure ? failure : CheckDirectories();
     failure = failure || m_bUndo ? failure : MakeDirectories();
     failure = failure ? failure : RunMoves(moves);
     if (!failure) {
@@ -375,15 +405,8 @@ TavroFailure Reversal::MoveAll() {
 
 /// Moves, and makes the directories again that a merging move has removed.
 TavroFailure Reversal::RunMoves(std::vector<TavroBatchStep>& Moves) {
-    std::string last;
-    TavroBatchHooks hooks;
-    hooks.BeforeMove = [&](std::size_t i) {
-        const std::string holder = TavroParentOf(Moves[i].To);
-        TavroFailure failure = holder == last ? TavroFailure() : MakeDirectory(holder, 0700);
-        last = holder;
-        return failure;
-    };
-    m_report.Moves = TavroRunBatch(Moves, hooks, m_callbacks);
+    m_report.Moves = TavroRunBatch(Moves, {}, m_callbacks);
+    Remember(m_report.Moves.CreatedDirectories);
     TavroFailure failure = m_report.Moves.Failure;
     if (failure || !m_bUndo || !(failure = MakeDirectories())) {
         return failure;
@@ -412,6 +435,7 @@ TavroStep InTrash(const TavroTrashedEntry& Trashed) {
 
 TavroFailure Reversal::Trash(const std::vector<TavroStep*>& Steps) {
     std::vector<TavroOperationEntry> entries;
+    std::vector<TavroIdentity> expected;
     for (const TavroStep* step : Steps) {
         const std::string& path = m_bUndo ? step->To : step->From;
         TavroSeenEntry seen;
@@ -420,8 +444,9 @@ TavroFailure Reversal::Trash(const std::vector<TavroStep*>& Steps) {
             return failure;
         }
         entries.push_back({TavroNameOf(path), path, false});
+        expected.push_back(seen.State.Identity);
     }
-    m_report.Trash = TavroTrashSelection(entries, m_callbacks);
+    m_report.Trash = TavroTrashSelection(entries, m_callbacks, expected);
     return m_report.Trash.Batch.Failure;
 }
 
@@ -490,7 +515,8 @@ TavroFailure Reversal::Restore() {
 }
 
 TavroFailure Reversal::RestoreCopies() {
-    TavroFailure failure = MakeDirectories();
+    TavroFailure failure = CheckDirectories();
+    failure = failure ? failure : MakeDirectories();
     failure = failure ? failure : Restore();
     if (failure) {
         return failure;
