@@ -7,6 +7,8 @@
 #include "trash_record.h"
 
 #include <algorithm>
+#include <string_view>
+#include <unordered_map>
 #include <unordered_set>
 
 // =================================================================================================
@@ -28,19 +30,22 @@ public:
 
 private:
     TavroFailure Look(const TavroOperationEntry& Entry);
+    bool IsSelectedTwice(std::size_t Index);
     TavroFailure LookInside(const std::string& OwnPath);
 
     const std::vector<TavroOperationEntry>& m_entries;
     TavroGuard m_guard{TavroAct::Trash};
     TavroPlaces m_places;
-    std::unordered_set<std::string> m_selected;    ///< Own paths.
-    std::unordered_set<std::string> m_directories; ///< Those of directories.
-    std::string m_parent;                          ///< Asked about last by LookInside,
-    std::string m_above;                           ///< and what was found.
+    std::unordered_map<TavroIdentity, std::size_t> m_first; ///< The first entry of each file.
+    std::unordered_set<std::string> m_again;                ///< Own paths of files met again.
+    std::unordered_set<std::string> m_directories;          ///< Own paths of directories.
+    std::string m_parent;                                   ///< Asked about last by LookInside,
+    std::string m_above;                                    ///< and what was found.
 };
 
 std::vector<TavroFailure> SelectionCheck::Run() {
     std::vector<TavroFailure> reasons(m_entries.size());
+    Steps.reserve(m_entries.size());
     for (std::size_t i = 0; i < m_entries.size(); ++i) {
         Steps.push_back({});
         reasons[i] = Look(m_entries[i]);
@@ -66,17 +71,24 @@ TavroFailure SelectionCheck::Look(const TavroOperationEntry& Entry) {
     if (error != 0) {
         return TavroFail(TavroFailureKind::RefuseTrash, error, "");
     }
+    TavroBatchStep& step = Steps.back();
+    step.From = place.OwnPath();
+    step.Seen = {place.Directory->Identity, TavroStateOf(status)};
+    if (S_ISDIR(status.st_mode)) {
+        m_directories.insert(step.From);
+    }
     failure = m_guard.Check(place, status);
-    std::string own = place.OwnPath();
-    if (!failure && !m_selected.insert(own).second) {
+    if (!failure && IsSelectedTwice(Steps.size() - 1)) {
         failure = {TavroFailureKind::RefuseTrash, TavroRefusal::SelectedTwice};
     }
-    if (S_ISDIR(status.st_mode)) {
-        m_directories.insert(own);
-    }
-    Steps.back().From = std::move(own);
-    Steps.back().Seen = {place.Directory->Identity, TavroStateOf(status)};
     return failure;
+}
+
+/// A file with several names may be selected by each of them once.
+bool SelectionCheck::IsSelectedTwice(std::size_t Index) {
+    const TavroBatchStep& step = Steps[Index];
+    const auto [first, bNew] = m_first.try_emplace(step.Seen->State.Identity, Index);
+    return !bNew && (Steps[first->second].From == step.From || !m_again.insert(step.From).second);
 }
 
 /// The entries of one directory are inside the same.
@@ -164,37 +176,32 @@ TavroTrashReport Failed(TavroFailure Failure) {
     return report;
 }
 
-/// Tells what is not where it was.
-void TellWhatIsLeft(const std::vector<TavroBatchStep>& Steps,
-                    const std::vector<TavroTrashedEntry>& Entries, TavroTrashReport& OutReport) {
+/// Tells what is not where it was. `EntryOf` gives the entry of a step.
+template <typename EntryOf>
+void TellWhatIsLeft(const std::vector<TavroBatchStep>& Steps, EntryOf GiveEntry,
+                    TavroTrashReport& OutReport) {
     for (std::size_t i = 0; i < Steps.size(); ++i) {
         if (Steps[i].bCopyStays) {
-            OutReport.InBoth.push_back(Entries[i]);
+            OutReport.InBoth.push_back(GiveEntry(i));
         } else if (Steps[i].Arrived.Identity.Inode != 0) {
-            OutReport.Left.push_back(Entries[i]);
+            OutReport.Left.push_back(GiveEntry(i));
         }
     }
 }
 
-/// The entries as they lie in the trash.
-std::vector<TavroTrashedEntry> InTrash(const TavroTrashFolders& Folders,
-                                       const std::vector<TavroBatchStep>& Steps) {
-    std::vector<TavroTrashedEntry> entries;
-    entries.reserve(Steps.size());
-    for (const TavroBatchStep& step : Steps) {
-        const std::string record = TavroRecordName(TavroNameOf(step.To));
-        const mode_t mode = step.Seen->State.Mode;
-        entries.push_back(
-            {{step.From, step.To, TavroJoin(Folders.Info, record), S_ISDIR(mode) || S_ISLNK(mode)},
-             step.Arrived.Identity});
-    }
-    return entries;
+/// An entry as it lies in the trash.
+TavroTrashedEntry InTrash(const TavroTrashFolders& Folders, const TavroBatchStep& Step) {
+    const std::string record = TavroRecordName(TavroNameOf(Step.To));
+    const mode_t mode = Step.Seen->State.Mode;
+    return {{Step.From, Step.To, TavroJoin(Folders.Info, record), S_ISDIR(mode) || S_ISLNK(mode)},
+            Step.Arrived.Identity};
 }
 
 } // namespace
 
 TavroTrashReport TavroTrashSelection(const std::vector<TavroOperationEntry>& Entries,
-                                     const TavroCallbacks& Callbacks) {
+                                     const TavroCallbacks& Callbacks,
+                                     const std::vector<TavroIdentity>& Expected) {
     if (Entries.empty()) {
         return Failed({TavroFailureKind::NothingSelected});
     }
@@ -210,6 +217,9 @@ TavroTrashReport TavroTrashSelection(const std::vector<TavroOperationEntry>& Ent
     for (TavroBatchStep& step : steps) {
         step.To = TavroJoin(trash.Folders.Files, TavroNameOf(step.From));
     }
+    for (std::size_t i = 0; i < Expected.size(); ++i) {
+        steps[i].Expected = Expected[i];
+    }
     TavroTrashClaims claims(trash.Files.Number(), trash.Info.Number());
     TavroBatchHooks hooks;
     hooks.BeforeMove = [&](std::size_t i) {
@@ -219,13 +229,19 @@ TavroTrashReport TavroTrashSelection(const std::vector<TavroOperationEntry>& Ent
         steps[i].To = TavroJoin(trash.Folders.Files, name);
         return unclaimed;
     };
-    hooks.Undone = [&](std::size_t i) { claims.Drop(TavroNameOf(steps[i].To)); };
+    hooks.Undone = [&](std::size_t i) {
+        claims.Drop(TavroNameOf(steps[i].From), TavroNameOf(steps[i].To));
+    };
     TavroTrashReport report;
     report.Batch = TavroRunBatch(steps, hooks, Callbacks);
-    report.Entries = InTrash(trash.Folders, steps);
     if (!report) {
-        TellWhatIsLeft(steps, report.Entries, report);
-        report.Entries.clear();
+        const auto entryOf = [&](std::size_t i) { return InTrash(trash.Folders, steps[i]); };
+        TellWhatIsLeft(steps, entryOf, report);
+        return report;
+    }
+    report.Entries.reserve(steps.size());
+    for (const TavroBatchStep& step : steps) {
+        report.Entries.push_back(InTrash(trash.Folders, step));
     }
     return report;
 }
@@ -236,18 +252,19 @@ TavroTrashReport TavroTrashSelection(const std::vector<TavroOperationEntry>& Ent
 
 namespace {
 
-/// One entry, and its own path once it is back, which `OriginalPath` may spell otherwise.
+/// An entry, and its own path once it is back, which `OriginalPath` may spell otherwise.
 struct Restoration {
-    TavroTrashedEntry Trashed;
+    const TavroTrashedEntry* Trashed;
     std::string Place;
 };
 
-/// Checks what the trash itself can tell: each entry once, to a place of its own.
+/// Checks what the list itself can tell: each entry once, to a place of its own.
 TavroFailure CheckRestoreList(const std::vector<TavroTrashedEntry>& Entries,
                               std::vector<Restoration>& OutRestorations) {
-    std::unordered_set<std::string> items;
-    std::unordered_set<std::string> ownPlaces;
+    std::unordered_set<std::string_view> items;
+    std::unordered_set<std::string_view> ownPlaces;
     TavroPlaces places;
+    OutRestorations.reserve(Entries.size()); // the places are referred to
     for (const TavroTrashedEntry& trashed : Entries) {
         const TavroTrashEntry& entry = trashed.Entry;
         if (entry.OriginalPath.rfind('/', 0) != 0) {
@@ -259,7 +276,7 @@ TavroFailure CheckRestoreList(const std::vector<TavroTrashedEntry>& Entries,
         TavroPlace place;
         const bool bFound = !places.Find(entry.OriginalPath, place);
         OutRestorations.push_back(
-            {trashed, bFound ? place.OwnPath() : TavroFindOwnPath(entry.OriginalPath)});
+            {&trashed, bFound ? place.OwnPath() : TavroFindOwnPath(entry.OriginalPath)});
         if (!ownPlaces.insert(OutRestorations.back().Place).second) {
             return {TavroFailureKind::RestoreToOnePlace, {}, entry.OriginalPath};
         }
@@ -282,14 +299,16 @@ TavroFailure AsOfTrash(TavroFailure Failure, const std::vector<TavroBatchStep>& 
     return Failure;
 }
 
-/// Removes the records of items by the items' paths: nothing else is ever removed here.
-void RemoveRecords(const std::vector<TavroTrashedEntry>& Entries) {
+/// Removes the records of what has left the trash: each beside its item, whatever else the entry
+/// says.
+void RemoveRecords(const std::vector<TavroBatchStep>& Steps) {
     TavroPlaces places;
-    for (const TavroTrashedEntry& trashed : Entries) {
-        const std::string& item = trashed.Entry.TrashPath;
-        const std::string info = TavroJoin(TavroParentOf(TavroParentOf(item)), "info");
+    for (const TavroBatchStep& step : Steps) {
+        const std::string info = TavroJoin(TavroParentOf(TavroParentOf(step.From)), "info");
+        const std::string file = TavroRecordName(TavroNameOf(step.From));
         TavroPlace record;
-        if (!places.Find(TavroJoin(info, TavroRecordName(TavroNameOf(item))), record)) {
+        if (step.Arrived.Identity.Inode != 0 && !step.bCopyStays &&
+            !places.Find(TavroJoin(info, file), record)) {
             TavroUnlinkAt(record.Number(), record.Name.c_str());
         }
     }
@@ -309,24 +328,23 @@ TavroTrashReport TavroRestoreSelection(const std::vector<TavroTrashedEntry>& Ent
     std::stable_sort(restorations.begin(), restorations.end(),
                      [](const Restoration& a, const Restoration& b) { return a.Place < b.Place; });
     std::vector<TavroBatchStep> steps;
-    std::vector<TavroTrashedEntry> entries;
-    for (Restoration& restoration : restorations) {
-        const TavroTrashedEntry& trashed = restoration.Trashed;
+    steps.reserve(restorations.size());
+    for (const Restoration& restoration : restorations) {
+        const TavroTrashedEntry& trashed = *restoration.Trashed;
         steps.push_back({trashed.Entry.TrashPath, trashed.Entry.OriginalPath});
         if (trashed.Item.Inode != 0) {
             steps.back().Expected = trashed.Item;
         }
-        entries.push_back(std::move(restoration.Trashed));
     }
     TavroTrashReport report;
     report.bRestoring = true;
     report.Batch = TavroRunBatch(steps, {}, Callbacks);
     if (!report) {
         report.Batch.Failure = AsOfTrash(std::move(report.Batch.Failure), steps);
-        TellWhatIsLeft(steps, entries, report);
+        const auto entryOf = [&](std::size_t i) { return *restorations[i].Trashed; };
+        TellWhatIsLeft(steps, entryOf, report);
     }
-    // What stays restored is in the trash no more.
-    RemoveRecords(report ? entries : report.Left);
+    RemoveRecords(steps);
     return report;
 }
 

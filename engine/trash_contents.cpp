@@ -24,7 +24,7 @@ bool IsPlainName(const std::string& Name) {
            Name.find('\0') == std::string::npos;
 }
 
-/// The names in a directory of the trash, in order. One that does not exist has none.
+/// The names in a directory of the trash. One that does not exist has none.
 TavroFailure ListNames(const TavroDescriptor& Directory, const std::string& Path,
                        std::vector<std::string>& OutNames) {
     TavroListing listing;
@@ -36,11 +36,10 @@ TavroFailure ListNames(const TavroDescriptor& Directory, const std::string& Path
     while (const char* name = listing.Next()) {
         OutNames.emplace_back(name);
     }
-    std::sort(OutNames.begin(), OutNames.end());
     return {};
 }
 
-/// The names of what has a record, readable or not, in order.
+/// The names of what has a record, readable or not.
 TavroFailure ListRecords(const TavroOpenTrash& Trash, std::vector<std::string>& OutNames) {
     std::vector<std::string> files;
     TavroFailure failure = ListNames(Trash.Info, Trash.Folders.Info, files);
@@ -53,7 +52,9 @@ TavroFailure ListRecords(const TavroOpenTrash& Trash, std::vector<std::string>& 
 }
 
 /// Nothing when there is no such item, or no record of it that can be read.
-std::optional<TavroTrashItem> ReadItem(const TavroOpenTrash& Trash, const std::string& Name) {
+std::optional<TavroTrashItem> ReadItem(const TavroOpenTrash& Trash,
+                                       std::shared_ptr<const TavroTrashFolders> Folders,
+                                       const std::string& Name) {
     struct stat status = {};
     // The item is looked at before its record: whatever takes both names after that is another.
     if (!IsPlainName(Name) || TavroStatAt(Trash.Files.Number(), Name.c_str(), status) != 0) {
@@ -72,10 +73,9 @@ std::optional<TavroTrashItem> ReadItem(const TavroOpenTrash& Trash, const std::s
     item.bDirectory = S_ISDIR(status.st_mode);
     item.ByteCount = S_ISREG(status.st_mode) ? static_cast<std::uint64_t>(status.st_size) : 0;
     item.ChangeTime = TavroNanoseconds(status.st_ctim);
-    item.Trashed.Item = TavroIdentityOf(status);
-    item.Trashed.Entry = {item.OriginalPath, TavroJoin(Trash.Folders.Files, Name),
-                          TavroJoin(Trash.Folders.Info, TavroRecordName(Name)),
-                          item.bDirectory || S_ISLNK(status.st_mode)};
+    item.bLink = S_ISLNK(status.st_mode);
+    item.Identity = TavroIdentityOf(status);
+    item.Folders = std::move(Folders);
     return item;
 }
 
@@ -87,13 +87,15 @@ bool IsListedBefore(const TavroTrashItem& A, const TavroTrashItem& B) {
 TavroFailure ListItems(const TavroOpenTrash& Trash, bool bMeasure,
                        const std::function<bool()>& ShouldCancel,
                        std::vector<TavroTrashItem>& OutItems) {
+    const auto folders = std::make_shared<const TavroTrashFolders>(Trash.Folders);
     std::vector<std::string> names;
     TavroFailure failure = ListRecords(Trash, names);
+    OutItems.reserve(names.size());
     for (const std::string& name : names) {
         if (ShouldCancel && ShouldCancel()) {
             break;
         }
-        std::optional<TavroTrashItem> item = ReadItem(Trash, name);
+        std::optional<TavroTrashItem> item = ReadItem(Trash, folders, name);
         if (!item) {
             continue;
         }
@@ -111,6 +113,15 @@ TavroFailure ListItems(const TavroOpenTrash& Trash, bool bMeasure,
 }
 
 } // namespace
+
+std::string TavroTrashItem::TrashPath() const {
+    return TavroJoin(Folders->Files, Name);
+}
+
+TavroTrashedEntry TavroTrashItem::Trashed() const {
+    const std::string record = TavroJoin(Folders->Info, TavroRecordName(Name));
+    return {{OriginalPath, TrashPath(), record, bDirectory || bLink}, Identity};
+}
 
 TavroFailure TavroListTrash(bool bMeasure, const std::function<bool()>& ShouldCancel,
                             std::vector<TavroTrashItem>& OutItems) {
@@ -179,7 +190,8 @@ const TavroTrashItem* TavroTrashIndex::FindByPath(const std::string& Text) const
 TavroFailure TavroTrashIndex::Find(const std::string& Text, TavroTrashItem& OutItem) {
     TavroFailure failure = m_trash.Files.IsOpen() ? TavroFailure() : m_trash.Open();
     if (!failure) {
-        if (std::optional<TavroTrashItem> item = ReadItem(m_trash, Text)) {
+        const auto folders = std::make_shared<const TavroTrashFolders>(m_trash.Folders);
+        if (std::optional<TavroTrashItem> item = ReadItem(m_trash, folders, Text)) {
             OutItem = std::move(*item);
             return {};
         }
@@ -255,8 +267,8 @@ TavroFailure Emptying::Remove(const TavroTrashItem& Item,
     if (error != 0) {
         return TavroFail(TavroFailureKind::Remove, error, m_item.Path());
     }
-    if (Item.Trashed.Item.Inode != 0 && (Item.Trashed.Item != TavroIdentityOf(status) ||
-                                         Item.ChangeTime != TavroNanoseconds(status.st_ctim))) {
+    if (Item.Identity.Inode != 0 && (Item.Identity != TavroIdentityOf(status) ||
+                                     Item.ChangeTime != TavroNanoseconds(status.st_ctim))) {
         return {TavroFailureKind::ItemChanged, {}, Item.Name};
     }
     TavroFailure failure = RemoveItem(status, ShouldCancel);
@@ -343,6 +355,8 @@ TavroFailure TavroExamineTrash(std::vector<TavroTrashFinding>& OutFindings) {
     if (failure) {
         return failure;
     }
+    std::sort(records.begin(), records.end());
+    std::sort(items.begin(), items.end());
     for (const std::string& name : items) {
         if (!std::binary_search(records.begin(), records.end(), name)) {
             OutFindings.push_back(
@@ -404,7 +418,7 @@ TavroFailure RecordAnew(const TavroOpenTrash& Trash, const std::string& Name) {
     if (error == 0) {
         return {};
     }
-    claims.Drop(shorter);
+    claims.Drop(Name, shorter);
     return TavroFail(TavroFailureKind::ShortenName, error, TavroJoin(Trash.Folders.Files, Name));
 }
 

@@ -8,7 +8,7 @@
 
 #include <cstdint>
 #include <functional>
-#include <optional>
+#include <memory>
 #include <set>
 #include <string>
 #include <unordered_map>
@@ -28,11 +28,15 @@ struct TavroTrashItem {
     std::uint64_t ByteCount = 0; ///< Bytes in it; of a directory, of all files in it.
     bool bDirectory = false;     ///< A real directory; a link to one is none.
 
-    std::int64_t ChangeTime = 0; ///< Of the item, in nanoseconds since 1970, as is the next.
+    bool bLink = false;
+    TavroIdentity Identity;      ///< An inode of 0: the item was not listed, and is not known.
+    std::int64_t ChangeTime = 0; ///< In nanoseconds since 1970, as is the next.
     std::int64_t RecordTime = 0; ///< When its record was written.
 
-    /// For TavroRestoreSelection. An inode of 0: the item was not listed, and is not known.
-    TavroTrashedEntry Trashed;
+    std::shared_ptr<const TavroTrashFolders> Folders; ///< The trash that it is in.
+
+    std::string TrashPath() const;
+    TavroTrashedEntry Trashed() const; ///< For TavroRestoreSelection.
 };
 
 /// Lists the trash, newest first; of entries of the same second the one whose record was written

@@ -90,25 +90,29 @@ constexpr int tries = 100;
 TavroFailure TavroTrashClaims::Claim(const std::string& Wanted, const std::string& OriginalPath,
                                      std::string& OutItem) {
     const std::string text = TavroRecordText(OriginalPath, std::time(nullptr));
-    const auto isTaken = [&](const std::string& name) { return m_taken.count(name) != 0; };
     TavroFailure failure;
     for (int i = 0; i < tries; ++i) {
-        OutItem = m_names.Choose("", Wanted, isTaken, TavroLongestTrashName);
+        const auto next = m_next.find(Wanted);
+        do {
+            const std::uint64_t number = next == m_next.end() ? 0 : next->second++;
+            OutItem = TavroNumberedName(Wanted, number, TavroLongestTrashName);
+        } while (next != m_next.end() && m_taken.count(OutItem) != 0);
         failure = TavroCreateRecord(m_info, OutItem, text, m_mode);
         if (failure.Error != std::errc::file_exists) {
             break;
         }
-        CountCollision();
+        NoteCollision(Wanted);
     }
     return failure;
 }
 
-void TavroTrashClaims::Drop(const std::string& Item) {
+void TavroTrashClaims::Drop(const std::string& Wanted, const std::string& Item) {
     TavroUnlinkAt(m_info, TavroRecordName(Item).c_str());
-    CountCollision();
+    NoteCollision(Wanted);
 }
 
-void TavroTrashClaims::CountCollision() {
+void TavroTrashClaims::NoteCollision(const std::string& Wanted) {
+    m_next.try_emplace(Wanted, 1);
     if (++m_collisions != manyCollisions) {
         return;
     }
@@ -129,20 +133,18 @@ void TavroTrashClaims::CountCollision() {
 
 namespace {
 
-std::string WithoutBlanksBefore(const std::string& Text) {
+std::string_view WithoutBlanksBefore(std::string_view Text) {
     return Text.substr(std::min(Text.find_first_not_of(" \t"), Text.size()));
 }
 
-std::string WithoutBlanksAfter(const std::string& Text) {
+std::string_view WithoutBlanksAfter(std::string_view Text) {
     return Text.substr(0, Text.find_last_not_of(" \t") + 1);
 }
 
 /// The line that begins at `Begin`, without its end.
-std::string LineAt(const std::string& Bytes, std::size_t Begin) {
-    std::string line = Bytes.substr(Begin, Bytes.find('\n', Begin) - Begin);
-    if (!line.empty() && line.back() == '\r') {
-        line.pop_back();
-    }
+std::string_view LineAt(std::string_view Bytes, std::size_t Begin) {
+    std::string_view line = Bytes.substr(Begin, Bytes.find('\n', Begin) - Begin);
+    line.remove_suffix(!line.empty() && line.back() == '\r' ? 1 : 0);
     return WithoutBlanksBefore(line);
 }
 
@@ -167,13 +169,13 @@ struct RawRecord {
     std::optional<std::string> Date;
 };
 
-RawRecord SplitRecord(const std::string& Bytes) {
+RawRecord SplitRecord(std::string_view Bytes) {
     RawRecord raw;
     bool bInGroup = false;
     std::size_t next = 0;
     for (std::size_t begin = 0; begin < Bytes.size(); begin = next) {
         next = std::min(Bytes.find('\n', begin), Bytes.size()) + 1;
-        const std::string line = LineAt(Bytes, begin);
+        const std::string_view line = LineAt(Bytes, begin);
         if (!line.empty() && line[0] == '[') {
             bInGroup = WithoutBlanksAfter(line) == "[Trash Info]";
             continue;
@@ -182,7 +184,7 @@ RawRecord SplitRecord(const std::string& Bytes) {
         if (!bInGroup || sign == std::string::npos) {
             continue;
         }
-        const std::string key = WithoutBlanksAfter(line.substr(0, sign));
+        const std::string_view key = WithoutBlanksAfter(line.substr(0, sign));
         std::optional<std::string>& value = key == "Path" ? raw.Path : raw.Date;
         if (!value && (key == "Path" || key == "DeletionDate")) {
             value = WithoutBlanksBefore(line.substr(sign + 1));

@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 #include <sys/types.h>
+#include <unordered_map>
 #include <unordered_set>
 
 /// The longest name in the trash that leaves room for its record's.
@@ -58,16 +59,16 @@ public:
                        std::string& OutItem);
 
     /// Removes a record that was claimed.
-    void Drop(const std::string& Item);
+    void Drop(const std::string& Wanted, const std::string& Item);
 
 private:
-    void CountCollision();
+    void NoteCollision(const std::string& Wanted);
 
     int m_files;
     int m_info;
     mode_t m_mode = 0;
     int m_collisions = 0;
-    TavroFreeNames m_names;
+    std::unordered_map<std::string, std::uint64_t> m_next; ///< For wanted names that were taken.
     std::unordered_set<std::string> m_taken; ///< Once collisions were many: the names in the trash.
 };
 

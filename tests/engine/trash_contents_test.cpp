@@ -128,7 +128,7 @@ TEST_F(ListTrash, tells_all_of_what_was_trashed_here) {
     EXPECT_GE(items[0].DeletionDate, dateFromNow(-60));
     EXPECT_EQ(items[0].ByteCount, 8U);
     EXPECT_TRUE(items[0].bDirectory);
-    const TavroTrashedEntry& entry = items[0].Trashed;
+    const TavroTrashedEntry entry = items[0].Trashed();
     EXPECT_EQ(entry.Item, trashed[0].Item);
     EXPECT_EQ(entry.Entry.OriginalPath, trashed[0].Entry.OriginalPath);
     EXPECT_EQ(entry.Entry.TrashPath, trashed[0].Entry.TrashPath);
@@ -231,7 +231,7 @@ TEST_F(ListTrash, has_entries_of_every_type) {
     std::vector<bool> flagged;
     for (const TavroTrashItem& found : items) {
         directories.push_back(found.bDirectory);
-        flagged.push_back(found.Trashed.Entry.bDirectory);
+        flagged.push_back(found.Trashed().Entry.bDirectory);
     }
     EXPECT_EQ(directories, (std::vector<bool>{false, true, false, false, false}));
     EXPECT_EQ(flagged, (std::vector<bool>{true, true, false, false, true}));
@@ -443,8 +443,6 @@ TEST_F(RemoveFromTrash, trusts_no_path_but_the_name) {
     put("a", "/a", "2024-01-01T00:00:00");
     writeFile(sandbox() / "precious", "precious");
     TavroTrashItem misled = named("a");
-    TavroTrashEntry& entry = misled.Trashed.Entry;
-    entry.TrashPath = entry.InfoPath = (sandbox() / "precious").string();
     misled.OriginalPath = (sandbox() / "precious").string();
     EXPECT_EQ(remove({misled}), "");
     EXPECT_EQ(readFile(sandbox() / "precious"), "precious");

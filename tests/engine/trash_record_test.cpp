@@ -180,7 +180,7 @@ TEST_F(ClaimName, passes_over_records_and_dangling_links_of_records) {
 TEST_F(ClaimName, gives_the_next_one_after_a_drop) {
     TavroTrashClaims own = claims();
     EXPECT_EQ(claim(own, "a"), "a");
-    own.Drop("a");
+    own.Drop("a", "a");
     EXPECT_TRUE(fs::is_empty(info()));
     EXPECT_EQ(claim(own, "a"), "a copy 1");
     EXPECT_EQ(claim(own, "b"), "b");
