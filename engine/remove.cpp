@@ -25,7 +25,6 @@ private:
     bool MakeOpenable();
     void RemoveUnopened();
     bool IsWanted();
-    bool IsCancelled();
     void Fail(int Error);
 
     const TavroPlace& m_place;
@@ -43,14 +42,6 @@ void Removal::Fail(int Error) {
         m_failure = TavroFail(TavroFailureKind::Remove, Error,
                               below.empty() ? m_place.Path() : TavroJoin(m_place.Path(), below));
     }
-}
-
-bool Removal::IsCancelled() {
-    if (m_options.ShouldCancel && m_options.ShouldCancel()) {
-        m_failure = {TavroFailureKind::Cancelled};
-        m_bStopped = true;
-    }
-    return m_bStopped;
 }
 
 TavroFailure Removal::Run() {
@@ -95,15 +86,18 @@ void Removal::TakeStep(TavroWalkEvent Event) {
     }
 }
 
-/// Whether the entry of the event may go: nobody cancels, and it is the expected file where it has
-/// to be a certain one.
+/// Whether the entry of the event may go: it is the expected file where it has to be a certain one,
+/// and nobody cancels. Otherwise the removal ends.
 bool Removal::IsWanted() {
     if (m_walk.IsFirst() && m_options.Expected &&
         TavroIdentityOf(m_walk.Status()) != *m_options.Expected) {
-        m_failure = TavroFail(TavroFailureKind::Changed, 0, m_place.Path());
+        m_failure = {TavroFailureKind::Changed, {}, m_place.Path()};
+        m_bStopped = true;
+    } else if (m_options.ShouldCancel && m_options.ShouldCancel()) {
+        m_failure = {TavroFailureKind::Cancelled};
         m_bStopped = true;
     }
-    return !m_bStopped && !IsCancelled();
+    return !m_bStopped;
 }
 
 void Removal::Enter() {

@@ -236,9 +236,9 @@ TEST_F(RemoveTree, refuses_a_directory_named_by_dots) {
 
 TEST_F(RemoveTree, removes_the_expected_entry_and_no_other) {
     writeFile(m_box / "file");
-    writeFile(m_box / "tree/file");
+    writeFile(m_box / "tree/sub/file");
     fs::create_symlink("file", m_box / "link");
-    const TavroIdentity other = identityOf("tree/file");
+    const TavroIdentity other = identityOf("tree/sub/file");
     for (const char* name : {"file", "tree", "link"}) {
         TavroRemoveOptions options;
         options.Expected = other;
@@ -280,21 +280,27 @@ TEST_F(RemoveTree, a_directory_that_takes_the_place_of_the_expected_one_stays) {
     EXPECT_TRUE(isPresent(m_box / "tree/kept"));
 }
 
-TEST_F(RemoveTree, asks_before_each_entry_and_ends_when_it_is_cancelled) {
-    int removed = 0;
-    for (int last = 1; last <= 5; ++last) {
+TEST_F(RemoveTree, asks_before_each_entry_and_removes_nothing_after_a_cancel) {
+    for (int last = 1; last <= 6; ++last) {
         writeFile(m_box / "tree/sub/file");
         writeFile(m_box / "tree/other");
+        makeDirectory(m_box / "tree/empty");
         int asked = 0;
+        bool bCancelled = false;
+        int removedAfter = 0;
         TavroRemoveOptions options;
-        options.ShouldCancel = [&] { return ++asked == last; };
-        const TavroFailure failure = remove("tree", options);
-        EXPECT_EQ(last == 5 ? Kind::None : Kind::Cancelled, failure.Kind);
-        EXPECT_EQ(std::min(last, 4), asked);
-        EXPECT_EQ(last == 5, !isPresent(m_box / "tree"));
-        removed += isPresent(m_box / "tree/other") ? 0 : 1;
+        options.ShouldCancel = [&] {
+            bCancelled = ++asked == last;
+            return bCancelled;
+        };
+        const CallObserver observer([&](const std::string& call, const std::string&) {
+            removedAfter += bCancelled && call == "unlinkat" ? 1 : 0;
+        });
+        EXPECT_EQ(last == 6 ? Kind::None : Kind::Cancelled, remove("tree", options).Kind);
+        EXPECT_EQ(std::min(last, 5), asked);
+        EXPECT_EQ(0, removedAfter);
+        EXPECT_EQ(last == 6, !isPresent(m_box / "tree"));
     }
-    EXPECT_GE(removed, 1);
 }
 
 // =================================================================================================
@@ -320,6 +326,13 @@ TEST_F(RemoveTree, an_entry_that_became_a_directory_or_something_else_goes_all_t
         EXPECT_TRUE(bChanged);
         EXPECT_FALSE(isPresent(m_box / "tree"));
     }
+}
+
+TEST_F(RemoveTree, an_entry_that_never_stays_what_it_is_is_not_tried_for_ever) {
+    writeFile(m_box / "tree/entry");
+    const FaultInjector injector({{"unlinkat", EISDIR, "entry", 1, true}});
+    expectFails("tree", EISDIR, "tree/entry");
+    EXPECT_EQ(2, injector.fired());
 }
 
 TEST_F(RemoveTree, what_somebody_else_removes_meanwhile_counts_as_removed) {

@@ -309,3 +309,32 @@ TEST_F(Walk, a_stack_hands_over_the_directory_that_it_leaves) {
     }
     EXPECT_EQ(m_directory.Number(), stack.Top());
 }
+
+TEST_F(Walk, a_stack_that_has_lost_its_way_stands_nowhere) {
+    // Of twelve directories the upper ones are closed.
+    for (const int error : {0, EMFILE, EACCES}) {
+        const std::string top = "top" + std::to_string(error);
+        const std::string deep = makeDeepTree(m_box / top, 11);
+        TavroDirectoryStack stack(m_directory.Number());
+        for (std::string name = top; stack.Depth() < 12; name = "d") {
+            TavroDescriptor next;
+            struct stat status = {};
+            ASSERT_EQ(0, TavroOpenDirectoryAt(stack.Top(), name.c_str(), next));
+            ASSERT_EQ(0, TavroStat(next.Number(), status));
+            stack.Push(std::move(next), TavroIdentityOf(status));
+        }
+        std::vector<Fault> faults;
+        if (error == 0) {
+            fs::rename(m_box / top / "d/d/d/d", m_box / "elsewhere");
+        } else {
+            faults = {{"openat", error, "..", 1, false, true}};
+        }
+        const FaultInjector injector(faults);
+        for (int kept = 0; kept < 7; ++kept) {
+            EXPECT_EQ(0, stack.Pop()) << kept;
+            EXPECT_GE(stack.Top(), 0);
+        }
+        EXPECT_EQ(error == 0 ? ESTALE : error, stack.Pop());
+        EXPECT_EQ(-1, stack.Top());
+    }
+}
