@@ -175,6 +175,43 @@ TEST_F(RemoveTree, opens_no_directory_when_it_is_not_to) {
     });
 }
 
+TEST_F(RemoveTree, changes_no_mode_where_modes_are_not_what_is_in_the_way) {
+    const auto modeOf = [&](const std::string& below) {
+        return fs::status(m_box / below).permissions();
+    };
+    writeFile(m_box / "tree/sub/file");
+    {
+        const FaultInjector injector({{"openat", EMFILE, "sub", 1, true}});
+        expectFails("tree", EMFILE, "tree/sub");
+        EXPECT_EQ(fs::perms(0755), modeOf("tree/sub"));
+    }
+    {
+        // What stays closed is not opened for ever: each second call is the one that looks at it.
+        std::vector<Fault> faults;
+        for (int call = 1; call < 40; call += 2) {
+            faults.push_back({"openat", EACCES, "sub", call, false, true});
+        }
+        const FaultInjector injector(faults);
+        expectFails("tree", EACCES, "tree/sub");
+        EXPECT_EQ(2, injector.fired());
+    }
+    fs::permissions(m_box / "tree/sub", fs::perms::none);
+    const CallObserver observer([&](const std::string& call, const std::string& path) {
+        // Closed when it was opened, and a file when it is looked at.
+        if (call == "openat" && path == at("tree/sub") && isPresent(m_box / "once")) {
+            fs::rename(m_box / "tree/sub", m_box / "aside");
+            writeFile(m_box / "tree/sub");
+            fs::permissions(m_box / "tree/sub", fs::perms(0600));
+        } else if (path == at("tree/sub")) {
+            makeDirectory(m_box / "once");
+        }
+    });
+    const FaultInjector injector({{"openat", EACCES, "sub", 1, false, true}});
+    expectFails("tree", EACCES, "tree/sub");
+    EXPECT_EQ(fs::perms(0600), modeOf("tree/sub"));
+    EXPECT_EQ(fs::perms::none, modeOf("aside"));
+}
+
 TEST_F(RemoveTree, of_a_stranger_changes_no_mode_and_says_what_stays) {
     if (!isRoot()) {
         GTEST_SKIP() << "needs root, to give a directory to somebody else";
