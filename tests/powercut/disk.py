@@ -1,5 +1,5 @@
-"""Loop devices and mounts, recordings of what a file system wrote, and the states of a disk that a
-power cut can leave behind."""
+"""Loop devices and mounts, recordings of what a file system wrote, and the states of a disk that
+a power cut can leave behind."""
 
 import ctypes
 import fcntl
@@ -91,7 +91,8 @@ def mount(kind, path, target, direct=False):
     try:
         if kind == "btrfs":
             forget(name)
-        call("mount", name.encode(), target.encode(), kind.encode(), 0, FILE_SYSTEMS[kind].Options.encode())
+        options = FILE_SYSTEMS[kind].Options
+        call("mount", name.encode(), target.encode(), kind.encode(), 0, options.encode())
     finally:
         os.close(device)
 
@@ -161,8 +162,8 @@ class Recording:
             grown[-1][entry.Image] = grown[-1][entry.Image] + 1 if entry.Kind == "w" else number + 1
 
     def identity(self, cut, applied):
-        """The same for two states of one content: the writes that are there without a gap, by image,
-        and those beyond."""
+        """The same for two states of one content: the writes that are there without a gap, by
+        image, and those beyond."""
         flushed, loose, first = self.m_flushed[cut], self.pending(cut), 0
         there = {image: self.m_writes[at][image] for image, at in flushed.items()}
         while first < len(applied) and applied[first] == (loose[first], None):
@@ -172,9 +173,9 @@ class Recording:
 
     def pending(self, cut):
         """The writes before the cut that no flush has followed on their image, in their order."""
-        flushed = self.m_flushed[cut]
+        flushed, entries = self.m_flushed[cut], self.Entries
         return [number for number in range(min(flushed.values()), cut)
-                if self.Entries[number].Kind == "w" and number >= flushed[self.Entries[number].Image]]
+                if entries[number].Kind == "w" and number >= flushed[entries[number].Image]]
 
     def flushes(self, first, last):
         return sum(entry.Kind == "f" for entry in self.Entries[self.Marks[first]:self.Marks[last]])
@@ -238,15 +239,15 @@ def random_state(recording, cut, rng, atomic):
     if way == "reordered":
         rng.shuffle(applied)
     elif way == "torn":
-        applied = [(number, tear(recording.Entries[number], rng, atomic) if rng.random() < 0.4 else None)
-                   for number, _ in applied]
+        applied = [(number, tear(recording.Entries[number], rng, atomic)
+                    if rng.random() < 0.4 else None) for number, _ in applied]
     return State(cut, way, tuple(applied))
 
 
 def choose_states(recording, count, rng, atomic):
-    """At most `count` different states from the mark `start` on: every prefix where these are at most
-    half of them (else as many at random, and those at the marks), and random subsets, reorderings and
-    torn writes of what no flush has followed."""
+    """At most `count` different states from the mark `start` on: every prefix where these are at
+    most half of them (else as many at random, and those at the marks), and random subsets,
+    reorderings and torn writes of what no flush has followed."""
     marks, last = recording.Marks, len(recording.Entries)
     must = sorted({marks["start"], marks["exit"], marks["committed"], last})
     cuts = [cut for cut in range(marks["start"], last)
@@ -280,19 +281,20 @@ def build_states(bases, recording, states):
     """Builds the states, which come in order of their cuts, and yields each when its images stand.
     `bases` maps the letter of an image to what it held at the start and to the path to build at."""
     disks = {letter: Image(path) for letter, (path, _) in bases.items()}
-    there, at = set(), 0
+    at = 0
     for state in states:
         loose = set(recording.pending(state.Cut))
         for number in range(at, state.Cut):
             entry = recording.Entries[number]
-            if entry.Kind == "w" and number not in loose and number not in there:
+            if entry.Kind == "w" and number not in loose:
                 disks[entry.Image].write(entry.Offset, entry.Data)
-                there.add(number)
         at = min(loose, default=state.Cut)
         files = {letter: disks[letter].save(built) for letter, (_, built) in bases.items()}
         for number, sectors in state.Applied:
             image, offset, data = recording.Entries[number][1:]
-            places = [(0, len(data))] if sectors is None else [(s * SECTOR, SECTOR) for s in sectors]
+            places = [(0, len(data))]
+            if sectors is not None:
+                places = [(sector * SECTOR, SECTOR) for sector in sectors]
             for start, length in places:
                 os.pwrite(files[image], data[start:start + length], offset + start)
         for file in files.values():

@@ -1,7 +1,7 @@
 """What a person finds after a power cut, and whether it is what was promised.
 
-A world is what the user sees: the tree of his files, and the items of the trash. A judgement holds what
-was found against the world before the command and the world after it."""
+A world is what the user sees: the tree of his files, and the items of the trash. A judgement holds
+what was found against the world before the command and the world after it."""
 
 import hashlib
 import os
@@ -12,8 +12,8 @@ from urllib.parse import unquote_to_bytes
 
 RULES = {
     "short": "a final name holds nothing, a part of a file, or bytes that are no file of the user",
-    "wrong": "a final name holds another file than the old or the new one, or another kind of entry",
-    "attributes": "a final name holds the right bytes with a mode or a time that is neither old nor new",
+    "wrong": "a final name holds neither the old nor the new file, or another kind of entry",
+    "attributes": "a final name holds the right bytes with a mode or a time of neither",
     "stray": "a name that belongs neither to the old state nor to the new one",
     "part": "a directory stands under its final name without all of its files",
     "missing": "a name that was there before and is there after is not there in between",
@@ -34,12 +34,13 @@ HIDDEN = re.compile(r"(^|/)\.tavro-")
 HIDDEN_NAME = re.compile(r"\.tavro-[^/]*")
 HOME = "a/home"
 HOME_TRASH = HOME + "/.local/share/Trash"
-RECORD = re.compile(rb"\[Trash Info\]\nPath=([^\n]+)\nDeletionDate=\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\n?\Z")
+RECORD = re.compile(rb"\[Trash Info\]\nPath=([^\n]+)\n"
+                    rb"DeletionDate=\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\n?\Z")
 
 
 class Node(NamedTuple):
     Kind: str  # f(ile), d(irectory), l(ink)
-    Content: str = ""  # the name of a file's content ("" where it is none of the user's), a link's target
+    Content: str = ""  # the name of a file's content ("": none of the user's), a link's target
     Mode: int = 0
     Time: int = 0  # of a file, in nanoseconds
     Size: int = 0
@@ -99,7 +100,8 @@ def plain(tree):
 # Looking
 
 class Eyes:
-    """Reads what lies below the root. `known` maps the digest of each file of the user to its name."""
+    """Reads what lies below the root. `known` maps the digest of each of the user's files to its
+    name."""
 
     def __init__(self, root, known, images, user):
         self.m_root, self.m_known, self.m_images = root, known, images
@@ -225,8 +227,9 @@ def judge_trash(case, seen):
         for below, node in item.Tree.items():
             if node.Kind == "f" and not node.Content:
                 yield Fault("short", f"{item.Name}/{below} in the trash holds {node.Size} bytes")
-            elif node.content() not in [tree[below].content() for tree in expected if below in tree]:
-                yield Fault("wrong", f"{item.Name}/{below} in the trash is {node.Kind} {node.Content}")
+            elif not any(node.content() == tree[below].content()
+                         for tree in expected if below in tree):
+                yield Fault("wrong", f"{item.Name}/{below} in the trash is {node.content()}")
         leaving = item.Origin in [one.Origin for one in case.Before.Trash]
         if not leaving and not any(files(tree).keys() <= item.Tree.keys() for tree in expected):
             yield Fault("part", f"{item.Name} in the trash has {len(files(item.Tree))} files")
@@ -304,12 +307,11 @@ def judge_settled(case, seen, verb, status, expected):
     where the old one and the new one are both right."""
     if expected is None:
         if seen.User not in (case.Before.User, case.After.User):
-            yield Fault("stuck", f"{verb} ended with {status}: " +
-                        describe_difference(seen.User, case.Before.User))
+            yield Fault("stuck", f"{verb}: {describe_difference(seen.User, case.Before.User)}")
     elif status != 0 or differs(seen, expected, True):
         rule = "undo" if expected is case.Before else "stuck"
-        yield Fault(rule, f"{verb} ended with {status}: {differs(seen, expected, True)}")
+        yield Fault(rule, f"{verb}: {differs(seen, expected, True)}")
 
 
 def is_interrupted(history):
-    return "interrupted" in history
+    return "interrupted" in history.lower()

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""The judge is judged: each rule is broken once, and the states of a disk are what a power cut allows."""
+"""The judge is judged: each rule is broken once, and states are what a power cut allows."""
 
 import os
 import random
@@ -24,7 +24,8 @@ def directory():
 
 
 TREE = {DOCS: directory(), f"{DOCS}/old": file("old"), f"{DOCS}/over": file("over"),
-        f"{DOCS}/tree": directory(), f"{DOCS}/tree/one": file("one"), f"{DOCS}/tree/two": file("two")}
+        f"{DOCS}/tree": directory(), f"{DOCS}/tree/one": file("one"),
+        f"{DOCS}/tree/two": file("two")}
 
 
 def case_of(deed, **more):
@@ -110,7 +111,8 @@ class EachRuleIsSeen(unittest.TestCase):
         case = case_of(scenarios.trash(f"{DOCS}/tree"))
         item = Item(f"{DOCS}/tree", {"": directory(), "one": file("one")})
         self.says("lost part", case, seen_of(case.After, trash=[item]))
-        self.says("short", TRASH, seen_of(TRASH.Before, trash=[Item(f"{DOCS}/old", {"": file("")})]))
+        empty = Item(f"{DOCS}/old", {"": file("")})
+        self.says("short", TRASH, seen_of(TRASH.Before, trash=[empty]))
 
     def test_a_record_that_has_no_item_at_the_end(self):
         self.says("", TRASH, seen_of(TRASH.Before, orphans=["old.trashinfo"]))
@@ -131,35 +133,39 @@ class EachRuleIsSeen(unittest.TestCase):
         seen = seen_of(COPY.Before, hidden={f"{DOCS}/.tavro-abc/one": file("one")})
         for history, doctor, rules in (("", "", ["leftover"]), ("interrupted", "", []),
                                        ("", "left over: .tavro-abc", [])):
-            self.assertEqual(rules, self.found(judge.judge_told(COPY, seen, False, history, doctor)))
+            faults = judge.judge_told(COPY, seen, False, history, doctor)
+            self.assertEqual(rules, self.found(faults))
 
     def test_an_undo_that_does_not_bring_back_what_was(self):
         old, new = seen_of(COPY.Before), seen_of(COPY.After)
         half = seen_of(COPY.Before, **{"new": directory()})
-        for seen, status, expected, rules in ((old, 0, COPY.Before, []), (new, 0, COPY.Before, ["undo"]),
-                                              (old, 1, COPY.Before, ["undo"]), (new, 0, COPY.After, []),
-                                              (old, 0, COPY.After, ["stuck"]), (old, 1, None, []),
-                                              (new, 1, None, []), (half, 0, None, ["stuck"])):
-            self.assertEqual(rules, self.found(judge.judge_settled(COPY, seen, "undo", status, expected)))
+        for seen, status, expected, rules in (
+                (old, 0, COPY.Before, []), (new, 0, COPY.Before, ["undo"]),
+                (old, 1, COPY.Before, ["undo"]), (new, 0, COPY.After, []),
+                (old, 0, COPY.After, ["stuck"]), (old, 1, None, []), (new, 1, None, []),
+                (half, 0, None, ["stuck"])):
+            faults = judge.judge_settled(COPY, seen, "undo", status, expected)
+            self.assertEqual(rules, self.found(faults))
 
 
 class TheEyesSeeWhatLiesThere(unittest.TestCase):
     def test_files_items_records_and_hidden_names(self):
         with tempfile.TemporaryDirectory() as root:
-            trash = f"{root}/{judge.HOME_TRASH}"
-            for name in (f"{trash}/files", f"{trash}/info", f"{root}/a/home/d", f"{root}/a/lost+found"):
+            docs, trash = f"{root}/a/home/d", f"{root}/{judge.HOME_TRASH}"
+            for name in (f"{trash}/files", f"{trash}/info", docs, f"{root}/a/lost+found"):
                 os.makedirs(name)
-            whole = f"[Trash Info]\nPath={root}/a/home/d/x%20y\nDeletionDate=2026-01-02T03:04:05\n"
-            for name, text in ((f"{trash}/files/x y", "xy"), (f"{trash}/info/x y.trashinfo", whole),
-                               (f"{trash}/files/cut", "cut"), (f"{trash}/info/cut.trashinfo", whole[:40]),
-                               (f"{trash}/files/bare", "bare"), (f"{trash}/info/alone.trashinfo", whole),
-                               (f"{root}/a/home/d/.tavro-q", "xy"), (f"{root}/a/home/d/f", "f"),
-                               (f"{root}/a/home/d/.tavroX", "")):
+            whole = f"[Trash Info]\nPath={docs}/x%20y\nDeletionDate=2026-01-02T03:04:05\n"
+            for name, text in (
+                    (f"{trash}/files/x y", "xy"), (f"{trash}/info/x y.trashinfo", whole),
+                    (f"{trash}/files/cut", "cut"), (f"{trash}/info/cut.trashinfo", whole[:40]),
+                    (f"{trash}/files/bare", "bare"), (f"{trash}/info/alone.trashinfo", whole),
+                    (f"{docs}/.tavro-q", "xy"), (f"{docs}/f", "f"), (f"{docs}/.tavroX", "")):
                 with open(name, "w", encoding="ascii") as out:
                     out.write(text)
             known = {judge.hashlib.sha1(text.encode()).digest(): text for text in ("xy", "f")}
             seen = judge.Eyes(root, known, ("a",), 65534).look()
-        self.assertEqual(["a/home", "a/home/d", "a/home/d/.tavroX", "a/home/d/f"], sorted(seen.User))
+        self.assertEqual(["a/home", "a/home/d", "a/home/d/.tavroX", "a/home/d/f"],
+                         sorted(seen.User))
         self.assertEqual("f", seen.User["a/home/d/f"].Content)
         self.assertEqual("", seen.User["a/home/d/.tavroX"].Content)
         self.assertEqual({"x y": "a/home/d/x y", "cut": "", "bare": ""},
@@ -169,7 +175,7 @@ class TheEyesSeeWhatLiesThere(unittest.TestCase):
 
 
 class StatesAreThoseThatAPowerCutAllows(unittest.TestCase):
-    """A log of 40 writes on two images, each of two sectors filled with its number."""
+    """A log of 45 writes on two images, each of two sectors that no other write has."""
 
     def setUp(self):
         directory_ = tempfile.TemporaryDirectory()
@@ -185,7 +191,8 @@ class StatesAreThoseThatAPowerCutAllows(unittest.TestCase):
             for _ in range(15 if name != b"end" else 0):
                 number += 1
                 image = rng.choice((b"a", b"b"))
-                log += entry(b"w", image, bytes([number]) * 1024, rng.randrange(4) * 1024)
+                data = bytes([number]) * 512 + bytes([number + 100]) * 512
+                log += entry(b"w", image, data, rng.randrange(4) * 1024)
                 if rng.random() < 0.2:
                     log += entry(b"f", image)
         with open(f"{self.m_top}/log", "wb") as out:
@@ -198,12 +205,13 @@ class StatesAreThoseThatAPowerCutAllows(unittest.TestCase):
     def allowed(self, cut, image):
         """By the definition: the bytes that each sector may hold."""
         allowed = [{0} for _ in range(8)]
-        flushed = max((number for number in range(cut) if self.m_recording.Entries[number].Kind == "f" and
-                       self.m_recording.Entries[number].Image == image), default=-1)
-        for number, entry in enumerate(self.m_recording.Entries[:cut]):
+        entries = self.m_recording.Entries[:cut]
+        flushed = max((number for number, entry in enumerate(entries)
+                       if entry.Kind == "f" and entry.Image == image), default=-1)
+        for number, entry in enumerate(entries):
             if entry.Kind == "w" and entry.Image == image:
-                for sector in range(entry.Offset // 512, entry.Offset // 512 + 2):
-                    now = {entry.Data[0]}
+                for half in (0, 1):
+                    sector, now = entry.Offset // 512 + half, {entry.Data[512 * half]}
                     allowed[sector] = now if number < flushed else allowed[sector] | now
         return allowed
 

@@ -9,6 +9,7 @@ import pty
 import queue
 import random
 import shutil
+import signal
 import subprocess
 import sys
 import time
@@ -23,8 +24,8 @@ from judge import Fault
 
 SKIPPED = 77
 SCRATCH = "/mnt"  # a file system in memory, inside a mount namespace of our own
-SHORT = ("copy-many", "copy-replace", "move-tree-across", "move-merge", "trash-many", "restore-tree", "empty",
-         "undo-move-replace", "redo-trash-tree-across")
+SHORT = ("copy-many", "copy-replace", "move-tree-across", "move-merge", "trash-many",
+         "restore-tree", "empty", "undo-move-replace", "redo-trash-tree-across")
 
 
 class Told(NamedTuple):
@@ -53,7 +54,8 @@ class Try:
         self.m_resume = options.resume
         for name in ("root/a", "root/b", "images", "disk"):
             os.makedirs(f"{self.m_top}/{name}")
-        self.m_environment = {"HOME": f"{self.m_root}/{judge.HOME}", "PATH": "/usr/bin:/bin", "TZ": "UTC",
+        self.m_home = f"{self.m_root}/{judge.HOME}"
+        self.m_environment = {"HOME": self.m_home, "PATH": "/usr/bin:/bin", "TZ": "UTC",
                               "LC_ALL": "C.UTF-8", "GIO_USE_VFS": "local"}
 
     # Running
@@ -66,10 +68,11 @@ class Try:
         if pressed:
             line = [f"{SCRATCH}/bin/presser", str(log), *self.neighbours(pressed), "--", *line]
         keyboard, terminal = pty.openpty() if answer else (None, None)
-        process = subprocess.Popen(line, stdin=terminal if answer else subprocess.DEVNULL,
-                                   stdout=subprocess.PIPE, stderr=terminal if answer else subprocess.STDOUT,
-                                   user=NOBODY, group=NOBODY, extra_groups=[], env=self.m_environment,
-                                   cwd=self.m_environment["HOME"], pass_fds=[log] if pressed else [])
+        process = subprocess.Popen(
+            line, stdin=terminal if answer else subprocess.DEVNULL, stdout=subprocess.PIPE,
+            stderr=terminal if answer else subprocess.STDOUT, user=NOBODY, group=NOBODY,
+            extra_groups=[], env=self.m_environment, cwd=self.m_home,
+            pass_fds=[log] if pressed else [])
         if answer:
             os.write(keyboard, answer.encode())
         try:
@@ -114,8 +117,8 @@ class Try:
                     with open(f"{top}/neighbour", "w", encoding="ascii") as file:
                         file.write("noise\n")
                         os.chown(file.fileno(), NOBODY, NOBODY)
-                os.mkdir(self.m_environment["HOME"], 0o755)
-                os.chown(self.m_environment["HOME"], NOBODY, NOBODY)
+                os.mkdir(self.m_home, 0o755)
+                os.chown(self.m_home, NOBODY, NOBODY)
                 scenarios.make_files(self.m_root, NOBODY, scenarios.layout())
             finally:
                 self.unmount()
@@ -134,8 +137,8 @@ class Try:
             for step in scenario.Earlier:
                 told = self.run("tavro", step.Words, answer=step.Answer)
                 if told.Status != 0:
-                    return prepared, Fault("ran", f"{' '.join(step.Words)}: {told.Text.strip()}")
-            text = judge.differs(self.eyes(scenario).look(), narrowed(case, scenario).Before, case.TrashFree)
+                    return prepared, Fault("ran", said(" ".join(step.Words), told))
+            text = judge.differs(self.eyes(scenario).look(), case.Before, case.TrashFree)
         finally:
             self.unmount()
         return prepared, Fault("ran", f"before the command: {text}") if text else None
@@ -147,13 +150,14 @@ class Try:
     # Recording
 
     def record(self, kind, scenario, prepared, press):
-        """Runs the command on a disk that remembers. Returns the recording, what the command said and
-        what is seen after it without any power cut."""
+        """Runs the command on a disk that remembers. Returns the recording, what the command said
+        and what is seen after it without any power cut."""
         images = scenario.images()
         for image in images:
             copy_sparse(f"{prepared}/{image}", f"{self.m_top}/images/{image}")
         log, served = f"{self.m_top}/log", f"{self.m_top}/disk"
-        recorder = subprocess.Popen([f"{SCRATCH}/bin/recorder", f"{self.m_top}/images", log, served])
+        recorder = subprocess.Popen([f"{SCRATCH}/bin/recorder", f"{self.m_top}/images", log,
+                                     served])
         try:
             wait_for(f"{served}/mark", recorder)
             self.mount(kind, images, served, direct=True)
@@ -162,8 +166,9 @@ class Try:
                 told = self.run(scenario.Program, scenario.Step.Words, scenario.Step.Answer,
                                 images if press else (), mark.fileno())
                 mark.write(f"exit {told.Status}".encode())
-                subprocess.run([f"{SCRATCH}/bin/presser", str(mark.fileno()), *self.neighbours(images), "--"],
-                               check=True, pass_fds=[mark.fileno()])
+                subprocess.run([f"{SCRATCH}/bin/presser", str(mark.fileno()),
+                                *self.neighbours(images), "--"], check=True,
+                               pass_fds=[mark.fileno()])
                 mark.write(b"committed")
                 for image in images:
                     disk.sync(f"{self.m_root}/{image}")
@@ -175,7 +180,7 @@ class Try:
             recorder.wait()
         recording = disk.Recording(log, images)
         if recording.flushes("exit", "end") == 0:
-            raise HarnessError(f"{kind}: what was synced after the command did not arrive as a flush")
+            raise HarnessError(f"{kind}: what was synced after the command arrived without a flush")
         return recording, told, seen
 
     # Judging
@@ -183,6 +188,11 @@ class Try:
     def judge_state(self, kind, scenario, case, done, resume):
         """All faults of the state that lies in the images, and the verb's outcome."""
         images, eyes = scenario.images(), self.eyes(scenario)
+        if self.m_options.keep:
+            shutil.rmtree(f"{self.m_top}/kept", ignore_errors=True)
+            os.mkdir(f"{self.m_top}/kept")
+            for image in images:
+                copy_sparse(f"{self.m_top}/images/{image}", f"{self.m_top}/kept/{image}")
         try:
             self.mount(kind, images, f"{self.m_top}/images")
         except OSError as error:
@@ -199,11 +209,12 @@ class Try:
     def settle(self, scenario, case, eyes, first, done, resume):
         """Runs on the state what a person would run, and judges after each."""
         faults = []
-        history, listed, doctor = (self.run("tavro", [name]) for name in ("history", "list", "doctor"))
+        history, listed, doctor = (self.run("tavro", [name])
+                                   for name in ("history", "list", "doctor"))
         for name, told, allowed in (("history", history, (0,)), ("list", listed, (0,)),
                                     ("doctor", doctor, (0, 1))):
             if told.Status not in allowed:
-                faults.append(Fault("says", f"{name} ended with {told.Status}: {told.Text.strip()[:200]}"))
+                faults.append(Fault("says", said(name, told)))
         interrupted = judge.is_interrupted(history.Text)
         faults += judge.judge(case, first, done, interrupted)
         second = eyes.look()
@@ -218,13 +229,14 @@ class Try:
         third = eyes.look()
         # What is in neither world any more may be gone; what an undo brings back is in the old one.
         faults += judge.judge(case, third, False)
-        faults += judge.judge_settled(case, third, verb, told.Status, expected)
+        faults += judge.judge_settled(case, third, said(verb, told), told.Status, expected)
         if third.Hidden:
             faults += judge.judge_told(case, third, True, "", self.run("tavro", ["doctor"]).Text)
         if told.Status not in (0, 1):
-            faults.append(Fault("says", f"{verb} ended with {told.Status}: {told.Text.strip()[:200]}"))
-        new = third.User == case.After.User
-        return faults, f"{verb} → {'new' if new else 'old' if third.User == case.Before.User else 'neither'}"
+            faults.append(Fault("says", said(verb, told)))
+        led = "new" if third.User == case.After.User else \
+            "old" if third.User == case.Before.User else "neither"
+        return faults, f"{verb} → {led}"
 
     def next_verb(self, scenario, case, done, interrupted, resume):
         """What to run next, and the world that it has to lead to (None: one of the two)."""
@@ -234,14 +246,14 @@ class Try:
             return verb, case.Before
         if self.m_resume and (resume or name in ("delete", "empty")):
             return "resume", case.After if interrupted else None
-        if not interrupted:  # whatever came before may be undone, so only what cannot be is asked for
-            return "undo" if scenario.Undoable else "", None
-        return "" if name in ("delete", "empty") else "undo", case.Before if scenario.Undoable and name != "undo" else None
+        if name in ("delete", "empty") or not (interrupted or scenario.Undoable):
+            return "", None  # an undo would take back what was done before
+        return "undo", case.Before if interrupted and scenario.Undoable and name != "undo" else None
 
     def all_states(self, kind, scenario, count, rng):
-        """Judges states of two recordings, one of the command alone, one where the file systems commit
-        what they hold after each of its calls."""
-        case = narrowed(scenarios.case_of(scenario), scenario)
+        """Judges states of two recordings, one of the command alone, one where the file systems
+        commit what they hold after each of its calls."""
+        case = scenarios.case_of(scenario)
         result = Result(kind, scenario.Name, 0, 0, collections.Counter(), {}, collections.Counter())
         prepared, fault = self.prepare(kind, scenario, case)
         if fault:
@@ -252,7 +264,7 @@ class Try:
             recording, told, seen = self.record(kind, scenario, prepared, press)
             faults = judge.judge(case, seen, True)
             if told.Status != 0:
-                faults.append(Fault("ran", f"ended with {told.Status}: {told.Text.strip()[:200]}"))
+                faults.append(Fault("ran", said("it", told)))
             result = tally(result, faults, f"{way}, no power cut", "")
             states = disk.choose_states(recording, left if press else count // 2, rng,
                                         disk.FILE_SYSTEMS[kind].Atomic)
@@ -264,8 +276,25 @@ class Try:
                 faults, verb = self.judge_state(kind, scenario, case, done, number % 2 == 1)
                 where = f"{way}, {state.Way} at {state.Cut - recording.Marks['start']} of " \
                         f"{recording.Marks['exit'] - recording.Marks['start']}"
+                self.keep(f"{kind}-{scenario.Name}", faults, set(result.Rules), where)
                 result = tally(result, faults, where, verb)
         return result
+
+    def keep(self, name, faults, known, where):
+        """Keeps the images of the first state that breaks a rule, and what was found."""
+        new = sorted({fault.Rule for fault in faults} - known)
+        if self.m_options.keep and new:
+            target = f"{self.m_options.keep}/{name}-{new[0]}"
+            shutil.rmtree(target, ignore_errors=True)
+            os.makedirs(self.m_options.keep, exist_ok=True)
+            subprocess.run(["cp", "-a", "--sparse=always", f"{self.m_top}/kept", target],
+                           check=True)
+            with open(f"{target}/faults", "w", encoding="utf-8", errors="surrogateescape") as file:
+                file.writelines(f"{line}\n" for line in (where, f"root: {self.m_root}", *faults))
+
+
+def said(name, told):
+    return f"{name} ended with {told.Status} ({told.Text.strip()[:200]})"
 
 
 def tally(result, faults, where, verb):
@@ -276,16 +305,6 @@ def tally(result, faults, where, verb):
     if verb:
         result.Verbs[verb] += 1
     return result._replace(States=result.States + 1, Failing=result.Failing + bool(faults))
-
-
-def narrowed(case, scenario):
-    """The case without the file system that the scenario does not mount."""
-    if len(scenario.images()) == 2:
-        return case
-
-    def narrow(world):
-        return world._replace(User={path: node for path, node in world.User.items() if path[0] == "a"})
-    return case._replace(Before=narrow(case.Before), After=narrow(case.After))
 
 
 def copy_sparse(source, target):
@@ -343,8 +362,8 @@ def select(options):
 
 
 def report(result):
-    verdict = f"FAIL {result.Failing:4} of {result.States:4}" if result.Failing else f"ok   {result.States:12}"
-    print(f"{result.Kind:6} {result.Name:28} {verdict}  " +
+    verdict = f"FAIL {result.Failing:4} of" if result.Failing else "ok          "
+    print(f"{result.Kind:6} {result.Name:28} {verdict} {result.States:4}  " +
           " ".join(f"{rule} {count}" for rule, count in sorted(result.Rules.items())), flush=True)
     for rule, example in sorted(result.Examples.items()):
         print(f"         {rule}: {example}", flush=True)
@@ -372,8 +391,8 @@ def try_all(options):
     os.mkdir(f"{SCRATCH}/bin")
     for name in ("tavro", "recorder", "presser"):
         shutil.copy(getattr(options, name), f"{SCRATCH}/bin/{name}")
-    helped = subprocess.run([f"{SCRATCH}/bin/tavro", "--help"], capture_output=True, check=False, user=NOBODY,
-                            env={"HOME": "/nonexistent"})
+    helped = subprocess.run([f"{SCRATCH}/bin/tavro", "--help"], capture_output=True, check=False,
+                            user=NOBODY, env={"HOME": "/nonexistent"})
     options.resume = b"resume" in helped.stdout
     kinds = usable(options)
     if not kinds:
@@ -383,8 +402,8 @@ def try_all(options):
     for index in range(len(chosen)):
         for kind in kinds:
             jobs.put((kind, index))
-    workers = [multiprocessing.Process(target=work, args=(number, options, jobs, results), daemon=True)
-               for number in range(options.jobs)]
+    workers = [multiprocessing.Process(target=work, args=(number, options, jobs, results),
+                                       daemon=True) for number in range(options.jobs)]
     for worker in workers:
         jobs.put(None)
         worker.start()
@@ -413,10 +432,11 @@ def blind(results, chosen):
     for result in results:
         missed = expected[result.Name] - set(result.Rules)
         if missed or not expected[result.Name] and result.Failing:
-            print(f"the judge is wrong about {result.Name} on {result.Kind}: it missed {sorted(missed)}, "
-                  f"and said {sorted(result.Rules)}")
+            print(f"the judge is wrong about {result.Name} on {result.Kind}: "
+                  f"it missed {sorted(missed)}, and said {sorted(result.Rules)}")
             failed = 1
-    print("the judge " + ("is blind" if failed else "sees what is wrong with each specimen, and only that"))
+    print("the judge " + ("is wrong" if failed else
+                          "sees what is wrong with each specimen, and blames no right one"))
     return failed
 
 
@@ -432,10 +452,12 @@ def reasons_to_skip(options):
 
 
 def enter(arguments):
-    """Starts this again in namespaces of its own. Whatever ends it ends all that it started, and with
-    the last of these go the mounts, the loop devices and the files."""
-    inside = subprocess.Popen(["unshare", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc",
-                               sys.executable, "-B", os.path.abspath(__file__), "--inside", *arguments])
+    """Starts this again in namespaces of its own. Whatever ends it ends all that it started, and
+    with the last of these go the mounts, the loop devices and the files."""
+    inside = subprocess.Popen(
+        ["unshare", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc", sys.executable,
+         "-B", os.path.abspath(__file__), "--inside", *arguments],
+        preexec_fn=lambda: disk.libc.prctl(1, signal.SIGKILL))  # PR_SET_PDEATHSIG
     try:
         return inside.wait()
     finally:
@@ -449,14 +471,18 @@ def main(arguments):
     parser.add_argument("--recorder", required=True, help="powercut_recorder, as built")
     parser.add_argument("--presser", required=True, help="powercut_presser, as built")
     parser.add_argument("--short", action="store_true", help="a few scenarios, 30 states each")
-    parser.add_argument("--peers", action="store_true", help="cp, mv and gio trash instead; never fails")
+    parser.add_argument("--peers", action="store_true",
+                        help="cp, mv and gio trash instead; never fails")
     parser.add_argument("--specimens", action="store_true",
-                        help="commands that are wrong in known ways instead; fails when the judge is blind")
-    parser.add_argument("--only", action="append", metavar="TEXT", help="scenarios whose names hold TEXT")
+                        help="commands that are wrong in known ways; fails when the judge is")
+    parser.add_argument("--only", action="append", metavar="TEXT",
+                        help="scenarios whose names hold TEXT")
     parser.add_argument("--fs", action="append", choices=list(disk.FILE_SYSTEMS))
     parser.add_argument("--states", type=int, help="of each scenario; 200 by default")
     parser.add_argument("--jobs", type=int, default=os.cpu_count())
     parser.add_argument("--seed", type=int, default=1)
+    parser.add_argument("--keep", type=os.path.abspath, metavar="DIRECTORY",
+                        help="keep the images of the first state that breaks a rule there")
     parser.add_argument("--inside", action="store_true", help=argparse.SUPPRESS)
     options = parser.parse_args(arguments)
     options.fs = options.fs or list(disk.FILE_SYSTEMS)

@@ -86,7 +86,8 @@ int press(pid_t command, const std::vector<int>& neighbours, int log) {
     std::map<pid_t, bool> changing;
     int result = 99;
     int status = 0;
-    for (pid_t task; (task = waitpid(-1, &status, __WALL)) > 0;) {
+    pid_t task = 0;
+    while ((task = waitpid(-1, &status, __WALL)) > 0) {
         if (WIFEXITED(status) || WIFSIGNALED(status)) {
             if (task == command) {
                 result = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);

@@ -1,6 +1,7 @@
 """The user's files, what is done with them, and what each deed must lead to.
 
-Paths are below the root of a try: `a/home` is the home directory, `b` the top of the other file system."""
+Paths are below the root of a try: `a/home` is the home directory, `b` the top of the other file
+system. Those of deeds are below the home directory unless they begin with one of these letters."""
 
 import functools
 import hashlib
@@ -8,43 +9,47 @@ import os
 import zlib
 from typing import NamedTuple
 
-from judge import Case, Item, Node, World, contents, subtree
+from judge import HOME, Case, Item, Node, World, contents, subtree
 
-HOME = "a/home"
+# The user's files
 
-
-def many(count=12):
-    return [f"f{number:02}" for number in range(count)]
+NAMES = [f"f{number:02}" for number in range(12)]
 
 
 def layout():
     """Path → size of a file, "d" for a directory, or "→target" of a link."""
     tree = {}
 
-    def add_tree(top, scale):
-        tree.update({top: "d", f"{top}/one.txt": 3000 * scale, f"{top}/sub": "d",
-                     f"{top}/sub/two.bin": 30000 * scale, f"{top}/sub/deep": "d",
-                     f"{top}/sub/deep/three.txt": 500, f"{top}/empty": "d",
-                     f"{top}/link": "→sub/deep/three.txt"})
+    def add(top, **entries):
+        tree.update({top: "d", **{f"{top}/{name}": what for name, what in entries.items()}})
 
-    for name in ("docs", "shelf", "target", "pile", "merge", "odd", "many"):
-        tree[f"{HOME}/{name}"] = "d"
-    tree.update({f"{HOME}/docs/report.txt": 20000, f"{HOME}/docs/note.txt": 90,
-                 f"{HOME}/docs/private.bin": 50000, f"{HOME}/target/keep.txt": 700,
-                 f"{HOME}/target/report.txt": 9000, f"{HOME}/odd/report.txt": "d",
-                 f"{HOME}/odd/report.txt/inside.txt": 4000})
-    for name in many():
-        tree[f"{HOME}/many/{name}"] = 150 + 1700 * int(name[1:])
-        tree[f"{HOME}/pile/{name}"] = 2000
-    add_tree(f"{HOME}/tree", 1)
-    tree.update({f"{HOME}/merge/tree": "d", f"{HOME}/merge/tree/one.txt": 1100,
-                 f"{HOME}/merge/tree/sub": "d", f"{HOME}/merge/tree/sub/other.txt": 1300})
-    for name in ("b/shelf", "b/target", "b/merge"):
-        tree[name] = "d"
-    tree.update({"b/film.bin": 150000, "b/note.txt": 80, "b/target/report.txt": 8000,
-                 "b/merge/tree": "d", "b/merge/tree/one.txt": 1200})
+    def add_tree(top, scale):
+        add(top, empty="d", link="→sub/deep/three.txt", **{"one.txt": 3000 * scale})
+        add(f"{top}/sub", **{"two.bin": 30000 * scale})
+        add(f"{top}/sub/deep", **{"three.txt": 500})
+
+    add(at("docs"), **{"report.txt": 20000, "note.txt": 90, "private.bin": 50000})
+    add(at("shelf"))
+    add(at("target"), **{"keep.txt": 700, "report.txt": 9000})
+    add(at("odd"))
+    add(at("odd/report.txt"), **{"inside.txt": 4000})
+    add(at("many"), **{name: 150 + 1700 * number for number, name in enumerate(NAMES)})
+    add(at("pile"), **{name: 2000 for name in NAMES})
+    add_tree(at("tree"), 1)
+    add(at("merge"))
+    add(at("merge/tree"), **{"one.txt": 1100})
+    add(at("merge/tree/sub"), **{"other.txt": 1300})
+    add("b/shelf")
+    add("b/target", **{"report.txt": 8000})
+    add("b/merge")
+    add("b/merge/tree", **{"one.txt": 1200})
     add_tree("b/tree", 2)
+    tree.update({"b/film.bin": 150000, "b/note.txt": 80})
     return tree
+
+
+def at(path):
+    return path if path[:2] in ("a/", "b/") else f"{HOME}/{path}"
 
 
 def bytes_of(path, size):
@@ -52,51 +57,13 @@ def bytes_of(path, size):
     return hashlib.shake_256(path.encode()).digest(size)
 
 
-def specimens():
-    """Commands that are right, or wrong in one known way, for the judge to be judged by."""
-    h, trashed = HOME, "$HOME/.local/share/Trash"
-    record = f"printf '[Trash Info]\\nPath=%s\\nDeletionDate=2026-01-02T03:04:05\\n' " \
-             f"$HOME/docs/report.txt > {trashed}/info/r.trashinfo"
-    rooms, gone = f"mkdir -p {trashed}/files {trashed}/info; sync -f .", trash(f"{h}/docs/report.txt")
-    fresh = copy(f"{h}/docs/report.txt", f"{h}/fresh.txt")
-    over = copy(f"{h}/docs/report.txt", f"{h}/target/report.txt", False)
-    across = move(f"{h}/docs/report.txt", "b/shelf/report.txt")
-    to_trash = f"mv docs/report.txt {trashed}/files/r"
+@functools.lru_cache(None)
+def digest_of(path, size):
+    return hashlib.sha1(bytes_of(path, size)).digest()
 
-    def write(source, target):  # cp and cat may share the blocks; these bytes are on their way
-        return f"head -c 1G {source} > {target}; chmod --reference={source} {target}; touch -r {source} {target}"
 
-    def row(name, expected, script, *deeds):
-        return Scenario(name, Step(["-c", "set -e; " + script], list(deeds)), Undoable=False, Program="sh",
-                        Expected=frozenset(expected.split()))
-
-    yield row("careful-copy", "", "cp -a docs/report.txt .tavro-1; sync -f .; mv -nT .tavro-1 fresh.txt; sync -f .",
-              fresh)
-    yield row("unsynced-copy", "short done", "cp -a docs/report.txt fresh.txt", fresh)
-    yield row("early-name", "short",
-              f"{write('docs/report.txt', '.tavro-1')}; mv -nT .tavro-1 fresh.txt; sync -f .", fresh)
-    yield row("late-mode", "attributes", "cat docs/report.txt > .tavro-1; sync -f .; mv -nT .tavro-1 fresh.txt; "
-              "chmod --reference=docs/report.txt fresh.txt; touch -r docs/report.txt fresh.txt; sync -f .", fresh)
-    yield row("other-bytes", "wrong", "cp -a docs/note.txt .tavro-1; cp -a docs/report.txt .tavro-2; sync -f .; "
-              "mv -nT .tavro-1 fresh.txt; mv -T .tavro-2 fresh.txt; sync -f .", fresh)
-    yield row("backup-name", "stray", "cp -a docs/report.txt .tavro-1; sync -f .; mv .tavro-1 fresh.txt~; "
-              "mv -T fresh.txt~ fresh.txt; sync -f .", fresh)
-    yield row("piecemeal-tree", "part", "cp -a tree shelf/; sync -f .", copy(f"{h}/tree", f"{h}/shelf/tree"))
-    yield row("in-place", "short", f"{write('docs/report.txt', 'target/report.txt')}; sync -f .", over)
-    yield row("remove-then-rename", "missing", "cp -a docs/report.txt target/.tavro-1; sync -f .; "
-              "rm target/report.txt; mv target/.tavro-1 target/report.txt; sync -f .", over)
-    yield row("unkept", "kept", "cp -a docs/report.txt target/.tavro-1; sync -f .; "
-              "mv target/.tavro-1 target/report.txt; sync -f .",
-              copy(f"{h}/docs/report.txt", f"{h}/target/report.txt"))
-    yield row("careful-move-across", "", "cp -a docs/report.txt {b}/shelf/.tavro-1; sync -f {b}; "
-              "mv {b}/shelf/.tavro-1 {b}/shelf/report.txt; sync -f {b}; rm docs/report.txt; sync -f .", across)
-    yield row("hasty-move-across", "lost", f"{write('docs/report.txt', '{b}/shelf/.tavro-1')}; "
-              "mv {b}/shelf/.tavro-1 {b}/shelf/report.txt; rm docs/report.txt; sync -f .; sync -f {b}", across)
-    yield row("careful-trash", "", f"{rooms}; {record}; sync -f .; {to_trash}; sync -f .", gone)
-    yield row("late-record", "record", f"{rooms}; {to_trash}; {record}; sync -f .", gone)
-    yield row("unsynced-record", "record", f"{rooms}; {record}; {to_trash}; sync -f .", gone)
-    yield row("unsynced-delete", "done", "rm docs/report.txt", delete(f"{h}/docs/report.txt"))
-    yield row("failing", "ran", "exit 3", delete(f"{h}/docs/report.txt"))
+def known_contents(tree):
+    return {digest_of(path, what): path for path, what in tree.items() if isinstance(what, int)}
 
 
 def attributes_of(path):
@@ -121,21 +88,14 @@ def make_files(root, user, tree):
         os.chown(full, user, user, follow_symlinks=False)
 
 
-@functools.lru_cache(None)
-def digest_of(path, size):
-    return hashlib.sha1(bytes_of(path, size)).digest()
-
-
-def known_contents(tree):
-    return {digest_of(path, what): path
-            for path, what in tree.items() if isinstance(what, int)}
+DIRECTORY = Node("d", "", 0o755)
 
 
 def world_of(tree):
-    nodes = {HOME: Node("d", "", 0o755)}
+    nodes = {HOME: DIRECTORY}
     for path, what in tree.items():
         if what == "d":
-            nodes[path] = Node("d", "", 0o755)
+            nodes[path] = DIRECTORY
         elif isinstance(what, str):
             nodes[path] = Node("l", what[1:])
         else:
@@ -146,22 +106,16 @@ def world_of(tree):
 # What is done to a world. Each deed takes one and gives the next.
 
 def without(tree, top):
-    return {path: node for path, node in tree.items() if path != top and not path.startswith(top + "/")}
+    return {path: node for path, node in tree.items() if not (path + "/").startswith(top + "/")}
 
 
 def put(tree, top, branch):
     return {**tree, **{f"{top}/{below}".rstrip("/"): node for below, node in branch.items()}}
 
 
-def copy(source, target, keep=True):
-    def deed(world):
-        return placed(world, subtree(world.User, source), target, keep)
-    return deed
-
-
 def placed(world, branch, target, keep):
-    """The branch stands at the target; a directory is merged into one, else what was there is in the
-    trash, where it is kept."""
+    """The branch stands at the target; a directory is merged into one, else what was there lies in
+    the trash, where it is kept."""
     there = world.User.get(target)
     if there and there.Kind == branch[""].Kind == "d":
         for name in sorted({below.split("/")[0] for below in branch if below}):
@@ -173,16 +127,20 @@ def placed(world, branch, target, keep):
     return World(put(world.User, target, branch), world.Trash)
 
 
+def copy(source, target, keep=True):
+    return lambda world: placed(world, subtree(world.User, at(source)), at(target), keep)
+
+
 def move(source, target, keep=True):
     def deed(world):
         after = copy(source, target, keep)(world)
-        return World(without(after.User, source), after.Trash)
+        return World(without(after.User, at(source)), after.Trash)
     return deed
 
 
 def trash(*paths):
     def deed(world):
-        for path in paths:
+        for path in map(at, paths):
             item = Item(path, subtree(world.User, path))
             world = World(without(world.User, path), world.Trash + (item,))
         return world
@@ -191,9 +149,9 @@ def trash(*paths):
 
 def restore(*origins, to=None):
     def deed(world):
-        for origin in origins:
+        for origin in map(at, origins):
             item = next(one for one in world.Trash if one.Origin == origin)
-            world = World(put(world.User, to or origin, item.Tree),
+            world = World(put(world.User, at(to) if to else origin, item.Tree),
                           tuple(one for one in world.Trash if one is not item))
         return world
     return deed
@@ -205,26 +163,26 @@ def empty(world):
 
 def delete(*paths):
     def deed(world):
-        for path in paths:
+        for path in map(at, paths):
             world = World(without(world.User, path), world.Trash)
         return world
     return deed
 
 
 def make(*paths):
-    def deed(world):
-        return World({**world.User, **{path: Node("d", "", 0o755) for path in paths}}, world.Trash)
-    return deed
+    new = {at(path): DIRECTORY for path in paths}
+    return lambda world: World({**world.User, **new}, world.Trash)
 
 
-def back(world):
-    """Marks a command that undoes the last one (or does it again); the world is known by then."""
-    raise NotImplementedError
+def each(deed, source, target):
+    return [deed(f"{source}/{name}", f"{target}/{name}") for name in NAMES]
 
+
+# Scenarios
 
 class Step(NamedTuple):
     Words: list  # of the command line, after the program's name
-    Deeds: list
+    Deeds: list  # none: the last step is undone, or done again
     Answer: str = ""  # typed on a terminal, where the command asks
 
 
@@ -247,150 +205,169 @@ def step(line, *deeds, answer=""):
     return Step(line.split(), list(deeds), answer)
 
 
-def home(*paths):
-    return [f"{HOME}/{path}" for path in paths]
-
-
-def each(deed, source, target, names):
-    return [deed(f"{source}/{name}", f"{target}/{name}") for name in names]
-
-
 OVER = "--on-conflict overwrite"
-MANY = " ".join(f"many/{name}" for name in many())
+MANY = [f"many/{name}" for name in NAMES]
+ALL = " ".join(MANY)
+REPORT = "docs/report.txt"
 
+# These are tried themselves, and so are their undo and redo.
+TWICE = {
+    "copy-file": step(f"copy {REPORT} fresh.txt", copy(REPORT, "fresh.txt")),
+    "copy-tree": step("copy tree shelf/", copy("tree", "shelf/tree")),
+    "copy-replace": step(f"copy {OVER} {REPORT} target/", copy(REPORT, "target/report.txt")),
+    "copy-replace-directory": step(f"copy {OVER} {REPORT} odd/", copy(REPORT, "odd/report.txt"),
+                                   answer="o\n"),
+    "copy-merge": step(f"copy {OVER} tree merge/", copy("tree", "merge/tree")),
+    "move-file": step(f"move {REPORT} shelf/", move(REPORT, "shelf/report.txt")),
+    "move-many": step(f"move {ALL} shelf/", *each(move, "many", "shelf")),
+    "move-tree": step("move tree shelf/", move("tree", "shelf/tree")),
+    "move-replace": step(f"move {OVER} {REPORT} target/", move(REPORT, "target/report.txt")),
+    "move-merge": step(f"move {OVER} tree merge/", move("tree", "merge/tree")),
+    "move-file-across": step(f"move {REPORT} {{b}}/shelf/", move(REPORT, "b/shelf/report.txt")),
+    "move-tree-across": step("move tree {b}/shelf/", move("tree", "b/shelf/tree")),
+    "move-replace-across": step(f"move {OVER} {REPORT} {{b}}/target/",
+                                move(REPORT, "b/target/report.txt")),
+    "move-merge-across": step(f"move {OVER} tree {{b}}/merge/", move("tree", "b/merge/tree")),
+    "trash-file": step(f"trash {REPORT}", trash(REPORT)),
+    "trash-many": step(f"trash {ALL}", trash(*MANY)),
+    "trash-tree": step("trash tree", trash("tree")),
+    "trash-file-across": step("trash {b}/film.bin", trash("b/film.bin")),
+    "trash-tree-across": step("trash {b}/tree", trash("b/tree")),
+    "rename": step(f"rename {REPORT} renamed.txt", move(REPORT, "docs/renamed.txt")),
+    "mkdir": step("mkdir new/inner/most", make("new", "new/inner", "new/inner/most")),
+}
 
-def base_steps():
-    h, b = HOME, "b"
-    yield "copy-file", step("copy docs/report.txt fresh.txt", copy(f"{h}/docs/report.txt", f"{h}/fresh.txt"))
-    yield "copy-many", step(f"copy {MANY} shelf/", *each(copy, f"{h}/many", f"{h}/shelf", many()))
-    yield "copy-tree", step("copy tree shelf/", copy(f"{h}/tree", f"{h}/shelf/tree"))
-    yield "copy-replace", step(f"copy {OVER} docs/report.txt target/",
-                               copy(f"{h}/docs/report.txt", f"{h}/target/report.txt"))
-    yield "copy-replace-many", step(f"copy {OVER} {MANY} pile/",
-                                    *each(copy, f"{h}/many", f"{h}/pile", many()))
-    yield "copy-replace-directory", step(f"copy {OVER} docs/report.txt odd/",
-                                         copy(f"{h}/docs/report.txt", f"{h}/odd/report.txt"), answer="o\n")
-    yield "copy-merge", step(f"copy {OVER} tree merge/", copy(f"{h}/tree", f"{h}/merge/tree"))
-    yield "copy-keep-both", step("copy --on-conflict keep-both docs/report.txt target/",
-                                 copy(f"{h}/docs/report.txt", f"{h}/target/report copy 1.txt"))
-    yield "copy-tree-across", step("copy tree {b}/shelf/", copy(f"{h}/tree", "b/shelf/tree"))
-    yield "move-file", step("move docs/report.txt shelf/",
-                            move(f"{h}/docs/report.txt", f"{h}/shelf/report.txt"))
-    yield "move-many", step(f"move {MANY} shelf/", *each(move, f"{h}/many", f"{h}/shelf", many()))
-    yield "move-tree", step("move tree shelf/", move(f"{h}/tree", f"{h}/shelf/tree"))
-    yield "move-replace", step(f"move {OVER} docs/report.txt target/",
-                               move(f"{h}/docs/report.txt", f"{h}/target/report.txt"))
-    yield "move-merge", step(f"move {OVER} tree merge/", move(f"{h}/tree", f"{h}/merge/tree"))
-    yield "move-file-across", step("move docs/report.txt {b}/shelf/",
-                                   move(f"{h}/docs/report.txt", "b/shelf/report.txt"))
-    yield "move-many-across", step(f"move {MANY} {{b}}/shelf/", *each(move, f"{h}/many", "b/shelf", many()))
-    yield "move-tree-across", step("move tree {b}/shelf/", move(f"{h}/tree", "b/shelf/tree"))
-    yield "move-replace-across", step(f"move {OVER} docs/report.txt {{b}}/target/",
-                                      move(f"{h}/docs/report.txt", "b/target/report.txt"))
-    yield "move-merge-across", step(f"move {OVER} tree {{b}}/merge/", move(f"{h}/tree", "b/merge/tree"))
-    yield "trash-file", step("trash docs/report.txt", trash(f"{h}/docs/report.txt"))
-    yield "trash-many", step(f"trash {MANY}", trash(*home(*MANY.split())))
-    yield "trash-tree", step("trash tree", trash(f"{h}/tree"))
-    yield "trash-file-across", step("trash {b}/film.bin", trash("b/film.bin"))
-    yield "trash-tree-across", step("trash {b}/tree", trash("b/tree"))
-    yield "rename", step("rename docs/report.txt renamed.txt",
-                         move(f"{h}/docs/report.txt", f"{h}/docs/renamed.txt"))
-    yield "mkdir", step("mkdir new/inner/most", make(*home("new", "new/inner", "new/inner/most")))
+ONCE = {
+    "copy-many": step(f"copy {ALL} shelf/", *each(copy, "many", "shelf")),
+    "copy-replace-many": step(f"copy {OVER} {ALL} pile/", *each(copy, "many", "pile")),
+    "copy-keep-both": step(f"copy --on-conflict keep-both {REPORT} target/",
+                           copy(REPORT, "target/report copy 1.txt")),
+    "copy-tree-across": step("copy tree {b}/shelf/", copy("tree", "b/shelf/tree")),
+    "move-many-across": step(f"move {ALL} {{b}}/shelf/", *each(move, "many", "b/shelf")),
+}
 
-
-def others():
-    h = HOME
-    trashed = step("trash docs/report.txt", trash(f"{h}/docs/report.txt"))
-    trashed_many = step(f"trash {MANY}", trash(*home(*MANY.split())))
-    trashed_tree = step("trash tree", trash(f"{h}/tree"))
-    yield Scenario("copy-large", step("copy large.bin shelf/", copy(f"{h}/large.bin", f"{h}/shelf/large.bin")),
-                   Extra={f"{h}/large.bin": 3_000_000})
-    yield Scenario("rename-with-parents",
-                   step("rename docs/report.txt new/inner/renamed.txt",
-                        make(*home("docs/new", "docs/new/inner")),
-                        move(f"{h}/docs/report.txt", f"{h}/docs/new/inner/renamed.txt")),
-                   Units=(f"{h}/docs/new/inner/renamed.txt",))
-    yield Scenario("restore-file", step("restore report.txt", restore(f"{h}/docs/report.txt")), (trashed,),
-                   Undoable=False)
-    yield Scenario("restore-many", step(f"restore {' '.join(many())}", restore(*home(*MANY.split()))),
-                   (trashed_many,), Undoable=False)
-    yield Scenario("restore-tree", step("restore tree", restore(f"{h}/tree")), (trashed_tree,),
-                   Undoable=False)
-    yield Scenario("restore-tree-across", step("restore tree", restore("b/tree")),
-                   (step("trash {b}/tree", trash("b/tree")),), Undoable=False)
-    yield Scenario("restore-keep-both",
-                   step("restore --keep-both report.txt",
-                        restore(f"{h}/docs/report.txt", to=f"{h}/docs/report copy 1.txt")),
-                   (trashed, step("rename docs/note.txt report.txt",
-                                  move(f"{h}/docs/note.txt", f"{h}/docs/report.txt"))), Undoable=False)
-    yield Scenario("empty", step("empty -f", empty), (trashed, trashed_tree), Undoable=False)
-    yield Scenario("delete-file", step("delete -f docs/report.txt", delete(f"{h}/docs/report.txt")),
-                   Undoable=False)
-    yield Scenario("delete-tree", step("delete -f tree docs", delete(f"{h}/tree", f"{h}/docs")),
-                   Undoable=False)
-
-
-TWICE = ("copy-file", "copy-tree", "copy-replace", "copy-replace-directory", "copy-merge", "move-file", "move-many", "move-tree",
-         "move-replace", "move-merge", "move-file-across", "move-tree-across", "move-replace-across",
-         "move-merge-across", "trash-file", "trash-many", "trash-tree", "trash-file-across",
-         "trash-tree-across", "rename", "mkdir")
+FINAL = {  # and what is done before
+    "restore-file": (step("restore report.txt", restore(REPORT)), TWICE["trash-file"]),
+    "restore-many": (step(f"restore {' '.join(NAMES)}", restore(*MANY)), TWICE["trash-many"]),
+    "restore-tree": (step("restore tree", restore("tree")), TWICE["trash-tree"]),
+    "restore-tree-across": (step("restore tree", restore("b/tree")), TWICE["trash-tree-across"]),
+    "restore-keep-both": (step("restore --keep-both report.txt",
+                               restore(REPORT, to="docs/report copy 1.txt")), TWICE["trash-file"],
+                          step("rename docs/note.txt report.txt", move("docs/note.txt", REPORT))),
+    "empty": (step("empty -f", empty), TWICE["trash-file"], TWICE["trash-tree"]),
+    "delete-file": (step(f"delete -f {REPORT}", delete(REPORT)),),
+    "delete-tree": (step("delete -f tree docs", delete("tree", "docs")),),
+}
 
 
 def all_scenarios():
-    base = dict(base_steps())
-    yield from (Scenario(name, one) for name, one in base.items())
-    yield from others()
-    for name in TWICE:
-        yield Scenario(f"undo-{name}", step("undo", back), (base[name],))
-    for name in TWICE:
-        yield Scenario(f"redo-{name}", step("redo", back), (base[name], step("undo", back)))
+    for name, one in {**TWICE, **ONCE}.items():
+        yield Scenario(name, one)
+    yield Scenario("copy-large", step("copy large.bin shelf/",
+                                      copy("large.bin", "shelf/large.bin")),
+                   Extra={at("large.bin"): 3_000_000})
+    renamed = "docs/new/inner/renamed.txt"
+    yield Scenario("rename-with-parents", step(f"rename {REPORT} new/inner/renamed.txt",
+                                               make("docs/new", "docs/new/inner"),
+                                               move(REPORT, renamed)), Units=(at(renamed),))
+    for name, (last, *earlier) in FINAL.items():
+        yield Scenario(name, last, tuple(earlier), Undoable=False)
+    for name, one in TWICE.items():
+        yield Scenario(f"undo-{name}", step("undo"), (one,))
+        yield Scenario(f"redo-{name}", step("redo"), (one, step("undo")))
 
 
 def peers():
     """What people use instead, judged by those rules that apply."""
-    h = HOME
+    for name, line, deed in (
+            ("cp-file", f"cp -a {REPORT} fresh.txt", copy(REPORT, "fresh.txt")),
+            ("cp-tree", "cp -a tree shelf/", copy("tree", "shelf/tree")),
+            ("cp-replace", f"cp -a {REPORT} target/", copy(REPORT, "target/report.txt", False)),
+            ("mv-file", f"mv {REPORT} shelf/", move(REPORT, "shelf/report.txt")),
+            ("mv-replace", f"mv {REPORT} target/", move(REPORT, "target/report.txt", False)),
+            ("mv-file-across", f"mv {REPORT} {{b}}/shelf/", move(REPORT, "b/shelf/report.txt")),
+            ("mv-tree-across", "mv tree {b}/shelf/", move("tree", "b/shelf/tree")),
+            ("gio-trash-file", f"gio trash {REPORT}", trash(REPORT)),
+            ("gio-trash-tree", "gio trash tree", trash("tree")),
+            ("gio-trash-across", "gio trash {b}/film.bin", trash("b/film.bin"))):
+        program, *words = line.split()
+        yield Scenario(name, Step(words, [deed]), Undoable=False, Program=program)
 
-    def row(name, line, *deeds):
-        words = line.split()
-        return Scenario(name, Step(words[1:], list(deeds)), Undoable=False, Program=words[0])
 
-    yield row("cp-file", "cp -a docs/report.txt fresh.txt", copy(f"{h}/docs/report.txt", f"{h}/fresh.txt"))
-    yield row("cp-tree", "cp -a tree shelf/", copy(f"{h}/tree", f"{h}/shelf/tree"))
-    yield row("cp-replace", "cp -a docs/report.txt target/",
-              copy(f"{h}/docs/report.txt", f"{h}/target/report.txt", False))
-    yield row("mv-file", "mv docs/report.txt shelf/", move(f"{h}/docs/report.txt", f"{h}/shelf/report.txt"))
-    yield row("mv-replace", "mv docs/report.txt target/",
-              move(f"{h}/docs/report.txt", f"{h}/target/report.txt", False))
-    yield row("mv-file-across", "mv docs/report.txt {b}/shelf/",
-              move(f"{h}/docs/report.txt", "b/shelf/report.txt"))
-    yield row("mv-tree-across", "mv tree {b}/shelf/", move(f"{h}/tree", "b/shelf/tree"))
-    yield row("gio-trash-file", "gio trash docs/report.txt", trash(f"{h}/docs/report.txt"))
-    yield row("gio-trash-tree", "gio trash tree", trash(f"{h}/tree"))
-    yield row("gio-trash-across", "gio trash {b}/film.bin", trash("b/film.bin"))
+def specimens():
+    """Commands that are right, or wrong in one known way, for the judge to be judged by."""
+    bin_ = "$HOME/.local/share/Trash"
+    rooms = f"mkdir -p {bin_}/files {bin_}/info; sync -f ."
+    record = "printf '[Trash Info]\\nPath=%s\\nDeletionDate=2026-01-02T03:04:05\\n' " \
+             f"$HOME/{REPORT} > {bin_}/info/r.trashinfo"
+    binned, done = f"mv {REPORT} {bin_}/files/r", "sync -f ."
+    fresh, over = copy(REPORT, "fresh.txt"), copy(REPORT, "target/report.txt", False)
+    across, gone = move(REPORT, "b/shelf/report.txt"), trash(REPORT)
+    staged = f"cp -a {REPORT} .tavro-1; {done}"
 
+    def write(target):  # cp and cat may share the blocks; these bytes are on their way
+        return f"head -c 1G {REPORT} > {target}; {attributes(target)}"
+
+    def attributes(target):
+        return f"chmod --reference={REPORT} {target}; touch -r {REPORT} {target}"
+
+    for name, expected, deed, *script in (
+            ("careful-copy", "", fresh, staged, "mv -nT .tavro-1 fresh.txt", done),
+            ("unsynced-copy", "done", fresh, write("fresh.txt")),
+            ("early-name", "short", fresh, write(".tavro-1"), "mv -nT .tavro-1 fresh.txt", done),
+            ("late-mode", "attributes", fresh, f"cat {REPORT} > .tavro-1", done,
+             "mv -nT .tavro-1 fresh.txt", attributes("fresh.txt"), done),
+            ("other-bytes", "wrong", fresh, staged, "cp -a docs/note.txt .tavro-2", done,
+             "mv -nT .tavro-2 fresh.txt", "mv -T .tavro-1 fresh.txt", done),
+            ("backup-name", "stray", fresh, staged, "mv .tavro-1 fresh.txt~",
+             "mv -T fresh.txt~ fresh.txt", done),
+            ("piecemeal-tree", "part", copy("tree", "shelf/tree"), "cp -a tree shelf/", done),
+            ("in-place", "short", over, write("target/report.txt"), done),
+            ("remove-then-rename", "missing", over, staged, "rm target/report.txt",
+             "mv .tavro-1 target/report.txt", done),
+            ("unkept", "kept", copy(REPORT, "target/report.txt"), staged,
+             "mv .tavro-1 target/report.txt", done),
+            ("careful-move-across", "", across, f"cp -a {REPORT} {{b}}/shelf/.tavro-1",
+             "sync -f {b}", "mv {b}/shelf/.tavro-1 {b}/shelf/report.txt", "sync -f {b}",
+             f"rm {REPORT}", done),
+            ("hasty-move-across", "lost", across, write("{b}/shelf/.tavro-1"),
+             "mv {b}/shelf/.tavro-1 {b}/shelf/report.txt", f"rm {REPORT}", done, "sync -f {b}"),
+            ("careful-trash", "", gone, rooms, record, done, binned, done),
+            ("late-record", "record", gone, rooms, binned, record, done),
+            ("unsynced-record", "record", gone, rooms, record, binned, done),
+            ("unsynced-delete", "done", delete(REPORT), f"rm {REPORT}"),
+            ("failing", "ran", delete(REPORT), "exit 3")):
+        yield Scenario(name, Step(["-c", "; ".join(("set -e", *script))], [deed]), Undoable=False,
+                       Program="sh", Expected=frozenset(expected.split()))
+
+
+# What each must lead to
 
 def worlds_of(scenario):
     """The world before the scenario's command and the one after it."""
-    worlds, at = [world_of({**layout(), **scenario.Extra})], 0
+    worlds, now = [world_of({**layout(), **scenario.Extra})], 0
     for one in (*scenario.Earlier, scenario.Step):
-        before = worlds[at]
-        if one.Deeds == [back]:
-            at += -1 if one.Words[0] == "undo" else 1
+        before = worlds[now]
+        if not one.Deeds:
+            now += -1 if one.Words[0] == "undo" else 1
             continue
         world = before
         for deed in one.Deeds:
             world = deed(world)
-        worlds, at = worlds[:at + 1] + [world], at + 1
-    return before, worlds[at]
+        worlds, now = worlds[:now + 1] + [world], now + 1
+    return before, worlds[now]
 
 
 def case_of(scenario):
     before, after = worlds_of(scenario)
+    if scenario.images() == ("a",):  # the other file system is not mounted then
+        before, after = (world._replace(User={path: node for path, node in world.User.items()
+                                              if path.startswith("a/")})
+                         for world in (before, after))
     # The undo of a copy moves what was copied to the trash, and its redo finds it there.
-    names = scenario.Name.split("-")
+    free = scenario.Name.startswith(("undo-copy", "redo-copy"))
     return Case(before, after, units_of(scenario, before, after),
-                replaced(before, after) | replaced(after, before),
-                names[0] in ("undo", "redo") and names[1] == "copy")
+                replaced(before, after) | replaced(after, before), free)
 
 
 def replaced(before, after):
