@@ -254,10 +254,14 @@ def holds_items(items, wanted):
     return all((item.Origin, plain(item.Tree)) in found for item in wanted)
 
 
+def show(node):
+    return f"{node.Kind} {node.Content} {node.Mode:o} {node.Time}".rstrip() if node else "nothing"
+
+
 def describe_difference(tree, wanted):
     for path in sorted(tree.keys() | wanted.keys()):
         if tree.get(path) != wanted.get(path):
-            return f"{path} is {tree.get(path)}, not {wanted.get(path)}"
+            return f"{path} is {show(tree.get(path))}, not {show(wanted.get(path))}"
     return ""
 
 

@@ -232,6 +232,11 @@ class Try:
         faults += judge.judge_settled(case, third, said(verb, told), told.Status, expected)
         if third.Hidden:
             faults += judge.judge_told(case, third, True, "", self.run("tavro", ["doctor"]).Text)
+            self.run("tavro", ["doctor", "--mend-all"])
+            mended = eyes.look()
+            faults += judge.judge(case, mended, False)
+            faults += [Fault("leftover", f"{path} is there after doctor --mend-all")
+                       for path in mended.Hidden]
         if told.Status not in (0, 1):
             faults.append(Fault("says", said(verb, told)))
         led = "new" if third.User == case.After.User else \
@@ -294,7 +299,7 @@ class Try:
 
 
 def said(name, told):
-    return f"{name} ended with {told.Status} ({told.Text.strip()[:200]})"
+    return f"{name} ended with {told.Status} ({' '.join(told.Text.split())[:200]})"
 
 
 def tally(result, faults, where, verb):
