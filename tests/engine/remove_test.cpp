@@ -159,6 +159,21 @@ TEST_F(RemoveTree, removes_what_lies_in_read_only_and_closed_directories_of_the_
     EXPECT_EQ("directory 500", takeSnapshot(m_box / "outside")["."]);
 }
 
+TEST_F(RemoveTree, gives_a_directory_that_stays_no_right_but_the_users_own) {
+    for (const unsigned mode : {0044U, 0155U, 0444U}) {
+        writeFile(m_box / "tree" / std::to_string(mode) / "file");
+        fs::permissions(m_box / "tree" / std::to_string(mode), fs::perms(mode));
+    }
+    runUnprivileged(m_box.path(), [&] {
+        const FaultInjector injector({{"unlinkat", EPERM, "file", 1, true}});
+        EXPECT_EQ(EPERM, remove("tree").Error.value());
+        for (const unsigned mode : {0044U, 0155U, 0444U}) {
+            EXPECT_EQ(fs::perms(mode | 0700U),
+                      fs::status(m_box / "tree" / std::to_string(mode)).permissions());
+        }
+    });
+}
+
 TEST_F(RemoveTree, opens_no_directory_when_it_is_not_to) {
     writeFile(m_box / "tree/read only/file");
     writeFile(m_box / "tree/closed/file");
