@@ -22,7 +22,7 @@ RULES = {
     "record": "an item in the trash without its whole record",
     "done": "the command said done, and it is not",
     "unnamed": "neither the old state nor the new one, and the history says nothing of it",
-    "leftover": "a hidden name that neither the history nor the doctor names",
+    "leftover": "a hidden name that neither the history nor the doctor names, or that stays",
     "says": "history, list, doctor, undo or resume fails where it should not",
     "stuck": "undo or resume leads neither to the old state nor to the new one",
     "undo": "what was said done cannot be undone",
