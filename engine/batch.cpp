@@ -213,18 +213,20 @@ TavroFailure Batch::Verify(TavroBatchStep& Step, const TavroPlace& From, const T
     }
     struct stat status = {};
     const int error = TavroStatAt(To.Number(), To.Name.c_str(), status);
-    Step.Arrived = TavroStateOf(status);
+    Step.Arrived = error == 0 ? TavroStateOf(status) : Step.Arrived;
     if (error == 0 && Step.Arrived.Identity == *Step.Expected) {
         return {};
     }
     const int back =
         TavroRenameNoReplace(To.Number(), To.Name.c_str(), From.Number(), From.Name.c_str());
-    if (error == 0 && back != 0) {
+    if (error != ENOENT && back != 0) {
         m_report.RollBack.push_back(TavroFail(TavroFailureKind::MoveTo, back, Step.To, Step.From));
     } else {
         Step.Arrived = {};
     }
-    return {TavroFailureKind::ItemChanged, {}, Step.From};
+    return error == 0 || error == ENOENT
+               ? TavroFailure{TavroFailureKind::ItemChanged, {}, Step.From}
+               : TavroFail(TavroFailureKind::LookAt, error, Step.To);
 }
 
 TavroFailure Batch::MoveByCopying(TavroBatchStep& Step, const TavroPlace& From,

@@ -251,7 +251,7 @@ bool IsDots(const char* Name) {
 int TavroListDirectory(int Directory, TavroListing& OutListing) {
     TavroListing listing;
     alignas(struct dirent64) std::array<char, 32768> block;
-    if (lseek(Directory, 0, SEEK_SET) < 0) {
+    if (Uninterrupted([&] { return lseek(Directory, 0, SEEK_SET); }) < 0) {
         return errno;
     }
     for (;;) {
@@ -383,7 +383,7 @@ int TavroCloneFile(int From, int To) {
 }
 
 int TavroSeek(int Descriptor, off_t Offset, int Whence, off_t& OutOffset) {
-    const off_t found = lseek(Descriptor, Offset, Whence);
+    const off_t found = Uninterrupted([&] { return lseek(Descriptor, Offset, Whence); });
     if (found < 0) {
         return errno;
     }

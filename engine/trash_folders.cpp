@@ -35,13 +35,15 @@ TavroFailure EnsureDirectory(TavroPlaces& Places, const std::string& Path, bool 
     }
     const char* const name = place.Name.c_str();
     struct stat status = {};
-    if (TavroStatTargetAt(place.Number(), name, status) == 0 && S_ISDIR(status.st_mode)) {
+    const int look = TavroStatTargetAt(place.Number(), name, status);
+    if (look == 0 && S_ISDIR(status.st_mode)) {
         return {};
     }
     int error = TavroMakeDirectoryAt(place.Number(), name, bPrivate ? 0700 : 0777);
-    if (error == EEXIST) {
+    if (error == EEXIST && (look == 0 || look == ENOENT)) {
         return {TavroFailureKind::TrashNeedsDirectory, {}, Path};
     }
+    error = error == EEXIST ? look : error;
     if (error != 0) {
         return TavroFail(TavroFailureKind::CreateTrashDirectory, error, Path);
     }
