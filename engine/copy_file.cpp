@@ -374,10 +374,13 @@ TavroFailure Finish(TavroDescriptor File, int Directory, const char* Name, Tavro
         Failure = TavroFail(Kind::Write, error, "");
     }
     OutState = TavroStateOf(status);
+    if (!Failure) {
+        return Failure;
+    }
     struct stat now = {};
     const bool bOther = lookError == 0 && TavroStatAt(Directory, Name, now) == 0 &&
                         TavroIdentityOf(now) != OutState.Identity;
-    if (Failure && !bOther) {
+    if (!bOther) {
         TavroUnlinkAt(Directory, Name);
     }
     return Failure;

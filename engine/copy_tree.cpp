@@ -57,8 +57,8 @@ const TavroHardLinks::File* TavroHardLinks::LinkTo(const TavroFileState& Source,
 }
 
 TavroNewEntryTraits& TavroHardLinks::TraitsAt(const TavroPlace& Place) {
-    if (m_last != Place.Directory) {
-        m_last = Place.Directory;
+    if (m_last != Place.Directory->Identity) {
+        m_last = Place.Directory->Identity;
         m_traits = TavroTraitsOfNewEntriesIn(Place.Number());
     }
     return m_traits;

@@ -44,7 +44,7 @@ public:
 
 private:
     std::unordered_map<TavroIdentity, File> m_files;
-    std::shared_ptr<const TavroDirectory> m_last;
+    TavroIdentity m_last; ///< The directory that was asked about.
     TavroNewEntryTraits m_traits;
 };
 
