@@ -220,12 +220,11 @@ TavroTrashReport TavroTrashSelection(const std::vector<TavroOperationEntry>& Ent
     for (std::size_t i = 0; i < Expected.size(); ++i) {
         steps[i].Expected = Expected[i];
     }
-    TavroTrashClaims claims(trash.Files.Number(), trash.Info.Number());
+    TavroTrashClaims claims(trash);
     TavroBatchHooks hooks;
     hooks.BeforeMove = [&](std::size_t i) {
         std::string name;
         TavroFailure unclaimed = claims.Claim(TavroNameOf(steps[i].From), steps[i].From, name);
-        unclaimed.Path = TavroJoin(trash.Folders.Info, unclaimed.Path);
         steps[i].To = TavroJoin(trash.Folders.Files, name);
         return unclaimed;
     };
@@ -335,6 +334,7 @@ TavroTrashReport TavroRestoreSelection(const std::vector<TavroTrashedEntry>& Ent
         if (trashed.Item.Inode != 0) {
             steps.back().Expected = trashed.Item;
         }
+        steps.back().Seen = trashed.Seen;
     }
     TavroTrashReport report;
     report.bRestoring = true;
@@ -343,6 +343,12 @@ TavroTrashReport TavroRestoreSelection(const std::vector<TavroTrashedEntry>& Ent
         report.Batch.Failure = AsOfTrash(std::move(report.Batch.Failure), steps);
         const auto entryOf = [&](std::size_t i) { return *restorations[i].Trashed; };
         TellWhatIsLeft(steps, entryOf, report);
+    } else {
+        report.Entries = Entries;
+        for (std::size_t i = 0; i < steps.size(); ++i) {
+            report.Entries[static_cast<std::size_t>(restorations[i].Trashed - Entries.data())]
+                .Item = steps[i].Arrived.Identity;
+        }
     }
     RemoveRecords(steps);
     return report;

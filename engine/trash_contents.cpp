@@ -93,6 +93,7 @@ TavroFailure ListItems(const TavroOpenTrash& Trash, bool bMeasure,
     OutItems.reserve(names.size());
     for (const std::string& name : names) {
         if (ShouldCancel && ShouldCancel()) {
+            failure = {TavroFailureKind::Cancelled};
             break;
         }
         std::optional<TavroTrashItem> item = ReadItem(Trash, folders, name);
@@ -102,6 +103,7 @@ TavroFailure ListItems(const TavroOpenTrash& Trash, bool bMeasure,
         TavroMeasurement measured;
         if (bMeasure && item->bDirectory) {
             if (!TavroMeasureEntry(Trash.Files.Number(), name, ShouldCancel, measured)) {
+                failure = {TavroFailureKind::Cancelled};
                 break;
             }
             item->ByteCount = measured.ByteCount;
@@ -227,6 +229,15 @@ TavroFailure TavroTrashIndex::Find(const std::string& Text, TavroTrashItem& OutI
 
 namespace {
 
+/// One that is gone already counts as removed.
+TavroFailure RemoveRecord(const TavroOpenTrash& Trash, const std::string& Name) {
+    const std::string file = TavroRecordName(Name);
+    const int error = TavroUnlinkAt(Trash.Info.Number(), file.c_str());
+    return error == 0 || error == ENOENT
+               ? TavroFailure()
+               : TavroFail(TavroFailureKind::Remove, error, TavroJoin(Trash.Folders.Info, file));
+}
+
 /// Removes items one after the other.
 class Emptying {
 public:
@@ -235,7 +246,6 @@ public:
 
 private:
     TavroFailure RemoveItem(const struct stat& Status, const std::function<bool()>& ShouldCancel);
-    TavroFailure RemoveRecord(const std::string& Name);
     bool IsClaimedByOther(const TavroTrashItem& Item) const;
 
     TavroOpenTrash m_trash;
@@ -248,6 +258,7 @@ TavroFailure Emptying::Open() {
     TavroFailure failure = m_trash.Open();
     if (!failure && m_trash.Files.IsOpen()) {
         failure = places.Find(TavroJoin(m_trash.Folders.Files, "item"), m_item);
+        failure.Path = m_trash.Folders.Files;
     }
     return failure;
 }
@@ -262,7 +273,7 @@ TavroFailure Emptying::Remove(const TavroTrashItem& Item,
     const int error =
         m_item.Directory ? TavroStatAt(m_item.Number(), Item.Name.c_str(), status) : ENOENT;
     if (error == ENOENT) {
-        return IsClaimedByOther(Item) ? TavroFailure() : RemoveRecord(Item.Name);
+        return IsClaimedByOther(Item) ? TavroFailure() : RemoveRecord(m_trash, Item.Name);
     }
     if (error != 0) {
         return TavroFail(TavroFailureKind::Remove, error, m_item.Path());
@@ -272,7 +283,7 @@ TavroFailure Emptying::Remove(const TavroTrashItem& Item,
         return {TavroFailureKind::ItemChanged, {}, Item.Name};
     }
     TavroFailure failure = RemoveItem(status, ShouldCancel);
-    return failure ? failure : RemoveRecord(Item.Name);
+    return failure ? failure : RemoveRecord(m_trash, Item.Name);
 }
 
 TavroFailure Emptying::RemoveItem(const struct stat& Status,
@@ -293,18 +304,6 @@ bool Emptying::IsClaimedByOther(const TavroTrashItem& Item) const {
     return Item.RecordTime != 0 &&
            TavroStatAt(m_trash.Info.Number(), TavroRecordName(Item.Name).c_str(), status) == 0 &&
            TavroNanoseconds(status.st_mtim) != Item.RecordTime;
-}
-
-TavroFailure RemoveRecordAt(const TavroOpenTrash& Trash, const std::string& Name) {
-    const std::string file = TavroRecordName(Name);
-    const int error = TavroUnlinkAt(Trash.Info.Number(), file.c_str());
-    return error == 0 || error == ENOENT
-               ? TavroFailure()
-               : TavroFail(TavroFailureKind::Remove, error, TavroJoin(Trash.Folders.Info, file));
-}
-
-TavroFailure Emptying::RemoveRecord(const std::string& Name) {
-    return RemoveRecordAt(m_trash, Name);
 }
 
 } // namespace
@@ -401,16 +400,11 @@ TavroFailure RecordAnew(const TavroOpenTrash& Trash, const std::string& Name) {
     const std::string original = TavroJoin(Trash.Folders.Home, Name);
     mode_t mode = 0;
     if (Name.size() <= TavroLongestTrashName) {
-        TavroFailure failure = TavroCreateRecord(
-            Trash.Info.Number(), Name, TavroRecordText(original, std::time(nullptr)), mode);
-        failure.Path = TavroJoin(Trash.Folders.Info, failure.Path);
-        return failure;
+        return TavroCreateRecord(Trash, Name, TavroRecordText(original, std::time(nullptr)), mode);
     }
-    TavroTrashClaims claims(Trash.Files.Number(), Trash.Info.Number());
+    TavroTrashClaims claims(Trash);
     std::string shorter;
-    TavroFailure failure = claims.Claim(Name, original, shorter);
-    failure.Path = TavroJoin(Trash.Folders.Info, failure.Path);
-    if (failure) {
+    if (TavroFailure failure = claims.Claim(Name, original, shorter)) {
         return failure;
     }
     const int files = Trash.Files.Number();
@@ -467,7 +461,7 @@ TavroFailure TavroMendTrash(const TavroTrashFinding& Finding) {
         return {};
     }
     if (error != 0) {
-        return RemoveRecordAt(trash, *name);
+        return RemoveRecord(trash, *name);
     }
     failure = SetAside(trash, *name);
     return failure ? failure : RecordAnew(trash, *name);

@@ -46,7 +46,7 @@ struct TavroTrashItem {
 /// @param ShouldCancel  as for TavroMeasureEntry; a cancelled list is returned as far as it got,
 ///                      without an item that is measured in part.
 /// @param OutItems      cleared first. A trash that does not exist is empty.
-/// @return no failure, NoHome, or ReadTrash.
+/// @return no failure, NoHome, ReadTrash, or Cancelled.
 TavroFailure TavroListTrash(bool bMeasure, const std::function<bool()>& ShouldCancel,
                             std::vector<TavroTrashItem>& OutItems);
 

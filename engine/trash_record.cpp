@@ -1,6 +1,7 @@
 #include "trash_record.h"
 
 #include "identity.h"
+#include "names.h"
 #include "posix.h"
 
 #include <algorithm>
@@ -58,13 +59,15 @@ int LetUserReadAndWrite(int Record, mode_t& IoMode) {
 
 } // namespace
 
-TavroFailure TavroCreateRecord(int Info, const std::string& Item, const std::string& Text,
-                               mode_t& IoMode) {
+TavroFailure TavroCreateRecord(const TavroOpenTrash& Trash, const std::string& Item,
+                               const std::string& Text, mode_t& IoMode) {
     const std::string name = TavroRecordName(Item);
+    const int info = Trash.Info.Number();
     TavroDescriptor record;
-    int error = TavroOpenAt(Info, name.c_str(), O_WRONLY | O_CREAT | O_EXCL, record, 0666);
+    int error = TavroOpenAt(info, name.c_str(), O_WRONLY | O_CREAT | O_EXCL, record, 0666);
     if (error != 0) {
-        return TavroFail(TavroFailureKind::CreateRecord, error, name);
+        return TavroFail(TavroFailureKind::CreateRecord, error,
+                         TavroJoin(Trash.Folders.Info, name));
     }
     error = LetUserReadAndWrite(record.Number(), IoMode);
     error = error != 0 ? error : TavroWriteAt(record.Number(), Text.data(), Text.size(), 0);
@@ -73,8 +76,8 @@ TavroFailure TavroCreateRecord(int Info, const std::string& Item, const std::str
     if (error == 0) {
         return {};
     }
-    TavroUnlinkAt(Info, name.c_str());
-    return TavroFail(TavroFailureKind::WriteRecord, error, name);
+    TavroUnlinkAt(info, name.c_str());
+    return TavroFail(TavroFailureKind::WriteRecord, error, TavroJoin(Trash.Folders.Info, name));
 }
 
 namespace {
@@ -97,7 +100,7 @@ TavroFailure TavroTrashClaims::Claim(const std::string& Wanted, const std::strin
             const std::uint64_t number = next == m_next.end() ? 0 : next->second++;
             OutItem = TavroNumberedName(Wanted, number, TavroLongestTrashName);
         } while (next != m_next.end() && m_taken.count(OutItem) != 0);
-        failure = TavroCreateRecord(m_info, OutItem, text, m_mode);
+        failure = TavroCreateRecord(m_trash, OutItem, text, m_mode);
         if (failure.Error != std::errc::file_exists) {
             break;
         }
@@ -107,7 +110,7 @@ TavroFailure TavroTrashClaims::Claim(const std::string& Wanted, const std::strin
 }
 
 void TavroTrashClaims::Drop(const std::string& Wanted, const std::string& Item) {
-    TavroUnlinkAt(m_info, TavroRecordName(Item).c_str());
+    TavroUnlinkAt(m_trash.Info.Number(), TavroRecordName(Item).c_str());
     NoteCollision(Wanted);
 }
 
@@ -116,14 +119,15 @@ void TavroTrashClaims::NoteCollision(const std::string& Wanted) {
     if (++m_collisions != manyCollisions) {
         return;
     }
-    for (const int directory : {m_files, m_info}) {
-        TavroListing listing;
-        if (TavroListDirectory(directory, listing) != 0) {
-            continue;
-        }
-        while (const char* name = listing.Next()) {
-            m_taken.insert(directory == m_info ? TavroItemOfRecord(name).value_or("") : name);
-        }
+    TavroListing items;
+    TavroListing records;
+    TavroListDirectory(m_trash.Files.Number(), items);
+    TavroListDirectory(m_trash.Info.Number(), records);
+    while (const char* name = items.Next()) {
+        m_taken.insert(name);
+    }
+    while (const char* name = records.Next()) {
+        m_taken.insert(TavroItemOfRecord(name).value_or(""));
     }
 }
 

@@ -4,7 +4,7 @@
 #define TAVRO_ENGINE_TRASH_RECORD_H
 
 #include "failure.h"
-#include "names.h"
+#include "trash_folders.h"
 
 #include <cstdint>
 #include <ctime>
@@ -36,21 +36,20 @@ std::string TavroRecordText(const std::string& OriginalPath, std::time_t Time);
 /// Creates a record whole, for the user to read and write whatever the umask. One that is there is
 /// never replaced.
 ///
-/// @param Info    the open `info` directory.
 /// @param IoMode  0 for the first record of an operation; the mode that new records get is looked
 ///                up then, and kept here for the others.
-/// @return CreateRecord, with EEXIST when there is a record of that name, or WriteRecord; both with
-///         the record's name as the path, and no new record is left.
-TavroFailure TavroCreateRecord(int Info, const std::string& Item, const std::string& Text,
-                               mode_t& IoMode);
+/// @return CreateRecord, with EEXIST when there is a record of that name, or WriteRecord; no new
+///         record is left then.
+TavroFailure TavroCreateRecord(const TavroOpenTrash& Trash, const std::string& Item,
+                               const std::string& Text, mode_t& IoMode);
 
 /// Claims names for what goes to the trash. A record that was created whole holds its name, for
 /// every program that keeps to the convention. Thousands of entries of one name cost no more than
 /// as many of different names.
 class TavroTrashClaims {
 public:
-    /// @param Files  the open directories of the trash; the caller's.
-    TavroTrashClaims(int Files, int Info) : m_files(Files), m_info(Info) {}
+    /// @param Trash  kept by reference.
+    explicit TavroTrashClaims(const TavroOpenTrash& Trash) : m_trash(Trash) {}
 
     /// Creates the record of an entry under the first free of NAME, `NAME copy 1.EXT` … that leaves
     /// room for the record's name. Whether there is an item of that name shows when the entry is
@@ -64,8 +63,7 @@ public:
 private:
     void NoteCollision(const std::string& Wanted);
 
-    int m_files;
-    int m_info;
+    const TavroOpenTrash& m_trash;
     mode_t m_mode = 0;
     int m_collisions = 0;
     std::unordered_map<std::string, std::uint64_t> m_next; ///< For wanted names that were taken.

@@ -21,8 +21,9 @@ protected:
     TrashRecord() {
         makeDirectory(info());
         makeDirectory(m_sandbox / "files");
-        EXPECT_EQ(TavroOpenDirectory(info().string(), m_info), 0);
-        EXPECT_EQ(TavroOpenDirectory((m_sandbox / "files").string(), m_files), 0);
+        EXPECT_EQ(TavroOpenDirectory(info().string(), m_trash.Info), 0);
+        EXPECT_EQ(TavroOpenDirectory((m_sandbox / "files").string(), m_trash.Files), 0);
+        m_trash.Folders.Info = info().string();
     }
 
     fs::path info() const {
@@ -32,7 +33,7 @@ protected:
         return info() / (name + ".trashinfo");
     }
     std::optional<TavroTrashRecord> read(const std::string& name) const {
-        return TavroReadRecord(m_info.Number(), name, "/home/me");
+        return TavroReadRecord(m_trash.Info.Number(), name, "/home/me");
     }
     /// The path, or the date, that is read from such a record; "none" when nothing can be read.
     std::string pathOf(const std::string& bytes) const {
@@ -47,10 +48,10 @@ protected:
     }
     TavroFailure create(const std::string& name, const std::string& text = "text") const {
         mode_t mode = 0;
-        return TavroCreateRecord(m_info.Number(), name, text, mode);
+        return TavroCreateRecord(m_trash, name, text, mode);
     }
     TavroTrashClaims claims() const {
-        return {m_files.Number(), m_info.Number()};
+        return TavroTrashClaims(m_trash);
     }
     /// The name that is claimed.
     static std::string claim(TavroTrashClaims& claims, const std::string& wanted) {
@@ -64,8 +65,7 @@ protected:
     }
 
     Sandbox m_sandbox;
-    TavroDescriptor m_files;
-    TavroDescriptor m_info;
+    TavroOpenTrash m_trash;
 };
 
 using WriteRecord = TrashRecord;
@@ -112,7 +112,7 @@ TEST_F(WriteRecord, replaces_none_that_is_there_be_it_a_dangling_link) {
         const TavroFailure failure = create(name);
         EXPECT_EQ(failure.Kind, TavroFailureKind::CreateRecord);
         EXPECT_EQ(failure.Error, std::errc::file_exists);
-        EXPECT_EQ(failure.Path, name + ".trashinfo");
+        EXPECT_EQ(failure.Path, record(name).string());
     }
     EXPECT_EQ(readFile(record("a")), "precious");
     EXPECT_EQ(fs::read_symlink(record("b")), "nowhere");
@@ -139,16 +139,16 @@ TEST_F(WriteRecord, can_be_read_by_the_user_under_a_closed_umask) {
     const ScopedUmask closed(0777);
     mode_t mode = 0;
     for (const std::string name : {"a", "b"}) {
-        EXPECT_FALSE(TavroCreateRecord(m_info.Number(), name, "text", mode));
+        EXPECT_FALSE(TavroCreateRecord(m_trash, name, "text", mode));
         EXPECT_EQ(modeOf(record(name)), 0600U);
     }
 }
 
 TEST_F(WriteRecord, costs_three_calls_after_the_first) {
     mode_t mode = 0;
-    ASSERT_FALSE(TavroCreateRecord(m_info.Number(), "a", "text", mode));
+    ASSERT_FALSE(TavroCreateRecord(m_trash, "a", "text", mode));
     CallCounts counts;
-    ASSERT_FALSE(TavroCreateRecord(m_info.Number(), "b", "text", mode));
+    ASSERT_FALSE(TavroCreateRecord(m_trash, "b", "text", mode));
     EXPECT_EQ(counts.all(), 3);
     EXPECT_EQ(counts.of("openat") + counts.of("pwrite") + counts.of("close"), 3);
 }
