@@ -1,48 +1,10 @@
-#include "commands.h"
-#include "entries.h"
-#include "interrupt.h"
+// `tavro delete`.
+
+#include "command.h"
+#include "edit.h"
 #include "measure.h"
-#include "terminal.h"
-#include "trash.h"
-
-#include <algorithm>
-
-namespace fs = std::filesystem;
 
 namespace {
-
-/// What nobody deletes on purpose: the home directory, the folders of the trash, the current
-/// directory.
-std::vector<fs::path> ProtectedPlaces() {
-    const TavroTrashFolders trash = TavroFindTrashFolders();
-    std::error_code ec;
-    return {TavroHomeDirectoryPath(), trash.Root, trash.Files, trash.Info, fs::current_path(ec)};
-}
-
-/// Whether the entry is one of the places, or holds one. The root directory holds everything.
-bool IsProtected(const TavroOperationEntry& Entry, const std::vector<fs::path>& Places) {
-    if (Entry.Path == "/") {
-        return true;
-    }
-    const auto isHeld = [&Entry](const fs::path& place) {
-        return !place.empty() && (TavroPathsEquivalentOrSame(Entry.Path, place) ||
-                                  TavroPathIsInside(Entry.Path, place));
-    };
-    return Entry.bDirectory && std::any_of(Places.begin(), Places.end(), isHeld);
-}
-
-/// Says which entries are never deleted, before anything is touched.
-bool CheckNoneProtected(const std::vector<TavroOperationEntry>& Entries) {
-    const std::vector<fs::path> places = ProtectedPlaces();
-    bool bNone = true;
-    for (const TavroOperationEntry& entry : Entries) {
-        if (IsProtected(entry, places)) {
-            TavroPrintError("Refusing to delete '" + entry.Path + "'");
-            bNone = false;
-        }
-    }
-    return bNone;
-}
 
 /// "2 files and 1 folder (1.5 kB)"
 std::string ContentText(const TavroMeasurement& Measurement) {
@@ -55,44 +17,31 @@ std::string ContentText(const TavroMeasurement& Measurement) {
     return (Measurement.FileCount == 0 ? folders : files + " and " + folders) + size;
 }
 
-/// Deletes one entry for good, the innermost first, so that an interrupt takes effect soon.
-/// @return false when it was interrupted, or with a sentence in `ErrorMessage`.
-bool DeleteEntry(const TavroOperationEntry& Entry, std::string& ErrorMessage) {
-    std::vector<TavroOperationEntry> below;
-    std::error_code ec;
-    if (Entry.bDirectory) {
-        fs::directory_iterator listing(Entry.Path, ec);
-        for (const fs::directory_iterator end; !ec && listing != end; listing.increment(ec)) {
-            below.push_back(TavroSelectEntry(listing->path().string()));
-        }
-    }
-    for (const TavroOperationEntry& entry : below) {
-        if (TavroWasInterrupted() || !DeleteEntry(entry, ErrorMessage)) {
-            return false;
-        }
-    }
-    return TavroDeleteEntries({Entry}, false, ErrorMessage);
-}
-
-int DeleteAll(const std::vector<TavroOperationEntry>& Entries) {
+/// Asks whether all this is to be deleted.
+/// @param OutContent  what it is.
+/// @return TavroExitDone for a yes; else the exit code to end with.
+int AgreeToDeleting(const std::vector<TavroOperationEntry>& Entries, std::string& OutContent) {
+    TavroMeasurement measurement;
     for (const TavroOperationEntry& entry : Entries) {
-        std::string error;
-        if (!TavroWasInterrupted() && DeleteEntry(entry, error)) {
-            continue;
+        if (!TavroMeasureEntry(entry.Path, TavroWasInterrupted, measurement)) {
+            return TavroInterruptedExitCode();
         }
-        TavroPrintError(error.empty() ? "Interrupted: what is left of '" + entry.Path +
-                                            "' and what comes after it stays."
-                                      : error);
-        return TavroWasInterrupted() ? TavroExitInterrupted : TavroExitFailed;
     }
-    return TavroExitDone;
+    OutContent = ContentText(measurement);
+    for (const TavroOperationEntry& entry : Entries) {
+        TavroPrintLine(stderr, entry.Path);
+    }
+    return TavroConfirm("Delete " + OutContent + " for good?", "Nothing was deleted.");
 }
 
-} // namespace
-
-int TavroRunDelete(const std::vector<std::string>& Entries, bool bForce) {
-    std::vector<TavroOperationEntry> selection;
-    if (!TavroFindEntries(Entries, selection) || !CheckNoneProtected(selection)) {
+int RunDelete(const std::vector<std::string>& Texts, bool bForce) {
+    std::vector<TavroOperationEntry> entries;
+    if (!TavroFindEntries(Texts, entries)) {
+        return TavroExitFailed;
+    }
+    const std::vector<TavroFailure> refused = TavroCheckDeletable(entries);
+    if (!refused.empty()) {
+        TavroPrintFailures(refused);
         return TavroExitFailed;
     }
     if (!bForce && !TavroCanAsk()) {
@@ -100,24 +49,33 @@ int TavroRunDelete(const std::vector<std::string>& Entries, bool bForce) {
         return TavroExitUsage;
     }
     TavroCatchInterrupts();
-    TavroMeasurement measurement;
-    for (const TavroOperationEntry& entry : selection) {
-        if (!TavroMeasureEntry(entry.Path, TavroWasInterrupted, measurement)) {
-            return TavroExitInterrupted;
-        }
-    }
+    // Without a question nobody waits for a count, which would take longer than the deletion.
+    std::string content = TavroCountText(entries.size(), "entry");
     if (!bForce) {
-        for (const TavroOperationEntry& entry : selection) {
-            TavroPrintLine(stderr, entry.Path);
-        }
-        if (!TavroConfirm("Delete " + ContentText(measurement) + " for good?")) {
-            TavroPrintError("Nothing was deleted.");
-            return TavroWasInterrupted() ? TavroExitInterrupted : TavroExitFailed;
+        if (const int exitCode = AgreeToDeleting(entries, content)) {
+            return exitCode;
         }
     }
-    const int exitCode = DeleteAll(selection);
-    if (exitCode == TavroExitDone) {
-        TavroPrintLine(stdout, "Deleted " + ContentText(measurement));
+    TavroCallbacks callbacks;
+    callbacks.ShouldCancel = TavroWasInterrupted;
+    const TavroFailure failure = TavroDeleteForGood(entries, callbacks);
+    if (failure.Kind == TavroFailureKind::Cancelled) {
+        TavroPrintError("Interrupted: what is left of '" + failure.Path +
+                        "' and what comes after it stays.");
+        return TavroExitCodeOf(failure);
     }
-    return exitCode;
+    if (!failure) {
+        TavroPrintLine(stdout, "Deleted " + content);
+    }
+    return TavroPrintFailure(failure);
+}
+
+} // namespace
+
+void TavroAddDelete(CLI::App& App, TavroCommandTable& Table) {
+    CLI::App* command = TavroAddCommand(App, "delete", "Delete entries for good, after a question",
+                                        "delete old.iso");
+    CLI::Option* names = TavroAddNames(*command, "ENTRY", 1, "What is deleted");
+    CLI::Option* force = command->add_flag("-f,--force", "Without asking");
+    Table[command] = [=] { return RunDelete(TavroValues(names), !force->empty()); };
 }

@@ -1,13 +1,20 @@
-/// Ctrl-C, seen by work that can stop cleanly.
+/// Ctrl-C and its like, noted for work that can stop cleanly.
 
 #ifndef TAVRO_CLI_INTERRUPT_H
 #define TAVRO_CLI_INTERRUPT_H
 
-/// From now on an interrupt or a request to terminate is noted instead of ending the process. A
-/// second interrupt ends it at once.
+/// From now on SIGINT, SIGTERM and SIGHUP are noted instead of ending the process; those that were
+/// ignored at its start stay ignored. A Ctrl-C after another signal ends it at once.
 void TavroCatchInterrupts();
 
-/// Whether one has come since.
+/// Whether a signal has been noted: the hook that cancels an operation.
 bool TavroWasInterrupted();
+
+/// The exit code of what was cancelled: 128 and the number of the signal, 130 for Ctrl-C.
+int TavroInterruptedExitCode();
+
+/// Waits until standard input has something to read, or has ended.
+/// @return false when a signal has been noted, be it before the wait.
+bool TavroAwaitInput();
 
 #endif

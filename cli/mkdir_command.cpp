@@ -1,39 +1,29 @@
 // `tavro mkdir`.
 
-#include "commands.h"
-#include "interrupt.h"
+#include "command.h"
 #include "record.h"
-#include "selection.h"
-#include "terminal.h"
-
-namespace fs = std::filesystem;
+#include "recording.h"
 
 namespace {
 
-/// The directories that have to be created for `Path` to exist, outer ones first.
-std::vector<TavroHistoryStep> MissingDirectories(fs::path Path) {
-    std::vector<TavroHistoryStep> steps;
-    for (; Path.has_relative_path() && !TavroIsPresent(Path); Path = Path.parent_path()) {
-        steps.insert(steps.begin(), {"", Path.string()});
+int RunMkdir(const std::string& Text, const std::string& BaseDirectory) {
+    TavroCatchInterrupts();
+    const TavroEditReport report = TavroMakeDirectory(Text, BaseDirectory);
+    if (report.Failure) {
+        return TavroPrintFailure(report.Failure);
     }
-    return steps;
+    TavroRecord(TavroOperationOf(report));
+    TavroPrintLine(stdout, report.Path);
+    return TavroExitDone;
 }
 
 } // namespace
 
-int TavroRunMkdir(const std::string& Text, const std::string& BaseDirectory) {
-    TavroCatchInterrupts();
-    const fs::path target = TavroResolveUserPath(TavroTrimText(Text), BaseDirectory);
-    TavroHistoryOperation operation;
-    operation.Kind = TavroHistoryKind::CreateDirectory;
-    operation.Steps = MissingDirectories(target);
-    std::string selectedPath;
-    std::string error;
-    if (!TavroCreateDirectory(Text, BaseDirectory, selectedPath, error)) {
-        TavroPrintError(error);
-        return TavroExitFailed;
-    }
-    TavroRecordOperation(std::move(operation));
-    TavroPrintLine(stdout, selectedPath);
-    return TavroExitDone;
+void TavroAddMkdir(CLI::App& App, TavroCommandTable& Table) {
+    CLI::App* command = TavroAddCommand(App, "mkdir", "Create a folder, with its missing parents",
+                                        "mkdir 'Letters/2026'");
+    CLI::Option* text = command->add_option("TEXT");
+    text->required()->description("The new folder as a pane takes it: a name, a path, ~/…");
+    CLI::Option* in = TavroAddBaseDirectory(*command);
+    Table[command] = [=] { return RunMkdir(TavroValue(text), TavroBaseDirectory(in)); };
 }

@@ -1,13 +1,40 @@
-// `tavro plan`.
+// `tavro plan copy` and `tavro plan move`.
 
-#include "commands.h"
-#include "entries.h"
+#include "command.h"
 #include "json.h"
-#include "terminal.h"
+#include "plan.h"
+
+CLI::Option* TavroAddTransferNames(CLI::App& Command) {
+    return TavroAddNames(Command, "ENTRY... TEXT", 2,
+                         "The entries, and last the target as a pane takes it");
+}
+
+bool TavroPlanNames(const CLI::Option* Names, const CLI::Option* In, bool bMove,
+                    TavroTransferConflictPolicy Policy, TavroTransferPlan& OutPlan) {
+    std::vector<std::string> names = TavroValues(Names);
+    const std::string target = std::move(names.back());
+    names.pop_back();
+    std::vector<TavroOperationEntry> entries;
+    if (!TavroFindEntries(names, entries)) {
+        return false;
+    }
+    std::string error;
+    if (TavroPlanTransfer(entries, target, TavroBaseDirectory(In), bMove, Policy, OutPlan, error)) {
+        return true;
+    }
+    TavroPrintError(error);
+    return false;
+}
+
+void TavroPrintPlan(const TavroTransferPlan& Plan) {
+    for (const TavroTransferItemPlan& item : Plan.Items) {
+        TavroPrintLine(stdout, item.SourcePath.string() + " -> " + item.DestinationPath.string());
+    }
+}
 
 namespace {
 
-TavroJson PlanJson(const TavroTransferPlan& Plan) {
+void PrintPlanJson(const TavroTransferPlan& Plan) {
     TavroJson json = {
         {"move", Plan.bMove}, {"sourceLabel", Plan.SourceLabel}, {"items", TavroJson::array()}};
     for (const TavroTransferItemPlan& item : Plan.Items) {
@@ -17,41 +44,32 @@ TavroJson PlanJson(const TavroTransferPlan& Plan) {
         itemJson["directory"] = item.bDirectory;
         json["items"].push_back(itemJson);
     }
-    return json;
+    TavroPrintJson(json);
+}
+
+void AddVerb(CLI::App& Plan, bool bMove, TavroCommandTable& Table) {
+    CLI::App* command = TavroAddCommand(
+        Plan, bMove ? "move" : "copy", bMove ? "Plan a move" : "Plan a copy",
+        bMove ? "plan move a.txt b.txt ~/done/" : "plan copy a.txt b.txt ~/backup/");
+    CLI::Option* names = TavroAddTransferNames(*command);
+    CLI::Option* in = TavroAddBaseDirectory(*command);
+    CLI::Option* json = command->add_flag("--json", "Print the plan as JSON");
+    Table[command] = [=]() -> int {
+        TavroTransferPlan plan;
+        if (!TavroPlanNames(names, in, bMove, TavroTransferConflictPolicy::Ask, plan)) {
+            return TavroExitFailed;
+        }
+        json->empty() ? TavroPrintPlan(plan) : PrintPlanJson(plan);
+        return TavroExitDone;
+    };
 }
 
 } // namespace
 
-void TavroPrintPlan(const TavroTransferPlan& Plan) {
-    for (const TavroTransferItemPlan& item : Plan.Items) {
-        TavroPrintLine(stdout, item.SourcePath.string() + " -> " + item.DestinationPath.string());
-    }
-}
-
-bool TavroPlanRequest(const TavroTransferRequest& Request, TavroTransferConflictPolicy Policy,
-                      TavroTransferPlan& OutPlan) {
-    std::vector<TavroOperationEntry> selection;
-    if (!TavroFindEntries(Request.Entries, selection)) {
-        return false;
-    }
-    std::string error;
-    if (TavroBuildTransferPlan(selection, Request.TargetText, Request.BaseDirectory, Request.bMove,
-                               Policy, OutPlan, error)) {
-        return true;
-    }
-    TavroPrintError(error);
-    return false;
-}
-
-int TavroRunPlan(const TavroTransferRequest& Request, bool bJson) {
-    TavroTransferPlan plan;
-    if (!TavroPlanRequest(Request, TavroTransferConflictPolicy::Ask, plan)) {
-        return TavroExitFailed;
-    }
-    if (bJson) {
-        TavroPrintJson(PlanJson(plan));
-    } else {
-        TavroPrintPlan(plan);
-    }
-    return TavroExitDone;
+void TavroAddPlan(CLI::App& App, TavroCommandTable& Table) {
+    CLI::App* command = TavroAddCommand(App, "plan", "Show what a copy or a move would do",
+                                        "plan copy photos /media/stick/");
+    command->require_subcommand(1);
+    AddVerb(*command, false, Table);
+    AddVerb(*command, true, Table);
 }

@@ -8,7 +8,7 @@
 
 namespace {
 
-double FractionDone(const TavroTransferProgress& Progress) {
+double FractionDone(const TavroProgress& Progress) {
     if (Progress.ByteCount != 0) {
         return static_cast<double>(Progress.BytesDone) / static_cast<double>(Progress.ByteCount);
     }
@@ -31,9 +31,8 @@ std::string DurationText(double Seconds) {
     return text.data();
 }
 
-} // namespace
-
-std::string TavroProgressText(const TavroTransferProgress& Progress, double Seconds) {
+/// "[#####---------------] 25 %  1.0 GB of 4.0 GB  120.0 MB/s  0:25 left"
+std::string ProgressText(const TavroProgress& Progress, double Seconds) {
     if (Progress.ItemCount == 0) { // nobody has counted before
         return TavroCountText(Progress.ItemsDone, "item") + "  " +
                TavroHumanSize(Progress.BytesDone);
@@ -57,20 +56,34 @@ std::string TavroProgressText(const TavroTransferProgress& Progress, double Seco
     return text;
 }
 
+} // namespace
+
 TavroProgressBar::TavroProgressBar(bool bQuiet) : m_bActive(!bQuiet && TavroIsTerminal(stderr)) {}
 
 TavroProgressBar::~TavroProgressBar() {
     Clear();
 }
 
-void TavroProgressBar::Show(const TavroTransferProgress& Progress) {
-    const std::chrono::duration<double> seconds = Clock::now() - m_begin;
-    if (!m_bActive || seconds.count() < 0.5) {
+TavroCallbacks TavroProgressBar::Callbacks() {
+    TavroCallbacks callbacks;
+    callbacks.ShouldCancel = TavroWasInterrupted;
+    if (m_bActive) { // who tells progress measures first
+        callbacks.OnProgress = [this](const TavroProgress& progress) {
+            const std::chrono::duration<double> seconds = Clock::now() - m_begin;
+            ShowText(ProgressText(progress, seconds.count()));
+        };
+    }
+    return callbacks;
+}
+
+void TavroProgressBar::ShowText(const std::string& Text) {
+    const Clock::time_point now = Clock::now();
+    if (!m_bActive || now < m_due) {
         return;
     }
+    m_due = now + std::chrono::milliseconds(50);
     m_bShown = true;
-    std::fprintf(stderr, "\r%s\033[K", TavroProgressText(Progress, seconds.count()).c_str());
-    std::fflush(stderr);
+    std::fprintf(stderr, "\r%s\033[K", Text.c_str());
 }
 
 void TavroProgressBar::Clear() {
@@ -78,11 +91,4 @@ void TavroProgressBar::Clear() {
         std::fputs("\r\033[K", stderr);
         m_bShown = false;
     }
-}
-
-TavroTransferCallbacks TavroMakeCallbacks(TavroProgressBar& Bar) {
-    TavroTransferCallbacks callbacks;
-    callbacks.OnProgress = [&Bar](const TavroTransferProgress& progress) { Bar.Show(progress); };
-    callbacks.ShouldCancel = TavroWasInterrupted;
-    return callbacks;
 }

@@ -3,7 +3,7 @@
 #ifndef TAVRO_CLI_PROGRESS_BAR_H
 #define TAVRO_CLI_PROGRESS_BAR_H
 
-#include "transfer.h"
+#include "progress.h"
 
 #include <chrono>
 #include <string>
@@ -18,9 +18,14 @@ public:
     TavroProgressBar(const TavroProgressBar&) = delete;
     TavroProgressBar& operator=(const TavroProgressBar&) = delete;
 
-    void Show(const TavroTransferProgress& Progress);
+    /// What an operation is called with: progress is shown here, where there is somebody to see it,
+    /// and an interrupt cancels. They refer to this bar.
+    TavroCallbacks Callbacks();
 
-    /// Takes the line away, for a question or a sentence; the next Show brings it back.
+    /// Shows another text instead, at most 20 times a second.
+    void ShowText(const std::string& Text);
+
+    /// Takes the line away, for a question or a sentence; the next text brings it back.
     void Clear();
 
 private:
@@ -28,13 +33,8 @@ private:
 
     const bool m_bActive;
     const Clock::time_point m_begin = Clock::now();
+    Clock::time_point m_due = m_begin + std::chrono::milliseconds(500);
     bool m_bShown = false;
 };
-
-/// Callbacks that show progress in `Bar`, which they refer to, and cancel after an interrupt.
-TavroTransferCallbacks TavroMakeCallbacks(TavroProgressBar& Bar);
-
-/// The text of the bar: "[#####---------------] 25 %  1.0 GB of 4.0 GB  120.0 MB/s  0:25 left".
-std::string TavroProgressText(const TavroTransferProgress& Progress, double Seconds);
 
 #endif

@@ -1,76 +1,34 @@
 // `tavro rename`.
 
-#include "commands.h"
-#include "entries.h"
-#include "interrupt.h"
-#include "no_replace.h"
+#include "command.h"
 #include "record.h"
-#include "tavropane.h"
-#include "terminal.h"
-
-namespace fs = std::filesystem;
+#include "recording.h"
 
 namespace {
 
-/// The module follows links when it looks for something in the way, so a dangling link would be
-/// replaced.
-bool IsDanglingLink(const fs::path& Path) {
-    std::error_code ec;
-    return fs::is_symlink(fs::symlink_status(Path, ec)) && !fs::exists(Path, ec);
-}
-
-/// Renames in one step that never replaces anything, where nothing has to be created or refused.
-bool RenameNoReplace(const TavroOperationEntry& Entry, const fs::path& Target) {
-    if (TavroIsCddaPath(Entry.Path) || Target.empty() || TavroIsPresent(Target)) {
-        return false;
+int RunRename(const std::string& Entry, const std::string& Text) {
+    std::vector<TavroOperationEntry> entries;
+    if (!TavroFindEntries({Entry}, entries)) {
+        return TavroExitFailed;
     }
-    std::error_code ec;
-    TavroRenameNoReplace(Entry.Path, Target, ec);
-    return !ec;
-}
-
-/// What the quick way could not do the module does, or says why not.
-bool Rename(const TavroOperationEntry& Entry, const std::string& Text,
-            const fs::path& BaseDirectory) {
-    std::string selectedPath;
-    std::string error;
-    try {
-        if (TavroRenameEntry(Entry, Text, BaseDirectory, selectedPath, error)) {
-            return true;
-        }
-    } catch (const fs::filesystem_error& failure) {
-        error = "Cannot examine the rename target '" + failure.path1().string() +
-                "': " + failure.code().message();
+    TavroCatchInterrupts();
+    const TavroEditReport report = TavroRenameTo(entries.front(), Text);
+    if (report.Failure) {
+        return TavroPrintFailure(report.Failure);
     }
-    TavroPrintError(error);
-    return false;
+    TavroRecord(TavroOperationOf(report, entries.front().Path));
+    TavroPrintLine(stdout, report.Path);
+    return TavroExitDone;
 }
 
 } // namespace
 
-int TavroRunRename(const std::string& Entry, const std::string& Text) {
-    std::vector<TavroOperationEntry> selection;
-    if (!TavroFindEntries({Entry}, selection)) {
-        return TavroExitFailed;
-    }
-    const TavroOperationEntry& entry = selection.front();
-    // A bare new name stays beside the entry.
-    const fs::path baseDirectory = fs::path(entry.Path).parent_path();
-    const fs::path target = TavroResolveUserPath(TavroTrimText(Text), baseDirectory);
-    if (IsDanglingLink(target)) {
-        TavroPrintError("Rename target already exists, as a link to nothing: '" + target.string() +
-                        "'");
-        return TavroExitFailed;
-    }
-    TavroCatchInterrupts();
-    if (!RenameNoReplace(entry, target) && !Rename(entry, Text, baseDirectory)) {
-        return TavroExitFailed;
-    }
-    TavroHistoryOperation operation;
-    operation.Kind = TavroHistoryKind::Rename;
-    operation.Steps = {{entry.Path, target.string()}};
-    TavroRecordOperation(std::move(operation));
-    // The entry's own path: the module's would name what a renamed link points to.
-    TavroPrintLine(stdout, target.string());
-    return TavroExitDone;
+void TavroAddRename(CLI::App& App, TavroCommandTable& Table) {
+    CLI::App* command = TavroAddCommand(App, "rename", "Rename an entry, or move it to a new path",
+                                        "rename report.txt final.txt");
+    CLI::Option* entry = command->add_option("ENTRY");
+    entry->required()->description("What is renamed");
+    CLI::Option* text = command->add_option("TEXT");
+    text->required()->description("The new name, or the full new path; relative to the entry");
+    Table[command] = [=] { return RunRename(TavroValue(entry), TavroValue(text)); };
 }

@@ -1,46 +1,41 @@
 #include "terminal.h"
 
+#include "interrupt.h"
+
 #include <array>
 #include <cstddef>
 #include <unistd.h>
 
 namespace {
 
-bool IsContinuation(const std::string& Text, std::size_t Index) {
-    return Index < Text.size() && (static_cast<unsigned char>(Text[Index]) & 0xC0U) == 0x80U;
-}
-
 /// How many bytes the character at `Index` has; 0 when it is a control character or no UTF-8.
 std::size_t PrintableLength(const std::string& Text, std::size_t Index) {
-    const auto first = static_cast<unsigned char>(Text[Index]);
-    if (first < 0x80U) {
-        return first >= 0x20U && first != 0x7FU ? 1 : 0;
-    }
-    const auto second = Index + 1 < Text.size() ? static_cast<unsigned char>(Text[Index + 1]) : 0U;
-    std::size_t length = 0;
-    if (first >= 0xC2U && first <= 0xDFU) {
-        length = first == 0xC2U && second < 0xA0U ? 0 : 2; // U+0080 to U+009F are controls
-    } else if (first >= 0xE0U && first <= 0xEFU) {
-        const bool bOverlong = first == 0xE0U && second < 0xA0U;
-        const bool bSurrogate = first == 0xEDU && second >= 0xA0U;
-        length = bOverlong || bSurrogate ? 0 : 3;
-    } else if (first >= 0xF0U && first <= 0xF4U) {
-        const bool bOverlong = first == 0xF0U && second < 0x90U;
-        const bool bTooLarge = first == 0xF4U && second >= 0x90U;
-        length = bOverlong || bTooLarge ? 0 : 4;
-    }
+    const auto byteAt = [&](std::size_t at) {
+        return at < Text.size() ? static_cast<unsigned char>(Text[at]) : 0U;
+    };
+    const unsigned first = byteAt(Index);
+    const std::size_t length = first < 0x80 ? 1 : first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
+    std::uint32_t character = length == 1 ? first : first & (0x7FU >> length);
     for (std::size_t i = 1; i < length; ++i) {
-        if (!IsContinuation(Text, Index + i)) {
+        if ((byteAt(Index + i) & 0xC0U) != 0x80U) {
             return 0;
         }
+        character = character << 6U | (byteAt(Index + i) & 0x3FU);
     }
-    return length;
+    constexpr std::array<std::uint32_t, 5> least = {0, 0x20, 0xA0, 0x800, 0x10000};
+    const bool bSurrogate = character >= 0xD800 && character < 0xE000;
+    const bool bLead = first < 0x80 || (first >= 0xC0 && first < 0xF8);
+    return bLead && character >= least.at(length) && character != 0x7F && !bSurrogate &&
+                   character <= 0x10FFFF
+               ? length
+               : 0;
 }
 
 } // namespace
 
 bool TavroIsTerminal(std::FILE* Stream) {
-    return isatty(fileno(Stream)) != 0;
+    static const std::array<bool, 3> terminals = {isatty(0) != 0, isatty(1) != 0, isatty(2) != 0};
+    return terminals.at(static_cast<std::size_t>(fileno(Stream)));
 }
 
 std::string TavroPrintableText(const std::string& Text) {
@@ -68,6 +63,46 @@ void TavroPrintLine(std::FILE* Stream, const std::string& Text) {
 
 void TavroPrintError(const std::string& Sentence) {
     TavroPrintLine(stderr, "tavro: " + Sentence);
+}
+
+int TavroExitCodeOf(const TavroFailure& Failure) {
+    if (Failure.Kind == TavroFailureKind::Cancelled) {
+        return TavroInterruptedExitCode();
+    }
+    return Failure ? TavroExitFailed : TavroExitDone;
+}
+
+int TavroPrintFailure(const TavroFailure& Failure) {
+    if (Failure) {
+        TavroPrintError(TavroDescribe(Failure));
+    }
+    return TavroExitCodeOf(Failure);
+}
+
+void TavroPrintFailures(const std::vector<TavroFailure>& Failures) {
+    for (const TavroFailure& failure : Failures) {
+        TavroPrintFailure(failure);
+    }
+}
+
+void TavroPrintUnlisted(std::uint64_t Count) {
+    if (Count > 0) {
+        TavroPrintError(TavroCountText(Count, "item") + " in the trash " +
+                        (Count == 1 ? "has" : "have") +
+                        " no record that can be read: see 'tavro doctor'");
+    }
+}
+
+void TavroPrintLost(const TavroAttributesLost& Lost) {
+    const auto text = [](const std::string& what, std::uint64_t count) {
+        return count == 0 ? "" : what + " of " + TavroCountText(count, "entry");
+    };
+    const std::string lists = text("access control lists", Lost.AccessLists);
+    const std::string attributes = text("extended attributes", Lost.ExtendedAttributes);
+    const std::string both = lists.empty() || attributes.empty() ? "" : ", ";
+    if (!lists.empty() || !attributes.empty()) {
+        TavroPrintError("Lost on the way: " + lists + both + attributes);
+    }
 }
 
 std::string TavroGroupedNumber(std::uint64_t Number) {
@@ -106,21 +141,30 @@ bool TavroCanAsk() {
     return TavroIsTerminal(stdin) && TavroIsTerminal(stderr);
 }
 
-std::string TavroAsk(const std::string& Question) {
+std::optional<std::string> TavroAsk(const std::string& Question) {
+    std::fflush(stdout);
     std::fwrite(Question.data(), 1, Question.size(), stderr);
-    std::fflush(stderr);
     std::string answer;
-    int byte = std::getchar();
-    for (; byte != EOF && byte != '\n'; byte = std::getchar()) {
-        answer += static_cast<char>(byte);
+    char byte = '\0';
+    while (TavroAwaitInput() && read(STDIN_FILENO, &byte, 1) == 1 && byte != '\n') {
+        answer += byte;
     }
-    if (byte == EOF) {
+    if (byte != '\n') {
         std::fputs("\n", stderr); // nobody typed one
+    }
+    if (TavroWasInterrupted()) {
+        return std::nullopt;
     }
     return answer;
 }
 
-bool TavroConfirm(const std::string& Question) {
-    const std::string answer = TavroAsk(TavroPrintableText(Question) + " [y/N] ");
-    return answer == "y" || answer == "Y" || answer == "yes";
+int TavroConfirm(const std::string& Question, const std::string& Otherwise) {
+    const std::optional<std::string> answer = TavroAsk(TavroPrintableText(Question) + " [y/N] ");
+    if (answer == "y" || answer == "Y" || answer == "yes") {
+        return TavroExitDone;
+    }
+    if (!Otherwise.empty()) {
+        TavroPrintError(Otherwise);
+    }
+    return answer ? TavroExitFailed : TavroInterruptedExitCode();
 }

@@ -3,11 +3,24 @@
 #ifndef TAVRO_CLI_TERMINAL_H
 #define TAVRO_CLI_TERMINAL_H
 
+#include "copy_file.h"
+#include "failure.h"
+#include "measure.h"
+
 #include <cstdint>
 #include <cstdio>
+#include <optional>
 #include <string>
+#include <vector>
 
-/// Whether what is written to (or read from) `Stream` meets a person.
+/// The exit codes that a script can rely on; beside them 128 and the number of a signal.
+enum TavroExitCode : int {
+    TavroExitDone = 0,
+    TavroExitFailed = 1, ///< Something was not done; standard error says what.
+    TavroExitUsage = 2,  ///< The command line was not understood, and nothing was done.
+};
+
+/// Whether what is written to (or read from) a standard stream meets a person.
 bool TavroIsTerminal(std::FILE* Stream);
 
 /// `Text` with every byte that a terminal could take for a command shown as \xNN: control
@@ -19,6 +32,20 @@ void TavroPrintLine(std::FILE* Stream, const std::string& Text);
 
 /// Writes "tavro: SENTENCE" to standard error.
 void TavroPrintError(const std::string& Sentence);
+void TavroPrintFailures(const std::vector<TavroFailure>& Failures);
+
+/// The exit code that a failure leads to, or that there is none.
+int TavroExitCodeOf(const TavroFailure& Failure);
+
+/// Writes the sentence of a failure, or nothing when there is none.
+/// @return its exit code.
+int TavroPrintFailure(const TavroFailure& Failure);
+
+/// Says how much a list of the trash does not tell of, so that nobody takes it for the whole trash.
+void TavroPrintUnlisted(std::uint64_t Count);
+
+/// Says on standard error what a file system could not hold; nothing when nothing was lost.
+void TavroPrintLost(const TavroAttributesLost& Lost);
 
 /// The number with its digits in groups of three: 1,234,567.
 std::string TavroGroupedNumber(std::uint64_t Number);
@@ -29,16 +56,18 @@ std::string TavroCountText(std::uint64_t Count, const std::string& Singular);
 /// A size as people read it: "1 byte", "999 bytes", "1.2 kB", "34 MB", in powers of 1,000.
 std::string TavroHumanSize(std::uint64_t Bytes);
 
-/// Asks a question on standard error. It is written as it is: names in it are made printable
-/// before.
-/// @return the line that was typed; empty at the end of the input, and after an interrupt.
-std::string TavroAsk(const std::string& Question);
-
-/// Asks a question that is answered by y or n, on standard error.
-/// @return true for a yes; false for anything else, the end of the input included.
-bool TavroConfirm(const std::string& Question);
-
 /// Whether a question can be asked: somebody reads standard error and types standard input.
 bool TavroCanAsk();
+
+/// Asks a question on standard error. It is written as it is: names in it are made printable
+/// before.
+/// @return the line that was typed, empty at the end of the input; nothing after an interrupt.
+std::optional<std::string> TavroAsk(const std::string& Question);
+
+/// Asks a question that is answered by y or n.
+/// @param Otherwise  what is said when the answer is no yes. May be empty.
+/// @return TavroExitDone for a yes; else the exit code to end with: that of an interrupt, or
+///         TavroExitFailed for anything else that was typed, the end of the input included.
+int TavroConfirm(const std::string& Question, const std::string& Otherwise = "");
 
 #endif

@@ -1,131 +1,148 @@
 // `tavro copy` and `tavro move`.
 
-#include "commands.h"
-#include "history.h"
-#include "interrupt.h"
+#include "command.h"
 #include "progress_bar.h"
 #include "record.h"
-#include "terminal.h"
+#include "recording.h"
 #include "transfer.h"
+
+#include <array>
 
 namespace {
 
+/// What is done about something that is in the way.
+struct OnConflict {
+    TavroTransferConflictPolicy Policy = TavroTransferConflictPolicy::Ask;
+    bool bKeepBoth = false;
+};
+
+const std::map<std::string, OnConflict> onConflicts = {
+    {"ask", {}},
+    {"overwrite", {TavroTransferConflictPolicy::Overwrite}},
+    {"skip", {TavroTransferConflictPolicy::Skip}},
+    {"keep-both", {TavroTransferConflictPolicy::Ask, true}},
+};
+
 /// Asks what is done about a conflict. A capital letter answers all later ones too.
-TavroConflictAnswer AskAbout(const TavroTransferConflict& Conflict) {
+/// @return nothing after an interrupt.
+std::optional<TavroConflictAnswer> AskAbout(const TavroTransferConflict& Conflict) {
     const std::string what = Conflict.bDestinationDirectory ? "Folder" : "File";
     const std::string by = Conflict.bSourceDirectory ? "the folder" : "the file";
+    const std::string question =
+        what + " exists: " + TavroPrintableText(Conflict.DestinationPath) + "\nReplace it by " +
+        by + " " + TavroPrintableText(Conflict.SourcePath) +
+        "? [o]verwrite, [s]kip, keep [b]oth, [q]uit; a capital letter: for all ";
     for (;;) {
-        const std::string answer = TavroAsk(
-            what + " exists: " + TavroPrintableText(Conflict.DestinationPath.string()) +
-            "\nReplace it by " + by + " " + TavroPrintableText(Conflict.SourcePath.string()) +
-            "? [o]verwrite, [s]kip, keep [b]oth, [q]uit; a capital letter: for all ");
-        if (answer == "o" || answer == "O") {
-            return {TavroConflictChoice::Overwrite, answer == "O"};
+        const std::optional<std::string> answer = TavroAsk(question);
+        if (!answer) {
+            return std::nullopt;
         }
-        if (answer == "s" || answer == "S") {
-            return {TavroConflictChoice::Skip, answer == "S"};
-        }
-        if (answer == "b" || answer == "B") {
-            return {TavroConflictChoice::KeepBoth, answer == "B"};
-        }
-        if (answer == "q" || answer == "Q" || answer.empty()) {
-            return {TavroConflictChoice::Stop, true};
+        constexpr std::array<TavroConflictChoice, 4> choices = {
+            TavroConflictChoice::Overwrite, TavroConflictChoice::Skip,
+            TavroConflictChoice::KeepBoth, TavroConflictChoice::Stop};
+        const std::size_t letter = std::string("osbqOSBQ").find(answer->empty() ? "q" : *answer);
+        if (letter != std::string::npos && answer->size() < 2) {
+            return {{choices.at(letter % 4), letter >= 4}};
         }
     }
 }
 
-std::function<TavroConflictAnswer(const TavroTransferConflict&)>
-ConflictHandler(TavroOnConflict OnConflict, TavroProgressBar& Bar) {
-    if (OnConflict == TavroOnConflict::KeepBoth) {
+/// @param bOutStopped  set when a person's answer was to stop.
+TavroConflictJudge::Ask ConflictHandler(const OnConflict& What, TavroProgressBar& Bar,
+                                        bool& bOutStopped) {
+    if (What.bKeepBoth) {
         return [](const TavroTransferConflict&) {
             return TavroConflictAnswer{TavroConflictChoice::KeepBoth, true};
         };
     }
-    if (OnConflict == TavroOnConflict::Skip || !TavroCanAsk()) {
+    if (What.Policy == TavroTransferConflictPolicy::Skip || !TavroCanAsk()) {
         return {}; // nobody to ask: what is in the way stays, and is reported
     }
-    return [&Bar](const TavroTransferConflict& conflict) {
+    return [&Bar, &bOutStopped](const TavroTransferConflict& conflict) {
         Bar.Clear();
-        return AskAbout(conflict);
+        const std::optional<TavroConflictAnswer> answer = AskAbout(conflict);
+        bOutStopped = answer && answer->Choice == TavroConflictChoice::Stop;
+        return answer.value_or(TavroConflictAnswer{TavroConflictChoice::Stop, true});
     };
 }
 
-TavroTransferConflictPolicy PolicyOf(TavroOnConflict OnConflict) {
-    switch (OnConflict) {
-    case TavroOnConflict::Overwrite:
-        return TavroTransferConflictPolicy::Overwrite;
-    case TavroOnConflict::Skip:
-        return TavroTransferConflictPolicy::Skip;
-    case TavroOnConflict::Ask:
-    case TavroOnConflict::KeepBoth:
-        break;
+void PrintReport(const TavroTransferReport& Report, bool bMove, bool bQuiet) {
+    for (const std::string& path : Report.Skipped) {
+        TavroPrintError("Skipped, as something is in its place: '" + path + "'");
     }
-    return TavroTransferConflictPolicy::Ask;
-}
-
-/// What replaced something cannot be undone by moving it away: the old entry would not come back.
-TavroHistoryOperation OperationOf(const TavroTransferReport& Report, bool bMove) {
-    TavroHistoryOperation operation;
-    operation.Kind = bMove ? TavroHistoryKind::Move : TavroHistoryKind::Copy;
-    operation.RemovedFolders = Report.RemovedFolders;
+    TavroPrintFailures(Report.Failed);
+    TavroPrintLost(Report.Lost);
     for (const TavroTransferredEntry& entry : Report.Done) {
-        if (bMove || !entry.bReplaced) {
-            operation.Steps.push_back({entry.From.string(), entry.To.string()});
+        if (!bQuiet) {
+            TavroPrintLine(stdout, (bMove ? "Moved " : "Copied ") + entry.From + " -> " + entry.To);
         }
     }
-    return operation;
 }
 
-void PrintReport(const TavroTransferReport& Report, bool bMove, bool bQuiet) {
-    for (const std::filesystem::path& path : Report.Skipped) {
-        TavroPrintError("Skipped, as something is in its place: '" + path.string() + "'");
-    }
-    for (const TavroTransferFailure& failure : Report.Failed) {
-        TavroPrintError(failure.Reason);
-    }
-    if (bQuiet) {
-        return;
-    }
-    for (const TavroTransferredEntry& entry : Report.Done) {
-        TavroPrintLine(stdout, std::string(bMove ? "Moved " : "Copied ") + entry.From.string() +
-                                   " -> " + entry.To.string());
-    }
-}
-
-int ExitCodeOf(const TavroTransferReport& Report, TavroOnConflict OnConflict) {
-    if (Report.bCancelled && TavroWasInterrupted()) {
+int ExitCodeOf(const TavroTransferReport& Report, const OnConflict& What, bool bStopped) {
+    if (Report.bCancelled && !bStopped) {
         TavroPrintError("Interrupted: what was begun last is undone, what is listed is done.");
-        return TavroExitInterrupted;
+        return TavroInterruptedExitCode();
     }
     if (Report.bCancelled) {
         TavroPrintError("Stopped: what is listed is done, nothing else was touched.");
     }
-    const bool bSkippedUnasked = !Report.Skipped.empty() && OnConflict != TavroOnConflict::Skip;
-    return Report.Failed.empty() && !Report.bCancelled && !(bSkippedUnasked && !TavroCanAsk())
-               ? TavroExitDone
-               : TavroExitFailed;
+    const bool bSkippedUnasked = !Report.Skipped.empty() &&
+                                 What.Policy != TavroTransferConflictPolicy::Skip && !TavroCanAsk();
+    return Report.Failed.empty() && !Report.bCancelled && !bSkippedUnasked ? TavroExitDone
+                                                                           : TavroExitFailed;
+}
+
+int RunTransfer(TavroTransferPlan& Plan, const OnConflict& What, bool bQuiet) {
+    TavroCatchInterrupts();
+    TavroTransferReport report;
+    bool bStopped = false;
+    {
+        TavroProgressBar bar(bQuiet);
+        const TavroTransferCallbacks callbacks{bar.Callbacks(),
+                                               ConflictHandler(What, bar, bStopped)};
+        TavroCarryOutTransfer(Plan, callbacks, report);
+    }
+    // Recorded before it is printed: a reader that goes away must not cost the undo.
+    TavroRecord(TavroOperationOf(report, Plan.bMove));
+    PrintReport(report, Plan.bMove, bQuiet);
+    return ExitCodeOf(report, What, bStopped);
+}
+
+void AddTransfer(CLI::App& App, bool bMove, TavroCommandTable& Table) {
+    CLI::App* command = TavroAddCommand(App, bMove ? "move" : "copy",
+                                        bMove ? "Move entries to a folder or a new path"
+                                              : "Copy entries to a folder or a new path",
+                                        bMove ? "move *.log ~/Logs/" : "copy photos /media/stick/");
+    CLI::Option* names = TavroAddTransferNames(*command);
+    CLI::Option* in = TavroAddBaseDirectory(*command);
+    CLI::Option* onConflict = command->add_option("--on-conflict");
+    onConflict->type_name("ask|overwrite|skip|keep-both")
+        ->description("What is done about something in the way; without a terminal, ask skips")
+        ->check(CLI::IsMember(onConflicts));
+    CLI::Option* dryRun = command->add_flag("-n,--dry-run", "Show the plan and do nothing");
+    CLI::Option* quiet = TavroAddQuiet(*command);
+    Table[command] = [=]() -> int {
+        const OnConflict what =
+            onConflict->empty() ? OnConflict() : onConflicts.at(TavroValue(onConflict));
+        TavroTransferPlan plan;
+        if (!TavroPlanNames(names, in, bMove, what.Policy, plan)) {
+            return TavroExitFailed;
+        }
+        if (dryRun->empty()) {
+            return RunTransfer(plan, what, !quiet->empty());
+        }
+        TavroPrintPlan(plan);
+        return TavroExitDone;
+    };
 }
 
 } // namespace
 
-int TavroRunTransfer(const TavroTransferArguments& Arguments) {
-    TavroTransferPlan plan;
-    if (!TavroPlanRequest(Arguments.Request, PolicyOf(Arguments.OnConflict), plan)) {
-        return TavroExitFailed;
-    }
-    if (Arguments.bDryRun) {
-        TavroPrintPlan(plan);
-        return TavroExitDone;
-    }
-    TavroCatchInterrupts();
-    TavroTransferReport report;
-    {
-        TavroProgressBar bar(Arguments.bQuiet);
-        TavroTransferCallbacks callbacks = TavroMakeCallbacks(bar);
-        callbacks.OnConflict = ConflictHandler(Arguments.OnConflict, bar);
-        TavroCarryOutTransfer(plan, callbacks, report);
-    }
-    TavroRecordOperation(OperationOf(report, plan.bMove));
-    PrintReport(report, plan.bMove, Arguments.bQuiet);
-    return ExitCodeOf(report, Arguments.OnConflict);
+void TavroAddCopy(CLI::App& App, TavroCommandTable& Table) {
+    AddTransfer(App, false, Table);
+}
+
+void TavroAddMove(CLI::App& App, TavroCommandTable& Table) {
+    AddTransfer(App, true, Table);
 }

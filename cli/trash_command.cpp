@@ -1,76 +1,80 @@
 // `tavro trash`.
 
-#include "commands.h"
-#include "entries.h"
-#include "interrupt.h"
+#include "command.h"
 #include "measure.h"
 #include "progress_bar.h"
 #include "record.h"
-#include "terminal.h"
+#include "recording.h"
 #include "trash.h"
 
 namespace {
 
 /// Copying into the trash takes time and space, so it is said, with the size, before it begins.
-/// @return false when the person was asked and said no, or interrupted the count.
-bool AgreeToCopying(const std::vector<TavroOperationEntry>& Entries, bool bQuiet) {
-    const std::vector<TavroOperationEntry> others = TavroEntriesOnOtherDevices(Entries);
-    if (others.empty()) {
-        return true;
-    }
+/// @return TavroExitDone; or the exit code to end with, when the person was asked and said no, or
+///         interrupted the count.
+int AgreeToCopying(const std::vector<TavroOperationEntry>& Others) {
     TavroMeasurement measurement;
-    for (const TavroOperationEntry& entry : others) {
+    for (const TavroOperationEntry& entry : Others) {
         if (!TavroMeasureEntry(entry.Path, TavroWasInterrupted, measurement)) {
-            return false;
+            return TavroInterruptedExitCode();
         }
     }
-    const std::string text = TavroCountText(others.size(), "entry") +
+    const std::string text = TavroCountText(Others.size(), "entry") +
                              " on another file system will be copied to the trash (" +
                              TavroHumanSize(measurement.ByteCount) + ")";
-    if (TavroCanAsk() && !bQuiet) {
-        return TavroConfirm(text + ". Go on?");
+    if (TavroCanAsk()) {
+        return TavroConfirm(text + ". Go on?", "Nothing was moved to the trash.");
     }
-    if (!bQuiet) {
-        TavroPrintError(text);
+    TavroPrintError(text);
+    return TavroExitDone;
+}
+
+/// Says why nothing was trashed; what does not exist is named as it was typed.
+int PrintRefusal(const TavroTrashReport& Report, const std::vector<std::string>& Texts) {
+    std::vector<TavroOperationEntry> entries;
+    const bool bRefused = Report.Batch.Failure.Kind == TavroFailureKind::RefuseTrash;
+    if (!bRefused || TavroFindEntries(Texts, entries)) {
+        TavroPrintError(TavroDescribe(Report));
     }
-    return true;
+    return TavroExitCodeOf(Report.Batch.Failure);
+}
+
+int RunTrash(const std::vector<std::string>& Texts, bool bQuiet) {
+    // Each entry is looked at once, when it is trashed; before a question all are checked.
+    const std::vector<TavroOperationEntry> entries = TavroNameEntries(Texts);
+    TavroCatchInterrupts();
+    const std::vector<TavroOperationEntry> others =
+        bQuiet ? std::vector<TavroOperationEntry>() : TavroEntriesOnOtherDevices(entries);
+    if (!others.empty() && TavroCheckTrashable(entries).empty()) {
+        if (const int exitCode = AgreeToCopying(others)) {
+            return exitCode;
+        }
+    }
+    TavroTrashReport report;
+    {
+        TavroProgressBar bar(bQuiet);
+        report = TavroTrashSelection(entries, bar.Callbacks());
+    }
+    if (!report) {
+        return PrintRefusal(report, Texts);
+    }
+    // Recorded before it is printed: a reader that goes away must not cost the undo.
+    TavroRecord(TavroOperationOf(report));
+    TavroPrintLost(report.Batch.Lost);
+    for (const TavroTrashedEntry& trashed : report.Entries) {
+        if (!bQuiet) {
+            TavroPrintLine(stdout, trashed.Entry.OriginalPath + " -> " + trashed.Entry.TrashPath);
+        }
+    }
+    return TavroExitDone;
 }
 
 } // namespace
 
-int TavroRunTrash(const std::vector<std::string>& Entries, bool bQuiet) {
-    std::vector<TavroOperationEntry> selection;
-    std::string error;
-    if (!TavroFindEntries(Entries, selection)) {
-        return TavroExitFailed;
-    }
-    if (!TavroCheckTrashable(selection, error)) {
-        TavroPrintError(error);
-        return TavroExitFailed;
-    }
-    TavroCatchInterrupts();
-    if (!AgreeToCopying(selection, bQuiet)) {
-        TavroPrintError("Nothing was moved to the trash.");
-        return TavroWasInterrupted() ? TavroExitInterrupted : TavroExitFailed;
-    }
-    TavroHistoryOperation operation;
-    bool bTrashed = false;
-    {
-        TavroProgressBar bar(bQuiet);
-        TavroTransferCallbacks callbacks = TavroMakeCallbacks(bar);
-        bTrashed = TavroTrashSelection(selection, callbacks, operation.TrashEntries, error);
-    }
-    if (!bTrashed) {
-        TavroPrintError(error);
-        return TavroWasInterrupted() ? TavroExitInterrupted : TavroExitFailed;
-    }
-    // Recorded before it is printed: a reader that goes away must not cost the undo.
-    operation.Kind = TavroHistoryKind::Trash;
-    TavroRecordOperation(operation);
-    if (!bQuiet) {
-        for (const TavroTrashEntry& entry : operation.TrashEntries) {
-            TavroPrintLine(stdout, entry.OriginalPath + " -> " + entry.TrashPath);
-        }
-    }
-    return TavroExitDone;
+void TavroAddTrash(CLI::App& App, TavroCommandTable& Table) {
+    CLI::App* command =
+        TavroAddCommand(App, "trash", "Move entries to the trash, all or nothing", "trash old.iso");
+    CLI::Option* names = TavroAddNames(*command, "ENTRY", 1, "What is trashed");
+    CLI::Option* quiet = TavroAddQuiet(*command);
+    Table[command] = [=] { return RunTrash(TavroValues(names), !quiet->empty()); };
 }

@@ -13,6 +13,7 @@
 struct TavroTrashedEntry {
     TavroTrashEntry Entry; ///< Links are flagged as directories, so that they are kept as links.
     TavroIdentity Item;    ///< An inode of 0: not known.
+    std::optional<TavroSeenEntry> Seen = {}; ///< When given, a restore looks at it no more before.
 };
 
 /// What became of a trashing or a restoring.
@@ -24,7 +25,7 @@ struct TavroTrashReport {
     std::vector<TavroTrashedEntry> Left = {};   ///< It is where it was to go.
     std::vector<TavroTrashedEntry> InBoth = {}; ///< It is there, and in part where it was.
 
-    /// After trashing succeeded: one an entry, in order.
+    /// After success: one an entry, in order. `Item` is the file that arrived.
     std::vector<TavroTrashedEntry> Entries = {};
 
     bool bRestoring = false; ///< What the report is about; TavroDescribe tells it by that.

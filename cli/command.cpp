@@ -1,0 +1,65 @@
+#include "command.h"
+
+#include <filesystem>
+
+void TavroProtect(std::vector<std::string>& Arguments) {
+    for (std::string& argument : Arguments) {
+        if (argument == "++" || (!argument.empty() && argument.back() == ']')) {
+            argument += '\0';
+        }
+    }
+}
+
+CLI::App* TavroAddCommand(CLI::App& App, const std::string& Name, const std::string& Description,
+                          const std::string& Example) {
+    CLI::App* command = App.add_subcommand(Name, Description);
+    command->footer("Example: tavro " + Example);
+    return command;
+}
+
+CLI::Option* TavroAddNames(CLI::App& Command, const std::string& Name, int Minimum,
+                           const std::string& Description) {
+    constexpr int anyNumber = 1 << 28;
+    CLI::Option* option = Command.add_option(Name);
+    option->description(Description)->required()->expected(Minimum, anyNumber);
+    return option->allow_extra_args();
+}
+
+CLI::Option* TavroAddQuiet(CLI::App& Command) {
+    return Command.add_flag("-q,--quiet", "No progress, no list of what was done");
+}
+
+CLI::Option* TavroAddBaseDirectory(CLI::App& Command) {
+    CLI::Option* in = Command.add_option("--in");
+    in->type_name("DIRECTORY");
+    return in->description("Typed text is relative to this directory instead of the current");
+}
+
+std::string TavroBaseDirectory(const CLI::Option* In) {
+    std::error_code ec;
+    const std::filesystem::path current = std::filesystem::current_path(ec);
+    return In->empty() ? current.string() : (current / TavroValue(In)).string();
+}
+
+// They are not read as anything but raw results: a conversion to a list would turn a name like {}
+// into nothing.
+std::vector<std::string> TavroValues(const CLI::Option* Option) {
+    std::vector<std::string> values = Option->results();
+    for (std::string& value : values) {
+        if (!value.empty() && value.back() == '\0') {
+            value.pop_back();
+        }
+    }
+    return values;
+}
+
+std::string TavroValue(const CLI::Option* Option) {
+    return TavroValues(Option).at(0);
+}
+
+bool TavroFindEntries(const std::vector<std::string>& Texts,
+                      std::vector<TavroOperationEntry>& OutEntries) {
+    const std::vector<TavroFailure> failures = TavroSelectEntries(Texts, OutEntries);
+    TavroPrintFailures(failures);
+    return failures.empty();
+}

@@ -1,0 +1,62 @@
+/// What the commands are made of: arguments, questions and printed results. Each command adds the
+/// parser of its arguments and what it runs, in a file of its own.
+
+#ifndef TAVRO_CLI_COMMAND_H
+#define TAVRO_CLI_COMMAND_H
+
+#include "interrupt.h"
+#include "place.h"
+#include "tavrotransfer.h"
+#include "terminal.h"
+
+#include <CLI/CLI.hpp>
+
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+/// What each command runs, by the parser that reads its arguments. It returns the exit code.
+using TavroCommandTable = std::map<const CLI::App*, std::function<int()>>;
+
+using TavroAdder = void(CLI::App& App, TavroCommandTable& Table);
+TavroAdder TavroAddCopy, TavroAddDelete, TavroAddDoctor, TavroAddEmpty, TavroAddHistory,
+    TavroAddList, TavroAddMkdir, TavroAddMove, TavroAddPlan, TavroAddRedo, TavroAddRename,
+    TavroAddRestore, TavroAddSize, TavroAddTrash, TavroAddUndo;
+
+/// The names that the parser would take for something else, "[a,b]" for a list of two and "++" for
+/// the end of a command, pass it with a zero byte at their end, which no argument can hold.
+void TavroProtect(std::vector<std::string>& Arguments);
+
+CLI::App* TavroAddCommand(CLI::App& App, const std::string& Name, const std::string& Description,
+                          const std::string& Example);
+
+/// A list of names, `Minimum` of them at least.
+CLI::Option* TavroAddNames(CLI::App& Command, const std::string& Name, int Minimum,
+                           const std::string& Description);
+
+CLI::Option* TavroAddQuiet(CLI::App& Command);
+
+/// --in, and the directory that it means: absolute, the current one when it is not given.
+CLI::Option* TavroAddBaseDirectory(CLI::App& Command);
+std::string TavroBaseDirectory(const CLI::Option* In);
+
+/// The values of an option, or the only one, as they were typed.
+std::vector<std::string> TavroValues(const CLI::Option* Option);
+std::string TavroValue(const CLI::Option* Option);
+
+/// Finds the entries that texts name. Each that does not exist is reported on standard error.
+/// @param OutEntries  an entry for each text, in order.
+/// @return true when all of them exist.
+bool TavroFindEntries(const std::vector<std::string>& Texts,
+                      std::vector<TavroOperationEntry>& OutEntries);
+
+/// "ENTRY... TEXT", planned as a transfer. What is wrong is said on standard error.
+CLI::Option* TavroAddTransferNames(CLI::App& Command);
+bool TavroPlanNames(const CLI::Option* Names, const CLI::Option* In, bool bMove,
+                    TavroTransferConflictPolicy Policy, TavroTransferPlan& OutPlan);
+
+/// Writes one line an item: "SOURCE -> DESTINATION".
+void TavroPrintPlan(const TavroTransferPlan& Plan);
+
+#endif

@@ -1,0 +1,61 @@
+// `tavro empty`.
+
+#include "command.h"
+#include "trash_contents.h"
+
+namespace {
+
+/// "3 items (1.5 kB)"
+std::string ContentText(const std::vector<TavroTrashItem>& Items) {
+    std::uint64_t bytes = 0;
+    for (const TavroTrashItem& item : Items) {
+        bytes += item.ByteCount;
+    }
+    return TavroCountText(Items.size(), "item") + " (" + TavroHumanSize(bytes) + ")";
+}
+
+/// @param OlderThanDays  0 for everything.
+int RunEmpty(int OlderThanDays, bool bForce, bool bQuiet) {
+    TavroCatchInterrupts();
+    std::vector<TavroTrashItem> listed;
+    const bool bMeasure = !bForce || !bQuiet;
+    if (const TavroFailure failure = TavroListTrash(bMeasure, TavroWasInterrupted, listed)) {
+        return TavroPrintFailure(failure);
+    }
+    const std::vector<TavroTrashItem> items =
+        OlderThanDays > 0 ? TavroItemsOlderThan(listed, OlderThanDays) : listed;
+    const std::string content = ContentText(items);
+    if (!bForce && !items.empty()) {
+        if (!TavroCanAsk()) {
+            TavroPrintError("Refusing to empty the trash without asking: use -f, or a terminal");
+            return TavroExitUsage;
+        }
+        if (const int exitCode = TavroConfirm("Delete " + content + " in the trash for good?",
+                                              "Nothing was deleted.")) {
+            return exitCode;
+        }
+    }
+    if (const TavroFailure failure = TavroRemoveFromTrash(items, TavroWasInterrupted)) {
+        return TavroPrintFailure(failure);
+    }
+    if (!bQuiet) {
+        TavroPrintLine(stdout, "Deleted " + content);
+        TavroPrintUnlisted(TavroCountUnlistedItems(listed));
+    }
+    return TavroExitDone;
+}
+
+} // namespace
+
+void TavroAddEmpty(CLI::App& App, TavroCommandTable& Table) {
+    CLI::App* command = TavroAddCommand(
+        App, "empty", "Delete what is in the trash, after a question", "empty --older-than 30");
+    CLI::Option* days = command->add_option("--older-than");
+    days->type_name("DAYS")->description("Only what was trashed more than so many days ago");
+    days->check(CLI::Range(1, 36500));
+    CLI::Option* force = command->add_flag("-f,--force", "Without asking");
+    CLI::Option* quiet = TavroAddQuiet(*command);
+    Table[command] = [=] {
+        return RunEmpty(days->empty() ? 0 : days->as<int>(), !force->empty(), !quiet->empty());
+    };
+}

@@ -1,0 +1,100 @@
+// `tavro history`.
+
+#include "command.h"
+#include "json.h"
+#include "recording.h"
+
+#include <array>
+#include <ctime>
+
+namespace {
+
+std::string LocalTimeText(std::int64_t Time) {
+    const auto seconds = static_cast<std::time_t>(Time);
+    std::tm local = {};
+    std::array<char, 32> text = {};
+    localtime_r(&seconds, &local);
+    std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &local);
+    return text.data();
+}
+
+TavroJson OperationJson(const TavroOperation& Operation) {
+    TavroJson entries = TavroJson::array();
+    for (const TavroStep& step : Operation.Steps) {
+        const bool bTrashed = step.Role == TavroStepRole::Trashed;
+        if (bTrashed || TavroIsMainStep(step, Operation.Kind)) {
+            TavroJson json;
+            TavroAddPath(json, bTrashed ? "original" : "from", step.From);
+            TavroAddPath(json, bTrashed ? "trash" : "to", step.To);
+            entries.push_back(json);
+        }
+    }
+    return {{"kind", TavroKindText(Operation.Kind)},
+            {"time", Operation.Time},
+            {"undone", Operation.State == TavroOperationState::Undone},
+            {"entries", entries}};
+}
+
+std::string OperationLine(const TavroOperation& Operation, std::uint64_t EntryCount) {
+    const bool bUndone = Operation.State == TavroOperationState::Undone;
+    const std::string first =
+        Operation.Steps.empty() ? "" : "  " + TavroStepText(Operation.Steps.front());
+    const std::string more =
+        EntryCount > 1 ? " and " + TavroGroupedNumber(EntryCount - 1) + " more" : "";
+    return LocalTimeText(Operation.Time) + "  " + TavroKindText(Operation.Kind) + first + more +
+           (bUndone ? "  (undone)" : "");
+}
+
+int RunHistory(bool bJson) {
+    TavroHistory history;
+    std::vector<TavroOperation> operations;
+    std::vector<std::uint64_t> entryCounts;
+    if (TavroOpenHistory(history, false)) {
+        return TavroExitFailed;
+    }
+    if (const TavroFailure failure = history.List(bJson, operations, entryCounts)) {
+        return TavroPrintFailure(failure);
+    }
+    TavroJson json = TavroJson::array();
+    for (std::size_t i = 0; i < operations.size(); ++i) {
+        if (bJson) {
+            json.push_back(OperationJson(operations[i]));
+        } else {
+            TavroPrintLine(stdout, OperationLine(operations[i], entryCounts[i]));
+        }
+    }
+    if (bJson) {
+        TavroPrintJson(json);
+    }
+    return TavroExitDone;
+}
+
+int RunDrop() {
+    TavroHistory history;
+    if (TavroOpenHistory(history, false)) {
+        return TavroExitFailed;
+    }
+    std::optional<TavroOperation> newest;
+    TavroFailure failure = history.NextToUndo(newest);
+    if (!failure) {
+        failure =
+            newest ? history.Drop(newest->Id) : TavroFail(TavroFailureKind::NothingToDrop, 0, "");
+    }
+    if (failure) {
+        return TavroPrintFailure(failure);
+    }
+    TavroPrintOperation("No longer to be undone: ", *newest);
+    return TavroExitDone;
+}
+
+} // namespace
+
+void TavroAddHistory(CLI::App& App, TavroCommandTable& Table) {
+    CLI::App* command =
+        TavroAddCommand(App, "history", "List what can be undone, newest first", "history --json");
+    CLI::Option* json = command->add_flag("--json", "As JSON");
+    CLI::Option* drop =
+        command->add_flag("--drop", "Take the newest operation off the list without undoing it");
+    drop->excludes(json);
+    Table[command] = [=] { return drop->empty() ? RunHistory(!json->empty()) : RunDrop(); };
+}
