@@ -24,6 +24,7 @@ from judge import Fault
 
 SKIPPED = 77
 SCRATCH = "/mnt"  # a file system in memory, inside a mount namespace of our own
+UNSHARE = ("unshare", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc")
 SHORT = ("copy-many", "copy-replace", "move-tree-across", "move-merge", "trash-many",
          "restore-tree", "empty", "undo-move-replace", "redo-trash-tree-across")
 
@@ -454,14 +455,17 @@ def reasons_to_skip(options):
     for name in ("unshare", *(disk.FILE_SYSTEMS[kind].Make[0] for kind in options.fs)):
         if not shutil.which(name):
             yield f"{name} is not installed"
+            return
+    tried = subprocess.run([*UNSHARE, "true"], check=False, capture_output=True, text=True)
+    if tried.returncode != 0:
+        yield f"namespaces are not permitted: {tried.stderr.strip()}"
 
 
 def enter(arguments):
     """Starts this again in namespaces of its own. Whatever ends it ends all that it started, and
     with the last of these go the mounts, the loop devices and the files."""
     inside = subprocess.Popen(
-        ["unshare", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc", sys.executable,
-         "-B", os.path.abspath(__file__), "--inside", *arguments],
+        [*UNSHARE, sys.executable, "-B", os.path.abspath(__file__), "--inside", *arguments],
         preexec_fn=lambda: disk.libc.prctl(1, signal.SIGKILL))  # PR_SET_PDEATHSIG
     try:
         return inside.wait()
@@ -491,6 +495,9 @@ def main(arguments):
     parser.add_argument("--inside", action="store_true", help=argparse.SUPPRESS)
     options = parser.parse_args(arguments)
     options.fs = options.fs or list(disk.FILE_SYSTEMS)
+    for name in ("tavro", "recorder", "presser"):
+        if not os.access(getattr(options, name), os.X_OK):
+            parser.error(f"{getattr(options, name)} is no program")
     options.states = options.states or (30 if options.short else 60 if options.specimens else 200)
     if options.inside:
         try:
