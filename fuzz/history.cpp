@@ -1,12 +1,15 @@
-// A history file of any bytes: it is read, or set aside as it is; and what is read stays the same.
+// A history whose file was changed: it is read, refused or set aside, and what is read can be kept.
+//
+// The first byte of an input chooses: 0, the rest is the whole file; else the rest is written into
+// the file of a real history, at the place that the next two bytes tell.
 
+#include "history.h"
 #include "byte_source.h"
 #include "demand.h"
-#include "history_file.h"
 #include "sandbox.h"
 #include "world.h"
 
-#include <nlohmann/json.hpp>
+#include <algorithm>
 
 namespace fs = std::filesystem;
 
@@ -14,44 +17,50 @@ using namespace tavro_fuzz;
 
 namespace {
 
-void checkSetAside(const TavroHistory& history, const fs::path& file, const std::string& bytes) {
-    const fs::path aside = file.string() + ".damaged-1";
-    demandEqual(history.Notice(),
-                "The history '" + file.string() + "' is damaged and was set aside as '" +
-                    aside.string() + "'",
-                "the notice");
-    demand(history.Undoable().empty() && history.Redoable().empty(), "it starts empty");
-    demand(!tavro_test::isPresent(file), "the file is out of the way");
-    demandEqual(tavro_test::readFile(aside), bytes, "the bytes that were set aside");
+/// The bytes of a history of two operations.
+const std::string& realHistory() {
+    static const std::string bytes = [] {
+        const tavro_test::Sandbox sandbox(tavro_model::fastFolder());
+        const fs::path file = sandbox / "history.db";
+        {
+            TavroHistory history;
+            TavroOperation move;
+            move.Kind = TavroOperationKind::Move;
+            move.Steps = {{TavroStepRole::Moved, "/from/a", "/to/a", "", {1, 2}}};
+            TavroOperation trash;
+            trash.Steps = {
+                {TavroStepRole::Trashed, "/x/b", "/h/files/b", "/h/info/b.trashinfo", {1, 3}}};
+            demandEqual(TavroDescribe(history.Open(file.string(), {})), "", "the opening");
+            demandEqual(TavroDescribe(history.Record(move)), "", "the first operation");
+            demandEqual(TavroDescribe(history.Record(trash)), "", "the second operation");
+        }
+        return tavro_test::readFile(file);
+    }();
+    return bytes;
 }
 
-/// What was taken for a history is one, with as many operations as the text has.
-void checkTaken(const TavroHistoryLists& lists, const std::string& text) {
-    const auto json = nlohmann::json::parse(text, nullptr, false);
-    demand(json.is_object() && json.value("version", 0) == 1, "an object of version 1");
-    demandEqual(lists.Undoable.size(), json.at("undoable").size(), "operations to undo");
-    demandEqual(lists.Redoable.size(), json.at("redoable").size(), "operations to redo");
-}
-
-void checkRecordable(const std::vector<TavroHistoryOperation>& operations) {
-    for (const TavroHistoryOperation& operation : operations) {
-        demand(TavroIsRecordable(operation), "an operation that can be recorded");
+std::string fileOf(const std::string& input) {
+    if (input.size() < 3 || input[0] == 0) {
+        return input.empty() ? input : input.substr(1);
     }
+    std::string bytes = realHistory();
+    const std::size_t at =
+        static_cast<unsigned char>(input[1]) * 256U + static_cast<unsigned char>(input[2]);
+    for (std::size_t i = 3; i < input.size() && at + i - 3 < bytes.size(); ++i) {
+        bytes[at + i - 3] = input[i];
+    }
+    return bytes;
 }
 
-/// Writing what was read gives a file that is read as the same, and written as the same bytes.
-void checkRoundTrip(const TavroHistoryLists& lists, const fs::path& file) {
-    std::string error;
-    std::string notice;
-    demand(TavroWriteHistory(file, lists, error), error);
-    const std::string written = tavro_test::readFile(file);
-    TavroHistoryLists again;
-    demand(TavroReadHistory(file, again, notice, error), error);
-    demandEqual(notice, "", "the notice about a file of one's own");
-    demandEqual(again.Undoable.size(), lists.Undoable.size(), "operations to undo");
-    demandEqual(again.Redoable.size(), lists.Redoable.size(), "operations to redo");
-    demand(TavroWriteHistory(file, again, error), error);
-    demandEqual(tavro_test::readFile(file), written, "the bytes written again");
+/// What is read is what could have been recorded: by whole paths, without zero bytes.
+void checkOperation(const TavroOperation& operation) {
+    demand(!operation.Steps.empty(), "an operation has steps");
+    for (const TavroStep& step : operation.Steps) {
+        for (const std::string& path : {step.From, step.To, step.Record}) {
+            demand(path.empty() || path[0] == '/', "an absolute path");
+            demand(path.find('\0') == std::string::npos, "a path without zero bytes");
+        }
+    }
 }
 
 } // namespace
@@ -60,26 +69,25 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     static const tavro_test::Sandbox sandbox(tavro_model::fastFolder());
     static const tavro_test::ScopedEnvironment home("HOME", sandbox.path().string());
     const fs::path folder = sandbox / "state";
-    const fs::path file = folder / "history.json";
-    const std::string text = ByteSource(bytes, size).rest();
+    const fs::path file = folder / "history.db";
     fs::remove_all(folder);
-    tavro_test::writeFile(file, text);
-    TavroHistoryLists lists;
-    {
-        TavroHistory history;
-        std::string error = "(untouched)";
-        demand(history.Open(file, error), error);
-        demandEqual(error, "(untouched)", "the sentence after success");
-        if (!history.Notice().empty()) {
-            checkSetAside(history, file, text);
-            return 0;
-        }
-        demandEqual(tavro_test::readFile(file), text, "the file after reading");
-        lists = {history.Undoable(), history.Redoable()};
+    tavro_test::writeFile(file, fileOf(ByteSource(bytes, size).rest()));
+    TavroHistory history;
+    if (history.Open(file.string(), {})) {
+        return 0;
     }
-    checkTaken(lists, text);
-    checkRecordable(lists.Undoable);
-    checkRecordable(lists.Redoable);
-    checkRoundTrip(lists, file);
+    std::vector<TavroOperation> operations;
+    std::vector<std::uint64_t> counts;
+    if (!history.List(true, operations, counts)) {
+        demandEqual(counts.size(), operations.size(), "counts");
+    }
+    std::optional<TavroOperation> next;
+    if (!history.NextToUndo(next) && next) {
+        checkOperation(*next);
+    }
+    next.reset();
+    if (!history.NextToRedo(next) && next) {
+        checkOperation(*next);
+    }
     return 0;
 }

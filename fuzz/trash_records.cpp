@@ -3,7 +3,7 @@
 #include "byte_source.h"
 #include "demand.h"
 #include "sandbox.h"
-#include "trashcan.h"
+#include "trash_contents.h"
 #include "world.h"
 
 namespace fs = std::filesystem;
@@ -44,16 +44,13 @@ private:
 
 std::vector<TavroTrashItem> listed() {
     std::vector<TavroTrashItem> items;
-    std::string error = "(untouched)";
-    demand(TavroListTrash(true, {}, items, error), error);
-    demandEqual(error, "(untouched)", "the sentence after success");
+    demandEqual(TavroDescribe(TavroListTrash(true, {}, items)), "", "the listing");
     return items;
 }
 
 std::vector<TavroTrashFinding> findings() {
     std::vector<TavroTrashFinding> all;
-    std::string error;
-    demand(TavroExamineTrash(all, error), error);
+    demandEqual(TavroDescribe(TavroExamineTrash(all)), "", "the examination");
     return all;
 }
 
@@ -77,10 +74,11 @@ void checkDate(const std::string& date) {
 void checkItem(const TavroTrashItem& item, const Trash& trash) {
     demandEqual(item.Name, "item", "name");
     demandEqual(item.ByteCount, 4U, "bytes");
-    demandEqual(item.Entry.TrashPath, trash.item().string(), "the item's place");
-    demandEqual(item.Entry.InfoPath, trash.record().string(), "the record's place");
-    demandEqual(item.Entry.OriginalPath, item.OriginalPath, "the original place");
-    demand(!item.bDirectory && !item.Entry.bDirectory, "a file");
+    const TavroTrashEntry entry = item.Trashed().Entry;
+    demandEqual(entry.TrashPath, trash.item().string(), "the item's place");
+    demandEqual(entry.InfoPath, trash.record().string(), "the record's place");
+    demandEqual(entry.OriginalPath, item.OriginalPath, "the original place");
+    demand(!item.bDirectory && !entry.bDirectory, "a file");
     demand(!item.OriginalPath.empty() && item.OriginalPath[0] == '/', "an absolute path");
     demand(item.OriginalPath.find('\0') == std::string::npos, "a path without zero bytes");
     checkDate(item.DeletionDate);
@@ -89,12 +87,13 @@ void checkItem(const TavroTrashItem& item, const Trash& trash) {
 
 /// Any text finds the one item or nothing, and says so then.
 void checkSearch(const std::vector<TavroTrashItem>& items, const std::string& text) {
-    std::string error = "(untouched)";
-    const std::optional<TavroTrashItem> found = TavroFindTrashItem(items, text, error);
-    demandEqual(found.has_value(), error == "(untouched)", "found, or a sentence");
-    demand(!found || !items.empty(), "nothing is found in nothing");
+    TavroTrashIndex index;
+    TavroTrashItem found;
+    const TavroFailure failure = index.Find(text, found);
+    demandEqual(failure ? "" : found.Name, failure ? "" : "item", "found, or a failure");
+    demand(failure || !items.empty(), "nothing is found in nothing");
     for (const TavroTrashItem& item : items) {
-        demand(TavroFindTrashItem(items, item.Name, error).has_value(), "found by its name");
+        demandEqual(TavroDescribe(index.Find(item.Name, found)), "", "found by its name");
     }
 }
 
@@ -102,8 +101,7 @@ void checkMending(const Trash& trash, const std::string& bytes, const fs::path& 
     const std::vector<TavroTrashFinding> found = findings();
     demandEqual(found.size(), 1U, "findings");
     demand(found[0].Fault == TavroTrashFault::UnreadableRecord, "the record is at fault");
-    std::string error;
-    demand(TavroMendTrash(found[0], error), error);
+    demandEqual(TavroDescribe(TavroMendTrash(found[0])), "", "the mending");
     demand(findings().empty(), "nothing is wrong any more");
     demand(bytes.empty() || trash.hasRecordOf(bytes), "the record's bytes are kept");
     const std::vector<TavroTrashItem> items = listed();
@@ -137,7 +135,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
 
     const std::vector<TavroTrashItem> items = listed();
     checkSearch(items, text);
-    demandEqual(TavroCountUnlistedItems(), items.empty() ? 1U : 0U, "items that are passed over");
+    demandEqual(TavroCountUnlistedItems(items), items.empty() ? 1U : 0U,
+                "items that are passed over");
     demandEqual(tavro_test::readFile(trash.record()), record, "the record after reading");
     if (items.empty()) {
         checkMending(trash, record, sandbox.path());
