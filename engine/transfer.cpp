@@ -69,51 +69,52 @@ TavroMoveOptions ToFreeName(const TavroPlace& Place, TavroFreeNames& Names) {
 // Directories that are merged
 // =================================================================================================
 
-/// One of two directories that are merged.
-struct MergeSide {
-    TavroIdentity Identity;
-    std::shared_ptr<const TavroDirectory> Directory; ///< Null while it is closed.
-
-    /// Opens a directory, and no link to one.
-    /// @param bForListing  one that may be searched but not listed will not do.
-    int Open(int Above, const std::string& Name, std::string Path, std::string OwnPath,
-             bool bForListing) {
-        auto opened = std::make_shared<TavroDirectory>();
-        struct stat status = {};
-        int error = TavroOpenDirectoryAt(Above, Name.c_str(), opened->Descriptor);
-        if (error == EACCES && !bForListing) {
-            error = TavroOpenAt(Above, Name.c_str(), O_PATH | O_DIRECTORY, opened->Descriptor);
-        }
-        error = error != 0 ? error : TavroStat(opened->Descriptor.Number(), status);
-        opened->Identity = TavroIdentityOf(status);
-        opened->Path = std::move(Path);
-        opened->OwnPath = std::move(OwnPath);
-        Directory = std::move(opened);
-        return error;
-    }
-
-    int Open(const TavroPlace& Place, bool bForListing) {
-        const int error =
-            Open(Place.Number(), Place.Name, Place.Path(), Place.OwnPath(), bForListing);
-        Identity = Directory->Identity;
-        return error;
-    }
-
-    /// Opens this directory again from one in it. It must be what it was.
-    int ReopenFrom(const TavroDirectory& Below) {
-        const int error = Open(Below.Descriptor.Number(), "..", TavroParentOf(Below.Path),
-                               TavroParentOf(Below.OwnPath), false);
-        return error != 0 || Directory->Identity == Identity ? error : ESTALE;
-    }
-};
+using OpenDirectory = std::shared_ptr<TavroDirectory>;
 
 /// Two directories that are merged, and what is still to be done in them.
 struct Merge {
     std::string Name; ///< The source's, in the directory above.
-    MergeSide From;
-    MergeSide To;
+    OpenDirectory From;
+    OpenDirectory To;
     TavroListing Names;
 };
+
+/// Opens a directory, and no link to one. One whose identity is known must be the same.
+/// @param bForListing  one that may be searched but not listed will not do.
+int Open(int Above, const char* Name, bool bForListing, TavroDirectory& Directory) {
+    struct stat status = {};
+    int error = TavroOpenDirectoryAt(Above, Name, Directory.Descriptor);
+    if (error == EACCES && !bForListing) {
+        error = TavroOpenAt(Above, Name, O_PATH | O_DIRECTORY, Directory.Descriptor);
+    }
+    error = error != 0 ? error : TavroStat(Directory.Descriptor.Number(), status);
+    const TavroIdentity known = std::exchange(Directory.Identity, TavroIdentityOf(status));
+    return error != 0 || known.Inode == 0 || known == Directory.Identity ? error : ESTALE;
+}
+
+int Open(const TavroPlace& Place, bool bForListing, OpenDirectory& OutDirectory) {
+    OutDirectory = std::make_shared<TavroDirectory>();
+    OutDirectory->Path = Place.Path();
+    OutDirectory->OwnPath = Place.OwnPath();
+    return Open(Place.Number(), Place.Name.c_str(), bForListing, *OutDirectory);
+}
+
+/// Opens a directory again, unless it is open, from one in it.
+int Reopen(const TavroDirectory& Below, TavroDirectory& Directory) {
+    if (Directory.Descriptor.IsOpen()) {
+        return 0;
+    }
+    Directory.Path = TavroParentOf(Below.Path);
+    Directory.OwnPath = TavroParentOf(Below.OwnPath);
+    return Open(Below.Descriptor.Number(), "..", false, Directory);
+}
+
+/// Only what is needed to open it again is kept.
+void Close(TavroDirectory& Directory) {
+    Directory.Descriptor.Close();
+    Directory.Path.clear();
+    Directory.OwnPath.clear();
+}
 
 /// How many of the directories that are merged are open at once, on each side.
 constexpr std::size_t openMerges = 4;
@@ -193,7 +194,6 @@ private:
 
     bool BeginMerge(const Route& Way);
     void FinishMerges(const TavroPlace& Item);
-    bool ReopenLast(const Merge& Below);
     void RemoveEmptied(const TavroPlace& Place, const TavroIdentity& Expected);
 
     void Replace(const Route& Way, bool bSourceDirectory, const struct stat& Old);
@@ -223,6 +223,7 @@ private:
     OwnWork m_ownWork;
     std::optional<TavroGuard> m_deletion; ///< Guards what is replaced.
     std::vector<Merge> m_merges;          ///< The innermost last.
+    bool m_bExpectTaken = false;          ///< The last place that was looked at was taken.
     std::uint64_t m_itemsFinished = 0;
     std::uint64_t m_bytesFinished = 0;
 };
@@ -334,13 +335,16 @@ void Transfer::TransferEntry(const Route& Way, TavroTransferItemPlan* Item) {
 bool Transfer::TryEntry(const Route& Way, TavroTransferItemPlan* Item) {
     struct stat source = {};
     struct stat there = {};
-    const bool bTaken = Look(Way.To, there) == 0;
-    const int error = bTaken || m_bMove ? Look(Way.From, source) : 0;
+    if (!m_bExpectTaken && Bring(Way, false)) {
+        return true;
+    }
+    m_bExpectTaken = Look(Way.To, there) == 0;
+    if (!m_bExpectTaken) {
+        return Bring(Way, false);
+    }
+    const int error = Look(Way.From, source);
     if (error != 0) {
         return Fail(TavroFail(Kind::Read, error, Way.From.Path()));
-    }
-    if (!bTaken) {
-        return Bring(Way, false);
     }
     if (TavroIdentityOf(source) == TavroIdentityOf(there)) {
         return Fail({Kind::SameEntry, {}, Way.From.Path(), Way.To.Path()});
@@ -431,23 +435,22 @@ void Transfer::Note(const Route& Way, bool bReplaced, TavroMoveReport& Report) {
 bool Transfer::BeginMerge(const Route& Way) {
     Merge merge;
     merge.Name = Way.From.Name;
-    if (merge.To.Open(Way.To, false) != 0) {
+    if (Open(Way.To, false, merge.To) != 0) {
         return false;
     }
-    int error = merge.From.Open(Way.From, true);
-    error = error != 0 ? error
-                       : TavroListDirectory(merge.From.Directory->Descriptor.Number(), merge.Names);
+    int error = Open(Way.From, true, merge.From);
+    error = error != 0 ? error : TavroListDirectory(merge.From->Descriptor.Number(), merge.Names);
     if (error != 0) {
         return Fail(TavroFail(Kind::Read, error, Way.From.Path()));
     }
-    if (merge.From.Identity == merge.To.Identity) {
+    if (merge.From->Identity == merge.To->Identity) {
         return Fail({Kind::SameEntry, {}, Way.From.Path(), Way.To.Path()});
     }
     m_merges.push_back(std::move(merge));
     if (m_merges.size() > openMerges) {
-        Merge& closed = m_merges[m_merges.size() - openMerges - 1];
-        closed.From.Directory.reset();
-        closed.To.Directory.reset();
+        const Merge& far = m_merges[m_merges.size() - openMerges - 1];
+        Close(*far.From);
+        Close(*far.To);
     }
     return true;
 }
@@ -458,30 +461,25 @@ void Transfer::FinishMerges(const TavroPlace& Item) {
     while (!m_merges.empty() && !m_report.bCancelled) {
         Merge& last = m_merges.back();
         if (const char* name = last.Names.Next()) {
-            TransferEntry({{last.From.Directory, name}, {last.To.Directory, name}});
+            TransferEntry({{last.From, name}, {last.To, name}});
             continue;
         }
         const Merge left = std::move(last);
         m_merges.pop_back();
-        if (!m_merges.empty() && !ReopenLast(left)) {
+        const bool bOutermost = m_merges.empty();
+        int error = bOutermost ? 0 : Reopen(*left.From, *m_merges.back().From);
+        error = bOutermost || error != 0 ? error : Reopen(*left.To, *m_merges.back().To);
+        if (error != 0) {
+            // The way up is not the way that led down any more.
+            Fail(TavroFail(Kind::Read, error, TavroParentOf(left.From->Path)));
             break;
         }
         if (m_bMove) {
-            const auto& above = m_merges.empty() ? Item.Directory : m_merges.back().From.Directory;
-            RemoveEmptied({above, left.Name}, left.From.Identity);
+            RemoveEmptied({bOutermost ? Item.Directory : m_merges.back().From, left.Name},
+                          left.From->Identity);
         }
     }
     m_merges.clear();
-}
-
-/// @return false when the way up is not the way that led down any more.
-bool Transfer::ReopenLast(const Merge& Below) {
-    Merge& last = m_merges.back();
-    const bool bOpen = last.From.Directory != nullptr;
-    int error = bOpen ? 0 : last.From.ReopenFrom(*Below.From.Directory);
-    error = bOpen || error != 0 ? error : last.To.ReopenFrom(*Below.To.Directory);
-    return error == 0 ||
-           !Fail(TavroFail(Kind::Read, error, TavroParentOf(Below.From.Directory->Path)));
 }
 
 /// What was skipped or failed is still in it, and then it stays.

@@ -1,0 +1,216 @@
+// Directories that are merged: how deep they may be, and that nobody leads the merging astray.
+
+#include "transfer_fixture.h"
+
+namespace fs = std::filesystem;
+using namespace tavro_test;
+using namespace tavro_transfer_test;
+
+namespace {
+
+/// Trees that are on a file system in memory, unless they are to be moved to another one.
+class TransferInMemory : public TransferTest {
+protected:
+    TransferInMemory() : TransferTest(inMemory()) {}
+};
+
+TEST_F(TransferInMemory, deep_trees_are_merged_with_few_open_files_and_a_small_stack) {
+    constexpr int levels = 3000;
+    for (const bool bMove : {false, true}) {
+        makeDeepTree(source("tree"), levels);
+        makeDeepTree(target("tree"), levels, false);
+        runInChild([&] {
+            limitFilesAndStack(64);
+            EXPECT_TRUE(run(bMove, {"tree"}));
+            EXPECT_EQ(static_cast<std::size_t>(levels), m_report.Done.size());
+            EXPECT_EQ(bMove ? levels + 1U : 0U, m_report.RemovedDirectories.size());
+        });
+        EXPECT_EQ(levels, depthOf(target("tree")));
+        EXPECT_EQ(!bMove, isPresent(source("tree")));
+        removeDeepTree(source());
+        removeDeepTree(target());
+        makeDirectory(source());
+        makeDirectory(target());
+    }
+}
+
+TEST_F(CarryOutTransfer, merges_into_a_directory_that_cannot_be_listed) {
+    for (const bool bMove : {false, true}) {
+        writeFile(source("tree/a"), "a");
+        writeFile(source("tree/sub/b"), "b");
+        makeDirectory(target("tree/sub"));
+        runUnprivileged(m_box.path(), [&] {
+            fs::permissions(target("tree/sub"), static_cast<fs::perms>(0300));
+            fs::permissions(target("tree"), static_cast<fs::perms>(0300));
+            EXPECT_TRUE(run(bMove, {"tree"})) << report();
+            fs::permissions(target("tree"), static_cast<fs::perms>(0700));
+            fs::permissions(target("tree/sub"), static_cast<fs::perms>(0700));
+        });
+        EXPECT_EQ("a", readFile(target("tree/a")));
+        EXPECT_EQ("b", readFile(target("tree/sub/b")));
+        fs::remove_all(target("tree"));
+    }
+}
+
+TEST_F(CarryOutTransfer, a_failure_in_a_merged_directory_is_told_by_itself_and_stops_nothing) {
+    for (const bool bMove : {false, true}) {
+        fs::remove_all(source());
+        fs::remove_all(target());
+        for (const std::string name : {"tree/1", "tree/in/2", "tree/in/3", "tree/z"}) {
+            writeFile(source(name), name);
+        }
+        makeDirectory(target("tree/in"));
+        const FaultInjector faults(failNaming(EIO, target("tree/in/2")));
+        EXPECT_FALSE(run(bMove, {"tree"}));
+        ASSERT_EQ(1U, m_report.Failed.size()) << report();
+        EXPECT_NE(std::string::npos, TavroDescribe(m_report.Failed[0]).find(source("tree/in/2")));
+        EXPECT_EQ(3U, m_report.Done.size());
+        EXPECT_TRUE(isPresent(source("tree/in/2")));
+        EXPECT_EQ(!bMove, isPresent(source("tree/in/3")));
+        EXPECT_EQ("", debris());
+    }
+}
+
+TEST_F(CarryOutTransfer, an_entry_that_cannot_be_listed_stays_and_the_others_go) {
+    writeFile(source("tree/closed/a"), "a");
+    writeFile(source("tree/open/b"), "b");
+    makeDirectory(target("tree/closed"));
+    makeDirectory(target("tree/open"));
+    fs::permissions(source("tree/closed"), static_cast<fs::perms>(0300));
+    runUnprivileged(m_box.path(), [&] {
+        EXPECT_FALSE(move({"tree"}));
+        EXPECT_EQ("done /source/tree/open/b -> /target/tree/open/b\n"
+                  "failed: Cannot read '/source/tree/closed': " +
+                      systemText(std::errc::permission_denied) + "\n",
+                  report());
+    });
+}
+
+TEST_F(CarryOutTransfer, arrivals_are_told_by_identity) {
+    makeSmallTree(source("tree"));
+    writeFile(source("both/file"), "new");
+    writeFile(target("both/file"), "old");
+    m_plan.ConflictPolicy = TavroTransferConflictPolicy::Overwrite;
+    for (const bool bMove : {false, true}) {
+        EXPECT_TRUE(run(bMove, {"tree", "both"}));
+        ASSERT_EQ(2U, m_report.Done.size());
+        for (const TavroTransferredEntry& entry : m_report.Done) {
+            EXPECT_TRUE(TavroIsUnchanged(entry.Arrived, TavroStateOf(statusOf(entry.To))));
+        }
+        fs::remove_all(target("tree"));
+    }
+}
+
+TEST_F(CarryOutTransfer, tells_which_directories_it_has_created) {
+    writeFile(source("file"), "bytes");
+    add("file", "new/newer/file");
+    add("file", "new/other/file");
+    EXPECT_TRUE(copy());
+    const std::vector<std::string> expected = {target("new"), target("new/newer"),
+                                               target("new/other")};
+    EXPECT_EQ(expected, m_report.CreatedDirectories);
+}
+
+TEST_F(CarryOutTransfer, an_item_goes_to_its_path_also_when_an_earlier_one_moved_what_was_there) {
+    writeFile(source("1"), "1");
+    writeFile(source("2"), "2");
+    makeDirectory(target("here"));
+    add("1", "here/1");
+    add("2", "here/2");
+    TavroTransferItemPlan between;
+    between.SourcePath = target("here");
+    between.DestinationPath = target("there");
+    m_plan.Items.insert(m_plan.Items.begin() + 1, between);
+    EXPECT_TRUE(move()) << report();
+    EXPECT_EQ("1", readFile(target("there/1")));
+    EXPECT_EQ("2", readFile(target("here/2")));
+    EXPECT_FALSE(isPresent(target("there/2")));
+}
+
+// =================================================================================================
+// An adversary
+// =================================================================================================
+
+/// Somebody who exchanges a directory of a merge for a link to another one, at every call.
+class LedAstray : public TransferTest {
+protected:
+    explicit LedAstray(const fs::path& where = inMemory()) : TransferTest(where) {}
+
+    void rebuild() {
+        fs::remove_all(source());
+        fs::remove_all(target());
+        fs::remove_all(m_box / "outside");
+        for (const std::string name : {"tree/in/a", "tree/in/deep/b", "tree/new/c", "tree/z"}) {
+            writeFile(source(name), "of the source");
+        }
+        writeFile(target("tree/in/deep/old"), "of the target");
+        writeFile(target("tree/in/a"), "of the target");
+        for (const std::string name : {"a", "deep/b", "in/a", "in/deep/b", "new/c", "secret"}) {
+            writeFile(m_box / "outside" / name, "secret");
+        }
+    }
+
+    /// A place on the same file system.
+    fs::path awayFrom(const fs::path& victim) const {
+        const bool bBelow = victim.string().rfind(m_box.path().string(), 0) == 0;
+        return (bBelow ? m_box.path() : m_other->path()) / "taken away";
+    }
+
+    void exchangeAtEveryCall(bool bMove, const std::function<fs::path()>& victim) {
+        m_plan.ConflictPolicy = TavroTransferConflictPolicy::Overwrite;
+        bool bRanThrough = false;
+        int calls = 0;
+        for (int k = 1; !bRanThrough; ++k) {
+            rebuild();
+            const auto before = attributesOfTree(m_box / "outside");
+            calls = 0;
+            {
+                const CallObserver adversary([&](const std::string&, const std::string&) {
+                    if (++calls == k && isPresent(victim())) {
+                        fs::rename(victim(), awayFrom(victim()));
+                        fs::create_symlink(m_box / "outside", victim());
+                    }
+                });
+                run(bMove, {"tree"});
+            }
+            bRanThrough = calls < k;
+            EXPECT_EQ(before, attributesOfTree(m_box / "outside"));
+            for (const auto& [name, what] : takeSnapshot(target())) {
+                EXPECT_EQ(std::string::npos, what.find("secret")) << name << ": " << what;
+            }
+            fs::remove_all(awayFrom(source()));
+            fs::remove_all(awayFrom(target()));
+            ASSERT_FALSE(HasFailure()) << "at call " << k << "\n" << report();
+        }
+        EXPECT_LT(30, calls);
+    }
+
+    const std::vector<std::string> m_victims = {"tree", "tree/in", "tree/in/deep"};
+
+    void exchangeEach(bool bMove) {
+        for (const std::string& name : m_victims) {
+            exchangeAtEveryCall(bMove, [&] { return source(name); });
+            exchangeAtEveryCall(bMove, [&] { return target(name); });
+        }
+    }
+};
+
+TEST_F(LedAstray, a_merging_copy_stays_in_its_trees) {
+    exchangeEach(false);
+}
+
+TEST_F(LedAstray, a_merging_move_stays_in_its_trees) {
+    exchangeEach(true);
+}
+
+class LedAstrayElsewhere : public LedAstray {
+protected:
+    LedAstrayElsewhere() : LedAstray(fs::temp_directory_path()) {}
+};
+
+TEST_F(LedAstrayElsewhere, a_merging_move_between_file_systems_stays_in_its_trees) {
+    TARGET_ELSEWHERE();
+    exchangeEach(true);
+}
+
+} // namespace
