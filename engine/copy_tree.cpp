@@ -569,12 +569,16 @@ int TavroTreeCopy::Retrace::Enter() {
 
 std::string TavroTreeCopy::Retrace::SourcePath() const {
     std::string path = m_copy.m_from.Path();
-    for (const std::size_t directory : m_entered) {
-        if (directory != 0) {
-            path = TavroJoin(path, &m_copy.m_names[m_copy.m_copied[directory].NameAt]);
+    const auto append = [&](std::size_t number) {
+        if (number != 0) { // the first is the top itself
+            path.append(1, '/').append(&m_copy.m_names[m_copy.m_copied[number].NameAt]);
         }
+    };
+    for (const std::size_t directory : m_entered) {
+        append(directory);
     }
-    return m_at == 0 ? path : TavroJoin(path, &m_copy.m_names[Entry().NameAt]);
+    append(m_at);
+    return path;
 }
 
 /// What is known of one side of a copied entry. Of a file with several names that changes with each

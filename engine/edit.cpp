@@ -204,5 +204,6 @@ TavroFailure TavroDeleteForGood(const std::vector<TavroOperationEntry>& Entries,
             failure.Path = Entries[i].Path;
         }
     }
+    progress.Tell();
     return failure;
 }

@@ -12,6 +12,7 @@
 #include <new>
 #include <sqlite3.h>
 #include <thread>
+#include <tuple>
 #include <unistd.h>
 #include <utility>
 
@@ -30,6 +31,14 @@ std::string TavroHistoryPath() {
 // =================================================================================================
 // What an operation may say
 // =================================================================================================
+
+bool TavroStep::operator==(const TavroStep& Other) const {
+    const auto all = [](const TavroStep& step) {
+        return std::tie(step.Role, step.From, step.To, step.Record, step.Identity, step.ChangeTime,
+                        step.Mode, step.bDirectory);
+    };
+    return all(*this) == all(Other);
+}
 
 namespace {
 

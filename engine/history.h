@@ -46,9 +46,11 @@ struct TavroStep {
     /// The file at `To`; while the operation is undone, the one at `From`. An inode of 0: not
     /// known, or of a directory that the operation found there.
     TavroIdentity Identity = {};
-    std::int64_t ChangeTime = 0; ///< Of that file when the operation ended, in nanoseconds.
+    std::int64_t ChangeTime = 0; ///< Of that file when the operation ended, or that moment.
     std::uint32_t Mode = 0;      ///< Of a created or removed directory.
     bool bDirectory = false;     ///< As the trash record of a Trashed step has it.
+
+    bool operator==(const TavroStep& Other) const;
 };
 
 /// One operation.

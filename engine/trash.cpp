@@ -331,6 +331,7 @@ TavroTrashReport TavroRestoreSelection(const std::vector<TavroTrashedEntry>& Ent
     for (const Restoration& restoration : restorations) {
         const TavroTrashedEntry& trashed = *restoration.Trashed;
         steps.push_back({trashed.Entry.TrashPath, trashed.Entry.OriginalPath});
+        steps.back().Holder = TavroParentOf(restoration.Place);
         if (trashed.Item.Inode != 0) {
             steps.back().Expected = trashed.Item;
         }

@@ -2,6 +2,7 @@
 
 #include "guard.h"
 #include "names.h"
+#include "record.h"
 #include "trash_record.h"
 
 #include <algorithm>
@@ -30,7 +31,7 @@ private:
     TavroFailure CheckFile(const TavroStep& Step, const std::string& Path, TavroSeenEntry& OutSeen);
     TavroFailure CheckFree(const std::string& Path);
     TavroFailure CheckHolder(const std::string& Path);
-    TavroFailure CheckRecord(const TavroStep& Step);
+    TavroFailure CheckRecord(const TavroStep& Step, const TavroFileState& State);
     TavroFailure CheckEmpty(const TavroStep& Step, const std::set<std::string>& Created);
 
     TavroFailure Act();
@@ -90,17 +91,6 @@ std::vector<TavroStep*> Reversal::StepsOf(Role What) {
         }
     }
     return steps;
-}
-
-/// Keeps which file is at a path now.
-void Note(TavroPlaces& Places, const std::string& Path, TavroStep& OutStep) {
-    TavroPlace place;
-    struct stat status = {};
-    if (!Places.Find(Path, place) && TavroStatAt(place.Number(), place.Name.c_str(), status) == 0) {
-        OutStep.Identity = TavroIdentityOf(status);
-        OutStep.ChangeTime = TavroNanoseconds(status.st_ctim);
-        OutStep.Mode = OutStep.Role == Role::CreatedDirectory ? status.st_mode & 07777U : 0;
-    }
 }
 
 // =================================================================================================
@@ -180,8 +170,12 @@ TavroFailure Reversal::CheckHolder(const std::string& Path) {
     return {};
 }
 
-/// A record that tells of another place belongs to another item, whatever became of the inode.
-TavroFailure Reversal::CheckRecord(const TavroStep& Step) {
+/// An item that changed since may be another one with the same inode. It is not when its record
+/// tells of the same place, or is lost.
+TavroFailure Reversal::CheckRecord(const TavroStep& Step, const TavroFileState& State) {
+    if (State.ChangeTime <= Step.ChangeTime) {
+        return {};
+    }
     TavroPlace record;
     if (m_places.Find(Step.Record, record)) {
         return {};
@@ -397,7 +391,6 @@ TavroFailure Reversal::MoveAll() {
     if (!failure) {
         for (std::size_t i = 0; i < steps.size(); ++i) {
             steps[i]->Identity = moves[i].Arrived.Identity;
-            steps[i]->ChangeTime = moves[i].Arrived.ChangeTime;
         }
     }
     return failure;
@@ -426,13 +419,6 @@ TavroFailure Reversal::RunMoves(std::vector<TavroBatchStep>& Moves) {
 // Trashed entries and copies
 // =================================================================================================
 
-TavroStep InTrash(const TavroTrashedEntry& Trashed) {
-    const TavroTrashEntry& entry = Trashed.Entry;
-    return {
-        Role::Trashed,   entry.OriginalPath, entry.TrashPath, entry.InfoPath, Trashed.Item, 0, 0,
-        entry.bDirectory};
-}
-
 TavroFailure Reversal::Trash(const std::vector<TavroStep*>& Steps) {
     std::vector<TavroOperationEntry> entries;
     std::vector<TavroIdentity> expected;
@@ -451,10 +437,11 @@ TavroFailure Reversal::Trash(const std::vector<TavroStep*>& Steps) {
 }
 
 TavroFailure Reversal::TrashAgain() {
-    const std::vector<TavroStep*> steps = StepsOf(Role::Trashed);
-    TavroFailure failure = Trash(steps);
-    for (std::size_t i = 0; !failure && i < steps.size(); ++i) {
-        *steps[i] = InTrash(m_report.Trash.Entries[i]);
+    TavroFailure failure = Trash(StepsOf(Role::Trashed));
+    if (!failure) {
+        TavroOperation again = TavroOperationOf(m_report.Trash);
+        TavroCompleteOperation(again);
+        m_steps = std::move(again.Steps);
     }
     return failure;
 }
@@ -484,32 +471,30 @@ TavroFailure Reversal::TrashCopies() {
         }
     }
     TavroFailure failure = Trash(outermost);
-    for (const TavroTrashedEntry& trashed : m_report.Trash.Entries) {
-        m_steps.push_back(InTrash(trashed));
-    }
+    TavroOperation trashed = TavroOperationOf(m_report.Trash);
+    TavroCompleteOperation(trashed);
+    m_steps.insert(m_steps.end(), trashed.Steps.begin(), trashed.Steps.end());
     return failure;
 }
 
 /// Restores what lies in the trash for the operation.
 TavroFailure Reversal::Restore() {
+    const std::vector<TavroStep*> steps = StepsOf(Role::Trashed);
     std::vector<TavroTrashedEntry> entries;
-    for (const TavroStep* step : StepsOf(Role::Trashed)) {
+    for (const TavroStep* step : steps) {
         TavroSeenEntry seen;
         TavroFailure failure = CheckFile(*step, step->To, seen);
-        failure = failure ? failure : CheckRecord(*step);
+        failure = failure ? failure : CheckRecord(*step, seen.State);
         if (failure) {
             failure.Kind = failure.Kind == Kind::Missing ? Kind::ItemMissing : failure.Kind;
             return failure;
         }
         entries.push_back(
-            {{step->From, step->To, step->Record, step->bDirectory}, seen.State.Identity});
+            {{step->From, step->To, step->Record, step->bDirectory}, seen.State.Identity, seen});
     }
     m_report.Trash = TavroRestoreSelection(entries, m_callbacks);
-    if (!m_report.Trash.Batch.Failure) {
-        m_places = {};
-        for (TavroStep* step : StepsOf(Role::Trashed)) {
-            Note(m_places, step->From, *step);
-        }
+    for (std::size_t i = 0; i < m_report.Trash.Entries.size(); ++i) {
+        steps[i]->Identity = m_report.Trash.Entries[i].Item;
     }
     return m_report.Trash.Batch.Failure;
 }
@@ -524,8 +509,9 @@ TavroFailure Reversal::RestoreCopies() {
     const auto isTrashed = [](const TavroStep& step) { return step.Role == Role::Trashed; };
     m_steps.erase(std::remove_if(m_steps.begin(), m_steps.end(), isTrashed), m_steps.end());
     for (TavroStep* step : StepsOf(Role::Copied)) {
-        Note(m_places, step->To, *step);
+        step->Identity = {}; // it may have gone to another file system and back
     }
+    TavroCompleteOperation(m_report.Operation);
     return {};
 }
 
@@ -572,9 +558,10 @@ TavroUndoReport Go(bool bUndo, TavroHistory& History, const TavroCallbacks& Call
         report.Operation = std::move(*next);
         report.Operation.State = bUndo ? TavroOperationState::Undone : TavroOperationState::Done;
         failure = History.Update(report.Operation); // what makes saving impossible shows now
+        const std::vector<TavroStep> steps = report.Operation.Steps;
         failure = failure ? failure : Reversal(bUndo, Callbacks, report).Run();
         if (!failure) {
-            failure = History.Update(report.Operation);
+            failure = steps == report.Operation.Steps ? failure : History.Update(report.Operation);
             failure = failure ? failure : History.Commit();
             report.bDoneButNotSaved = static_cast<bool>(failure);
         }
@@ -596,10 +583,18 @@ TavroUndoReport TavroRedo(TavroHistory& History, const TavroCallbacks& Callbacks
 }
 
 void TavroCompleteOperation(TavroOperation& Operation) {
+    struct timespec now = {};
+    clock_gettime(CLOCK_REALTIME, &now);
     TavroPlaces places;
     for (TavroStep& step : Operation.Steps) {
-        if (step.Identity.Inode == 0 && step.Role != Role::RemovedDirectory) {
-            Note(places, step.To, step);
+        TavroPlace place;
+        struct stat status = {};
+        step.ChangeTime = step.ChangeTime != 0 ? step.ChangeTime : TavroNanoseconds(now);
+        if (step.Identity.Inode == 0 && step.Role != Role::RemovedDirectory &&
+            !places.Find(step.To, place) &&
+            TavroStatAt(place.Number(), place.Name.c_str(), status) == 0) {
+            step.Identity = TavroIdentityOf(status);
+            step.Mode = step.Role == Role::CreatedDirectory ? status.st_mode & 07777U : step.Mode;
         }
     }
 }

@@ -225,6 +225,34 @@ TEST_F(RestoreSelection, neither_replaces_nor_claims_what_came_to_an_original_pl
     EXPECT_EQ(pathLine("1"), "Path=" + (docs() / "1").string());
 }
 
+TEST_F(RestoreSelection, follows_no_link_that_took_the_place_of_a_directory) {
+    std::vector<fs::path> paths;
+    for (int i = 0; i < 20; ++i) { // more than are kept open
+        paths.push_back(doc(std::to_string(i) + "/a"));
+    }
+    makeDirectory(sandbox() / "elsewhere");
+    const auto list = trash(paths);
+    const Snapshot before = takeSnapshot(root());
+    const auto callbacks = whenAsked(1, [&] {
+        fs::remove(docs() / "7");
+        fs::create_directory_symlink(sandbox() / "elsewhere", docs() / "7");
+        return false;
+    });
+    const TavroTrashReport report = restoreInVain(list, callbacks);
+    EXPECT_EQ(report.Batch.Failure.Error.value(), ESTALE) << TavroDescribe(report);
+    EXPECT_TRUE(report.Batch.RollBack.empty());
+    EXPECT_TRUE(fs::is_empty(sandbox() / "elsewhere"));
+    EXPECT_EQ(takeSnapshot(root()), before);
+}
+
+TEST_F(RestoreSelection, brings_back_through_links_that_were_there_before) {
+    auto list = trash({doc("a.txt")});
+    fs::create_directory_symlink(docs(), sandbox() / "way");
+    list[0].Entry.OriginalPath = (sandbox() / "way/new/a.txt").string();
+    restore(list);
+    EXPECT_TRUE(isPresent(docs() / "new/a.txt"));
+}
+
 TEST_F(RestoreSelection, moves_no_stranger_back_into_the_trash) {
     const auto list = trash({doc("1", "ours"), doc("2")});
     const auto callbacks = whenAsked(2, [&] {

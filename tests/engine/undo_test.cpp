@@ -837,13 +837,18 @@ TEST_F(Undo, an_item_that_another_program_put_there_meanwhile_stays_there) {
     expectRefused(&Undo::undo, replaced((trash() / "files/x").string()));
 }
 
-TEST_F(Undo, an_item_whose_record_tells_of_another_place_stays_even_if_its_inode_is_the_same) {
+TEST_F(Undo, an_item_that_changed_and_whose_record_tells_of_another_place_stays) {
     writeFile(work("a/x"), "first");
     trashAndRecord({"a/x"});
     const fs::path record = trash() / "info/x.trashinfo";
     const std::string text = readFile(record);
+    fs::permissions(trash() / "files/x", fs::perms(0600)); // a new change time: an inode used again
     writeFile(record, "[Trash Info]\nPath=/b/x\nDeletionDate=2024-03-05T14:07:09\n");
     expectRefused(&Undo::undo, replaced((trash() / "files/x").string(), "what was at '/b/x'"));
+    writeFile(record, text);
+    ASSERT_TRUE(undo().bDone);
+    ASSERT_TRUE(redo().bDone);
+    fs::permissions(trash() / "files/x", fs::perms(0644));
     fs::remove(record);
     EXPECT_TRUE(undo().bDone) << "a record that is lost is no reason to keep the item";
     EXPECT_EQ(readFile(work("a/x")), "first");

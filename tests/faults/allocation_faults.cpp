@@ -2,7 +2,7 @@
 // is leaked, and no byte of the user's is lost. Where the standard library ends the process
 // instead, the place must be on the list.
 
-#include "engines.h"
+#include "suites.h"
 
 #include "child.h"
 

@@ -1,18 +1,19 @@
 #!/usr/bin/env bash
 # Shows that the fault programme sees what it is there to see: each suite must call a deliberately
-# broken module or pane wrong, and both as they are right.
+# broken module or engine wrong, and both as they are right.
 #
 # usage: broken_modules.sh MODULE-SOURCE INCLUDE-FOLDER COMPILER OBJECT-OR-FLAG…
 #
 # The programme is linked from the objects and flags that are given, with a patched copy of the
-# module, or of one source of the pane, each time. Where no single allocation or moment leads to what is broken, the world of the
-# scenario does (a blocked record, a size limit), and its run without faults is wrong already.
+# module, or of one source of the engine, each time. Where no single allocation or moment leads to
+# what is broken, the world of the scenario does (a blocked record, a size limit), and its run
+# without faults is wrong already.
 set -euo pipefail
 
 module=$1 include=$2 compiler=$3
 shift 3
 programme=("$@")
-pane=$(dirname "$module")/../pane
+engine=$(dirname "$module")/../engine
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 surprises=0
@@ -37,12 +38,12 @@ caged=(prlimit --as=1000000000 timeout 120 unshare --mount bash -c '
 cage=closed
 ((EUID != 0)) || "${caged[@]}" true || cage=open
 
-# make NAME [PANE-SOURCE]: the module, or a source of the pane beside it, passed through the sed
+# make NAME [ENGINE-SOURCE]: the module, or a source of the engine beside it, passed through the sed
 # script on standard input, and the programme with it.
 make() {
   local source=$module object rest=()
   if (($# > 1)); then
-    source=$pane/$2
+    source=$engine/$2
     rest+=("$module")
   fi
   sed -E -f /dev/stdin "$source" >"$scratch/$1.cpp"
@@ -51,9 +52,9 @@ make() {
     exit 2
   fi
   for object in "${programme[@]}"; do
-    [[ $object == */tavro_pane.dir/* && ${object##*/} == "${2:-none}.o" ]] || rest+=("$object")
+    [[ $object == */tavro_engine.dir/* && ${object##*/} == "${2:-none}.o" ]] || rest+=("$object")
   done
-  "$compiler" -std=c++17 -I"$include" -I"$pane" "$scratch/$1.cpp" "${rest[@]}" -o "$scratch/$1"
+  "$compiler" -std=c++17 -I"$include" -I"$engine" "$scratch/$1.cpp" "${rest[@]}" -o "$scratch/$1"
 }
 
 # verdict NAME SCENARIO: what the programme with this module says, in one word. Its words are in the
@@ -102,8 +103,8 @@ make as-it-is </dev/null
 expect right as-it-is {calls,system-calls,allocations,kills}:trash/file \
   {allocations,kills}:trash/{blocked-record,size-limit} \
   full-disks:ext4/trash/{file,batch,record-inodes} \
-  races:{trash-namesakes,restore-to-one-place,rename-to-one-name,pane-trash-namesakes}/file \
-  transfers:copy-same/file
+  races:{trash-namesakes,restore-to-one-place,rename-to-one-name,engine-take-back}/file \
+  engine:{copy-same,trash-same}/file engine:{move-across,restore-same,delete-same}/free
 
 # An item whose record cannot be written stays where it is.
 make no-item-rollback <<'SED'
@@ -154,18 +155,57 @@ make blind-rename <<'SED'
 SED
 expect wrong blind-rename races:{rename-to-one-name/file,random/module}
 
-# The pane renames over what is there.
-make blind-pane no_replace.cpp <<'SED'
-s/renameat2\(.*RENAME_NOREPLACE\)/std::rename(From.c_str(), To.c_str())/
+# The engine renames over what is there.
+make blind-engine posix.cpp <<'SED'
+s/renameat2\(.*RENAME_NOREPLACE\)/renameat(FromDirectory, From, ToDirectory, To)/
 SED
-expect wrong blind-pane races:pane-trash-namesakes/file
+expect wrong blind-engine races:{engine-restore-to-one-place/file,random/engine}
 
-# The pane does not ask whether a copy has all its bytes.
-make trusting-pane file_copy.cpp <<'SED'
-s/^    if \(!bCopied\) \{/    if (false) {/
-s/^    if \(Status\.st_size != 0 && arrived\.st_size != Status\.st_size\) \{/    if (false) {/
+# It does not ask whether a copy has all its bytes.
+make trusting-engine copy_file.cpp <<'SED'
+s/^    if \(error != 0 \|\| now\.st_size < Size\) \{/    if (false) {/
+s/^        if \(error != 0 \|\| count == 0\) \{/        if (false) {/
+s/^    return now\.st_size == Size \?/    return true ?/
 SED
-expect wrong trusting-pane transfers:{copy-same,move-across}/file
+expect wrong trusting-engine engine:{copy-same,move-across}/file
+
+# The record is written after the move.
+make record-last batch.cpp <<'SED'
+/^        failure = m_hooks.BeforeMove \?/s/failure = .*/failure = Move(step);/
+s/^        failure = Move\(step\);/        failure = m_hooks.BeforeMove ? m_hooks.BeforeMove(Index) : TavroFailure();/
+SED
+expect wrong record-last engine:trash-same/free
+
+# A record counts as written without its bytes.
+make trusting-record trash_record.cpp <<'SED'
+s/^    error = error != 0 \? error : TavroWriteAt\(/    TavroWriteAt(/
+SED
+expect wrong trusting-record engine:trash-same/free full-disks:ext4/engine-trash/record
+
+# What was done before the failure stays done.
+make no-engine-rollback batch.cpp <<'SED'
+s/^        RollBack\(done\);/        RollBack(0);/
+SED
+expect wrong no-engine-rollback engine:{trash-same,restore-same}/free \
+  full-disks:ext4/engine-trash/batch
+
+# What was done is taken back by its name, whatever bears that by now.
+make by-name batch.cpp <<'SED'
+s/^    options\.Expected = Step\.Arrived\.Identity;//
+SED
+expect wrong by-name races:pinned/engine-take-back/file
+
+# The records go whether the items are back or not.
+make forgetful-restore trash.cpp <<'SED'
+s/^        if \(step\.Arrived\.Identity\.Inode != 0 && !step\.bCopyStays &&/        if (/
+SED
+expect wrong forgetful-restore engine:restore-same/free
+
+# A deletion says that all is gone.
+make silent-removal remove.cpp <<'SED'
+s/^    if \(!m_failure\) \{/    if (false) {/
+SED
+expect wrong silent-removal engine:{delete-same,empty-same}/free
 
 if ((surprises > 0)); then
   echo "$surprises verdicts are not as they should be."

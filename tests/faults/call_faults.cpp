@@ -5,7 +5,7 @@
 // nowhere new; every other one, of the two most telling errors of each call, is followed by a
 // second fault at each call that came after it, those of the roll-back among them.
 
-#include "engines.h"
+#include "suites.h"
 
 #include <algorithm>
 #include <cerrno>

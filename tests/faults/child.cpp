@@ -26,6 +26,42 @@ std::string cut(std::string& text) {
     return field;
 }
 
+void append(std::string& text, const std::vector<std::string>& list) {
+    append(text, std::to_string(list.size()));
+    for (const std::string& field : list) {
+        append(text, field);
+    }
+}
+
+std::vector<std::string> cutList(std::string& text) {
+    std::vector<std::string> list(std::stoul(cut(text)));
+    for (std::string& field : list) {
+        field = cut(text);
+    }
+    return list;
+}
+
+/// A refusal has an error of the guard's, which is told apart by its sign.
+void append(std::string& text, const std::vector<TavroFailure>& list) {
+    append(text, std::to_string(list.size()));
+    for (const TavroFailure& failure : list) {
+        const bool bOfSystem = failure.Error.category() == std::generic_category();
+        const int error = bOfSystem ? failure.Error.value() : -failure.Error.value();
+        append(text, {std::to_string(static_cast<int>(failure.Kind)), std::to_string(error),
+                      failure.Path, failure.Other});
+    }
+}
+
+std::vector<TavroFailure> cutFailures(std::string& text) {
+    std::vector<TavroFailure> list(std::stoul(cut(text)));
+    for (TavroFailure& failure : list) {
+        const std::vector<std::string> fields = cutList(text);
+        failure = TavroFail(static_cast<TavroFailureKind>(std::stoi(fields[0])),
+                            std::stoi(fields[1]), fields[2], fields[3]);
+    }
+    return list;
+}
+
 } // namespace
 
 Board::Board() {
@@ -52,6 +88,10 @@ void Board::put(const Outcome& outcome) const {
     append(text, std::to_string(outcome.Ended));
     append(text, outcome.Message);
     append(text, outcome.Text);
+    append(text, outcome.Failures);
+    append(text, outcome.RollBack);
+    append(text, outcome.Left);
+    append(text, outcome.InBoth);
     for (const TavroTrashEntry& entry : outcome.List) {
         append(text, entry.OriginalPath);
         append(text, entry.TrashPath);
@@ -72,6 +112,10 @@ Outcome Board::outcome() const {
     outcome.Ended = static_cast<Outcome::Ending>(std::stoi(cut(text)));
     outcome.Message = cut(text);
     outcome.Text = cut(text);
+    outcome.Failures = cutFailures(text);
+    outcome.RollBack = cutFailures(text);
+    outcome.Left = cutList(text);
+    outcome.InBoth = cutList(text);
     while (!text.empty()) {
         TavroTrashEntry entry;
         entry.OriginalPath = cut(text);

@@ -2,16 +2,14 @@
 // the records go. Real file systems are filled to the last block, and the sizes of what is moved
 // are swept around what they still take.
 
-#include "engines.h"
+#include "suites.h"
 
+#include "engine_acts.h"
 #include "sentences.h"
 #include "small_disk.h"
 
-#include "trash.h"
-
 #include <algorithm>
 #include <cerrno>
-#include <regex>
 #include <utility>
 
 namespace fs = std::filesystem;
@@ -27,8 +25,8 @@ enum class Act {
     Restore,
     Rename,
     CreateDirectory,
-    PaneTrash,
-    PaneRestore,
+    EngineTrash,
+    EngineRestore,
 };
 
 /// What is selected. The large file of it has the size that is swept.
@@ -62,11 +60,11 @@ constexpr std::uintmax_t farBeyond = 3000000;
 constexpr unsigned mostInodesNeeded = 24;
 
 bool isRestore(Act what) {
-    return what == Act::Restore || what == Act::PaneRestore;
+    return what == Act::Restore || what == Act::EngineRestore;
 }
 
-bool isOfPane(Act what) {
-    return what == Act::PaneTrash || what == Act::PaneRestore;
+bool isOfEngine(Act what) {
+    return what == Act::EngineTrash || what == Act::EngineRestore;
 }
 
 /// Sizes around the first block boundaries, around those near the room, and far beyond it.
@@ -139,12 +137,6 @@ std::string bytesFor(const std::string& name, std::uintmax_t size) {
     return bytes;
 }
 
-void addRows(const fs::path& place, Snapshot& rows) {
-    for (auto& [name, row] : takeSnapshot(place)) {
-        rows[name == "." ? place.string() : (place / name).string()] = row;
-    }
-}
-
 /// One selection, part of it or of its way on a disk that is full.
 class Case {
 public:
@@ -183,6 +175,7 @@ private:
     std::string complaintAfterTrue(const Run& run, std::set<Exception>& used) const;
     std::string complaintAfterFalse(const Run& run, std::set<Exception>& used) const;
     std::string complaintAboutSentence(const std::string& message, Clauses& clauses) const;
+    std::string complaintAboutFailures(const Outcome& outcome) const;
     std::string complaintAboutList(const Outcome& outcome) const;
     bool isOnTheWay(const std::string& folder) const;
     bool isRestKept(const Snapshot& after, bool& bFoldersStay) const;
@@ -231,7 +224,7 @@ void Case::add(const std::string& name, bool bDirectory) {
     item.Destination = bRename ? m_disk.path() / "work/new/name" : m_files / name;
     item.Record = Item::recordOf(m_files / name);
     item.AtOriginal = item.AtDestination = takeSnapshot(made);
-    if (m_sweep.Selected == Selection::Link && !isOfPane(m_sweep.What)) {
+    if (m_sweep.Selected == Selection::Link && !isOfEngine(m_sweep.What)) {
         // Flagged as a file, a link arrives across devices as what it points to.
         item.AtDestination = takeSnapshot(fs::canonical(made));
     }
@@ -320,7 +313,6 @@ void Case::prepare(const Point& point) {
 }
 
 Snapshot Case::snapshot() const {
-    static const std::regex date("DeletionDate=2\\d\\d\\d-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\n$");
     Snapshot rows;
     addRows(m_home, rows);
     addRows(m_work, rows);
@@ -329,7 +321,7 @@ Snapshot Case::snapshot() const {
     }
     for (auto& [name, row] : rows) {
         if (fs::path(name).parent_path() == m_info) {
-            row = std::regex_replace(row, date, "DeletionDate=" + someDate + "\n");
+            row = withoutDate(row);
         }
     }
     return rows;
@@ -372,10 +364,12 @@ bool Case::run(Outcome& outcome) const {
         return TavroRenameEntry(selection()[0], target.string(), m_work, outcome.Text, message);
     case Act::CreateDirectory:
         return TavroCreateDirectory(target.string(), m_work, outcome.Text, message);
-    case Act::PaneTrash:
-        return TavroTrashSelection(selection(), {}, outcome.List, message);
-    case Act::PaneRestore:
-        return TavroRestoreSelection(list(), {}, message);
+    case Act::EngineTrash:
+        outcome = trashByEngine(selection());
+        return outcome.Ended == Outcome::True;
+    case Act::EngineRestore:
+        outcome = restoreByEngine(list());
+        return outcome.Ended == Outcome::True;
     }
     return false;
 }
@@ -407,7 +401,7 @@ std::string Case::stateOf(const Item& item, const Snapshot& after) const {
 }
 
 std::string Case::complaintAboutList(const Outcome& outcome) const {
-    const bool bFills = m_sweep.What == Act::Trash || m_sweep.What == Act::PaneTrash;
+    const bool bFills = m_sweep.What == Act::Trash || m_sweep.What == Act::EngineTrash;
     std::vector<TavroTrashEntry> expected;
     if (m_sweep.What == Act::Reapply || (bFills && outcome.Ended == Outcome::True)) {
         expected = list();
@@ -432,7 +426,7 @@ std::string Case::complaintAfterTrue(const Run& run, std::set<Exception>& used) 
     for (const Item& item : m_items) {
         std::string state = stateOf(item, run.After);
         const bool bCutShort = state == "-Wr" && m_sweep.Short == Resource::Bytes &&
-                               m_sweep.Where != OnDisk::Work && !isOfPane(m_sweep.What);
+                               m_sweep.Where != OnDisk::Work && !isOfEngine(m_sweep.What);
         if (bCutShort && m_disk.measureRoom() < block) {
             used.insert(Exception::RecordCutShort);
             state = "-WR";
@@ -448,13 +442,6 @@ std::string Case::complaintAfterTrue(const Run& run, std::set<Exception>& used) 
 }
 
 std::string Case::complaintAboutSentence(const std::string& message, Clauses& clauses) const {
-    if (isOfPane(m_sweep.What)) {
-        const bool bTold = message.find(textOf(ENOSPC)) != std::string::npos ||
-                           message.rfind("Failed to write trash metadata '", 0) == 0 ||
-                           message.rfind("Failed to create trash metadata '", 0) == 0;
-        const bool bClean = message.find("Rollback failed") == std::string::npos;
-        return bTold && bClean ? "" : "the pane's sentence does not tell of a full disk";
-    }
     clauses = parse(message);
     if (clauses.size() != 1) {
         return clauses.empty() ? "the sentence is unknown" : "a roll-back failed";
@@ -467,9 +454,20 @@ std::string Case::complaintAboutSentence(const std::string& message, Clauses& cl
     return bKnown ? "" : "the sentence has a reason that a full disk does not give";
 }
 
+/// The disk is full, and nothing else: nothing stays behind.
+std::string Case::complaintAboutFailures(const Outcome& outcome) const {
+    const bool bTold =
+        std::any_of(outcome.Failures.begin(), outcome.Failures.end(),
+                    [](const TavroFailure& failure) { return failure.Error.value() == ENOSPC; });
+    const bool bUndone = outcome.RollBack.empty() && outcome.Left.empty() && outcome.InBoth.empty();
+    return bTold && bUndone ? "" : "the failures do not tell of a full disk alone";
+}
+
 std::string Case::complaintAfterFalse(const Run& run, std::set<Exception>& used) const {
     Clauses clauses;
-    std::string complaint = complaintAboutSentence(run.Result.Message, clauses);
+    std::string complaint = isOfEngine(m_sweep.What)
+                                ? complaintAboutFailures(run.Result)
+                                : complaintAboutSentence(run.Result.Message, clauses);
     if (!complaint.empty()) {
         return complaint;
     }
@@ -582,15 +580,17 @@ constexpr Sweep sweeps[] = {
     {"rename/folder-inodes", Act::Rename, Selection::File, OnDisk::Both, Resource::Inodes},
     {"create-directory/inodes", Act::CreateDirectory, Selection::File, OnDisk::Both,
      Resource::Inodes},
-    // The pane: nothing at all is given up.
-    {"pane-trash/file", Act::PaneTrash, Selection::File, OnDisk::Home, Resource::Bytes},
-    {"pane-trash/tree", Act::PaneTrash, Selection::Tree, OnDisk::Home, Resource::Bytes},
-    {"pane-trash/batch", Act::PaneTrash, Selection::Batch, OnDisk::Home, Resource::Bytes, false,
+    // The engine: nothing at all is given up.
+    {"engine-trash/file", Act::EngineTrash, Selection::File, OnDisk::Home, Resource::Bytes},
+    {"engine-trash/tree", Act::EngineTrash, Selection::Tree, OnDisk::Home, Resource::Bytes},
+    {"engine-trash/batch", Act::EngineTrash, Selection::Batch, OnDisk::Home, Resource::Bytes, false,
      false},
-    {"pane-trash/record", Act::PaneTrash, Selection::Batch, OnDisk::Both, Resource::Bytes},
-    {"pane-trash/batch-inodes", Act::PaneTrash, Selection::Batch, OnDisk::Home, Resource::Inodes},
-    {"pane-restore/batch", Act::PaneRestore, Selection::Batch, OnDisk::Work, Resource::Bytes},
-    {"pane-restore/many-inodes", Act::PaneRestore, Selection::Many, OnDisk::Work, Resource::Inodes},
+    {"engine-trash/record", Act::EngineTrash, Selection::Batch, OnDisk::Both, Resource::Bytes},
+    {"engine-trash/batch-inodes", Act::EngineTrash, Selection::Batch, OnDisk::Home,
+     Resource::Inodes},
+    {"engine-restore/batch", Act::EngineRestore, Selection::Batch, OnDisk::Work, Resource::Bytes},
+    {"engine-restore/many-inodes", Act::EngineRestore, Selection::Many, OnDisk::Work,
+     Resource::Inodes},
 };
 
 std::string tellPoint(const Sweep& sweep, const Point& point) {

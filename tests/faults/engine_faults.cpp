@@ -1,17 +1,23 @@
-// The pane's copies and moves: each system call of a transfer fails, once and from then on, and the
-// process is killed before each. A transfer has to keep more than the module's operations do, so it
-// has a judge of its own.
+// What the engine does: each system call of a copy, a move, a trashing, a restoring, a deletion and
+// an emptying fails, once and from then on, and the process is killed before each. The engine has
+// to keep more than the module's operations do, so it has a judge of its own, which reads the
+// failures by their kinds, reasons and paths.
 
-#include "engines.h"
+#include "suites.h"
 
 #include "child.h"
+#include "engine_acts.h"
 #include "tracer.h"
+
+#include "edit.h"
 #include "transfer.h"
+#include "trash_contents.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <optional>
+#include <stdexcept>
 #include <sys/wait.h>
 
 namespace fs = std::filesystem;
@@ -20,26 +26,30 @@ namespace tavro_test {
 
 namespace {
 
-/// What is at the destination before.
-enum class Target { Free, File, Folder };
+enum class Work { Copy, Move, Trash, Restore, Delete, Empty };
+
+/// What is at the destination before: nothing, a file of that name, a directory of that name. A
+/// restore to `Missing` leads to where the directory is gone too.
+enum class There { Free, File, Directory, Missing };
 
 struct Way {
-    bool bMove;
+    Work What;
     bool bAcross;
-    Target What;
+    There Before;
 
     std::string name() const;
 };
 
 std::string Way::name() const {
-    static const char* const targets[] = {"free", "file", "folder"};
-    return std::string(bMove ? "move" : "copy") + (bAcross ? "-across/" : "-same/") +
-           targets[static_cast<int>(What)];
+    static const char* const works[] = {"copy", "move", "trash", "restore", "delete", "empty"};
+    static const char* const states[] = {"free", "file", "directory", "missing"};
+    return std::string(works[static_cast<int>(What)]) + (bAcross ? "-across/" : "-same/") +
+           states[static_cast<int>(Before)];
 }
 
 /// What is done to the calls of a run, beginning with the one of this number.
 struct Blow {
-    enum Kind { None, Once, FromThenOn, Kill };
+    enum Kind { None, Once, FromThenOn, Everything, Kill };
     Kind What = None;
     std::size_t Number = 0;
     int Errno = 0;
@@ -53,11 +63,11 @@ std::string Blow::name() const {
         return "clean";
     case Kill:
         return std::to_string(Number) + ":kill";
-    case Once:
-    case FromThenOn:
+    default:
         break;
     }
-    return std::to_string(Number) + ":" + errnoName(Errno) + (What == FromThenOn ? ":on" : "");
+    const char* const reach = What == Once ? "" : What == FromThenOn ? ":on" : ":everything";
+    return std::to_string(Number) + ":" + errnoName(Errno) + reach;
 }
 
 /// A system call of the clean run.
@@ -94,37 +104,78 @@ std::string rowOf(const Snapshot& all, const std::string& path) {
     return found == all.end() ? "" : found->second;
 }
 
-bool beginsWith(const std::string& text, const std::string& beginning) {
-    return text.rfind(beginning, 0) == 0;
+bool hasKind(const std::vector<TavroFailure>& failures, TavroFailureKind kind) {
+    return std::any_of(failures.begin(), failures.end(),
+                       [&](const TavroFailure& failure) { return failure.Kind == kind; });
 }
 
-/// One transfer of a few entries from one folder to another.
-class TransferFaults {
+/// Failures that are seen without a system's reason, or with one of the engine's own.
+bool isSeen(TavroFailureKind kind) {
+    using Kind = TavroFailureKind;
+    static const std::set<Kind> seen = {Kind::BecameShorter, Kind::CopyNotWhole, Kind::Changed,
+                                        Kind::CopyStays};
+    return seen.count(kind) == 1;
+}
+
+/// One piece of work of the engine on a few entries.
+class EngineFaults {
 public:
-    TransferFaults(Report& report, Tally& tally, const Way& way)
+    EngineFaults(Report& report, Tally& tally, const Way& way)
         : m_report(report), m_tally(tally), m_way(way),
-          m_other(way.bAcross ? fs::path(secondFileSystem) : fs::temp_directory_path()) {}
+          m_other(way.bAcross ? fs::path(secondFileSystem) : fs::temp_directory_path()),
+          m_environment("HOME", home().string()), m_from(bFromTrash() ? files() : source()),
+          m_to(isTransfer()                ? target()
+               : way.What == Work::Trash   ? files()
+               : way.What == Work::Restore ? source()
+                                           : fs::path()) {}
 
     void sweep();
 
 private:
     void prepare() const;
-    void makeTarget() const;
+    void makeItems() const;
+    void makeDestination() const;
     Snapshot snapshot() const;
     Outcome act() const;
+    Outcome transfer() const;
     std::size_t run(const Blow& blow);
     void take(const Blow& blow, int status, std::size_t count);
     void failAt(std::size_t number);
     void runIfWanted(const Blow& blow);
+
     Verdict judgeRun(const Blow& blow, const Run& run, const Snapshot& visible) const;
     std::string complaintAboutBytes(const Snapshot& visible, Verdict& verdict) const;
     std::string complaintAboutSource(const Snapshot& visible) const;
-    std::string complaintAboutTarget(const Snapshot& visible, bool bAttributesFailed) const;
-    std::string complaintAboutEnd(const Run& run, const Snapshot& visible) const;
+    std::string complaintAboutDestination(const Run& run, const Snapshot& visible) const;
+    std::string complaintAboutRecords(const Snapshot& visible) const;
+    std::string complaintAfterTrue(const Snapshot& visible, Verdict& verdict) const;
+    std::string complaintAfterFalse(const Blow& blow, const Run& run,
+                                    const Snapshot& visible) const;
+    std::string complaintAboutFailures(const Blow& blow, const Outcome& outcome) const;
+    std::string complaintAboutBatch(const Blow& blow, const Outcome& outcome,
+                                    const Snapshot& visible) const;
+    bool isAsBefore(const std::string& name, const Snapshot& visible) const;
+    bool isAsAfter(const std::string& name, const Snapshot& visible) const;
     bool isAsInCleanRun(const std::string& path, const std::string& row) const;
+    bool isRecord(const std::string& path) const;
 
+    std::vector<std::string> names() const;
+    std::string arrivalOf(const std::string& path) const;
+    std::string recordOf(const std::string& name) const;
+    bool isTransfer() const {
+        return m_way.What == Work::Copy || m_way.What == Work::Move;
+    }
+    bool isBatch() const {
+        return m_way.What == Work::Trash || m_way.What == Work::Restore;
+    }
+    bool removes() const {
+        return m_way.What == Work::Delete || m_way.What == Work::Empty;
+    }
+    bool bFromTrash() const {
+        return m_way.What == Work::Restore || m_way.What == Work::Empty;
+    }
     std::string nameOf(const Blow& blow) const {
-        return "transfers:" + m_way.name() + ":" + blow.name();
+        return "engine:" + m_way.name() + ":" + blow.name();
     }
     fs::path source() const {
         return m_box / "source";
@@ -132,74 +183,138 @@ private:
     fs::path target() const {
         return m_other / "target";
     }
+    fs::path home() const {
+        return m_other / "target/home";
+    }
+    fs::path trash() const {
+        return home() / ".local/share/Trash";
+    }
+    fs::path files() const {
+        return trash() / "files";
+    }
 
     Report& m_report;
     Tally& m_tally;
     const Way m_way;
     Sandbox m_box;
     Sandbox m_other;
+    ScopedEnvironment m_environment;
+    fs::path m_from; ///< What holds the entries,
+    fs::path m_to;   ///< and where they go; empty: nowhere.
     Board m_board;
     Reference m_reference;
     std::vector<Made> m_calls;        ///< of the clean run
     std::optional<std::string> m_hit; ///< the call of the last run that was hit first
     std::string m_hitPath;
-    bool m_bModesHeld = true; ///< In the last run, the target could hold permissions.
+    bool m_bModesHeld = true; ///< In the last run, the destination could hold permissions.
 };
 
-/// A small and a large file, one with a hole, a link and folders; and the target.
-void TransferFaults::prepare() const {
-    for (const fs::path& folder : {source(), target()}) {
-        std::error_code ec;
-        fs::remove_all(folder, ec);
-    }
-    if (m_way.What != Target::Folder) {
-        writeFile(source() / "file", bytesOf("file", 300));
-    }
-    if (m_way.What != Target::File) {
-        writeFile(source() / "tree/large", bytesOf("large", 100000));
-        writeFile(source() / "tree/sub/small", bytesOf("small", 100));
-        fs::create_symlink("nowhere", source() / "tree/link");
-    }
-    writeFile(source() / "sparse", bytesOf("sparse", 3000));
-    fs::resize_file(source() / "sparse", 20000);
-    makeTarget();
-}
+// -------------------------------------------------------------------------------------------------
+// The world
+// -------------------------------------------------------------------------------------------------
 
-void TransferFaults::makeTarget() const {
-    writeFile(target() / "bystander", bytesOf("bystander", 50));
-    if (m_way.What == Target::File) {
-        writeFile(target() / "file", bytesOf("old file", 500));
-    }
-    if (m_way.What == Target::Folder) {
-        writeFile(target() / "tree/large", bytesOf("old large", 500));
-        writeFile(target() / "tree/own", bytesOf("own", 500));
+/// The entries that are worked on. What is not merged is there in each way, a tree in most.
+std::vector<std::string> EngineFaults::names() const {
+    switch (m_way.Before) {
+    case There::File:
+        return {"file", "sparse"};
+    case There::Directory:
+        return {"tree", "sparse"};
+    default:
+        return {"file", "sparse", "tree"};
     }
 }
 
-Snapshot TransferFaults::snapshot() const {
-    Snapshot all;
-    for (const auto& [folder, name] : {std::pair(source(), "source/"), {target(), "target/"}}) {
-        for (const auto& [path, row] : takeSnapshot(folder)) {
-            all[name + path] = row;
+/// A small and a large file, one with a hole, a link and directories.
+void EngineFaults::makeItems() const {
+    for (const std::string& name : names()) {
+        if (name == "tree") {
+            writeFile(m_from / "tree/large", bytesOf("large", 100000));
+            writeFile(m_from / "tree/sub/small", bytesOf("small", 100));
+            fs::create_symlink("nowhere", m_from / "tree/link");
+        } else if (name == "file") {
+            writeFile(m_from / "file", bytesOf("file", 300));
+        } else {
+            writeFile(m_from / "sparse", bytesOf("sparse", 3000));
+            fs::resize_file(m_from / "sparse", 20000);
         }
+        if (bFromTrash()) {
+            std::string record = recordText((source() / name).string());
+            record.replace(record.find(someDate), someDate.size(), "2024-03-05T14:07:09");
+            writeFile(recordOf(name), record);
+        }
+    }
+}
+
+void EngineFaults::makeDestination() const {
+    writeFile(target() / "bystander", bytesOf("bystander", 50));
+    makeDirectory(home());
+    if (m_way.Before == There::File) {
+        writeFile(m_to / "file", bytesOf("old file", 500));
+    }
+    if (m_way.Before == There::File && m_way.What == Work::Trash) {
+        // One name is taken by an item with its record, another by a record alone.
+        writeFile(recordOf("file"), recordText("/old/file"));
+        writeFile(recordOf("sparse"), recordText("/old/sparse"));
+    }
+    if (m_way.Before == There::Directory) {
+        writeFile(m_to / "tree/large", bytesOf("old large", 500));
+        writeFile(m_to / "tree/own", bytesOf("own", 500));
+    }
+    if (m_way.Before != There::Missing) {
+        makeDirectory(source());
+        writeFile(source() / "neighbour", bytesOf("neighbour", 50));
+    }
+}
+
+void EngineFaults::prepare() const {
+    for (const fs::path& directory : {source(), target()}) {
+        std::error_code ec;
+        fs::remove_all(directory, ec);
+    }
+    makeDestination();
+    makeItems();
+}
+
+Snapshot EngineFaults::snapshot() const {
+    Snapshot all;
+    addRows(source(), all);
+    addRows(target(), all);
+    for (auto& [path, row] : all) {
+        row = isRecord(path) ? withoutDate(row) : row;
     }
     return all;
 }
 
-/// Each failure becomes a line "PATH: REASON".
-Outcome TransferFaults::act() const {
+/// Where an entry, or what is below one, goes; empty: nowhere. In the trash a name that is taken is
+/// numbered.
+std::string EngineFaults::arrivalOf(const std::string& path) const {
+    std::string below = path.substr(m_from.string().size() + 1);
+    if (m_way.What == Work::Trash && m_way.Before == There::File) {
+        below += " copy 1";
+    }
+    return m_to.empty() ? "" : m_to.string() + "/" + below;
+}
+
+std::string EngineFaults::recordOf(const std::string& name) const {
+    return Item::recordOf(files() / name).string();
+}
+
+bool EngineFaults::isRecord(const std::string& path) const {
+    return fs::path(path).extension() == ".trashinfo";
+}
+
+Outcome EngineFaults::transfer() const {
     TavroTransferPlan plan;
-    plan.bMove = m_way.bMove;
+    plan.bMove = m_way.What == Work::Move;
     plan.ConflictPolicy = TavroTransferConflictPolicy::Overwrite;
-    for (const char* const name : {"file", "tree", "sparse"}) {
-        if (isPresent(source() / name)) {
-            TavroTransferItemPlan item;
-            item.Name = name;
-            item.SourcePath = source() / name;
-            item.DestinationPath = target() / name;
-            item.bDirectory = item.Name == "tree";
-            plan.Items.push_back(item);
-        }
+    for (const std::string& name : names()) {
+        TavroTransferItemPlan item;
+        item.Name = name;
+        item.SourcePath = source() / name;
+        item.DestinationPath = target() / name;
+        item.bDirectory = name == "tree";
+        plan.Items.push_back(item);
     }
     TavroTransferReport report;
     markTraced(true);
@@ -207,9 +322,36 @@ Outcome TransferFaults::act() const {
     markTraced(false);
     Outcome outcome;
     outcome.Ended = bDone ? Outcome::True : Outcome::False;
-    for (const TavroTransferFailure& failure : report.Failed) {
-        outcome.Message += failure.Path.string() + ": " + failure.Reason + "\n";
+    outcome.Failures = report.Failed;
+    for (const TavroFailure& failure : report.Failed) {
+        outcome.Message += TavroDescribe(failure) + "\n";
     }
+    return outcome;
+}
+
+Outcome EngineFaults::act() const {
+    if (isTransfer()) {
+        return transfer();
+    }
+    std::vector<TavroOperationEntry> entries;
+    std::vector<TavroTrashedEntry> trashed;
+    std::vector<TavroTrashItem> listed;
+    for (const std::string& name : names()) {
+        entries.push_back({name, (source() / name).string(), name == "tree"});
+    }
+    if (bFromTrash() && TavroListTrash(false, {}, listed)) {
+        throw std::runtime_error("the trash cannot be listed");
+    }
+    for (const TavroTrashItem& item : listed) {
+        trashed.push_back(item.Trashed());
+    }
+    markTraced(true);
+    const Outcome outcome = m_way.What == Work::Trash     ? trashByEngine(entries)
+                            : m_way.What == Work::Restore ? restoreByEngine(trashed)
+                            : m_way.What == Work::Delete
+                                ? outcomeOf(TavroDeleteForGood(entries, {}))
+                                : outcomeOf(TavroRemoveFromTrash(listed, {}));
+    markTraced(false);
     return outcome;
 }
 
@@ -217,12 +359,12 @@ Outcome TransferFaults::act() const {
 // The judge
 // -------------------------------------------------------------------------------------------------
 
-/// Every file is whole in one place at least, but for those that a clean run replaces too.
-std::string TransferFaults::complaintAboutBytes(const Snapshot& visible, Verdict& verdict) const {
-    const auto replaced = lostFiles(m_reference.Before, m_reference.Clean.After);
+/// Every file is whole in one place at least, but for those that a clean run removes too.
+std::string EngineFaults::complaintAboutBytes(const Snapshot& visible, Verdict& verdict) const {
+    const auto removed = lostFiles(m_reference.Before, m_reference.Clean.After);
     std::string complaint;
     for (const auto& [path, size] : lostFiles(m_reference.Before, visible)) {
-        if (replaced.count(path) == 0) {
+        if (removed.count(path) == 0) {
             verdict.BytesLost += size;
             complaint += path + " is lost; ";
         }
@@ -230,96 +372,205 @@ std::string TransferFaults::complaintAboutBytes(const Snapshot& visible, Verdict
     return complaint;
 }
 
-/// Of a target that cannot hold permissions, only the bytes are asked.
-bool TransferFaults::isAsInCleanRun(const std::string& path, const std::string& row) const {
+/// Of a destination that cannot hold permissions, only the bytes are asked.
+bool EngineFaults::isAsInCleanRun(const std::string& path, const std::string& row) const {
     const std::string wanted = rowOf(m_reference.Clean.After, path);
     return row == wanted || (!m_bModesHeld && withoutMode(row) == withoutMode(wanted));
 }
 
-/// A copy leaves its source alone. What a move has taken away lies at its destination.
-std::string TransferFaults::complaintAboutSource(const Snapshot& visible) const {
-    const std::string beginning = "source/";
+/// A copy leaves its source alone. What else has gone lies at its destination, if there is one.
+std::string EngineFaults::complaintAboutSource(const Snapshot& visible) const {
     for (const auto& [path, row] : m_reference.Before) {
-        const std::string arrived = "target/" + path.substr(beginning.size());
-        const std::string now = rowOf(visible, path);
-        const bool bMoved = m_way.bMove && now.empty() && !rowOf(visible, arrived).empty() &&
-                            isAsInCleanRun(arrived, rowOf(visible, arrived));
-        if (beginsWith(path, beginning) && now != row && !bMoved) {
+        if (!liesIn(path, m_from) || path == m_from || rowOf(visible, path) == row) {
+            continue;
+        }
+        const bool bToGo = rowOf(m_reference.Clean.After, path).empty();
+        const std::string there = removes() ? "" : rowOf(visible, arrivalOf(path));
+        const bool bArrived = !there.empty() && isAsInCleanRun(arrivalOf(path), there);
+        if (!rowOf(visible, path).empty() || !bToGo || !(removes() || bArrived)) {
             return path + " is neither where it was nor where it goes; ";
         }
     }
     for (const auto& [path, row] : visible) {
-        if (beginsWith(path, beginning) && rowOf(m_reference.Before, path) != row) {
+        if (liesIn(path, m_from) && rowOf(m_reference.Before, path) != row) {
             return path + " is new or changed; ";
         }
     }
     return "";
 }
 
-/// At the destination each entry is as before or as after a clean run, never something between.
-std::string TransferFaults::complaintAboutTarget(const Snapshot& visible,
-                                                 bool bAttributesFailed) const {
-    const std::string beginning = "target/";
+/// Everywhere else each entry is as before or as after a clean run, never something between. The
+/// record of an item that is not in the trash may be any part of itself.
+std::string EngineFaults::complaintAboutDestination(const Run& run, const Snapshot& visible) const {
+    const bool bAttributesFailed = hasKind(run.Result.Failures, TavroFailureKind::SetAttributes);
     for (const auto& [path, row] : m_reference.Before) {
-        if (beginsWith(path, beginning) && rowOf(visible, path).empty()) {
+        const bool bToGo = bFromTrash() && isRecord(path);
+        if (!liesIn(path, m_from) && !bToGo && rowOf(visible, path).empty()) {
             return path + " is gone; ";
         }
     }
     for (const auto& [path, row] : visible) {
         const std::string after = rowOf(m_reference.Clean.After, path);
         const bool bSameBytes = bAttributesFailed && withoutMode(row) == withoutMode(after);
-        if (beginsWith(path, beginning) && row != rowOf(m_reference.Before, path) &&
-            !isAsInCleanRun(path, row) && !bSameBytes) {
+        const std::string item = (files() / fs::path(path).stem()).string();
+        const bool bClaim = isRecord(path) && rowOf(visible, item).empty() &&
+                            after.rfind(row.substr(0, row.find(someDate)), 0) == 0;
+        if (!liesIn(path, m_from) && row != rowOf(m_reference.Before, path) &&
+            !isAsInCleanRun(path, row) && !bSameBytes && !bClaim) {
             return path + " is neither as before nor as it should become; ";
         }
     }
     return "";
 }
 
-/// True: exactly the state after. False: each failure names an entry and tells of it.
-std::string TransferFaults::complaintAboutEnd(const Run& run, const Snapshot& visible) const {
-    if (run.Result.Ended == Outcome::True) {
-        const bool bAfter = visible.size() == m_reference.Clean.After.size() &&
-                            std::all_of(visible.begin(), visible.end(), [&](const auto& one) {
-                                return isAsInCleanRun(one.first, one.second);
-                            });
-        return bAfter ? "" : "true without the state after; ";
-    }
-    std::string complaint = run.Result.Message.empty() ? "false without a failure; " : "";
-    for (std::size_t begin = 0; begin < run.Result.Message.size();) {
-        const std::size_t end = run.Result.Message.find('\n', begin);
-        const std::string line = run.Result.Message.substr(begin, end - begin);
-        const std::size_t colon = line.find(": ");
-        const std::string path = line.substr(0, colon);
-        const bool bOurs = liesIn(path, source()) || liesIn(path, target());
-        const bool bTold = line.find("'" + source().string(), colon) != std::string::npos ||
-                           line.find("'" + target().string(), colon) != std::string::npos;
-        if (!bOurs || !bTold) {
-            complaint += "a failure without its path: " + line + "; ";
+/// At no moment is an item in the trash without its whole record.
+std::string EngineFaults::complaintAboutRecords(const Snapshot& visible) const {
+    for (const auto& [path, row] : visible) {
+        if (fs::path(path).parent_path() == files()) {
+            const std::string record = recordOf(fs::path(path).filename().string());
+            const std::string its = rowOf(visible, record);
+            if (its.empty() || (its != rowOf(m_reference.Before, record) &&
+                                its != rowOf(m_reference.Clean.After, record))) {
+                return path + " is without its record; ";
+            }
         }
-        begin = end + 1;
+    }
+    return "";
+}
+
+/// Exactly the state after; records that could not be removed may stay without their items.
+std::string EngineFaults::complaintAfterTrue(const Snapshot& visible, Verdict& verdict) const {
+    for (const auto& [path, row] : m_reference.Clean.After) {
+        if (!isAsInCleanRun(path, rowOf(visible, path))) {
+            return "true, but " + path + " is not as after; ";
+        }
+    }
+    for (const auto& [path, row] : visible) {
+        if (rowOf(m_reference.Clean.After, path).empty()) {
+            if (m_way.What != Work::Restore || !isRecord(path)) {
+                return "true, but " + path + " is there; ";
+            }
+            verdict.Used.insert(Exception::RecordLeftBehind);
+        }
+    }
+    return "";
+}
+
+/// Each failure names an entry, and what was made to fail is among the reasons.
+std::string EngineFaults::complaintAboutFailures(const Blow& blow, const Outcome& outcome) const {
+    std::vector<TavroFailure> all = outcome.Failures;
+    all.insert(all.end(), outcome.RollBack.begin(), outcome.RollBack.end());
+    const auto isOurs = [&](const std::string& path) {
+        return liesIn(path, source()) || liesIn(path, target());
+    };
+    const auto isFounded = [&](const TavroFailure& failure) {
+        return failure.Error.value() == blow.Errno || isSeen(failure.Kind);
+    };
+    for (const TavroFailure& failure : all) {
+        if (!failure || !(isOurs(failure.Path) || isOurs(failure.Other))) {
+            return "a failure without its path: " + TavroDescribe(failure) + "; ";
+        }
+    }
+    if (outcome.Failures.empty()) {
+        return "false without a failure; ";
+    }
+    return std::any_of(all.begin(), all.end(), isFounded) ? "" : "an unfounded failure; ";
+}
+
+/// All of an entry is where it was, and nothing of it where it goes. What is merged into what is
+/// there is not asked here.
+bool EngineFaults::isAsBefore(const std::string& name, const Snapshot& visible) const {
+    const std::string from = (m_from / name).string();
+    const std::string to = arrivalOf(from);
+    const std::string record = recordOf(fs::path(to).filename().string());
+    return rowsAt(visible, from) == rowsAt(m_reference.Before, from) &&
+           rowsAt(visible, to) == rowsAt(m_reference.Before, to) &&
+           (m_way.What != Work::Trash ||
+            rowOf(visible, record) == rowOf(m_reference.Before, record));
+}
+
+/// All of an entry is where it goes.
+bool EngineFaults::isAsAfter(const std::string& name, const Snapshot& visible) const {
+    const std::string to = arrivalOf((m_from / name).string());
+    const Snapshot rows = rowsAt(visible, to);
+    return rows.size() == rowsAt(m_reference.Clean.After, to).size() &&
+           std::all_of(rows.begin(), rows.end(), [&](const auto& one) {
+               return isAsInCleanRun(one.first == "." ? to : to + "/" + one.first, one.second);
+           });
+}
+
+/// All or nothing, but for what is told to be elsewhere by now. A single fault leaves nothing to
+/// be told but the entry that it hit.
+std::string EngineFaults::complaintAboutBatch(const Blow& blow, const Outcome& outcome,
+                                              const Snapshot& visible) const {
+    const auto isIn = [](const std::vector<std::string>& list, const std::string& text) {
+        return std::count(list.begin(), list.end(), text) != 0;
+    };
+    std::string complaint;
+    for (const std::string& name : names()) {
+        const std::string original = (source() / name).string();
+        const bool bLeft = isIn(outcome.Left, original);
+        const bool bBoth = isIn(outcome.InBoth, original);
+        const std::string from = (m_from / name).string();
+        const bool bGone = rowsAt(visible, from).empty();
+        if (bLeft || bBoth) {
+            complaint += isAsAfter(name, visible) && bGone == bLeft
+                             ? ""
+                             : name + " is not where it is told to be; ";
+        } else if (!isAsBefore(name, visible)) {
+            // Who may not remove anything any more leaves a claim of its name.
+            const bool bClaim = blow.What != Blow::Once && !bGone;
+            complaint += bClaim ? "" : name + " is not as before, and not told of; ";
+        }
+    }
+    if (blow.What == Blow::Once && !(outcome.RollBack.empty() && outcome.Left.empty())) {
+        complaint += "a roll-back failed without a second fault; ";
     }
     return complaint;
 }
 
-Verdict TransferFaults::judgeRun(const Blow& blow, const Run& run, const Snapshot& visible) const {
+std::string EngineFaults::complaintAfterFalse(const Blow& blow, const Run& run,
+                                              const Snapshot& visible) const {
+    const Outcome& outcome = run.Result;
+    std::string complaint = complaintAboutFailures(blow, outcome);
+    if (isBatch()) {
+        return complaint + complaintAboutBatch(blow, outcome, visible);
+    }
+    for (const TavroFailure& failure : outcome.Failures) {
+        if (removes() && rowOf(run.After, failure.Path).empty()) {
+            complaint += failure.Path + " is not there, though it is told to stay; ";
+        }
+    }
+    // What no failure tells of has arrived.
+    for (const std::string& name : isTransfer() ? names() : std::vector<std::string>()) {
+        const bool bTold = std::any_of(
+            outcome.Failures.begin(), outcome.Failures.end(), [&](const TavroFailure& failure) {
+                return liesIn(failure.Path, m_from / name) || liesIn(failure.Path, m_to / name);
+            });
+        complaint += bTold || isAsAfter(name, visible) ? "" : name + " is not told of; ";
+    }
+    return complaint;
+}
+
+Verdict EngineFaults::judgeRun(const Blow& blow, const Run& run, const Snapshot& visible) const {
     Verdict verdict;
     const bool bKilled = blow.What == Blow::Kill;
-    const bool bAttributesFailed = run.Result.Message.find("attributes") != std::string::npos;
+    const bool bTrue = run.Result.Ended == Outcome::True;
     verdict.Complaint = complaintAboutBytes(visible, verdict) + complaintAboutSource(visible) +
-                        complaintAboutTarget(visible, bAttributesFailed) +
-                        (bKilled ? "" : complaintAboutEnd(run, visible));
+                        complaintAboutDestination(run, visible) + complaintAboutRecords(visible);
+    if (!bKilled) {
+        verdict.Complaint +=
+            bTrue ? complaintAfterTrue(visible, verdict) : complaintAfterFalse(blow, run, visible);
+    }
     if (run.DescriptorsLeaked != 0) {
         verdict.Complaint += std::to_string(run.DescriptorsLeaked) + " descriptors left open; ";
     }
     // Who is killed cannot clean up, nor who may not remove anything any more.
-    const bool bRemains = visible != run.After;
-    if (bRemains && !bKilled && blow.What != Blow::FromThenOn) {
+    if (visible != run.After && blow.What <= Blow::Once) {
         verdict.Complaint += "a hidden entry is left; ";
     }
-    if (blow.Errno == EINTR && run.Result.Ended != Outcome::True &&
-        (*m_hit == "read" || *m_hit == "write")) {
-        verdict.Complaint += "an interrupted call was not tried again; ";
+    if (blow.Errno == EINTR && !bTrue) {
+        verdict.Complaint += "an interrupted call was not made again; ";
     }
     if (verdict.Complaint.empty()) {
         verdict.Decided = visible == m_reference.Before        ? Verdict::Before
@@ -333,8 +584,8 @@ Verdict TransferFaults::judgeRun(const Blow& blow, const Run& run, const Snapsho
 // The runs
 // -------------------------------------------------------------------------------------------------
 
-/// Runs the transfer in a child and returns how many calls it made. The clean run notes them.
-std::size_t TransferFaults::run(const Blow& blow) {
+/// Runs the work in a child and returns how many calls it made. The clean run notes them.
+std::size_t EngineFaults::run(const Blow& blow) {
     prepare();
     m_board.clear();
     m_hit.reset();
@@ -367,7 +618,8 @@ std::size_t TransferFaults::run(const Blow& blow) {
         if ((bFirst && blow.What == Blow::Kill) || number > endless) {
             return Deed{Deed::Kill, 0};
         }
-        const bool bAgain = blow.What == Blow::FromThenOn && m_hit == name;
+        const bool bAgain = (blow.What == Blow::FromThenOn && m_hit == name) ||
+                            (blow.What == Blow::Everything && m_hit);
         return bFirst || bAgain ? Deed{Deed::Fail, blow.Errno} : Deed();
     });
     take(blow, status, count);
@@ -375,7 +627,7 @@ std::size_t TransferFaults::run(const Blow& blow) {
 }
 
 /// Judges the run that has just ended.
-void TransferFaults::take(const Blow& blow, int status, std::size_t count) {
+void EngineFaults::take(const Blow& blow, int status, std::size_t count) {
     const bool bKill = blow.What == Blow::Kill;
     const bool bKilled = WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
     const bool bEnded =
@@ -407,29 +659,29 @@ void TransferFaults::take(const Blow& blow, int status, std::size_t count) {
             visible[path] = row;
         }
     }
-    m_tally.Faults += blow.What == Blow::Once || blow.What == Blow::FromThenOn ? 1 : 0;
+    m_tally.Faults += blow.What == Blow::None || bKill ? 0 : 1;
     m_tally.Kills += bKill ? 1 : 0;
     m_tally.Remains += visible == run.After ? 0 : 1;
     m_report.add(m_tally, nameOf(blow), judgeRun(blow, run, visible), tell(m_reference, run));
 }
 
-void TransferFaults::runIfWanted(const Blow& blow) {
+void EngineFaults::runIfWanted(const Blow& blow) {
     if (m_report.wants(nameOf(blow)) && !m_report.isOver()) {
         run(blow);
     }
 }
 
 /// The short form tries the most telling error once, lets each kind of call fail for ever from its
-/// first one on, and kills where the disk is about to change.
-void TransferFaults::failAt(std::size_t number) {
+/// first one on, interrupts that one, and where the disk is about to change lets everything fail
+/// from then on, and kills.
+void EngineFaults::failAt(std::size_t number) {
     const Made& call = m_calls[number];
     std::vector<int> errnos = plausibleErrnos(call.Name);
     if (errnos.empty()) {
-        m_report.complain("transfers:" + m_way.name() + ":" + std::to_string(number),
+        m_report.complain("engine:" + m_way.name() + ":" + std::to_string(number),
                           "nobody knows how this call may fail: " + call.Name);
     }
     const bool bThorough = m_report.isThorough();
-    const bool bInterruptible = std::count(errnos.begin(), errnos.end(), EINTR) != 0;
     // A short write cannot be made of a failure, and no signal comes for ever.
     errnos.erase(std::remove_if(errnos.begin(), errnos.end(),
                                 [](int error) { return error == 0 || error == EINTR; }),
@@ -440,8 +692,11 @@ void TransferFaults::failAt(std::size_t number) {
         if (bThorough || call.bFirst) {
             runIfWanted({Blow::FromThenOn, number, error});
         }
+        if (error == errnos.front() && (bThorough || call.bChangesDisk)) {
+            runIfWanted({Blow::Everything, number, error});
+        }
     }
-    if (bInterruptible && (bThorough || call.bFirst)) {
+    if (bThorough || call.bFirst) {
         runIfWanted({Blow::Once, number, EINTR});
     }
     if (bThorough || call.bChangesDisk) {
@@ -449,7 +704,7 @@ void TransferFaults::failAt(std::size_t number) {
     }
 }
 
-void TransferFaults::sweep() {
+void EngineFaults::sweep() {
     ++m_tally.Scenarios;
     prepare();
     m_reference.Before = snapshot();
@@ -467,35 +722,41 @@ void TransferFaults::sweep() {
 
 std::vector<Way> allWays() {
     std::vector<Way> all;
-    for (const bool bMove : {false, true}) {
-        for (const bool bAcross : {false, true}) {
-            for (const Target what : {Target::Free, Target::File, Target::Folder}) {
-                all.push_back({bMove, bAcross, what});
+    for (const bool bAcross : {false, true}) {
+        for (const Work what : {Work::Copy, Work::Move}) {
+            for (const There before : {There::Free, There::File, There::Directory}) {
+                all.push_back({what, bAcross, before});
             }
         }
+        all.push_back({Work::Trash, bAcross, There::Free});
+        all.push_back({Work::Trash, bAcross, There::File});
+        all.push_back({Work::Restore, bAcross, There::Free});
+        all.push_back({Work::Restore, bAcross, There::Missing});
     }
+    all.push_back({Work::Delete, false, There::Free});
+    all.push_back({Work::Empty, false, There::Free});
     return all;
 }
 
 } // namespace
 
-void runTransferFaults(Report& report) {
+void runEngineFaults(Report& report) {
     const std::string obstacle = obstacleToFailing();
     if (!obstacle.empty()) {
-        report.skip("transfers", obstacle);
+        report.skip("engine", obstacle);
         return;
     }
-    Tally& tally = report.suite("transfers");
+    Tally& tally = report.suite("engine");
     const std::string crossing = obstacleToCrossing();
     for (const Way& way : allWays()) {
-        if (!report.wantsSome("transfers:" + way.name() + ":") || report.isOver()) {
+        if (!report.wantsSome("engine:" + way.name() + ":") || report.isOver()) {
             continue;
         }
         if (way.bAcross && !crossing.empty()) {
-            report.skip("transfers across devices", crossing);
+            report.skip("engine across devices", crossing);
             continue;
         }
-        TransferFaults(report, tally, way).sweep();
+        EngineFaults(report, tally, way).sweep();
     }
 }
 

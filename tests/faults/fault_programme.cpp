@@ -1,7 +1,7 @@
 // Makes every call fail, every allocation, and every moment the last one, and has each outcome
 // judged. `fault_programme --help` lists the options.
 
-#include "engines.h"
+#include "suites.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -53,7 +53,7 @@ constexpr Suite suites[] = {
     {"system-calls", runSystemCallFaults},
     {"allocations", runAllocationFaults},
     {"kills", runKills},
-    {"transfers", runTransferFaults},
+    {"engine", runEngineFaults},
     {"full-disks", runFullDisks},
     {"races", runRaces},
 };

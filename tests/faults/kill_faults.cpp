@@ -1,7 +1,7 @@
 // The process is killed before each of its system calls. What is left is judged, and then restored
 // and trashed again as a user would try to.
 
-#include "engines.h"
+#include "suites.h"
 
 #include "child.h"
 #include "tracer.h"

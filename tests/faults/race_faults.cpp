@@ -5,14 +5,13 @@
 // race has one exact course, what each check saw is known, and a file that a rename replaces is
 // seen to be replaced. A loss is allowed only there: the name was free when the operation looked,
 // or had just been left by its own item, and the module's order is to look first and rename then.
-// Every other loss is wrong, and with the pane any loss is. Then processes race freely.
+// Every other loss is wrong, and with the engine any loss is. Then processes race freely.
 
-#include "engines.h"
+#include "suites.h"
 
+#include "engine_acts.h"
 #include "racer.h"
 #include "tracer.h"
-
-#include "trash.h"
 
 #include <algorithm>
 #include <optional>
@@ -36,12 +35,6 @@ bool isTree(const std::string& name) {
 
 std::string bytesFor(const std::string& name) {
     return "the bytes of " + name + "\n";
-}
-
-void addRows(const fs::path& place, Snapshot& rows) {
-    for (auto& [name, row] : takeSnapshot(place)) {
-        rows[name == "." ? place.string() : (place / name).string()] = row;
-    }
 }
 
 /// A name in the trash and where it came from.
@@ -160,7 +153,7 @@ std::vector<std::string> Arena::unpaired() const {
 
 struct Actor {
     std::function<Outcome(const Arena&)> Act;
-    bool bPane = false; ///< It must never replace anything.
+    bool bEngine = false; ///< It must never replace anything.
 };
 
 Outcome finished(bool bTrue, Outcome outcome) {
@@ -201,14 +194,8 @@ Actor trash(const std::vector<std::string>& names) {
     }};
 }
 
-Actor paneTrash(const std::vector<std::string>& names) {
-    return {[=](const Arena& arena) {
-                Outcome outcome = fresh();
-                const bool bDone = TavroTrashSelection(selectionOf(arena, names), {}, outcome.List,
-                                                       outcome.Message);
-                return finished(bDone, outcome);
-            },
-            true};
+Actor engineTrash(const std::vector<std::string>& names) {
+    return {[=](const Arena& arena) { return trashByEngine(selectionOf(arena, names)); }, true};
 }
 
 Actor restore(const std::vector<Trashed>& all) {
@@ -219,13 +206,8 @@ Actor restore(const std::vector<Trashed>& all) {
     }};
 }
 
-Actor paneRestore(const std::vector<Trashed>& all) {
-    return {[=](const Arena& arena) {
-                Outcome outcome = fresh();
-                const bool bDone = TavroRestoreSelection(listOf(arena, all), {}, outcome.Message);
-                return finished(bDone, outcome);
-            },
-            true};
+Actor engineRestore(const std::vector<Trashed>& all) {
+    return {[=](const Arena& arena) { return restoreByEngine(listOf(arena, all)); }, true};
 }
 
 Actor reapply(const std::vector<Trashed>& all) {
@@ -266,12 +248,10 @@ Actor trashAndUndo(const std::vector<std::string>& names) {
     }};
 }
 
-Actor paneTrashAndUndo(const std::vector<std::string>& names) {
+Actor engineTrashAndUndo(const std::vector<std::string>& names) {
     return {[=](const Arena& arena) {
-                Outcome outcome = paneTrash(names).Act(arena);
-                bool bDone = outcome.Ended == Outcome::True;
-                bDone = bDone && TavroRestoreSelection(outcome.List, {}, outcome.Message);
-                return finished(bDone, outcome);
+                const Outcome outcome = engineTrash(names).Act(arena);
+                return outcome.Ended == Outcome::True ? restoreByEngine(outcome.List) : outcome;
             },
             true};
 }
@@ -288,7 +268,7 @@ Actor both(const Actor& first, const Actor& second) {
                 first.Act(arena);
                 return second.Act(arena);
             },
-            first.bPane && second.bPane};
+            first.bEngine && second.bEngine};
 }
 
 // -------------------------------------------------------------------------------------------------
@@ -384,7 +364,7 @@ void Race::step(std::size_t which) {
     runner.Left.insert(call.Path);
     const bool bOpenGap =
         runner.SeenFree.count(call.Target) == 1 || runner.Left.count(call.Target) == 1;
-    if (bMayReplace && bOpenGap && !m_contest.Actors[which].bPane) {
+    if (bMayReplace && bOpenGap && !m_contest.Actors[which].bEngine) {
         m_replaced.insert(victim);
     }
 }
@@ -414,7 +394,10 @@ Verdict Race::judge() const {
         if (bTrue && outcome.Message != untouchedMessage) {
             wrong("the message was touched");
         }
-        if (!bTrue && !m_contest.Actors[i].bPane && !mayBeSaid(outcome.Message)) {
+        if (!bTrue && m_contest.Actors[i].bEngine && outcome.Failures.empty()) {
+            wrong("false without a failure");
+        }
+        if (!bTrue && !m_contest.Actors[i].bEngine && !mayBeSaid(outcome.Message)) {
             wrong("the sentence is unknown: " + outcome.Message);
         }
         bRemovalFailed =
@@ -599,51 +582,67 @@ const std::vector<Contest>& contests() {
          {"c/x", "a/y"},
          {},
          {reapply({xForC, yForA}), reapply({xForC, yForA})}},
-        // The pane.
-        {"pane-trash-namesakes/file",
+        // The engine.
+        {"engine-trash-namesakes/file",
          false,
          {"a/x", "b/x"},
          {},
-         {paneTrash({"a/x"}), paneTrash({"b/x"})}},
-        {"pane-trash-namesakes/tree",
+         {engineTrash({"a/x"}), engineTrash({"b/x"})}},
+        {"engine-trash-namesakes/tree",
          false,
          {"a/tree", "b/tree"},
          {},
-         {paneTrash({"a/tree"}), paneTrash({"b/tree"})}},
-        {"pane-trash-namesakes/file-across",
+         {engineTrash({"a/tree"}), engineTrash({"b/tree"})}},
+        {"engine-trash-namesakes/file-across",
          true,
          {"a/x", "b/x"},
          {},
-         {paneTrash({"a/x"}), paneTrash({"b/x"})}},
-        {"pane-trash-one/file", false, {"a/x"}, {}, {paneTrash({"a/x"}), paneTrash({"a/x"})}},
+         {engineTrash({"a/x"}), engineTrash({"b/x"})}},
+        {"engine-trash-one/file", false, {"a/x"}, {}, {engineTrash({"a/x"}), engineTrash({"a/x"})}},
         // What lies under its name in the trash may be the other's, and is left alone.
-        {"pane-trash-one/file-across", true, {"a/x"}, {}, {paneTrash({"a/x"}), paneTrash({"a/x"})}},
-        {"pane-trash-one/tree-across",
+        {"engine-trash-one/file-across",
+         true,
+         {"a/x"},
+         {},
+         {engineTrash({"a/x"}), engineTrash({"a/x"})}},
+        {"engine-trash-one/tree-across",
          true,
          {"a/tree"},
          {},
-         {paneTrash({"a/tree"}), paneTrash({"a/tree"})}},
-        {"pane-restore-to-one-place/file",
+         {engineTrash({"a/tree"}), engineTrash({"a/tree"})}},
+        {"engine-restore-to-one-place/file",
          false,
          {},
          {xForC, otherForC},
-         {paneRestore({xForC}), paneRestore({otherForC})}},
-        {"pane-restore-to-one-place/file-across",
+         {engineRestore({xForC}), engineRestore({otherForC})}},
+        {"engine-restore-to-one-place/file-across",
          true,
          {},
          {xForC, otherForC},
-         {paneRestore({xForC}), paneRestore({otherForC})}},
-        {"pane-restore-one/file", false, {}, {xForC}, {paneRestore({xForC}), paneRestore({xForC})}},
-        {"pane-restore-and-trash/file",
+         {engineRestore({xForC}), engineRestore({otherForC})}},
+        {"engine-restore-one/file",
+         false,
+         {},
+         {xForC},
+         {engineRestore({xForC}), engineRestore({xForC})}},
+        {"engine-restore-and-trash/file",
          false,
          {"b/x"},
          {xForC},
-         {paneRestore({xForC}), paneTrash({"b/x"})}},
-        {"pane-restore-roll-back/file",
+         {engineRestore({xForC}), engineTrash({"b/x"})}},
+        {"engine-restore-roll-back/file",
          false,
          {"b/y"},
          {xForC, yForA},
-         {paneRestore({xForC, yForA}), both(paneRestore({xForC}), paneTrash({"b/y"}))}},
+         {engineRestore({xForC, yForA}), both(engineRestore({xForC}), engineTrash({"b/y"}))}},
+        {"engine-take-back/file",
+         false,
+         {"b/z"},
+         {xForC, yForA},
+         {engineRestore({xForC, yForA}),
+          both(both(restore({xForC}), name("a/y", "b/q")), name("b/z", "a/y"))},
+         false,
+         true},
     };
     return all;
 }
@@ -763,14 +762,24 @@ struct Hold {
     const char* Path = "";
 };
 
+/// A failure of the engine, in which the folders have names. None by default.
+struct Why {
+    TavroFailureKind Kind = TavroFailureKind::None;
+    int Error = 0;
+    const char* Path = "";
+    const char* Other = "";
+};
+
 /// One course of a contest and its exact end. {work} and {trash} stand for the folders.
 struct Pin {
     const char* Contest;
     Hold First;              ///< Process 0 comes to here,
     Hold Second;             ///< process 1 to here, or to its end; then 0 ends, and then 1.
-    const char* Messages[2]; ///< null: it ends with true.
+    const char* Messages[2]; ///< null: it ends with true, or is of the engine
     std::size_t Replaced;    ///< files that are gone
     const char* Unpaired;    ///< an item without its record, or the reverse; empty: none
+    Why Failure = {};        ///< of the engine as process 0; process 1 ends with true
+    Why RollBack = {};       ///< and why what was done could not be undone
 };
 
 constexpr Pin pins[] = {
@@ -869,31 +878,41 @@ constexpr Pin pins[] = {
      {"Failed to move '{trash}/files/y': No such file or directory", nullptr},
      1,
      ""},
-    // The pane renames without replacing, and takes the next name.
-    {"pane-trash-namesakes/file", {"rename", "{work}/a/x"}, {}, {nullptr, nullptr}, 0, ""},
-    {"pane-trash-namesakes/tree", {"rename", "{work}/a/tree"}, {}, {nullptr, nullptr}, 0, ""},
-    {"pane-trash-one/file",
+    // The engine renames without replacing, and takes the next name.
+    {"engine-trash-namesakes/file", {"rename", "{work}/a/x"}, {}, {}, 0, ""},
+    {"engine-trash-namesakes/tree", {"rename", "{work}/a/tree"}, {}, {}, 0, ""},
+    // Its claim is undone when there is nothing to trash any more.
+    {"engine-trash-one/file",
      {"rename", "{work}/a/x"},
      {},
-     {"Cannot move '{work}/a/x' to '{trash}/files/x': No such file or directory", nullptr},
+     {},
      0,
-     ""},
-    {"pane-restore-to-one-place/file",
+     "",
+     {TavroFailureKind::MoveTo, ENOENT, "{work}/a/x", "{trash}/files/x"}},
+    {"engine-restore-to-one-place/file",
      {"rename", "{trash}/files/x"},
      {},
-     {"Cannot move '{trash}/files/x' to '{work}/c/x': File exists", nullptr},
+     {},
      0,
-     ""},
-    // The roll-back finds its old name taken and says where the entry is.
-    {"pane-restore-roll-back/file",
+     "",
+     {TavroFailureKind::RestoreTargetTaken, EEXIST, "{work}/c/x", "{trash}/files/x"}},
+    // The record keeps the old name in the trash for the way back.
+    {"engine-restore-roll-back/file",
      {"rename", "{trash}/files/x"},
      {},
-     {"Cannot move '{trash}/files/x' to '{work}/c/x': No such file or directory"
-      " Rollback failed: Cannot move '{work}/a/y' to '{trash}/files/y': File exists"
-      "; '{work}/a/y' stays restored",
-      nullptr},
+     {},
      0,
-     ""},
+     "",
+     {TavroFailureKind::MoveTo, ENOENT, "{trash}/files/x", "{work}/c/x"}},
+    // Somebody else's file under the name of what was restored does not go to the trash for it.
+    {"engine-take-back/file",
+     {"rename", "{trash}/files/x"},
+     {},
+     {},
+     0,
+     "",
+     {TavroFailureKind::MoveTo, ENOENT, "{trash}/files/x", "{work}/c/x"},
+     {TavroFailureKind::Changed, 0, "{work}/a/y", "{trash}/files/y"}},
 };
 
 /// Lets a process go to its hold, or to its end without one. False when it never comes there.
@@ -912,10 +931,28 @@ bool goToHold(Race& race, const Arena& arena, std::size_t which, const Hold& hol
     return false;
 }
 
+bool isSame(const Arena& arena, const Why& wanted, const std::vector<TavroFailure>& failures) {
+    if (wanted.Kind == TavroFailureKind::None) {
+        return failures.empty();
+    }
+    return failures.size() == 1 && failures[0].Kind == wanted.Kind &&
+           failures[0].Error.value() == wanted.Error &&
+           failures[0].Path == arena.expand(wanted.Path) &&
+           failures[0].Other == arena.expand(wanted.Other);
+}
+
 /// What is not as it was pinned; empty when all is.
 std::string compare(const Pin& pin, const Arena& arena, Race& race, const Verdict& verdict) {
     for (const std::size_t i : {0U, 1U}) {
         const Outcome outcome = race.racer(i).outcome();
+        const bool bFirst = i == 0;
+        if (!isSame(arena, bFirst ? pin.Failure : Why(), outcome.Failures) ||
+            !isSame(arena, bFirst ? pin.RollBack : Why(), outcome.RollBack)) {
+            return "process " + std::to_string(i) + " should have failed otherwise";
+        }
+        if (bFirst && pin.Failure.Kind != TavroFailureKind::None) {
+            continue;
+        }
         const char* const wanted = pin.Messages[i];
         const std::string expected = wanted == nullptr ? untouchedMessage : arena.expand(wanted);
         if ((outcome.Ended == Outcome::True) != (wanted == nullptr) ||
@@ -994,19 +1031,19 @@ Actor randomActor(Dice& dice) {
     }
 }
 
-Actor randomPaneActor(Dice& dice) {
+Actor randomEngineActor(Dice& dice) {
     const std::string& place = dice.oneOf(places);
     switch (dice.below(5)) {
     case 0:
-        return paneTrash({place});
+        return engineTrash({place});
     case 1:
-        return paneTrash({place, dice.oneOf(places)});
+        return engineTrash({place, dice.oneOf(places)});
     case 2:
-        return paneTrashAndUndo({place});
+        return engineTrashAndUndo({place});
     case 3:
-        return paneRestore({dice.oneOf(stock)});
+        return engineRestore({dice.oneOf(stock)});
     default:
-        return paneRestore({dice.oneOf(stock), dice.oneOf(stock)});
+        return engineRestore({dice.oneOf(stock), dice.oneOf(stock)});
     }
 }
 
@@ -1067,15 +1104,15 @@ Actor freeActor(Dice& dice) {
 
 /// Some processes at once, each with so many acts. Which course they take is up to the machine.
 void runFreely(Report& report, Tally& tally, const std::string& identifier, unsigned seed,
-               MakeActor makeActor, bool bPane) {
+               MakeActor makeActor, bool bEngine) {
     constexpr unsigned processes = 4;
     constexpr int acts = 12;
     const Arena arena(false);
     std::vector<std::string> made = {"a/x", "a/y", "b/x", "b/y", "c/x", "a/tree", "b/tree"};
-    if (!bPane) {
+    if (!bEngine) {
         made = {"a/k", "b/l", "c/m", "a/n"};
     }
-    arena.prepare(made, bPane ? stock : std::vector<Trashed>());
+    arena.prepare(made, bEngine ? stock : std::vector<Trashed>());
     const Snapshot before = arena.snapshot();
     std::vector<pid_t> children;
     for (unsigned i = 0; i < processes; ++i) {
@@ -1084,7 +1121,7 @@ void runFreely(Report& report, Tally& tally, const std::string& identifier, unsi
             for (int act = 0; act < acts; ++act) {
                 const Outcome outcome = makeActor(dice).Act(arena);
                 const bool bKnown =
-                    outcome.Ended == Outcome::True || bPane || mayBeSaid(outcome.Message);
+                    outcome.Ended == Outcome::True || bEngine || mayBeSaid(outcome.Message);
                 if (!bKnown) {
                     throw std::runtime_error("the sentence is unknown: " + outcome.Message);
                 }
@@ -1145,14 +1182,14 @@ void runSeeds(Report& report, Tally& tally) {
         });
     };
     runCourses("races:random/module:", randomActor);
-    runCourses("races:random/pane:", randomPaneActor);
-    const auto race = [&](const std::string& beginning, MakeActor makeActor, bool bPane) {
+    runCourses("races:random/engine:", randomEngineActor);
+    const auto race = [&](const std::string& beginning, MakeActor makeActor, bool bEngine) {
         forEachSeed(report, beginning, rounds, [&](const std::string& identifier, unsigned seed) {
-            runFreely(report, tally, identifier, seed, makeActor, bPane);
+            runFreely(report, tally, identifier, seed, makeActor, bEngine);
         });
     };
     race("races:free/module:", freeActor, false);
-    race("races:free/pane:", randomPaneActor, true);
+    race("races:free/engine:", randomEngineActor, true);
 }
 
 } // namespace

@@ -1,6 +1,6 @@
 #include "racer.h"
 
-#include "engines.h"
+#include "suites.h"
 #include "tracer.h"
 
 #include <csignal>
@@ -14,16 +14,6 @@ namespace tavro_test {
 namespace {
 
 constexpr int systemCallStop = SIGTRAP | 0x80;
-
-/// Where the second path of a rename stands among the arguments of the call.
-std::size_t targetArgument(std::uint64_t number) {
-#ifdef SYS_rename
-    if (number == SYS_rename) {
-        return 1;
-    }
-#endif
-    return 3;
-}
 
 } // namespace
 
@@ -73,12 +63,8 @@ bool Racer::comeToCall() {
         m_bActing = !m_bActing;
         return false;
     }
-    const std::uint64_t arguments[] = {info.entry.args[0], info.entry.args[1], info.entry.args[2]};
-    const SystemCall call(m_child, info.entry.nr, arguments);
-    m_next = {call.name(), call.path(), "", call.changesDisk()};
-    if (m_next.Name == "rename") {
-        m_next.Target = textAt(m_child, info.entry.args[targetArgument(info.entry.nr)]);
-    }
+    const SystemCall call(m_child, info.entry.nr, &info.entry.args[0]);
+    m_next = {call.name(), call.path(), call.target(), call.changesDisk()};
     return m_bActing && !m_next.Name.empty();
 }
 

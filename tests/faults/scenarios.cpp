@@ -198,13 +198,6 @@ void emptyFolder(const fs::path& folder) {
     }
 }
 
-/// The rows of `place` and below it, under their absolute paths.
-void addRows(const fs::path& place, Snapshot& rows) {
-    for (auto& [name, row] : takeSnapshot(place)) {
-        rows[name == "." ? place.string() : (place / name).string()] = row;
-    }
-}
-
 /// What an operation gave up half-way may be unreadable for its owner; its mode says nothing then.
 void makeFilesReadable(const fs::path& folder) {
     for (const fs::directory_entry& entry : fs::recursive_directory_iterator(folder)) {
@@ -223,15 +216,6 @@ bool isDate(const std::string& text) {
                       });
 }
 
-std::string withoutDate(const std::string& row) {
-    static const std::string key = "\nDeletionDate=";
-    const std::size_t start = row.find(key);
-    if (start == std::string::npos || !isDate(row.substr(start + key.size()))) {
-        return row;
-    }
-    return row.substr(0, start) + key + someDate + "\n";
-}
-
 std::string planText(const TavroTransferPlan& plan) {
     std::string text =
         plan.SourceLabel + (plan.bMove ? " move" : " copy") +
@@ -245,6 +229,21 @@ std::string planText(const TavroTransferPlan& plan) {
 }
 
 } // namespace
+
+void addRows(const fs::path& place, Snapshot& rows) {
+    for (auto& [name, row] : takeSnapshot(place)) {
+        rows[name == "." ? place.string() : (place / name).string()] = row;
+    }
+}
+
+std::string withoutDate(const std::string& row) {
+    static const std::string key = "\nDeletionDate=";
+    const std::size_t start = row.find(key);
+    if (start == std::string::npos || !isDate(row.substr(start + key.size()))) {
+        return row;
+    }
+    return row.substr(0, start) + key + someDate + "\n";
+}
 
 std::string recordText(const std::string& originalPath) {
     // The names that the programme uses need no encoding, but for the blank.

@@ -3,6 +3,7 @@
 #ifndef TAVRO_TESTS_SCENARIOS_H
 #define TAVRO_TESTS_SCENARIOS_H
 
+#include "failure.h"
 #include "tavroops.h"
 
 #include "sandbox.h"
@@ -39,6 +40,12 @@ struct Outcome {
     std::string Message;
     std::vector<TavroTrashEntry> List; ///< the list of an operation that fills or replaces one
     std::string Text;                  ///< the selected path, the plan or the size, as text
+
+    // What the engine tells. `Message` says the same for a person; nothing is decided by it.
+    std::vector<TavroFailure> Failures;
+    std::vector<TavroFailure> RollBack; ///< why something could not be undone
+    std::vector<std::string> Left;      ///< original paths of what lies at its destination
+    std::vector<std::string> InBoth;    ///< original paths of what is in part in both places
 };
 
 /// What `Message` and `List` hold before the call.
@@ -156,6 +163,12 @@ extern const std::string someDate;
 
 /// The bytes of the record of an entry, with `someDate`.
 std::string recordText(const std::string& originalPath);
+
+/// The row of a well-formed record with `someDate` for its date; any other row as it is.
+std::string withoutDate(const std::string& row);
+
+/// The rows of `place` and below it, under their absolute paths.
+void addRows(const std::filesystem::path& place, Snapshot& rows);
 
 } // namespace tavro_test
 

@@ -1,4 +1,4 @@
-#include "engines.h"
+#include "suites.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -34,7 +34,8 @@ const std::vector<Plausible>& plausible() {
         {{"fopen64"}, {EIO, EACCES, EMFILE, ENFILE, ENOMEM, ENOSPC, EROFS, EDQUOT}},
         {{"opendir", "fdopendir"}, {EIO, EACCES, EMFILE, ENFILE, ENOMEM}},
         {{"readdir", "getdents64"}, {EIO, EOVERFLOW}},
-        {{"stat", "lstat", "fstat64", "newfstatat"}, {EIO, EACCES, ELOOP, ENAMETOOLONG, ENOMEM}},
+        {{"stat", "lstat", "fstat64", "newfstatat", "statx"},
+         {EIO, EACCES, ELOOP, ENAMETOOLONG, ENOMEM}},
         {{"read"}, {EIO, EINTR}},
         {{"write", "writev"}, {ENOSPC, 0, EIO, EDQUOT, EFBIG, EINTR}},
         {{"sendfile"}, {0, EINVAL, ENOSPC, EIO, ENOSYS, EDQUOT, ENOMEM}},

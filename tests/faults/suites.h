@@ -1,7 +1,7 @@
 // What the suites of the fault programme share: the options, one run, and the report.
 
-#ifndef TAVRO_TESTS_ENGINES_H
-#define TAVRO_TESTS_ENGINES_H
+#ifndef TAVRO_TESTS_SUITES_H
+#define TAVRO_TESTS_SUITES_H
 
 #include "judge.h"
 #include "remains.h"
@@ -107,7 +107,7 @@ std::string errnoName(int error);
 void runCallFaults(Report& report);
 void runAllocationFaults(Report& report);
 void runKills(Report& report);
-void runTransferFaults(Report& report);
+void runEngineFaults(Report& report);
 void runSystemCallFaults(Report& report);
 void runFullDisks(Report& report);
 void runRaces(Report& report);

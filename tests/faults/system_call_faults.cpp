@@ -1,7 +1,7 @@
-// The second engine: the same faults below the C library, where nothing can be overlooked. It
-// checks that the first engine sees every call that changes the disk.
+// The second injector: the same faults below the C library, where nothing can be overlooked. It
+// checks that the first one sees every call that changes the disk.
 
-#include "engines.h"
+#include "suites.h"
 
 #include "child.h"
 #include "tracer.h"
@@ -29,7 +29,7 @@ public:
 
 private:
     std::vector<Made> run(std::size_t number, int error);
-    void compareWithFirstEngine(const std::vector<Made>& made);
+    void compareWithCalls(const std::vector<Made>& made);
 
     Report& m_report;
     Tally& m_tally;
@@ -93,8 +93,8 @@ std::string systemCallOf(const std::string& call) {
     return found == changing.end() ? "" : found->second;
 }
 
-/// Every system call that changes the disk was seen by the first engine, as a call that makes it.
-void SystemCallFaults::compareWithFirstEngine(const std::vector<Made>& made) {
+/// Every system call that changes the disk was seen by the first injector, as a call that makes it.
+void SystemCallFaults::compareWithCalls(const std::vector<Made>& made) {
     std::map<std::string, long> difference;
     for (const Made& call : made) {
         // An empty directory in the place of a record: remove tries one call after the other.
@@ -114,7 +114,7 @@ void SystemCallFaults::compareWithFirstEngine(const std::vector<Made>& made) {
     for (const auto& [name, count] : difference) {
         if (count != 0) {
             m_report.complain("system-calls:" + m_scenario.name(),
-                              "the two engines differ by " + std::to_string(count) + " " + name);
+                              "the two injectors differ by " + std::to_string(count) + " " + name);
         }
     }
 }
@@ -122,7 +122,7 @@ void SystemCallFaults::compareWithFirstEngine(const std::vector<Made>& made) {
 void SystemCallFaults::sweep() {
     const std::vector<Made> made = run(none, 0);
     m_tally.Calls += made.size();
-    compareWithFirstEngine(made);
+    compareWithCalls(made);
     for (std::size_t number = 0; number < made.size() && !m_report.isOver(); ++number) {
         const std::vector<int>& errnos = plausibleErrnos(made[number].Name);
         if (errnos.empty()) {

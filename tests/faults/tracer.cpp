@@ -22,7 +22,7 @@ namespace tavro_test {
 namespace {
 
 /// Where a call names its file.
-enum class Names { Path, PathAt, PathSecond, Descriptor };
+enum class Names { Path, PathAt, LinkAt, PathSecond, Descriptor };
 
 struct Known {
     std::uint64_t Number;
@@ -48,13 +48,15 @@ constexpr Known known[] = {
     {SYS_mknod, "mknod", Names::Path, true},
     {SYS_lchown, "chown", Names::Path, true},
 #endif
+    {SYS_renameat, "rename", Names::PathAt, true},
     {SYS_renameat2, "rename", Names::PathAt, true},
     {SYS_unlinkat, "unlinkat", Names::PathAt, true},
     {SYS_mkdirat, "mkdir", Names::PathAt, true},
-    {SYS_symlinkat, "symlink", Names::PathSecond, true},
+    {SYS_symlinkat, "symlink", Names::LinkAt, true},
     {SYS_readlinkat, "readlink", Names::PathAt, false},
     {SYS_openat, "openat", Names::PathAt, true},
     {SYS_newfstatat, "newfstatat", Names::PathAt, false},
+    {SYS_statx, "statx", Names::PathAt, false},
     {SYS_fchmodat, "fchmodat", Names::PathAt, true},
     {SYS_utimensat, "utimensat", Names::PathAt, true},
     {SYS_truncate, "truncate", Names::Path, true},
@@ -76,15 +78,19 @@ constexpr Known known[] = {
     {SYS_fchown, "chown", Names::Descriptor, true},
     {SYS_fchownat, "chown", Names::PathAt, true},
     {SYS_faccessat, "access", Names::PathAt, false},
+    {SYS_faccessat2, "access", Names::PathAt, false},
     {SYS_linkat, "link", Names::PathAt, true},
     {SYS_mknodat, "mknod", Names::PathAt, true},
     {SYS_listxattr, "listxattr", Names::Path, false},
     {SYS_llistxattr, "listxattr", Names::Path, false},
     {SYS_flistxattr, "listxattr", Names::Descriptor, false},
+    {SYS_getxattr, "getxattr", Names::Path, false},
     {SYS_lgetxattr, "getxattr", Names::Path, false},
     {SYS_fgetxattr, "getxattr", Names::Descriptor, false},
+    {SYS_setxattr, "setxattr", Names::Path, true},
     {SYS_lsetxattr, "setxattr", Names::Path, true},
     {SYS_fsetxattr, "setxattr", Names::Descriptor, true},
+    {SYS_removexattr, "removexattr", Names::Path, true},
     {SYS_lremovexattr, "removexattr", Names::Path, true},
     {SYS_fremovexattr, "removexattr", Names::Descriptor, true},
     {SYS_close, "close", Names::Descriptor, false},
@@ -212,8 +218,19 @@ bool SystemCall::changesDisk() const {
     if (call == nullptr || !call->bChangesDisk) {
         return false;
     }
+    constexpr std::uint64_t unnamed = O_TMPFILE & ~O_DIRECTORY;
     const bool bOpen = m_number == SYS_openat;
-    return !bOpen || (m_arguments[2] & (O_CREAT | O_TRUNC)) != 0;
+    return !bOpen || (m_arguments[2] & (O_CREAT | O_TRUNC | unnamed)) != 0;
+}
+
+std::string SystemCall::pathAt(std::size_t directory, std::size_t name) const {
+    const std::string text = textAt(m_child, m_arguments[name]);
+    const bool bAbsolute = !text.empty() && text.front() == '/';
+    if (bAbsolute || static_cast<int>(m_arguments[directory]) == AT_FDCWD) {
+        return text;
+    }
+    const std::string holder = pathOf(m_child, m_arguments[directory]);
+    return text.empty() ? holder : holder + "/" + text;
 }
 
 std::string SystemCall::path() const {
@@ -224,16 +241,25 @@ std::string SystemCall::path() const {
     switch (call->Where) {
     case Names::Path:
         return textAt(m_child, m_arguments[0]);
-    case Names::PathAt: {
-        const std::string text = textAt(m_child, m_arguments[1]);
-        return text.empty() ? pathOf(m_child, m_arguments[0]) : text;
-    }
+    case Names::PathAt:
+        return pathAt(0, 1);
+    case Names::LinkAt:
+        return pathAt(1, 2);
     case Names::PathSecond:
-        return textAt(m_child, m_arguments[m_number == SYS_symlinkat ? 2 : 1]);
+        return textAt(m_child, m_arguments[1]);
     case Names::Descriptor:
         break;
     }
     return pathOf(m_child, m_arguments[0]);
+}
+
+std::string SystemCall::target() const {
+#ifdef SYS_rename
+    if (m_number == SYS_rename) {
+        return textAt(m_child, m_arguments[1]);
+    }
+#endif
+    return m_number == SYS_renameat || m_number == SYS_renameat2 ? pathAt(2, 3) : "";
 }
 
 // A mark is a call that no operation makes.
@@ -265,9 +291,8 @@ int trace(pid_t child, const std::function<Deed(const SystemCall&)>& decide) {
             bBetween = !bBetween;
             continue;
         }
-        const std::uint64_t arguments[] = {info.entry.args[0], info.entry.args[1],
-                                           info.entry.args[2]};
-        const Deed deed = bBetween ? decide(SystemCall(child, info.entry.nr, arguments)) : Deed();
+        const Deed deed =
+            bBetween ? decide(SystemCall(child, info.entry.nr, &info.entry.args[0])) : Deed();
         if (deed.What == Deed::Kill) {
             kill(child, SIGKILL);
             waitpid(child, &status, 0);

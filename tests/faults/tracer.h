@@ -23,10 +23,16 @@ public:
     /// The call changes what is on the disk.
     bool changesDisk() const;
 
-    /// The (first) path, or the path of the descriptor; a relative path as it is given.
+    /// The (first) path, or the path of the descriptor; what is relative to the current directory
+    /// as it is given.
     std::string path() const;
 
+    /// Of a rename, where it leads.
+    std::string target() const;
+
 private:
+    std::string pathAt(std::size_t directory, std::size_t name) const;
+
     pid_t m_child;
     std::uint64_t m_number;
     const std::uint64_t* m_arguments;

@@ -15,7 +15,9 @@ AdversaryTally strikeAtEachCall(const Adversary& adversary) {
         std::string where;
         {
             const CallObserver observer([&](const std::string& call, const std::string& path) {
-                if (++made == chosen) {
+                const bool bCounts = !adversary.Counts || adversary.Counts(call, path);
+                made += bCounts ? 1 : 0;
+                if (bCounts && made == chosen) {
                     where = call + " " + path;
                     bStruck = adversary.Strike();
                 }
@@ -24,7 +26,7 @@ AdversaryTally strikeAtEachCall(const Adversary& adversary) {
         }
         SCOPED_TRACE("struck at call " + std::to_string(chosen) + ": " + where);
         adversary.Judge();
-        if (made < chosen) {
+        if (made < chosen || testing::Test::HasFailure()) {
             return tally;
         }
         ++tally.Runs;

@@ -15,6 +15,9 @@ struct Adversary {
     std::function<bool()>
         Strike;                  ///< Changes the world once; false when there is nothing to change.
     std::function<void()> Judge; ///< After each run.
+
+    /// Which calls are counted; empty: all.
+    std::function<bool(const std::string& call, const std::string& path)> Counts = {};
 };
 
 /// What became of all the runs.
@@ -24,7 +27,8 @@ struct AdversaryTally {
 };
 
 /// Runs the operation again and again. In run k, `Strike` is called just before the operation's
-/// k-th call. Ends with the run that had fewer calls than that, which nobody disturbed.
+/// k-th call. Ends with the run that had fewer calls than that, which nobody disturbed, or after a
+/// failed assertion.
 AdversaryTally strikeAtEachCall(const Adversary& adversary);
 
 } // namespace tavro_test

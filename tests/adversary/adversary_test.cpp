@@ -1,0 +1,284 @@
+// Somebody who owns what an operation works on tries to lead it elsewhere: at each of its calls
+// directories and files are exchanged for links to a victim, and entries are carried off.
+
+#include "world.h"
+
+#include "adversary.h"
+#include "edit.h"
+#include "history.h"
+#include "place.h"
+#include "record.h"
+#include "transfer.h"
+#include "trash.h"
+#include "trash_contents.h"
+#include "undo.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <set>
+
+namespace fs = std::filesystem;
+using namespace tavro_test;
+
+namespace {
+
+// =================================================================================================
+// The operations
+// =================================================================================================
+
+/// What is done between two calls of the adversary.
+struct Scenario {
+    const char* Name;
+    bool bFar; ///< To another device, and from there.
+    std::function<void(World&)> Before;
+    std::function<bool(World&)> Act; ///< Whether it was done.
+};
+
+std::vector<TavroOperationEntry> treeOf(const World& world) {
+    return {TavroSelectEntry(world.tree())};
+}
+
+TavroTransferReport transfer(World& world, bool bMove, bool& bOutDone) {
+    TavroTransferPlan plan;
+    plan.bMove = bMove;
+    plan.ConflictPolicy = TavroTransferConflictPolicy::Overwrite;
+    plan.Items.resize(1);
+    plan.Items[0].Name = "tree";
+    plan.Items[0].SourcePath = world.tree();
+    plan.Items[0].DestinationPath = world.dest() / "tree";
+    plan.Items[0].bDirectory = true;
+    TavroTransferReport report;
+    bOutDone = TavroCarryOutTransfer(plan, {}, report);
+    return report;
+}
+
+bool copy(World& world) {
+    bool bDone = false;
+    transfer(world, false, bDone);
+    return bDone;
+}
+
+bool move(World& world) {
+    bool bDone = false;
+    transfer(world, true, bDone);
+    return bDone;
+}
+
+TavroTrashReport trash(World& world) {
+    TavroTrashReport report = TavroTrashSelection(treeOf(world), {});
+    return report;
+}
+
+bool isTrashed(World& world) {
+    return bool(trash(world));
+}
+
+/// What is in the trash, listed before the adversary comes.
+std::vector<TavroTrashItem> g_items;
+
+void trashAndList(World& world) {
+    EXPECT_TRUE(isTrashed(world));
+    EXPECT_FALSE(TavroListTrash(false, {}, g_items));
+}
+
+bool empty(World&) {
+    return !TavroRemoveFromTrash(g_items, {});
+}
+
+bool restore(World&) {
+    return bool(TavroRestoreSelection({g_items.at(0).Trashed()}, {}));
+}
+
+/// Records an operation, to be undone.
+void record(TavroOperation operation) {
+    TavroCompleteOperation(operation);
+    TavroHistory history;
+    EXPECT_FALSE(history.Open(TavroHistoryPath(), std::chrono::seconds(5)));
+    EXPECT_FALSE(history.Record(operation));
+}
+
+void transferAndRecord(World& world, bool bMove) {
+    bool bDone = false;
+    const TavroTransferReport report = transfer(world, bMove, bDone);
+    EXPECT_TRUE(bDone);
+    record(TavroOperationOf(report, bMove));
+}
+
+bool undo(World&) {
+    TavroHistory history;
+    const TavroFailure failure = history.Open(TavroHistoryPath(), std::chrono::seconds(5));
+    return !failure && !TavroUndo(history, {}).Failure;
+}
+
+bool redo(World&) {
+    TavroHistory history;
+    const TavroFailure failure = history.Open(TavroHistoryPath(), std::chrono::seconds(5));
+    return !failure && !TavroRedo(history, {}).Failure;
+}
+
+void nothing(World&) {}
+
+/// A directory of the same name is at the destination, with some of the same names in it.
+void makeDestination(World& world) {
+    writeFile(world.dest() / "tree/sub/inner", "older");
+    writeFile(world.dest() / "tree/sub/deep/other", "older");
+    world.giveAway(world.dest());
+}
+
+const Scenario scenarios[] = {
+    {"delete", false, nothing, [](World& world) { return !TavroDeleteForGood(treeOf(world), {}); }},
+    {"empty", false, trashAndList, empty},
+    {"copy", false, nothing, copy},
+    {"copy across devices", true, nothing, copy},
+    {"copy into a directory", false, makeDestination, copy},
+    {"move", false, nothing, move},
+    {"move across devices", true, nothing, move},
+    {"move into a directory", false, makeDestination, move},
+    {"trash", false, nothing, isTrashed},
+    {"trash across devices", true, nothing, isTrashed},
+    {"restore", false, trashAndList, restore},
+    {"restore across devices", true, trashAndList, restore},
+    {"undo a copy", false, [](World& world) { transferAndRecord(world, false); }, undo},
+    {"undo a move across devices", true, [](World& world) { transferAndRecord(world, true); },
+     undo},
+    {"undo trashing across devices", true,
+     [](World& world) { record(TavroOperationOf(trash(world))); }, undo},
+    {"redo a move across devices", true,
+     [](World& world) {
+         transferAndRecord(world, true);
+         EXPECT_TRUE(undo(world));
+     },
+     redo},
+};
+
+// =================================================================================================
+// The adversary
+// =================================================================================================
+
+/// Where the entries of the tree may be: where they were, where they went, in the trash.
+std::vector<fs::path> treesOf(const World& world) {
+    std::vector<fs::path> trees = {world.tree(), world.dest() / "tree",
+                                   world.home() / ".local/share/Trash/files/tree"};
+    // And where a copy of it is being made.
+    for (const fs::path& place : {world.work(), world.dest()}) {
+        std::error_code ec;
+        for (const fs::directory_entry& entry : fs::directory_iterator(place, ec)) {
+            if (entry.path().filename().string().rfind(".tavro-", 0) == 0) {
+                trees.push_back(entry.path());
+            }
+        }
+    }
+    return trees;
+}
+
+/// Exchanges an entry of each of the trees for a link to the victim's entry of that name.
+bool exchangeBelow(World& world, const std::string& below) {
+    bool bStruck = false;
+    const std::vector<fs::path> trees = treesOf(world);
+    for (const fs::path& tree : trees) {
+        // The home directory and what lies in it under the user's eyes is not the adversary's.
+        const bool bTop = below.empty();
+        const bool bHome = tree.string().rfind(world.home().string(), 0) == 0;
+        bStruck = (!(bTop && bHome) &&
+                   world.exchange(bTop ? tree : tree / below, world.victim() / below)) ||
+                  bStruck;
+    }
+    return bStruck;
+}
+
+bool carryOffBelow(World& world, const std::string& below) {
+    bool bStruck = false;
+    for (const fs::path& tree : treesOf(world)) {
+        bStruck = world.carryOff(tree / below) || bStruck;
+    }
+    return bStruck;
+}
+
+struct Strike {
+    const char* Name;
+    std::function<bool(World&)> Act;
+};
+
+const Strike strikes[] = {
+    {"the tree for a link", [](World& world) { return exchangeBelow(world, ""); }},
+    {"a directory for a link", [](World& world) { return exchangeBelow(world, "sub"); }},
+    {"a deep directory for a link", [](World& world) { return exchangeBelow(world, "sub/deep"); }},
+    {"a closed directory for a link",
+     [](World& world) { return exchangeBelow(world, "sub/closed"); }},
+    {"a file for a link", [](World& world) { return exchangeBelow(world, "file"); }},
+    {"a deep file for a link", [](World& world) { return exchangeBelow(world, "sub/deep/leaf"); }},
+    {"a directory carried off", [](World& world) { return carryOffBelow(world, "sub"); }},
+    {"the directory that holds the tree for a link",
+     [](World& world) {
+         return world.isOpen(world.work()) && world.exchange(world.work(), world.victim());
+     }},
+    {"the directory of the destination for a link",
+     [](World& world) {
+         return world.isOpen(world.dest()) && world.exchange(world.dest(), world.victim());
+     }},
+};
+
+/// Calls on an open file see no names: a strike before one is the same as before the next.
+bool seesNames(const std::string& call) {
+    static const std::set<std::string> blind = {
+        "close",    "fstat",      "fstat64",    "lseek",     "pread",        "pwrite",
+        "read",     "write",      "fsync",      "syncfs",    "ftruncate",    "fchmod",
+        "futimens", "flistxattr", "fgetxattr",  "fsetxattr", "fremovexattr", "copy_file_range",
+        "sendfile", "ioctl",      "localtime_r"};
+    return blind.count(call) == 0;
+}
+
+void tryToLeadAstray(const Scenario& scenario) {
+    World world(scenario.bFar);
+    AdversaryTally all;
+    for (const Strike& strike : strikes) {
+        SCOPED_TRACE(std::string(scenario.Name) + ", exchanged: " + strike.Name);
+        bool bDone = false;
+        Adversary adversary;
+        adversary.Prepare = [&] {
+            world.begin();
+            scenario.Before(world);
+        };
+        adversary.Operate = [&] { bDone = scenario.Act(world); };
+        adversary.Strike = [&] { return strike.Act(world); };
+        adversary.Judge = [&] { EXPECT_EQ("", world.damage()); };
+        adversary.Counts = [&](const std::string& call, const std::string& path) {
+            return world.notice(call, path) && seesNames(call);
+        };
+        const AdversaryTally tally = strikeAtEachCall(adversary);
+        EXPECT_TRUE(bDone) << "undisturbed, it is done";
+        all.Runs += tally.Runs;
+        all.Strikes += tally.Strikes;
+        if (testing::Test::HasFailure()) {
+            break;
+        }
+    }
+    std::printf("%-30s %5d runs, struck in %d\n", scenario.Name, all.Runs, all.Strikes);
+    EXPECT_GT(all.Strikes, 0);
+}
+
+class LeadAstray : public testing::TestWithParam<Scenario> {};
+
+} // namespace
+
+TEST_P(LeadAstray, what_belongs_to_somebody_else) {
+    if (!isRoot()) {
+        GTEST_SKIP() << "needs root, to work on what another user owns";
+    }
+    tryToLeadAstray(GetParam());
+}
+
+TEST_P(LeadAstray, as_an_ordinary_user) {
+    const Sandbox none;
+    runUnprivileged(none.path(), [] { tryToLeadAstray(GetParam()); });
+}
+
+INSTANTIATE_TEST_SUITE_P(Operations, LeadAstray, testing::ValuesIn(scenarios),
+                         [](const testing::TestParamInfo<Scenario>& given) {
+                             std::string name = given.param.Name;
+                             for (char& byte : name) {
+                                 byte = byte == ' ' ? '_' : byte;
+                             }
+                             return name;
+                         });
