@@ -3,7 +3,7 @@
 #
 # The ratio of a line is taken of the processor time (user and system), which other work on the machine
 # hardly changes; the best elapsed times stand beside it.
-# shellcheck shell=bash
+# shellcheck shell=bash disable=SC2154 # the three are set by whoever sources this
 
 export LC_ALL=C GIO_USE_VFS=local
 unset XDG_DATA_HOME XDG_STATE_HOME XDG_RUNTIME_DIR DBUS_SESSION_BUS_ADDRESS DISPLAY WAYLAND_DISPLAY
