@@ -200,7 +200,7 @@ private:
     void ReplaceByExchange(const Route& Way, const TavroIdentity& Old);
     int PutInPlace(const TavroPlace& Beside, const TavroPlace& To, std::string& OutOldName);
     void TakeBack(const Route& Back, const TavroIdentity& Arrived);
-    void RemoveReplaced(const TavroPlace& To, std::string OldName, const TavroIdentity& Old);
+    void RemoveReplaced(const TavroPlace& To, const std::string& OldName, const TavroIdentity& Old);
 
     bool IsCancelled() {
         m_report.bCancelled = m_report.bCancelled || m_progress.ShouldCancel();
@@ -553,7 +553,7 @@ void Transfer::ReplaceByExchange(const Route& Way, const TavroIdentity& Old) {
     }
     Note(Way, true, report);
     m_places.Forget(Way.To.OwnPath());
-    RemoveReplaced(Way.To, std::move(oldName), Old);
+    RemoveReplaced(Way.To, oldName, Old);
 }
 
 /// Gives what lies beside a place the name of the place, and what is there another one.
@@ -596,10 +596,11 @@ void Transfer::TakeBack(const Route& Back, const TavroIdentity& Arrived) {
 }
 
 /// Removes what was replaced, once what replaced it has reached the disk.
-void Transfer::RemoveReplaced(const TavroPlace& To, std::string OldName, const TavroIdentity& Old) {
+void Transfer::RemoveReplaced(const TavroPlace& To, const std::string& OldName,
+                              const TavroIdentity& Old) {
     const std::string hidden = TavroStagingName();
     const bool bHidden = RenameWithin(*To.Directory, OldName, hidden) == 0;
-    const TavroPlace old = {To.Directory, bHidden ? hidden : std::move(OldName)};
+    const TavroPlace old = {To.Directory, bHidden ? hidden : OldName};
     TavroFailure failure = TavroFail(Kind::Remove, TavroSyncFileSystem(To.Number()), "");
     if (!failure.Error) {
         failure = TavroRemoveTree(old, {Old});
