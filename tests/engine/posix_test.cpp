@@ -63,7 +63,7 @@ TEST_F(Posix, a_descriptor_closes_itself_and_can_be_handed_on) {
         TavroDescriptor first = opened(".");
         number = first.Number();
         TavroDescriptor second = std::move(first);
-        EXPECT_FALSE(first.IsOpen());
+        EXPECT_FALSE(first.IsOpen()); // NOLINT(bugprone-use-after-move): that is what is tested
         EXPECT_EQ(number, second.Number());
         EXPECT_TRUE(isOpen(number));
     }

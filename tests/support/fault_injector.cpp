@@ -183,7 +183,8 @@ std::string wholePath(int directory, const char* name) {
     constexpr const char* descriptors = "/proc/self/fd/";
     const std::string text = name == nullptr ? "" : name;
     if (text.rfind(descriptors, 0) == 0) {
-        return pathOf(std::atoi(text.c_str() + std::strlen(descriptors)));
+        return pathOf(
+            static_cast<int>(std::strtol(text.c_str() + std::strlen(descriptors), nullptr, 10)));
     }
     if (text.empty()) {
         return directory < 0 ? text : pathOf(directory);
