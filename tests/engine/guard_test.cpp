@@ -233,6 +233,26 @@ TEST_F(Guard, refuses_a_mount_point_and_what_holds_one_but_not_what_is_mounted) 
     }
 }
 
+TEST_F(Guard, finds_each_of_several_mount_points_in_whatever_order_they_were_mounted) {
+    const std::vector<std::string> names = {"d", "c", "b b", "b", "a"};
+    for (const std::string& name : names) {
+        makeDirectory(docs() / name / "mounted");
+    }
+    makeDirectory(docs() / "e");
+    const bool bRan = runWithMount(home(), docs() / "e", [&] {
+        for (const std::string& name : names) {
+            const fs::path point = docs() / name / "mounted";
+            ASSERT_EQ(mount(docs().c_str(), point.c_str(), nullptr, MS_BIND, nullptr), 0);
+        }
+        for (const std::string& name : names) {
+            EXPECT_EQ(check(TavroAct::Move, docs() / name).Other, docs() / name / "mounted");
+        }
+    });
+    if (!bRan) {
+        GTEST_SKIP() << "nothing can be mounted here";
+    }
+}
+
 TEST_F(Guard, asks_no_call_for_an_entry_and_reads_mounts_once_for_directories_alone) {
     makeDirectory(docs() / "directory");
     doc("file");
