@@ -19,7 +19,7 @@ trap 'rm -rf "$scratch"' EXIT
 surprises=0
 
 # A broken module may do anything, so it has no rights, little memory and little time.
-confined=(prlimit --as=1000000000 timeout 120)
+confined=(prlimit --as=1000000000 timeout 300)
 if ((EUID == 0)); then
   chmod 755 "$scratch"
   confined+=(setpriv --reuid=65534 --regid=65534 --clear-groups)
@@ -27,7 +27,7 @@ fi
 
 # Full disks need root, which then can write nowhere but in the scratch folder.
 # shellcheck disable=SC2016 # the inner shell expands them
-caged=(prlimit --as=1000000000 timeout 120 unshare --mount bash -c '
+caged=(prlimit --as=1000000000 timeout 300 unshare --mount bash -c '
   mount --make-rprivate / && mount --bind "$0" "$0" || exit 99
   while read -r _ folder _; do
     [[ $folder == "$0" ]] || mount -o remount,ro,bind "$folder" 2>/dev/null
@@ -86,7 +86,7 @@ expect() {
   local expected=$1 name=$2 scenario found
   for scenario in "${@:3}"; do
     found=$(verdict "$name" "$scenario")
-    printf '%-18s%-37s%s\n' "$name" "$scenario" "$found"
+    printf '%-19s%-40s%s\n' "$name" "$scenario" "$found"
     case $found in
     "$expected") ;;
     skipped) grep '^skipped' "$scratch/log" ;;

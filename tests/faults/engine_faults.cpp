@@ -545,7 +545,9 @@ std::string EngineFaults::complaintAfterFalse(const Blow& blow, const Run& run,
     for (const std::string& name : isTransfer() ? names() : std::vector<std::string>()) {
         const bool bTold = std::any_of(
             outcome.Failures.begin(), outcome.Failures.end(), [&](const TavroFailure& failure) {
-                return liesIn(failure.Path, m_from / name) || liesIn(failure.Path, m_to / name);
+                const fs::path there = m_to / name;
+                return liesIn(failure.Path, m_from / name) || liesIn(failure.Path, there) ||
+                       liesIn(there.string(), failure.Path);
             });
         complaint += bTold || isAsAfter(name, visible) ? "" : name + " is not told of; ";
     }
@@ -681,7 +683,9 @@ void EngineFaults::failAt(std::size_t number) {
         m_report.complain("engine:" + m_way.name() + ":" + std::to_string(number),
                           "nobody knows how this call may fail: " + call.Name);
     }
-    const bool bThorough = m_report.isThorough();
+    // Who asks for a world gets the choice that the short form makes in it.
+    const std::size_t world = ("engine:" + m_way.name() + ":").size();
+    const bool bThorough = m_report.options().bLong || m_report.options().Only.size() > world;
     // A short write cannot be made of a failure, and no signal comes for ever.
     errnos.erase(std::remove_if(errnos.begin(), errnos.end(),
                                 [](int error) { return error == 0 || error == EINTR; }),
