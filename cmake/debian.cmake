@@ -53,7 +53,7 @@ set(CPACK_DEBIAN_COMMAND_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_COMMAND_DESCRIPTION [[file operations that lose nothing
 Copies, moves, renames, creates, trashes, restores, deletes and measures files
 from the command line. Each operation does exactly what was asked for or says
-in one sentence why it did not; the newest 200 can be undone and redone.
+in one sentence why it did not; the newest 1,000 can be undone and redone.
 It shares the trash in the home directory with the other programs of the
 desktop.]])
 
