@@ -3,9 +3,9 @@
 #include "names.h"
 #include "place.h"
 #include "tavroops.h"
+#include "trash_record.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
@@ -46,13 +46,12 @@ bool IsPath(const std::string& Path) {
     return !Path.empty() && Path.front() == '/' && Path.find('\0') == std::string::npos;
 }
 
-/// A record is removed with its item, so it must be one, and the item's own.
-bool IsTrashed(const TavroStep& Step) {
-    const std::string files = "/files/" + TavroNameOf(Step.To);
-    const std::string root =
-        Step.To.substr(0, Step.To.size() - std::min(Step.To.size(), files.size()));
-    return Step.To == root + files &&
-           Step.Record == root + "/info/" + TavroNameOf(Step.To) + ".trashinfo";
+/// A record is removed with its item, so it must be the item's own.
+bool HasOwnRecord(const TavroStep& Step) {
+    const std::string files = TavroParentOf(Step.To);
+    const std::string info = TavroJoin(TavroParentOf(files), "info");
+    return TavroNameOf(files) == "files" &&
+           Step.Record == TavroJoin(info, TavroRecordName(TavroNameOf(Step.To)));
 }
 
 bool IsValid(const TavroStep& Step) {
@@ -61,43 +60,46 @@ bool IsValid(const TavroStep& Step) {
     const bool bTrashed = Step.Role == TavroStepRole::Trashed;
     return (bFrom ? IsPath(Step.From) : Step.From.empty()) &&
            (bTo ? IsPath(Step.To) : Step.To.empty()) &&
-           (bTrashed ? IsPath(Step.Record) && IsTrashed(Step) : Step.Record.empty()) &&
-           Step.Mode <= 07777U;
+           (bTrashed ? HasOwnRecord(Step) : Step.Record.empty()) && Step.Mode <= 07777U;
 }
 
-/// The roles that the steps of each kind of operation may have; one must have the first.
-const std::vector<TavroStepRole>& RolesOf(TavroOperationKind What) {
+TavroStepRole MainRoleOf(TavroOperationKind What) {
     using Role = TavroStepRole;
-    using Roles = std::vector<Role>;
-    static const Roles move = {Role::Moved, Role::CreatedDirectory, Role::RemovedDirectory};
-    static const std::array<Roles, 5> roles = {
-        {{Role::Trashed},
-         move,
-         move,
-         {Role::Copied, Role::CreatedDirectory, Role::Trashed},
-         {Role::CreatedDirectory}}};
+    constexpr Role roles[] = {Role::Trashed, Role::Moved, Role::Moved, Role::Copied,
+                              Role::CreatedDirectory};
     return roles[static_cast<std::size_t>(What)];
+}
+
+/// Whether an operation of that kind has steps of that role.
+bool MayHave(TavroOperationKind What, TavroStepRole Role) {
+    const TavroStepRole main = MainRoleOf(What);
+    return Role == main ||
+           (Role == TavroStepRole::CreatedDirectory && main != TavroStepRole::Trashed) ||
+           (Role == TavroStepRole::RemovedDirectory && main == TavroStepRole::Moved) ||
+           (Role == TavroStepRole::Trashed && main == TavroStepRole::Copied);
+}
+
+std::int64_t EntriesOf(const TavroOperation& Operation) {
+    const TavroStepRole main = MainRoleOf(Operation.Kind);
+    return std::count_if(Operation.Steps.begin(), Operation.Steps.end(),
+                         [&](const TavroStep& step) { return step.Role == main; });
+}
+
+bool IsValid(const TavroOperation& Operation) {
+    const auto isValid = [&](const TavroStep& step) {
+        return MayHave(Operation.Kind, step.Role) && IsValid(step);
+    };
+    return EntriesOf(Operation) > 0 &&
+           std::all_of(Operation.Steps.begin(), Operation.Steps.end(), isValid);
 }
 
 } // namespace
 
 bool TavroIsMainStep(const TavroStep& Step, TavroOperationKind What) {
-    return Step.Role == RolesOf(What).front();
+    return Step.Role == MainRoleOf(What);
 }
 
 namespace {
-
-bool IsValid(const TavroOperation& Operation) {
-    const std::vector<TavroStepRole>& roles = RolesOf(Operation.Kind);
-    bool bMain = false;
-    for (const TavroStep& step : Operation.Steps) {
-        bMain = bMain || TavroIsMainStep(step, Operation.Kind);
-        if (std::find(roles.begin(), roles.end(), step.Role) == roles.end() || !IsValid(step)) {
-            return false;
-        }
-    }
-    return bMain;
-}
 
 // =================================================================================================
 // The database
@@ -111,17 +113,17 @@ constexpr std::int64_t droppedAtOnce = 1000;
 
 /// An operation of the state 2 was taken off the list. It goes bit by bit, with later ones, so that
 /// no command pays for a large one at once.
-constexpr std::int64_t applicationId = 0x54617672;
-constexpr std::int64_t schemaVersion = 1;
-const std::vector<std::string> schema = {
+const std::string schema =
     "CREATE TABLE operation (id INTEGER PRIMARY KEY, kind INTEGER NOT NULL, state INTEGER NOT "
     "NULL, time INTEGER NOT NULL, steps INTEGER NOT NULL, entries INTEGER NOT NULL, bytes INTEGER "
-    "NOT NULL)",
-    "CREATE INDEX operation_of_state ON operation (state)",
+    "NOT NULL);"
+    "CREATE INDEX operation_of_state ON operation (state);"
     "CREATE TABLE step (operation INTEGER NOT NULL, number INTEGER NOT NULL, role INTEGER NOT "
     "NULL, source BLOB NOT NULL, target BLOB NOT NULL, record BLOB NOT NULL, device INTEGER NOT "
     "NULL, inode INTEGER NOT NULL, changed INTEGER NOT NULL, mode INTEGER NOT NULL, directory "
-    "INTEGER NOT NULL, PRIMARY KEY (operation, number)) WITHOUT ROWID"};
+    "INTEGER NOT NULL, PRIMARY KEY (operation, number)) WITHOUT ROWID;";
+const std::string applicationId = "1415668338";
+const std::string schemaVersion = "1";
 
 template <typename Value> std::int64_t Integer(Value Number) {
     return static_cast<std::int64_t>(Number);
@@ -144,6 +146,10 @@ struct TavroDatabase {
 
     void Keep(int NewCode) {
         Code = IsWell() ? NewCode : Code;
+    }
+
+    void Execute(const std::string& Texts) {
+        Keep(sqlite3_exec(Connection, Texts.c_str(), nullptr, nullptr, nullptr));
     }
 
     template <typename... Values> void Run(const std::string& Text, const Values&... All);
@@ -256,15 +262,14 @@ TavroFailure MakePrivateDirectories(TavroPlaces& Places, const std::string& Path
     if (failure) {
         return failure;
     }
-    int error = TavroMakeDirectoryAt(place.Number(), place.Name.c_str(), S_IRWXU);
-    if (error == 0) {
-        error = TavroOpenAt(place.Number(), place.Name.c_str(), O_PATH | O_DIRECTORY, directory);
-        error = error != 0 ? error : TavroSetPathMode(directory.Number(), S_IRWXU);
+    const char* name = place.Name.c_str();
+    const int error = TavroMakeDirectoryAt(place.Number(), name, S_IRWXU);
+    if (error == 0 && TavroOpenAt(place.Number(), name, O_PATH | O_DIRECTORY, directory) == 0) {
+        TavroSetPathMode(directory.Number(), S_IRWXU);
         TavroSync(place.Number());
     }
     // Another process may create the same directory at the same time.
-    return error == 0 || error == EEXIST ? TavroFailure()
-                                         : TavroFail(Kind::CreateDirectory, error, Path);
+    return error == 0 || error == EEXIST ? failure : TavroFail(Kind::CreateDirectory, error, Path);
 }
 
 /// Finds the file, or creates an empty one for the user alone. One that is there is not opened: to
@@ -374,9 +379,7 @@ void TavroDatabase::Connect() {
         [](void* self, int count) -> int { return static_cast<TavroDatabase*>(self)->Wait(count); },
         this);
     sqlite3_wal_hook(Connection, EmptyLog, this);
-    for (const char* setting : {"synchronous=FULL", "cell_size_check=ON", "secure_delete=OFF"}) {
-        Run(std::string("PRAGMA ") + setting);
-    }
+    Execute("PRAGMA synchronous=FULL;PRAGMA cell_size_check=ON;PRAGMA secure_delete=OFF");
     CheckSchema();
     if (Code == SQLITE_EMPTY) {
         CreateSchema();
@@ -385,20 +388,14 @@ void TavroDatabase::Connect() {
 
 /// Keeps SQLITE_NOTADB unless the schema is ours to the letter; SQLITE_EMPTY when there is none.
 void TavroDatabase::CheckSchema() {
-    std::vector<std::int64_t> numbers;
-    std::vector<std::string> texts;
-    for (const char* number : {"PRAGMA application_id", "PRAGMA user_version"}) {
-        Statement row(*this, number);
-        numbers.push_back(row.Next() ? row.Number(0) : 0);
+    std::string found;
+    for (const char* text : {"PRAGMA application_id", "PRAGMA user_version",
+                             "SELECT group_concat(sql, ';') FROM sqlite_schema"}) {
+        Statement row(*this, text);
+        found += (row.Next() ? row.Bytes(0) : "") + ';';
     }
-    Statement rows(*this, "SELECT sql FROM sqlite_schema ORDER BY rowid LIMIT 9");
-    while (rows.Next()) {
-        texts.push_back(rows.Bytes(0));
-    }
-    if (texts.empty() && numbers == std::vector<std::int64_t>{0, 0}) {
-        Keep(SQLITE_EMPTY);
-    } else if (texts != schema || numbers != std::vector{applicationId, schemaVersion}) {
-        Keep(SQLITE_NOTADB);
+    if (found != applicationId + ';' + schemaVersion + ';' + schema) {
+        Keep(found == "0;0;;" ? SQLITE_EMPTY : SQLITE_NOTADB);
     }
 }
 
@@ -413,11 +410,8 @@ void TavroDatabase::CreateSchema() {
     CheckSchema();
     if (Code == SQLITE_EMPTY) {
         Code = SQLITE_OK;
-        for (const std::string& text : schema) {
-            Run(text);
-        }
-        Run("PRAGMA application_id=" + std::to_string(applicationId));
-        Run("PRAGMA user_version=" + std::to_string(schemaVersion));
+        Execute(schema + "PRAGMA application_id=" + applicationId +
+                ";PRAGMA user_version=" + schemaVersion);
     }
     Run("COMMIT");
 }
@@ -431,22 +425,18 @@ TavroFailure TavroDatabase::SetAside() {
         TavroIdentityOf(status) != Identity) {
         return {};
     }
-    // The file goes last: a new one must not find the log of the old one.
-    const std::array<std::string, 3> suffixes = {"-wal", "-shm", ""};
     std::string aside;
     int number = 0;
-    const auto isTaken = [&](const std::string& suffix) {
-        return TavroStatAt(directory, (aside + suffix).c_str(), status) != ENOENT;
-    };
     do {
         aside = Place.Name + ".damaged-" + std::to_string(++number);
-    } while (std::any_of(suffixes.begin(), suffixes.end(), isTaken));
-    for (const std::string& suffix : suffixes) {
-        const int error = TavroRenameNoReplace(directory, (Place.Name + suffix).c_str(), directory,
-                                               (aside + suffix).c_str());
-        if (error != 0 && (error != ENOENT || suffix.empty())) {
-            return TavroFail(Kind::HistorySetAside, error, Path);
-        }
+    } while (TavroStatAt(directory, aside.c_str(), status) == 0);
+    // The file goes last: who finds it gone must not find its log.
+    for (const std::string suffix : {"-wal", "-shm"}) {
+        TavroRename(directory, (Place.Name + suffix).c_str(), directory, (aside + suffix).c_str());
+    }
+    const int error = TavroRenameNoReplace(directory, Place.Name.c_str(), directory, aside.c_str());
+    if (error != 0) {
+        return TavroFail(Kind::HistorySetAside, error, Path);
     }
     Notice = "The history '" + Path + "' is damaged and was set aside as '" +
              TavroJoin(TavroParentOf(Path), aside) + "'";
@@ -470,30 +460,19 @@ bool TavroDatabase::Wait(int Count) {
 }
 
 TavroFailure TavroDatabase::Failure(Kind What) const {
-    int error = EIO;
-    switch (Code & 0xFF) {
-    case SQLITE_OK:
-        return {};
-    case SQLITE_NOMEM:
+    const int code = Code & 0xFF;
+    if (code == SQLITE_NOMEM) {
         throw std::bad_alloc();
-    case SQLITE_BUSY:
-        return {bCancelled ? Kind::Cancelled : Kind::HistoryBusy, {}, Path};
-    case SQLITE_FULL:
-        error = ENOSPC;
-        break;
-    case SQLITE_READONLY:
-        error = EACCES;
-        break;
-    case SQLITE_NOTFOUND:
-        error = ENOENT;
-        break;
-    case SQLITE_CANTOPEN:
-    case SQLITE_IOERR:
-        error = sqlite3_system_errno(Connection);
-        break;
-    default:
-        break;
     }
+    if (code == SQLITE_OK || code == SQLITE_BUSY) {
+        return code == SQLITE_OK
+                   ? TavroFailure()
+                   : TavroFail(bCancelled ? Kind::Cancelled : Kind::HistoryBusy, 0, Path);
+    }
+    const int error = code == SQLITE_FULL       ? ENOSPC
+                      : code == SQLITE_READONLY ? EACCES
+                      : code == SQLITE_NOTFOUND ? ENOENT
+                                                : sqlite3_system_errno(Connection);
     return TavroFail(What, error != 0 ? error : EIO, Path);
 }
 
@@ -562,12 +541,6 @@ std::int64_t BytesOf(const TavroOperation& Operation) {
         bytes += step.From.size() + step.To.size() + step.Record.size() + 64;
     }
     return Integer(bytes);
-}
-
-std::int64_t EntriesOf(const TavroOperation& Operation) {
-    return std::count_if(
-        Operation.Steps.begin(), Operation.Steps.end(),
-        [&](const TavroStep& step) { return TavroIsMainStep(step, Operation.Kind); });
 }
 
 void ReplaceSteps(TavroDatabase& Database, const TavroOperation& Operation) {
@@ -703,14 +676,14 @@ constexpr const char* stepsOfOne =
     "SELECT number, role, source, target, record, device, inode, changed, mode, directory "
     "FROM step WHERE operation = ? ORDER BY number LIMIT ?";
 
-/// @return whether its row could have been written here.
+/// @return whether a row of an operation could have been written here.
 bool ReadOperation(Statement& Row, TavroOperation& OutOperation) {
     OutOperation.Id = Row.Number(0);
     OutOperation.Kind = static_cast<TavroOperationKind>(Row.Number(1));
     OutOperation.State = static_cast<TavroOperationState>(Row.Number(2));
     OutOperation.Time = Row.Number(3);
     return IsOneOf(Row.Number(1), TavroOperationKind::CreateDirectory) &&
-           IsOneOf(Row.Number(4), INT64_MAX - 1);
+           IsOneOf(Row.Number(4), INT64_MAX - 1) && IsOneOf(Row.Number(5), Row.Number(4));
 }
 
 } // namespace

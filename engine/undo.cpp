@@ -16,6 +16,33 @@ namespace {
 
 using Kind = TavroFailureKind;
 using Role = TavroStepRole;
+using Steps = std::vector<TavroStep*>;
+
+bool IsMissing(int Error) {
+    return Error == ENOENT || Error == ENOTDIR;
+}
+
+const char* OtherOf(mode_t Mode) {
+    return S_ISREG(Mode)   ? "another file"
+           : S_ISDIR(Mode) ? "another directory"
+           : S_ISLNK(Mode) ? "another symbolic link"
+                           : "another entry";
+}
+
+/// The path of a directory that a step tells of.
+const std::string& DirectoryOf(const TavroStep& Step) {
+    return Step.Role == Role::CreatedDirectory ? Step.To : Step.From;
+}
+
+/// @return the failure of the first item that fails.
+template <typename Items, typename Act> TavroFailure Each(const Items& All, Act Do) {
+    for (const auto& item : All) {
+        if (TavroFailure failure = Do(*item)) {
+            return failure;
+        }
+    }
+    return {};
+}
 
 /// One undo or redo on the disk.
 class Reversal {
@@ -27,43 +54,33 @@ public:
     TavroFailure Run();
 
 private:
+    Steps StepsOf(Role What, bool bReversed = false);
+    Steps ToMake();
+    Steps ToRemove();
+
     int Look(const std::string& Path, TavroPlace& OutPlace, struct stat& OutStatus);
     TavroFailure CheckFile(const TavroStep& Step, const std::string& Path, TavroSeenEntry& OutSeen);
-    TavroFailure CheckFree(const std::string& Path);
     TavroFailure CheckHolder(const std::string& Path);
+    TavroFailure CheckFree(const std::string& Path);
     TavroFailure CheckRecord(const TavroStep& Step, const TavroFileState& State);
     TavroFailure CheckEmpty(const TavroStep& Step, const std::set<std::string>& Created);
 
-    TavroFailure Act();
-    TavroFailure MoveAll();
-    TavroFailure RunMoves(std::vector<TavroBatchStep>& Moves);
-    TavroFailure Trash(const std::vector<TavroStep*>& Steps);
-    TavroFailure TrashAgain();
-    TavroFailure TrashCopies();
-    TavroFailure Restore();
-    TavroFailure RestoreCopies();
-    TavroFailure RemoveCreated();
-    TavroFailure CreateAgain();
-    TavroFailure CheckDirectories();
-    TavroFailure MakeDirectory(const std::string& Path, mode_t Mode);
+    TavroFailure CheckToMake();
     TavroFailure MakeDirectories();
     void Remember(const std::vector<std::string>& Made);
     void SetModes();
     int RemoveDirectory(const std::string& Path, const TavroIdentity& Identity, mode_t& OutMode);
     TavroFailure RemoveDirectories();
-    void RemoveMade();
-    std::vector<TavroStep*> StepsOf(Role What);
+    TavroFailure RemoveCreated();
+    TavroFailure CreateAgain();
 
-    /// The directory of a step is missing where this leads from; it is there where it leads to.
-    bool IsToMake(const TavroStep& Step) const {
-        return Step.Role == (m_bUndo ? Role::RemovedDirectory : Role::CreatedDirectory);
-    }
-    bool HasMode(const TavroStep& Step) const {
-        return Step.Role == Role::RemovedDirectory || Step.Mode != 0;
-    }
-    bool IsToRemove(const TavroStep& Step) const {
-        return Step.Role == (m_bUndo ? Role::CreatedDirectory : Role::RemovedDirectory);
-    }
+    TavroFailure MoveAll();
+    TavroFailure RunMoves(std::vector<TavroBatchStep>& Moves);
+    TavroFailure Trash(const Steps& Entries, std::vector<TavroStep>& OutTrashed);
+    TavroFailure TrashCopies();
+    TavroFailure Restore();
+    TavroFailure RestoreCopies();
+    TavroFailure Act();
 
     const bool m_bUndo;
     const TavroCallbacks& m_callbacks;
@@ -71,26 +88,33 @@ private:
     std::vector<TavroStep>& m_steps;
     TavroPlaces m_places;
     TavroGuard m_guard{TavroAct::Move};
-    const std::string m_home = TavroHomeDirectoryPath();
     std::map<std::string, TavroIdentity> m_made; ///< Directories; outer ones first.
 
     /// Of directories that something goes to: where they were when all was checked.
     std::unordered_map<std::string, std::string> m_ownPaths;
 };
 
-/// The path of a directory that a step tells of.
-const std::string& DirectoryOf(const TavroStep& Step) {
-    return Step.Role == Role::CreatedDirectory ? Step.To : Step.From;
-}
-
-std::vector<TavroStep*> Reversal::StepsOf(Role What) {
-    std::vector<TavroStep*> steps;
+Steps Reversal::StepsOf(Role What, bool bReversed) {
+    Steps steps;
     for (TavroStep& step : m_steps) {
         if (step.Role == What) {
             steps.push_back(&step);
         }
     }
+    if (bReversed) {
+        std::reverse(steps.begin(), steps.end());
+    }
     return steps;
+}
+
+/// The steps whose directories are there only where this leads to, outer ones first.
+Steps Reversal::ToMake() {
+    return StepsOf(m_bUndo ? Role::RemovedDirectory : Role::CreatedDirectory, m_bUndo);
+}
+
+/// The steps whose directories are there only where this leads from, inner ones first.
+Steps Reversal::ToRemove() {
+    return StepsOf(m_bUndo ? Role::CreatedDirectory : Role::RemovedDirectory, m_bUndo);
 }
 
 // =================================================================================================
@@ -102,23 +126,6 @@ int Reversal::Look(const std::string& Path, TavroPlace& OutPlace, struct stat& O
     const TavroFailure failure = m_places.Find(Path, OutPlace);
     return failure ? failure.Error.value()
                    : TavroStatAt(OutPlace.Number(), OutPlace.Name.c_str(), OutStatus);
-}
-
-bool IsMissing(int Error) {
-    return Error == ENOENT || Error == ENOTDIR;
-}
-
-const char* OtherOf(mode_t Mode) {
-    switch (Mode & S_IFMT) {
-    case S_IFREG:
-        return "another file";
-    case S_IFDIR:
-        return "another directory";
-    case S_IFLNK:
-        return "another symbolic link";
-    default:
-        return "another entry";
-    }
 }
 
 /// The very file of a step must be at a path. Its times do not count: who goes on working with what
@@ -141,46 +148,44 @@ TavroFailure Reversal::CheckFile(const TavroStep& Step, const std::string& Path,
     return m_guard.Check(place, status);
 }
 
+/// The innermost of a directory and those above it that is there must be a directory.
+TavroFailure Reversal::CheckHolder(const std::string& Path) {
+    std::string& own = m_ownPaths[Path];
+    std::string there = Path;
+    TavroPlace inside;
+    if (!own.empty()) {
+        return {};
+    }
+    while (!TavroIsPresent(there) && there != "/") {
+        there = TavroParentOf(there);
+    }
+    if (m_places.Find(TavroJoin(there, "x"), inside)) {
+        return {Kind::InTheWay, {}, there};
+    }
+    own = inside.Directory->OwnPath + Path.substr(there.size());
+    return {};
+}
+
 /// Nothing may be at a path, and its directory must be there, or be one that can be created.
 TavroFailure Reversal::CheckFree(const std::string& Path) {
     TavroPlace place;
     struct stat status = {};
     const int error = Look(Path, place, status);
-    if (error == 0) {
-        return {Kind::InTheWay, {}, Path};
+    if (IsMissing(error)) {
+        return CheckHolder(TavroParentOf(Path));
     }
-    return IsMissing(error) ? CheckHolder(TavroParentOf(Path))
-                            : TavroFail(Kind::LookAt, error, Path);
-}
-
-/// The innermost of a directory and those above it that is there must be a directory.
-TavroFailure Reversal::CheckHolder(const std::string& Path) {
-    const auto [own, bNew] = m_ownPaths.try_emplace(Path);
-    std::string there = Path;
-    TavroPlace inside;
-    while (bNew && !TavroIsPresent(there) && there != "/") {
-        there = TavroParentOf(there);
-    }
-    if (bNew && m_places.Find(TavroJoin(there, "x"), inside)) {
-        return {Kind::InTheWay, {}, there};
-    }
-    if (bNew) {
-        own->second = inside.Directory->OwnPath + Path.substr(there.size());
-    }
-    return {};
+    return TavroFail(error == 0 ? Kind::InTheWay : Kind::LookAt, error, Path);
 }
 
 /// An item that changed since may be another one with the same inode. It is not when its record
 /// tells of the same place, or is lost.
 TavroFailure Reversal::CheckRecord(const TavroStep& Step, const TavroFileState& State) {
-    if (State.ChangeTime <= Step.ChangeTime) {
-        return {};
-    }
     TavroPlace record;
-    if (m_places.Find(Step.Record, record)) {
+    if (State.ChangeTime <= Step.ChangeTime || m_places.Find(Step.Record, record)) {
         return {};
     }
-    const auto read = TavroReadRecord(record.Number(), TavroNameOf(Step.To), m_home);
+    const auto read =
+        TavroReadRecord(record.Number(), TavroNameOf(Step.To), TavroHomeDirectoryPath());
     return !read || read->Path == Step.From
                ? TavroFailure()
                : TavroFailure{Kind::Replaced, {}, Step.To, "what was at '" + read->Path + "'"};
@@ -191,11 +196,9 @@ TavroFailure Reversal::CheckEmpty(const TavroStep& Step, const std::set<std::str
     TavroPlace place;
     TavroDescriptor directory;
     TavroListing listing;
-    TavroFailure failure = m_places.Find(Step.To, place);
-    if (failure) {
-        return failure;
-    }
-    int error = TavroOpenDirectoryAt(place.Number(), place.Name.c_str(), directory);
+    int error = m_places.Find(Step.To, place).Error.value();
+    error =
+        error != 0 ? error : TavroOpenDirectoryAt(place.Number(), place.Name.c_str(), directory);
     error = error != 0 ? error : TavroListDirectory(directory.Number(), listing);
     if (error != 0) {
         return TavroFail(Kind::ReadForUndo, error, Step.To);
@@ -212,6 +215,27 @@ TavroFailure Reversal::CheckEmpty(const TavroStep& Step, const std::set<std::str
 // Directories
 // =================================================================================================
 
+TavroFailure Reversal::CheckToMake() {
+    return Each(ToMake(), [&](const TavroStep& step) { return CheckHolder(DirectoryOf(step)); });
+}
+
+/// Creates directories that are missing, and those above them, where they were checked. Those whose
+/// modes are known get them at the end: they may forbid to put anything into them.
+TavroFailure Reversal::MakeDirectories() {
+    return Each(ToMake(), [&](const TavroStep& step) {
+        const std::string& path = DirectoryOf(step);
+        const bool bKnown = step.Mode != 0 || m_bUndo;
+        TavroPlace inside;
+        std::vector<std::string> made;
+        m_places = {}; // what was found before may have gone elsewhere
+        TavroFailure failure =
+            m_places.FindOrCreate(TavroJoin(path, "x"), bKnown ? 0700 : 0777, made, inside);
+        Remember(made);
+        const bool bElsewhere = !failure && inside.Directory->OwnPath != m_ownPaths[path];
+        return bElsewhere ? TavroFail(Kind::LookAt, ESTALE, path) : failure;
+    });
+}
+
 /// Remembers what was made, to give it its mode, or to take it back.
 void Reversal::Remember(const std::vector<std::string>& Made) {
     for (const std::string& path : Made) {
@@ -223,60 +247,18 @@ void Reversal::Remember(const std::vector<std::string>& Made) {
     }
 }
 
-/// Creates a directory that is missing, and those above it, at the place that was checked.
-TavroFailure Reversal::MakeDirectory(const std::string& Path, mode_t Mode) {
-    m_places = {}; // what was found before may have gone elsewhere
-    TavroPlace inside;
-    std::vector<std::string> made;
-    TavroFailure failure = m_places.FindOrCreate(TavroJoin(Path, "x"), Mode, made, inside);
-    Remember(made);
-    const bool bElsewhere = !failure && inside.Directory->OwnPath != m_ownPaths[Path];
-    return bElsewhere ? TavroFail(Kind::LookAt, ESTALE, Path) : failure;
-}
-
-/// Directories that are to be made: each must be there, or be one that can be created.
-TavroFailure Reversal::CheckDirectories() {
-    TavroFailure failure;
-    for (const TavroStep& step : m_steps) {
-        if (!failure && IsToMake(step)) {
-            failure = CheckHolder(DirectoryOf(step));
-        }
-    }
-    return failure;
-}
-
-TavroFailure Reversal::MakeDirectories() {
-    // Inner ones were removed first.
-    std::vector<TavroStep*> steps =
-        StepsOf(m_bUndo ? Role::RemovedDirectory : Role::CreatedDirectory);
-    if (m_bUndo) {
-        std::reverse(steps.begin(), steps.end());
-    }
-    TavroFailure failure;
-    for (const TavroStep* step : steps) {
-        failure =
-            failure ? failure : MakeDirectory(DirectoryOf(*step), HasMode(*step) ? 0700 : 0777);
-    }
-    return failure;
-}
-
-/// Gives the made directories the modes that they had: only now, for these may forbid to put
-/// anything into them. What was there already is not of the operation any more.
+/// What was there already is not of the operation any more: it keeps its mode, and will stay.
 void Reversal::SetModes() {
-    for (TavroStep& step : m_steps) {
-        if (!IsToMake(step)) {
-            continue;
-        }
-        const auto made = m_made.find(DirectoryOf(step));
-        step.Identity = made == m_made.end() ? TavroIdentity() : made->second;
+    for (TavroStep* step : ToMake()) {
         TavroPlace place;
         TavroDescriptor directory;
         struct stat status = {};
-        if (step.Identity.Inode != 0 && HasMode(step) && !m_places.Find(made->first, place) &&
+        step->Identity = m_made[DirectoryOf(*step)];
+        if ((step->Mode != 0 || m_bUndo) && !m_places.Find(DirectoryOf(*step), place) &&
             TavroOpenDirectoryAt(place.Number(), place.Name.c_str(), directory) == 0 &&
             TavroStat(directory.Number(), status) == 0 &&
-            TavroIdentityOf(status) == step.Identity) {
-            TavroSetMode(directory.Number(), step.Mode);
+            TavroIdentityOf(status) == step->Identity) {
+            TavroSetMode(directory.Number(), step->Mode);
         }
     }
 }
@@ -288,78 +270,52 @@ int Reversal::RemoveDirectory(const std::string& Path, const TavroIdentity& Iden
     struct stat status = {};
     int error = Look(Path, place, status);
     error = error == 0 && TavroIdentityOf(status) != Identity ? ESTALE : error;
-    OutMode = status.st_mode & 07777U;
-    return error != 0 ? error : TavroRemoveDirectoryAt(place.Number(), place.Name.c_str());
+    error = error != 0 ? error : TavroRemoveDirectoryAt(place.Number(), place.Name.c_str());
+    OutMode = error == 0 ? status.st_mode & 07777U : OutMode;
+    return error;
 }
 
-/// Takes back what was made before a failure.
-void Reversal::RemoveMade() {
-    for (auto made = m_made.rbegin(); made != m_made.rend(); ++made) {
-        mode_t mode = 0;
-        RemoveDirectory(made->first, made->second, mode);
-    }
-}
-
-/// Removes what is empty of the directories that the operation or its undo made, inner ones first.
+/// Removes what is empty of the directories that the operation or its undo made.
 /// @return the failure of the first that stays.
 TavroFailure Reversal::RemoveDirectories() {
     TavroFailure failure;
-    const auto remove = [&](TavroStep& step) {
-        mode_t mode = 0;
-        const std::string& path = DirectoryOf(step);
-        if (!IsToRemove(step) || step.Identity.Inode == 0) {
-            return;
-        }
-        const int error = RemoveDirectory(path, step.Identity, mode);
-        if (error == 0) {
-            step.Mode = mode;
-        } else if (!failure) {
+    m_places = {};
+    for (TavroStep* step : ToRemove()) {
+        const std::string& path = DirectoryOf(*step);
+        const int error = RemoveDirectory(path, step->Identity, step->Mode);
+        if (error != 0 && !failure) {
             failure = TavroFail(Kind::RemoveForUndo, error, path);
         }
-    };
-    m_places = {};
-    if (m_bUndo) {
-        std::for_each(m_steps.rbegin(), m_steps.rend(), remove);
-    } else {
-        std::for_each(m_steps.begin(), m_steps.end(), remove);
     }
     return failure;
 }
 
-/// All directories of an operation that created nothing else, or none.
+/// Removes all directories of an operation that created nothing else, or none.
 TavroFailure Reversal::RemoveCreated() {
     std::set<std::string> created;
     for (const TavroStep& step : m_steps) {
         created.insert(step.To);
     }
-    for (TavroStep& step : m_steps) {
+    TavroFailure failure = Each(ToRemove(), [&](TavroStep& step) {
         TavroSeenEntry seen;
-        TavroFailure failure = CheckFile(step, step.To, seen);
-        failure = failure ? failure : CheckEmpty(step, created);
-        if (failure) {
-            return failure;
-        }
+        TavroFailure wrong = CheckFile(step, step.To, seen);
         step.Identity = seen.State.Identity;
+        return wrong ? wrong : CheckEmpty(step, created);
+    });
+    if (failure || !(failure = RemoveDirectories())) {
+        return failure;
     }
-    TavroFailure failure = RemoveDirectories();
-    if (failure) {
-        Reversal again(false, m_callbacks, m_report);
-        again.CheckDirectories();
-        again.MakeDirectories();
-        again.SetModes();
-    }
+    Reversal again(false, m_callbacks, m_report);
+    again.CheckToMake();
+    again.MakeDirectories();
+    again.SetModes();
     return failure;
 }
 
-/// All directories of an operation that created nothing else, or none.
 TavroFailure Reversal::CreateAgain() {
-    for (const TavroStep& step : m_steps) {
-        TavroFailure failure = CheckFree(step.To);
-        if (failure) {
-            return failure;
-        }
-    }
-    TavroFailure failure = CheckDirectories();
+    TavroFailure failure =
+        Each(ToMake(), [&](const TavroStep& step) { return CheckFree(step.To); });
+    failure = failure ? failure : CheckToMake();
     return failure ? failure : MakeDirectories();
 }
 
@@ -368,30 +324,22 @@ TavroFailure Reversal::CreateAgain() {
 // =================================================================================================
 
 TavroFailure Reversal::MoveAll() {
-    std::vector<TavroStep*> steps = StepsOf(Role::Moved);
-    if (m_bUndo) {
-        std::reverse(steps.begin(), steps.end());
-    }
-    TavroFailure failure;
+    const Steps steps = StepsOf(Role::Moved, m_bUndo);
     std::vector<TavroBatchStep> moves;
-    for (const TavroStep* step : steps) {
+    TavroFailure failure = Each(steps, [&](const TavroStep& step) {
         TavroSeenEntry seen;
-        moves.push_back(m_bUndo ? TavroBatchStep{step->To, step->From}
-                                : TavroBatchStep{step->From, step->To});
-        failure = failure ? failure : CheckFile(*step, moves.back().From, seen);
-        const std::string holder = TavroParentOf(moves.back().To);
-        failure = failure ? failure : CheckHolder(holder);
-        moves.back().Holder = m_ownPaths[holder];
-        moves.back().Expected = seen.State.Identity;
-        moves.back().Seen = seen;
-    }
-    failure = failure ? failure : CheckDirectories();
+        const std::string& from = m_bUndo ? step.To : step.From;
+        const std::string& to = m_bUndo ? step.From : step.To;
+        TavroFailure wrong = CheckFile(step, from, seen);
+        wrong = wrong ? wrong : CheckHolder(TavroParentOf(to));
+        moves.push_back({from, to, seen.State.Identity, seen, m_ownPaths[TavroParentOf(to)]});
+        return wrong;
+    });
+    failure = failure ? failure : CheckToMake();
     failure = failure || m_bUndo ? failure : MakeDirectories();
     failure = failure ? failure : RunMoves(moves);
-    if (!failure) {
-        for (std::size_t i = 0; i < steps.size(); ++i) {
-            steps[i]->Identity = moves[i].Arrived.Identity;
-        }
+    for (std::size_t i = 0; i < steps.size() && !failure; ++i) {
+        steps[i]->Identity = moves[i].Arrived.Identity;
     }
     return failure;
 }
@@ -408,9 +356,9 @@ TavroFailure Reversal::RunMoves(std::vector<TavroBatchStep>& Moves) {
     for (auto move = Moves.rbegin(); move != Moves.rend(); ++move) {
         back.push_back({move->To, move->From, move->Arrived.Identity});
     }
-    const TavroFailure left = TavroRunBatch(back, {}, {}).Failure;
-    if (left) {
-        m_report.Moves.RollBack.push_back(left);
+    const TavroBatchReport returned = TavroRunBatch(back, {}, {});
+    if (returned.Failure) {
+        m_report.Moves.RollBack.push_back(returned.Failure);
     }
     return failure;
 }
@@ -419,31 +367,26 @@ TavroFailure Reversal::RunMoves(std::vector<TavroBatchStep>& Moves) {
 // Trashed entries and copies
 // =================================================================================================
 
-TavroFailure Reversal::Trash(const std::vector<TavroStep*>& Steps) {
+/// @param OutTrashed  gets a step for each that lies in the trash now.
+TavroFailure Reversal::Trash(const Steps& Entries, std::vector<TavroStep>& OutTrashed) {
     std::vector<TavroOperationEntry> entries;
     std::vector<TavroIdentity> expected;
-    for (const TavroStep* step : Steps) {
-        const std::string& path = m_bUndo ? step->To : step->From;
+    TavroFailure failure = Each(Entries, [&](const TavroStep& step) {
+        const std::string& path = m_bUndo ? step.To : step.From;
         TavroSeenEntry seen;
-        TavroFailure failure = CheckFile(*step, path, seen);
-        if (failure) {
-            return failure;
-        }
+        TavroFailure wrong = CheckFile(step, path, seen);
         entries.push_back({TavroNameOf(path), path, false});
         expected.push_back(seen.State.Identity);
+        return wrong;
+    });
+    if (failure) {
+        return failure;
     }
     m_report.Trash = TavroTrashSelection(entries, m_callbacks, expected);
+    TavroOperation trashed = TavroOperationOf(m_report.Trash);
+    TavroCompleteOperation(trashed);
+    OutTrashed = std::move(trashed.Steps);
     return m_report.Trash.Batch.Failure;
-}
-
-TavroFailure Reversal::TrashAgain() {
-    TavroFailure failure = Trash(StepsOf(Role::Trashed));
-    if (!failure) {
-        TavroOperation again = TavroOperationOf(m_report.Trash);
-        TavroCompleteOperation(again);
-        m_steps = std::move(again.Steps);
-    }
-    return failure;
 }
 
 /// Orders paths so that what is in a directory follows it at once.
@@ -464,33 +407,33 @@ TavroFailure Reversal::TrashCopies() {
     for (TavroStep* step : StepsOf(Role::Copied)) {
         copies[step->To] = step;
     }
-    std::vector<TavroStep*> outermost;
+    Steps outermost;
     for (const auto& [path, step] : copies) {
         if (outermost.empty() || !TavroIsBelow(outermost.back()->To, path)) {
             outermost.push_back(step);
         }
     }
-    TavroFailure failure = Trash(outermost);
-    TavroOperation trashed = TavroOperationOf(m_report.Trash);
-    TavroCompleteOperation(trashed);
-    m_steps.insert(m_steps.end(), trashed.Steps.begin(), trashed.Steps.end());
+    std::vector<TavroStep> trashed;
+    TavroFailure failure = Trash(outermost, trashed);
+    m_steps.insert(m_steps.end(), trashed.begin(), trashed.end());
     return failure;
 }
 
 /// Restores what lies in the trash for the operation.
 TavroFailure Reversal::Restore() {
-    const std::vector<TavroStep*> steps = StepsOf(Role::Trashed);
+    const Steps steps = StepsOf(Role::Trashed);
     std::vector<TavroTrashedEntry> entries;
-    for (const TavroStep* step : steps) {
+    TavroFailure failure = Each(steps, [&](const TavroStep& step) {
         TavroSeenEntry seen;
-        TavroFailure failure = CheckFile(*step, step->To, seen);
-        failure = failure ? failure : CheckRecord(*step, seen.State);
-        if (failure) {
-            failure.Kind = failure.Kind == Kind::Missing ? Kind::ItemMissing : failure.Kind;
-            return failure;
-        }
+        TavroFailure wrong = CheckFile(step, step.To, seen);
+        wrong = wrong ? wrong : CheckRecord(step, seen.State);
+        wrong.Kind = wrong.Kind == Kind::Missing ? Kind::ItemMissing : wrong.Kind;
         entries.push_back(
-            {{step->From, step->To, step->Record, step->bDirectory}, seen.State.Identity, seen});
+            {{step.From, step.To, step.Record, step.bDirectory}, seen.State.Identity, seen});
+        return wrong;
+    });
+    if (failure) {
+        return failure;
     }
     m_report.Trash = TavroRestoreSelection(entries, m_callbacks);
     for (std::size_t i = 0; i < m_report.Trash.Entries.size(); ++i) {
@@ -500,7 +443,7 @@ TavroFailure Reversal::Restore() {
 }
 
 TavroFailure Reversal::RestoreCopies() {
-    TavroFailure failure = CheckDirectories();
+    TavroFailure failure = CheckToMake();
     failure = failure ? failure : MakeDirectories();
     failure = failure ? failure : Restore();
     if (failure) {
@@ -522,7 +465,7 @@ TavroFailure Reversal::RestoreCopies() {
 TavroFailure Reversal::Act() {
     switch (m_report.Operation.Kind) {
     case TavroOperationKind::Trash:
-        return m_bUndo ? Restore() : TrashAgain();
+        return m_bUndo ? Restore() : Trash(StepsOf(Role::Trashed), m_steps);
     case TavroOperationKind::Rename:
     case TavroOperationKind::Move:
         return MoveAll();
@@ -536,11 +479,15 @@ TavroFailure Reversal::Act() {
 
 TavroFailure Reversal::Run() {
     TavroFailure failure = Act();
-    if (failure) {
-        RemoveMade();
-    } else {
+    m_places = {};
+    if (!failure) {
         SetModes();
         RemoveDirectories(); // one that holds something stays
+        return {};
+    }
+    for (auto made = m_made.rbegin(); made != m_made.rend(); ++made) {
+        mode_t ignored = 0;
+        RemoveDirectory(made->first, made->second, ignored);
     }
     return failure;
 }
@@ -557,8 +504,8 @@ TavroUndoReport Go(bool bUndo, TavroHistory& History, const TavroCallbacks& Call
     if (!failure) {
         report.Operation = std::move(*next);
         report.Operation.State = bUndo ? TavroOperationState::Undone : TavroOperationState::Done;
-        failure = History.Update(report.Operation); // what makes saving impossible shows now
         const std::vector<TavroStep> steps = report.Operation.Steps;
+        failure = History.Update(report.Operation); // what makes saving impossible shows now
         failure = failure ? failure : Reversal(bUndo, Callbacks, report).Run();
         if (!failure) {
             failure = steps == report.Operation.Steps ? failure : History.Update(report.Operation);
