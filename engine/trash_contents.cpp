@@ -232,7 +232,8 @@ namespace {
 /// One that is gone already counts as removed.
 TavroFailure RemoveRecord(const TavroOpenTrash& Trash, const std::string& Name) {
     const std::string file = TavroRecordName(Name);
-    const int error = TavroUnlinkAt(Trash.Info.Number(), file.c_str());
+    const int error =
+        Trash.Info.IsOpen() ? TavroUnlinkAt(Trash.Info.Number(), file.c_str()) : ENOENT;
     return error == 0 || error == ENOENT
                ? TavroFailure()
                : TavroFail(TavroFailureKind::Remove, error, TavroJoin(Trash.Folders.Info, file));

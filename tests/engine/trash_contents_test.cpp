@@ -454,6 +454,8 @@ TEST_F(RemoveFromTrash, counts_what_is_gone_as_removed) {
     writeFile(record("a"), "[Trash Info]\nPath=/a\n");
     EXPECT_EQ(remove({named("a"), named("b")}), "");
     EXPECT_FALSE(isPresent(record("a")));
+    fs::remove_all(root());
+    EXPECT_EQ(remove({named("a")}), "");
 }
 
 TEST_F(RemoveFromTrash, stops_between_items_when_it_is_cancelled) {
