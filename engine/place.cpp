@@ -114,7 +114,7 @@ TavroOperationEntry TavroSelectEntry(const std::string& Path) {
 
 std::string TavroFindOwnPath(const std::string& Path) {
     const std::string path = TavroNameEntry(Path).Path;
-    return path == "/" ? path : TavroJoin(ResolvedText(TavroParentOf(path)), TavroNameOf(path));
+    return TavroJoin(ResolvedText(TavroParentOf(path)), TavroNameOf(path));
 }
 
 bool TavroIsPresent(const std::string& Path) {
@@ -134,7 +134,7 @@ std::string TavroPlace::OwnPath() const {
 std::shared_ptr<const TavroDirectory> TavroPlaces::FindOpen(const std::string& Path,
                                                             std::size_t Size) {
     const auto found = std::find_if(m_open.begin(), m_open.end(), [&](const auto& candidate) {
-        return candidate->Path.size() == Size && Path.compare(0, Size, candidate->Path) == 0;
+        return Path.compare(0, Size, candidate->Path) == 0;
     });
     if (found == m_open.end()) {
         return nullptr;

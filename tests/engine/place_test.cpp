@@ -43,6 +43,7 @@ protected:
             EXPECT_EQ(TavroNameOf(path), entry.Name);
             EXPECT_EQ(bDirectory, entry.bDirectory);
             EXPECT_EQ(path, TavroNameEntry(one).Path);
+            EXPECT_FALSE(TavroNameEntry(one).bDirectory) << "nobody has looked";
         }
     }
 
@@ -68,6 +69,8 @@ TEST_F(SelectEntry, takes_a_link_as_itself) {
     expect("link to file", "link to file", false);
     expect("dangling", "dangling", false);
     expect("link/file", "link/file", false);
+    makeDirectory(m_box / "folder/sub");
+    expect("link/sub/", "link/sub", true);
 }
 
 TEST_F(SelectEntry, a_separator_behind_a_link_means_the_directory_behind_it) {
@@ -120,9 +123,10 @@ TEST_F(SelectEntry, without_a_current_directory_a_name_is_not_one_of_the_root) {
     const ScopedCurrentDirectory current(m_box / "gone");
     fs::remove(m_box / "gone");
     // These exist in the root directory.
-    for (const char* text : {"etc", "./etc", "etc/", "."}) {
-        SCOPED_TRACE(text);
-        EXPECT_NE('/', TavroSelectEntry(text).Path.front());
+    const std::pair<const char*, const char*> texts[] = {
+        {"etc", "etc"}, {"./etc//passwd", "etc/passwd"}, {"etc/", "etc"}, {".", "."}};
+    for (const auto& [text, path] : texts) {
+        EXPECT_EQ(path, TavroSelectEntry(text).Path);
         TavroPlace place;
         const TavroFailure failure = TavroPlaces().Find(text, place);
         struct stat status = {};
@@ -132,12 +136,20 @@ TEST_F(SelectEntry, without_a_current_directory_a_name_is_not_one_of_the_root) {
     EXPECT_TRUE(TavroIsPresent("/etc"));
 }
 
+TEST_F(SelectEntry, is_relative_to_the_root_directory_too) {
+    const ScopedCurrentDirectory current("/");
+    EXPECT_EQ("/etc", TavroSelectEntry("etc").Path);
+    EXPECT_EQ("/", TavroSelectEntry(".").Path);
+}
+
 TEST_F(SelectEntry, many_are_named_in_order_and_failures_tell_the_text) {
     std::vector<TavroOperationEntry> entries;
-    const std::vector<TavroFailure> failures = TavroSelectEntries(
-        {"folder", "missing", "cdda:x", "folder/file/x", std::string(300, 'n'), "dangling"},
-        entries);
-    ASSERT_EQ(6U, entries.size());
+    const std::vector<TavroFailure> failures =
+        TavroSelectEntries({"folder", "missing", "cdda:x", "folder/file/x", std::string(300, 'n'),
+                            "dangling", m_box / "folder"},
+                           entries);
+    ASSERT_EQ(7U, entries.size());
+    EXPECT_EQ(m_box / "folder", entries[6].Path);
     EXPECT_TRUE(entries[0].bDirectory);
     EXPECT_EQ("cdda:x", entries[2].Path);
     EXPECT_EQ(m_box / "dangling", entries[5].Path);
@@ -220,6 +232,47 @@ TEST_F(Places, have_the_path_that_was_asked_for_and_their_own) {
     EXPECT_EQ("/", root.Path());
     EXPECT_EQ("/", root.OwnPath());
     EXPECT_EQ("/x", find("/x").OwnPath());
+}
+
+TEST_F(Places, are_found_by_relative_paths) {
+    makeDirectory(m_box / "folder");
+    const ScopedCurrentDirectory current(m_box.path());
+    const TavroPlace place = find("folder/x");
+    EXPECT_EQ(at("folder/x"), place.Path());
+    int opens = 0;
+    const CallObserver observer(
+        [&](const std::string& call, const std::string&) { opens += call == "openat" ? 1 : 0; });
+    EXPECT_EQ(place.Directory, find("folder/./y").Directory);
+    EXPECT_EQ(0, opens);
+}
+
+TEST_F(Places, know_the_path_of_what_was_opened_and_not_of_what_has_its_name_since) {
+    makeDirectory(m_box / "folder");
+    makeDirectory(m_box / "victim");
+    const CallObserver observer([&](const std::string& call, const std::string& path) {
+        if (call == "fstat" && path == at("folder")) {
+            fs::rename(m_box / "folder", m_box / "moved");
+            fs::create_directory_symlink("victim", m_box / "folder");
+        }
+    });
+    EXPECT_EQ(at("moved/x"), find(at("folder/x")).OwnPath());
+}
+
+TEST_F(Places, an_open_directory_makes_no_name_of_what_is_none) {
+    makeDirectory(m_box / "folder/sub");
+    find(at("folder/x"));
+    EXPECT_EQ(at("folder"), find(at("folder/.")).Path());
+    EXPECT_EQ(at("folder"), find(at("folder/")).Path());
+    EXPECT_EQ(m_box.path(), find(at("folder/..")).Path());
+    EXPECT_EQ(at("folder/..."), find(at("folder/...")).Path());
+    TavroPlace place;
+    EXPECT_EQ(EINVAL, m_places.Find(at(std::string("folder/x\0y", 10)), place).Error.value());
+}
+
+TEST_F(Places, a_directory_that_cannot_be_looked_at_is_no_place) {
+    const FaultInjector injector({{"fstat", EIO, "", 1, true}});
+    TavroPlace place;
+    EXPECT_EQ(EIO, m_places.Find(at("x"), place).Error.value());
 }
 
 TEST_F(Places, stay_where_they_are_whatever_becomes_of_their_paths) {
@@ -353,8 +406,37 @@ TEST_F(Places, what_is_in_the_way_of_a_missing_directory_is_named) {
     const FaultInjector injector({{"mkdirat", ENOSPC, "", 2}});
     failure = findOrCreate("a/b/x");
     EXPECT_EQ(TavroFailureKind::CreateDirectory, failure.Kind);
+    EXPECT_EQ(ENOSPC, failure.Error.value());
     EXPECT_EQ(at("a/b"), failure.Path);
     EXPECT_EQ(std::vector<std::string>{at("a")}, m_created) << "what was created is told";
+}
+
+TEST_F(Places, a_failure_above_what_is_missing_tells_the_path_that_was_asked_for) {
+    const FaultInjector injector({{"openat", EIO, "", 3}});
+    const TavroFailure failure = findOrCreate("a/b/x");
+    EXPECT_EQ(TavroFailureKind::LookAt, failure.Kind);
+    EXPECT_EQ(EIO, failure.Error.value());
+    EXPECT_EQ(at("a/b/x"), failure.Path);
+}
+
+TEST_F(Places, a_created_directory_that_cannot_be_entered_is_told_with_the_reason) {
+    for (const bool bByOther : {false, true}) {
+        const std::string name = bByOther ? "b" : "a";
+        const CallObserver observer([&](const std::string& call, const std::string& path) {
+            if (call == "mkdirat" && bByOther) {
+                makeDirectory(path);
+            }
+            if (call == "openat" && path == at("a") && isPresent(path)) {
+                fs::remove(path);
+                writeFile(path);
+            }
+        });
+        const FaultInjector injector({{"openat", EACCES, at("b"), 2, false, true}});
+        const TavroFailure failure = findOrCreate(name + "/x");
+        EXPECT_EQ(TavroFailureKind::CreateDirectory, failure.Kind);
+        EXPECT_EQ(bByOther ? EACCES : ENOTDIR, failure.Error.value());
+        EXPECT_EQ(at(name), failure.Path);
+    }
 }
 
 TEST_F(Places, a_directory_that_somebody_else_creates_meanwhile_is_shared) {

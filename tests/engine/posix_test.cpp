@@ -318,8 +318,11 @@ TEST_F(Posix, knows_the_path_of_an_open_directory) {
     TavroDescriptor directory;
     ASSERT_EQ(0, TavroOpenDirectory(m_box / "link", directory));
     std::string path;
-    EXPECT_EQ(0, TavroPathOf(directory.Number(), path));
-    EXPECT_EQ(m_box / "directory", path);
+    const TavroDescriptor high(fcntl(directory.Number(), F_DUPFD_CLOEXEC, 300));
+    for (const int number : {directory.Number(), high.Number()}) {
+        EXPECT_EQ(0, TavroPathOf(number, path));
+        EXPECT_EQ(m_box / "directory", path);
+    }
     fs::rename(m_box / "directory", m_box / "moved");
     EXPECT_EQ(0, TavroPathOf(directory.Number(), path));
     EXPECT_EQ(m_box / "moved", path);
@@ -367,6 +370,8 @@ TEST_F(Posix, lists_names_of_any_bytes_with_their_types) {
     ASSERT_EQ(0, TavroMakeDirectoryAt(at(), std::string(255, 'd').c_str(), 0755));
     ASSERT_EQ(0, TavroSymlinkAt("nowhere", at(), "..."));
     ASSERT_EQ(0, TavroMakeFifoAt(at(), "..p", 0600));
+    ASSERT_EQ(0, TavroMakeFifoAt(at(), ".p", 0600));
+    expected[".p"] = DT_FIFO;
     expected[std::string(255, 'd')] = DT_DIR;
     expected["..."] = DT_LNK;
     expected["..p"] = DT_FIFO;
