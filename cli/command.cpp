@@ -59,7 +59,5 @@ std::string TavroValue(const CLI::Option* Option) {
 
 bool TavroFindEntries(const std::vector<std::string>& Texts,
                       std::vector<TavroOperationEntry>& OutEntries) {
-    const std::vector<TavroFailure> failures = TavroSelectEntries(Texts, OutEntries);
-    TavroPrintFailures(failures);
-    return failures.empty();
+    return TavroPrintFailures(TavroSelectEntries(Texts, OutEntries));
 }

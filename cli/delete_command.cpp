@@ -36,12 +36,7 @@ int AgreeToDeleting(const std::vector<TavroOperationEntry>& Entries, std::string
 
 int RunDelete(const std::vector<std::string>& Texts, bool bForce) {
     std::vector<TavroOperationEntry> entries;
-    if (!TavroFindEntries(Texts, entries)) {
-        return TavroExitFailed;
-    }
-    const std::vector<TavroFailure> refused = TavroCheckDeletable(entries);
-    if (!refused.empty()) {
-        TavroPrintFailures(refused);
+    if (!TavroFindEntries(Texts, entries) || !TavroPrintFailures(TavroCheckDeletable(entries))) {
         return TavroExitFailed;
     }
     if (!bForce && !TavroCanAsk()) {

@@ -23,25 +23,21 @@ int RunDoctor(const std::vector<std::string>& Mend, bool bMendAll) {
     if (const TavroFailure failure = TavroExamineTrash(findings)) {
         return TavroPrintFailure(failure);
     }
-    std::set<std::string> found;
-    for (const TavroTrashFinding& finding : findings) {
-        found.insert(TavroNameOf(finding.Path));
-    }
     bool bAll = true;
-    for (const std::string& name : Mend) {
-        if (found.count(name) == 0) {
-            TavroPrintError("Nothing is wrong with '" + name + "'");
-            bAll = false;
-        }
-    }
-    const std::set<std::string> mended(Mend.begin(), Mend.end());
+    const std::set<std::string> named(Mend.begin(), Mend.end());
+    std::set<std::string> sound = named;
     for (const TavroTrashFinding& finding : findings) {
-        bAll = Deal(finding, bMendAll || mended.count(TavroNameOf(finding.Path)) != 0) && bAll;
+        const std::string name = TavroNameOf(finding.Path);
+        bAll = Deal(finding, bMendAll || named.count(name) != 0) && bAll;
+        sound.erase(name);
+    }
+    for (const std::string& name : sound) {
+        TavroPrintError("Nothing is wrong with '" + name + "'");
     }
     if (findings.empty()) {
         TavroPrintLine(stdout, "The trash is in order.");
     }
-    return bAll ? TavroExitDone : TavroExitFailed;
+    return bAll && sound.empty() ? TavroExitDone : TavroExitFailed;
 }
 
 } // namespace

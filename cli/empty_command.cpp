@@ -18,8 +18,8 @@ std::string ContentText(const std::vector<TavroTrashItem>& Items) {
 int RunEmpty(int OlderThanDays, bool bForce, bool bQuiet) {
     TavroCatchInterrupts();
     std::vector<TavroTrashItem> listed;
-    const bool bMeasure = !bForce || !bQuiet;
-    if (const TavroFailure failure = TavroListTrash(bMeasure, TavroWasInterrupted, listed)) {
+    TavroFailure failure = TavroListTrash(!bForce || !bQuiet, TavroWasInterrupted, listed);
+    if (failure) {
         return TavroPrintFailure(failure);
     }
     const std::vector<TavroTrashItem> items =
@@ -35,14 +35,12 @@ int RunEmpty(int OlderThanDays, bool bForce, bool bQuiet) {
             return exitCode;
         }
     }
-    if (const TavroFailure failure = TavroRemoveFromTrash(items, TavroWasInterrupted)) {
-        return TavroPrintFailure(failure);
-    }
-    if (!bQuiet) {
+    failure = TavroRemoveFromTrash(items, TavroWasInterrupted);
+    if (!failure && !bQuiet) {
         TavroPrintLine(stdout, "Deleted " + content);
         TavroPrintUnlisted(TavroCountUnlistedItems(listed));
     }
-    return TavroExitDone;
+    return TavroPrintFailure(failure);
 }
 
 } // namespace

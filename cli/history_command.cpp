@@ -80,11 +80,10 @@ int RunDrop() {
         failure =
             newest ? history.Drop(newest->Id) : TavroFail(TavroFailureKind::NothingToDrop, 0, "");
     }
-    if (failure) {
-        return TavroPrintFailure(failure);
+    if (!failure) {
+        TavroPrintOperation("No longer to be undone: ", *newest);
     }
-    TavroPrintOperation("No longer to be undone: ", *newest);
-    return TavroExitDone;
+    return TavroPrintFailure(failure);
 }
 
 } // namespace

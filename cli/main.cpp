@@ -53,17 +53,15 @@ public:
     }
 };
 
-/// The parser of one command is built in a tenth of the time that all of them take.
+/// Adds the parser of the command that was typed alone: it is built in a third of the time that all
+/// of them take. All are wanted for the help, and to say what is wrong.
 void AddCommands(CLI::App& app, const std::string& firstArgument, TavroCommandTable& table) {
-    const auto* const typed =
-        std::find_if(std::begin(commands), std::end(commands),
-                     [&](const Command& command) { return command.Name == firstArgument; });
-    if (typed != std::end(commands)) {
-        typed->Add(app, table);
-        return;
-    }
+    const auto isTyped = [&](const Command& command) { return command.Name == firstArgument; };
+    const bool bAll = std::none_of(std::begin(commands), std::end(commands), isTyped);
     for (const Command& command : commands) {
-        command.Add(app, table);
+        if (bAll || isTyped(command)) {
+            command.Add(app, table);
+        }
     }
 }
 
@@ -89,21 +87,17 @@ int FlushOutput(int exitCode) {
     return exitCode == TavroExitDone ? TavroExitFailed : exitCode;
 }
 
-int UsageFailure(std::string sentence) {
-    sentence.erase(std::remove(sentence.begin(), sentence.end(), '\0'), sentence.end());
-    TavroPrintError(sentence);
-    TavroPrintLine(stderr, "Try 'tavro --help'.");
-    return TavroExitUsage;
-}
-
 int ParseFailure(CLI::App& app, const CLI::ParseError& error, const std::string& firstArgument) {
     if (error.get_exit_code() == 0) {
         return FlushOutput(app.exit(error)); // --help and --version
     }
-    if (app.get_subcommands().empty() && !firstArgument.empty() && firstArgument[0] != '-') {
-        return UsageFailure("Unknown command '" + firstArgument + "'");
-    }
-    return UsageFailure(error.what());
+    const bool bUnknown =
+        app.get_subcommands().empty() && !firstArgument.empty() && firstArgument[0] != '-';
+    std::string sentence = bUnknown ? "Unknown command '" + firstArgument + "'" : error.what();
+    sentence.erase(std::remove(sentence.begin(), sentence.end(), '\0'), sentence.end());
+    TavroPrintError(sentence);
+    TavroPrintLine(stderr, "Try 'tavro --help'.");
+    return TavroExitUsage;
 }
 
 int RunCommandLine(int argc, char** argv) {
@@ -129,7 +123,7 @@ int RunCommandLine(int argc, char** argv) {
 } // namespace
 
 int main(int argc, char** argv) {
-    // A reader who goes away must not end work that is half done, nor a limit on the size of files.
+    // Neither a reader who goes away nor a limit on the size of files ends work that is half done.
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
     try {

@@ -9,12 +9,11 @@ namespace {
 int RunMkdir(const std::string& Text, const std::string& BaseDirectory) {
     TavroCatchInterrupts();
     const TavroEditReport report = TavroMakeDirectory(Text, BaseDirectory);
-    if (report.Failure) {
-        return TavroPrintFailure(report.Failure);
+    if (!report.Failure) {
+        TavroRecord(TavroOperationOf(report));
+        TavroPrintLine(stdout, report.Path);
     }
-    TavroRecord(TavroOperationOf(report));
-    TavroPrintLine(stdout, report.Path);
-    return TavroExitDone;
+    return TavroPrintFailure(report.Failure);
 }
 
 } // namespace

@@ -8,27 +8,14 @@
 
 namespace {
 
-double FractionDone(const TavroProgress& Progress) {
-    if (Progress.ByteCount != 0) {
-        return static_cast<double>(Progress.BytesDone) / static_cast<double>(Progress.ByteCount);
-    }
-    if (Progress.ItemCount != 0) {
-        return static_cast<double>(Progress.ItemsDone) / static_cast<double>(Progress.ItemCount);
-    }
-    return 0;
-}
-
 /// Seconds as 0:05, 1:40, 2:00:00.
 std::string DurationText(double Seconds) {
     const auto whole = static_cast<unsigned long>(Seconds);
-    std::array<char, 40> text = {};
-    if (whole >= 3600) {
-        std::snprintf(text.data(), text.size(), "%lu:%02lu:%02lu", whole / 3600, whole / 60 % 60,
-                      whole % 60);
-    } else {
-        std::snprintf(text.data(), text.size(), "%lu:%02lu", whole / 60, whole % 60);
-    }
-    return text.data();
+    const std::string hours = whole >= 3600 ? std::to_string(whole / 3600) + ":" : "";
+    std::array<char, 8> text = {};
+    std::snprintf(text.data(), text.size(), "%0*lu:%02lu", hours.empty() ? 1 : 2, whole / 60 % 60,
+                  whole % 60);
+    return hours + text.data();
 }
 
 /// "[#####---------------] 25 %  1.0 GB of 4.0 GB  120.0 MB/s  0:25 left"
@@ -38,19 +25,21 @@ std::string ProgressText(const TavroProgress& Progress, double Seconds) {
                TavroHumanSize(Progress.BytesDone);
     }
     constexpr int width = 20;
-    const double fraction = std::clamp(FractionDone(Progress), 0.0, 1.0);
+    const bool bBytes = Progress.ByteCount != 0;
+    const auto done = static_cast<double>(bBytes ? Progress.BytesDone : Progress.ItemsDone);
+    const auto all = static_cast<double>(bBytes ? Progress.ByteCount : Progress.ItemCount);
+    const double fraction = std::clamp(done / all, 0.0, 1.0);
     const int filled = static_cast<int>(fraction * width);
     std::string text = "[" + std::string(static_cast<std::size_t>(filled), '#') +
                        std::string(static_cast<std::size_t>(width - filled), '-') + "] " +
                        std::to_string(static_cast<int>(fraction * 100)) + " %  ";
-    if (Progress.ByteCount == 0) {
+    if (!bBytes) {
         return text + TavroGroupedNumber(Progress.ItemsDone) + " of " +
                TavroCountText(Progress.ItemCount, "item");
     }
     text += TavroHumanSize(Progress.BytesDone) + " of " + TavroHumanSize(Progress.ByteCount);
     if (Seconds > 0 && fraction > 0) {
-        const double rate = static_cast<double>(Progress.BytesDone) / Seconds;
-        text += "  " + TavroHumanSize(static_cast<std::uint64_t>(rate)) + "/s  " +
+        text += "  " + TavroHumanSize(static_cast<std::uint64_t>(done / Seconds)) + "/s  " +
                 DurationText(Seconds / fraction - Seconds) + " left";
     }
     return text;
@@ -59,10 +48,6 @@ std::string ProgressText(const TavroProgress& Progress, double Seconds) {
 } // namespace
 
 TavroProgressBar::TavroProgressBar(bool bQuiet) : m_bActive(!bQuiet && TavroIsTerminal(stderr)) {}
-
-TavroProgressBar::~TavroProgressBar() {
-    Clear();
-}
 
 TavroCallbacks TavroProgressBar::Callbacks() {
     TavroCallbacks callbacks;

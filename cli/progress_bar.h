@@ -14,7 +14,9 @@
 class TavroProgressBar {
 public:
     explicit TavroProgressBar(bool bQuiet);
-    ~TavroProgressBar();
+    ~TavroProgressBar() {
+        Clear();
+    }
     TavroProgressBar(const TavroProgressBar&) = delete;
     TavroProgressBar& operator=(const TavroProgressBar&) = delete;
 

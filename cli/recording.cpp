@@ -7,10 +7,8 @@
 #include <array>
 
 TavroFailure TavroOpenHistory(TavroHistory& OutHistory, bool bPatient) {
-    const auto never = [] { return false; };
-    TavroFailure failure =
-        OutHistory.Open(TavroHistoryPath(), std::chrono::seconds(10),
-                        bPatient ? std::function<bool()>(never) : TavroWasInterrupted);
+    TavroFailure failure = OutHistory.Open(TavroHistoryPath(), std::chrono::seconds(10),
+                                           bPatient ? nullptr : &TavroWasInterrupted);
     if (failure) {
         TavroPrintError("The undo history cannot be used: " + TavroDescribe(failure));
     } else if (!OutHistory.Notice().empty()) {

@@ -13,12 +13,11 @@ int RunRename(const std::string& Entry, const std::string& Text) {
     }
     TavroCatchInterrupts();
     const TavroEditReport report = TavroRenameTo(entries.front(), Text);
-    if (report.Failure) {
-        return TavroPrintFailure(report.Failure);
+    if (!report.Failure) {
+        TavroRecord(TavroOperationOf(report, entries.front().Path));
+        TavroPrintLine(stdout, report.Path);
     }
-    TavroRecord(TavroOperationOf(report, entries.front().Path));
-    TavroPrintLine(stdout, report.Path);
-    return TavroExitDone;
+    return TavroPrintFailure(report.Failure);
 }
 
 } // namespace

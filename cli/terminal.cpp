@@ -2,8 +2,8 @@
 
 #include "interrupt.h"
 
+#include <algorithm>
 #include <array>
-#include <cstddef>
 #include <unistd.h>
 
 namespace {
@@ -24,11 +24,9 @@ std::size_t PrintableLength(const std::string& Text, std::size_t Index) {
     }
     constexpr std::array<std::uint32_t, 5> least = {0, 0x20, 0xA0, 0x800, 0x10000};
     const bool bSurrogate = character >= 0xD800 && character < 0xE000;
-    const bool bLead = first < 0x80 || (first >= 0xC0 && first < 0xF8);
-    return bLead && character >= least.at(length) && character != 0x7F && !bSurrogate &&
-                   character <= 0x10FFFF
-               ? length
-               : 0;
+    const bool bLead = first < 0x7F || (first >= 0xC0 && first < 0xF8);
+    const bool bInRange = character >= least.at(length) && character <= 0x10FFFF;
+    return bLead && bInRange && !bSurrogate ? length : 0;
 }
 
 } // namespace
@@ -42,16 +40,13 @@ std::string TavroPrintableText(const std::string& Text) {
     std::string printable;
     for (std::size_t i = 0; i < Text.size();) {
         const std::size_t length = PrintableLength(Text, i);
-        if (length != 0) {
-            printable += Text.substr(i, length);
-            i += length;
-            continue;
+        if (length == 0) {
+            const auto byte = static_cast<unsigned char>(Text[i]);
+            constexpr const char* digits = "0123456789ABCDEF";
+            printable += {'\\', 'x', digits[byte >> 4U], digits[byte & 15U]};
         }
-        std::array<char, 5> escape = {};
-        std::snprintf(escape.data(), escape.size(), "\\x%02X",
-                      static_cast<unsigned>(static_cast<unsigned char>(Text[i])));
-        printable += escape.data();
-        ++i;
+        printable.append(Text, i, length);
+        i += std::max<std::size_t>(length, 1);
     }
     return printable;
 }
@@ -79,10 +74,11 @@ int TavroPrintFailure(const TavroFailure& Failure) {
     return TavroExitCodeOf(Failure);
 }
 
-void TavroPrintFailures(const std::vector<TavroFailure>& Failures) {
+bool TavroPrintFailures(const std::vector<TavroFailure>& Failures) {
     for (const TavroFailure& failure : Failures) {
         TavroPrintFailure(failure);
     }
+    return Failures.empty();
 }
 
 void TavroPrintUnlisted(std::uint64_t Count) {

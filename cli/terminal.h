@@ -32,7 +32,9 @@ void TavroPrintLine(std::FILE* Stream, const std::string& Text);
 
 /// Writes "tavro: SENTENCE" to standard error.
 void TavroPrintError(const std::string& Sentence);
-void TavroPrintFailures(const std::vector<TavroFailure>& Failures);
+
+/// Writes a sentence for each failure. @return whether there was none.
+bool TavroPrintFailures(const std::vector<TavroFailure>& Failures);
 
 /// The exit code that a failure leads to, or that there is none.
 int TavroExitCodeOf(const TavroFailure& Failure);

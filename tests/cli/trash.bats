@@ -211,3 +211,35 @@ $PWD/d -> $HOME/$trash/files/d"
   run -0 tavro undo -q
   expect "$output" ''
 }
+
+@test "restore looks names up, and lists the trash once at most" {
+  command -v strace >/dev/null || skip 'strace is not installed'
+  strace -qq -o "$scratch/probe" true || skip 'strace may not trace here'
+  mkdir d
+  (cd d && touch {1..40})
+  tavro trash -q d/*
+  strace -qq -e trace=getdents64 -o "$scratch/calls" "$TAVRO" restore -q {1..20}
+  expect "$(ls d | wc -l)" 20
+  expect "$(grep -c getdents64 "$scratch/calls")" 0
+  strace -qq -y -e trace=getdents64 -o "$scratch/calls" "$TAVRO" restore -q "$PWD"/d/{21..40}
+  expect "$(ls d | wc -l)" 40
+  expect "$(grep -c 'Trash/info.* 0$\|Trash/info.*= 0' "$scratch/calls")" 1
+}
+
+@test "naming entries to trash asks for the current directory once, and looks at none" {
+  command -v strace >/dev/null || skip 'strace is not installed'
+  strace -qq -o "$scratch/probe" true || skip 'strace may not trace here'
+  touch {1..50}
+  strace -qq -e trace=getcwd -o "$scratch/calls" "$TAVRO" trash -q {1..50}
+  [ "$(wc -l <"$scratch/calls")" -le 5 ]
+}
+
+@test "several items of one name are restored beside each other" {
+  for i in {1..30}; do
+    echo "$i" >a.txt
+    tavro trash -q a.txt
+  done
+  tavro list -0 | xargs -0 "$TAVRO" restore -q --keep-both --
+  expect "$(cat a.txt a\ copy\ *.txt | sort -n)" "$(seq 30)"
+  [ -f 'a copy 29.txt' ]
+}
