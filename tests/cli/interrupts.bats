@@ -76,7 +76,7 @@ on_own_terminal() { # TEXT KEYS COMMAND…
   expect "$(ending)" 'exited with 130'
   expect "$stderr" 'tavro: Cancelled'
   expect "$(ls)" $'a\nb\nc'
-  expect "$(ls "$HOME/.local/share/Trash/files" "$HOME/.local/share/Trash/info" | grep -v :)" ''
+  expect "$(find "$HOME/.local/share/Trash" -mindepth 2)" ''
   run -1 tavro undo
 }
 
