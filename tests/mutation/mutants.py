@@ -7,12 +7,13 @@ braces around every branch; a change that makes no sense does not compile and is
 import re
 from bisect import bisect_right
 from dataclasses import dataclass
+from itertools import accumulate
 
 TOKEN = re.compile(
     r"""(?P<skip>\s+|//[^\n]*|/\*.*?\*/|^[ \t]*\#[^\n]*)
       | (?P<text>"(?:\\.|[^"\\])*")
       | (?P<char>'(?:\\.|[^'\\])*')
-      | (?P<number>\d[\w.]*)
+      | (?P<number>\d(?:'?[\w.])*)
       | (?P<name>[A-Za-z_]\w*)
       | (?P<sign><<|>>|<=|>=|==|!=|&&|\|\||\+\+|--|\+=|-=|->|::|.)""",
     re.VERBOSE | re.MULTILINE | re.DOTALL,
@@ -107,20 +108,39 @@ class Source:
         self.functions = self._functions()
 
     def _functions(self):
-        """(return type, name, opening brace, closing brace) of every function with a body."""
+        """(return type, name, opening brace, closing brace) of every function with a body. What has
+        no type, or constructs, returns nothing. What is computed by the compiler is left alone."""
         functions = []
         i = 0
         while i < len(self.texts):
-            if self.texts[i] == "{" and self.texts[i - 1] == ")":
-                name = self.partner[i - 1] - 1
-                first = name
-                while self.texts[first - 1] not in (";", "{", "}"):
+            end = i - 1
+            while self.texts[end] in ("const", "noexcept", "override"):
+                end -= 1
+            if self.texts[i] == "{" and self.texts[end] == ")":
+                name = first = self.partner[end] - 1
+                while first > 0 and self.texts[first - 1] not in (";", "{", "}"):
                     first -= 1
-                result = " ".join(self.texts[first:name])
-                functions.append((result, self.texts[name], i, self.partner[i]))
+                if self.texts[name - 1] in (",", ":"):  # the last of what a constructor begins with
+                    name = self.texts.index("(", first) - 1
+                result = self._result(first, name)
+                if "constexpr" not in result:
+                    functions.append((" ".join(result), self.texts[name], i, self.partner[i]))
                 i = self.partner[i]
             i += 1
         return functions
+
+    def _result(self, first, name):
+        """What stands before the name of a function that starts at token `first`."""
+        end = name - 1 if self.texts[name - 1] in ("operator", "~") else name
+        while self.texts[end - 1] == "::":
+            end -= 2
+        words = self.texts[first:end]
+        if "template" in words:
+            depths = accumulate((word == "<") - (word == ">") for word in words)
+            closing = [i for i, depth in enumerate(depths) if depth == 0 and words[i] == ">"]
+            words = words[closing[0] + 1 :]
+        constructs = not words or words[-1] in (":", "explicit")
+        return ["void"] if constructs else words
 
     def between(self, first, last):
         """The source of the tokens from `first` up to, without, `last`."""
@@ -205,7 +225,7 @@ class Source:
 
 def changed_text(literal):
     """The literal with another last character."""
-    units = re.findall(r"\\.|[^\\]", literal[1:-1], re.DOTALL)
+    units = re.findall(r"\\.|[^\\]", literal[1:-1], re.DOTALL) or [""]
     units[-1] = "Y" if units[-1] == "X" else "X"
     return '"' + "".join(units) + '"'
 
@@ -213,8 +233,19 @@ def changed_text(literal):
 def neighbours_of(literal):
     """The character literals just below and just above."""
     code = ord(literal[1:-1].encode().decode("unicode_escape"))
-    for other in (code - 1, code + 1):
+    for other in (code - 1, code + 1) if code > 0 else (1,):
         yield f"'{chr(other)}'" if chr(other).isalnum() else f"'\\x{other:02x}'"
+
+
+def numbers_beside(literal):
+    """The number just above, and the one just below where there is one."""
+    plain = re.match(r"0[xX][0-9a-fA-F']+|[\d']+", literal)[0]
+    suffix = literal[len(plain) :]
+    digits = plain.replace("'", "")
+    base = 16 if digits[:2] in ("0x", "0X") else 8 if len(digits) > 1 and digits[0] == "0" else 10
+    value = int(digits, base)
+    spell = {16: hex, 8: lambda number: f"0{number:o}", 10: str}[base]
+    return [spell(other) + suffix for other in (value + 1, value - 1) if other >= 0]
 
 
 class Breaker:
@@ -339,14 +370,14 @@ class Breaker:
         for i in range(opening, closing):
             kind, text = of.tokens[i].kind, of.texts[i]
             if kind == "number":
-                self.add("constant", i, i + 1, str(int(text) + 1))
-                if text != "0":
-                    self.add("constant", i, i + 1, str(int(text) - 1))
+                for other in numbers_beside(text):
+                    self.add("constant", i, i + 1, other)
             elif kind == "char":
                 for other in neighbours_of(text):
                     self.add("constant", i, i + 1, other)
             elif kind == "text":
-                self.add("text", i, i + 1, '""')
+                if text != '""':
+                    self.add("text", i, i + 1, '""')
                 self.add("text", i, i + 1, changed_text(text))
             elif text in ("true", "false"):
                 self.add("constant", i, i + 1, "false" if text == "true" else "true")

@@ -34,6 +34,29 @@ void Add(std::string& Text) {
 """
 
 
+MEMBERS = """\
+constexpr int Twice(int Number) {
+    return 2 * Number;
+}
+
+Walk::Walk(int Start) : m_start(Start) {
+    Open(m_start);
+}
+
+Walk::~Walk() {
+    Close();
+}
+
+bool Walk::IsOpen() const {
+    return m_start > 0;
+}
+
+void Walk::Close() noexcept {
+    Change(0640U, '\\0', "");
+}
+"""
+
+
 class Mutants(unittest.TestCase):
     def setUp(self):
         self.mutants = mutants_of(SOURCE)
@@ -116,6 +139,38 @@ class Mutants(unittest.TestCase):
         )
         self.assertEqual(text.count("return !(bStrict && Values[0] <= 9);"), 1)
         self.assertEqual(text.count("return bStrict && Values[0] <= 9;"), 1)
+
+
+class Members(unittest.TestCase):
+    def setUp(self):
+        self.mutants = mutants_of(MEMBERS)
+
+    def changes(self, function, kind):
+        return [
+            (MEMBERS[mutant.start : mutant.end], mutant.text)
+            for mutant in self.mutants
+            if mutant.function == function and mutant.kind == kind
+        ]
+
+    def test_what_the_compiler_computes_is_left_alone(self):
+        self.assertEqual([m for m in self.mutants if m.function == "Twice"], [])
+
+    def test_members_are_known_by_their_own_names(self):
+        self.assertEqual(self.changes("IsOpen", "comparison"), [(">", ">="), (">", "<")])
+        dropped = [("Open(m_start);", ";"), ("Close();", ";")]
+        self.assertEqual(self.changes("Walk", "statement"), dropped)
+
+    def test_numbers_keep_their_base_and_suffix(self):
+        changes = [("0640U", "0641U"), ("0640U", "0637U"), ("'\\0'", "'\\x01'")]
+        self.assertEqual(self.changes("Close", "constant"), changes)
+
+    def test_an_empty_text_is_filled(self):
+        self.assertEqual(self.changes("Close", "text"), [('""', '"X"')])
+
+    def test_only_what_returns_a_value_must_not_come_to_its_end(self):
+        every = with_all(MEMBERS, dict(enumerate(self.mutants)))
+        in_value = sum(mutant.function == "IsOpen" for mutant in self.mutants)
+        self.assertEqual(every.count("__builtin_trap();"), in_value)
 
 
 if __name__ == "__main__":

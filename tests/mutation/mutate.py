@@ -1,12 +1,13 @@
 #!/usr/bin/env -S python3 -B
-"""Breaks src/tavroops.cpp in systematic ways and tells which breaks no test notices.
+"""Breaks the module and the engine in systematic ways and tells which breaks no test notices.
 
-Every mutant is the module with one small change (see mutants.py). The tests that caught it end its
+Every mutant is one source with one small change (see mutants.py). The tests that caught it end its
 run; one that passes them all is a survivor. survivors.txt lists those that cannot matter, each with
 the reason. Mutants run inside a fence, see fence.py.
 
-The exit code is 1 when fewer than 98 % of the mutants that compile are caught, when a survivor is
-not listed, and when a listed one is caught or is no mutant any more.
+The exit code is 1 when fewer than 98 % of the mutants of the module that compile are caught, or 95 %
+of those of the engine; when a survivor of the module is not listed, and when a listed one is caught
+or is no mutant any more.
 """
 
 import argparse
@@ -26,17 +27,66 @@ import fence
 from mutants import mutants_of, with_all
 
 PROJECT = Path(__file__).resolve().parent.parent.parent
-MODULE = "src/tavroops.cpp"
 SURVIVORS = Path(__file__).resolve().parent / "survivors.txt"
-ENOUGH = 98.0
 
-TESTS = ("operations_tests", "faults_tests", "threads_tests")
 REMEMBERED = 12  # the tests of a function's last mutants, tried first on its next
 CONTROL_EVERY = 50  # after so many mutants the tests must pass with the module as it is
 
 
 class Stop(Exception):
     """The run cannot go on."""
+
+
+@dataclass(frozen=True)
+class Part:
+    """What is broken by itself, and tested by programs of its own."""
+
+    name: str
+    sources: str  # below the project
+    tests: tuple
+    objects: tuple  # beside those of the tests: where they are in a build
+    enough: float  # per cent of the mutants that are caught at least
+
+
+MODULE = Part(
+    "module",
+    "src/*.cpp",
+    ("operations_tests", "faults_tests", "threads_tests"),
+    (),
+    98.0,
+)
+ENGINE = Part(
+    "engine",
+    "engine/*.cpp",
+    ("engine_tests",),
+    ("engine/CMakeFiles/tavro_engine.dir", "CMakeFiles/tavroops.dir"),
+    95.0,
+)
+
+
+@dataclass(frozen=True)
+class Source:
+    """One source with its mutants."""
+
+    part: Part
+    name: str  # below the project
+    text: str
+    mutants: list
+
+    def key_of(self, mutant, count):
+        """By which survivors.txt knows a mutant: the function, with the source where that is of the
+        engine, and the changed lines; and a number where several of a function look the same."""
+        of = "" if self.part is MODULE else f"{self.name} "
+        return f"{of}{mutant.function}" + (f" #{count}" if count > 1 else "") + f"\n{mutant.diff}"
+
+    def keys(self):
+        seen = Counter()
+        keys = {}
+        for mutant in self.mutants:
+            look = (mutant.function, mutant.diff)
+            seen[look] += 1
+            keys[mutant.id] = self.key_of(mutant, seen[look])
+        return keys
 
 
 @dataclass
@@ -66,32 +116,34 @@ class Outcome:
 def compile_file(file):
     """The errors; an index out of range is to end the program and not to pass by luck."""
     command = ["g++", "-std=c++17", "-O0", "-w", "-fmax-errors=0", "-D_GLIBCXX_ASSERTIONS"]
-    command += [f"-I{PROJECT}/include", "-c", file, "-o", file.with_suffix(".o")]
+    command += [f"-I{PROJECT}/include", f"-I{PROJECT}/engine", "-c", file, "-o", file.with_suffix(".o")]
     return subprocess.run(command, stderr=subprocess.PIPE, text=True).stderr
 
 
 class Programs:
-    """The test programs, each with all mutants in it."""
+    """The test programs of a source, each with all its mutants in it."""
 
-    def __init__(self, scratch, build, source, mutants):
+    def __init__(self, scratch, build, source):
         self.scratch = scratch
-        self.objects = build / "tests/CMakeFiles"
-        self.numbered = dict(enumerate(mutants))
+        self.build = build
+        self.source = source
+        self.tests = source.part.tests
+        self.numbered = dict(enumerate(source.mutants))
         self.numbers = {mutant.id: number for number, mutant in self.numbered.items()}
-        module = scratch / MODULE
-        module.parent.mkdir(parents=True)
-        self._compile_what_compiles(source, module)
-        for name in TESTS:
-            self._link(name, module)
+        broken = scratch / source.name
+        broken.parent.mkdir(parents=True, exist_ok=True)
+        self._compile_what_compiles(source.text, broken)
+        for name in self.tests:
+            self._link(name, broken.with_suffix(".o"))
         self.patience = {}  # how many seconds a program may take
         self.slow = {}  # its tests that take long and are better run last
         self.catchers = defaultdict(list)  # function: (program, test) of mutants caught before
 
-    def _compile_what_compiles(self, source, module):
+    def _compile_what_compiles(self, text, broken):
         """Leaves out the mutants that the compiler names in its errors."""
         while True:
-            module.write_text(with_all(source, self.numbered))
-            errors = compile_file(module)
+            broken.write_text(with_all(text, self.numbered))
+            errors = compile_file(broken)
             if not errors:
                 return
             named = set(re.findall(r"^(\d+:\d+:[a-z]+\.\d+):", errors, re.MULTILINE))
@@ -99,16 +151,19 @@ class Programs:
                 raise Stop(errors)
             self.numbered = {n: m for n, m in self.numbered.items() if m.id not in named}
 
-    def _link(self, name, module):
+    def _link(self, name, broken):
+        tests = self.build / "tests/CMakeFiles"
+        folders = [tests / f"{name}.dir", tests / "tavro_test_support.dir"]
+        folders += [self.build / folder for folder in self.source.part.objects]
+        whole = Path(self.source.name).name + ".o"
         objects = [
-            *self.objects.glob(f"{name}.dir/**/*.o"),
-            *self.objects.glob("tavro_test_support.dir/**/*.o"),
+            *(one for folder in folders[:2] for one in folder.glob("**/*.o")),
+            *(one for folder in folders[2:] for one in folder.glob("**/*.o") if one.name != whole),
         ]
         if not objects:
-            raise Stop(f"{self.objects.parent.parent} holds no build of the tests")
-        objects.append(module.with_suffix(".o"))
-        libraries = ["-lgtest_main", "-lgtest", "-ldl", "-pthread"]
-        command = ["g++", *objects, "-o", self.scratch / name, *libraries]
+            raise Stop(f"{self.build} holds no build of the tests")
+        libraries = ["-lgtest_main", "-lgtest", "-lsqlite3", "-ldl", "-pthread"]
+        command = ["g++", *objects, broken, "-o", self.scratch / name, *libraries]
         linking = subprocess.run(command, stderr=subprocess.PIPE, text=True)
         if linking.returncode != 0:
             raise Stop(linking.stderr)
@@ -144,7 +199,7 @@ class Programs:
 
     def measure(self):
         """How long the tests take when nothing is broken bounds how long they may take later."""
-        for name in TESTS:
+        for name in self.tests:
             started = time.monotonic()
             output = self.run_control(name)
             took = time.monotonic() - started
@@ -162,12 +217,12 @@ class Programs:
         remembered = defaultdict(list)
         for name, test in self.catchers[function][-REMEMBERED:]:
             remembered[name].append(test)
-        for name in TESTS:
+        for name in self.tests:
             if remembered[name]:
                 yield name, ":".join(remembered[name])
-        for name in TESTS:
+        for name in self.tests:
             yield name, "-" + ":".join(self.slow[name])
-        for name in TESTS:
+        for name in self.tests:
             if self.slow[name]:
                 yield name, ":".join(self.slow[name])
 
@@ -185,19 +240,6 @@ class Programs:
                 self.catchers[mutant.function] = others + [catcher]
                 return outcome
         return Outcome("survived")
-
-
-def keys_of(mutants):
-    """For each mutant, by which survivors.txt knows it: the function and the changed lines, and a
-    number where several mutants of a function look the same."""
-    seen = Counter()
-    keys = {}
-    for mutant in mutants:
-        look = (mutant.function, mutant.diff)
-        seen[look] += 1
-        heading = mutant.function + (f" #{seen[look]}" if seen[look] > 1 else "")
-        keys[mutant.id] = f"{heading}\n{mutant.diff}"
-    return keys
 
 
 def listed_survivors():
@@ -245,7 +287,8 @@ def judge_all(programs, chosen, jobs):
 
     def judge(position):
         if position % CONTROL_EVERY == CONTROL_EVERY - 1:
-            programs.run_control(TESTS[position // CONTROL_EVERY % len(TESTS)])
+            tests = programs.tests
+            programs.run_control(tests[position // CONTROL_EVERY % len(tests)])
         outcome = programs.judge(chosen[position])
         progress.tell(chosen[position], outcome)
         return outcome
@@ -254,15 +297,13 @@ def judge_all(programs, chosen, jobs):
         return list(pool.map(judge, range(len(chosen))))
 
 
-def print_table(chosen, outcomes):
+def print_table(part, judged):
     """Made, compiled, caught, survived for each kind; returns the percentage that is caught."""
-    print(f"{'kind':12}{'made':>7}{'compiled':>10}{'caught':>8}{'survived':>10}{'caught %':>10}")
+    print(f"{part.name:12}{'made':>7}{'compiled':>10}{'caught':>8}{'survived':>10}{'caught %':>10}")
     percentage = 0.0
-    for kind in [*sorted({mutant.kind for mutant in chosen}), "all"]:
+    for kind in [*sorted({mutant.kind for _, mutant, _ in judged}), "all"]:
         words = Counter(
-            outcome.word
-            for mutant, outcome in zip(chosen, outcomes)
-            if kind in (mutant.kind, "all")
+            outcome.word for _, mutant, outcome in judged if kind in (mutant.kind, "all")
         )
         made = sum(words.values())
         compiled = made - words["uncompiled"]
@@ -271,44 +312,77 @@ def print_table(chosen, outcomes):
             f"{kind:12}{made:7}{compiled:10}{words['caught']:8}{words['survived']:10}"
             f"{percentage:10.1f}"
         )
-    catchers = Counter(outcome.by for outcome in outcomes if outcome.word == "caught")
-    print("caught by " + ", ".join(f"{name}: {catchers[name]}" for name in TESTS))
-    print(f"of these by a time limit: {sum(outcome.timed_out for outcome in outcomes)}")
+    catchers = Counter(outcome.by for *_, outcome in judged if outcome.word == "caught")
+    print("caught by " + ", ".join(f"{name}: {catchers[name]}" for name in part.tests))
+    print(f"of these by a time limit: {sum(outcome.timed_out for *_, outcome in judged)}")
     return percentage
 
 
-def complaints_about(chosen, outcomes, keys, listed):
+def complaints_about(part, sources, judged, listed):
     """Where the outcomes and survivors.txt are at odds."""
+    keys = {source.name: source.keys() for source in sources}
+    names = {source.name for source in sources}
+    possible = {key for known in keys.values() for key in known.values()}
     complaints = [
         f"listed as a survivor, but no mutant any more:\n{key}"
-        for key in sorted(listed - set(keys.values()))
+        for key in sorted(listed - possible)
+        if (key.split(" ")[0] in names if part is ENGINE else not key.startswith("engine/"))
     ]
-    for mutant, outcome in zip(chosen, outcomes):
-        key = keys[mutant.id]
-        if outcome.word == "survived" and key not in listed:
+    for source, mutant, outcome in judged:
+        key = keys[source.name][mutant.id]
+        if outcome.word == "survived" and key not in listed and part is MODULE:
             complaints.append(f"survived, and is not listed ({mutant.id}):\n{key}")
         elif outcome.word != "survived" and key in listed:
             complaints.append(f"listed as a survivor, but {outcome.word} ({mutant.id}):\n{key}")
     return complaints
 
 
-def choose(mutants, arguments):
+def sources_of(part, wanted):
+    """The sources of a part that are wanted; all when none is named."""
+    for file in sorted(PROJECT.glob(part.sources)):
+        name = str(file.relative_to(PROJECT))
+        if not wanted or name in wanted or part.name in wanted:
+            yield Source(part, name, file.read_text(), mutants_of(file.read_text()))
+
+
+def choose(sources, arguments):
+    """For each source, the mutants that are run."""
+    every = [(source, mutant) for source in sources for mutant in source.mutants]
     if arguments.only:
-        unknown = set(arguments.only) - {mutant.id for mutant in mutants}
+        unknown = set(arguments.only) - {mutant.id for _, mutant in every}
         if unknown:
             raise Stop(f"no such mutant: {', '.join(sorted(unknown))}")
-        return [mutant for mutant in mutants if mutant.id in arguments.only]
-    if arguments.sample:
-        count = min(arguments.sample, len(mutants))
-        picked = random.Random(arguments.seed).sample(range(len(mutants)), count)
-        return [mutants[index] for index in sorted(picked)]
-    return mutants
+        every = [one for one in every if one[1].id in arguments.only]
+    elif arguments.sample:
+        count = min(arguments.sample, len(every))
+        picked = random.Random(arguments.seed).sample(range(len(every)), count)
+        every = [every[index] for index in sorted(picked)]
+    chosen = defaultdict(list)
+    for source, mutant in every:
+        chosen[source.name].append(mutant)
+    return chosen
+
+
+def judge_source(scratch, source, chosen, arguments):
+    """(source, mutant, outcome) of each that is run."""
+    print(f"{source.name}: {len(chosen)} mutants", file=sys.stderr)
+    programs = Programs(scratch, arguments.build, source)
+    programs.measure()
+    outcomes = judge_all(programs, chosen, arguments.jobs)
+    for mutant, outcome in zip(chosen, outcomes):
+        if arguments.only:
+            print(f"{mutant.id} in {mutant.function}\n{mutant.diff}\n{outcome.word}")
+            if outcome.word == "caught":
+                print(f"by {outcome.test} in {outcome.by}:\n{outcome.last_words}\n")
+    return [(source, mutant, outcome) for mutant, outcome in zip(chosen, outcomes)]
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n", maxsplit=1)[0])
     parser.add_argument("--build", type=Path, default=PROJECT / "build/dev",
                         help="a build of the tests (default: build/dev)")
+    parser.add_argument("--of", metavar="SOURCE", nargs="+", default=[],
+                        help="break these alone: module, engine, engine/names.cpp …")
     parser.add_argument("--list", action="store_true", help="print the mutants, run nothing")
     parser.add_argument("--only", metavar="ID", nargs="+",
                         help="run these alone, and print what the tests say")
@@ -319,30 +393,36 @@ def main():
     arguments = parser.parse_args()
     arguments.build = arguments.build.resolve()
 
-    source = (PROJECT / MODULE).read_text()
-    mutants = mutants_of(source)
+    parts = {part.name: list(sources_of(part, arguments.of)) for part in (MODULE, ENGINE)}
+    sources = [source for part in parts.values() for source in part]
+    known = {name for source in sources for name in (source.name, source.part.name)}
+    if set(arguments.of) - known:
+        parser.error(f"nothing to break: {', '.join(sorted(set(arguments.of) - known))}")
     if arguments.list:
-        for mutant in mutants:
-            print(f"{mutant.id} in {mutant.function}\n{mutant.diff}")
+        for source in sources:
+            for mutant in source.mutants:
+                print(f"{source.name} {mutant.id} in {mutant.function}\n{mutant.diff}")
         return 0
+    judged = defaultdict(list)
     try:
-        chosen = choose(mutants, arguments)
+        chosen = choose(sources, arguments)
         listed = listed_survivors()
-        programs = Programs(fence.enter(), arguments.build, source, mutants)
-        programs.measure()
-        outcomes = judge_all(programs, chosen, arguments.jobs)
+        scratch = fence.enter()
+        for source in sources:
+            if chosen[source.name]:
+                judged[source.part.name] += judge_source(
+                    scratch, source, chosen[source.name], arguments
+                )
     except (Stop, fence.NoFence) as reason:
         print(reason, file=sys.stderr)
         return 2
-    if arguments.only:
-        for mutant, outcome in zip(chosen, outcomes):
-            print(f"{mutant.id} in {mutant.function}\n{mutant.diff}\n{outcome.word}")
-            if outcome.word == "caught":
-                print(f"by {outcome.test} in {outcome.by}:\n{outcome.last_words}\n")
-    percentage = print_table(chosen, outcomes)
-    complaints = complaints_about(chosen, outcomes, keys_of(mutants), listed)
-    if chosen == mutants and percentage < ENOUGH:
-        complaints.append(f"fewer than {ENOUGH:.0f} % are caught")
+    complaints = []
+    for part in (MODULE, ENGINE):
+        if judged[part.name]:
+            percentage = print_table(part, judged[part.name])
+            complaints += complaints_about(part, parts[part.name], judged[part.name], listed)
+            if not arguments.only and not arguments.sample and percentage < part.enough:
+                complaints.append(f"fewer than {part.enough:.0f} % of the {part.name} are caught")
     for complaint in complaints:
         print(f"\n{complaint}")
     return 1 if complaints else 0
