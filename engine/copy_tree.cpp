@@ -1,8 +1,8 @@
 #include "copy_tree.h"
 
 #include "names.h"
-#include "remove.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <dirent.h>
 #include <fcntl.h>
@@ -14,6 +14,34 @@ using Kind = TavroFailureKind;
 
 /// Files above this size are told by name however fast they are.
 constexpr off_t namedSize = off_t{1} << 20U;
+
+/// Opens a directory, if it is the right one.
+/// @param bForce  the user's own is made accessible to him.
+/// @return 0; ESTALE when another one is there, or none; or the error number.
+template <typename Question>
+int OpenOwn(int Parent, const char* Name, bool bForce, Question IsRight,
+            TavroDescriptor& OutDirectory, struct stat& OutStatus) {
+    int error = TavroOpenDirectoryAt(Parent, Name, OutDirectory);
+    if (error == EACCES && bForce) {
+        TavroDescriptor closed;
+        error = TavroOpenAt(Parent, Name, O_PATH | O_DIRECTORY, closed);
+        error = error != 0 ? error : TavroStat(closed.Number(), OutStatus);
+        error = error != 0 ? error : IsRight(OutStatus) ? 0 : ESTALE;
+        error = error != 0 ? error : TavroSetPathMode(closed.Number(), 0700);
+        error = error != 0 ? error : TavroOpenDirectoryAt(Parent, Name, OutDirectory);
+    }
+    error = error != 0 ? error : TavroStat(OutDirectory.Number(), OutStatus);
+    if (error == ENOTDIR || error == ELOOP || error == ENOENT) {
+        return ESTALE;
+    }
+    if (error == 0 && !IsRight(OutStatus)) {
+        return ESTALE;
+    }
+    if (error == 0 && bForce && (OutStatus.st_mode & 0700U) != 0700U) {
+        TavroSetMode(OutDirectory.Number(), 0700); // what cannot be helped shows at the entries
+    }
+    return error;
+}
 
 } // namespace
 
@@ -187,9 +215,10 @@ void TavroTreeCopy::CopyLeaf(int Directory, const char* Name, bool bRegular) {
 
 void TavroTreeCopy::NoteCopied(const TavroFileState& Source, const TavroFileState& Copy,
                                bool bLinked) {
+    m_copied.push_back({Copy, m_names.size(), 0, bLinked});
+    m_names.append(m_levels.empty() ? "" : m_walk.Name()).push_back('\0');
     if (m_options.bMove) {
-        m_copied.push_back({Source, Copy, m_names.size(), 0, bLinked});
-        m_names.append(m_levels.empty() ? m_from.Name : m_walk.Name()).push_back('\0');
+        m_sources.push_back(Source);
     }
 }
 
@@ -341,23 +370,8 @@ void TavroTreeCopy::MakeDirectory(Level& OutLevel) {
 /// Opens the directory that was just created.
 /// @return 0; ESTALE when something else is there; or the error number.
 int TavroTreeCopy::OpenMade(TavroDescriptor& OutDirectory, struct stat& OutStatus) {
-    const int parent = m_target.Top();
-    int error = TavroOpenDirectoryAt(parent, TargetName(), OutDirectory);
-    if (error == EACCES) {
-        // The umask has taken away too much.
-        TavroDescriptor closed;
-        error = TavroOpenAt(parent, TargetName(), O_PATH | O_DIRECTORY, closed);
-        error = error != 0 ? error : TavroStat(closed.Number(), OutStatus);
-        error = error != 0 ? error : IsNew(OutStatus) ? 0 : ESTALE;
-        error = error != 0 ? error : TavroSetPathMode(closed.Number(), 0700);
-        error = error != 0 ? error : TavroOpenDirectoryAt(parent, TargetName(), OutDirectory);
-    }
-    error = error == ENOTDIR || error == ELOOP || error == ENOENT ? ESTALE : error;
-    error = error != 0 ? error : TavroStat(OutDirectory.Number(), OutStatus);
-    error = error != 0 ? error : IsNew(OutStatus) ? 0 : ESTALE;
-    if (error == 0 && (OutStatus.st_mode & 0700U) != 0700U) {
-        TavroSetMode(OutDirectory.Number(), 0700); // what cannot be helped shows at the entries
-    }
+    const auto isNew = [this](const struct stat& status) { return IsNew(status); };
+    const int error = OpenOwn(m_target.Top(), TargetName(), true, isNew, OutDirectory, OutStatus);
     return error == 0 && Traits().bInheritLists ? TavroRemoveLists(OutDirectory.Number(), S_IFDIR)
                                                 : error;
 }
@@ -380,9 +394,7 @@ void TavroTreeCopy::LeaveDirectory() {
         Fail(Kind::SetAttributes, error); // it is there all the same
     }
     m_progress.AddItems();
-    if (m_options.bMove) {
-        m_copied[level.Number].End = m_copied.size();
-    }
+    m_copied[level.Number].End = m_copied.size();
     m_bThere = m_levels.empty();
 }
 
@@ -462,16 +474,21 @@ void TavroTreeCopy::GiveUp() {
     if (m_tree) {
         m_tree->clear();
     }
-    m_unnamed.Close();
-    if (m_made.Identity.Inode == 0) {
+    if (m_unnamed.IsOpen() || m_copied.empty()) {
+        m_unnamed.Close();
         return;
     }
-    const TavroPlace place = {m_to.Directory, m_name};
-    const TavroFailure failure = TavroRemoveTree(place, {m_made.Identity});
-    if (failure && failure.Kind != Kind::Changed) {
-        m_failures.push_back({Kind::RemoveIncompleteCopy, failure.Error, place.Path()});
+    for (const Level& level : m_levels) {
+        m_copied[level.Number].End = level.bMade ? m_copied.size() : m_copied[level.Number].End;
     }
-    m_made = {};
+    std::vector<TavroFailure> failures;
+    const std::size_t removed = Remove(Side::Copy, Care::Identity, failures);
+    if (removed != m_copied.size() && failures.back().Kind != Kind::Changed) {
+        const TavroFailure& why = failures.front().Error ? failures.front() : failures.back();
+        m_failures.push_back({Kind::RemoveIncompleteCopy, why.Error,
+                              TavroPlace{m_to.Directory, m_name}.Path()});
+    }
+    m_copied.clear();
 }
 
 // =================================================================================================
@@ -482,23 +499,29 @@ void TavroTreeCopy::GiveUp() {
 /// entry that is no directory, or a directory after all that is in it.
 class TavroTreeCopy::Retrace {
 public:
-    Retrace(TavroTreeCopy& Copy, Side Which)
-        : m_copy(Copy), m_which(Which), m_top(Which == &Copied::Source ? Copy.m_from : Copy.m_to),
-          m_stack(m_top.Number()) {}
+    /// @param bForce  directories are made accessible.
+    Retrace(TavroTreeCopy& Copy, Side Which, bool bForce)
+        : m_copy(Copy), m_which(Which), m_bForce(bForce),
+          m_stack((Which == Side::Source ? Copy.m_from : Copy.m_to).Number()) {}
 
     /// Goes on. @return false at the end.
     bool Next();
 
-    Copied& Entry() const {
+    std::size_t Number() const {
+        return m_at;
+    }
+    Side Which() const {
+        return m_which;
+    }
+    const Copied& Entry() const {
         return m_copy.m_copied[m_at];
     }
     int Directory() const {
         return m_stack.Top();
     }
     const char* Name() const {
-        const bool bSource = m_which == &Copied::Source;
-        return m_at != 0 ? &m_copy.m_names[Entry().NameAt]
-                         : (bSource ? m_copy.m_from.Name : m_copy.m_name).c_str();
+        const std::string& top = m_which == Side::Source ? m_copy.m_from.Name : m_copy.m_name;
+        return m_at == 0 ? top.c_str() : &m_copy.m_names[Entry().NameAt];
     }
 
     /// Why a directory could not be entered, or left; what is in it was passed over.
@@ -514,7 +537,7 @@ private:
 
     TavroTreeCopy& m_copy;
     const Side m_which;
-    const TavroPlace& m_top;
+    const bool m_bForce;
     TavroDirectoryStack m_stack;
     std::vector<std::size_t> m_entered;
     std::size_t m_at = 0;
@@ -539,12 +562,9 @@ bool TavroTreeCopy::Retrace::Next() {
             return false;
         }
         m_at = m_next++;
-        m_error = Entry().Source.IsDirectory() ? Enter() : 0;
-        if (!Entry().Source.IsDirectory()) {
-            return true;
-        }
-        if (m_error != 0) {
-            m_next = Entry().End;
+        m_error = Entry().Copy.IsDirectory() ? Enter() : 0;
+        if (!Entry().Copy.IsDirectory() || m_error != 0) {
+            m_next = std::max(m_next, Entry().End);
             return true;
         }
         m_entered.push_back(m_at);
@@ -554,13 +574,9 @@ bool TavroTreeCopy::Retrace::Next() {
 int TavroTreeCopy::Retrace::Enter() {
     TavroDescriptor directory;
     struct stat status = {};
-    int error = TavroOpenDirectoryAt(Directory(), Name(), directory);
-    error = error != 0 ? error : TavroStat(directory.Number(), status);
-    const TavroIdentity& expected = (Entry().*m_which).Identity;
-    if (error == ENOENT || error == ENOTDIR || error == ELOOP ||
-        (error == 0 && TavroIdentityOf(status) != expected)) {
-        return ESTALE;
-    }
+    const TavroIdentity& expected = m_copy.LatestOf(m_at, m_which).Identity;
+    const auto isIt = [&](const struct stat& now) { return TavroIdentityOf(now) == expected; };
+    const int error = OpenOwn(Directory(), Name(), m_bForce, isIt, directory, status);
     if (error == 0) {
         m_stack.Push(std::move(directory), expected);
     }
@@ -583,28 +599,26 @@ std::string TavroTreeCopy::Retrace::SourcePath() const {
 
 /// What is known of one side of a copied entry. Of a file with several names that changes with each
 /// of them that is removed.
-TavroFileState& TavroTreeCopy::LatestOf(Copied& Entry, Side Which) {
-    TavroHardLinks::File* const file =
-        Entry.bLinked ? m_links.Find(Entry.Source.Identity) : nullptr;
-    if (file != nullptr) {
-        TavroFileState& latest = Which == &Copied::Source ? file->Source : file->Copy;
-        if (latest.Identity == (Entry.*Which).Identity) {
-            return latest;
-        }
+TavroFileState& TavroTreeCopy::LatestOf(std::size_t Number, Side Which) {
+    TavroFileState& known = Which == Side::Source ? m_sources[Number] : m_copied[Number].Copy;
+    const bool bLinked = m_copied[Number].bLinked && m_options.bMove;
+    TavroHardLinks::File* const file = bLinked ? m_links.Find(m_sources[Number].Identity) : nullptr;
+    if (file == nullptr) {
+        return known;
     }
-    return Entry.*Which;
+    TavroFileState& latest = Which == Side::Source ? file->Source : file->Copy;
+    return latest.Identity == known.Identity ? latest : known;
 }
 
-/// Whether an entry is still what it was, on one side. Of a copy, which others see, its times do
-/// not count.
-/// @return no failure; or Changed or Read, without a path.
-TavroFailure TavroTreeCopy::Check(const Retrace& At, Side Which, bool bTimesCount) {
-    TavroFileState then = LatestOf(At.Entry(), Which);
+/// @return no failure when an entry is what it was; or Changed or Read, without a path.
+TavroFailure TavroTreeCopy::Check(const Retrace& At, Care What) {
+    TavroFileState then = LatestOf(At.Number(), At.Which());
     struct stat status = {};
     int error = At.Error();
     error = error != 0 ? error : TavroStatAt(At.Directory(), At.Name(), status);
     const TavroFileState now = TavroStateOf(status);
-    if (!bTimesCount) {
+    then.Size = What == Care::Identity ? now.Size : then.Size;
+    if (What != Care::Everything) {
         then.ModificationTime = now.ModificationTime;
         then.ChangeTime = now.ChangeTime;
     }
@@ -615,8 +629,8 @@ TavroFailure TavroTreeCopy::Check(const Retrace& At, Side Which, bool bTimesCoun
 }
 
 TavroFailure TavroTreeCopy::FindChangedSource() {
-    for (Retrace at(*this, &Copied::Source); at.Next();) {
-        TavroFailure failure = Check(at, &Copied::Source, true);
+    for (Retrace at(*this, Side::Source, false); at.Next();) {
+        TavroFailure failure = Check(at, Care::Everything);
         if (failure) {
             failure.Path = at.SourcePath();
             return failure;
@@ -626,56 +640,57 @@ TavroFailure TavroTreeCopy::FindChangedSource() {
 }
 
 TavroFailure TavroTreeCopy::FindChangedCopy() {
-    for (Retrace at(*this, &Copied::Copy); at.Next();) {
-        if (Check(at, &Copied::Copy, false)) {
+    for (Retrace at(*this, Side::Copy, false); at.Next();) {
+        if (Check(at, Care::Size)) {
             return {Kind::CopyNotWhole, {}, at.SourcePath()};
         }
     }
     return {};
 }
 
-/// Removes an entry that is still what it was, on one side.
-/// @return no failure; or one without a path.
-TavroFailure TavroTreeCopy::RemoveOne(const Retrace& At, Side Which) {
+/// Removes an entry that is what it was. @return no failure; or one without a path.
+TavroFailure TavroTreeCopy::RemoveOne(const Retrace& At, Care What) {
     TavroDescriptor file;
     if (At.Entry().bLinked) {
         TavroOpenAt(At.Directory(), At.Name(), O_PATH, file); // why it fails shows next
     }
-    TavroFailure failure = Check(At, Which, true);
+    TavroFailure failure = Check(At, What);
     if (failure) {
         return failure;
     }
-    const int error = At.Entry().Source.IsDirectory()
+    const int error = At.Entry().Copy.IsDirectory()
                           ? TavroRemoveDirectoryAt(At.Directory(), At.Name())
                           : TavroUnlinkAt(At.Directory(), At.Name());
     struct stat status = {};
     if (error == 0 && file.IsOpen() && TavroStat(file.Number(), status) == 0) {
         // Its other names have got another change time by that.
-        LatestOf(At.Entry(), Which).ChangeTime = TavroNanoseconds(status.st_ctim);
+        LatestOf(At.Number(), At.Which()).ChangeTime = TavroNanoseconds(status.st_ctim);
     }
     return error == 0 ? TavroFailure() : TavroFail(Kind::RemoveAfterCopy, error, "");
 }
 
-std::size_t TavroTreeCopy::Remove(Side Which) {
+/// @return how many of the sources, or of the copies, were removed.
+std::size_t TavroTreeCopy::Remove(Side Which, Care What, std::vector<TavroFailure>& OutFailures) {
     std::size_t removed = 0;
-    for (Retrace at(*this, Which); at.Next();) {
-        TavroFailure failure = RemoveOne(at, Which);
+    for (Retrace at(*this, Which, What == Care::Identity); at.Next();) {
+        TavroFailure failure = RemoveOne(at, What);
         removed += failure ? 0U : 1U;
-        if (failure && Which == &Copied::Source) {
+        if (failure) {
             failure.Path = at.SourcePath();
-            m_failures.push_back(std::move(failure));
+            OutFailures.push_back(std::move(failure));
         }
     }
     return removed;
 }
 
 std::size_t TavroTreeCopy::RemoveSources() {
-    return Remove(&Copied::Source);
+    return Remove(Side::Source, Care::Everything, m_failures);
 }
 
 bool TavroTreeCopy::TakeBack() {
     if (m_tree) {
         m_tree->clear();
     }
-    return Remove(&Copied::Copy) == m_copied.size();
+    std::vector<TavroFailure> failures;
+    return Remove(Side::Copy, Care::Everything, failures) == m_copied.size();
 }

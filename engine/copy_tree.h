@@ -114,15 +114,17 @@ public:
     }
 
 private:
-    /// What was copied for a move: a directory before what is in it.
+    /// What was copied: a directory before what is in it.
     struct Copied {
-        TavroFileState Source;
         TavroFileState Copy;
         std::size_t NameAt; ///< In m_names.
         std::size_t End;    ///< Of a directory: the number of the first one after all in it.
         bool bLinked;       ///< It has several names.
     };
-    using Side = TavroFileState Copied::*;
+    enum class Side { Source, Copy };
+
+    /// What of an entry must be what it was.
+    enum class Care { Identity, Size, Everything };
     class Retrace;
 
     /// A directory on the way from the top down.
@@ -155,10 +157,10 @@ private:
     int CheckName(const std::string& Name, struct stat& OutStatus) const;
     int PublishUnnamed(const std::string& Name, struct stat& OutStatus);
     int PublishNamed(const std::string& Name, struct stat& OutStatus);
-    TavroFailure Check(const Retrace& At, Side Which, bool bTimesCount);
-    TavroFailure RemoveOne(const Retrace& At, Side Which);
-    std::size_t Remove(Side Which);
-    TavroFileState& LatestOf(Copied& Entry, Side Which);
+    TavroFailure Check(const Retrace& At, Care What);
+    TavroFailure RemoveOne(const Retrace& At, Care What);
+    std::size_t Remove(Side Which, Care What, std::vector<TavroFailure>& OutFailures);
+    TavroFileState& LatestOf(std::size_t Number, Side Which);
 
     const TavroPlace& m_from;
     const TavroPlace& m_to;
@@ -179,7 +181,8 @@ private:
     TavroDirectoryStack m_target;
     std::vector<Level> m_levels;
     std::vector<Copied> m_copied;
-    std::string m_names; ///< Of all that was copied, each ended by a zero byte.
+    std::vector<TavroFileState> m_sources; ///< Of a move: those of m_copied.
+    std::string m_names;                   ///< Of all that was copied, each ended by a zero byte.
     std::vector<TavroFailure> m_failures;
     TavroAttributesLost m_lost;
 };
