@@ -508,7 +508,8 @@ TavroUndoReport Go(bool bUndo, TavroHistory& History, const TavroCallbacks& Call
         failure = History.Update(report.Operation); // what makes saving impossible shows now
         failure = failure ? failure : Reversal(bUndo, Callbacks, report).Run();
         if (!failure) {
-            failure = steps == report.Operation.Steps ? failure : History.Update(report.Operation);
+            const bool bSame = steps == report.Operation.Steps;
+            failure = bSame ? failure : History.Update(report.Operation);
             failure = failure ? failure : History.Commit();
             report.bDoneButNotSaved = static_cast<bool>(failure);
         }
