@@ -17,6 +17,7 @@
 
 #include <cstdio>
 #include <set>
+#include <unistd.h>
 
 namespace fs = std::filesystem;
 using namespace tavro_test;
@@ -119,6 +120,11 @@ bool redo(World&) {
 
 void nothing(World&) {}
 
+/// One directory does not let its entries be removed.
+void close(World& world) {
+    fs::permissions(world.tree() / "sub/closed", fs::perms(0500));
+}
+
 /// A directory of the same name is at the destination, with some of the same names in it.
 void makeDestination(World& world) {
     writeFile(world.dest() / "tree/sub/inner", "older");
@@ -128,9 +134,14 @@ void makeDestination(World& world) {
 
 const Scenario scenarios[] = {
     {"delete", false, nothing, [](World& world) { return !TavroDeleteForGood(treeOf(world), {}); }},
-    {"empty", false, trashAndList, empty},
-    {"copy", false, nothing, copy},
-    {"copy across devices", true, nothing, copy},
+    {"empty", false,
+     [](World& world) {
+         close(world);
+         trashAndList(world);
+     },
+     empty},
+    {"copy", false, close, copy},
+    {"copy across devices", true, close, copy},
     {"copy into a directory", false, makeDestination, copy},
     {"move", false, nothing, move},
     {"move across devices", true, nothing, move},
@@ -187,10 +198,11 @@ bool exchangeBelow(World& world, const std::string& below) {
     return bStruck;
 }
 
-bool carryOffBelow(World& world, const std::string& below) {
+/// Does something to an entry of each of the trees.
+bool strikeBelow(World& world, const std::string& below, bool (World::*act)(const fs::path&)) {
     bool bStruck = false;
     for (const fs::path& tree : treesOf(world)) {
-        bStruck = world.carryOff(tree / below) || bStruck;
+        bStruck = (world.*act)(tree / below) || bStruck;
     }
     return bStruck;
 }
@@ -198,6 +210,7 @@ bool carryOffBelow(World& world, const std::string& below) {
 struct Strike {
     const char* Name;
     std::function<bool(World&)> Act;
+    bool bDeep = false;
 };
 
 const Strike strikes[] = {
@@ -208,7 +221,12 @@ const Strike strikes[] = {
      [](World& world) { return exchangeBelow(world, "sub/closed"); }},
     {"a file for a link", [](World& world) { return exchangeBelow(world, "file"); }},
     {"a deep file for a link", [](World& world) { return exchangeBelow(world, "sub/deep/leaf"); }},
-    {"a directory carried off", [](World& world) { return carryOffBelow(world, "sub"); }},
+    {"a directory carried off",
+     [](World& world) { return strikeBelow(world, "sub", &World::carryOff); }},
+    {"a middle directory carried off",
+     [](World& world) { return strikeBelow(world, "sub/d/d", &World::carryOff); }, true},
+    {"a file for a pipe",
+     [](World& world) { return strikeBelow(world, "sub/inner", &World::exchangeForPipe); }},
     {"the directory that holds the tree for a link",
      [](World& world) {
          return world.isOpen(world.work()) && world.exchange(world.work(), world.victim());
@@ -229,15 +247,16 @@ bool seesNames(const std::string& call) {
     return blind.count(call) == 0;
 }
 
-void tryToLeadAstray(const Scenario& scenario) {
-    World world(scenario.bFar);
+void tryToLeadAstray(const Scenario& scenario, const fs::path& far) {
+    World world(scenario.bFar ? far : inMemory());
     AdversaryTally all;
     for (const Strike& strike : strikes) {
         SCOPED_TRACE(std::string(scenario.Name) + ", exchanged: " + strike.Name);
         bool bDone = false;
         Adversary adversary;
         adversary.Prepare = [&] {
-            world.begin();
+            alarm(120); // nobody waits for a pipe
+            world.begin(strike.bDeep);
             scenario.Before(world);
         };
         adversary.Operate = [&] { bDone = scenario.Act(world); };
@@ -254,7 +273,7 @@ void tryToLeadAstray(const Scenario& scenario) {
             break;
         }
     }
-    std::printf("%-30s %5d runs, struck in %d\n", scenario.Name, all.Runs, all.Strikes);
+    std::printf("%-32s %5d runs, struck in %d\n", scenario.Name, all.Runs, all.Strikes);
     EXPECT_GT(all.Strikes, 0);
 }
 
@@ -266,12 +285,14 @@ TEST_P(LeadAstray, what_belongs_to_somebody_else) {
     if (!isRoot()) {
         GTEST_SKIP() << "needs root, to work on what another user owns";
     }
-    tryToLeadAstray(GetParam());
+    runWithTwoDevices([](const fs::path& far) { tryToLeadAstray(GetParam(), far); });
 }
 
 TEST_P(LeadAstray, as_an_ordinary_user) {
-    const Sandbox none;
-    runUnprivileged(none.path(), [] { tryToLeadAstray(GetParam()); });
+    runWithTwoDevices([](const fs::path& far) {
+        const Sandbox none;
+        runUnprivileged(none.path(), [&] { tryToLeadAstray(GetParam(), far); });
+    });
 }
 
 INSTANTIATE_TEST_SUITE_P(Operations, LeadAstray, testing::ValuesIn(scenarios),

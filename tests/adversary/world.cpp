@@ -2,7 +2,9 @@
 
 #include <cstdio>
 #include <fcntl.h>
+#include <sched.h>
 #include <stdexcept>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -38,8 +40,22 @@ void makeTree(const fs::path& top, const std::string& bytes) {
     writeFile(top / "sub/deep/leaf", bytes + " in deep/leaf");
     writeFile(top / "sub/closed/leaf", bytes + " in closed/leaf");
     fs::create_symlink("file", top / "link");
-    fs::permissions(top / "sub/closed", fs::perms(0500));
 }
+
+/// Nine directories, one in the other. Names are listed from the last to the first in memory, so
+/// that something comes after the next directory.
+void makeChain(fs::path directory) {
+    for (int level = 0; level < 9; ++level) {
+        writeFile(directory / "file", "bytes");
+        writeFile(directory / "inner", "bytes");
+        directory /= "d";
+        makeDirectory(directory);
+    }
+    writeFile(directory / "leaf", "bytes");
+}
+
+constexpr const char* bystander = "a bystander's bytes";
+constexpr const char* bystanders[] = {"file", "inner", "leaf"};
 
 /// Whoever reads a file whose access time is older than its modification gives it another one.
 void makeReadingShow(const fs::path& tree) {
@@ -50,13 +66,13 @@ void makeReadingShow(const fs::path& tree) {
     utimensat(AT_FDCWD, tree.c_str(), times, AT_SYMLINK_NOFOLLOW);
 }
 
-/// The first file below `top` that holds the secret.
-std::string holderOfSecret(const fs::path& top) {
+/// The first file below `top` that holds a text.
+std::string holderOf(const std::string& text, const fs::path& top) {
     std::error_code ec;
     const auto options = fs::directory_options::skip_permission_denied;
     for (const fs::directory_entry& entry : fs::recursive_directory_iterator(top, options, ec)) {
         const bool bFile = fs::is_regular_file(entry.symlink_status(ec));
-        if (bFile && readFile(entry.path()).find(secret) != std::string::npos) {
+        if (bFile && readFile(entry.path()).find(text) != std::string::npos) {
             return entry.path();
         }
     }
@@ -82,19 +98,19 @@ std::vector<std::string> lookAt(const fs::path& tree) {
     return rows;
 }
 
-World::World(bool bFar) : m_victim(m_near / "victim") {
-    if (bFar) {
-        m_far = std::make_unique<Sandbox>();
-    }
+void World::prepareVictim() {
+    m_victim = m_near / "victim";
     makeTree(m_victim, secret);
     makeTree(m_victim / "tree", secret);
+    fs::permissions(m_victim / "sub/closed", fs::perms(0500));
     fs::permissions(m_victim, fs::perms(0700));
     makeReadingShow(m_victim);
     m_victimBefore = lookAt(m_victim);
 }
 
-void World::begin() {
+void World::begin(bool bDeep) {
     ++m_run;
+    m_aside = 0;
     m_opened.clear();
     m_opening.clear();
     makeDirectory(home());
@@ -104,6 +120,9 @@ void World::begin() {
     m_home = nullptr; // the old one is put back first
     m_home = std::make_unique<ScopedEnvironment>("HOME", home().string());
     makeTree(tree(), "bytes");
+    if (bDeep) {
+        makeChain(tree() / "sub");
+    }
     giveAway(work());
     giveAway(dest());
 }
@@ -113,11 +132,11 @@ fs::path World::work() const {
 }
 
 fs::path World::dest() const {
-    return (m_far ? *m_far : m_near) / std::to_string(m_run) / "dest";
+    return m_far / std::to_string(m_run) / "dest";
 }
 
 fs::path World::home() const {
-    return (m_far ? *m_far : m_near) / std::to_string(m_run) / "home";
+    return m_far / std::to_string(m_run) / "home";
 }
 
 void World::giveAway(const fs::path& tree) const {
@@ -142,13 +161,26 @@ bool World::exchange(const fs::path& entry, const fs::path& target) {
     return true;
 }
 
+bool World::exchangeForPipe(const fs::path& entry) {
+    if (!carryOff(entry)) {
+        return false;
+    }
+    makeFifo(entry);
+    return true;
+}
+
 bool World::carryOff(const fs::path& entry) {
-    // A closed directory has to be opened to be moved to another one.
-    std::error_code ec;
+    if (!isPresent(entry)) {
+        return false;
+    }
     const bool bNear = entry.string().rfind(m_near.path().string(), 0) == 0;
-    const fs::path top = (bNear ? m_near.path() : m_far->path()) / std::to_string(m_run) / "aside";
+    const fs::path top = (bNear ? m_near : m_far) / std::to_string(m_run) / "aside";
     const fs::path aside = top / std::to_string(++m_aside);
-    fs::rename(entry, aside, ec);
+    for (const char* name : bystanders) {
+        writeFile(aside / name, bystander);
+    }
+    std::error_code ec;
+    fs::rename(entry, aside / "carried off", ec); // what is closed may not be moved by its owner
     return !ec;
 }
 
@@ -173,12 +205,37 @@ std::string World::damage() const {
         return "something is new at the victim: " + now.back();
     }
     for (const fs::path& place : {work().parent_path(), dest().parent_path()}) {
-        const std::string holder = holderOfSecret(place);
+        for (const fs::directory_entry& aside : fs::directory_iterator(place / "aside")) {
+            for (const char* name : bystanders) {
+                const fs::path file = aside.path() / name;
+                if (!isPresent(file) || readFile(file) != bystander) {
+                    return "a bystander was hurt: " + file.string();
+                }
+            }
+        }
+        const std::string holder = holderOf(secret, place);
         if (!holder.empty()) {
             return "the secret was copied to " + holder;
         }
     }
+    for (const fs::path& place : {work(), dest(), home()}) {
+        const std::string holder = holderOf(bystander, place);
+        if (!holder.empty()) {
+            return "a bystander's bytes were copied to " + holder;
+        }
+    }
     return "";
+}
+
+void runWithTwoDevices(const std::function<void(const fs::path&)>& body) {
+    const Sandbox box;
+    runInChild([&] {
+        const char* const place = box.path().c_str();
+        const bool bMounted = unshare(CLONE_NEWNS) == 0 &&
+                              mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                              mount("tmpfs", place, "tmpfs", 0, "mode=1777") == 0;
+        body(bMounted ? box.path() : fs::temp_directory_path());
+    });
 }
 
 } // namespace tavro_test

@@ -6,6 +6,7 @@
 #include "sandbox.h"
 
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <set>
 #include <string>
@@ -25,11 +26,16 @@ std::vector<std::string> lookAt(const std::filesystem::path& tree);
 ///     victim/{file, tree, sub}    a tree of the same names, full of a secret
 class World {
 public:
-    /// @param bFar  `home` and `dest` are on another device than `work`.
-    explicit World(bool bFar);
+    /// @param far  where `home` and `dest` are; `work` and the victim are in memory.
+    explicit World(const std::filesystem::path& far) : m_far(far) {
+        prepareVictim();
+    }
 
     /// A fresh run: new places, the tree as it is at the beginning.
-    void begin();
+    /// @param bDeep  with a chain of directories below work/tree/sub, deeper than an operation
+    /// keeps
+    ///               directories open; in each are two files besides.
+    void begin(bool bDeep);
 
     std::filesystem::path work() const;
     std::filesystem::path dest() const;
@@ -48,7 +54,11 @@ public:
     /// @return false when nothing is there.
     bool exchange(const std::filesystem::path& entry, const std::filesystem::path& target);
 
-    /// Renames `entry` to a place where nobody looks for it.
+    /// Puts a pipe in the place of `entry`.
+    bool exchangeForPipe(const std::filesystem::path& entry);
+
+    /// Renames `entry` to where it has a bystander beside it: files of the names that are in the
+    /// tree, which have nothing to do with it.
     bool carryOff(const std::filesystem::path& entry);
 
     /// Told of each call before it is made.
@@ -61,12 +71,14 @@ public:
         return m_opened.count(directory.string()) > 0;
     }
 
-    /// What is wrong with the victim, or with what was copied; empty when nothing is.
+    /// What is wrong with the victim, a bystander, or what was copied; empty when nothing is.
     std::string damage() const;
 
 private:
+    void prepareVictim();
+
     Sandbox m_near{inMemory()};
-    std::unique_ptr<Sandbox> m_far;
+    Sandbox m_far;
     std::filesystem::path m_victim;
     std::vector<std::string> m_victimBefore;
     std::unique_ptr<ScopedEnvironment> m_home;
@@ -75,6 +87,10 @@ private:
     int m_run = 0;
     int m_aside = 0;
 };
+
+/// Runs `body` in a child process, with a place on another device than what is in memory: a file
+/// system in memory, too, where the test may mount one, else the temporary directory.
+void runWithTwoDevices(const std::function<void(const std::filesystem::path&)>& body);
 
 } // namespace tavro_test
 
