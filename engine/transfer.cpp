@@ -380,7 +380,11 @@ bool Transfer::Bring(const Route& Way, bool bReplace) {
     TavroMoveOptions options;
     options.bReplace = bReplace;
     TavroMoveReport report = Carry(Way, std::move(options));
-    if (report.Failure.Kind == Kind::Taken) {
+    // Whatever else failed, what is in the way comes first.
+    struct stat there = {};
+    const bool bMayBeTaken =
+        report.Failure && report.Failure.Kind != Kind::Cancelled && !bReplace && !report.bCopyStays;
+    if (report.Failure.Kind == Kind::Taken || (bMayBeTaken && Look(Way.To, there) == 0)) {
         return false;
     }
     Note(Way, bReplace, report);

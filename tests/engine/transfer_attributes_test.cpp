@@ -85,6 +85,23 @@ TEST_F(CarryOutTransfer, keeps_access_control_lists) {
     EXPECT_EQ(before, attributesOfTree(target("tree")));
 }
 
+TEST_F(CarryOutTransfer, what_the_target_cannot_hold_is_counted) {
+    for (const char* name : {"1", "2", "tree/3", "tree/4"}) {
+        writeFile(source(name), "bytes");
+        if (!setAttribute(source(name), "user.tavro", "value") ||
+            (name[0] != '1' &&
+             !setAttribute(source(name), "system.posix_acl_access", listLettingIn(12345)))) {
+            GTEST_SKIP() << "this file system holds no extended attributes";
+        }
+    }
+    makeDirectory(target("tree"));
+    const FaultInjector faults({{"fsetxattr", EOPNOTSUPP, "", 1, true}});
+    EXPECT_TRUE(copy({"1", "2", "tree"})) << report();
+    EXPECT_LT(0, faults.fired());
+    EXPECT_EQ(4U, m_report.Lost.ExtendedAttributes);
+    EXPECT_EQ(3U, m_report.Lost.AccessLists);
+}
+
 TEST_F(CarryOutTransfer, what_has_no_access_control_list_takes_none_over_from_the_target) {
     makeSmallTree(source("tree"));
     if (!setAttribute(target(), "system.posix_acl_default", listLettingIn(12345))) {

@@ -49,6 +49,18 @@ TEST_F(TransferConflicts, under_skip_nobody_is_asked) {
               report());
 }
 
+TEST_F(TransferConflicts, what_is_in_the_way_comes_before_what_cannot_be_read) {
+    fs::permissions(source("file"), fs::perms::none);
+    bindSocket(source("socket"));
+    writeFile(target("socket"), "old");
+    runUnprivileged(m_box.path(), [&] {
+        EXPECT_TRUE(copy({"file"}));
+        EXPECT_EQ("skipped /source/file\n", report());
+        EXPECT_TRUE(copy({"socket"}));
+        EXPECT_EQ("skipped /source/socket\n", report());
+    });
+}
+
 TEST_F(TransferConflicts, overwrite_replaces_files_and_merges_directories) {
     answer(TavroConflictChoice::Stop);
     m_plan.ConflictPolicy = TavroTransferConflictPolicy::Overwrite;
@@ -515,6 +527,18 @@ TEST_F(TransferConflicts, a_directory_that_holds_the_source_is_not_replaced_by_i
         }
     }
     EXPECT_EQ("inside", readFile(target("kind/kind")));
+}
+
+TEST_F(TransferConflicts, a_directory_that_the_guard_protects_is_not_replaced) {
+    const ScopedEnvironment home("HOME", target("kind").string());
+    answer(TavroConflictChoice::Overwrite);
+    for (const bool bMove : {false, true}) {
+        EXPECT_FALSE(run(bMove, {"kind"}));
+        ASSERT_EQ(1U, m_report.Failed.size());
+        EXPECT_EQ(TavroFailureKind::RefuseDelete, m_report.Failed[0].Kind);
+        EXPECT_EQ("of a directory", readFile(target("kind/inside")));
+        EXPECT_EQ("a file", readFile(source("kind")));
+    }
 }
 
 TEST_F(TransferConflicts, nothing_goes_into_itself) {

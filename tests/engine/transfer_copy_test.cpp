@@ -175,6 +175,22 @@ TEST_F(CarryOutTransfer, one_bad_item_does_not_stop_the_others) {
     }
 }
 
+TEST_F(CarryOutTransfer,
+       what_the_guard_protects_is_copied_but_not_moved_and_nothing_else_is_begun) {
+    writeFile(source("file"), "bytes");
+    writeFile(source("users/somebody/inside"), "of somebody");
+    const ScopedEnvironment home("HOME", source("users/somebody").string());
+    const Snapshot before = takeSnapshot(m_box.path());
+    m_callbacks.ShouldCancel = [] { return false; };
+    EXPECT_FALSE(move({"file", "users"}));
+    ASSERT_EQ(1U, m_report.Failed.size()) << report();
+    EXPECT_EQ(TavroFailureKind::RefuseMove, m_report.Failed[0].Kind);
+    EXPECT_EQ(source("users"), m_report.Failed[0].Path);
+    EXPECT_EQ(before, takeSnapshot(m_box.path()));
+    EXPECT_TRUE(copy({"file", "users"}));
+    EXPECT_EQ("of somebody", readFile(target("users/somebody/inside")));
+}
+
 /// On a file system in memory, which has room for many directories at once.
 class DeepTransfer : public TransferTest {
 protected:

@@ -145,7 +145,8 @@ protected:
         }
         writeFile(target("tree/in/deep/old"), "of the target");
         writeFile(target("tree/in/a"), "of the target");
-        for (const std::string name : {"a", "deep/b", "in/a", "in/deep/b", "new/c", "secret"}) {
+        for (const std::string name :
+             {"a", "deep/b", "in/a", "in/deep/b", "new/c", "secret", "z"}) {
             writeFile(m_box / "outside" / name, "secret");
         }
     }
@@ -201,6 +202,44 @@ TEST_F(LedAstray, a_merging_copy_stays_in_its_trees) {
 
 TEST_F(LedAstray, a_merging_move_stays_in_its_trees) {
     exchangeEach(true);
+}
+
+/// A directory deep in a merge is moved away, so that its ".." leads somewhere else.
+TEST_F(LedAstray, the_way_up_is_the_way_that_led_down) {
+    for (const bool bSource : {true, false}) {
+        for (const bool bMove : {false, true}) {
+            rebuild();
+            // One of each pair comes after the directory beside it, whatever the order.
+            std::string deep = "tree";
+            for (int level = 0; level < 8; ++level) {
+                writeFile(source(deep) / "a", "of the source");
+                makeDirectory(source(deep) / "d");
+                writeFile(source(deep) / "z", "of the source");
+                deep += "/d";
+            }
+            writeFile(source(deep) / "f", "bytes");
+            makeDirectory(target(deep));
+            const fs::path moved = (bSource ? source() : target()) / "tree/d/d/d/d/d";
+            const auto before = takeSnapshot(m_box / "outside");
+            {
+                bool bMoved = false;
+                const auto adversary = beforeNaming(target(deep) / "f", [&] {
+                    if (!bMoved) {
+                        fs::rename(moved, m_box / "outside/d");
+                        bMoved = true;
+                    }
+                });
+                EXPECT_FALSE(run(bMove, {"tree"}));
+                EXPECT_TRUE(bMoved);
+            }
+            EXPECT_NE(std::string::npos, report().find(std::strerror(ESTALE))) << report();
+            fs::remove_all(m_box / "outside/d");
+            EXPECT_EQ(before, takeSnapshot(m_box / "outside"));
+            for (const auto& [name, what] : takeSnapshot(target())) {
+                EXPECT_EQ(std::string::npos, what.find("secret")) << name << ": " << what;
+            }
+        }
+    }
 }
 
 class LedAstrayElsewhere : public LedAstray {
