@@ -479,7 +479,9 @@ void TavroTreeCopy::GiveUp() {
         return;
     }
     for (const Level& level : m_levels) {
-        m_copied[level.Number].End = level.bMade ? m_copied.size() : m_copied[level.Number].End;
+        if (level.bMade) {
+            m_copied[level.Number].End = m_copied.size();
+        }
     }
     std::vector<TavroFailure> failures;
     const std::size_t removed = Remove(Side::Copy, Care::Identity, failures);

@@ -105,6 +105,7 @@ namespace {
 // The database
 // =================================================================================================
 
+/// An operation goes when so many newer ones are there, or newer ones of more bytes.
 constexpr std::int64_t mostOperations = 1000;
 constexpr std::int64_t mostBytes = 400'000'000;
 
@@ -140,8 +141,11 @@ struct TavroDatabase {
     bool IsWell() const {
         return Code == SQLITE_OK;
     }
+    /// What is done here goes wrong in these ways only where the file was not written here.
     bool IsDamaged() const {
-        return (Code & 0xFF) == SQLITE_CORRUPT || (Code & 0xFF) == SQLITE_NOTADB;
+        const int code = Code & 0xFF;
+        return code == SQLITE_CORRUPT || code == SQLITE_NOTADB || code == SQLITE_ERROR ||
+               code == SQLITE_CONSTRAINT;
     }
 
     void Keep(int NewCode) {
@@ -449,10 +453,13 @@ TavroFailure TavroDatabase::SetAside() {
 
 /// @return whether to try again.
 bool TavroDatabase::Wait(int Count) {
+    if (bImpatient) {
+        return false;
+    }
     const Clock::time_point now = Clock::now();
     WaitsSince = Count == 0 ? now : WaitsSince;
     bCancelled = ShouldCancel && ShouldCancel();
-    if (bCancelled || bImpatient || now - WaitsSince >= Patience) {
+    if (bCancelled || now - WaitsSince >= Patience) {
         return false;
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(Count < 10 ? 1 : 20));
@@ -560,13 +567,13 @@ void DropSurplus(TavroDatabase& Database) {
     Statement done(Database,
                    "SELECT id, bytes FROM operation NOT INDEXED WHERE state = 0 ORDER BY id DESC");
     std::int64_t bytes = 0;
-    for (std::int64_t count = 1; done.Next(); ++count) {
-        bytes += std::min(std::max<std::int64_t>(done.Number(1), 0), mostBytes);
-        if (count > mostOperations || (count > 1 && bytes > mostBytes)) {
+    for (std::int64_t newer = 0; done.Next(); ++newer) {
+        if (newer == mostOperations || bytes > mostBytes) {
             Database.Run("UPDATE operation SET state = 2 WHERE state = 0 AND id <= ?",
                          done.Number(0));
             return;
         }
+        bytes += std::min(std::max<std::int64_t>(done.Number(1), 0), mostBytes + 1);
     }
 }
 

@@ -78,8 +78,8 @@ struct TavroDatabase;
 
 /// An SQLite database, in WAL mode and with full synchronisation, for the user alone (mode 0600).
 ///
-/// It holds the newest 1,000 operations, and of these so many as fit into 400 million bytes (two
-/// million steps of usual paths), but always the newest one. A damaged file is set aside under
+/// An operation stays until 1,000 newer ones are there, or newer ones of more than 400 million
+/// bytes (two million steps of usual paths). A damaged file is set aside under
 /// `history.db.damaged-N`, and the history starts empty. Nothing that stands in the file is
 /// trusted: an operation that was not written here, or not whole, is refused.
 ///

@@ -1,4 +1,4 @@
-// A history whose file was changed: it is read, refused or set aside, and what is read can be kept.
+// A history whose file was changed: it is read, refused or set aside, and recording goes on.
 //
 // The first byte of an input chooses: 0, the rest is the whole file; else the rest is written into
 // the file of a real history, at the place that the next two bytes tell.
@@ -9,7 +9,7 @@
 #include "sandbox.h"
 #include "world.h"
 
-#include <algorithm>
+#include <sqlite3.h>
 
 namespace fs = std::filesystem;
 
@@ -34,6 +34,13 @@ const std::string& realHistory() {
             demandEqual(TavroDescribe(history.Record(move)), "", "the first operation");
             demandEqual(TavroDescribe(history.Record(trash)), "", "the second operation");
         }
+        // All of it is to be in the file itself, not in the log beside it.
+        sqlite3* connection = nullptr;
+        demand(sqlite3_open(file.c_str(), &connection) == SQLITE_OK, "the file can be opened");
+        demand(sqlite3_wal_checkpoint_v2(connection, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr,
+                                         nullptr) == SQLITE_OK,
+               "the log can be emptied");
+        sqlite3_close(connection);
         return tavro_test::readFile(file);
     }();
     return bytes;
@@ -63,6 +70,28 @@ void checkOperation(const TavroOperation& operation) {
     }
 }
 
+/// A failure leaves nothing; what is there can be kept again as it was read.
+void checkNext(TavroHistory& history, TavroFailure failure,
+               const std::optional<TavroOperation>& next) {
+    demand(!failure || !next, "nothing is read after a failure");
+    if (next) {
+        checkOperation(*next);
+        demandEqual(TavroDescribe(history.Update(*next)), "", "keeping what was read");
+    }
+}
+
+void checkRecording(TavroHistory& history) {
+    TavroOperation operation;
+    operation.Kind = TavroOperationKind::Rename;
+    operation.Steps = {{TavroStepRole::Moved, "/new", "/newer", "", {1, 4}}};
+    demandEqual(TavroDescribe(history.Record(operation)), "", "recording");
+    std::optional<TavroOperation> next;
+    demandEqual(TavroDescribe(history.NextToUndo(next)), "", "what was recorded is read");
+    demand(next && next->Id == operation.Id && next->Steps == operation.Steps,
+           "what was recorded comes first");
+    demandEqual(TavroDescribe(history.Drop(operation.Id)), "", "dropping");
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
@@ -73,21 +102,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     fs::remove_all(folder);
     tavro_test::writeFile(file, fileOf(ByteSource(bytes, size).rest()));
     TavroHistory history;
-    if (history.Open(file.string(), {})) {
-        return 0;
-    }
+    demandEqual(TavroDescribe(history.Open(file.string(), {})), "", "the opening");
     std::vector<TavroOperation> operations;
     std::vector<std::uint64_t> counts;
-    if (!history.List(true, operations, counts)) {
-        demandEqual(counts.size(), operations.size(), "counts");
-    }
+    demandEqual(TavroDescribe(history.List(true, operations, counts)), "", "the list");
+    demandEqual(counts.size(), operations.size(), "counts");
     std::optional<TavroOperation> next;
-    if (!history.NextToUndo(next) && next) {
-        checkOperation(*next);
-    }
-    next.reset();
-    if (!history.NextToRedo(next) && next) {
-        checkOperation(*next);
+    checkNext(history, history.NextToUndo(next), next);
+    checkNext(history, history.NextToRedo(next), next);
+    checkRecording(history);
+    if (!history.Notice().empty()) {
+        demand(tavro_test::isPresent(file.string() + ".damaged-1"), "it was set aside");
     }
     return 0;
 }

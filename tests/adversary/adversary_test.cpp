@@ -1,6 +1,7 @@
 // Somebody who owns what an operation works on tries to lead it elsewhere: at each of its calls
 // directories and files are exchanged for links to a victim, and entries are carried off.
 
+#include "strikes.h"
 #include "world.h"
 
 #include "adversary.h"
@@ -16,7 +17,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <set>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -167,90 +167,10 @@ const Scenario scenarios[] = {
 // The adversary
 // =================================================================================================
 
-/// Where the entries of the tree may be: where they were, where they went, in the trash.
-std::vector<fs::path> treesOf(const World& world) {
-    std::vector<fs::path> trees = {world.tree(), world.dest() / "tree",
-                                   world.home() / ".local/share/Trash/files/tree"};
-    // And where a copy of it is being made.
-    for (const fs::path& place : {world.work(), world.dest()}) {
-        std::error_code ec;
-        for (const fs::directory_entry& entry : fs::directory_iterator(place, ec)) {
-            if (entry.path().filename().string().rfind(".tavro-", 0) == 0) {
-                trees.push_back(entry.path());
-            }
-        }
-    }
-    return trees;
-}
-
-/// Exchanges an entry of each of the trees for a link to the victim's entry of that name.
-bool exchangeBelow(World& world, const std::string& below) {
-    bool bStruck = false;
-    const std::vector<fs::path> trees = treesOf(world);
-    for (const fs::path& tree : trees) {
-        // The home directory and what lies in it under the user's eyes is not the adversary's.
-        const bool bTop = below.empty();
-        const bool bHome = tree.string().rfind(world.home().string(), 0) == 0;
-        bStruck = (!(bTop && bHome) &&
-                   world.exchange(bTop ? tree : tree / below, world.victim() / below)) ||
-                  bStruck;
-    }
-    return bStruck;
-}
-
-/// Does something to an entry of each of the trees.
-bool strikeBelow(World& world, const std::string& below, bool (World::*act)(const fs::path&)) {
-    bool bStruck = false;
-    for (const fs::path& tree : treesOf(world)) {
-        bStruck = (world.*act)(tree / below) || bStruck;
-    }
-    return bStruck;
-}
-
-struct Strike {
-    const char* Name;
-    std::function<bool(World&)> Act;
-    bool bDeep = false;
-};
-
-const Strike strikes[] = {
-    {"the tree for a link", [](World& world) { return exchangeBelow(world, ""); }},
-    {"a directory for a link", [](World& world) { return exchangeBelow(world, "sub"); }},
-    {"a deep directory for a link", [](World& world) { return exchangeBelow(world, "sub/deep"); }},
-    {"a closed directory for a link",
-     [](World& world) { return exchangeBelow(world, "sub/closed"); }},
-    {"a file for a link", [](World& world) { return exchangeBelow(world, "file"); }},
-    {"a deep file for a link", [](World& world) { return exchangeBelow(world, "sub/deep/leaf"); }},
-    {"a directory carried off",
-     [](World& world) { return strikeBelow(world, "sub", &World::carryOff); }},
-    {"a middle directory carried off",
-     [](World& world) { return strikeBelow(world, "sub/d/d", &World::carryOff); }, true},
-    {"a file for a pipe",
-     [](World& world) { return strikeBelow(world, "sub/inner", &World::exchangeForPipe); }},
-    {"the directory that holds the tree for a link",
-     [](World& world) {
-         return world.isOpen(world.work()) && world.exchange(world.work(), world.victim());
-     }},
-    {"the directory of the destination for a link",
-     [](World& world) {
-         return world.isOpen(world.dest()) && world.exchange(world.dest(), world.victim());
-     }},
-};
-
-/// Calls on an open file see no names: a strike before one is the same as before the next.
-bool seesNames(const std::string& call) {
-    static const std::set<std::string> blind = {
-        "close",    "fstat",      "fstat64",    "lseek",     "pread",        "pwrite",
-        "read",     "write",      "fsync",      "syncfs",    "ftruncate",    "fchmod",
-        "futimens", "flistxattr", "fgetxattr",  "fsetxattr", "fremovexattr", "copy_file_range",
-        "sendfile", "ioctl",      "localtime_r"};
-    return blind.count(call) == 0;
-}
-
 void tryToLeadAstray(const Scenario& scenario, const fs::path& far) {
     World world(scenario.bFar ? far : inMemory());
     AdversaryTally all;
-    for (const Strike& strike : strikes) {
+    for (const Strike& strike : allStrikes()) {
         SCOPED_TRACE(std::string(scenario.Name) + ", exchanged: " + strike.Name);
         bool bDone = false;
         Adversary adversary;

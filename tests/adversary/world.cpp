@@ -66,9 +66,13 @@ void makeReadingShow(const fs::path& tree) {
     utimensat(AT_FDCWD, tree.c_str(), times, AT_SYMLINK_NOFOLLOW);
 }
 
-/// The first file below `top` that holds a text.
+/// The first file below `top` that holds a text. Behind a link there is nothing new to see, and a
+/// look there would leave its trace.
 std::string holderOf(const std::string& text, const fs::path& top) {
     std::error_code ec;
+    if (fs::is_symlink(top, ec)) {
+        return "";
+    }
     const auto options = fs::directory_options::skip_permission_denied;
     for (const fs::directory_entry& entry : fs::recursive_directory_iterator(top, options, ec)) {
         const bool bFile = fs::is_regular_file(entry.symlink_status(ec));

@@ -124,6 +124,17 @@ Moved $PWD/b -> $PWD/d/b"
   expect "$(ls)" $'a\nb\nc\nd'
 }
 
+@test "an interrupted copy leaves nothing half done" {
+  needs_strace
+  mkdir src
+  touch src/{1..4}
+  run --separate-stderr at fchmod INT 2 "$TAVRO" copy src dst
+  expect "$(ending)" 'exited with 130'
+  expect "$stderr" 'tavro: Interrupted: what was begun last is undone, what is listed is done.'
+  expect "$(ls -A)" src
+  run -1 tavro undo
+}
+
 @test "an interrupted size or list is told from a whole one" {
   needs_strace
   mkdir -p d/{1..5}

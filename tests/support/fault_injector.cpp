@@ -327,16 +327,6 @@ using namespace tavro_test;
         return become == Verdict::Fail ? -1 : real arguments;                                      \
     }
 
-// A test file may still define these by itself; its own definition counts then.
-#pragma weak copy_file_range
-#pragma weak pread
-#pragma weak pwrite
-#pragma weak fstat
-#pragma weak ioctl
-#pragma weak renameat2
-#pragma weak syncfs
-#pragma weak unlink
-
 extern "C" {
 
 // --- Opening and closing
