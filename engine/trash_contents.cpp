@@ -244,6 +244,7 @@ class Emptying {
 public:
     TavroFailure Open();
     TavroFailure Remove(const TavroTrashItem& Item, const std::function<bool()>& ShouldCancel);
+    int Sync() const;
 
 private:
     TavroFailure RemoveItem(const struct stat& Status, const std::function<bool()>& ShouldCancel);
@@ -299,6 +300,17 @@ TavroFailure Emptying::RemoveItem(const struct stat& Status,
                : TavroFail(TavroFailureKind::Remove, error, m_item.Path());
 }
 
+/// Brings it to the disk that items are gone, and then that their records are.
+int Emptying::Sync() const {
+    if (!m_trash.Info.IsOpen() || TavroDiskOf(m_trash.Info.Number()) == TavroDisk::None) {
+        return 0;
+    }
+    const bool bOneLog = TavroDiskOf(m_trash.Info.Number()) == TavroDisk::OrderedLog;
+    const int error =
+        bOneLog || !m_trash.Files.IsOpen() ? 0 : TavroSyncFileSystem(m_trash.Files.Number());
+    return error != 0 ? error : TavroSync(m_trash.Info.Number());
+}
+
 /// The record of an item that is gone may be that of another one, which is on its way.
 bool Emptying::IsClaimedByOther(const TavroTrashItem& Item) const {
     struct stat status = {};
@@ -310,23 +322,24 @@ bool Emptying::IsClaimedByOther(const TavroTrashItem& Item) const {
 } // namespace
 
 TavroFailure TavroRemoveFromTrash(const std::vector<TavroTrashItem>& Items,
-                                  const std::function<bool()>& ShouldCancel) {
+                                  const std::function<bool()>& ShouldCancel, bool bSync) {
     Emptying emptying;
     TavroFailure first = emptying.Open();
     if (first) {
         return first;
     }
     for (const TavroTrashItem& item : Items) {
-        if (ShouldCancel && ShouldCancel()) {
-            return {TavroFailureKind::Cancelled};
-        }
-        TavroFailure failure = emptying.Remove(item, ShouldCancel);
+        TavroFailure failure = ShouldCancel && ShouldCancel()
+                                   ? TavroFailure{TavroFailureKind::Cancelled}
+                                   : emptying.Remove(item, ShouldCancel);
         if (failure.Kind == TavroFailureKind::Cancelled) {
-            return failure;
+            first = std::move(failure);
+            break;
         }
         first = first ? first : failure;
     }
-    return first;
+    const int error = bSync ? emptying.Sync() : 0;
+    return first || error == 0 ? first : TavroFail(TavroFailureKind::Remove, error, "");
 }
 
 std::vector<TavroTrashItem> TavroItemsOlderThan(std::vector<TavroTrashItem> Items, int Days) {

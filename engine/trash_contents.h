@@ -96,7 +96,7 @@ private:
 /// @return no failure when all are gone; else the first; the others are removed all the same.
 ///         Cancelled: the rest stays.
 TavroFailure TavroRemoveFromTrash(const std::vector<TavroTrashItem>& Items,
-                                  const std::function<bool()>& ShouldCancel);
+                                  const std::function<bool()>& ShouldCancel, bool bSync = true);
 
 /// The items that were trashed more than so many days ago (of 24 hours, local time). An item
 /// without a readable date is never among them.
