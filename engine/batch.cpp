@@ -58,9 +58,6 @@ TavroBatchReport Batch::Run() {
     for (std::size_t i = 0; i < m_steps.size() && !failure; ++i) {
         failure = Check(m_steps[i]);
     }
-    if (!failure && m_progress.ShouldCancel()) {
-        failure = {TavroFailureKind::Cancelled};
-    }
     if (!failure && m_hooks.Prepare) {
         failure = m_hooks.Prepare();
         m_bPrepared = true;
