@@ -708,14 +708,19 @@ TavroFailure TavroHistory::BeginOperation(TavroOperation& Operation) {
 TavroFailure TavroHistory::ContinueOperation(const TavroOperation& Operation,
                                              TavroOperationState NewState, bool& OutChanged) {
     TavroFailure failure = m_database->HoldLock(Operation.Id);
-    return failure ? failure : m_database->Transact(true, [&] {
+    failure = failure ? failure : m_database->Transact(true, [&] {
         m_database->Run("UPDATE operation SET state = ? WHERE id = ? AND state = ?",
                         Integer(NewState), Operation.Id, Integer(Operation.State));
         OutChanged = sqlite3_changes(m_database->Connection) == 0;
-        if (OutChanged) {
-            m_database->Running.Close();
-        }
     });
+    if (failure || OutChanged) {
+        LeaveOperation();
+    }
+    return failure;
+}
+
+void TavroHistory::LeaveOperation() {
+    m_database->Running.Close();
 }
 
 bool TavroHistory::IsRunning(const TavroOperation& Operation) const {
@@ -753,7 +758,7 @@ TavroFailure TavroHistory::EndOperation(const TavroOperation& Operation, bool bS
     });
     m_database->Code = SQLITE_OK;
     m_database->Run("PRAGMA synchronous=FULL");
-    m_database->Running.Close();
+    LeaveOperation();
     return failure;
 }
 
@@ -819,6 +824,9 @@ bool ReadOperation(Statement& Row, TavroOperation& OutOperation) {
     OutOperation.State = static_cast<TavroOperationState>(Row.Number(2));
     OutOperation.Time = Row.Number(3);
     return IsOneOf(Row.Number(1), TavroOperationKind::Restore) &&
+           IsOneOf(Row.Number(2), TavroOperationState::Redoing) &&
+           (OutOperation.Kind != TavroOperationKind::Restore ||
+            OutOperation.State == TavroOperationState::Doing) &&
            IsOneOf(Row.Number(4), INT64_MAX - 1) && IsOneOf(Row.Number(5), Row.Number(4));
 }
 

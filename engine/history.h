@@ -88,6 +88,9 @@ public:
     TavroFailure ContinueOperation(const TavroOperation& Operation, TavroOperationState NewState,
                                    bool& OutChanged);
 
+    /// Lets an operation on its way be as it is: any process may go on with it now.
+    void LeaveOperation();
+
     /// Keeps steps of an operation on its way, from a number on; on the disk when this returns.
     TavroFailure KeepSteps(std::int64_t Id, std::size_t First, const std::vector<TavroStep>& Steps);
 

@@ -639,7 +639,9 @@ TavroUndoReport Going::Run(FindNext Find, TavroFailureKind Nothing, bool bUndo, 
     if (!failure) {
         failure = End(bUndo);
         m_report.bDoneButNotSaved = static_cast<bool>(failure);
-    } else if (!bInterrupted) {
+    } else if (bInterrupted) {
+        m_history.LeaveOperation();
+    } else {
         m_history.EndOperation(m_before, false);
     }
     return std::move(m_report);
