@@ -79,7 +79,7 @@ bool MayHave(TavroOperationKind What, TavroStepRole Role) {
     case TavroStepRole::CreatedDirectory:
         return main != TavroStepRole::Trashed;
     case TavroStepRole::RemovedDirectory:
-        return main == TavroStepRole::Moved;
+        return main == TavroStepRole::Moved || What == TavroOperationKind::Restore;
     case TavroStepRole::Trashed:
         return main == TavroStepRole::Trashed || main == TavroStepRole::Copied;
     case TavroStepRole::Replaced:
