@@ -668,7 +668,12 @@ TavroFailure Going::Take(FindNext Find, TavroFailureKind Nothing, bool bUndo) {
             const auto state = TavroIsOnItsWay(*next) ? next->State
                                : bUndo                ? TavroOperationState::Undoing
                                                       : TavroOperationState::Redoing;
+            // What goes to the trash is told before it goes: that brings this to the disk, too.
+            const bool bTellsMore =
+                next->Kind == (bUndo ? TavroOperationKind::Copy : TavroOperationKind::Trash);
+            m_history.WaitForDisk(m_callbacks.bSync && !bTellsMore);
             failure = m_history.ContinueOperation(*next, state, bChanged);
+            m_history.WaitForDisk(m_callbacks.bSync);
         }
     }
     if (!failure) {
