@@ -7,7 +7,6 @@
 #include "trash_record.h"
 
 #include <algorithm>
-#include <fcntl.h>
 #include <string_view>
 #include <unordered_map>
 #include <unordered_set>
@@ -198,20 +197,6 @@ TavroTrashedEntry InTrash(const TavroTrashFolders& Folders, const TavroBatchStep
             Step.Arrived.Identity};
 }
 
-/// Brings records to the disk: a single one by itself.
-int SyncRecords(const TavroOpenTrash& Trash, std::size_t Count, const std::string& Item,
-                const TavroCallbacks& Callbacks) {
-    const int info = Trash.Info.Number();
-    TavroDescriptor record;
-    if (!Callbacks.bSync || TavroDiskOf(info) == TavroDisk::None) {
-        return 0;
-    }
-    if (Count > 1 || TavroOpenAt(info, TavroRecordName(Item).c_str(), O_RDONLY, record) != 0) {
-        return TavroSyncFileSystem(info);
-    }
-    return TavroSync(record.Number());
-}
-
 /// What is trashed, as the history keeps it.
 std::vector<TavroStep> StepsOf(const TavroTrashFolders& Folders,
                                const std::vector<TavroBatchStep>& Steps) {
@@ -241,7 +226,8 @@ TavroFailure ClaimAll(const TavroOpenTrash& Trash, std::vector<TavroBatchStep>& 
     if (failure) {
         return failure;
     }
-    const int error = SyncRecords(Trash, Steps.size(), TavroNameOf(Steps[0].To), Callbacks);
+    const int error =
+        Callbacks.bSync ? TavroSyncRecords(Trash, Steps.size(), TavroNameOf(Steps[0].To)) : 0;
     if (error != 0) {
         return TavroFail(TavroFailureKind::WriteRecord, error, Trash.Folders.Info);
     }
@@ -290,8 +276,9 @@ TavroTrashReport TavroTrashSelection(const std::vector<TavroOperationEntry>& Ent
     hooks.Retry = [&](std::size_t i) {
         hooks.Undone(i);
         TavroFailure unclaimed = claim(i);
-        const int error =
-            unclaimed ? 0 : SyncRecords(trash, 1, TavroNameOf(steps[i].To), Callbacks);
+        const int error = unclaimed || !Callbacks.bSync
+                              ? 0
+                              : TavroSyncRecords(trash, 1, TavroNameOf(steps[i].To));
         return error == 0 ? unclaimed
                           : TavroFail(TavroFailureKind::WriteRecord, error, trash.Folders.Info);
     };
