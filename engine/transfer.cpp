@@ -447,8 +447,7 @@ bool Transfer::FindPlaces(const TavroTransferItemPlan& Item, Route& OutRoute) {
 
 /// What an earlier item does may lead its paths elsewhere.
 bool Transfer::FindAgainWhenEntangled(const TavroTransferItemPlan& Item, Route& IoRoute) {
-    struct stat status = {};
-    if (m_pending.empty() || Look(IoRoute.From, status) != 0 || !IsEntangled(IoRoute, status)) {
+    if (!IsEntangled(IoRoute, {})) {
         return true;
     }
     Flush();
