@@ -21,7 +21,8 @@ class Batch {
 public:
     Batch(std::vector<TavroBatchStep>& Steps, const TavroBatchHooks& Hooks,
           const TavroCallbacks& Callbacks)
-        : m_steps(Steps), m_hooks(Hooks), m_progress(Callbacks), m_changes(Callbacks.bSync) {}
+        : m_steps(Steps), m_hooks(Hooks), m_progress(Callbacks), m_bSync(Callbacks.bSync),
+          m_changes(Callbacks.bSync) {}
 
     TavroBatchReport Run();
 
@@ -46,6 +47,7 @@ private:
     TavroProgressTeller m_progress;
     TavroPlaces m_places;
     TavroHardLinks m_links;
+    const bool m_bSync;
     TavroChanges m_changes;
     bool m_bPrepared = false;
     TavroBatchReport m_report;
@@ -237,6 +239,13 @@ TavroFailure Batch::MoveByCopying(TavroBatchStep& Step, const TavroPlace& From,
                                   const TavroPlace& To) {
     TavroMoveOptions options;
     options.Expected = Step.Seen->State.Identity;
+    options.bSync = m_bSync;
+    if (m_hooks.BeforePublish) {
+        const auto index = static_cast<std::size_t>(&Step - m_steps.data());
+        options.BeforePublish = [this, index](const TavroFileState& made, const std::string& name) {
+            return m_hooks.BeforePublish(index, made, name);
+        };
+    }
     TavroMoveReport moved = TavroBringEntry(From, To, options, m_links, m_progress);
     Step.Arrived = moved.Arrived;
     Step.bCopyStays = moved.bCopyStays || moved.bPartlyMoved;

@@ -57,6 +57,11 @@ struct TavroBatchHooks {
     /// Empty: that is a failure.
     std::function<TavroFailure(std::size_t Step)> Retry = {};
 
+    /// As in TavroMoveOptions, for a step that is copied.
+    std::function<TavroFailure(std::size_t Step, const TavroFileState& Made,
+                               const std::string& Staged)>
+        BeforePublish = {};
+
     /// Called after Prepare for each step that did not happen, or was undone.
     std::function<void(std::size_t Step)> Undone = {};
 

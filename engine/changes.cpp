@@ -27,7 +27,7 @@ void TavroChanges::Add(const std::shared_ptr<const TavroDirectory>& Directory) {
     Volume& volume = VolumeOf(*Directory);
     auto& known = volume.Directories;
     const bool bLast = !known.empty() && known.back()->Identity == Directory->Identity;
-    if (bLast || volume.Disk == TavroDisk::None) {
+    if (bLast) {
         return;
     }
     if (volume.Disk == TavroDisk::OrderedLog || volume.bAll) {

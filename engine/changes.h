@@ -8,9 +8,9 @@
 #include <memory>
 #include <vector>
 
-/// Directories in which names were changed. As few calls as can be bring them to the disk: none for
-/// a file system in memory, one for one with an ordered log, and else one a directory, or one for
-/// the whole file system where there are many.
+/// Directories in which names were changed. As few calls as can be bring them to the disk: one for
+/// one with an ordered log, and else one a directory, or one for the whole file system where there
+/// are many.
 class TavroChanges {
 public:
     /// @param bSync  false: nothing is ever waited for.

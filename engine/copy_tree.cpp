@@ -102,13 +102,15 @@ TavroTreeCopy::TavroTreeCopy(const TavroPlace& From, const TavroPlace& To,
     : m_from(From), m_to(To), m_options(Options), m_links(Links), m_progress(Progress),
       m_name(TavroStagingName()), m_walk(From.Number(), From.Name), m_target(To.Number()) {}
 
-bool TavroTreeCopy::Run(const struct stat& Source) {
+bool TavroTreeCopy::Run(const struct stat& Source, TavroDescriptor Open) {
     m_source = TavroStateOf(Source);
     if (S_ISDIR(Source.st_mode)) {
         for (TavroWalkEvent event = m_walk.Next(); event != TavroWalkEvent::End && !m_bGivenUp;
              event = m_walk.Next()) {
             TakeStep(event);
         }
+    } else if (Open.IsOpen()) {
+        CopyOpenLeaf(std::move(Open), Source, true);
     } else {
         CopyLeaf(m_from.Number(), m_from.Name.c_str(), S_ISREG(Source.st_mode));
     }
@@ -181,23 +183,27 @@ void TavroTreeCopy::CopyLeaf(int Directory, const char* Name, bool bRegular) {
     int error = bRegular ? TavroOpenSource(Directory, Name, source, status)
                          : TavroOpenAt(Directory, Name, O_PATH, source);
     error = bRegular || error != 0 ? error : TavroStat(source.Number(), status);
-    const TavroFileState state = TavroStateOf(status);
-    if (error == 0 && m_levels.empty() && state.Identity != m_source.Identity) {
+    if (error == 0 && m_levels.empty() && TavroIdentityOf(status) != m_source.Identity) {
         error = ESTALE;
     }
     if (error != 0) {
         Fail(Kind::Read, error);
         return;
     }
+    CopyOpenLeaf(std::move(source), status, bRegular);
+}
+
+void TavroTreeCopy::CopyOpenLeaf(TavroDescriptor Source, const struct stat& Status, bool bRegular) {
+    const TavroFileState state = TavroStateOf(Status);
     TavroFileState copy;
     // Of a move, its other names can be gone by now.
-    const bool bLinked = status.st_nlink > 1 || m_links.Find(state.Identity) != nullptr;
+    const bool bLinked = Status.st_nlink > 1 || m_links.Find(state.Identity) != nullptr;
     const TavroHardLinks::File* const same =
         bLinked ? m_links.LinkTo(state, m_target.Top(), TargetName()) : nullptr;
     if (same != nullptr) {
         copy = same->Copy;
-        m_progress.AddBytes(bRegular ? static_cast<std::uint64_t>(status.st_size) : 0);
-    } else if (!CopyByType(source.Number(), status, copy)) {
+        m_progress.AddBytes(bRegular ? static_cast<std::uint64_t>(Status.st_size) : 0);
+    } else if (!CopyByType(Source.Number(), Status, copy)) {
         return;
     } else if (bLinked) {
         m_tree = m_tree ? m_tree
@@ -244,8 +250,7 @@ bool TavroTreeCopy::CopyFile(int Source, const struct stat& Status, TavroFileSta
     if (Status.st_size > namedSize) {
         m_progress.Name([this] { return PathIn(m_from); });
     }
-    const TavroCopyOptions options = {bFirst && (m_options.bMove || m_options.bReplace),
-                                      bFirst && !m_options.bReplace};
+    const TavroCopyOptions options = {bFirst && m_options.bSync, bFirst && !m_options.bNamed};
     TavroFileCopy copy;
     const TavroFailure failure = TavroCopyFile(Source, Status, m_target.Top(), TargetName(),
                                                options, Traits(), m_progress, copy, m_lost);
@@ -429,34 +434,43 @@ int TavroTreeCopy::PublishUnnamed(const std::string& Name, struct stat& OutStatu
     return error;
 }
 
-int TavroTreeCopy::PublishNamed(const std::string& Name, struct stat& OutStatus) {
+int TavroTreeCopy::LookAtMade(TavroFileState& OutState) const {
+    struct stat status = {};
+    const int error =
+        m_unnamed.IsOpen() ? TavroStat(m_unnamed.Number(), status) : CheckName(m_name, status);
+    OutState = TavroStateOf(status);
+    return error;
+}
+
+int TavroTreeCopy::PublishNamed(const std::string& Name, bool bExchange, struct stat& OutStatus) {
     const int directory = m_to.Number();
-    int error = CheckName(m_name, OutStatus);
-    if (error == 0) {
-        error = m_options.bReplace
-                    ? TavroRename(directory, m_name.c_str(), directory, Name.c_str())
+    int error = bExchange
+                    ? TavroExchange(directory, m_name.c_str(), directory, Name.c_str())
                     : TavroRenameNoReplace(directory, m_name.c_str(), directory, Name.c_str());
-    }
     if (error != 0) {
         return error;
     }
-    struct stat before = OutStatus;
-    error = CheckName(Name, OutStatus);
-    if (error != 0 && error != ESTALE) {
-        OutStatus = before; // it is there; when it was changed last is not known
+    if (!m_options.bMove && !m_made.IsDirectory() && !bExchange) {
+        return 0; // nothing is removed for it: its change time alone is not known
     }
-    return error == ESTALE ? error : 0;
+    error = CheckName(Name, OutStatus);
+    if (error == ESTALE) { // somebody has put something else there
+        TavroRenameNoReplace(directory, Name.c_str(), directory, m_name.c_str());
+        return error;
+    }
+    return 0;
 }
 
-int TavroTreeCopy::Publish(const std::string& Name) {
+int TavroTreeCopy::Publish(const std::string& Name, bool bExchange) {
     struct stat status = {};
     const bool bUnnamed = m_made.Identity.Inode == 0;
-    const int error = bUnnamed ? PublishUnnamed(Name, status) : PublishNamed(Name, status);
+    const int error =
+        bUnnamed ? PublishUnnamed(Name, status) : PublishNamed(Name, bExchange, status);
     if (error != 0) {
         return error;
     }
     m_name = Name;
-    m_made = TavroStateOf(status);
+    m_made = status.st_ino != 0 ? TavroStateOf(status) : m_made;
     if (!m_copied.empty()) {
         m_copied.front().Copy = m_made;
     }

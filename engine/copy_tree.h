@@ -50,8 +50,9 @@ private:
 
 /// How an entry is copied.
 struct TavroTreeCopyOptions {
-    bool bMove = false;    ///< The source is to go: the copy is whole or fails, and is noted.
-    bool bReplace = false; ///< The copy will replace a file.
+    bool bMove = false;  ///< The source is to go: the copy is whole or fails, and is noted.
+    bool bSync = false;  ///< The bytes of a file have reached the disk when it is copied.
+    bool bNamed = false; ///< A file is made under a hidden name, not without one.
 };
 
 /// One copy of an entry with everything below it.
@@ -64,9 +65,10 @@ public:
     /// Copies to where nobody sees it, in the directory of the destination.
     ///
     /// @param Source  the status of the entry, by a look at itself a moment ago.
+    /// @param Open    the entry, when it is a regular file that was opened then.
     /// @return whether there is a copy to be published, be it without some entries that failed.
     ///         Otherwise nothing is left of it, and why is in the failures; Cancelled is the first.
-    bool Run(const struct stat& Source);
+    bool Run(const struct stat& Source, TavroDescriptor Open = TavroDescriptor());
 
     /// Lets a directory reach the disk before it is published; a file has done so when it is to.
     /// @return 0, or the error number.
@@ -75,7 +77,18 @@ public:
     /// Gives the copy its name.
     /// @return 0; EEXIST when the name is taken; ESTALE when something else had the name of the
     ///         copy, before or after; or the error number.
-    int Publish(const std::string& Name);
+    /// @param bExchange  what has that name gets the hidden one in the same moment; EINVAL where
+    /// the
+    ///                   file system cannot.
+    int Publish(const std::string& Name, bool bExchange = false);
+
+    /// The copy as it waits to be published. @return 0, or the error number.
+    int LookAtMade(TavroFileState& OutState) const;
+
+    /// Its name then; empty for a file without one.
+    std::string HiddenName() const {
+        return m_unnamed.IsOpen() ? "" : m_name;
+    }
 
     /// After Publish has failed: the file system makes files without a name, but cannot give them
     /// one. The next copy will have a name.
@@ -138,6 +151,7 @@ private:
 
     void TakeStep(TavroWalkEvent Event);
     void CopyLeaf(int Directory, const char* Name, bool bRegular);
+    void CopyOpenLeaf(TavroDescriptor Source, const struct stat& Status, bool bRegular);
     bool CopyByType(int Source, const struct stat& Status, TavroFileState& OutCopy);
     bool CopyFile(int Source, const struct stat& Status, TavroFileState& OutCopy);
     bool CopySpecial(int Source, const struct stat& Status, TavroFileState& OutCopy);
@@ -156,7 +170,7 @@ private:
 
     int CheckName(const std::string& Name, struct stat& OutStatus) const;
     int PublishUnnamed(const std::string& Name, struct stat& OutStatus);
-    int PublishNamed(const std::string& Name, struct stat& OutStatus);
+    int PublishNamed(const std::string& Name, bool bExchange, struct stat& OutStatus);
     TavroFailure Check(const Retrace& At, Care What);
     TavroFailure RemoveOne(const Retrace& At, Care What);
     std::size_t Remove(Side Which, Care What, std::vector<TavroFailure>& OutFailures);

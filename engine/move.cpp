@@ -1,12 +1,14 @@
 #include "move.h"
 
+#include "names.h"
+
 #include <cerrno>
 #include <unistd.h>
 #include <utility>
 
-namespace {
-
 using Kind = TavroFailureKind;
+
+namespace {
 
 /// How many free names are tried, when another process takes each.
 constexpr int tries = 100;
@@ -14,63 +16,36 @@ constexpr int tries = 100;
 /// Files above this size are not copied before it is known that their name is free.
 constexpr off_t largeSize = off_t{64} << 10U;
 
-/// One entry on its way.
-class Bringing {
-public:
-    Bringing(const TavroPlace& From, const TavroPlace& To, const TavroMoveOptions& Options,
-             TavroHardLinks& Links, TavroProgressTeller& Progress)
-        : m_from(From), m_to(To), m_options(Options), m_links(Links), m_progress(Progress) {
-        m_report.Name = To.Name;
+/// Makes a call with the name at the destination, and with others where that is wanted and it finds
+/// each of them taken.
+template <typename Call>
+int WithFreeName(const TavroMoveOptions& Options, std::string& IoName, Call Make) {
+    int error = Make();
+    for (int i = 0; i < tries && error == EEXIST && Options.NextName; ++i) {
+        IoName = Options.NextName();
+        error = Make();
     }
-
-    TavroMoveReport Run();
-
-private:
-    bool Look();
-    int Rename();
-    void NoteRenamed();
-    bool CanBeRemoved();
-    bool IsNameFree();
-    void Copy();
-    bool Publish(TavroTreeCopy& Tree);
-    void RemoveSource(TavroTreeCopy& Tree);
-    template <typename Call> int WithFreeName(Call Make);
-    void Fail(Kind What, int Error = 0);
-    void TakeFailures(std::vector<TavroFailure>& Failures);
-
-    std::string DestinationPath() const {
-        return TavroPlace{m_to.Directory, m_report.Name}.Path();
-    }
-
-    const TavroPlace& m_from;
-    const TavroPlace& m_to;
-    const TavroMoveOptions& m_options;
-    TavroHardLinks& m_links;
-    TavroProgressTeller& m_progress;
-    struct stat m_source = {};
-    TavroMoveReport m_report;
-};
-
-TavroMoveReport Bringing::Run() {
-    if ((m_options.bCopy || m_options.Expected) && !Look()) {
-        return std::move(m_report);
-    }
-    const int error = m_options.bCopy ? EXDEV : WithFreeName([this] { return Rename(); });
-    if (error == 0) {
-        NoteRenamed();
-    } else if (error == EEXIST) {
-        Fail(Kind::Taken, error);
-    } else if (error != EXDEV) {
-        Fail(error == EINVAL && Look() && S_ISDIR(m_source.st_mode) ? Kind::MoveIntoItself
-                                                                    : Kind::MoveTo,
-             error);
-    } else if (m_options.bCopy || (Look() && CanBeRemoved())) {
-        Copy();
-    }
-    return std::move(m_report);
+    return error;
 }
 
-void Bringing::Fail(Kind What, int Error) {
+} // namespace
+
+// =================================================================================================
+// A copy on its way
+// =================================================================================================
+
+TavroStagedCopy::TavroStagedCopy(TavroPlace From, TavroPlace To, TavroMoveOptions Options,
+                                 TavroHardLinks& Links, TavroProgressTeller& Progress)
+    : m_from(std::move(From)), m_to(std::move(To)), m_options(std::move(Options)), m_links(Links),
+      m_progress(Progress) {
+    m_report.Name = m_to.Name;
+}
+
+std::string TavroStagedCopy::DestinationPath() const {
+    return TavroPlace{m_to.Directory, m_report.Name}.Path();
+}
+
+void TavroStagedCopy::Fail(Kind What, int Error) {
     const std::string destination = DestinationPath();
     m_report.Failure = TavroFail(What, Error, m_from.Path(), destination);
     if (What == Kind::Taken || What == Kind::Write) {
@@ -79,7 +54,7 @@ void Bringing::Fail(Kind What, int Error) {
 }
 
 /// The first is the failure, unless there is one; the others are told after it.
-void Bringing::TakeFailures(std::vector<TavroFailure>& Failures) {
+void TavroStagedCopy::TakeFailures(std::vector<TavroFailure>& Failures) {
     for (TavroFailure& failure : Failures) {
         if (!m_report.Failure) {
             m_report.Failure = std::move(failure);
@@ -87,157 +62,111 @@ void Bringing::TakeFailures(std::vector<TavroFailure>& Failures) {
             m_report.Below.push_back(std::move(failure));
         }
     }
+    Failures.clear();
 }
 
-/// Makes a call with the name at the destination, and with others where that is wanted and it finds
-/// each of them taken.
-template <typename Call> int Bringing::WithFreeName(Call Make) {
-    int error = Make();
-    for (int i = 0; i < tries && error == EEXIST && m_options.NextName; ++i) {
-        m_report.Name = m_options.NextName();
-        error = Make();
+bool TavroStagedCopy::Stage(const struct stat& Source, TavroDescriptor Open) {
+    m_source = TavroStateOf(Source);
+    m_tree = std::make_unique<TavroTreeCopy>(
+        m_from, m_to, TavroTreeCopyOptions{!m_options.bCopy, m_options.bSync, m_options.bNamed},
+        m_links, m_progress);
+    if (!m_tree->Run(Source, std::move(Open))) {
+        TakeFailures(m_tree->Failures());
+        return false;
     }
-    return error;
+    return true;
 }
 
-/// Looks at the source. @return whether it is there, and what it is to be.
-bool Bringing::Look() {
-    const int error = TavroStatAt(m_from.Number(), m_from.Name.c_str(), m_source);
-    if (error != 0) {
-        Fail(m_options.bCopy ? Kind::Read : Kind::MoveTo, error);
-    } else if (m_options.Expected && TavroIdentityOf(m_source) != *m_options.Expected) {
-        Fail(Kind::Changed);
-    }
-    return !m_report.Failure;
+void TavroStagedCopy::Rest() {
+    m_restingFrom = {m_from.Directory->Path, m_from.Directory->Identity};
+    m_restingTo = {m_to.Directory->Path, m_to.Directory->Identity};
+    m_from.Directory.reset();
+    m_to.Directory.reset();
 }
 
-// =================================================================================================
-// Renaming
-// =================================================================================================
-
-int Bringing::Rename() {
-    const char* const from = m_from.Name.c_str();
-    const char* const to = m_report.Name.c_str();
-    return m_options.bReplace ? TavroRename(m_from.Number(), from, m_to.Number(), to)
-                              : TavroRenameNoReplace(m_from.Number(), from, m_to.Number(), to);
+/// The directory must be the one that it was, wherever its path leads by now.
+TavroFailure TavroStagedCopy::Wake(TavroPlaces& Places, const Resting& Where,
+                                   TavroPlace& OutPlace) {
+    TavroPlace place;
+    const std::string path = TavroJoin(Where.Path, OutPlace.Name);
+    TavroFailure failure = Places.Find(path, place);
+    if (!failure && place.Directory->Identity != Where.Identity) {
+        failure = TavroFail(Kind::LookAt, ESTALE, path);
+    }
+    OutPlace.Directory = std::move(place.Directory);
+    return failure;
 }
 
-/// Another file can have taken the name of the expected one until the moment of the rename. It goes
-/// back.
-void Bringing::NoteRenamed() {
-    struct stat status = {};
-    const int error = TavroStatAt(m_to.Number(), m_report.Name.c_str(), status);
-    m_report.Arrived = TavroStateOf(error == 0 ? status : m_source);
-    if (!m_options.Expected || m_report.Arrived.Identity == *m_options.Expected) {
-        return;
+TavroFailure TavroStagedCopy::Wake(TavroPlaces& Places) {
+    TavroFailure failure = Wake(Places, m_restingTo, m_to);
+    failure = failure ? failure : Wake(Places, m_restingFrom, m_from);
+    if (failure && m_to.Directory && m_tree && !m_report.bCopied) {
+        m_tree->GiveUp();
     }
-    Fail(Kind::Changed);
-    if (TavroRenameNoReplace(m_to.Number(), m_report.Name.c_str(), m_from.Number(),
-                             m_from.Name.c_str()) == 0) {
-        m_report.Arrived = {};
-    }
+    return failure;
 }
 
-// =================================================================================================
-// Copying
-// =================================================================================================
-
-/// A source that could not be removed afterwards is not copied in vain.
-bool Bringing::CanBeRemoved() {
-    const int error = TavroAccessAt(m_from.Number(), ".", W_OK | X_OK);
-    if (error != 0) {
-        Fail(Kind::Move, error);
-    }
-    return error == 0;
+TavroFailure TavroStagedCopy::LookAtStaged(TavroFileState& OutState) const {
+    const int error = m_tree->LookAtMade(OutState);
+    return TavroFail(error == 0 ? Kind::None : Kind::Write, error, DestinationPath());
 }
 
-/// Nothing large is copied to a name that is taken.
-bool Bringing::IsNameFree() {
-    const bool bLarge = S_ISDIR(m_source.st_mode) || m_source.st_size > largeSize;
-    if (m_options.bReplace || !bLarge) {
-        return true;
-    }
-    const int error = WithFreeName([this] {
-        struct stat status = {};
-        return TavroStatAt(m_to.Number(), m_report.Name.c_str(), status) == 0 ? EEXIST : 0;
-    });
-    if (error != 0) {
-        Fail(Kind::Taken, error);
-    }
-    return error == 0;
-}
-
-void Bringing::Copy() {
-    if (!IsNameFree()) {
-        return;
-    }
-    TavroTreeCopy tree(m_from, m_to, {!m_options.bCopy, m_options.bReplace}, m_links, m_progress);
-    if (!tree.Run(m_source)) {
-        TakeFailures(tree.Failures());
-        return;
-    }
-    if (!Publish(tree)) {
-        tree.GiveUp();
-        TakeFailures(tree.Failures());
-        if (tree.CannotLink()) {
-            m_report.Failure = {};
-            m_report.Below.clear();
-            m_links.TraitsAt(m_to).bUnnamed = false;
-            Copy();
-        }
-        return;
-    }
-    m_report.bCopied = true;
-    m_report.Arrived = tree.Made();
-    m_report.Lost = tree.Lost();
-    if (m_options.bCopy) {
-        m_report.Below = std::move(tree.Failures());
-    } else {
-        RemoveSource(tree);
-    }
+std::string TavroStagedCopy::StagedName() const {
+    return m_tree->HiddenName();
 }
 
 /// What is moved has reached the disk before it takes its own name: later it could only be taken
 /// back from a place that others know already.
-bool Bringing::Publish(TavroTreeCopy& Tree) {
-    int error = m_options.bCopy ? 0 : Tree.Sync();
-    if (error != 0) {
-        Fail(Kind::Write, error);
-        return false;
-    }
+bool TavroStagedCopy::Publish(bool bExchange) {
     if (!m_options.bCopy) {
-        m_report.Failure = Tree.FindChangedSource();
+        m_report.Failure = m_tree->FindChangedSource();
     }
-    if (m_report.Failure) {
-        return false;
+    TavroFileState made;
+    if (!m_report.Failure && m_options.BeforePublish && !(m_report.Failure = LookAtStaged(made))) {
+        m_report.Failure = m_options.BeforePublish(made, StagedName());
     }
-    error = WithFreeName([&] { return Tree.Publish(m_report.Name); });
+    const int error = m_report.Failure ? 0 : WithFreeName(m_options, m_report.Name, [&] {
+        return m_tree->Publish(m_report.Name, bExchange);
+    });
     if (error != 0) {
         Fail(error == EEXIST ? Kind::Taken : Kind::Publish, error);
     }
-    return error == 0;
+    if (m_report.Failure) {
+        if (m_report.Failure.Kind != Kind::Taken && !CannotLink()) {
+            GiveUp();
+        }
+        return false;
+    }
+    m_bReplaced = bExchange;
+    m_report.bCopied = true;
+    m_report.Arrived = m_tree->Made();
+    m_report.Lost = m_tree->Lost();
+    if (m_options.bCopy) {
+        m_report.Below = std::move(m_tree->Failures());
+    }
+    return true;
 }
 
-/// The source goes only when its copy is at the destination even after a power cut. When nothing of
-/// it can be removed the copy goes instead, so that the entry is where it was; a copy that replaced
-/// something stays, and so does one whose source is not what it was.
-void Bringing::RemoveSource(TavroTreeCopy& Tree) {
-    std::vector<TavroFailure>& failures = Tree.Failures();
+void TavroStagedCopy::GiveUp() {
+    m_tree->GiveUp();
+    TakeFailures(m_tree->Failures());
+}
+
+void TavroStagedCopy::RemoveSource() {
+    std::vector<TavroFailure>& failures = m_tree->Failures();
     std::size_t removed = 0;
-    const int error = TavroSync(m_to.Number());
-    TavroFailure changed =
-        error != 0 ? TavroFail(Kind::Write, error, DestinationPath()) : Tree.FindChangedCopy();
+    TavroFailure changed = failures.empty() ? m_tree->FindChangedCopy() : TavroFailure();
     if (changed) {
         failures.push_back(std::move(changed));
-    } else {
-        removed = Tree.RemoveSources();
+    } else if (failures.empty()) {
+        removed = m_tree->RemoveSources();
     }
     if (failures.empty()) {
         return;
     }
     m_report.bPartlyMoved = removed != 0;
     m_report.bCopyStays =
-        removed != 0 || m_options.bReplace || Tree.FindChangedSource() || !Tree.TakeBack();
+        removed != 0 || m_bReplaced || m_tree->FindChangedSource() || !m_tree->TakeBack();
     if (!m_report.bCopyStays) {
         m_report.Arrived = {};
     } else if (removed == 0) {
@@ -246,7 +175,146 @@ void Bringing::RemoveSource(TavroTreeCopy& Tree) {
     TakeFailures(failures);
 }
 
-} // namespace
+// =================================================================================================
+// One entry at once
+// =================================================================================================
+
+/// One entry on its way.
+class Bringing {
+public:
+    Bringing(const TavroPlace& From, const TavroPlace& To, const TavroMoveOptions& Options,
+             TavroHardLinks& Links, TavroProgressTeller& Progress)
+        : m_options(Options), m_copy(From, To, Options, Links, Progress),
+          m_report(m_copy.Report()) {}
+
+    TavroMoveReport Run();
+
+private:
+    bool Look();
+    void NoteRenamed();
+    bool CanBeRemoved();
+    bool IsNameFree();
+    void Copy();
+
+    const TavroPlace& From() const {
+        return m_copy.From();
+    }
+    const TavroPlace& To() const {
+        return m_copy.To();
+    }
+
+    const TavroMoveOptions& m_options;
+    TavroStagedCopy m_copy;
+    TavroMoveReport& m_report;
+    struct stat m_source = {};
+};
+
+TavroMoveReport Bringing::Run() {
+    if ((m_options.bCopy || m_options.Expected) && !Look()) {
+        return std::move(m_report);
+    }
+    const auto rename = [this] {
+        return TavroRenameNoReplace(From().Number(), From().Name.c_str(), To().Number(),
+                                    m_report.Name.c_str());
+    };
+    const int error = m_options.bCopy ? EXDEV : WithFreeName(m_options, m_report.Name, rename);
+    if (error == 0) {
+        NoteRenamed();
+    } else if (error == EEXIST) {
+        m_copy.Fail(Kind::Taken, error);
+    } else if (error != EXDEV) {
+        m_copy.Fail(error == EINVAL && Look() && S_ISDIR(m_source.st_mode) ? Kind::MoveIntoItself
+                                                                           : Kind::MoveTo,
+                    error);
+    } else if (m_options.bCopy || (Look() && CanBeRemoved())) {
+        Copy();
+    }
+    return std::move(m_report);
+}
+
+/// Looks at the source. @return whether it is there, and what it is to be.
+bool Bringing::Look() {
+    const int error = TavroStatAt(From().Number(), From().Name.c_str(), m_source);
+    if (error != 0) {
+        m_copy.Fail(m_options.bCopy ? Kind::Read : Kind::MoveTo, error);
+    } else if (m_options.Expected && TavroIdentityOf(m_source) != *m_options.Expected) {
+        m_copy.Fail(Kind::Changed);
+    }
+    return !m_report.Failure;
+}
+
+/// Another file can have taken the name of the expected one until the moment of the rename. It goes
+/// back.
+void Bringing::NoteRenamed() {
+    struct stat status = {};
+    const int error = TavroStatAt(To().Number(), m_report.Name.c_str(), status);
+    m_report.Arrived = TavroStateOf(error == 0 ? status : m_source);
+    if (!m_options.Expected || m_report.Arrived.Identity == *m_options.Expected) {
+        return;
+    }
+    m_copy.Fail(Kind::Changed);
+    if (TavroRenameNoReplace(To().Number(), m_report.Name.c_str(), From().Number(),
+                             From().Name.c_str()) == 0) {
+        m_report.Arrived = {};
+    }
+}
+
+/// A source that could not be removed afterwards is not copied in vain.
+bool Bringing::CanBeRemoved() {
+    const int error = TavroAccessAt(From().Number(), ".", W_OK | X_OK);
+    if (error != 0) {
+        m_copy.Fail(Kind::Move, error);
+    }
+    return error == 0;
+}
+
+/// Nothing large is copied to a name that is taken.
+bool Bringing::IsNameFree() {
+    if (!S_ISDIR(m_source.st_mode) && m_source.st_size <= largeSize) {
+        return true;
+    }
+    const int error = WithFreeName(m_options, m_report.Name, [this] {
+        struct stat status = {};
+        return TavroStatAt(To().Number(), m_report.Name.c_str(), status) == 0 ? EEXIST : 0;
+    });
+    if (error != 0) {
+        m_copy.Fail(Kind::Taken, error);
+    }
+    return error == 0;
+}
+
+void Bringing::Copy() {
+    if (!IsNameFree() || !m_copy.Stage(m_source)) {
+        return;
+    }
+    int error = m_options.bCopy || !m_options.bSync ? 0 : m_copy.m_tree->Sync();
+    if (error != 0) {
+        m_copy.Fail(Kind::Write, error);
+        m_copy.GiveUp();
+        return;
+    }
+    if (!m_copy.Publish(false)) {
+        if (m_copy.CannotLink()) {
+            m_copy.GiveUp();
+            m_report.Failure = {};
+            m_report.Below.clear();
+            m_copy.m_links.TraitsAt(To()).bUnnamed = false;
+            Copy();
+        } else if (m_report.Failure.Kind == Kind::Taken) {
+            m_copy.GiveUp();
+        }
+        return;
+    }
+    // The source goes only when its copy is at the destination even after a power cut.
+    error = m_options.bCopy || !m_options.bSync ? 0 : TavroSync(To().Number());
+    if (error != 0) {
+        m_copy.m_tree->Failures().push_back(
+            TavroFail(Kind::Write, error, m_copy.DestinationPath()));
+    }
+    if (!m_options.bCopy) {
+        m_copy.RemoveSource();
+    }
+}
 
 TavroMoveReport TavroBringEntry(const TavroPlace& From, const TavroPlace& To,
                                 const TavroMoveOptions& Options, TavroHardLinks& Links,

@@ -11,20 +11,27 @@
 #include "progress.h"
 
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 /// How one entry is brought.
 struct TavroMoveOptions {
-    bool bCopy = false;    ///< The source stays.
-    bool bReplace = false; ///< What is at the destination, no directory, is replaced in one step.
+    bool bCopy = false;  ///< The source stays.
+    bool bSync = true;   ///< Of a move, what is copied reaches the disk before the source goes.
+    bool bNamed = false; ///< The copy waits under a hidden name, and not as a file without one.
 
     /// When given, the source must be this file; otherwise nothing is touched.
     std::optional<TavroIdentity> Expected = {};
 
     /// Gives another name when the destination's is taken. Empty: that is the failure Taken.
     std::function<std::string()> NextName = {};
+
+    /// Called when a copy is whole and waits to be published, with the file and its hidden name;
+    /// without that name it has none. A failure ends it, and nothing is left.
+    std::function<TavroFailure(const TavroFileState& Made, const std::string& Staged)>
+        BeforePublish = {};
 };
 
 /// What became of it. What is where follows from it:
@@ -63,5 +70,85 @@ struct TavroMoveReport {
 TavroMoveReport TavroBringEntry(const TavroPlace& From, const TavroPlace& To,
                                 const TavroMoveOptions& Options, TavroHardLinks& Links,
                                 TavroProgressTeller& Progress);
+
+/// A copy on its way, for callers that bring many entries and let them wait for each other: staged,
+/// published and finished in three steps. What follows the options is kept by reference.
+class TavroStagedCopy {
+public:
+    TavroStagedCopy(TavroPlace From, TavroPlace To, TavroMoveOptions Options, TavroHardLinks& Links,
+                    TavroProgressTeller& Progress);
+
+    /// Makes the copy, whole, under a hidden name.
+    /// @param Source  the status of the entry, by a look at it a moment ago.
+    /// @param Open    the entry, when it is a regular file that was opened then.
+    /// @return whether there is one; else the report tells why.
+    bool Stage(const struct stat& Source, TavroDescriptor Open = TavroDescriptor());
+
+    /// Closes the directories while it waits, and opens them again.
+    void Rest();
+    TavroFailure Wake(TavroPlaces& Places);
+
+    /// The copy as it waits, under `StagedName`; empty while it has no name.
+    TavroFailure LookAtStaged(TavroFileState& OutState) const;
+    const TavroFileState& Staged() const {
+        return m_tree->Made();
+    }
+    std::string StagedName() const;
+
+    /// Gives the copy its name, unless its source changed.
+    /// @param bExchange  something is there; it gets the hidden name in the same moment.
+    /// @return whether it is there; else the report tells why, and nothing is left of it but after
+    ///         Taken, when it waits on.
+    bool Publish(bool bExchange);
+
+    /// Of a move: removes the source, when the copy has reached the disk. When nothing of it can be
+    /// removed the copy goes instead, so that the entry is where it was; a copy that replaced
+    /// something stays, and so does one whose source is not what it was.
+    void RemoveSource();
+
+    /// Removes the copy before it was published.
+    void GiveUp();
+
+    const TavroPlace& From() const {
+        return m_from;
+    }
+    const TavroPlace& To() const {
+        return m_to;
+    }
+    const TavroFileState& Source() const {
+        return m_source;
+    }
+    TavroMoveReport& Report() {
+        return m_report;
+    }
+
+private:
+    friend class Bringing;
+    bool CannotLink() const {
+        return m_tree && m_tree->CannotLink();
+    }
+    std::string DestinationPath() const;
+    void Fail(TavroFailureKind What, int Error = 0);
+    void TakeFailures(std::vector<TavroFailure>& Failures);
+
+    /// A directory that is not held open.
+    struct Resting {
+        std::string Path;
+        TavroIdentity Identity;
+    };
+    static TavroFailure Wake(TavroPlaces& Places, const Resting& Where, TavroPlace& OutPlace);
+
+    TavroPlace m_from;
+    TavroPlace m_to;
+    const TavroMoveOptions m_options;
+    TavroHardLinks& m_links;
+    TavroProgressTeller& m_progress;
+    TavroFileState m_source;
+    std::unique_ptr<TavroTreeCopy> m_tree;
+    Resting m_restingFrom;
+    Resting m_restingTo;
+    bool m_bReplaced = false;
+    TavroMoveReport m_report;
+};
 
 #endif

@@ -282,3 +282,11 @@ TavroFailure TavroPlaces::EnterCreated(const std::string& Path, mode_t Mode,
     const bool bInTheWay = error == EEXIST && openError == ENOTDIR;
     return TavroFail(TavroFailureKind::CreateDirectory, bInTheWay ? EEXIST : openError, Path);
 }
+
+std::vector<std::string> TavroFindMissing(std::string Path) {
+    std::vector<std::string> missing;
+    for (; !TavroIsPresent(Path); Path = TavroParentOf(Path)) {
+        missing.insert(missing.begin(), Path);
+    }
+    return missing;
+}

@@ -110,6 +110,9 @@ std::vector<TavroFailure> TavroSelectEntries(const std::vector<std::string>& Pat
 /// need not exist.
 std::string TavroFindOwnPath(const std::string& Path);
 
+/// The directories at a path and above it that are missing, outer ones first.
+std::vector<std::string> TavroFindMissing(std::string Path);
+
 /// Whether there is something at a path. A dangling link is something.
 bool TavroIsPresent(const std::string& Path);
 

@@ -302,9 +302,31 @@ int TavroRename(int FromDirectory, const char* From, int ToDirectory, const char
     return ErrorOf([&] { return renameat(FromDirectory, From, ToDirectory, To); });
 }
 
+namespace {
+
+/// Of the name of what is exchanged, where that takes three steps.
+constexpr const char* asideSuffix = "-old";
+
+} // namespace
+
 int TavroExchange(int FromDirectory, const char* From, int ToDirectory, const char* To) {
-    return ErrorOf(
-        [&] { return renameat2(FromDirectory, From, ToDirectory, To, RENAME_EXCHANGE); });
+    int error =
+        ErrorOf([&] { return renameat2(FromDirectory, From, ToDirectory, To, RENAME_EXCHANGE); });
+    if (error != EINVAL && error != ENOSYS) {
+        return error;
+    }
+    // The file system cannot: one steps aside, next to the other, for a moment.
+    const std::string aside = std::string(From) + asideSuffix;
+    error = TavroRenameNoReplace(ToDirectory, To, FromDirectory, aside.c_str());
+    if (error != 0) {
+        return error;
+    }
+    error = TavroRenameNoReplace(FromDirectory, From, ToDirectory, To);
+    if (error != 0) {
+        TavroRenameNoReplace(FromDirectory, aside.c_str(), ToDirectory, To);
+        return error;
+    }
+    return TavroRenameNoReplace(FromDirectory, aside.c_str(), FromDirectory, From);
 }
 
 int TavroLinkAt(int FromDirectory, const char* From, int ToDirectory, const char* To) {
@@ -522,11 +544,9 @@ TavroDisk TavroDiskOf(int Descriptor) {
     struct statfs status = {};
     const int error = ErrorOf([&] { return fstatfs(Descriptor, &status); });
     switch (error == 0 ? status.f_type : 0) {
-    case TMPFS_MAGIC:
-    case RAMFS_MAGIC:
-        return TavroDisk::None;
     case EXT4_SUPER_MAGIC:
     case XFS_SUPER_MAGIC:
+    case TMPFS_MAGIC: // which has no disk, so that this costs nothing
         return TavroDisk::OrderedLog;
     default:
         return TavroDisk::Independent;

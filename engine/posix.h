@@ -123,7 +123,8 @@ int TavroRenameNoReplace(int FromDirectory, const char* From, int ToDirectory, c
 /// Renames; what is at the new name is replaced.
 int TavroRename(int FromDirectory, const char* From, int ToDirectory, const char* To);
 
-/// Exchanges two names in one step; EINVAL where the file system cannot.
+/// Exchanges two names, in one step where the file system can; else in three, by a name that is
+/// `From` and "-old". After an error each has its own name.
 int TavroExchange(int FromDirectory, const char* From, int ToDirectory, const char* To);
 
 int TavroLinkAt(int FromDirectory, const char* From, int ToDirectory, const char* To);
@@ -190,7 +191,6 @@ int TavroSyncFileSystem(int Descriptor);
 
 /// What a file system has to do before a change of names is on its disk.
 enum class TavroDisk {
-    None,        ///< It is in memory.
     OrderedLog,  ///< One log has all changes in order: who syncs the last one syncs all.
     Independent, ///< Each directory for itself.
 };

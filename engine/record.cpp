@@ -29,7 +29,7 @@ TavroStep StepOf(Role What, const std::string& From, const std::string& To,
 TavroOperation TavroOperationOf(const TavroTransferReport& Report, bool bMove) {
     TavroOperation operation = Begin(bMove ? TavroOperationKind::Move : TavroOperationKind::Copy);
     for (const TavroTransferredEntry& entry : Report.Done) {
-        if (bMove || !entry.bReplaced) {
+        if (bMove || !entry.bReplaced || !Report.Replaced.empty()) {
             operation.Steps.push_back(
                 StepOf(bMove ? Role::Moved : Role::Copied, entry.From, entry.To, entry.Arrived));
         }
@@ -38,6 +38,7 @@ TavroOperation TavroOperationOf(const TavroTransferReport& Report, bool bMove) {
         return operation;
     }
     AddCreated(Report.CreatedDirectories, operation);
+    operation.Steps.insert(operation.Steps.end(), Report.Replaced.begin(), Report.Replaced.end());
     for (const TavroRemovedDirectory& directory : Report.RemovedDirectories) {
         operation.Steps.push_back(
             {Role::RemovedDirectory, directory.Path, "", "", {}, 0, directory.Mode});

@@ -1,5 +1,6 @@
 #include "recovery.h"
 
+#include "batch.h"
 #include "changes.h"
 #include "names.h"
 #include "remove.h"
@@ -32,7 +33,8 @@ std::uint64_t InodeAt(TavroPlaces& Places, const std::string& Path) {
 }
 
 std::string StagedPath(const TavroStep& Step) {
-    return Step.Staged.empty() ? "" : TavroJoin(TavroParentOf(Step.To), Step.Staged);
+    const std::string& beside = Step.Role == Role::Replaced ? Step.From : Step.To;
+    return Step.Staged.empty() ? "" : TavroJoin(TavroParentOf(beside), Step.Staged);
 }
 
 /// Of steps that were kept several times, the last.
@@ -144,6 +146,9 @@ public:
 
 private:
     TavroFailure RemoveStaged(const TavroStep& Step);
+    TavroFailure MoveStagedBack(const TavroStep& Step);
+    TavroFailure TrashStaged(const TavroStep& Step);
+    TavroFailure Bring(const std::string& From, const std::string& To, std::uint64_t Inode);
     void TakeOwnDirectory(TavroStep& IoStep);
     void RemoveRecords(const std::vector<TavroStep>& NotDone);
     void RemoveRecordsIn(const TavroPlace& Info, const std::set<std::string>& Origins,
@@ -157,7 +162,9 @@ private:
 };
 
 TavroFailure Settlement::Settle(TavroStep& IoStep, TavroWhereabouts& OutWhere) {
-    TavroFailure failure = RemoveStaged(IoStep);
+    TavroFailure failure = IoStep.Role == Role::Replaced ? TrashStaged(IoStep)
+                           : IoStep.Source.Inode == 0    ? MoveStagedBack(IoStep)
+                                                         : RemoveStaged(IoStep);
     TakeOwnDirectory(IoStep);
     OutWhere = TavroFindStep(IoStep, m_places);
     if (!failure && OutWhere == TavroWhereabouts::InBoth) {
@@ -193,6 +200,27 @@ TavroFailure Settlement::RemoveStaged(const TavroStep& Step) {
     identity.Device = place.Directory->Identity.Device;
     m_changes.Add(place.Directory);
     return TavroRemoveTree(place, {identity});
+}
+
+/// Brings the file of a step from one path to another one, at which nothing is.
+TavroFailure Settlement::Bring(const std::string& From, const std::string& To,
+                               std::uint64_t Inode) {
+    if (From.empty() || InodeAt(m_places, From) != Inode) {
+        return {};
+    }
+    std::vector<TavroBatchStep> steps = {{From, To}};
+    return TavroRunBatch(steps, {}, m_callbacks).Failure;
+}
+
+/// What was renamed, to replace something, and has not done so, is the only one of its kind.
+TavroFailure Settlement::MoveStagedBack(const TavroStep& Step) {
+    return Step.Role == Role::Moved ? Bring(StagedPath(Step), Step.From, Step.Identity.Inode)
+                                    : TavroFailure();
+}
+
+/// What was replaced, and has the hidden name, is on its way to the trash.
+TavroFailure Settlement::TrashStaged(const TavroStep& Step) {
+    return Bring(StagedPath(Step), Step.To, Step.Identity.Inode);
 }
 
 /// Records of which the items are not there, of what was to be trashed and was not, or was

@@ -1,5 +1,6 @@
 #include "transfer.h"
 
+#include "changes.h"
 #include "guard.h"
 #include "measure.h"
 #include "move.h"
@@ -7,9 +8,12 @@
 #include "place.h"
 #include "remove.h"
 #include "tavropane.h"
+#include "trash_record.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
+#include <iterator>
 #include <optional>
 #include <unordered_set>
 #include <utility>
@@ -28,9 +32,8 @@ int Look(const TavroPlace& Place, struct stat& OutStatus) {
     return TavroStatAt(Place.Number(), Place.Name.c_str(), OutStatus);
 }
 
-int RenameWithin(const TavroDirectory& Directory, const std::string& From, const std::string& To) {
-    const int number = Directory.Descriptor.Number();
-    return TavroRenameNoReplace(number, From.c_str(), number, To.c_str());
+int RenameTo(const TavroPlace& From, const TavroPlace& To) {
+    return TavroRenameNoReplace(From.Number(), From.Name.c_str(), To.Number(), To.Name.c_str());
 }
 
 /// Whether the answer is yes for the directory of a place, or for one above it.
@@ -48,21 +51,6 @@ template <typename Question> bool IsAnyAbove(const TavroPlace& Place, Question I
         directory = std::move(above);
     }
     return true;
-}
-
-/// Options that take the next free name beside a place as often as one is taken.
-/// @param Names  kept by reference, as is the place.
-TavroMoveOptions ToFreeName(const TavroPlace& Place, TavroFreeNames& Names) {
-    TavroMoveOptions options;
-    options.NextName = [&] {
-        const TavroIdentity& which = Place.Directory->Identity;
-        return Names.Choose(std::to_string(which.Device) + ':' + std::to_string(which.Inode),
-                            Place.Name, [&](const std::string& name) {
-                                struct stat status = {};
-                                return Look({Place.Directory, name}, status) == 0;
-                            });
-    };
-    return options;
 }
 
 // =================================================================================================
@@ -127,93 +115,177 @@ class OwnWork {
 public:
     void Add(const TavroPlace& Place, const TavroFileState& Arrived) {
         m_work.insert(Arrived.Identity);
-        m_directories += Arrived.IsDirectory() ? 1 : 0;
+        m_bDirectories = m_bDirectories || Arrived.IsDirectory();
+        AddHolders(Place);
+    }
+
+    /// The directories above something.
+    void AddHolders(const TavroPlace& Place) {
         IsAnyAbove(Place,
                    [&](const TavroIdentity& above) { return !m_holders.insert(above).second; });
     }
 
     /// Whether what is at a place was put there, by itself or with a directory that it is in.
     bool Includes(const TavroPlace& Place, const TavroIdentity& There) {
-        if (m_work.count(There) != 0 || m_directories == 0) {
+        if (m_work.count(There) != 0 || !m_bDirectories) {
             return m_work.count(There) != 0;
         }
-        const TavroIdentity& directory = Place.Directory->Identity;
-        if (m_asked != directory || m_askedAt != m_directories) {
-            m_asked = directory;
-            m_askedAt = m_directories;
-            m_bAnswer = IsAnyAbove(
-                Place, [&](const TavroIdentity& above) { return m_work.count(above) != 0; });
-        }
-        return m_bAnswer;
+        const std::vector<TavroIdentity>& above = AllAbove(Place);
+        return std::any_of(above.begin(), above.end(), [&](const TavroIdentity& directory) {
+            return m_work.count(directory) != 0;
+        });
     }
 
     bool IsIn(const TavroIdentity& Directory) const {
         return m_holders.count(Directory) != 0;
     }
 
+    /// Directories have gone elsewhere.
+    void ForgetWays() {
+        m_ways.clear();
+    }
+
 private:
+    /// The directory of a place and all above it. Neighbours have the same.
+    const std::vector<TavroIdentity>& AllAbove(const TavroPlace& Place) {
+        for (const std::vector<TavroIdentity>& way : m_ways) {
+            if (way.front() == Place.Directory->Identity) {
+                return way;
+            }
+        }
+        if (m_ways.size() == mostWays) {
+            m_ways.clear();
+        }
+        std::vector<TavroIdentity>& way = m_ways.emplace_back();
+        IsAnyAbove(Place, [&](const TavroIdentity& above) {
+            way.push_back(above);
+            return false;
+        });
+        return way;
+    }
+
+    static constexpr std::size_t mostWays = 4;
+
     std::unordered_set<TavroIdentity> m_work;
     std::unordered_set<TavroIdentity> m_holders; ///< All directories above it.
-    std::size_t m_directories = 0;               ///< How many of it are directories.
-    TavroIdentity m_asked;                       ///< The last directory that was asked about,
-    std::size_t m_askedAt = 0;                   ///< at how many directories,
-    bool m_bAnswer = false;                      ///< and the answer.
+    bool m_bDirectories = false;                 ///< Some of it are directories.
+    std::vector<std::vector<TavroIdentity>> m_ways;
 };
+
+// =================================================================================================
+// Entries that wait
+// =================================================================================================
+
+/// One entry that is decided upon. Nothing of it shows before all that were decided upon with it
+/// are on the disk, and the history knows of them.
+struct Pending {
+    std::unique_ptr<TavroStagedCopy> Copy; ///< Knows the places, also where nothing is copied.
+    TavroFileState Source;
+    bool bRename = false;   ///< Nothing is copied.
+    bool bExchange = false; ///< Something is at its destination.
+    TavroFileState Old;     ///< What is there.
+    std::string AskedFrom;  ///< The paths as they are told,
+    std::string AskedTo;
+    std::string OwnFrom; ///< and as the history keeps them.
+    std::string OwnTo;
+    std::function<std::string()> NextName;
+    TavroTransferItemPlan* Item = nullptr;
+    bool bDone = false;
+    bool bAgain = false; ///< Something was in the way.
+
+    // Of what is replaced:
+
+    std::string OldName; ///< Its name in the trash; empty: it does not go there.
+    std::string Hidden;  ///< The name that it gets first.
+};
+
+/// A directory that was merged into another one, and is to be removed when it is empty.
+struct Emptied {
+    std::string Path;
+    TavroIdentity Directory; ///< That holds it.
+    TavroIdentity Identity;
+    mode_t Mode;
+};
+
+/// From so many waiting entries on they are not let wait for more.
+constexpr std::size_t mostPending = 20000;
+
+/// From so many looks into one directory on, its names are read at once.
+constexpr int manyLooks = 64;
+
+/// How often an entry is tried whose destination appears and vanishes all the time.
+constexpr int mostTries = 10;
+
+/// How many free names are tried, when another process takes each.
+constexpr int mostNames = 100;
 
 // =================================================================================================
 // Items
 // =================================================================================================
-
-/// How often an entry is looked at whose destination appears and vanishes all the time.
-constexpr int mostLooks = 10;
 
 /// One transfer on its way.
 class Transfer {
 public:
     Transfer(const TavroTransferPlan& Plan, const TavroTransferCallbacks& Callbacks,
              TavroTransferReport& OutReport)
-        : m_bMove(Plan.bMove), m_report(OutReport), m_progress(Callbacks),
-          m_judge(Plan.ConflictPolicy, Callbacks.OnConflict) {}
+        : m_bMove(Plan.bMove), m_policy(Plan.ConflictPolicy), m_callbacks(Callbacks),
+          m_report(OutReport), m_progress(Callbacks),
+          m_judge(Plan.ConflictPolicy, Callbacks.OnConflict), m_changes(Callbacks.bSync) {}
 
     void Run(std::vector<TavroTransferItemPlan>& Items);
 
 private:
     bool CheckGuard(const std::vector<TavroTransferItemPlan>& Items);
     bool Measure(std::vector<TavroTransferItemPlan>& Items);
+    std::string OwnPathOf(const std::string& Path);
+    bool Announce(const std::vector<TavroTransferItemPlan>& Items);
     bool FindPlaces(const TavroTransferItemPlan& Item, Route& OutRoute);
+    bool FindAgainWhenEntangled(const TavroTransferItemPlan& Item, Route& IoRoute);
     void CarryOutItem(TavroTransferItemPlan& Item);
 
     void TransferEntry(const Route& Way, TavroTransferItemPlan* Item = nullptr);
-    bool TryEntry(const Route& Way, TavroTransferItemPlan* Item);
     void SettleConflict(const Route& Way, const struct stat& Source, const struct stat& There,
                         TavroTransferItemPlan* Item);
-    bool Bring(const Route& Way, bool bReplace);
-    void KeepBoth(const Route& Way, TavroTransferItemPlan* Item);
-    TavroMoveReport Carry(const Route& Way, TavroMoveOptions Options);
-    void Note(const Route& Way, bool bReplaced, TavroMoveReport& Report);
+    void KeepBoth(const Route& Way, const struct stat& Source, TavroTransferItemPlan* Item);
+    void Replace(const Route& Way, const struct stat& Source, const struct stat& Old,
+                 TavroTransferItemPlan* Item);
+    void Prepare(const Route& Way, const struct stat& Source, const struct stat* Old,
+                 TavroMoveOptions Options, TavroTransferItemPlan* Item);
+    bool IsTaken(const TavroPlace& To, struct stat& OutThere);
+    bool IsEntangled(const Route& Way, const struct stat& Source);
+    void Remember(const Pending& Entry);
 
     bool BeginMerge(const Route& Way);
     void FinishMerges(const TavroPlace& Item);
-    void RemoveEmptied(const TavroPlace& Place, const TavroIdentity& Expected);
+    void RemoveEmptied();
 
-    void Replace(const Route& Way, bool bSourceDirectory, const struct stat& Old);
-    void ReplaceByExchange(const Route& Way, const TavroIdentity& Old);
-    int PutInPlace(const TavroPlace& Beside, const TavroPlace& To, std::string& OutOldName);
-    void TakeBack(const Route& Back, const TavroIdentity& Arrived);
-    void RemoveReplaced(const TavroPlace& To, const std::string& OldName, const TavroIdentity& Old);
+    void Flush();
+    TavroFailure ClaimTrash(std::vector<Pending>& Entries);
+    TavroFailure Journal(const std::vector<Pending>& Entries);
+    TavroStep ReplacedStep(const Pending& Entry) const;
+    void Publish(Pending& Entry);
+    void Rename(Pending& Entry);
+    void FailToRename(Pending& Entry, int Error);
+    void RenameByCopying(Pending& Entry);
+    void TrashReplaced(Pending& Entry);
+    bool NeedsFinish(const Pending& Entry) const;
+    void Finish(Pending& Entry);
+    void Note(Pending& Entry);
+    void TryAgain(std::vector<Pending>& Entries);
+    void Discard();
 
     bool IsCancelled() {
         m_report.bCancelled = m_report.bCancelled || m_progress.ShouldCancel();
-        return m_report.bCancelled;
+        return m_report.bCancelled || m_bStopped;
     }
 
-    /// @return true: the entry is dealt with.
-    bool Fail(TavroFailure Failure) {
+    void Fail(TavroFailure Failure) {
         m_report.Failed.push_back(std::move(Failure));
-        return true;
     }
 
     const bool m_bMove;
+    const TavroTransferConflictPolicy m_policy;
+    const TavroTransferCallbacks& m_callbacks;
     TavroTransferReport& m_report;
     TavroProgressTeller m_progress;
     TavroConflictJudge m_judge;
@@ -223,17 +295,40 @@ private:
     OwnWork m_ownWork;
     std::optional<TavroGuard> m_deletion; ///< Guards what is replaced.
     std::vector<Merge> m_merges;          ///< The innermost last.
-    bool m_bExpectTaken = false;          ///< The last place that was looked at was taken.
+    bool m_bStopped = false;              ///< By an answer.
+    bool m_bSingle = false;               ///< One file is all.
     std::uint64_t m_itemsFinished = 0;
     std::uint64_t m_bytesFinished = 0;
+
+    // The directory that was looked into last, how often, and its names once they were read.
+    TavroIdentity m_lookedInto;
+    int m_looks = 0;
+    std::unordered_set<std::string> m_taken;
+
+    TavroDescriptor m_source; ///< A file that is to be copied next.
+    std::vector<Pending> m_pending;
+    std::unordered_set<std::string> m_pendingTo; ///< Own paths.
+    OwnWork m_pendingWork;                       ///< What waits, as if it were done.
+    std::vector<Emptied> m_emptied;              ///< Inner ones first.
+    std::size_t m_createdTold = 0; ///< So many created directories are in the journal.
+    int m_tries = 0;               ///< More than 0: what was taken is tried again.
+    TavroChanges m_changes;
+    std::unique_ptr<TavroOpenTrash> m_trash; ///< Once something is replaced.
+    std::unique_ptr<TavroTrashClaims> m_claims;
 };
 
 void Transfer::Run(std::vector<TavroTransferItemPlan>& Items) {
-    if (CheckGuard(Items) && Measure(Items)) {
+    if (CheckGuard(Items) && Measure(Items) && Announce(Items)) {
         for (TavroTransferItemPlan& item : Items) {
             CarryOutItem(item);
         }
+        if (m_report.bCancelled) {
+            Discard();
+        } else {
+            Flush();
+        }
     }
+    m_report.bCancelled = m_report.bCancelled || m_bStopped;
     m_progress.Tell();
 }
 
@@ -271,21 +366,70 @@ bool Transfer::Measure(std::vector<TavroTransferItemPlan>& Items) {
     return !m_report.bCancelled;
 }
 
+/// The own path of an entry; its directory is looked up once for neighbours.
+std::string Transfer::OwnPathOf(const std::string& Path) {
+    TavroPlace place;
+    return m_places.Find(Path, place) ? TavroFindOwnPath(Path) : place.OwnPath();
+}
+
+/// Tells the history what is planned. What is a single small file, and leaves nothing behind while
+/// it waits, is told when it is whole.
+bool Transfer::Announce(const std::vector<TavroTransferItemPlan>& Items) {
+    std::vector<TavroStep> steps;
+    for (const TavroTransferItemPlan& item : Items) {
+        steps.push_back({TavroStepRole::Planned,
+                         OwnPathOf(item.SourcePath.string()),
+                         OwnPathOf(item.DestinationPath.string()),
+                         "",
+                         {},
+                         0,
+                         static_cast<std::uint32_t>(m_policy)});
+    }
+    const std::string parent = Items.empty() ? "/" : TavroParentOf(steps.front().To);
+    TavroPlace place;
+    struct stat status = {};
+    m_bSingle = Items.size() == 1 && !m_places.Find(Items[0].SourcePath.string(), place) &&
+                Look(place, status) == 0 && !S_ISDIR(status.st_mode);
+    if (!m_callbacks.BeforeActs || steps.empty() || (m_bSingle && TavroIsPresent(parent))) {
+        return true;
+    }
+    for (const std::string& missing : TavroFindMissing(parent)) {
+        steps.push_back({TavroStepRole::CreatedDirectory, "", missing});
+    }
+    TavroFailure failure = m_callbacks.BeforeActs(
+        m_bMove ? TavroOperationKind::Move : TavroOperationKind::Copy, steps);
+    const bool bCan = !failure;
+    if (!bCan) {
+        Fail(std::move(failure));
+    }
+    return bCan;
+}
+
 /// Finds where an item is and is to go. Missing directories above its destination are created,
 /// unless it could not go there.
 bool Transfer::FindPlaces(const TavroTransferItemPlan& Item, Route& OutRoute) {
     const std::string destination = Item.DestinationPath.string();
     TavroFailure failure = m_places.Find(Item.SourcePath.string(), OutRoute.From);
+    if (!failure) {
+        failure = m_places.Find(destination, OutRoute.To);
+    }
+    if (failure && !m_pending.empty()) { // what waits may be what is missing
+        Flush();
+        failure = m_places.Find(Item.SourcePath.string(), OutRoute.From);
+    } else if (failure) {
+        failure = OutRoute.From.Directory ? TavroFailure() : failure;
+    }
     if (failure) {
-        return !Fail({Kind::Read, failure.Error, std::move(failure.Path)});
+        Fail({Kind::Read, failure.Error, std::move(failure.Path)});
+        return false;
     }
     failure = m_places.Find(destination, OutRoute.To);
     const std::string own = failure ? TavroFindOwnPath(destination) : OutRoute.To.OwnPath();
     struct stat status = {};
     if (TavroIsBelow(OutRoute.From.OwnPath(), own) && Look(OutRoute.From, status) == 0 &&
         S_ISDIR(status.st_mode)) {
-        return !Fail(
-            {m_bMove ? Kind::MoveIntoItself : Kind::CopyIntoItself, {}, OutRoute.From.Path()});
+        Fail({m_bMove ? Kind::MoveIntoItself : Kind::CopyIntoItself, {}, OutRoute.From.Path()});
+        return false;
     }
     if (failure) {
         failure =
@@ -294,7 +438,20 @@ bool Transfer::FindPlaces(const TavroTransferItemPlan& Item, Route& OutRoute) {
     if (failure.Kind == Kind::LookAt) {
         failure = {Kind::CreateDirectory, failure.Error, TavroParentOf(destination)};
     }
-    return !failure || !Fail(std::move(failure));
+    const bool bFound = !failure;
+    if (!bFound) {
+        Fail(std::move(failure));
+    }
+    return bFound;
+}
+
+/// What an earlier item does may lead its paths elsewhere.
+bool Transfer::FindAgainWhenEntangled(const TavroTransferItemPlan& Item, Route& IoRoute) {
+    if (!IsEntangled(IoRoute, {})) {
+        return true;
+    }
+    Flush();
+    return FindPlaces(Item, IoRoute);
 }
 
 void Transfer::CarryOutItem(TavroTransferItemPlan& Item) {
@@ -304,7 +461,7 @@ void Transfer::CarryOutItem(TavroTransferItemPlan& Item) {
     }
     if (TavroIsCddaPath(Item.SourcePath.string())) {
         Fail({Kind::AudioTrack, {}, Item.SourcePath.string()});
-    } else if (FindPlaces(Item, way)) {
+    } else if (FindPlaces(Item, way) && FindAgainWhenEntangled(Item, way)) {
         TransferEntry(way, &Item);
         FinishMerges(way.From);
     }
@@ -322,38 +479,60 @@ void Transfer::CarryOutItem(TavroTransferItemPlan& Item) {
 /// @param Item  the planned item that this entry is; null for an entry of a merged directory.
 void Transfer::TransferEntry(const Route& Way, TavroTransferItemPlan* Item) {
     m_progress.Begin([&] { return Way.From.Path(); });
-    for (int looks = 0; looks < mostLooks; ++looks) {
-        if (IsCancelled() || TryEntry(Way, Item)) {
-            return;
-        }
+    if (IsCancelled() || (m_callbacks.IsDone && m_callbacks.IsDone(Way.From.Path()))) {
+        return;
     }
-    Fail(TavroFail(Kind::Taken, EEXIST, Way.To.Path()));
-}
-
-/// @return false when the destination is not any more what it was a moment ago, be it that another
-///         transfer was quicker.
-bool Transfer::TryEntry(const Route& Way, TavroTransferItemPlan* Item) {
     struct stat source = {};
     struct stat there = {};
-    if (!m_bExpectTaken && Bring(Way, false)) {
-        return true;
+    int error =
+        m_bMove || TavroOpenSource(Way.From.Number(), Way.From.Name.c_str(), m_source, source) != 0
+            ? Look(Way.From, source)
+            : 0;
+    if (error == 0 && IsEntangled(Way, source)) {
+        Flush();
+        error = Look(Way.From, source);
     }
-    m_bExpectTaken = Look(Way.To, there) == 0;
-    if (!m_bExpectTaken) {
-        return Bring(Way, false);
-    }
-    const int error = Look(Way.From, source);
+    const bool bTaken = IsTaken(Way.To, there);
     if (error != 0) {
-        return Fail(TavroFail(Kind::Read, error, Way.From.Path()));
+        Fail(TavroFail(!bTaken && m_bMove ? Kind::MoveTo : Kind::Read, error, Way.From.Path(),
+                       !bTaken && m_bMove ? Way.To.Path() : ""));
+    } else if (!bTaken) {
+        Prepare(Way, source, nullptr, {}, Item);
+    } else if (TavroIdentityOf(source) == TavroIdentityOf(there)) {
+        Fail({Kind::SameEntry, {}, Way.From.Path(), Way.To.Path()});
+    } else if (!S_ISDIR(source.st_mode) || !S_ISDIR(there.st_mode)) {
+        SettleConflict(Way, source, there, Item);
+    } else if (!BeginMerge(Way)) {
+        Prepare(Way, source, nullptr, {}, Item);
     }
-    if (TavroIdentityOf(source) == TavroIdentityOf(there)) {
-        return Fail({Kind::SameEntry, {}, Way.From.Path(), Way.To.Path()});
+}
+
+/// Whether something is at a place. What comes there later is found when an entry is published.
+bool Transfer::IsTaken(const TavroPlace& To, struct stat& OutThere) {
+    if (m_lookedInto != To.Directory->Identity) {
+        m_lookedInto = To.Directory->Identity;
+        m_looks = 0;
     }
-    if (S_ISDIR(source.st_mode) && S_ISDIR(there.st_mode)) {
-        return BeginMerge(Way);
+    TavroListing listing;
+    m_looks += m_looks < manyLooks ? 1 : 0;
+    if (m_looks == manyLooks && TavroListDirectory(To.Number(), listing) == 0) {
+        ++m_looks;
+        m_taken.clear();
+        while (const char* name = listing.Next()) {
+            m_taken.insert(name);
+        }
     }
-    SettleConflict(Way, source, there, Item);
-    return true;
+    return (m_looks <= manyLooks || m_taken.count(To.Name) != 0) && Look(To, OutThere) == 0;
+}
+
+/// Whether an entry has to do with what waits: is in it, holds it, or goes to where it goes.
+bool Transfer::IsEntangled(const Route& Way, const struct stat& Source) {
+    return !m_pending.empty() &&
+           (m_pendingTo.count(Way.From.OwnPath()) != 0 ||
+            m_pendingTo.count(Way.To.OwnPath()) != 0 ||
+            (S_ISDIR(Source.st_mode) && m_pendingWork.IsIn(TavroIdentityOf(Source))) ||
+            m_pendingWork.Includes(Way.From, TavroIdentityOf(Source)) ||
+            m_pendingWork.Includes(Way.To, {}));
 }
 
 void Transfer::SettleConflict(const Route& Way, const struct stat& Source, const struct stat& There,
@@ -361,73 +540,109 @@ void Transfer::SettleConflict(const Route& Way, const struct stat& Source, const
     const bool bDirectory = S_ISDIR(Source.st_mode);
     switch (m_judge.Judge({Way.From.Path(), Way.To.Path(), bDirectory, S_ISDIR(There.st_mode)})) {
     case TavroConflictChoice::Overwrite:
-        Replace(Way, bDirectory, There);
+        Replace(Way, Source, There, Item);
         break;
     case TavroConflictChoice::Skip:
         m_report.Skipped.push_back(Way.From.Path());
         break;
     case TavroConflictChoice::KeepBoth:
-        KeepBoth(Way, Item);
+        KeepBoth(Way, Source, Item);
         break;
     case TavroConflictChoice::Stop:
-        m_report.bCancelled = true;
+        m_bStopped = true;
         break;
     }
 }
 
-/// @return false when something is at the destination.
-bool Transfer::Bring(const Route& Way, bool bReplace) {
+/// To the next free name beside a place, as often as one is taken.
+void Transfer::KeepBoth(const Route& Way, const struct stat& Source, TavroTransferItemPlan* Item) {
     TavroMoveOptions options;
-    options.bReplace = bReplace;
-    TavroMoveReport report = Carry(Way, std::move(options));
-    // Whatever else failed, what is in the way comes first.
-    struct stat there = {};
-    const bool bMayBeTaken =
-        report.Failure && report.Failure.Kind != Kind::Cancelled && !bReplace && !report.bCopyStays;
-    if (report.Failure.Kind == Kind::Taken || (bMayBeTaken && Look(Way.To, there) == 0)) {
-        return false;
-    }
-    Note(Way, bReplace, report);
-    return true;
+    const TavroIdentity& which = Way.To.Directory->Identity;
+    const std::string place = std::to_string(which.Device) + ':' + std::to_string(which.Inode);
+    const TavroPlace to = Way.To;
+    options.NextName = [this, to, place] {
+        return m_freeNames.Choose(place, to.Name, [&](const std::string& name) {
+            struct stat status = {};
+            return Look({to.Directory, name}, status) == 0;
+        });
+    };
+    const Route free = {Way.From, {Way.To.Directory, options.NextName()}};
+    Prepare(free, Source, nullptr, std::move(options), Item);
 }
 
-void Transfer::KeepBoth(const Route& Way, TavroTransferItemPlan* Item) {
-    const TavroMoveOptions options = ToFreeName(Way.To, m_freeNames);
-    Route free = {Way.From, {Way.To.Directory, options.NextName()}};
-    TavroMoveReport report = Carry(free, options);
-    free.To.Name = report.Name.empty() ? free.To.Name : report.Name;
-    Note(free, false, report);
-    if (Item != nullptr) {
-        Item->DestinationPath = free.To.Path();
-        Item->bDestinationRenamed = true;
+void Transfer::Replace(const Route& Way, const struct stat& Source, const struct stat& Old,
+                       TavroTransferItemPlan* Item) {
+    const TavroIdentity old = TavroIdentityOf(Old);
+    const bool bDirectory = S_ISDIR(Old.st_mode);
+    if (bDirectory && m_pendingWork.IsIn(old)) {
+        Flush();
+    }
+    const auto isOld = [&](const TavroIdentity& above) { return above == old; };
+    TavroFailure refusal = {Kind::None, {}, Way.From.Path(), Way.To.Path()};
+    if (bDirectory && IsAnyAbove(Way.From, isOld)) {
+        refusal.Kind = Kind::ReplaceHolder;
+    } else if (m_ownWork.Includes(Way.To, old)) {
+        refusal.Kind = Kind::ReplaceOwnWork;
+    } else if (bDirectory && m_ownWork.IsIn(old)) {
+        refusal.Kind = Kind::ReplaceHolderOfOwnWork;
+    } else if (bDirectory) {
+        m_deletion = m_deletion ? std::move(m_deletion) : TavroGuard(TavroAct::Delete);
+        refusal = m_deletion->Check(Way.To, Old);
+    }
+    if (refusal) {
+        Fail(std::move(refusal));
+    } else {
+        Prepare(Way, Source, &Old, {}, Item);
     }
 }
 
-TavroMoveReport Transfer::Carry(const Route& Way, TavroMoveOptions Options) {
+/// Makes the copy, where there is one to make, and lets the entry wait.
+void Transfer::Prepare(const Route& Way, const struct stat& Source, const struct stat* Old,
+                       TavroMoveOptions Options, TavroTransferItemPlan* Item) {
+    Pending entry;
     Options.bCopy = !m_bMove;
-    return TavroBringEntry(Way.From, Way.To, Options, m_links, m_progress);
+    Options.bNamed = !m_bSingle || Old != nullptr;
+    Options.bSync = m_bSingle && m_callbacks.bSync; // else all reach the disk together
+    const bool bSynced = Options.bSync;
+    entry.Source = TavroStateOf(Source);
+    entry.Item = Item;
+    entry.AskedFrom = Way.From.Path();
+    entry.AskedTo = Way.To.Path();
+    entry.OwnFrom = Way.From.OwnPath();
+    entry.OwnTo = Way.To.OwnPath();
+    entry.NextName = Options.NextName;
+    entry.bExchange = Old != nullptr;
+    entry.Old = Old != nullptr ? TavroStateOf(*Old) : TavroFileState();
+    entry.bRename =
+        m_bMove && Way.From.Directory->Identity.Device == Way.To.Directory->Identity.Device;
+    entry.Copy = std::make_unique<TavroStagedCopy>(Way.From, Way.To, std::move(Options), m_links,
+                                                   m_progress);
+    const int error =
+        !m_bMove || entry.bRename ? 0 : TavroAccessAt(Way.From.Number(), ".", W_OK | X_OK);
+    if (error != 0) {
+        Fail(TavroFail(Kind::Move, error, entry.AskedFrom, entry.AskedTo));
+        return;
+    }
+    if (!entry.bRename && !entry.Copy->Stage(Source, std::move(m_source))) {
+        Note(entry);
+        return;
+    }
+    if (!entry.bRename && !bSynced) {
+        m_changes.AddBytes(Way.To.Directory);
+    }
+    Remember(entry);
+    entry.Copy->Rest();
+    m_pending.push_back(std::move(entry));
+    if (m_pending.size() == mostPending || m_tries > 0) {
+        Flush();
+    }
 }
 
-/// Takes over what became of an entry.
-void Transfer::Note(const Route& Way, bool bReplaced, TavroMoveReport& Report) {
-    m_report.Lost.AccessLists += Report.Lost.AccessLists;
-    m_report.Lost.ExtendedAttributes += Report.Lost.ExtendedAttributes;
-    if (!Report.Failure || Report.bPartlyMoved) {
-        m_report.Done.push_back({Way.From.Path(), Way.To.Path(), bReplaced, Report.Arrived});
-    }
-    if (Report.Failure.Kind == Kind::Cancelled) {
-        m_report.bCancelled = true;
-    } else if (Report.Failure) {
-        Fail(std::move(Report.Failure));
-    }
-    for (TavroFailure& failure : Report.Below) {
-        Fail(std::move(failure));
-    }
-    if (Report.Arrived.Identity.Inode != 0) {
-        m_ownWork.Add(Way.To, Report.Arrived);
-    }
-    if (m_bMove && Report.Arrived.IsDirectory()) {
-        m_places.Forget(Way.From.OwnPath());
+void Transfer::Remember(const Pending& Entry) {
+    m_pendingTo.insert(Entry.OwnTo);
+    m_pendingWork.AddHolders(Entry.Copy->To());
+    if (Entry.Source.IsDirectory() && m_bMove) {
+        m_pendingWork.Add(Entry.Copy->From(), Entry.Source);
     }
 }
 
@@ -445,10 +660,12 @@ bool Transfer::BeginMerge(const Route& Way) {
     int error = Open(Way.From, true, merge.From);
     error = error != 0 ? error : TavroListDirectory(merge.From->Descriptor.Number(), merge.Names);
     if (error != 0) {
-        return Fail(TavroFail(Kind::Read, error, Way.From.Path()));
+        Fail(TavroFail(Kind::Read, error, Way.From.Path()));
+        return true;
     }
     if (merge.From->Identity == merge.To->Identity) {
-        return Fail({Kind::SameEntry, {}, Way.From.Path(), Way.To.Path()});
+        Fail({Kind::SameEntry, {}, Way.From.Path(), Way.To.Path()});
+        return true;
     }
     m_merges.push_back(std::move(merge));
     if (m_merges.size() > openMerges) {
@@ -462,7 +679,7 @@ bool Transfer::BeginMerge(const Route& Way) {
 /// Carries out the merges that were begun, and those that begin on the way.
 /// @param Item  the source that the outermost one began with.
 void Transfer::FinishMerges(const TavroPlace& Item) {
-    while (!m_merges.empty() && !m_report.bCancelled) {
+    while (!m_merges.empty() && !m_report.bCancelled && !m_bStopped) {
         Merge& last = m_merges.back();
         if (const char* name = last.Names.Next()) {
             TransferEntry({{last.From, name}, {last.To, name}});
@@ -479,141 +696,392 @@ void Transfer::FinishMerges(const TavroPlace& Item) {
             break;
         }
         if (m_bMove) {
-            RemoveEmptied({bOutermost ? Item.Directory : m_merges.back().From, left.Name},
-                          left.From->Identity);
+            const TavroPlace place = {bOutermost ? Item.Directory : m_merges.back().From,
+                                      left.Name};
+            struct stat status = {};
+            TavroStat(left.From->Descriptor.Number(), status);
+            m_emptied.push_back({place.Path(), place.Directory->Identity, left.From->Identity,
+                                 status.st_mode & 07777U});
         }
     }
     m_merges.clear();
 }
 
 /// What was skipped or failed is still in it, and then it stays.
-void Transfer::RemoveEmptied(const TavroPlace& Place, const TavroIdentity& Expected) {
-    struct stat status = {};
-    int error = Look(Place, status);
-    if (error == 0 && TavroIdentityOf(status) != Expected) {
-        Fail({Kind::Changed, {}, Place.Path()});
-        return;
-    }
-    error = error != 0 ? error : TavroRemoveDirectoryAt(Place.Number(), Place.Name.c_str());
-    if (error == 0) {
-        m_report.RemovedDirectories.push_back({Place.Path(), status.st_mode & 07777U});
-        m_places.Forget(Place.OwnPath());
-    } else if (error != ENOTEMPTY && error != EEXIST) {
-        Fail(TavroFail(Kind::RemoveEmptied, error, Place.Path()));
-    }
-}
-
-// =================================================================================================
-// Replacing
-// =================================================================================================
-
-void Transfer::Replace(const Route& Way, bool bSourceDirectory, const struct stat& Old) {
-    const TavroIdentity old = TavroIdentityOf(Old);
-    const bool bDirectory = S_ISDIR(Old.st_mode);
-    const auto isOld = [&](const TavroIdentity& above) { return above == old; };
-    TavroFailure refusal = {Kind::None, {}, Way.From.Path(), Way.To.Path()};
-    if (bDirectory && IsAnyAbove(Way.From, isOld)) {
-        refusal.Kind = Kind::ReplaceHolder;
-    } else if (m_ownWork.Includes(Way.To, old)) {
-        refusal.Kind = Kind::ReplaceOwnWork;
-    } else if (bDirectory && m_ownWork.IsIn(old)) {
-        refusal.Kind = Kind::ReplaceHolderOfOwnWork;
-    } else if (bDirectory) {
-        m_deletion = m_deletion ? std::move(m_deletion) : TavroGuard(TavroAct::Delete);
-        refusal = m_deletion->Check(Way.To, Old);
-    }
-    if (refusal) {
-        Fail(std::move(refusal));
-    } else if (bSourceDirectory || bDirectory) {
-        ReplaceByExchange(Way, old);
-    } else {
-        Bring(Way, true); // one rename: one of both is there at every moment
-    }
-}
-
-/// A directory is neither replaced by one rename nor replaces anything by one. The new entry comes
-/// beside the old one under a free name, for all to see while it may be the only one; then both
-/// exchange their names, and the old one goes.
-void Transfer::ReplaceByExchange(const Route& Way, const TavroIdentity& Old) {
-    TavroFreeNames names;
-    const TavroMoveOptions options = ToFreeName(Way.To, names);
-    TavroPlace beside = {Way.To.Directory, options.NextName()};
-    TavroMoveReport report = Carry({Way.From, beside}, options);
-    beside.Name = report.Name.empty() ? beside.Name : report.Name;
-    if (report.Failure && !report.bPartlyMoved) {
-        Note({Way.From, beside}, false, report);
-        return;
-    }
-    std::string oldName = beside.Name;
-    const int error = PutInPlace(beside, Way.To, oldName);
-    if (error != 0) {
-        Fail(TavroFail(Kind::Replace, error, Way.To.Path()));
-        if (report.bPartlyMoved) {
-            Note({Way.From, beside}, false, report);
-        } else {
-            TakeBack({beside, Way.From}, report.Arrived.Identity);
+void Transfer::RemoveEmptied() {
+    for (const Emptied& emptied : std::exchange(m_emptied, {})) {
+        TavroPlace place;
+        struct stat status = {};
+        TavroFailure failure = m_places.Find(emptied.Path, place);
+        int error = failure ? failure.Error.value() : Look(place, status);
+        if (error == 0 && (TavroIdentityOf(status) != emptied.Identity ||
+                           place.Directory->Identity != emptied.Directory)) {
+            Fail({Kind::Changed, {}, emptied.Path});
+            continue;
         }
+        error = error != 0 ? error : TavroRemoveDirectoryAt(place.Number(), place.Name.c_str());
+        if (error == 0) {
+            m_report.RemovedDirectories.push_back({emptied.Path, status.st_mode & 07777U});
+            m_changes.Add(place.Directory);
+            m_places.Forget(place.OwnPath());
+        } else if (error != ENOTEMPTY && error != EEXIST) {
+            Fail(TavroFail(Kind::RemoveEmptied, error, emptied.Path));
+        }
+    }
+}
+
+// =================================================================================================
+// Publishing
+// =================================================================================================
+
+/// Brings all that waits to its places: first to the disk, then into the history, then under its
+/// names; what it replaces goes to the trash, and what was moved is removed where it was.
+void Transfer::Flush() {
+    std::vector<Pending> entries = std::exchange(m_pending, {});
+    m_pendingTo.clear();
+    m_pendingWork = OwnWork();
+    m_lookedInto = {};
+    int error = m_changes.Flush();
+    TavroFailure failure =
+        error == 0 ? ClaimTrash(entries)
+                   : TavroFail(Kind::Write, error, entries.empty() ? "" : entries[0].AskedTo);
+    failure = failure ? failure : Journal(entries);
+    if (failure) {
+        Fail(std::move(failure));
+        m_pending = std::move(entries);
+        Discard();
         return;
     }
-    Note(Way, true, report);
-    m_places.Forget(Way.To.OwnPath());
-    RemoveReplaced(Way.To, oldName, Old);
-}
-
-/// Gives what lies beside a place the name of the place, and what is there another one.
-/// @param OutOldName  set to it when that is not the name that lay beside.
-/// @return 0, or the error number; all is as it was then, or it is said what is not.
-int Transfer::PutInPlace(const TavroPlace& Beside, const TavroPlace& To, std::string& OutOldName) {
-    int error = TavroExchange(To.Number(), Beside.Name.c_str(), To.Number(), To.Name.c_str());
-    if (error != EINVAL && error != ENOSYS) {
-        return error;
+    for (Pending& entry : entries) {
+        if ((failure = entry.Copy->Wake(m_places))) {
+            entry.Copy->Report().Failure = {Kind::Read, failure.Error, entry.AskedFrom};
+        } else {
+            Publish(entry);
+            entry.Copy->Rest();
+        }
     }
-    // The file system cannot exchange: the old entry steps aside.
-    const TavroPlace aside = {To.Directory, TavroStagingName()};
-    error = RenameWithin(*To.Directory, To.Name, aside.Name);
+    // A source goes, and so does what was replaced for good, only when the new entry is in its
+    // place even after a power cut.
+    error = m_changes.Flush();
+    for (Pending& entry : entries) {
+        if (error == 0 && entry.bDone && NeedsFinish(entry) && !entry.Copy->Wake(m_places)) {
+            Finish(entry);
+        }
+    }
+    for (Pending& entry : entries) {
+        if (!entry.bAgain) {
+            Note(entry);
+        }
+    }
+    TryAgain(entries);
+    if (error == 0) {
+        RemoveEmptied();
+        error = m_changes.Flush();
+    }
     if (error != 0) {
-        return error;
+        Fail(TavroFail(Kind::Write, error, entries.empty() ? "" : entries[0].AskedTo));
     }
-    error = RenameWithin(*To.Directory, Beside.Name, To.Name);
-    const int back = error != 0 ? RenameWithin(*To.Directory, aside.Name, To.Name) : 0;
-    if (back != 0) {
-        Fail(TavroFail(Kind::OldEntryLiesAt, back, To.Path(), aside.Path()));
-    }
-    OutOldName = aside.Name;
-    return error;
 }
 
-/// What could not take its place goes back to where it was.
-void Transfer::TakeBack(const Route& Back, const TavroIdentity& Arrived) {
-    TavroFailure failure;
-    if (m_bMove) {
-        TavroMoveOptions options;
-        options.Expected = Arrived;
-        failure = Carry(Back, std::move(options)).Failure;
+/// Claims a name in the trash for each entry that will be replaced. The records are on the disk
+/// before that.
+TavroFailure Transfer::ClaimTrash(std::vector<Pending>& Entries) {
+    std::size_t claimed = 0;
+    std::string last;
+    for (Pending& entry : Entries) {
+        if (!entry.bExchange) {
+            continue;
+        }
+        entry.Hidden = entry.bRename ? TavroStagingName() : entry.Copy->StagedName();
+        if (!m_callbacks.bKeepReplaced) {
+            continue;
+        }
+        TavroFailure failure;
+        if (!m_trash) {
+            m_trash = std::make_unique<TavroOpenTrash>();
+            m_claims = std::make_unique<TavroTrashClaims>(*m_trash);
+            failure = TavroEnsurePrivateTrash();
+            failure = failure ? failure : m_trash->Open();
+        }
+        failure = failure ? failure
+                          : m_claims->Claim(TavroNameOf(entry.OwnTo), entry.OwnTo, entry.OldName);
+        if (failure) {
+            return failure;
+        }
+        last = entry.OldName;
+        ++claimed;
+    }
+    const int error =
+        claimed == 0 || !m_callbacks.bSync ? 0 : TavroSyncRecords(*m_trash, claimed, last);
+    return error == 0 ? TavroFailure() : TavroFail(Kind::WriteRecord, error, m_trash->Folders.Info);
+}
+
+TavroStep Transfer::ReplacedStep(const Pending& Entry) const {
+    return {TavroStepRole::Replaced,
+            Entry.OwnTo,
+            TavroJoin(m_trash->Folders.Files, Entry.OldName),
+            TavroJoin(m_trash->Folders.Info, TavroRecordName(Entry.OldName)),
+            Entry.Old.Identity,
+            0,
+            0,
+            Entry.Old.IsDirectory()};
+}
+
+/// Tells the history what is going to be published.
+TavroFailure Transfer::Journal(const std::vector<Pending>& Entries) {
+    if (!m_callbacks.BeforeActs || (Entries.empty() && m_emptied.empty())) {
+        return {};
+    }
+    std::vector<TavroStep> steps;
+    for (const Pending& entry : Entries) {
+        TavroStep step{m_bMove ? TavroStepRole::Moved : TavroStepRole::Copied, entry.OwnFrom,
+                       entry.OwnTo};
+        step.Identity = entry.Source.Identity;
+        step.Staged = entry.Hidden;
+        if (!entry.bRename) {
+            step.Identity = entry.Copy->Staged().Identity;
+            step.Staged = entry.Copy->StagedName();
+            step.Source = entry.Source.Identity;
+            step.SourceTime = entry.Source.ChangeTime;
+        }
+        steps.push_back(std::move(step));
+        if (!entry.OldName.empty()) {
+            steps.push_back(ReplacedStep(entry));
+            steps.back().Staged = entry.Hidden;
+        }
+    }
+    for (; m_createdTold < m_report.CreatedDirectories.size(); ++m_createdTold) {
+        steps.push_back({TavroStepRole::CreatedDirectory, "",
+                         TavroFindOwnPath(m_report.CreatedDirectories[m_createdTold])});
+    }
+    for (const Emptied& emptied : m_emptied) {
+        steps.push_back(
+            {TavroStepRole::RemovedDirectory, emptied.Path, "", "", {}, 0, emptied.Mode});
+    }
+    return m_callbacks.BeforeActs(m_bMove ? TavroOperationKind::Move : TavroOperationKind::Copy,
+                                  steps);
+}
+
+void Transfer::Publish(Pending& Entry) {
+    TavroMoveReport& report = Entry.Copy->Report();
+    if (Entry.bRename) {
+        Rename(Entry);
     } else {
-        failure = TavroRemoveTree(Back.From, {Arrived});
+        Entry.bDone = Entry.Copy->Publish(Entry.bExchange);
     }
-    if (failure) {
-        Fail({m_bMove ? Kind::OldEntryLiesAt : Kind::RemoveIncompleteCopy, failure.Error,
-              m_bMove ? Back.To.Path() : Back.From.Path(), Back.From.Path()});
+    Entry.bAgain = report.Failure.Kind == Kind::Taken;
+    if (Entry.bDone) {
+        m_changes.Add(Entry.Copy->To().Directory);
+        m_changes.Add(Entry.Copy->From().Directory);
+    }
+    if (Entry.bDone && !Entry.OldName.empty()) {
+        TrashReplaced(Entry);
+    } else if (!Entry.OldName.empty()) {
+        m_claims->Drop(TavroNameOf(Entry.OwnTo), Entry.OldName);
     }
 }
 
-/// Removes what was replaced, once what replaced it has reached the disk.
-void Transfer::RemoveReplaced(const TavroPlace& To, const std::string& OldName,
-                              const TavroIdentity& Old) {
-    const std::string hidden = TavroStagingName();
-    const bool bHidden = RenameWithin(*To.Directory, OldName, hidden) == 0;
-    const TavroPlace old = {To.Directory, bHidden ? hidden : OldName};
-    TavroFailure failure = TavroFail(Kind::Remove, TavroSyncFileSystem(To.Number()), "");
-    if (!failure.Error) {
-        failure = TavroRemoveTree(old, {Old});
+/// Moves by a rename; what is to replace something goes beside it first, so that both can exchange
+/// their names.
+void Transfer::Rename(Pending& Entry) {
+    TavroMoveReport& report = Entry.Copy->Report();
+    const TavroPlace& from = Entry.Copy->From();
+    TavroPlace to = Entry.Copy->To();
+    const std::string name = to.Name;
+    to.Name = Entry.bExchange ? Entry.Hidden : name;
+    int error = RenameTo(from, to);
+    for (int i = 0; i < mostNames && error == EEXIST && Entry.NextName; ++i) {
+        to.Name = Entry.NextName();
+        error = RenameTo(from, to);
+    }
+    if (error == EXDEV) {
+        RenameByCopying(Entry);
+        return;
+    }
+    struct stat status = {};
+    if (error == 0 && Entry.Source.Identity !=
+                          (Look(to, status) == 0 ? TavroIdentityOf(status) : TavroIdentity())) {
+        error = ESTALE; // another file had the name until the moment of the rename
+        RenameTo(to, from);
+    } else if (error == 0 && Entry.bExchange) {
+        error = TavroExchange(to.Number(), to.Name.c_str(), to.Number(), name.c_str());
+        if (error != 0) {
+            RenameTo(to, from);
+        }
+        to.Name = name;
+        Look(to, status); // it has another change time by that
+    }
+    if (error != 0) {
+        FailToRename(Entry, error);
+        return;
+    }
+    report.Name = to.Name;
+    report.Arrived = TavroStateOf(status);
+    Entry.bDone = true;
+}
+
+void Transfer::FailToRename(Pending& Entry, int Error) {
+    const bool bIntoItself = Error == EINVAL && Entry.Source.IsDirectory();
+    const Kind kind = Error == ESTALE   ? Kind::Changed
+                      : Error == EEXIST ? Kind::Taken
+                      : Entry.bExchange ? Kind::Replace
+                      : bIntoItself     ? Kind::MoveIntoItself
+                                        : Kind::MoveTo;
+    const bool bTo = kind == Kind::Taken || kind == Kind::Replace;
+    Entry.Copy->Report().Failure =
+        TavroFail(kind, kind == Kind::Changed ? 0 : Error, bTo ? Entry.AskedTo : Entry.AskedFrom,
+                  bTo ? Entry.AskedFrom : Entry.AskedTo);
+}
+
+/// Of two mounts of one file system, or where one is a file system only in part.
+void Transfer::RenameByCopying(Pending& Entry) {
+    const Route way = {Entry.Copy->From(), Entry.Copy->To()};
+    TavroMoveOptions options;
+    options.bNamed = true;
+    options.bSync = m_callbacks.bSync;
+    options.NextName = Entry.NextName;
+    Entry.bRename = false;
+    Entry.Copy = std::make_unique<TavroStagedCopy>(way.From, way.To, options, m_links, m_progress);
+    struct stat source = {};
+    if (Look(way.From, source) != 0 || !Entry.Copy->Stage(source)) {
+        return;
+    }
+    m_changes.AddBytes(way.To.Directory);
+    Entry.Hidden = Entry.Copy->StagedName();
+    const int error = m_changes.Flush();
+    std::vector<Pending> one;
+    one.push_back(std::move(Entry));
+    TavroFailure failure =
+        error == 0 ? Journal(one) : TavroFail(Kind::Write, error, one[0].AskedTo);
+    Entry = std::move(one[0]);
+    if (failure) {
+        Entry.Copy->GiveUp();
+        Entry.Copy->Report().Failure = std::move(failure);
+        return;
+    }
+    Entry.bDone = Entry.Copy->Publish(Entry.bExchange);
+}
+
+/// What was replaced, and has the hidden name now, goes to the trash.
+void Transfer::TrashReplaced(Pending& Entry) {
+    const TavroPlace old = {Entry.Copy->To().Directory, Entry.Hidden};
+    TavroPlace item;
+    TavroFailure failure = m_places.Find(TavroJoin(m_trash->Folders.Files, Entry.OldName), item);
+    if (!failure) {
+        TavroMoveOptions options;
+        options.bSync = m_callbacks.bSync;
+        const TavroMoveReport report = TavroBringEntry(old, item, options, m_links, m_progress);
+        failure = report.Failure;
+        Entry.Old.Identity = report.Arrived.Identity;
+        m_changes.Add(item.Directory);
     }
     if (failure) {
-        Fail({Kind::ReplacedLiesAt,
-              failure.Error ? failure.Error : TavroFail(Kind::Changed, ESTALE, "").Error, To.Path(),
-              old.Path()});
+        Fail({Kind::ReplacedLiesAt, failure.Error, Entry.AskedTo, old.Path()});
+        return;
     }
+    m_report.Replaced.push_back(ReplacedStep(Entry));
+}
+
+bool Transfer::NeedsFinish(const Pending& Entry) const {
+    return (m_bMove && !Entry.bRename) || (Entry.bExchange && Entry.OldName.empty());
+}
+
+void Transfer::Finish(Pending& Entry) {
+    if (m_bMove && !Entry.bRename) {
+        Entry.Copy->RemoveSource();
+        m_changes.Add(Entry.Copy->From().Directory);
+    }
+    if (Entry.bExchange && Entry.OldName.empty()) {
+        const TavroPlace old = {Entry.Copy->To().Directory, Entry.Hidden};
+        TavroFailure failure = TavroRemoveTree(old, {Entry.Old.Identity});
+        m_changes.Add(old.Directory);
+        if (failure) {
+            Fail({Kind::ReplacedLiesAt,
+                  failure.Error ? failure.Error : TavroFail(Kind::Changed, ESTALE, "").Error,
+                  Entry.AskedTo, old.Path()});
+        }
+    }
+    Entry.Copy->Rest();
+}
+
+/// Takes over what became of an entry.
+void Transfer::Note(Pending& Entry) {
+    TavroMoveReport& report = Entry.Copy->Report();
+    m_report.Lost.AccessLists += report.Lost.AccessLists;
+    m_report.Lost.ExtendedAttributes += report.Lost.ExtendedAttributes;
+    const std::string to = TavroJoin(TavroParentOf(Entry.AskedTo), report.Name);
+    if (Entry.NextName && Entry.Item != nullptr) {
+        Entry.Item->DestinationPath = to;
+        Entry.Item->bDestinationRenamed = true;
+    }
+    if (Entry.bDone && (!report.Failure || report.bPartlyMoved)) {
+        m_report.Done.push_back({Entry.AskedFrom, to, Entry.bExchange, report.Arrived});
+    }
+    if (report.Failure.Kind == Kind::Cancelled) {
+        m_report.bCancelled = true;
+    } else if (report.Failure) {
+        Fail(std::move(report.Failure));
+    }
+    for (TavroFailure& failure : report.Below) {
+        Fail(std::move(failure));
+    }
+    TavroPlace place;
+    if (report.Arrived.Identity.Inode != 0 && !m_places.Find(to, place)) {
+        m_ownWork.Add(place, report.Arrived);
+    }
+    if (report.Arrived.IsDirectory()) {
+        m_ownWork.ForgetWays();
+    }
+    if (m_bMove && report.Arrived.IsDirectory()) {
+        m_places.Forget(Entry.OwnFrom);
+    }
+}
+
+/// What was in the way meanwhile is a conflict like any other.
+void Transfer::TryAgain(std::vector<Pending>& Entries) {
+    std::vector<Merge> merges = std::exchange(m_merges, {});
+    for (Pending& entry : Entries) {
+        if (!entry.bAgain || entry.Copy->Wake(m_places)) {
+            continue;
+        }
+        const Route way = {entry.Copy->From(), entry.Copy->To()};
+        if (!entry.bRename) {
+            entry.Copy->GiveUp();
+        }
+        if (m_tries == mostTries) {
+            Fail(TavroFail(Kind::Taken, EEXIST, entry.AskedTo));
+            continue;
+        }
+        ++m_tries;
+        TransferEntry(way, entry.Item);
+        FinishMerges(way.From);
+        --m_tries;
+    }
+    m_merges = std::move(merges);
+}
+
+/// Nothing of what waits is done.
+void Transfer::Discard() {
+    for (Pending& entry : m_pending) {
+        if (!entry.OldName.empty()) {
+            m_claims->Drop(TavroNameOf(entry.OwnTo), entry.OldName);
+        }
+        if (!entry.bRename && !entry.Copy->Wake(m_places)) {
+            entry.Copy->GiveUp();
+            std::vector<TavroFailure>& below = entry.Copy->Report().Below;
+            std::move(below.begin(), below.end(), std::back_inserter(m_report.Failed));
+        }
+    }
+    m_pending.clear();
+    m_emptied.clear();
+    std::vector<std::string>& created = m_report.CreatedDirectories;
+    TavroPlace place;
+    while (m_report.Done.empty() && !created.empty() && !m_places.Find(created.back(), place) &&
+           TavroRemoveDirectoryAt(place.Number(), place.Name.c_str()) == 0) {
+        created.pop_back();
+        m_changes.Add(place.Directory);
+    }
+    m_changes.Flush();
 }
 
 } // namespace

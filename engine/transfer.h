@@ -12,6 +12,7 @@
 #include "copy_file.h"
 #include "failure.h"
 #include "identity.h"
+#include "operation.h"
 #include "progress.h"
 #include "tavrotransfer.h"
 
@@ -39,6 +40,9 @@ struct TavroTransferReport {
     /// of one that was merged into another, each entry that is new there is one.
     std::vector<TavroTransferredEntry> Done;
 
+    /// What was replaced and lies in the trash now, as steps of the operation.
+    std::vector<TavroStep> Replaced;
+
     /// What was left alone because something was at its destination.
     std::vector<std::string> Skipped;
 
@@ -65,6 +69,9 @@ struct TavroTransferCallbacks : TavroCallbacks {
 
     /// Asked for each source; what is done already is passed over.
     std::function<bool(const std::string& From)> IsDone = {};
+
+    /// Whether what is replaced goes to the trash; else it is deleted for good.
+    bool bKeepReplaced = true;
 };
 
 /// Carries out a plan, item by item. One item that fails does not stop the others; a full target

@@ -7,7 +7,6 @@
 #include "trash_record.h"
 
 #include <algorithm>
-#include <fcntl.h>
 #include <functional>
 #include <set>
 #include <string_view>
@@ -200,20 +199,6 @@ TavroTrashedEntry InTrash(const TavroTrashFolders& Folders, const TavroBatchStep
             Step.Arrived.Identity};
 }
 
-/// Brings records to the disk: a single one by itself.
-int SyncRecords(const TavroOpenTrash& Trash, std::size_t Count, const std::string& Item,
-                const TavroCallbacks& Callbacks) {
-    const int info = Trash.Info.Number();
-    TavroDescriptor record;
-    if (!Callbacks.bSync || TavroDiskOf(info) == TavroDisk::None) {
-        return 0;
-    }
-    if (Count > 1 || TavroOpenAt(info, TavroRecordName(Item).c_str(), O_RDONLY, record) != 0) {
-        return TavroSyncFileSystem(info);
-    }
-    return TavroSync(record.Number());
-}
-
 /// What is trashed, as the history keeps it.
 std::vector<TavroStep> StepsOf(const TavroTrashFolders& Folders,
                                const std::vector<TavroBatchStep>& Steps) {
@@ -281,7 +266,8 @@ TavroFailure Trashing::Claim(std::size_t Index) {
 }
 
 TavroFailure Trashing::Sync(std::size_t Count, std::size_t Last) const {
-    const int error = SyncRecords(m_trash, Count, TavroNameOf(m_steps[Last].To), m_callbacks);
+    const int error =
+        m_callbacks.bSync ? TavroSyncRecords(m_trash, Count, TavroNameOf(m_steps[Last].To)) : 0;
     return error == 0 ? TavroFailure()
                       : TavroFail(TavroFailureKind::WriteRecord, error, m_trash.Folders.Info);
 }

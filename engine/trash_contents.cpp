@@ -302,7 +302,7 @@ TavroFailure Emptying::RemoveItem(const struct stat& Status,
 
 /// Brings it to the disk that items are gone, and then that their records are.
 int Emptying::Sync() const {
-    if (!m_trash.Info.IsOpen() || TavroDiskOf(m_trash.Info.Number()) == TavroDisk::None) {
+    if (!m_trash.Info.IsOpen()) {
         return 0;
     }
     const bool bOneLog = TavroDiskOf(m_trash.Info.Number()) == TavroDisk::OrderedLog;

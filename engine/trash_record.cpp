@@ -245,3 +245,12 @@ std::optional<std::time_t> TavroTimeOfDate(const std::string& Date) {
     std::optional<std::tm> fields = FieldsOfDate(Date);
     return fields ? std::optional<std::time_t>(std::mktime(&*fields)) : std::nullopt;
 }
+
+int TavroSyncRecords(const TavroOpenTrash& Trash, std::size_t Count, const std::string& Item) {
+    const int info = Trash.Info.Number();
+    TavroDescriptor record;
+    if (Count > 1 || TavroOpenAt(info, TavroRecordName(Item).c_str(), O_RDONLY, record) != 0) {
+        return TavroSyncFileSystem(info);
+    }
+    return TavroSync(record.Number());
+}

@@ -43,6 +43,11 @@ std::string TavroRecordText(const std::string& OriginalPath, std::time_t Time);
 TavroFailure TavroCreateRecord(const TavroOpenTrash& Trash, const std::string& Item,
                                const std::string& Text, mode_t& IoMode);
 
+/// Brings new records to the disk: a single one by itself, others with their file system.
+/// @param Item  the item of one of them.
+/// @return 0, or the error number.
+int TavroSyncRecords(const TavroOpenTrash& Trash, std::size_t Count, const std::string& Item);
+
 /// Claims names for what goes to the trash. A record that was created whole holds its name, for
 /// every program that keeps to the convention. Thousands of entries of one name cost no more than
 /// as many of different names.

@@ -88,8 +88,10 @@ private:
     TavroFailure TrashAgain();
     void DropTrashed();
     TavroFailure TrashCopies();
-    TavroFailure Restore();
+    TavroFailure Restore(Role What);
     TavroFailure RestoreCopies();
+    TavroFailure TrashReplaced();
+    TavroFailure ActOnMain();
     TavroFailure Act();
 
     const bool m_bUndo;
@@ -455,8 +457,8 @@ void Reversal::DropTrashed() {
 }
 
 /// Restores what lies in the trash for the operation.
-TavroFailure Reversal::Restore() {
-    const Steps steps = StepsOf(Role::Trashed);
+TavroFailure Reversal::Restore(Role What) {
+    const Steps steps = StepsOf(What);
     std::vector<TavroTrashedEntry> entries;
     TavroFailure failure = Each(steps, [&](const TavroStep& step) {
         TavroSeenEntry seen;
@@ -482,7 +484,7 @@ TavroFailure Reversal::Restore() {
 TavroFailure Reversal::RestoreCopies() {
     TavroFailure failure = CheckToMake();
     failure = failure ? failure : MakeDirectories();
-    failure = failure ? failure : Restore();
+    failure = failure ? failure : Restore(Role::Trashed);
     if (failure) {
         return failure;
     }
@@ -498,11 +500,36 @@ TavroFailure Reversal::RestoreCopies() {
 // The whole
 // =================================================================================================
 
+/// What the operation had replaced, and its undo brought back, goes to the trash again.
+TavroFailure Reversal::TrashReplaced() {
+    const Steps replaced = StepsOf(Role::Replaced);
+    std::vector<TavroStep> trashed;
+    TavroFailure failure = replaced.empty() ? TavroFailure() : Trash(replaced, trashed);
+    for (std::size_t i = 0; i < trashed.size(); ++i) {
+        replaced[i]->To = trashed[i].To;
+        replaced[i]->Record = trashed[i].Record;
+        replaced[i]->Identity = trashed[i].Identity;
+    }
+    return failure;
+}
+
 TavroFailure Reversal::Act() {
+    const bool bReplaced = !StepsOf(Role::Replaced).empty();
+    TavroFailure failure = bReplaced && !m_bUndo ? TrashReplaced() : TavroFailure();
+    m_report.bPartly = bReplaced && !failure && !m_bUndo;
+    failure = failure ? failure : ActOnMain();
+    if (failure || !bReplaced || !m_bUndo) {
+        return failure;
+    }
+    m_report.bPartly = true;
+    return Restore(Role::Replaced);
+}
+
+TavroFailure Reversal::ActOnMain() {
     switch (m_report.Operation.Kind) {
     case TavroOperationKind::Trash:
     case TavroOperationKind::Restore:
-        return m_bUndo ? Restore() : TrashAgain();
+        return m_bUndo ? Restore(Role::Trashed) : TrashAgain();
     case TavroOperationKind::Rename:
     case TavroOperationKind::Move:
         return MoveAll();
@@ -703,7 +730,7 @@ TavroUndoReport Going::Run(FindNext Find, TavroFailureKind Nothing, bool bUndo, 
     if (!failure) {
         failure = End(bUndo);
         m_report.bDoneButNotSaved = static_cast<bool>(failure);
-    } else if (bInterrupted) {
+    } else if (bInterrupted || m_report.bPartly) {
         m_history.LeaveOperation();
     } else {
         m_history.EndOperation(m_before, false);

@@ -18,6 +18,7 @@ protected:
         fs::remove_all(target());
         makeDirectory(target());
         m_plan.Items.clear();
+        fs::remove_all(m_home / ".local"); // names in the trash are free again
         for (int i = 0; i < count; ++i) {
             prepare(i);
         }
@@ -41,7 +42,7 @@ TEST_F(TransferCost, a_small_file_is_copied_with_at_most_12_calls) {
         writeFile(source(std::to_string(i)), "bytes");
         add(std::to_string(i), std::to_string(i));
     };
-    EXPECT_GE(12, callsForOneMore(false, 50));
+    EXPECT_GE(12, callsForOneMore(false, 100));
 }
 
 TEST_F(TransferCost, a_small_file_is_renamed_with_at_most_5_calls) {
@@ -49,7 +50,7 @@ TEST_F(TransferCost, a_small_file_is_renamed_with_at_most_5_calls) {
         writeFile(source(std::to_string(i)), "bytes");
         add(std::to_string(i), std::to_string(i));
     };
-    EXPECT_GE(5, callsForOneMore(true, 50));
+    EXPECT_GE(5, callsForOneMore(true, 100));
 }
 
 TEST_F(TransferCost, an_entry_that_replaces_one_costs_the_same_however_much_was_done_before) {

@@ -246,6 +246,12 @@ protected:
     explicit TransferTest(const fs::path& where = fs::temp_directory_path()) : m_box(where) {
         makeDirectory(source());
         makeDirectory(target());
+        fs::permissions(m_home.path(), fs::perms::all); // also for who is not root
+    }
+
+    /// Where what was replaced lies now; of several of one name the first.
+    fs::path trashed(const std::string& name) const {
+        return m_home / ".local/share/Trash/files" / name;
     }
 
     fs::path source(const std::string& name = "") const {
@@ -360,6 +366,8 @@ protected:
         };
     }
 
+    Sandbox m_home;
+    ScopedEnvironment m_homeVariable{"HOME", m_home.path().string()};
     Sandbox m_box;
     std::optional<Sandbox> m_other;
     fs::path m_target = m_box / "target";

@@ -95,7 +95,7 @@ TEST_F(CarryOutTransfer, arrivals_are_told_by_identity) {
         EXPECT_TRUE(run(bMove, {"tree", "both"}));
         ASSERT_EQ(2U, m_report.Done.size());
         for (const TavroTransferredEntry& entry : m_report.Done) {
-            EXPECT_TRUE(TavroIsUnchanged(entry.Arrived, TavroStateOf(statusOf(entry.To))));
+            EXPECT_EQ(entry.Arrived.Identity, TavroIdentityOf(statusOf(entry.To)));
         }
         fs::remove_all(target("tree"));
     }
