@@ -145,7 +145,9 @@ public:
     }
 
 private:
+    TavroFailure SettleBoth(const TavroStep& Step, TavroWhereabouts& OutWhere);
     TavroFailure RemoveStaged(const TavroStep& Step);
+    TavroFailure Remove(const std::string& Path, std::uint64_t Inode);
     TavroFailure MoveStagedBack(const TavroStep& Step);
     TavroFailure TrashStaged(const TavroStep& Step);
     TavroFailure Bring(const std::string& From, const std::string& To, std::uint64_t Inode);
@@ -168,10 +170,32 @@ TavroFailure Settlement::Settle(TavroStep& IoStep, TavroWhereabouts& OutWhere) {
     TakeOwnDirectory(IoStep);
     OutWhere = TavroFindStep(IoStep, m_places);
     if (!failure && OutWhere == TavroWhereabouts::InBoth) {
-        failure = TavroTrashSelection({TavroNameEntry(IoStep.From)}, m_callbacks, {}).Batch.Failure;
-        OutWhere = failure ? OutWhere : TavroWhereabouts::AtTo;
+        failure = SettleBoth(IoStep, OutWhere);
+    }
+    if (OutWhere == TavroWhereabouts::AtFrom && IoStep.Source.Inode != 0 &&
+        IoStep.Role != Role::Copied) {
+        IoStep.Identity = IoStep.Source;
     }
     return failure;
+}
+
+/// What was copied, and whose source was not removed, or not wholly. The copy is whole. Nothing is
+/// removed for good here: what is there twice may lie in the trash once more.
+TavroFailure Settlement::SettleBoth(const TavroStep& Step, TavroWhereabouts& OutWhere) {
+    const bool bBack = m_operation.State == TavroOperationState::Undoing ||
+                       m_operation.Kind == TavroOperationKind::Restore;
+    TavroPlace from;
+    struct stat status = {};
+    const bool bFile = !m_places.Find(Step.From, from) &&
+                       TavroStatAt(from.Number(), from.Name.c_str(), status) == 0 &&
+                       !S_ISDIR(status.st_mode);
+    OutWhere =
+        bBack || (bFile && IsTrashed(Step)) ? TavroWhereabouts::AtFrom : TavroWhereabouts::AtTo;
+    if (IsTrashed(Step) && OutWhere == TavroWhereabouts::AtFrom) {
+        return {};
+    }
+    const std::string& rest = bBack ? Step.To : Step.From;
+    return TavroTrashSelection({TavroNameEntry(rest)}, m_callbacks, {}).Batch.Failure;
 }
 
 /// A directory that was missing before, and is there, is the one that the operation has made.
@@ -188,18 +212,24 @@ void Settlement::TakeOwnDirectory(TavroStep& IoStep) {
     }
 }
 
-/// Only the very file or directory that was made as the copy goes.
+/// Copies wait beside where they are to be; those of what goes back, beside where it came from.
 TavroFailure Settlement::RemoveStaged(const TavroStep& Step) {
-    TavroPlace place;
-    const std::string path = StagedPath(Step);
-    if (InodeAt(m_places, path) != Step.Identity.Inode || path.empty() ||
-        m_places.Find(path, place)) {
+    if (Step.Staged.empty()) {
         return {};
     }
-    TavroIdentity identity = Step.Identity;
-    identity.Device = place.Directory->Identity.Device;
+    TavroFailure failure = Remove(StagedPath(Step), Step.Identity.Inode);
+    return failure ? failure
+                   : Remove(TavroJoin(TavroParentOf(Step.From), Step.Staged), Step.Source.Inode);
+}
+
+/// Only the very file or directory goes that was made as the copy.
+TavroFailure Settlement::Remove(const std::string& Path, std::uint64_t Inode) {
+    TavroPlace place;
+    if (Inode == 0 || InodeAt(m_places, Path) != Inode || m_places.Find(Path, place)) {
+        return {};
+    }
     m_changes.Add(place.Directory);
-    return TavroRemoveTree(place, {identity});
+    return TavroRemoveTree(place, {TavroIdentity{place.Directory->Identity.Device, Inode}});
 }
 
 /// Brings the file of a step from one path to another one, at which nothing is.

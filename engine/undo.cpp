@@ -364,7 +364,18 @@ TavroFailure Reversal::MoveAll() {
 
 /// Moves, and makes the directories again that a merging move has removed.
 TavroFailure Reversal::RunMoves(std::vector<TavroBatchStep>& Moves) {
-    m_report.Moves = TavroRunBatch(Moves, {}, m_callbacks);
+    TavroBatchHooks hooks;
+    hooks.BeforePublish = [&](std::size_t i, const TavroFileState& made,
+                              const std::string& staged) {
+        TavroStep step = *StepsOf(Role::Moved, m_bUndo)[i];
+        step.Identity = m_bUndo ? Moves[i].Seen->State.Identity : made.Identity;
+        step.Source = m_bUndo ? made.Identity : Moves[i].Seen->State.Identity;
+        step.Staged = staged;
+        return m_callbacks.BeforeActs
+                   ? m_callbacks.BeforeActs(m_report.Operation.Kind, {std::move(step)})
+                   : TavroFailure();
+    };
+    m_report.Moves = TavroRunBatch(Moves, hooks, m_callbacks);
     Remember(m_report.Moves.CreatedDirectories);
     TavroFailure failure = m_report.Moves.Failure;
     if (failure || !m_bUndo || !(failure = MakeDirectories())) {
@@ -473,7 +484,10 @@ TavroFailure Reversal::Restore(Role What) {
         return failure;
     }
     TavroCallbacks callbacks = m_callbacks;
-    callbacks.BeforeActs = nullptr; // these steps are kept already
+    callbacks.BeforeActs = [&](TavroOperationKind kind, const std::vector<TavroStep>& told) {
+        const bool bKept = told.front().Source.Inode == 0 || !m_callbacks.BeforeActs;
+        return bKept ? TavroFailure() : m_callbacks.BeforeActs(kind, told);
+    };
     m_report.Trash = TavroRestoreSelection(entries, callbacks);
     for (std::size_t i = 0; i < m_report.Trash.Entries.size(); ++i) {
         steps[i]->Identity = m_report.Trash.Entries[i].Item;
