@@ -521,4 +521,92 @@ TEST_P(Recovery, of_an_undo_and_a_redo_of_a_copy) {
     killEverywhere({prepareRedo, redo, 2});
 }
 
+// ---------------------------------------------------------------------------------------------
+// What settling must leave alone
+// ---------------------------------------------------------------------------------------------
+
+class Settling : public Recovery {
+protected:
+    /// Keeps a trashing of this file under this name as one that was interrupted before it moved
+    /// anything, ten seconds ago.
+    void interruptTrashOf(const std::string& name, const std::string& item) const {
+        TavroHistory history;
+        ASSERT_FALSE(openHistory(history));
+        TavroOperation operation;
+        operation.State = State::Doing;
+        operation.Time = std::time(nullptr) - 10;
+        operation.Steps = {
+            {Role::Trashed, work(name).string(), (trashRoot() / "files" / item).string(),
+             (trashRoot() / "info" / (item + ".trashinfo")).string(), identityOf(work(name))}};
+        ASSERT_FALSE(history.BeginOperation(operation));
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Within, Settling, testing::Values(false));
+
+TEST_P(Settling, leaves_the_records_of_others) {
+    writeFile(work("a"), "bytes");
+    interruptTrashOf("a", "a");
+    const fs::path info = trashRoot() / "info";
+    writeFile(info / "a.trashinfo", "[Trash Info]\nPath=/elsewhere\n");
+    writeFile(info / "just now.trashinfo");
+    writeFile(info / "long ago.trashinfo");
+    fs::last_write_time(info / "long ago.trashinfo",
+                        fs::file_time_type::clock::now() - std::chrono::hours(1));
+    writeFile(info / "own.trashinfo", "[Trash Info]\nPath=" + work("a").string() + "\n");
+    writeFile(info / "other.trashinfo", "[Trash Info]\nPath=" + work("a").string() + "\n");
+    writeFile(trashRoot() / "files/other", "trashed before");
+    ASSERT_EQ(TavroDescribe(undo()), "");
+    EXPECT_TRUE(isPresent(info / "a.trashinfo")) << "of another entry";
+    EXPECT_TRUE(isPresent(info / "just now.trashinfo")) << "somebody may be writing it";
+    EXPECT_TRUE(isPresent(info / "long ago.trashinfo")) << "from before the operation";
+    EXPECT_TRUE(isPresent(info / "other.trashinfo")) << "of an item that is there";
+    EXPECT_FALSE(isPresent(info / "own.trashinfo"));
+    EXPECT_EQ(readFile(work("a")), "bytes");
+}
+
+TEST_P(Settling, touches_no_other_file_that_has_a_name_by_now) {
+    writeFile(work("a"), "bytes");
+    interruptTrashOf("a", "a");
+    fs::rename(work("a"), work("kept"));
+    writeFile(work("a"), "another file");
+    writeFile(trashRoot() / "files/a", "another item");
+    const Snapshot before = tree();
+    EXPECT_EQ(headwayListed()->Done, 0U);
+    ASSERT_EQ(TavroDescribe(undo()), "");
+    EXPECT_EQ(tree(), before);
+}
+
+TEST_P(Settling, is_not_done_while_a_process_is_at_the_operation) {
+    writeFile(work("a"), "bytes");
+    TavroJournal journal(openHistory);
+    const TavroCallbacks callbacks = journal.Bind({});
+    ASSERT_FALSE(callbacks.BeforeActs(
+        Kind::Trash, {{Role::Trashed, work("a").string(), (trashRoot() / "files/a").string(),
+                       (trashRoot() / "info/a.trashinfo").string(), identityOf(work("a"))}}));
+    writeFile(trashRoot() / "info/a.trashinfo", "[Trash Info]\nPath=" + work("a").string() + "\n");
+    const Snapshot before = tree();
+    EXPECT_EQ(undo().Kind, TavroFailureKind::HistoryRunning);
+    EXPECT_EQ(resume().Kind, TavroFailureKind::HistoryRunning);
+    EXPECT_EQ(tree(), before);
+}
+
+TEST_P(Settling, that_fails_can_be_tried_again) {
+    writeFile(work("a"), "bytes");
+    expectDone({rename("a", "b")});
+    {
+        TavroHistory history;
+        ASSERT_FALSE(openHistory(history));
+        bool bChanged = true;
+        ASSERT_FALSE(history.ContinueOperation(listed()[0], State::Undoing, bChanged));
+    }
+    ASSERT_TRUE(headwayListed());
+    writeFile(work("a"), "in the way");
+    EXPECT_EQ(undo().Kind, TavroFailureKind::InTheWay);
+    ASSERT_TRUE(headwayListed());
+    fs::remove(work("a"));
+    ASSERT_EQ(TavroDescribe(undo()), "");
+    EXPECT_EQ(readFile(work("a")), "bytes");
+}
+
 } // namespace
