@@ -79,7 +79,7 @@ bool MayHave(TavroOperationKind What, TavroStepRole Role) {
     case TavroStepRole::CreatedDirectory:
         return main != TavroStepRole::Trashed;
     case TavroStepRole::RemovedDirectory:
-        return main == TavroStepRole::Moved;
+        return main == TavroStepRole::Moved || What == TavroOperationKind::Restore;
     case TavroStepRole::Trashed:
         return main == TavroStepRole::Trashed || main == TavroStepRole::Copied;
     case TavroStepRole::Replaced:
@@ -140,6 +140,8 @@ const std::string schema =
 const std::string applicationId = "1415668338";
 const std::string schemaVersion = "1";
 
+const std::string logSuffix = "-wal";
+
 template <typename Value> std::int64_t Integer(Value Number) {
     return static_cast<std::int64_t>(Number);
 }
@@ -178,7 +180,11 @@ struct TavroDatabase {
     TavroFailure SetAside();
     bool Wait(int Count);
     TavroFailure Failure(Kind What) const;
-    TavroFailure Transact(bool bWrite, const std::function<void()>& Do, bool bAgain = false);
+    /// What a transaction does with the database.
+    enum class Access { Read, Write, WriteLater }; // later: nobody waits until it is on the disk
+
+    TavroFailure Transact(Access What, const std::function<void()>& Do, bool bAgain = false);
+    void Sync();
     TavroFailure Change(const char* Text);
     TavroFailure ReadNext(const char* Which, std::optional<TavroOperation>& OutOperation);
     TavroFailure HoldLock(std::int64_t Id);
@@ -195,6 +201,8 @@ struct TavroDatabase {
     Clock::time_point WaitsSince;
     bool bCancelled = false;
     bool bImpatient = false; ///< Nobody is waited for.
+    bool bSync = true;       ///< What is written reaches the disk.
+    bool bNewLog = false;    ///< The name of the log may not be on the disk.
     sqlite3* Connection = nullptr;
     int Code = SQLITE_OK;
     TavroDescriptor Running; ///< The file of which each operation on its way has locked a byte.
@@ -317,6 +325,8 @@ int FindFile(const TavroPlace& Place, TavroIdentity& OutIdentity) {
 
 } // namespace
 
+using Access = TavroDatabase::Access;
+
 TavroHistory::TavroHistory() : m_database(std::make_unique<TavroDatabase>()) {}
 TavroHistory::~TavroHistory() = default;
 
@@ -333,6 +343,12 @@ TavroFailure TavroHistory::Open(const std::string& File, std::chrono::millisecon
     TavroFailure failure = MakePrivateDirectories(places, TavroParentOf(path));
     failure = failure ? failure : places.Find(path, m_database->Place);
     return failure ? failure : m_database->Open();
+}
+
+void TavroHistory::WaitForDisk(bool bSync) {
+    m_database->bSync = bSync;
+    m_database->Code = SQLITE_OK;
+    m_database->Run(bSync ? "PRAGMA synchronous=NORMAL" : "PRAGMA synchronous=OFF");
 }
 
 const std::string& TavroHistory::Notice() const {
@@ -402,7 +418,9 @@ void TavroDatabase::Connect() {
         [](void* self, int count) -> int { return static_cast<TavroDatabase*>(self)->Wait(count); },
         this);
     sqlite3_wal_hook(Connection, EmptyLog, this);
-    Execute("PRAGMA synchronous=FULL;PRAGMA cell_size_check=ON;PRAGMA secure_delete=OFF");
+    // What is committed is synced by Sync: SQLite would sync the directory each time, too.
+    Execute("PRAGMA synchronous=NORMAL;PRAGMA cell_size_check=ON;PRAGMA secure_delete=OFF");
+    bNewLog = TavroStatAt(Place.Number(), (Place.Name + logSuffix).c_str(), status) != 0;
     CheckSchema();
     if (Code == SQLITE_EMPTY) {
         CreateSchema();
@@ -454,7 +472,7 @@ TavroFailure TavroDatabase::SetAside() {
         aside = Place.Name + ".damaged-" + std::to_string(++number);
     } while (TavroStatAt(directory, aside.c_str(), status) == 0);
     // The file goes last: who finds it gone must not find its log.
-    for (const std::string suffix : {"-wal", "-shm"}) {
+    for (const std::string& suffix : {logSuffix, std::string("-shm")}) {
         TavroRename(directory, (Place.Name + suffix).c_str(), directory, (aside + suffix).c_str());
     }
     const int error = TavroRenameNoReplace(directory, Place.Name.c_str(), directory, aside.c_str());
@@ -502,9 +520,23 @@ TavroFailure TavroDatabase::Failure(Kind What) const {
     return TavroFail(What, error != 0 ? error : EIO, Path);
 }
 
+/// Brings what was committed to the disk.
+void TavroDatabase::Sync() {
+    TavroDescriptor log;
+    if (!IsWell() || !bSync) {
+        return;
+    }
+    int error = TavroOpenAt(Place.Number(), (Place.Name + logSuffix).c_str(), O_RDONLY, log);
+    error = error != 0 ? error : TavroSync(log.Number());
+    error = error != 0 || !bNewLog ? error : TavroSync(Place.Number());
+    bNewLog = bNewLog && error != 0;
+    Keep(error == 0 ? SQLITE_OK : error == ENOSPC ? SQLITE_FULL : SQLITE_IOERR);
+}
+
 /// Does something in a transaction of its own, unless one was begun before. A file that turns out
 /// to be damaged is set aside, and it is done with a new one.
-TavroFailure TavroDatabase::Transact(bool bWrite, const std::function<void()>& Do, bool bAgain) {
+TavroFailure TavroDatabase::Transact(Access What, const std::function<void()>& Do, bool bAgain) {
+    const bool bWrite = What != Access::Read;
     if (Connection == nullptr) {
         return {Kind::HistoryOpen, std::make_error_code(std::errc::bad_file_descriptor)};
     }
@@ -518,6 +550,9 @@ TavroFailure TavroDatabase::Transact(bool bWrite, const std::function<void()>& D
     }
     if (bOwn) {
         Run("COMMIT");
+    }
+    if (bOwn && What == Access::Write) {
+        Sync();
     }
     TavroFailure failure = Failure(bWrite ? Kind::HistorySave : Kind::HistoryRead);
     const bool bDamaged = IsDamaged();
@@ -533,7 +568,7 @@ TavroFailure TavroDatabase::Transact(bool bWrite, const std::function<void()>& D
     if (!failure && !bOwn) {
         Run("BEGIN IMMEDIATE");
     }
-    return failure ? failure : Transact(bWrite, Do, true);
+    return failure ? failure : Transact(What, Do, true);
 }
 
 /// Begins or ends the transaction of a caller.
@@ -548,7 +583,9 @@ TavroFailure TavroHistory::Begin() {
 }
 
 TavroFailure TavroHistory::Commit() {
-    return m_database->Change("COMMIT");
+    TavroFailure failure = m_database->Change("COMMIT");
+    m_database->Sync();
+    return failure ? failure : m_database->Failure(Kind::HistorySave);
 }
 
 void TavroHistory::Rollback() {
@@ -634,7 +671,7 @@ TavroFailure TavroHistory::Record(TavroOperation& Operation) {
     if (!IsValid(Operation)) {
         return {Kind::HistoryUnrecordable};
     }
-    return m_database->Transact(true, [&] {
+    return m_database->Transact(Access::Write, [&] {
         m_database->Insert(Operation);
         DropSurplus(*m_database);
         RemoveDropped(*m_database, Integer(Operation.Steps.size()) + droppedAtOnce);
@@ -645,7 +682,7 @@ TavroFailure TavroHistory::Update(const TavroOperation& Operation) {
     if (!IsValid(Operation)) {
         return {Kind::HistoryUnrecordable};
     }
-    return m_database->Transact(true, [&] {
+    return m_database->Transact(Access::Write, [&] {
         m_database->Run("UPDATE operation SET state = ?, steps = ?, entries = ?, bytes = ? "
                         "WHERE id = ?",
                         Integer(Operation.State), Integer(Operation.Steps.size()),
@@ -699,7 +736,7 @@ TavroFailure TavroHistory::BeginOperation(TavroOperation& Operation) {
     if (!IsValid(Operation)) {
         return {Kind::HistoryUnrecordable};
     }
-    return m_database->Transact(true, [&] {
+    return m_database->Transact(Access::Write, [&] {
         m_database->Insert(Operation);
         m_database->HoldLock(Operation.Id);
     });
@@ -708,14 +745,19 @@ TavroFailure TavroHistory::BeginOperation(TavroOperation& Operation) {
 TavroFailure TavroHistory::ContinueOperation(const TavroOperation& Operation,
                                              TavroOperationState NewState, bool& OutChanged) {
     TavroFailure failure = m_database->HoldLock(Operation.Id);
-    return failure ? failure : m_database->Transact(true, [&] {
+    failure = failure ? failure : m_database->Transact(Access::Write, [&] {
         m_database->Run("UPDATE operation SET state = ? WHERE id = ? AND state = ?",
                         Integer(NewState), Operation.Id, Integer(Operation.State));
         OutChanged = sqlite3_changes(m_database->Connection) == 0;
-        if (OutChanged) {
-            m_database->Running.Close();
-        }
     });
+    if (failure || OutChanged) {
+        LeaveOperation();
+    }
+    return failure;
+}
+
+void TavroHistory::LeaveOperation() {
+    m_database->Running.Close();
 }
 
 bool TavroHistory::IsRunning(const TavroOperation& Operation) const {
@@ -728,7 +770,7 @@ TavroFailure TavroHistory::KeepSteps(std::int64_t Id, std::size_t First,
                      [](const TavroStep& step) { return IsValid(step); })) {
         return {Kind::HistoryUnrecordable};
     }
-    return m_database->Transact(true, [&] {
+    return m_database->Transact(Access::Write, [&] {
         m_database->InsertSteps(Id, Integer(First), Steps);
         m_database->Run("UPDATE operation SET steps = max(steps, ?) WHERE id = ?",
                         Integer(First + Steps.size()), Id);
@@ -737,9 +779,7 @@ TavroFailure TavroHistory::KeepSteps(std::int64_t Id, std::size_t First,
 
 TavroFailure TavroHistory::EndOperation(const TavroOperation& Operation, bool bSameSteps) {
     const bool bNothing = EntriesOf(Operation) == 0;
-    m_database->Code = SQLITE_OK;
-    m_database->Run("PRAGMA synchronous=NORMAL");
-    TavroFailure failure = m_database->Transact(true, [&] {
+    TavroFailure failure = m_database->Transact(Access::WriteLater, [&] {
         m_database->Run("UPDATE operation SET state = ?, steps = ?, entries = ?, bytes = ? "
                         "WHERE id = ?",
                         bNothing ? 2 : Integer(Operation.State), Integer(Operation.Steps.size()),
@@ -751,15 +791,13 @@ TavroFailure TavroHistory::EndOperation(const TavroOperation& Operation, bool bS
         DropSurplus(*m_database);
         RemoveDropped(*m_database, Integer(Operation.Steps.size()) + droppedAtOnce);
     });
-    m_database->Code = SQLITE_OK;
-    m_database->Run("PRAGMA synchronous=FULL");
-    m_database->Running.Close();
+    LeaveOperation();
     return failure;
 }
 
 TavroFailure TavroHistory::Drop(std::int64_t Id) {
     bool bDropped = false;
-    TavroFailure failure = m_database->Transact(true, [&] {
+    TavroFailure failure = m_database->Transact(Access::Write, [&] {
         m_database->Run("UPDATE operation SET state = 2 WHERE id = ? AND state <> 2", Id);
         bDropped = sqlite3_changes(m_database->Connection) != 0;
     });
@@ -819,6 +857,9 @@ bool ReadOperation(Statement& Row, TavroOperation& OutOperation) {
     OutOperation.State = static_cast<TavroOperationState>(Row.Number(2));
     OutOperation.Time = Row.Number(3);
     return IsOneOf(Row.Number(1), TavroOperationKind::Restore) &&
+           IsOneOf(Row.Number(2), TavroOperationState::Redoing) &&
+           (OutOperation.Kind != TavroOperationKind::Restore ||
+            OutOperation.State == TavroOperationState::Doing) &&
            IsOneOf(Row.Number(4), INT64_MAX - 1) && IsOneOf(Row.Number(5), Row.Number(4));
 }
 
@@ -827,7 +868,7 @@ bool ReadOperation(Statement& Row, TavroOperation& OutOperation) {
 TavroFailure TavroDatabase::ReadNext(const char* Which,
                                      std::optional<TavroOperation>& OutOperation) {
     bool bValid = true;
-    TavroFailure failure = Transact(false, [&] {
+    TavroFailure failure = Transact(Access::Read, [&] {
         OutOperation.reset();
         bValid = true;
         Statement row(*this, operationsWhere + Which);
@@ -859,7 +900,7 @@ TavroFailure TavroHistory::NextToResume(std::optional<TavroOperation>& OutOperat
 
 TavroFailure TavroHistory::List(bool bSteps, std::vector<TavroOperation>& OutOperations,
                                 std::vector<std::uint64_t>& OutEntryCounts) {
-    return m_database->Transact(false, [&] {
+    return m_database->Transact(Access::Read, [&] {
         OutOperations.clear();
         OutEntryCounts.clear();
         Statement row(*m_database,

@@ -20,7 +20,8 @@ std::string TavroHistoryPath();
 
 struct TavroDatabase;
 
-/// An SQLite database, in WAL mode and with full synchronisation, for the user alone (mode 0600).
+/// An SQLite database, in WAL mode, for the user alone (mode 0600). What it was told is on the disk
+/// when it says so.
 ///
 /// An operation stays until 1,000 newer ones are there, or newer ones of more than 400 million
 /// bytes (two million steps of usual paths). A damaged file is set aside under
@@ -44,6 +45,10 @@ public:
     /// @param ShouldCancel  ends the wait. May be empty.
     TavroFailure Open(const std::string& File, std::chrono::milliseconds Patience,
                       std::function<bool()> ShouldCancel = {});
+
+    /// Whether what is written from now on has reached the disk when a call returns; it has unless
+    /// told otherwise.
+    void WaitForDisk(bool bSync);
 
     /// After each call: one sentence when a damaged file was set aside, naming it; else empty.
     const std::string& Notice() const;
@@ -87,6 +92,9 @@ public:
     /// @param OutChanged  it is not in its state any more, and stays as it is.
     TavroFailure ContinueOperation(const TavroOperation& Operation, TavroOperationState NewState,
                                    bool& OutChanged);
+
+    /// Lets an operation on its way be as it is: any process may go on with it now.
+    void LeaveOperation();
 
     /// Keeps steps of an operation on its way, from a number on; on the disk when this returns.
     TavroFailure KeepSteps(std::int64_t Id, std::size_t First, const std::vector<TavroStep>& Steps);

@@ -7,6 +7,7 @@ TavroJournal::TavroJournal(TavroHistory& History, const TavroOperation& Operatio
     : m_history(&History), m_id(Operation.Id), m_kept(Operation.Steps) {}
 
 TavroCallbacks TavroJournal::Bind(TavroCallbacks Callbacks) {
+    m_bSync = Callbacks.bSync;
     Callbacks.BeforeActs = [this](TavroOperationKind kind, const std::vector<TavroStep>& steps) {
         return Keep(kind, steps);
     };
@@ -36,6 +37,7 @@ TavroFailure TavroJournal::Begin(TavroOperationKind Kind, const std::vector<Tavr
     if (failure) {
         return failure;
     }
+    m_history->WaitForDisk(m_bSync);
     TavroOperation operation{0, Kind, TavroOperationState::Doing, std::time(nullptr), Steps};
     failure = m_history->BeginOperation(operation);
     m_id = operation.Id;

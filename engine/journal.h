@@ -38,6 +38,7 @@ private:
     TavroHistory m_own;
     TavroHistory* m_history = &m_own;
     TavroFailure m_problem;
+    bool m_bSync = true;
     std::int64_t m_id = 0;
     std::vector<TavroStep> m_kept;
 };

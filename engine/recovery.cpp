@@ -5,11 +5,14 @@
 #include "names.h"
 #include "remove.h"
 #include "trash.h"
+#include "trash_record.h"
 
 #include <algorithm>
+#include <ctime>
 #include <map>
 #include <set>
 #include <tuple>
+#include <unordered_set>
 
 namespace {
 
@@ -127,14 +130,16 @@ namespace {
 /// Settles the steps one by one.
 class Settlement {
 public:
-    explicit Settlement(const TavroCallbacks& Callbacks)
-        : m_callbacks(Callbacks), m_changes(Callbacks.bSync) {
+    Settlement(const TavroOperation& Operation, const TavroCallbacks& Callbacks)
+        : m_operation(Operation), m_callbacks(Callbacks), m_changes(Callbacks.bSync) {
         m_callbacks.BeforeActs = nullptr;
     }
 
-    TavroFailure Settle(const TavroStep& Step, TavroWhereabouts& OutWhere);
+    TavroFailure Settle(TavroStep& IoStep, TavroWhereabouts& OutWhere);
 
-    TavroFailure Finish() {
+    /// @param NotDone  the steps that are not done.
+    TavroFailure Finish(const std::vector<TavroStep>& NotDone) {
+        RemoveRecords(NotDone);
         const int error = m_changes.Flush();
         return error == 0 ? TavroFailure() : TavroFail(TavroFailureKind::Write, error, "");
     }
@@ -144,26 +149,43 @@ private:
     TavroFailure MoveStagedBack(const TavroStep& Step);
     TavroFailure TrashStaged(const TavroStep& Step);
     TavroFailure Bring(const std::string& From, const std::string& To, std::uint64_t Inode);
-    void RemoveRecord(const TavroStep& Step);
+    void TakeOwnDirectory(TavroStep& IoStep);
+    void RemoveRecords(const std::vector<TavroStep>& NotDone);
+    void RemoveRecordsIn(const TavroPlace& Info, const std::set<std::string>& Origins,
+                         const std::set<std::string>& Items);
+    bool IsCutShort(const TavroPlace& Record) const;
 
+    const TavroOperation& m_operation;
     TavroCallbacks m_callbacks;
     TavroPlaces m_places;
     TavroChanges m_changes;
 };
 
-TavroFailure Settlement::Settle(const TavroStep& Step, TavroWhereabouts& OutWhere) {
-    TavroFailure failure = Step.Role == Role::Replaced ? TrashStaged(Step)
-                           : Step.Source.Inode == 0    ? MoveStagedBack(Step)
-                                                       : RemoveStaged(Step);
-    OutWhere = TavroFindStep(Step, m_places);
+TavroFailure Settlement::Settle(TavroStep& IoStep, TavroWhereabouts& OutWhere) {
+    TavroFailure failure = IoStep.Role == Role::Replaced ? TrashStaged(IoStep)
+                           : IoStep.Source.Inode == 0    ? MoveStagedBack(IoStep)
+                                                         : RemoveStaged(IoStep);
+    TakeOwnDirectory(IoStep);
+    OutWhere = TavroFindStep(IoStep, m_places);
     if (!failure && OutWhere == TavroWhereabouts::InBoth) {
-        failure = TavroTrashSelection({TavroNameEntry(Step.From)}, m_callbacks, {}).Batch.Failure;
+        failure = TavroTrashSelection({TavroNameEntry(IoStep.From)}, m_callbacks, {}).Batch.Failure;
         OutWhere = failure ? OutWhere : TavroWhereabouts::AtTo;
     }
-    if (!failure && IsTrashed(Step) && OutWhere != TavroWhereabouts::AtTo) {
-        RemoveRecord(Step);
-    }
     return failure;
+}
+
+/// A directory that was missing before, and is there, is the one that the operation has made.
+void Settlement::TakeOwnDirectory(TavroStep& IoStep) {
+    const TavroOperationState state = m_operation.State;
+    const bool bRestore = m_operation.Kind == TavroOperationKind::Restore;
+    if (IoStep.Role == Role::CreatedDirectory &&
+        (state == TavroOperationState::Doing ||
+         (state == TavroOperationState::Redoing && IoStep.Identity.Inode != 0))) {
+        IoStep.Identity.Inode = InodeAt(m_places, IoStep.To);
+    } else if (IoStep.Role == Role::RemovedDirectory &&
+               (bRestore || state == TavroOperationState::Undoing)) {
+        IoStep.Identity.Inode = InodeAt(m_places, IoStep.From);
+    }
 }
 
 /// Only the very file or directory that was made as the copy goes.
@@ -201,20 +223,76 @@ TavroFailure Settlement::TrashStaged(const TavroStep& Step) {
     return Bring(StagedPath(Step), Step.To, Step.Identity.Inode);
 }
 
-/// The record of what is not in the trash.
-void Settlement::RemoveRecord(const TavroStep& Step) {
-    TavroPlace record;
-    if (InodeAt(m_places, Step.To) == 0 && !m_places.Find(Step.Record, record)) {
-        TavroUnlinkAt(record.Number(), record.Name.c_str());
-        m_changes.Add(record.Directory);
+/// Records of which the items are not there, of what was to be trashed and was not, or was
+/// restored.
+void Settlement::RemoveRecords(const std::vector<TavroStep>& NotDone) {
+    std::set<std::string> directories;
+    std::set<std::string> origins;
+    std::set<std::string> items;
+    for (const TavroStep& step : NotDone) {
+        if (IsTrashed(step)) {
+            directories.insert(TavroParentOf(step.Record));
+            origins.insert(step.From);
+            if (m_operation.Kind == TavroOperationKind::Restore) {
+                items.insert(TavroNameOf(step.To));
+            }
+        }
     }
+    for (const std::string& directory : directories) {
+        TavroPlace inside;
+        if (!m_places.Find(TavroJoin(directory, "x"), inside)) {
+            RemoveRecordsIn(inside, origins, items);
+        }
+    }
+}
+
+/// @param Info     a place in the directory of records.
+/// @param Origins  what a record tells that goes; in Items, which goes whatever it tells.
+void Settlement::RemoveRecordsIn(const TavroPlace& Info, const std::set<std::string>& Origins,
+                                 const std::set<std::string>& Items) {
+    TavroDescriptor files;
+    TavroListing listing;
+    std::unordered_set<std::string> there;
+    if (TavroOpenDirectoryAt(Info.Number(), "../files", files) != 0 ||
+        TavroListDirectory(files.Number(), listing) != 0) {
+        return;
+    }
+    while (const char* name = listing.Next()) {
+        there.insert(name);
+    }
+    TavroListing records;
+    TavroListDirectory(Info.Number(), records);
+    while (const char* name = records.Next()) {
+        const std::optional<std::string> item = TavroItemOfRecord(name);
+        if (!item || there.count(*item) != 0) {
+            continue;
+        }
+        const auto told = TavroReadRecord(Info.Number(), *item, TavroHomeDirectoryPath());
+        if (Items.count(*item) != 0 ||
+            (told ? Origins.count(told->Path) != 0 : IsCutShort({Info.Directory, name}))) {
+            TavroUnlinkAt(Info.Number(), name);
+            m_changes.Add(Info.Directory);
+        }
+    }
+}
+
+/// Whether a record that tells nothing was begun by the operation. Another program that is about to
+/// write one needs no second for it.
+bool Settlement::IsCutShort(const TavroPlace& Record) const {
+    struct stat status = {};
+    struct timespec now = {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    constexpr std::int64_t second = 1'000'000'000;
+    return TavroStatAt(Record.Number(), Record.Name.c_str(), status) == 0 &&
+           status.st_mtim.tv_sec >= m_operation.Time &&
+           TavroNanoseconds(status.st_mtim) + second < TavroNanoseconds(now);
 }
 
 } // namespace
 
 TavroFailure TavroSettle(const TavroOperation& Operation, const TavroCallbacks& Callbacks,
                          std::vector<TavroStep>& OutDone, std::vector<TavroStep>& OutNotDone) {
-    Settlement settlement(Callbacks);
+    Settlement settlement(Operation, Callbacks);
     for (TavroStep& step : LatestOf(Operation.Steps)) {
         TavroWhereabouts where = TavroWhereabouts::Nowhere;
         if (TavroFailure failure = settlement.Settle(step, where)) {
@@ -223,5 +301,5 @@ TavroFailure TavroSettle(const TavroOperation& Operation, const TavroCallbacks& 
         const bool bDone = where == TavroWhereabouts::AtTo;
         (bDone ? OutDone : OutNotDone).push_back(std::move(step));
     }
-    return settlement.Finish();
+    return settlement.Finish(OutNotDone);
 }

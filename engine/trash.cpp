@@ -7,6 +7,8 @@
 #include "trash_record.h"
 
 #include <algorithm>
+#include <functional>
+#include <set>
 #include <string_view>
 #include <unordered_map>
 #include <unordered_set>
@@ -211,29 +213,100 @@ std::vector<TavroStep> StepsOf(const TavroTrashFolders& Folders,
     return steps;
 }
 
-/// Claims a name for each entry. The records are on the disk before anything is moved, and so is
-/// what is going to be done.
-template <typename Claim>
-TavroFailure ClaimAll(const TavroOpenTrash& Trash, std::vector<TavroBatchStep>& Steps,
-                      Claim ClaimOne, const TavroCallbacks& Callbacks) {
-    TavroFailure failure;
-    for (TavroBatchStep& step : Steps) {
+/// Entries on their way into the trash, each under a name that its record holds.
+class Trashing {
+public:
+    Trashing(const TavroOpenTrash& Trash, std::vector<TavroBatchStep>& Steps,
+             const TavroCallbacks& Callbacks)
+        : m_trash(Trash), m_claims(Trash), m_steps(Steps), m_callbacks(Callbacks) {}
+
+    TavroFailure Prepare();
+    TavroFailure Retry(std::size_t Index);
+    void Drop(std::size_t Index);
+
+private:
+    std::string Guess(const TavroBatchStep& Step) const;
+    TavroFailure Claim(std::size_t Index);
+    TavroFailure Sync(std::size_t Count, std::size_t Last) const;
+    TavroFailure Announce(const std::vector<TavroBatchStep>& Steps) const;
+
+    const TavroOpenTrash& m_trash;
+    TavroTrashClaims m_claims;
+    std::vector<TavroBatchStep>& m_steps;
+    const TavroCallbacks& m_callbacks;
+};
+
+/// The name that an entry gets unless that is taken. For a single one it is looked up, so that
+/// nothing has to be told twice.
+std::string Trashing::Guess(const TavroBatchStep& Step) const {
+    constexpr std::uint64_t enough = 100;
+    const std::string name = TavroNameOf(Step.From);
+    struct stat status = {};
+    std::string item;
+    std::uint64_t number = 0;
+    do {
+        item = TavroNumberedName(name, number++, TavroLongestTrashName);
+    } while (m_steps.size() == 1 && number < enough &&
+             TavroStatAt(m_trash.Info.Number(), TavroRecordName(item).c_str(), status) == 0);
+    return item;
+}
+
+TavroFailure Trashing::Announce(const std::vector<TavroBatchStep>& Steps) const {
+    return m_callbacks.BeforeActs && !Steps.empty()
+               ? m_callbacks.BeforeActs(TavroOperationKind::Trash, StepsOf(m_trash.Folders, Steps))
+               : TavroFailure();
+}
+
+TavroFailure Trashing::Claim(std::size_t Index) {
+    TavroBatchStep& step = m_steps[Index];
+    std::string name;
+    TavroFailure failure = m_claims.Claim(TavroNameOf(step.From), step.From, name);
+    step.To = failure ? "" : TavroJoin(m_trash.Folders.Files, name);
+    return failure;
+}
+
+TavroFailure Trashing::Sync(std::size_t Count, std::size_t Last) const {
+    const int error =
+        m_callbacks.bSync ? TavroSyncRecords(m_trash, Count, TavroNameOf(m_steps[Last].To)) : 0;
+    return error == 0 ? TavroFailure()
+                      : TavroFail(TavroFailureKind::WriteRecord, error, m_trash.Folders.Info);
+}
+
+/// Tells what is going to be done, and claims a name for each entry. The records are on the disk
+/// before anything is moved.
+TavroFailure Trashing::Prepare() {
+    std::vector<std::string> guesses;
+    for (TavroBatchStep& step : m_steps) {
+        guesses.push_back(TavroJoin(m_trash.Folders.Files, Guess(step)));
+        step.To = guesses.back();
+    }
+    TavroFailure failure = Announce(m_steps);
+    std::vector<TavroBatchStep> others;
+    for (TavroBatchStep& step : m_steps) {
         step.To.clear();
     }
-    for (std::size_t i = 0; i < Steps.size() && !failure; ++i) {
-        failure = ClaimOne(i);
+    for (std::size_t i = 0; i < m_steps.size() && !failure; ++i) {
+        failure = Claim(i);
+        if (m_steps[i].To != guesses[i]) {
+            others.push_back(m_steps[i]);
+        }
     }
-    if (failure) {
-        return failure;
+    failure = failure ? failure : Sync(m_steps.size(), 0);
+    return failure ? failure : Announce(others);
+}
+
+/// The next name, because there was an item of the last one.
+TavroFailure Trashing::Retry(std::size_t Index) {
+    Drop(Index);
+    TavroFailure failure = Claim(Index);
+    failure = failure ? failure : Sync(1, Index);
+    return failure ? failure : Announce({m_steps[Index]});
+}
+
+void Trashing::Drop(std::size_t Index) {
+    if (!m_steps[Index].To.empty()) {
+        m_claims.Drop(TavroNameOf(m_steps[Index].From), TavroNameOf(m_steps[Index].To));
     }
-    const int error =
-        Callbacks.bSync ? TavroSyncRecords(Trash, Steps.size(), TavroNameOf(Steps[0].To)) : 0;
-    if (error != 0) {
-        return TavroFail(TavroFailureKind::WriteRecord, error, Trash.Folders.Info);
-    }
-    return Callbacks.BeforeActs
-               ? Callbacks.BeforeActs(TavroOperationKind::Trash, StepsOf(Trash.Folders, Steps))
-               : failure;
 }
 
 } // namespace
@@ -259,29 +332,11 @@ TavroTrashReport TavroTrashSelection(const std::vector<TavroOperationEntry>& Ent
     for (std::size_t i = 0; i < Expected.size(); ++i) {
         steps[i].Expected = Expected[i];
     }
-    TavroTrashClaims claims(trash);
-    const auto claim = [&](std::size_t i) {
-        std::string name;
-        TavroFailure unclaimed = claims.Claim(TavroNameOf(steps[i].From), steps[i].From, name);
-        steps[i].To = unclaimed ? "" : TavroJoin(trash.Folders.Files, name);
-        return unclaimed;
-    };
+    Trashing trashing(trash, steps, Callbacks);
     TavroBatchHooks hooks;
-    hooks.Prepare = [&] { return ClaimAll(trash, steps, claim, Callbacks); };
-    hooks.Undone = [&](std::size_t i) {
-        if (!steps[i].To.empty()) {
-            claims.Drop(TavroNameOf(steps[i].From), TavroNameOf(steps[i].To));
-        }
-    };
-    hooks.Retry = [&](std::size_t i) {
-        hooks.Undone(i);
-        TavroFailure unclaimed = claim(i);
-        const int error = unclaimed || !Callbacks.bSync
-                              ? 0
-                              : TavroSyncRecords(trash, 1, TavroNameOf(steps[i].To));
-        return error == 0 ? unclaimed
-                          : TavroFail(TavroFailureKind::WriteRecord, error, trash.Folders.Info);
-    };
+    hooks.Prepare = [&] { return trashing.Prepare(); };
+    hooks.Retry = [&](std::size_t i) { return trashing.Retry(i); };
+    hooks.Undone = [&](std::size_t i) { trashing.Drop(i); };
     TavroTrashReport report;
     report.Batch = TavroRunBatch(steps, hooks, Callbacks);
     if (!report) {
@@ -365,14 +420,24 @@ void RemoveRecords(const std::vector<TavroBatchStep>& Steps, TavroChanges& Chang
     }
 }
 
-/// What is restored, as the history keeps it.
+/// What is restored, as the history keeps it, which has it as a trashing to be undone: directories
+/// that are missing are those that it had removed.
 std::vector<TavroStep> StepsToRestore(const std::vector<TavroBatchStep>& Steps) {
     std::vector<TavroStep> steps;
+    std::set<std::string, std::greater<>> missing; // inner ones first
     for (const TavroBatchStep& step : Steps) {
         const std::string info = TavroJoin(TavroParentOf(TavroParentOf(step.From)), "info");
         steps.push_back({TavroStepRole::Trashed, step.To, step.From,
                          TavroJoin(info, TavroRecordName(TavroNameOf(step.From))),
                          step.Seen->State.Identity, 0, 0, step.Seen->State.IsDirectory()});
+        std::string parent = TavroParentOf(step.To);
+        while (missing.count(parent) == 0 && !TavroIsPresent(parent)) {
+            missing.insert(parent);
+            parent = TavroParentOf(parent);
+        }
+    }
+    for (const std::string& directory : missing) {
+        steps.push_back({TavroStepRole::RemovedDirectory, directory, "", "", {}, 0, 0700});
     }
     return steps;
 }

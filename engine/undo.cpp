@@ -14,6 +14,7 @@
 #include <map>
 #include <set>
 #include <unordered_map>
+#include <utility>
 
 namespace {
 
@@ -50,9 +51,13 @@ template <typename Items, typename Act> TavroFailure Each(const Items& All, Act 
 /// One undo or redo on the disk.
 class Reversal {
 public:
-    Reversal(bool bUndo, const TavroCallbacks& Callbacks, TavroUndoReport& Report)
+    using Directories = std::map<std::string, TavroIdentity>; ///< Outer ones first.
+
+    /// @param Made  directories that it has made before it was interrupted.
+    Reversal(bool bUndo, const TavroCallbacks& Callbacks, TavroUndoReport& Report,
+             Directories Made = {})
         : m_bUndo(bUndo), m_callbacks(Callbacks), m_report(Report), m_steps(Report.Operation.Steps),
-          m_changes(Callbacks.bSync) {}
+          m_made(std::move(Made)), m_changes(Callbacks.bSync) {}
 
     TavroFailure Run();
 
@@ -80,6 +85,8 @@ private:
     TavroFailure MoveAll();
     TavroFailure RunMoves(std::vector<TavroBatchStep>& Moves);
     TavroFailure Trash(const Steps& Entries, std::vector<TavroStep>& OutTrashed);
+    TavroFailure TrashAgain();
+    void DropTrashed();
     TavroFailure TrashCopies();
     TavroFailure Restore(Role What);
     TavroFailure RestoreCopies();
@@ -93,7 +100,7 @@ private:
     std::vector<TavroStep>& m_steps;
     TavroPlaces m_places;
     TavroGuard m_guard{TavroAct::Move};
-    std::map<std::string, TavroIdentity> m_made; ///< Directories; outer ones first.
+    Directories m_made;
     TavroChanges m_changes;
 
     /// Of directories that something goes to: where they were when all was checked.
@@ -323,8 +330,9 @@ TavroFailure Reversal::RemoveCreated() {
 }
 
 TavroFailure Reversal::CreateAgain() {
-    TavroFailure failure =
-        Each(ToMake(), [&](const TavroStep& step) { return CheckFree(step.To); });
+    TavroFailure failure = Each(ToMake(), [&](const TavroStep& step) {
+        return m_made.count(step.To) != 0 ? TavroFailure() : CheckFree(step.To);
+    });
     failure = failure ? failure : CheckToMake();
     return failure ? failure : MakeDirectories();
 }
@@ -379,6 +387,9 @@ TavroFailure Reversal::RunMoves(std::vector<TavroBatchStep>& Moves) {
 
 /// @param OutTrashed  gets a step for each that lies in the trash now.
 TavroFailure Reversal::Trash(const Steps& Entries, std::vector<TavroStep>& OutTrashed) {
+    if (Entries.empty()) {
+        return {};
+    }
     std::vector<TavroOperationEntry> entries;
     std::vector<TavroIdentity> expected;
     TavroFailure failure = Each(Entries, [&](const TavroStep& step) {
@@ -429,6 +440,22 @@ TavroFailure Reversal::TrashCopies() {
     return failure;
 }
 
+/// Trashes what was restored.
+TavroFailure Reversal::TrashAgain() {
+    std::vector<TavroStep> trashed;
+    TavroFailure failure = Trash(StepsOf(Role::Trashed), trashed);
+    if (!failure) {
+        DropTrashed();
+        m_steps.insert(m_steps.begin(), trashed.begin(), trashed.end());
+    }
+    return failure;
+}
+
+void Reversal::DropTrashed() {
+    const auto isTrashed = [](const TavroStep& step) { return step.Role == Role::Trashed; };
+    m_steps.erase(std::remove_if(m_steps.begin(), m_steps.end(), isTrashed), m_steps.end());
+}
+
 /// Restores what lies in the trash for the operation.
 TavroFailure Reversal::Restore(Role What) {
     const Steps steps = StepsOf(What);
@@ -442,7 +469,7 @@ TavroFailure Reversal::Restore(Role What) {
             {{step.From, step.To, step.Record, step.bDirectory}, seen.State.Identity, seen});
         return wrong;
     });
-    if (failure) {
+    if (failure || entries.empty()) {
         return failure;
     }
     TavroCallbacks callbacks = m_callbacks;
@@ -461,8 +488,7 @@ TavroFailure Reversal::RestoreCopies() {
     if (failure) {
         return failure;
     }
-    const auto isTrashed = [](const TavroStep& step) { return step.Role == Role::Trashed; };
-    m_steps.erase(std::remove_if(m_steps.begin(), m_steps.end(), isTrashed), m_steps.end());
+    DropTrashed();
     for (TavroStep* step : StepsOf(Role::Copied)) {
         step->Identity = {}; // it may have gone to another file system and back
     }
@@ -503,7 +529,7 @@ TavroFailure Reversal::ActOnMain() {
     switch (m_report.Operation.Kind) {
     case TavroOperationKind::Trash:
     case TavroOperationKind::Restore:
-        return m_bUndo ? Restore(Role::Trashed) : Trash(StepsOf(Role::Trashed), m_steps);
+        return m_bUndo ? Restore(Role::Trashed) : TrashAgain();
     case TavroOperationKind::Rename:
     case TavroOperationKind::Move:
         return MoveAll();
@@ -542,6 +568,7 @@ public:
 
 private:
     TavroFailure Settle(bool& IoUndo, bool bResume);
+    void Sort(std::vector<TavroStep> Done, std::vector<TavroStep> NotDone, bool bUndo);
     TavroFailure Transfer(TavroTransferCallbacks Callbacks);
     TavroFailure Take(FindNext Find, TavroFailureKind Nothing, bool bUndo);
     TavroFailure End(bool bUndo);
@@ -551,6 +578,7 @@ private:
     TavroUndoReport m_report;
     TavroOperation m_before;
     std::vector<TavroStep> m_settled; ///< Of an interrupted operation: what is where it is to be.
+    Reversal::Directories m_made;     ///< What it has made of those that are to be there.
     bool m_bForget = false;           ///< It does not stay in the history.
     bool m_bTransfer = false;         ///< The rest is to be copied or moved.
 };
@@ -573,12 +601,40 @@ TavroFailure Going::Settle(bool& IoUndo, bool bResume) {
     m_bTransfer =
         bDoing && bResume &&
         (operation.Kind == TavroOperationKind::Move || operation.Kind == TavroOperationKind::Copy);
-    operation.Steps = IoUndo ? std::move(done) : std::move(notDone);
-    const bool bNeverDone = bDoing && IoUndo && !m_bForget;
-    m_settled = bNeverDone ? std::vector<TavroStep>()
-                : IoUndo   ? std::move(notDone)
-                           : std::move(done);
+    Sort(std::move(done), std::move(notDone), IoUndo);
+    if (bDoing && IoUndo && !m_bForget) {
+        m_settled.clear(); // what was never done
+    }
     return failure;
+}
+
+/// Sorts the steps by whether something is left to be done. Copies that were undone lie in the
+/// trash as long as they are not back. Directories that were made already may still lack their
+/// modes.
+void Going::Sort(std::vector<TavroStep> Done, std::vector<TavroStep> NotDone, bool bUndo) {
+    TavroOperation& operation = m_report.Operation;
+    const bool bCopy = operation.Kind == TavroOperationKind::Copy;
+    std::vector<TavroStep> left;
+    const Role made = bUndo ? Role::RemovedDirectory : Role::CreatedDirectory;
+    const auto add = [&](TavroStep& step, bool bDone) {
+        const bool bTrashedCopy = bCopy && step.Role == Role::Trashed;
+        if (bTrashedCopy && !bDone) {
+            return;
+        }
+        bool bLeft = bTrashedCopy ? !bUndo : bDone == bUndo;
+        if (step.Role == made && !bLeft && step.Identity.Inode != 0) {
+            m_made[DirectoryOf(step)] = step.Identity;
+            bLeft = !m_bTransfer;
+        }
+        (bLeft ? left : m_settled).push_back(std::move(step));
+    };
+    for (TavroStep& step : Done) {
+        add(step, true);
+    }
+    for (TavroStep& step : NotDone) {
+        add(step, false);
+    }
+    operation.Steps = std::move(left);
 }
 
 /// Goes on with what was not copied or moved.
@@ -618,6 +674,9 @@ TavroFailure Going::End(bool bUndo) {
     const auto isPlanned = [](const TavroStep& step) { return step.Role == Role::Planned; };
     operation.Steps.erase(std::remove_if(operation.Steps.begin(), operation.Steps.end(), isPlanned),
                           operation.Steps.end());
+    std::stable_partition(
+        operation.Steps.begin(), operation.Steps.end(),
+        [&](const TavroStep& step) { return TavroIsMainStep(step, operation.Kind); });
     TavroOperation kept = operation;
     kept.Steps = m_bForget ? std::vector<TavroStep>() : kept.Steps;
     return m_history.EndOperation(kept, kept.Steps == m_before.Steps);
@@ -636,7 +695,12 @@ TavroFailure Going::Take(FindNext Find, TavroFailureKind Nothing, bool bUndo) {
             const auto state = TavroIsOnItsWay(*next) ? next->State
                                : bUndo                ? TavroOperationState::Undoing
                                                       : TavroOperationState::Redoing;
+            // What goes to the trash is told before it goes: that brings this to the disk, too.
+            const bool bTellsMore =
+                next->Kind == (bUndo ? TavroOperationKind::Copy : TavroOperationKind::Trash);
+            m_history.WaitForDisk(m_callbacks.bSync && !bTellsMore);
             failure = m_history.ContinueOperation(*next, state, bChanged);
+            m_history.WaitForDisk(m_callbacks.bSync);
         }
     }
     if (!failure) {
@@ -661,12 +725,14 @@ TavroUndoReport Going::Run(FindNext Find, TavroFailureKind Nothing, bool bUndo, 
     if (!failure && m_bTransfer) {
         failure = Transfer(callbacks);
     } else if (!failure && !m_report.Operation.Steps.empty()) {
-        failure = Reversal(bUndo, callbacks, m_report).Run();
+        failure = Reversal(bUndo, callbacks, m_report, m_made).Run();
     }
     if (!failure) {
         failure = End(bUndo);
         m_report.bDoneButNotSaved = static_cast<bool>(failure);
-    } else if (!bInterrupted && !m_report.bPartly) {
+    } else if (bInterrupted) {
+        m_history.LeaveOperation();
+    } else if (!m_report.bPartly) {
         m_history.EndOperation(m_before, false);
     }
     return std::move(m_report);

@@ -9,8 +9,8 @@ _tavro_names() {
 
 _tavro() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
-  local commands='copy move plan rename mkdir delete trash undo redo history list restore empty
-    doctor size'
+  local commands='copy move plan rename mkdir delete trash undo redo resume history list
+    restore empty doctor size'
   COMPREPLY=()
   if ((COMP_CWORD == 1)); then
     mapfile -t COMPREPLY < <(compgen -W "$commands --help --version" -- "$current")
@@ -29,15 +29,16 @@ _tavro() {
   esac
   local command=${COMP_WORDS[1]} options=--help
   case $command in
-  copy | move) options+=' --in --on-conflict --dry-run --quiet' ;;
+  copy | move) options+=' --in --on-conflict --dry-run --quiet --no-sync' ;;
   plan) options+=' --in --json' ;;
-  mkdir) options+=' --in' ;;
-  delete) options+=' --force' ;;
-  trash | undo | redo) options+=' --quiet' ;;
+  rename) options+=' --no-sync' ;;
+  mkdir) options+=' --in --no-sync' ;;
+  delete) options+=' --force --no-sync' ;;
+  trash | undo | redo | resume) options+=' --quiet --no-sync' ;;
   history) options+=' --json --drop' ;;
   list) options+=' --json --null' ;;
-  restore) options+=' --keep-both --quiet' ;;
-  empty) options+=' --older-than --force --quiet' ;;
+  restore) options+=' --keep-both --quiet --no-sync' ;;
+  empty) options+=' --older-than --force --quiet --no-sync' ;;
   doctor) options+=' --mend --mend-all' ;;
   esac
   if [[ $current == -* ]]; then
@@ -55,7 +56,7 @@ _tavro() {
     _tavro_names "$current"
     return
     ;;
-  undo | redo | history | list | empty | doctor) return ;;
+  undo | redo | resume | history | list | empty | doctor) return ;;
   esac
   compopt -o filenames 2>/dev/null
   mapfile -t COMPREPLY < <(compgen -f -- "$current")

@@ -1,6 +1,6 @@
 # Completion of `tavro` for fish.
 
-set -l commands copy move plan rename mkdir delete trash undo redo history list restore empty doctor size
+set -l commands copy move plan rename mkdir delete trash undo redo resume history list restore empty doctor size
 set -l none "not __fish_seen_subcommand_from $commands"
 
 complete -c tavro -f -n $none -l help -d 'Help'
@@ -14,6 +14,7 @@ complete -c tavro -f -n $none -a delete -d 'Delete entries for good, after a que
 complete -c tavro -f -n $none -a trash -d 'Move entries to the trash'
 complete -c tavro -f -n $none -a undo -d 'Undo the newest operation'
 complete -c tavro -f -n $none -a redo -d 'Do again what was undone last'
+complete -c tavro -f -n $none -a resume -d 'Go on with what was interrupted'
 complete -c tavro -f -n $none -a history -d 'List what can be undone'
 complete -c tavro -f -n $none -a list -d 'List the trash'
 complete -c tavro -f -n $none -a restore -d 'Put trashed entries back'
@@ -24,7 +25,8 @@ complete -c tavro -f -n $none -a size -d 'Add up the sizes of the files in folde
 complete -c tavro -n '__fish_seen_subcommand_from copy move plan mkdir' -l in -r -d 'Relative to this directory'
 complete -c tavro -n '__fish_seen_subcommand_from copy move' -l on-conflict -x -a 'ask overwrite skip keep-both' -d 'What is done about something in the way'
 complete -c tavro -n '__fish_seen_subcommand_from copy move' -s n -l dry-run -d 'Show the plan and do nothing'
-complete -c tavro -n '__fish_seen_subcommand_from copy move trash undo redo restore empty' -s q -l quiet -d 'No progress, no list'
+complete -c tavro -n '__fish_seen_subcommand_from copy move trash undo redo resume restore empty' -s q -l quiet -d 'No progress, no list'
+complete -c tavro -n '__fish_seen_subcommand_from copy move rename mkdir delete trash undo redo resume restore empty' -l no-sync -d 'Do not wait until everything is on the disk'
 complete -c tavro -n '__fish_seen_subcommand_from plan; and not __fish_seen_subcommand_from copy move' -f -a 'copy move'
 complete -c tavro -n '__fish_seen_subcommand_from plan history list' -l json -d 'As JSON'
 complete -c tavro -n '__fish_seen_subcommand_from history' -l drop -d 'Take the newest off the list'

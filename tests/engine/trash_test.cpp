@@ -297,7 +297,7 @@ TEST_F(TrashSelection, that_is_cancelled_between_two_moves_is_undone) {
     bool bHalfWay = false;
     const auto callbacks = whenAsked(2, [&] {
         bHalfWay = isPresent(item("1")) && isPresent(record("1")) && isPresent(paths[1]) &&
-                   !isPresent(record("2"));
+                   isPresent(record("3"));
         return true;
     });
     EXPECT_EQ(TavroDescribe(trashInVain(paths, callbacks)), "Cancelled");

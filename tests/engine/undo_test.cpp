@@ -362,7 +362,7 @@ TEST_F(Undo, two_processes_never_undo_the_same_operation) {
     callbacks.ShouldCancel = [&] {
         ++tried;
         const Outcome second = undo();
-        EXPECT_EQ(second.Report.Failure.Kind, TavroFailureKind::HistoryBusy);
+        EXPECT_EQ(second.Message, "Another process is still at the newest operation");
         EXPECT_EQ(listed().size(), 1U) << "who only reads does not wait";
         return false;
     };
@@ -370,6 +370,49 @@ TEST_F(Undo, two_processes_never_undo_the_same_operation) {
     EXPECT_GE(tried, 1);
     EXPECT_EQ(readFile(work("a")), "bytes");
     expectRefused(&Undo::undo, "Nothing to undo");
+}
+
+TEST_F(Undo, who_undoes_while_another_process_does_waits_and_takes_the_next_one) {
+    writeFile(work("a"), "bytes");
+    renameAndRecord("a", "b");
+    renameAndRecord("b", "c");
+    TavroHistory other;
+    open(other);
+    std::optional<TavroOperation> taken;
+    bool bChanged = false;
+    ASSERT_FALSE(other.NextToUndo(taken));
+    ASSERT_FALSE(other.ContinueOperation(*taken, TavroOperationState::Undoing, bChanged));
+    ASSERT_FALSE(bChanged);
+    TavroHistory history;
+    int waits = 0;
+    ASSERT_FALSE(history.Open(TavroHistoryPath(), std::chrono::hours(1), [&] {
+        if (++waits == 3) {
+            fs::rename(work("c"), work("b"));
+            taken->State = TavroOperationState::Undone;
+            EXPECT_FALSE(other.EndOperation(*taken, true));
+        }
+        return false;
+    }));
+    EXPECT_EQ(TavroDescribe(TavroUndo(history, {})), "");
+    EXPECT_EQ(waits, 3);
+    EXPECT_EQ(readFile(work("a")), "bytes");
+    EXPECT_EQ(listed().at(0).State, TavroOperationState::Undone);
+    EXPECT_EQ(listed().at(1).State, TavroOperationState::Undone);
+}
+
+TEST_F(Undo, a_wait_for_another_process_can_be_cancelled) {
+    writeFile(work("a"), "bytes");
+    renameAndRecord("a", "b");
+    TavroHistory other;
+    open(other);
+    std::optional<TavroOperation> taken;
+    bool bChanged = false;
+    ASSERT_FALSE(other.NextToUndo(taken));
+    ASSERT_FALSE(other.ContinueOperation(*taken, TavroOperationState::Undoing, bChanged));
+    TavroHistory history;
+    ASSERT_FALSE(history.Open(TavroHistoryPath(), std::chrono::hours(1), [] { return true; }));
+    EXPECT_EQ(TavroUndo(history, {}).Failure.Kind, TavroFailureKind::Cancelled);
+    EXPECT_EQ(readFile(work("b")), "bytes");
 }
 
 TEST_F(Undo, nothing_is_undone_or_redone_when_the_history_cannot_be_saved) {
@@ -399,9 +442,10 @@ TEST_F(Undo, one_that_could_not_be_saved_afterwards_says_what_holds) {
         EXPECT_TRUE(outcome.Report.bDoneButNotSaved);
     }
     EXPECT_EQ(readFile(work("a")), "bytes");
-    EXPECT_EQ(listed()[0].State, TavroOperationState::Done);
-    fs::rename(work("a"), work("b"));
+    EXPECT_EQ(listed()[0].State, TavroOperationState::Undoing);
     ASSERT_TRUE(undo().bDone);
+    EXPECT_EQ(readFile(work("a")), "bytes");
+    EXPECT_EQ(listed()[0].State, TavroOperationState::Undone);
     const FailingWrites failing([this] { return isPresent(work("b")); });
     EXPECT_EQ(redo().Message,
               "It is redone, but the saved history still has it as undone: " + notSaved);

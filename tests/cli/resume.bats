@@ -1,0 +1,195 @@
+#!/usr/bin/env bats
+# What was interrupted is listed, taken back or gone on with; what a command waits for.
+
+load helpers
+
+needs_strace() {
+  command -v strace >/dev/null || skip 'strace is not installed'
+  strace -qq -o "$scratch/probe" true || skip 'strace may not trace here'
+}
+
+needs_python() {
+  command -v python3 >/dev/null || skip 'python3 is not installed'
+}
+
+# killed_at CALL WHEN COMMAND…: the command is killed as it makes the call for the WHENth time.
+killed_at() {
+  local call=$1 when=$2 status=0
+  shift 2
+  strace -qq -o "$scratch/calls" -e "trace=$call" -e "inject=$call:signal=KILL:when=$when" "$@" \
+    >/dev/null || status=$?
+  expect "$status" 137
+}
+
+# syncs COMMAND…: how often the command waits for the disk.
+syncs() {
+  strace -f -qq -o "$scratch/syncs" -e trace=fsync,fdatasync,syncfs,sync,sync_file_range "$@" \
+    >/dev/null
+  wc -l <"$scratch/syncs"
+}
+
+# Begins to write to a database, and goes on with that until its input ends.
+readonly holding='
+import sqlite3, sys
+connection = sqlite3.connect(sys.argv[1], isolation_level=None)
+connection.execute("BEGIN IMMEDIATE")
+print("held", flush=True)
+sys.stdin.read()
+'
+
+@test "a killed trash is listed, and undo brings back what it took" {
+  needs_strace
+  touch a b c
+  killed_at renameat2 2 "$TAVRO" trash a b c
+  run -0 tavro history
+  expect "${output#*  }" "trash  $PWD/a and 2 more  (interrupted, 1 of 3 done)"
+  run -0 tavro history --json
+  [[ $output == *'"interrupted": true'* ]]
+  run -0 tavro undo
+  expect "$output" "Undone: trash
+  $PWD/a"
+  expect "$(ls)" $'a\nb\nc'
+  expect "$(find "$HOME/.local/share/Trash" -mindepth 2)" ''
+  run -1 tavro undo
+  expect "$output" 'tavro: Nothing to undo'
+}
+
+@test "resume finishes a killed trash, which can be undone then" {
+  needs_strace
+  touch a b c
+  killed_at renameat2 2 "$TAVRO" trash a b c
+  run -0 tavro resume
+  expect "$(ls)" ''
+  expect "$(ls "$HOME/.local/share/Trash/files")" $'a\nb\nc'
+  run -0 tavro history
+  [[ $output != *interrupted* ]]
+  run -1 tavro resume
+  expect "$output" 'tavro: Nothing was interrupted'
+  run -0 tavro undo
+  expect "$(ls)" $'a\nb\nc'
+}
+
+@test "a killed undo is listed, and goes on either way" {
+  needs_strace
+  for next in undo resume; do
+    touch a b c
+    tavro trash -q a b c
+    killed_at renameat2 2 "$TAVRO" undo
+    run -0 tavro history
+    [[ $output == *"(interrupted, 1 of 3 undone)" ]]
+    run -0 tavro "$next"
+    expect "$(ls)" $'a\nb\nc'
+    run -0 tavro history
+    [[ $output == *'(undone)' ]]
+  done
+}
+
+@test "a killed restore goes on, or back to the trash" {
+  needs_strace
+  for next in undo resume; do
+    mkdir d
+    touch d/a
+    tavro trash -q d/a
+    rmdir d
+    killed_at unlinkat 1 "$TAVRO" restore a
+    [ -e d/a ]
+    run -0 tavro history
+    [[ $output == *restore*'(interrupted, 1 of 1 done)'* ]]
+    run -0 tavro "$next"
+    if [[ $next == undo ]]; then
+      [ ! -e d ]
+      expect "$(ls "$HOME/.local/share/Trash/files")" a
+      run -0 tavro restore a
+    fi
+    [ -e d/a ]
+    expect "$(find "$HOME/.local/share/Trash" -mindepth 2)" ''
+    run -0 tavro history
+    [[ $output != *restore* ]]
+    rm -r d
+  done
+}
+
+@test "nothing waits for the disk with --no-sync, or when the environment says so" {
+  needs_strace
+  touch a b c d
+  mkdir e
+  tavro mkdir -- warm >/dev/null
+  for act in 'trash a' 'rename b b2' 'mkdir m/n' 'restore a' 'delete -f c' undo 'trash d' 'empty -f'; do
+    # shellcheck disable=SC2086 # words
+    expect "$act: $(syncs "$TAVRO" $act --no-sync)" "$act: 0"
+  done
+  touch a
+  expect "$(TAVRO_SYNC=no syncs "$TAVRO" trash a)" 0
+}
+
+@test "one entry waits for the disk at most three times, and never in vain" {
+  needs_strace
+  case $(stat -f -c %T .) in
+  ext2/ext3 | xfs) ;;
+  *) skip "the temporary directory is on $(stat -f -c %T .), not on ext4 or XFS" ;;
+  esac
+  touch a b c d
+  tavro mkdir warm >/dev/null
+  local count
+  for act in 'trash a' undo redo 'restore a' 'rename b b2' undo redo 'rename b2 new/b' undo 'mkdir m' \
+    'mkdir n/o' undo 'delete -f c' 'trash d' 'empty -f'; do
+    # shellcheck disable=SC2086 # words
+    count=$(syncs "$TAVRO" $act)
+    printf '# %s syncs: %s\n' "$count" "$act" >&3
+    [[ $count -ge 1 && $count -le 3 ]]
+  done
+}
+
+@test "a command says after a second that it waits for another process, and Ctrl-C ends that" {
+  needs_python
+  touch a b
+  tavro trash -q b
+  coproc holder { python3 -c "$holding" "$HOME/.local/state/tavro/history.db" 3>&-; }
+  local id=$holder_PID end=${holder[1]} line status=0
+  read -r line <&"${holder[0]}"
+  expect "$line" held
+  mkfifo "$scratch/errors"
+  env --default-signal=INT ASAN_OPTIONS=detect_leaks=0 "$TAVRO" trash a 2>"$scratch/errors" 3>&- &
+  pid=$!
+  read -r line <"$scratch/errors"
+  expect "$line" 'tavro: Waiting for another process that is writing to the history'
+  kill -INT "$pid"
+  wait "$pid" || status=$?
+  expect "$status" 130
+  expect "$(ls)" a
+  expect "$(ls "$HOME/.local/share/Trash/files" "$HOME/.local/share/Trash/info" | grep -c '^a')" 0
+  run -0 tavro history # who reads does not wait
+  exec {end}>&-
+  wait "$id" || :
+  run -0 tavro undo
+  expect "$(ls)" $'a\nb'
+}
+
+@test "what another process is at is waited for, and not taken for interrupted" {
+  needs_strace
+  touch a b c
+  mkfifo "$scratch/log"
+  strace -f -qq -o "$scratch/log" -e trace=renameat2 -e inject=renameat2:signal=STOP:when=2 \
+    "$TAVRO" trash a b c >/dev/null 3>&- &
+  tracer=$!
+  local line
+  while read -r line; do
+    if [[ $line == *'stopped by SIGSTOP'* ]]; then
+      run -0 tavro history
+      first=$output
+      run -0 --separate-stderr tavro list
+      run env --default-signal=INT timeout --signal=INT 2 "$TAVRO" undo
+      second=$output
+      stopped=$status
+      kill -CONT "${line%% *}"
+      cat >/dev/null # the tracer must not wait for its reader
+    fi
+  done <"$scratch/log"
+  wait "$tracer"
+  [[ $first == *'(going on, '[12]' of 3 done)' ]]
+  [[ $second == *'Waiting for another process that is writing to the history'* ]]
+  expect "$stopped" 124
+  expect "$(ls)" ''
+  run -0 tavro undo
+  expect "$(ls)" $'a\nb\nc'
+}

@@ -1,0 +1,489 @@
+// What becomes of operations that were killed: at every call that they make, and what the next
+// process makes of it.
+
+#include "recovery.h"
+
+#include "edit.h"
+#include "journal.h"
+#include "names.h"
+#include "record.h"
+#include "trash_folders.h"
+#include "undo.h"
+
+#include "trash_fixture.h"
+
+#include <algorithm>
+#include <csignal>
+#include <set>
+#include <sqlite3.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+using namespace tavro_test;
+using namespace tavro_trash_test;
+
+namespace {
+
+using Kind = TavroOperationKind;
+using Role = TavroStepRole;
+using State = TavroOperationState;
+using Act = std::function<TavroFailure()>;
+
+TavroFailure openHistory(TavroHistory& history) {
+    return history.Open(TavroHistoryPath(), std::chrono::milliseconds(0));
+}
+
+std::vector<TavroOperation> listed() {
+    TavroHistory history;
+    EXPECT_EQ(TavroDescribe(openHistory(history)), "");
+    std::vector<TavroOperation> operations;
+    std::vector<std::uint64_t> counts;
+    EXPECT_EQ(TavroDescribe(history.List(true, operations, counts)), "");
+    return operations;
+}
+
+std::vector<State> statesListed() {
+    std::vector<State> states;
+    for (const TavroOperation& operation : listed()) {
+        states.push_back(operation.State);
+    }
+    return states;
+}
+
+/// Keeps an operation as a command does: before it acts, and when it has ended.
+TavroFailure keep(const std::function<TavroOperation(const TavroCallbacks&)>& operate) {
+    TavroJournal journal(openHistory);
+    TavroOperation operation = operate(journal.Bind({}));
+    EXPECT_FALSE(journal.Problem());
+    TavroCompleteOperation(operation);
+    return journal.End(std::move(operation));
+}
+
+TavroFailure goOn(TavroUndoReport (*go)(TavroHistory&, const TavroCallbacks&)) {
+    TavroHistory history;
+    TavroFailure failure = openHistory(history);
+    return failure ? failure : go(history, {}).Failure;
+}
+
+TavroFailure undo() {
+    return goOn(TavroUndo);
+}
+
+TavroFailure redo() {
+    return goOn(TavroRedo);
+}
+
+TavroFailure resume() {
+    TavroHistory history;
+    TavroFailure failure = openHistory(history);
+    return failure ? failure : TavroResume(history, {}).Failure;
+}
+
+/// Runs SQL on a database as another program would.
+void execute(const fs::path& file, const std::string& sql) {
+    sqlite3* connection = nullptr;
+    ASSERT_EQ(sqlite3_open(file.c_str(), &connection), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(connection, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(connection);
+}
+
+/// What the history says of the newest operation, where that was interrupted.
+std::optional<TavroHeadway> headwayListed() {
+    const std::vector<TavroOperation> operations = listed();
+    const auto found = std::find_if(operations.begin(), operations.end(), TavroIsOnItsWay);
+    if (found == operations.end()) {
+        return std::nullopt;
+    }
+    TavroHistory history;
+    EXPECT_EQ(TavroDescribe(openHistory(history)), "");
+    EXPECT_FALSE(history.IsRunning(*found));
+    return TavroFindHeadway(*found);
+}
+
+/// Runs an act in a process that is killed before its call of this number.
+/// @return whether it was.
+bool isKilledBefore(int call, const Act& act) {
+    std::fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        int calls = 0;
+        const CallObserver observer([&](const std::string&, const std::string&) {
+            if (++calls == call) {
+                kill(getpid(), SIGKILL);
+            }
+        });
+        _exit(act() || testing::Test::HasFailure() ? 1 : 0);
+    }
+    int status = 0;
+    EXPECT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_TRUE(WIFSIGNALED(status) || WEXITSTATUS(status) == 0) << "it failed";
+    return WIFSIGNALED(status);
+}
+
+/// A home with its trash, in memory, and a directory to work in, there or on another file system.
+class Recovery : public testing::TestWithParam<bool> {
+protected:
+    Recovery() : m_box(inMemory()) {
+        clear();
+    }
+
+    fs::path work(const std::string& name = "") const {
+        return (GetParam() ? m_elsewhere / "work" : m_box / "work") / name;
+    }
+    fs::path trashRoot() const {
+        return m_box / "home/.local/share/Trash";
+    }
+
+    void clear() const {
+        for (const fs::path& path : {m_box / "home", m_box / "state", work()}) {
+            fs::remove_all(path);
+            makeDirectory(path);
+        }
+        ASSERT_FALSE(TavroEnsurePrivateTrash());
+    }
+
+    /// All but the history; of records what they tell, without the date.
+    Snapshot tree() const {
+        Snapshot all;
+        for (const auto& [name, root] :
+             {std::pair("home/", m_box / "home"), std::pair("work/", work())}) {
+            for (auto [path, text] : takeSnapshot(root)) {
+                if (path.find(".trashinfo") != std::string::npos) {
+                    text.resize(std::min(text.size(), text.find("\nDeletionDate")));
+                }
+                all[name + path] = text;
+            }
+        }
+        return all;
+    }
+
+    // --- What is done ---
+
+    Act trash(const std::vector<std::string>& names) const {
+        return [this, names] {
+            return keep([&](const TavroCallbacks& callbacks) {
+                std::vector<fs::path> paths;
+                for (const std::string& name : names) {
+                    paths.push_back(work(name));
+                }
+                const TavroTrashReport report = TavroTrashSelection(select(paths), callbacks);
+                EXPECT_EQ(TavroDescribe(report), "");
+                return TavroOperationOf(report);
+            });
+        };
+    }
+
+    /// Restores what was at these names, under the same names in the trash.
+    Act restore(const std::vector<std::string>& names) const {
+        return [this, names] {
+            return keep([&](const TavroCallbacks& callbacks) {
+                std::vector<TavroTrashedEntry> entries;
+                for (const std::string& name : names) {
+                    const std::string item = TavroNameOf(name);
+                    entries.push_back(
+                        {{work(name).string(), (trashRoot() / "files" / item).string(),
+                          (trashRoot() / "info" / (item + ".trashinfo")).string(), false},
+                         {}});
+                }
+                const TavroTrashReport report = TavroRestoreSelection(entries, callbacks);
+                EXPECT_EQ(TavroDescribe(report), "");
+                return TavroOperation();
+            });
+        };
+    }
+
+    Act rename(const std::string& from, const std::string& to) const {
+        return [this, from, to] {
+            return keep([&](const TavroCallbacks& callbacks) {
+                const TavroEditReport report =
+                    TavroRenameTo(TavroSelectEntry(work(from).string()), to, callbacks);
+                EXPECT_EQ(TavroDescribe(report.Failure), "");
+                return TavroOperationOf(report, work(from).string());
+            });
+        };
+    }
+
+    Act makeDirectories(const std::string& name) const {
+        return [this, name] {
+            return keep([&](const TavroCallbacks& callbacks) {
+                const TavroEditReport report = TavroMakeDirectory(name, work().string(), callbacks);
+                EXPECT_EQ(TavroDescribe(report.Failure), "");
+                return TavroOperationOf(report);
+            });
+        };
+    }
+
+    /// What was moved or copied, as another room does and records it.
+    void record(Kind kind, const std::vector<TavroStep>& steps) const {
+        TavroOperation operation;
+        operation.Kind = kind;
+        operation.Steps = steps;
+        TavroCompleteOperation(operation);
+        TavroHistory history;
+        ASSERT_EQ(TavroDescribe(openHistory(history)), "");
+        ASSERT_EQ(TavroDescribe(history.Record(operation)), "");
+    }
+
+    static void expectDone(const std::vector<Act>& acts) {
+        for (const Act& act : acts) {
+            ASSERT_EQ(TavroDescribe(act()), "");
+        }
+    }
+
+    // --- Killing it ---
+
+    struct Plan {
+        std::function<void()> Prepare;
+        Act Do;
+        std::uint64_t Count = 1; ///< How many main steps it has.
+        bool bGoesBack = false;  ///< It is an undo: the next undo goes the same way,
+        bool bForgotten = false; ///< It does not stay in the history when it is done.
+    };
+
+    /// Kills an act before its first call, its second … until it is not killed, and lets the next
+    /// process undo or resume it.
+    void killEverywhere(const Plan& plan) {
+        clear();
+        plan.Prepare();
+        const Snapshot before = tree();
+        ASSERT_EQ(TavroDescribe(plan.Do()), "");
+        const Snapshot after = tree();
+        ASSERT_NE(before, after);
+        const Snapshot& undone = plan.bGoesBack ? after : before;
+        killEverywhere(plan, undo, undone, after);
+        killEverywhere(plan, resume, after, after);
+    }
+
+    /// A while has passed since the kill.
+    void ageRecords() const {
+        for (const auto& entry : fs::directory_iterator(trashRoot() / "info")) {
+            if (entry.file_size() == 0) {
+                fs::last_write_time(entry, entry.last_write_time() - std::chrono::seconds(2));
+            }
+        }
+        execute(m_box / "state/tavro/history.db", "UPDATE operation SET time = time - 10");
+    }
+
+private:
+    void killEverywhere(const Plan& plan, const Act& next, const Snapshot& goal,
+                        const Snapshot& done) {
+        std::set<std::uint64_t> headways;
+        bool bEverInterrupted = false;
+        for (int call = 1;; ++call) {
+            clear();
+            plan.Prepare();
+            const Snapshot before = tree();
+            const std::vector<State> states = statesListed();
+            if (!isKilledBefore(call, plan.Do)) {
+                EXPECT_GT(call, 5);
+                break;
+            }
+            SCOPED_TRACE("killed before call " + std::to_string(call));
+            const Snapshot cut = tree();
+            const std::optional<TavroHeadway> headway = headwayListed();
+            EXPECT_EQ(tree(), cut) << "who lists changes nothing";
+            if (headway) {
+                EXPECT_EQ(headway->Count, plan.Count);
+                headways.insert(headway->Done);
+                bEverInterrupted = true;
+                ageRecords();
+                EXPECT_EQ(TavroDescribe(next()), "");
+                EXPECT_EQ(tree(), goal);
+                EXPECT_FALSE(headwayListed());
+            } else if (cut != done || !bEverInterrupted) {
+                EXPECT_EQ(cut, before) << "the history tells nothing of this";
+                EXPECT_EQ(statesListed(), states);
+            }
+            expectTidy();
+            ASSERT_FALSE(HasFailure());
+        }
+        for (std::uint64_t count = 0; count <= plan.Count; ++count) {
+            EXPECT_EQ(headways.count(count), 1U) << count << " done was never seen";
+        }
+    }
+
+    /// No hidden name, and no record without its item or the reverse.
+    void expectTidy() const {
+        std::set<std::string> items;
+        std::set<std::string> records;
+        for (const auto& [path, text] : tree()) {
+            const std::string name = TavroNameOf(path);
+            EXPECT_FALSE(TavroIsStagingName(name)) << path;
+            const fs::path parent = m_box / TavroParentOf(path);
+            if (parent == trashRoot() / "files") {
+                items.insert(name + ".trashinfo");
+            } else if (parent == trashRoot() / "info") {
+                records.insert(name);
+            }
+        }
+        EXPECT_EQ(items, records);
+    }
+
+protected:
+    Sandbox m_box;
+    Sandbox m_elsewhere;
+
+private:
+    ScopedEnvironment m_home{"HOME", (m_box / "home").string()};
+    ScopedEnvironment m_state{"XDG_STATE_HOME", (m_box / "state").string()};
+    ScopedEnvironment m_data{"XDG_DATA_HOME", std::nullopt};
+};
+
+INSTANTIATE_TEST_SUITE_P(Within, Recovery, testing::Values(false));
+INSTANTIATE_TEST_SUITE_P(Across, Recovery, testing::Values(true));
+
+TEST_P(Recovery, of_a_trash_of_one_entry) {
+    killEverywhere({[this] { writeFile(work("a"), "bytes"); }, trash({"a"})});
+}
+
+TEST_P(Recovery, of_a_trash_of_several_entries) {
+    const auto prepare = [this] {
+        writeFile(work("a"), "1");
+        writeFile(work("d/e/f"), "2");
+        writeFile(work("d/b"), "3");
+        fs::create_symlink("nowhere", work("l"));
+    };
+    killEverywhere({prepare, trash({"a", "d", "l"}), 3});
+}
+
+TEST_P(Recovery, of_a_trash_whose_names_are_taken) {
+    const auto prepare = [this] {
+        writeFile(work("a"), "older");
+        expectDone({trash({"a"})});
+        writeFile(work("a"), "newer");
+        writeFile(work("d/a"), "inner");
+    };
+    killEverywhere({prepare, trash({"a", "d/a"}), 2});
+}
+
+// Whose the record of such an item is cannot be told afterwards: that one may stay.
+TEST_P(Recovery, of_a_trash_whose_name_is_taken_by_an_item_without_a_record) {
+    writeFile(work("a"), "bytes");
+    writeFile(trashRoot() / "files/a", "other");
+    const Snapshot before = tree();
+    bool bKilled = true;
+    int interrupted = 0;
+    for (int call = 1; bKilled; ++call) {
+        SCOPED_TRACE(call);
+        bKilled = isKilledBefore(call, trash({"a"}));
+        interrupted += headwayListed() ? 1 : 0;
+        if (!bKilled || !statesListed().empty()) {
+            ageRecords();
+            expectDone({undo});
+        }
+        fs::remove(trashRoot() / "info/a.trashinfo");
+        ASSERT_EQ(tree(), before);
+        fs::remove_all(m_box / "state");
+    }
+    EXPECT_GT(interrupted, 3);
+}
+
+TEST_P(Recovery, of_a_restore_of_one_entry) {
+    const auto prepare = [this] {
+        writeFile(work("a"), "bytes");
+        expectDone({trash({"a"})});
+    };
+    killEverywhere({prepare, restore({"a"})});
+}
+
+TEST_P(Recovery, of_a_restore_of_several_entries_whose_directory_is_gone) {
+    const auto prepare = [this] {
+        writeFile(work("d/a"), "1");
+        writeFile(work("d/b/c"), "2");
+        expectDone({trash({"d/a", "d/b"})});
+        fs::remove(work("d"));
+    };
+    killEverywhere({prepare, restore({"d/a", "d/b"}), 2});
+}
+
+TEST_P(Recovery, of_a_rename_with_new_directories) {
+    const auto prepare = [this] { writeFile(work("a"), "bytes"); };
+    killEverywhere({prepare, rename("a", "b")});
+    killEverywhere({prepare, rename("a", "new/newer/b")});
+}
+
+TEST_P(Recovery, of_new_directories) {
+    killEverywhere({[] {}, makeDirectories("a")});
+    killEverywhere({[] {}, makeDirectories("a/b/c"), 3});
+}
+
+TEST_P(Recovery, of_an_undo_and_a_redo_of_a_trash) {
+    const auto prepare = [this] {
+        writeFile(work("a"), "1");
+        writeFile(work("d/b"), "2");
+        expectDone({trash({"a", "d"})});
+    };
+    killEverywhere({prepare, undo, 2, true});
+    const auto prepareRedo = [=] {
+        prepare();
+        expectDone({undo});
+    };
+    killEverywhere({prepareRedo, redo, 2});
+}
+
+TEST_P(Recovery, of_an_undo_and_a_redo_of_a_rename) {
+    const auto prepare = [this] {
+        writeFile(work("a"), "bytes");
+        expectDone({rename("a", "new/newer/b")});
+    };
+    killEverywhere({prepare, undo, 1, true});
+    const auto prepareRedo = [=] {
+        prepare();
+        expectDone({undo});
+    };
+    killEverywhere({prepareRedo, redo});
+}
+
+TEST_P(Recovery, of_an_undo_and_a_redo_of_new_directories) {
+    const auto prepare = [this] { expectDone({makeDirectories("a/b")}); };
+    killEverywhere({prepare, undo, 2, true});
+    const auto prepareRedo = [=] {
+        prepare();
+        expectDone({undo});
+    };
+    killEverywhere({prepareRedo, redo, 2});
+}
+
+TEST_P(Recovery, of_an_undo_and_a_redo_of_a_move) {
+    const auto prepare = [this] {
+        writeFile(m_box / "home/docs/a", "1");
+        writeFile(m_box / "home/docs/d/b", "2");
+        for (const std::string name : {"a", "d"}) {
+            fs::copy(m_box / "home/docs" / name, work(name), fs::copy_options::recursive);
+            fs::remove_all(m_box / "home/docs" / name);
+        }
+        const auto moved = [this](const std::string& name) {
+            return TavroStep{Role::Moved, (m_box / "home/docs" / name).string(),
+                             work(name).string()};
+        };
+        record(Kind::Move, {moved("a"), moved("d")});
+    };
+    killEverywhere({prepare, undo, 2, true});
+    const auto prepareRedo = [=] {
+        prepare();
+        expectDone({undo});
+    };
+    killEverywhere({prepareRedo, redo, 2});
+}
+
+TEST_P(Recovery, of_an_undo_and_a_redo_of_a_copy) {
+    const auto prepare = [this] {
+        std::vector<TavroStep> steps;
+        for (const std::string name : {"a", "b"}) {
+            writeFile(m_box / "home/docs" / name, name);
+            writeFile(work(name), name);
+            steps.push_back(
+                {Role::Copied, (m_box / "home/docs" / name).string(), work(name).string()});
+        }
+        record(Kind::Copy, steps);
+    };
+    killEverywhere({prepare, undo, 2, true});
+    const auto prepareRedo = [=] {
+        prepare();
+        expectDone({undo});
+    };
+    killEverywhere({prepareRedo, redo, 2});
+}
+
+} // namespace
