@@ -22,7 +22,7 @@ using TavroCommandTable = std::map<const CLI::App*, std::function<int()>>;
 using TavroAdder = void(CLI::App& App, TavroCommandTable& Table);
 TavroAdder TavroAddCopy, TavroAddDelete, TavroAddDoctor, TavroAddEmpty, TavroAddHistory,
     TavroAddList, TavroAddMkdir, TavroAddMove, TavroAddPlan, TavroAddRedo, TavroAddRename,
-    TavroAddRestore, TavroAddSize, TavroAddTrash, TavroAddUndo;
+    TavroAddRestore, TavroAddResume, TavroAddSize, TavroAddTrash, TavroAddUndo;
 
 /// The names that the parser would take for something else, "[a,b]" for a list of two and "++" for
 /// the end of a command, pass it with a zero byte at their end, which no argument can hold.

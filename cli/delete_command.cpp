@@ -3,6 +3,7 @@
 #include "command.h"
 #include "edit.h"
 #include "measure.h"
+#include "recording.h"
 
 namespace {
 
@@ -34,7 +35,7 @@ int AgreeToDeleting(const std::vector<TavroOperationEntry>& Entries, std::string
     return TavroConfirm("Delete " + OutContent + " for good?", "Nothing was deleted.");
 }
 
-int RunDelete(const std::vector<std::string>& Texts, bool bForce) {
+int RunDelete(const std::vector<std::string>& Texts, bool bForce, bool bSync) {
     std::vector<TavroOperationEntry> entries;
     if (!TavroFindEntries(Texts, entries) || !TavroPrintFailures(TavroCheckDeletable(entries))) {
         return TavroExitFailed;
@@ -53,6 +54,7 @@ int RunDelete(const std::vector<std::string>& Texts, bool bForce) {
     }
     TavroCallbacks callbacks;
     callbacks.ShouldCancel = TavroWasInterrupted;
+    callbacks.bSync = bSync;
     const TavroFailure failure = TavroDeleteForGood(entries, callbacks);
     if (failure.Kind == TavroFailureKind::Cancelled) {
         TavroPrintError("Interrupted: what is left of '" + failure.Path +
@@ -72,5 +74,8 @@ void TavroAddDelete(CLI::App& App, TavroCommandTable& Table) {
                                         "delete old.iso");
     CLI::Option* names = TavroAddNames(*command, "ENTRY", 1, "What is deleted");
     CLI::Option* force = command->add_flag("-f,--force", "Without asking");
-    Table[command] = [=] { return RunDelete(TavroValues(names), !force->empty()); };
+    CLI::Option* noSync = TavroAddNoSync(*command);
+    Table[command] = [=] {
+        return RunDelete(TavroValues(names), !force->empty(), TavroShouldSync(noSync));
+    };
 }

@@ -1,6 +1,7 @@
 // `tavro empty`.
 
 #include "command.h"
+#include "recording.h"
 #include "trash_contents.h"
 
 namespace {
@@ -15,10 +16,10 @@ std::string ContentText(const std::vector<TavroTrashItem>& Items) {
 }
 
 /// @param OlderThanDays  0 for everything.
-int RunEmpty(int OlderThanDays, bool bForce, bool bQuiet) {
+int RunEmpty(int OlderThanDays, bool bForce, bool bQuiet, bool bSync) {
     TavroCatchInterrupts();
     if (bForce && bQuiet && OlderThanDays == 0) {
-        return TavroPrintFailure(TavroEmptyTrash(TavroWasInterrupted)); // nothing is told of a list
+        return TavroPrintFailure(TavroEmptyTrash(TavroWasInterrupted, bSync));
     }
     std::vector<TavroTrashItem> listed;
     TavroFailure failure = TavroListTrash(!bForce || !bQuiet, TavroWasInterrupted, listed);
@@ -38,7 +39,7 @@ int RunEmpty(int OlderThanDays, bool bForce, bool bQuiet) {
             return exitCode;
         }
     }
-    failure = TavroRemoveFromTrash(items, TavroWasInterrupted);
+    failure = TavroRemoveFromTrash(items, TavroWasInterrupted, bSync);
     if (!failure && !bQuiet) {
         TavroPrintLine(stdout, "Deleted " + content);
         TavroPrintUnlisted(TavroCountUnlistedItems(listed));
@@ -56,7 +57,9 @@ void TavroAddEmpty(CLI::App& App, TavroCommandTable& Table) {
     days->check(CLI::Range(1, 36500));
     CLI::Option* force = command->add_flag("-f,--force", "Without asking");
     CLI::Option* quiet = TavroAddQuiet(*command);
+    CLI::Option* noSync = TavroAddNoSync(*command);
     Table[command] = [=] {
-        return RunEmpty(days->empty() ? 0 : days->as<int>(), !force->empty(), !quiet->empty());
+        return RunEmpty(days->empty() ? 0 : days->as<int>(), !force->empty(), !quiet->empty(),
+                        TavroShouldSync(noSync));
     };
 }

@@ -3,6 +3,7 @@
 #include "command.h"
 #include "json.h"
 #include "recording.h"
+#include "recovery.h"
 
 #include <array>
 #include <ctime>
@@ -18,7 +19,7 @@ std::string LocalTimeText(std::int64_t Time) {
     return text.data();
 }
 
-TavroJson OperationJson(const TavroOperation& Operation) {
+TavroJson OperationJson(const TavroOperation& Operation, bool bInterrupted) {
     TavroJson entries = TavroJson::array();
     for (const TavroStep& step : Operation.Steps) {
         const bool bTrashed = step.Role == TavroStepRole::Trashed;
@@ -32,6 +33,7 @@ TavroJson OperationJson(const TavroOperation& Operation) {
     return {{"kind", TavroKindText(Operation.Kind)},
             {"time", Operation.Time},
             {"undone", Operation.State == TavroOperationState::Undone},
+            {"interrupted", bInterrupted},
             {"entries", entries}};
 }
 
@@ -45,11 +47,20 @@ std::string OperationLine(const TavroOperation& Operation, std::uint64_t EntryCo
            (bUndone ? "  (undone)" : "");
 }
 
+/// "interrupted, 4,231 of 10,000 done": what an operation that has not ended has come to.
+std::string HeadwayText(const TavroOperation& Operation, bool bRunning) {
+    const TavroHeadway headway = TavroFindHeadway(Operation);
+    const char* deed = Operation.State == TavroOperationState::Undoing ? " undone" : " done";
+    return std::string("  (") + (bRunning ? "going on" : "interrupted") + ", " +
+           TavroGroupedNumber(headway.Done) + " of " + TavroGroupedNumber(headway.Count) + deed +
+           ")";
+}
+
 int RunHistory(bool bJson) {
     TavroHistory history;
     std::vector<TavroOperation> operations;
     std::vector<std::uint64_t> entryCounts;
-    if (TavroOpenHistory(history, false)) {
+    if (TavroOpenHistory(history)) {
         return TavroExitFailed;
     }
     if (const TavroFailure failure = history.List(bJson, operations, entryCounts)) {
@@ -57,10 +68,14 @@ int RunHistory(bool bJson) {
     }
     TavroJson json = TavroJson::array();
     for (std::size_t i = 0; i < operations.size(); ++i) {
+        const TavroOperation& operation = operations[i];
+        const bool bOnItsWay = TavroIsOnItsWay(operation);
+        const bool bRunning = bOnItsWay && history.IsRunning(operation);
         if (bJson) {
-            json.push_back(OperationJson(operations[i]));
+            json.push_back(OperationJson(operation, bOnItsWay && !bRunning));
         } else {
-            TavroPrintLine(stdout, OperationLine(operations[i], entryCounts[i]));
+            TavroPrintLine(stdout, OperationLine(operation, entryCounts[i]) +
+                                       (bOnItsWay ? HeadwayText(operation, bRunning) : ""));
         }
     }
     if (bJson) {
@@ -71,7 +86,7 @@ int RunHistory(bool bJson) {
 
 int RunDrop() {
     TavroHistory history;
-    if (TavroOpenHistory(history, false)) {
+    if (TavroOpenHistory(history)) {
         return TavroExitFailed;
     }
     std::optional<TavroOperation> newest;

@@ -17,11 +17,12 @@ struct Command {
 };
 
 constexpr Command commands[] = {
-    {"copy", TavroAddCopy},       {"move", TavroAddMove},     {"plan", TavroAddPlan},
-    {"rename", TavroAddRename},   {"mkdir", TavroAddMkdir},   {"delete", TavroAddDelete},
-    {"trash", TavroAddTrash},     {"undo", TavroAddUndo},     {"redo", TavroAddRedo},
-    {"history", TavroAddHistory}, {"list", TavroAddList},     {"restore", TavroAddRestore},
-    {"empty", TavroAddEmpty},     {"doctor", TavroAddDoctor}, {"size", TavroAddSize},
+    {"copy", TavroAddCopy},       {"move", TavroAddMove},       {"plan", TavroAddPlan},
+    {"rename", TavroAddRename},   {"mkdir", TavroAddMkdir},     {"delete", TavroAddDelete},
+    {"trash", TavroAddTrash},     {"undo", TavroAddUndo},       {"redo", TavroAddRedo},
+    {"resume", TavroAddResume},   {"history", TavroAddHistory}, {"list", TavroAddList},
+    {"restore", TavroAddRestore}, {"empty", TavroAddEmpty},     {"doctor", TavroAddDoctor},
+    {"size", TavroAddSize},
 };
 
 constexpr const char* examples = R"(Examples:

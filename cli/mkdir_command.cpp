@@ -6,11 +6,13 @@
 
 namespace {
 
-int RunMkdir(const std::string& Text, const std::string& BaseDirectory) {
+int RunMkdir(const std::string& Text, const std::string& BaseDirectory, bool bSync) {
     TavroCatchInterrupts();
-    const TavroEditReport report = TavroMakeDirectory(Text, BaseDirectory);
+    TavroRecording recording;
+    const TavroEditReport report =
+        TavroMakeDirectory(Text, BaseDirectory, recording.Bind({}, bSync));
+    recording.End(TavroOperationOf(report));
     if (!report.Failure) {
-        TavroRecord(TavroOperationOf(report));
         TavroPrintLine(stdout, report.Path);
     }
     return TavroPrintFailure(report.Failure);
@@ -24,5 +26,8 @@ void TavroAddMkdir(CLI::App& App, TavroCommandTable& Table) {
     CLI::Option* text = command->add_option("TEXT");
     text->required()->description("The new folder as a pane takes it: a name, a path, ~/…");
     CLI::Option* in = TavroAddBaseDirectory(*command);
-    Table[command] = [=] { return RunMkdir(TavroValue(text), TavroBaseDirectory(in)); };
+    CLI::Option* noSync = TavroAddNoSync(*command);
+    Table[command] = [=] {
+        return RunMkdir(TavroValue(text), TavroBaseDirectory(in), TavroShouldSync(noSync));
+    };
 }

@@ -5,10 +5,35 @@
 #include "undo.h"
 
 #include <array>
+#include <chrono>
+#include <cstdlib>
 
-TavroFailure TavroOpenHistory(TavroHistory& OutHistory, bool bPatient) {
-    TavroFailure failure = OutHistory.Open(TavroHistoryPath(), std::chrono::seconds(10),
-                                           bPatient ? nullptr : &TavroWasInterrupted);
+namespace {
+
+/// Says after a second that something is waited for, and for what.
+bool TellOfWaiting() {
+    using Clock = std::chrono::steady_clock;
+    static Clock::time_point since;
+    static Clock::time_point last;
+    static bool bTold = false;
+    const Clock::time_point now = Clock::now();
+    if (now - last > std::chrono::milliseconds(200)) { // this wait is another one
+        since = now;
+        bTold = false;
+    }
+    last = now;
+    if (!bTold && now - since >= std::chrono::seconds(1)) {
+        TavroPrintError("Waiting for another process that is writing to the history");
+        bTold = true;
+    }
+    return TavroWasInterrupted();
+}
+
+} // namespace
+
+TavroFailure TavroOpenHistory(TavroHistory& OutHistory) {
+    TavroFailure failure =
+        OutHistory.Open(TavroHistoryPath(), std::chrono::seconds(10), &TellOfWaiting);
     if (failure) {
         TavroPrintError("The undo history cannot be used: " + TavroDescribe(failure));
     } else if (!OutHistory.Notice().empty()) {
@@ -17,18 +42,34 @@ TavroFailure TavroOpenHistory(TavroHistory& OutHistory, bool bPatient) {
     return failure;
 }
 
-void TavroRecord(TavroOperation Operation) {
-    TavroHistory history;
+TavroCallbacks TavroRecording::Bind(TavroCallbacks Callbacks, bool bSync) {
+    Callbacks.bSync = bSync;
+    return m_journal.Bind(std::move(Callbacks));
+}
+
+void TavroRecording::End(TavroOperation Operation) {
     TavroCompleteOperation(Operation);
-    // What is done is done: an interrupt while another process holds the history must not cost it.
-    if (!Operation.Steps.empty() && !TavroOpenHistory(history, true)) {
-        TavroPrintFailure(history.Record(Operation));
+    TavroFailure failure = m_journal.End(std::move(Operation));
+    failure = failure || m_journal.Problem().Kind == TavroFailureKind::HistoryOpen
+                  ? failure
+                  : m_journal.Problem();
+    if (failure) {
+        TavroPrintFailure(failure);
     }
 }
 
+CLI::Option* TavroAddNoSync(CLI::App& Command) {
+    return Command.add_flag("--no-sync", "Do not wait until everything is on the disk");
+}
+
+bool TavroShouldSync(const CLI::Option* NoSync) {
+    const char* sync = std::getenv("TAVRO_SYNC");
+    return NoSync->empty() && (sync == nullptr || std::string(sync) != "no");
+}
+
 std::string TavroKindText(TavroOperationKind Kind) {
-    static constexpr std::array<const char*, 5> names = {"trash", "rename", "move", "copy",
-                                                         "mkdir"};
+    static constexpr std::array<const char*, 6> names = {"trash", "rename", "move",
+                                                         "copy",  "mkdir",  "restore"};
     return names.at(static_cast<std::size_t>(Kind));
 }
 

@@ -3,17 +3,33 @@
 #ifndef TAVRO_CLI_RECORDING_H
 #define TAVRO_CLI_RECORDING_H
 
-#include "history.h"
+#include "command.h"
+#include "journal.h"
 
 #include <string>
 
-/// Opens the user's history. What has to be said about it is said on standard error.
-/// @param bPatient  an interrupt does not end the wait for another process.
-TavroFailure TavroOpenHistory(TavroHistory& OutHistory, bool bPatient);
+/// Opens the user's history. What has to be said about it is said on standard error, also that
+/// another process keeps it, after a second.
+TavroFailure TavroOpenHistory(TavroHistory& OutHistory);
 
-/// Adds an operation that was just done; one without steps is not added. That it cannot be undone
-/// is said, and is no failure of the operation.
-void TavroRecord(TavroOperation Operation);
+/// Keeps one operation in the user's history, before it acts and when it has ended. That it cannot
+/// be undone is said, and is no failure of the operation.
+class TavroRecording {
+public:
+    /// The callbacks that the operation gets.
+    /// @param bSync  whether it waits for the disk.
+    TavroCallbacks Bind(TavroCallbacks Callbacks, bool bSync);
+
+    /// @param Operation  what was done; nothing when it has no steps.
+    void End(TavroOperation Operation);
+
+private:
+    TavroJournal m_journal{&TavroOpenHistory};
+};
+
+/// --no-sync, and whether the disk is waited for: not with it, nor with TAVRO_SYNC=no.
+CLI::Option* TavroAddNoSync(CLI::App& Command);
+bool TavroShouldSync(const CLI::Option* NoSync);
 
 /// The name of the command that does such operations.
 std::string TavroKindText(TavroOperationKind Kind);

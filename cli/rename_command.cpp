@@ -6,15 +6,17 @@
 
 namespace {
 
-int RunRename(const std::string& Entry, const std::string& Text) {
+int RunRename(const std::string& Entry, const std::string& Text, bool bSync) {
     std::vector<TavroOperationEntry> entries;
     if (!TavroFindEntries({Entry}, entries)) {
         return TavroExitFailed;
     }
     TavroCatchInterrupts();
-    const TavroEditReport report = TavroRenameTo(entries.front(), Text);
+    TavroRecording recording;
+    const TavroEditReport report = TavroRenameTo(entries.front(), Text, recording.Bind({}, bSync));
+    recording.End(report.Failure ? TavroOperation()
+                                 : TavroOperationOf(report, entries.front().Path));
     if (!report.Failure) {
-        TavroRecord(TavroOperationOf(report, entries.front().Path));
         TavroPrintLine(stdout, report.Path);
     }
     return TavroPrintFailure(report.Failure);
@@ -29,5 +31,8 @@ void TavroAddRename(CLI::App& App, TavroCommandTable& Table) {
     entry->required()->description("What is renamed");
     CLI::Option* text = command->add_option("TEXT");
     text->required()->description("The new name, or the full new path; relative to the entry");
-    Table[command] = [=] { return RunRename(TavroValue(entry), TavroValue(text)); };
+    CLI::Option* noSync = TavroAddNoSync(*command);
+    Table[command] = [=] {
+        return RunRename(TavroValue(entry), TavroValue(text), TavroShouldSync(noSync));
+    };
 }

@@ -3,6 +3,7 @@
 #include "command.h"
 #include "names.h"
 #include "progress_bar.h"
+#include "recording.h"
 #include "trash_contents.h"
 
 namespace {
@@ -11,6 +12,7 @@ namespace {
 struct Restoring {
     bool bKeepBoth;
     bool bQuiet;
+    bool bSync;
     TavroTrashIndex Index = {};
     TavroFreeNames FreeNames = {};
     TavroAttributesLost Lost = {};
@@ -50,10 +52,12 @@ int Restore(Restoring& Run, const std::string& Name) {
         return exitCode;
     }
     TavroTrashReport report;
+    TavroRecording recording;
     {
         TavroProgressBar bar(Run.bQuiet);
-        report = TavroRestoreSelection({trashed}, bar.Callbacks());
+        report = TavroRestoreSelection({trashed}, recording.Bind(bar.Callbacks(), Run.bSync));
     }
+    recording.End({});
     if (!report) {
         TavroPrintError(TavroDescribe(report));
         return TavroExitCodeOf(report.Batch.Failure);
@@ -67,9 +71,9 @@ int Restore(Restoring& Run, const std::string& Name) {
     return TavroExitDone;
 }
 
-int RunRestore(const std::vector<std::string>& Names, bool bKeepBoth, bool bQuiet) {
+int RunRestore(const std::vector<std::string>& Names, bool bKeepBoth, bool bQuiet, bool bSync) {
     TavroCatchInterrupts();
-    Restoring run{bKeepBoth, bQuiet};
+    Restoring run{bKeepBoth, bQuiet, bSync};
     int exitCode = TavroExitDone;
     for (std::size_t i = 0; i < Names.size() && exitCode <= TavroExitUsage; ++i) {
         const int code =
@@ -90,7 +94,9 @@ void TavroAddRestore(CLI::App& App, TavroCommandTable& Table) {
     CLI::Option* keepBoth =
         command->add_flag("--keep-both", "To a free name where the original place is taken");
     CLI::Option* quiet = TavroAddQuiet(*command);
+    CLI::Option* noSync = TavroAddNoSync(*command);
     Table[command] = [=] {
-        return RunRestore(TavroValues(names), !keepBoth->empty(), !quiet->empty());
+        return RunRestore(TavroValues(names), !keepBoth->empty(), !quiet->empty(),
+                          TavroShouldSync(noSync));
     };
 }

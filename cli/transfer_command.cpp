@@ -93,18 +93,19 @@ int ExitCodeOf(const TavroTransferReport& Report, const OnConflict& What, bool b
                                                                            : TavroExitFailed;
 }
 
-int RunTransfer(TavroTransferPlan& Plan, const OnConflict& What, bool bQuiet) {
+int RunTransfer(TavroTransferPlan& Plan, const OnConflict& What, bool bQuiet, bool bSync) {
     TavroCatchInterrupts();
     TavroTransferReport report;
     bool bStopped = false;
+    TavroRecording recording;
     {
         TavroProgressBar bar(bQuiet);
-        const TavroTransferCallbacks callbacks{bar.Callbacks(),
+        const TavroTransferCallbacks callbacks{recording.Bind(bar.Callbacks(), bSync),
                                                ConflictHandler(What, bar, bStopped)};
         TavroCarryOutTransfer(Plan, callbacks, report);
     }
     // Recorded before it is printed: a reader that goes away must not cost the undo.
-    TavroRecord(TavroOperationOf(report, Plan.bMove));
+    recording.End(TavroOperationOf(report, Plan.bMove));
     PrintReport(report, Plan.bMove, bQuiet);
     return ExitCodeOf(report, What, bStopped);
 }
@@ -122,6 +123,7 @@ void AddTransfer(CLI::App& App, bool bMove, TavroCommandTable& Table) {
         ->check(CLI::IsMember(onConflicts));
     CLI::Option* dryRun = command->add_flag("-n,--dry-run", "Show the plan and do nothing");
     CLI::Option* quiet = TavroAddQuiet(*command);
+    CLI::Option* noSync = TavroAddNoSync(*command);
     Table[command] = [=]() -> int {
         const OnConflict what =
             onConflict->empty() ? OnConflict() : onConflicts.at(TavroValue(onConflict));
@@ -130,7 +132,7 @@ void AddTransfer(CLI::App& App, bool bMove, TavroCommandTable& Table) {
             return TavroExitFailed;
         }
         if (dryRun->empty()) {
-            return RunTransfer(plan, what, !quiet->empty());
+            return RunTransfer(plan, what, !quiet->empty(), TavroShouldSync(noSync));
         }
         TavroPrintPlan(plan);
         return TavroExitDone;

@@ -39,7 +39,7 @@ int PrintRefusal(const TavroTrashReport& Report, const std::vector<std::string>&
     return TavroExitCodeOf(Report.Batch.Failure);
 }
 
-int RunTrash(const std::vector<std::string>& Texts, bool bQuiet) {
+int RunTrash(const std::vector<std::string>& Texts, bool bQuiet, bool bSync) {
     // Each entry is looked at once, when it is trashed; before a question all are checked.
     const std::vector<TavroOperationEntry> entries = TavroNameEntries(Texts);
     TavroCatchInterrupts();
@@ -51,15 +51,16 @@ int RunTrash(const std::vector<std::string>& Texts, bool bQuiet) {
         }
     }
     TavroTrashReport report;
+    TavroRecording recording;
     {
         TavroProgressBar bar(bQuiet);
-        report = TavroTrashSelection(entries, bar.Callbacks());
+        report = TavroTrashSelection(entries, recording.Bind(bar.Callbacks(), bSync));
     }
+    // Recorded before it is printed: a reader that goes away must not cost the undo.
+    recording.End(TavroOperationOf(report));
     if (!report) {
         return PrintRefusal(report, Texts);
     }
-    // Recorded before it is printed: a reader that goes away must not cost the undo.
-    TavroRecord(TavroOperationOf(report));
     TavroPrintLost(report.Batch.Lost);
     for (const TavroTrashedEntry& trashed : report.Entries) {
         if (!bQuiet) {
@@ -76,5 +77,8 @@ void TavroAddTrash(CLI::App& App, TavroCommandTable& Table) {
         TavroAddCommand(App, "trash", "Move entries to the trash, all or nothing", "trash old.iso");
     CLI::Option* names = TavroAddNames(*command, "ENTRY", 1, "What is trashed");
     CLI::Option* quiet = TavroAddQuiet(*command);
-    Table[command] = [=] { return RunTrash(TavroValues(names), !quiet->empty()); };
+    CLI::Option* noSync = TavroAddNoSync(*command);
+    Table[command] = [=] {
+        return RunTrash(TavroValues(names), !quiet->empty(), TavroShouldSync(noSync));
+    };
 }

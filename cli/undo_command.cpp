@@ -1,4 +1,4 @@
-// `tavro undo` and `tavro redo`.
+// `tavro undo`, `tavro redo` and `tavro resume`.
 
 #include "command.h"
 #include "progress_bar.h"
@@ -7,32 +7,43 @@
 
 namespace {
 
-using Act = TavroUndoReport (*)(TavroHistory&, const TavroCallbacks&);
+using Act = std::function<TavroUndoReport(TavroHistory&, const TavroCallbacks&)>;
 
-int RunStep(Act Run, const std::string& Title, bool bQuiet) {
+/// Says what became of it, of what failed, and what could not be kept.
+int PrintReport(const TavroUndoReport& Report, const std::string& Title, bool bQuiet) {
+    TavroPrintFailures(Report.Transfer.Failed);
+    if (Report.Failure) {
+        TavroPrintError(TavroDescribe(Report));
+    } else if (!bQuiet) {
+        TavroPrintOperation(Title, Report.Operation);
+    }
+    const int exitCode = TavroExitCodeOf(Report.Failure);
+    return exitCode == TavroExitDone && !Report.Transfer.Failed.empty() ? TavroExitFailed
+                                                                        : exitCode;
+}
+
+int RunStep(const Act& Run, const std::string& Title, bool bQuiet, bool bSync) {
     TavroCatchInterrupts();
     TavroHistory history;
-    if (const TavroFailure failure = TavroOpenHistory(history, false)) {
+    if (const TavroFailure failure = TavroOpenHistory(history)) {
         return TavroExitCodeOf(failure);
     }
     TavroUndoReport report;
     {
         TavroProgressBar bar(bQuiet);
-        report = Run(history, bar.Callbacks());
+        TavroCallbacks callbacks = bar.Callbacks();
+        callbacks.bSync = bSync;
+        report = Run(history, callbacks);
     }
-    if (report.Failure) {
-        TavroPrintError(TavroDescribe(report));
-    } else if (!bQuiet) {
-        TavroPrintOperation(Title, report.Operation);
-    }
-    return TavroExitCodeOf(report.Failure);
+    return PrintReport(report, Title, bQuiet);
 }
 
-void AddStep(CLI::App& App, const std::string& Name, const std::string& Description, Act Run,
+void AddStep(CLI::App& App, const std::string& Name, const std::string& Description, const Act& Run,
              const std::string& Title, TavroCommandTable& Table) {
     CLI::App* command = TavroAddCommand(App, Name, Description, Name);
     CLI::Option* quiet = TavroAddQuiet(*command);
-    Table[command] = [=] { return RunStep(Run, Title, !quiet->empty()); };
+    CLI::Option* noSync = TavroAddNoSync(*command);
+    Table[command] = [=] { return RunStep(Run, Title, !quiet->empty(), TavroShouldSync(noSync)); };
 }
 
 } // namespace
@@ -43,4 +54,11 @@ void TavroAddUndo(CLI::App& App, TavroCommandTable& Table) {
 
 void TavroAddRedo(CLI::App& App, TavroCommandTable& Table) {
     AddStep(App, "redo", "Do again what was undone last", TavroRedo, "Redone: ", Table);
+}
+
+void TavroAddResume(CLI::App& App, TavroCommandTable& Table) {
+    const auto resume = [](TavroHistory& history, const TavroCallbacks& callbacks) {
+        return TavroResume(history, {callbacks, {}, {}});
+    };
+    AddStep(App, "resume", "Go on with what was interrupted", resume, "Finished: ", Table);
 }

@@ -21,7 +21,7 @@ class Batch {
 public:
     Batch(std::vector<TavroBatchStep>& Steps, const TavroBatchHooks& Hooks,
           const TavroCallbacks& Callbacks)
-        : m_steps(Steps), m_hooks(Hooks), m_progress(Callbacks) {}
+        : m_steps(Steps), m_hooks(Hooks), m_progress(Callbacks), m_changes(Callbacks.bSync) {}
 
     TavroBatchReport Run();
 
@@ -39,13 +39,15 @@ private:
     TavroFailure MoveByCopying(TavroBatchStep& Step, const TavroPlace& From, const TavroPlace& To);
     void RollBack(std::size_t Count);
     TavroFailure MoveBack(const TavroBatchStep& Step);
-    void TellUndone(std::size_t Index) const;
+    void TellUndone() const;
 
     std::vector<TavroBatchStep>& m_steps;
     const TavroBatchHooks& m_hooks;
     TavroProgressTeller m_progress;
     TavroPlaces m_places;
     TavroHardLinks m_links;
+    TavroChanges m_changes;
+    bool m_bPrepared = false;
     TavroBatchReport m_report;
     std::vector<Share> m_shares; ///< Of the steps, when somebody listens.
     Share m_done = {0, 0};
@@ -56,11 +58,23 @@ TavroBatchReport Batch::Run() {
     for (std::size_t i = 0; i < m_steps.size() && !failure; ++i) {
         failure = Check(m_steps[i]);
     }
+    if (!failure && m_progress.ShouldCancel()) {
+        failure = {TavroFailureKind::Cancelled};
+    }
+    if (!failure && m_hooks.Prepare) {
+        failure = m_hooks.Prepare();
+        m_bPrepared = true;
+    }
     std::size_t done = 0;
     while (!failure && done < m_steps.size()) {
         failure = Act(done);
         done += failure ? 0U : 1U;
     }
+    if (!failure && m_hooks.Finish) {
+        m_hooks.Finish(m_changes);
+    }
+    const int error = failure ? 0 : m_changes.Flush();
+    failure = error == 0 ? failure : TavroFail(TavroFailureKind::Write, error, m_steps.back().To);
     if (failure) {
         RollBack(done);
     } else {
@@ -99,7 +113,7 @@ TavroFailure Batch::Check(TavroBatchStep& Step) {
     if (Step.Expected && Step.Seen->State.Identity != *Step.Expected) {
         return {TavroFailureKind::ItemChanged, {}, Step.From};
     }
-    TavroFailure failure = m_hooks.BeforeMove ? TavroFailure() : CheckFree(Step);
+    TavroFailure failure = m_hooks.Retry ? TavroFailure() : CheckFree(Step);
     return failure || !m_progress.IsHeard() ? failure : Measure(Step);
 }
 
@@ -160,19 +174,10 @@ TavroFailure Batch::Act(std::size_t Index) {
         return {TavroFailureKind::Cancelled};
     }
     m_progress.Begin([&] { return step.From; });
-    TavroFailure failure;
-    for (int i = 0; i < tries; ++i) {
-        failure = m_hooks.BeforeMove ? m_hooks.BeforeMove(Index) : TavroFailure();
-        if (failure) {
-            return failure;
-        }
-        failure = Move(step);
-        if (failure && step.Arrived.Identity.Inode == 0) {
-            TellUndone(Index);
-        }
-        if (failure.Kind != TavroFailureKind::Taken || !m_hooks.BeforeMove) {
-            break;
-        }
+    TavroFailure failure = Move(step);
+    for (int i = 1; i < tries && failure.Kind == TavroFailureKind::Taken && m_hooks.Retry; ++i) {
+        failure = m_hooks.Retry(Index);
+        failure = failure ? failure : Move(step);
     }
     if (!failure && !m_shares.empty()) {
         m_done.Items += m_shares[Index].Items;
@@ -199,6 +204,8 @@ TavroFailure Batch::Move(TavroBatchStep& Step) {
     const int error =
         TavroRenameNoReplace(from.Number(), from.Name.c_str(), to.Number(), to.Name.c_str());
     failure = error == 0 ? Verify(Step, from, to) : MoveByCopying(Step, from, to);
+    m_changes.Add(to.Directory);
+    m_changes.Add(from.Directory);
     if (Step.Seen->State.IsDirectory()) {
         m_places.Forget(from.OwnPath());
     }
@@ -248,9 +255,12 @@ TavroFailure Batch::MoveByCopying(TavroBatchStep& Step, const TavroPlace& From,
 // Rolling back
 // =================================================================================================
 
-void Batch::TellUndone(std::size_t Index) const {
-    if (m_hooks.Undone) {
-        m_hooks.Undone(Index);
+/// Tells of the steps that did not happen, or were undone.
+void Batch::TellUndone() const {
+    for (std::size_t i = m_steps.size(); m_bPrepared && m_hooks.Undone && i > 0; --i) {
+        if (m_steps[i - 1].Arrived.Identity.Inode == 0) {
+            m_hooks.Undone(i - 1);
+        }
     }
 }
 
@@ -283,14 +293,15 @@ void Batch::RollBack(std::size_t Count) {
             continue;
         }
         step.Arrived = {};
-        TellUndone(Count);
     }
+    TellUndone();
     std::vector<std::string>& created = m_report.CreatedDirectories;
     TavroPlace place;
     while (!created.empty() && !m_places.Find(created.back(), place) &&
            TavroRemoveDirectoryAt(place.Number(), place.Name.c_str()) == 0) {
         created.pop_back();
     }
+    m_changes.Flush(); // that nothing was done must hold, too
 }
 
 } // namespace

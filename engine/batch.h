@@ -5,6 +5,7 @@
 #ifndef TAVRO_ENGINE_BATCH_H
 #define TAVRO_ENGINE_BATCH_H
 
+#include "changes.h"
 #include "failure.h"
 #include "identity.h"
 #include "move.h"
@@ -48,13 +49,19 @@ struct TavroBatchStep {
 
 /// What a batch does beside moving. Each may be empty.
 struct TavroBatchHooks {
-    /// Called before a step is moved; may change its `To`. A failure ends the batch. Called again
-    /// for the same step when `To` was taken meanwhile.
-    std::function<TavroFailure(std::size_t Step)> BeforeMove = {};
+    /// Called once, when all is checked and before anything is moved; may change each `To`. A
+    /// failure ends the batch.
+    std::function<TavroFailure()> Prepare = {};
 
-    /// Called when a step did not happen, or was undone: what BeforeMove did for it is to be
-    /// undone.
+    /// Called when something was at the `To` of a step, which it may change, for another try.
+    /// Empty: that is a failure.
+    std::function<TavroFailure(std::size_t Step)> Retry = {};
+
+    /// Called after Prepare for each step that did not happen, or was undone.
     std::function<void(std::size_t Step)> Undone = {};
+
+    /// Called when all steps are done, before they are brought to the disk.
+    std::function<void(TavroChanges&)> Finish = {};
 };
 
 struct TavroBatchReport {
@@ -70,7 +77,8 @@ struct TavroBatchReport {
 /// replaced. A directory that was exchanged since it was looked at is not followed: ESTALE.
 ///
 /// Checked before anything is moved: Missing, LookAt, ItemChanged (another file than expected), and
-/// without BeforeMove InTheWay (something is at `To`). Later failures are those of TavroBringEntry.
+/// without Retry InTheWay (something is at `To`). Later failures are those of TavroBringEntry, and
+/// Write when what was done cannot be brought to the disk.
 ///
 /// @param Steps      in order. After success `Arrived` tells what is where; after a failure, of
 ///                   what could not be moved back `Arrived` has an inode.

@@ -1,5 +1,6 @@
 #include "edit.h"
 
+#include "changes.h"
 #include "guard.h"
 #include "names.h"
 #include "remove.h"
@@ -7,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <functional>
 
 namespace {
 
@@ -37,6 +39,32 @@ TavroEditReport Failed(TavroFailure Failure, const std::vector<std::string>& Cre
     return report;
 }
 
+/// The directories at a path and above it that are missing, outer ones first.
+std::vector<TavroStep> StepsToCreate(std::string Path) {
+    std::vector<TavroStep> steps;
+    for (; !TavroIsPresent(Path); Path = TavroParentOf(Path)) {
+        steps.insert(steps.begin(), {TavroStepRole::CreatedDirectory, "", Path});
+    }
+    return steps;
+}
+
+TavroFailure Announce(const TavroCallbacks& Callbacks, TavroOperationKind What,
+                      const std::vector<TavroStep>& Steps) {
+    return Callbacks.BeforeActs && !Steps.empty() ? Callbacks.BeforeActs(What, Steps)
+                                                  : TavroFailure();
+}
+
+/// Brings what was created to the disk, with other changes. @return 0, or the error number.
+int Sync(TavroPlaces& Places, const std::vector<std::string>& Created, TavroChanges& IoChanges) {
+    TavroPlace place;
+    for (const std::string& path : Created) {
+        if (!Places.Find(path, place)) {
+            IoChanges.Add(place.Directory);
+        }
+    }
+    return IoChanges.Flush();
+}
+
 // =================================================================================================
 // Renaming
 // =================================================================================================
@@ -58,7 +86,8 @@ TavroFailure Taken(const TavroPlace& From, const TavroPlace& To) {
 
 /// Finds the place to which an entry is to go, and creates what is missing above it.
 TavroFailure FindTarget(TavroPlaces& Places, const std::string& Target, const TavroPlace& From,
-                        bool bDirectory, std::vector<std::string>& OutCreated, TavroPlace& OutTo) {
+                        bool bDirectory, const std::function<TavroFailure()>& BeforeActs,
+                        std::vector<std::string>& OutCreated, TavroPlace& OutTo) {
     struct stat status = {};
     TavroFailure failure = Look(Places, Target, OutTo, status);
     if (!failure) {
@@ -71,14 +100,36 @@ TavroFailure FindTarget(TavroPlaces& Places, const std::string& Target, const Ta
     if (!bDirectory && TavroNameOf(Target).empty()) {
         return TavroFail(Kind::Rename, ENOTDIR, Target);
     }
+    if ((failure = BeforeActs())) {
+        return failure;
+    }
     failure = Places.FindOrCreate(Target, 0777, OutCreated, OutTo);
     failure.Kind = failure ? Kind::CreateRenameDirectory : Kind::None;
     return failure;
 }
 
+/// Renames, and brings it to the disk. When that fails it is renamed back.
+TavroFailure Rename(const TavroPlace& From, const TavroPlace& To, bool bSync, TavroPlaces& Places,
+                    const std::vector<std::string>& Created) {
+    int error =
+        TavroRenameNoReplace(From.Number(), From.Name.c_str(), To.Number(), To.Name.c_str());
+    if (error != 0) {
+        return TavroFail(error == EEXIST ? Kind::RenameTaken : Kind::Rename, error, "");
+    }
+    TavroChanges changes(bSync);
+    changes.Add(To.Directory);
+    changes.Add(From.Directory);
+    error = Sync(Places, Created, changes);
+    if (error != 0) {
+        TavroRenameNoReplace(To.Number(), To.Name.c_str(), From.Number(), From.Name.c_str());
+    }
+    return error == 0 ? TavroFailure() : TavroFail(Kind::Rename, error, "");
+}
+
 } // namespace
 
-TavroEditReport TavroRenameTo(const TavroOperationEntry& Entry, const std::string& Text) {
+TavroEditReport TavroRenameTo(const TavroOperationEntry& Entry, const std::string& Text,
+                              const TavroCallbacks& Callbacks) {
     const std::string text = TavroTrimText(Text);
     if (TavroIsCddaPath(Entry.Path) || text.empty()) {
         return {{text.empty() ? Kind::RenameTargetEmpty : Kind::RenameAudioTrack}};
@@ -92,15 +143,18 @@ TavroEditReport TavroRenameTo(const TavroOperationEntry& Entry, const std::strin
     failure = failure ? failure : TavroGuard(TavroAct::Rename).Check(from, status);
     if (!failure) {
         const std::string target = TavroResolveUserPath(text, TavroParentOf(Entry.Path)).string();
-        failure = FindTarget(places, target, from, S_ISDIR(status.st_mode),
+        std::vector<TavroStep> steps = StepsToCreate(TavroParentOf(target));
+        steps.insert(steps.begin(), {TavroStepRole::Moved, Entry.Path, TavroFindOwnPath(target), "",
+                                     TavroIdentityOf(status)});
+        const auto announce = [&] {
+            return Announce(Callbacks, TavroOperationKind::Rename, steps);
+        };
+        failure = FindTarget(places, target, from, S_ISDIR(status.st_mode), announce,
                              report.CreatedDirectories, to);
     }
     if (!failure) {
-        const int error =
-            TavroRenameNoReplace(from.Number(), from.Name.c_str(), to.Number(), to.Name.c_str());
-        failure = error == 0 ? failure
-                             : TavroFail(error == EEXIST ? Kind::RenameTaken : Kind::Rename, error,
-                                         Entry.Path);
+        failure = Rename(from, to, Callbacks.bSync, places, report.CreatedDirectories);
+        failure.Path = Entry.Path;
     }
     if (failure) {
         return Failed(std::move(failure), report.CreatedDirectories);
@@ -115,7 +169,8 @@ TavroEditReport TavroRenameTo(const TavroOperationEntry& Entry, const std::strin
 // Creating
 // =================================================================================================
 
-TavroEditReport TavroMakeDirectory(const std::string& Text, const std::string& BaseDirectory) {
+TavroEditReport TavroMakeDirectory(const std::string& Text, const std::string& BaseDirectory,
+                                   const TavroCallbacks& Callbacks) {
     const std::string text = TavroTrimText(Text);
     if (text.empty()) {
         return {{Kind::DirectoryPathEmpty}};
@@ -125,8 +180,12 @@ TavroEditReport TavroMakeDirectory(const std::string& Text, const std::string& B
     TavroPlace place;
     struct stat status = {};
     const std::string target = TavroResolveUserPath(text, BaseDirectory).string();
-    const TavroFailure failure =
-        places.FindOrCreate(target, 0777, report.CreatedDirectories, place);
+    TavroFailure failure =
+        Announce(Callbacks, TavroOperationKind::CreateDirectory, StepsToCreate(target));
+    if (failure) {
+        return {std::move(failure)};
+    }
+    failure = places.FindOrCreate(target, 0777, report.CreatedDirectories, place);
     int error = failure ? failure.Error.value()
                         : TavroMakeDirectoryAt(place.Number(), place.Name.c_str(), 0777);
     if (error == 0) {
@@ -138,6 +197,8 @@ TavroEditReport TavroMakeDirectory(const std::string& Text, const std::string& B
                 : look == ENOENT ? EEXIST
                                  : look;
     }
+    TavroChanges changes(Callbacks.bSync);
+    error = error != 0 ? error : Sync(places, report.CreatedDirectories, changes);
     if (error != 0) {
         return Failed(TavroFail(Kind::CreateOneDirectory, error, target),
                       report.CreatedDirectories);
@@ -189,10 +250,12 @@ TavroFailure TavroDeleteForGood(const std::vector<TavroOperationEntry>& Entries,
     TavroFailure failure = failures.empty() ? TavroFailure() : failures.front();
     TavroProgressTeller progress(Callbacks);
     TavroPlaces places;
+    TavroChanges changes(Callbacks.bSync);
     for (std::size_t i = 0; i < Entries.size() && !failure; ++i) {
         TavroPlace place;
         failure = places.Find(Entries[i].Path, place);
         if (!failure) {
+            changes.Add(place.Directory);
             const auto count = [&] {
                 progress.Begin([&] { return Entries[i].Path; });
                 progress.AddItems();
@@ -204,6 +267,7 @@ TavroFailure TavroDeleteForGood(const std::vector<TavroOperationEntry>& Entries,
             failure.Path = Entries[i].Path;
         }
     }
+    const int error = changes.Flush();
     progress.Tell();
-    return failure;
+    return failure || error == 0 ? failure : TavroFail(Kind::Remove, error, Entries.front().Path);
 }

@@ -27,13 +27,16 @@ struct TavroEditReport {
 /// @return `Failure` is one of NoSuchEntry, LookAt, RefuseRename, RenameAudioTrack,
 ///         RenameTargetEmpty, RenameTargetNoName (an existing directory), RenameSame, RenameTaken,
 ///         RenameTakenByLink, CreateRenameDirectory, ExamineRenameTarget, Rename: the sentences are
-///         the module's. Nothing is left of what was created then.
-TavroEditReport TavroRenameTo(const TavroOperationEntry& Entry, const std::string& Text);
+///         the module's; or what BeforeActs returned, or Write when it cannot be brought to the
+///         disk. Nothing is left of what was created then.
+TavroEditReport TavroRenameTo(const TavroOperationEntry& Entry, const std::string& Text,
+                              const TavroCallbacks& Callbacks = {});
 
 /// Creates a directory at a typed path, with every missing parent, as TavroCreateDirectory does.
 /// `CreatedDirectories` tells what was missing, the directory included; `Path` its canonical path.
 /// After a failure (DirectoryPathEmpty, CreateOneDirectory) nothing is left of what was created.
-TavroEditReport TavroMakeDirectory(const std::string& Text, const std::string& BaseDirectory);
+TavroEditReport TavroMakeDirectory(const std::string& Text, const std::string& BaseDirectory,
+                                   const TavroCallbacks& Callbacks = {});
 
 /// Why a selection must not be deleted: NothingSelected, and entries that do not exist or that the
 /// guard protects.

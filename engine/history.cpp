@@ -35,7 +35,7 @@ std::string TavroHistoryPath() {
 bool TavroStep::operator==(const TavroStep& Other) const {
     const auto all = [](const TavroStep& step) {
         return std::tie(step.Role, step.From, step.To, step.Record, step.Identity, step.ChangeTime,
-                        step.Mode, step.bDirectory);
+                        step.Mode, step.bDirectory, step.Staged, step.Source, step.SourceTime);
     };
     return all(*this) == all(Other);
 }
@@ -57,32 +57,45 @@ bool HasOwnRecord(const TavroStep& Step) {
 bool IsValid(const TavroStep& Step) {
     const bool bFrom = Step.Role != TavroStepRole::CreatedDirectory;
     const bool bTo = Step.Role != TavroStepRole::RemovedDirectory;
-    const bool bTrashed = Step.Role == TavroStepRole::Trashed;
-    return (bFrom ? IsPath(Step.From) : Step.From.empty()) &&
+    const bool bTrashed =
+        Step.Role == TavroStepRole::Trashed || Step.Role == TavroStepRole::Replaced;
+    return (Step.Staged.empty() || TavroIsStagingName(Step.Staged)) &&
+           (bFrom ? IsPath(Step.From) : Step.From.empty()) &&
            (bTo ? IsPath(Step.To) : Step.To.empty()) &&
            (bTrashed ? HasOwnRecord(Step) : Step.Record.empty()) && Step.Mode <= 07777U;
 }
 
 TavroStepRole MainRoleOf(TavroOperationKind What) {
     using Role = TavroStepRole;
-    constexpr Role roles[] = {Role::Trashed, Role::Moved, Role::Moved, Role::Copied,
-                              Role::CreatedDirectory};
+    constexpr Role roles[] = {Role::Trashed,          Role::Moved,  Role::Moved, Role::Copied,
+                              Role::CreatedDirectory, Role::Trashed};
     return roles[static_cast<std::size_t>(What)];
 }
 
 /// Whether an operation of that kind has steps of that role.
 bool MayHave(TavroOperationKind What, TavroStepRole Role) {
     const TavroStepRole main = MainRoleOf(What);
-    return Role == main ||
-           (Role == TavroStepRole::CreatedDirectory && main != TavroStepRole::Trashed) ||
-           (Role == TavroStepRole::RemovedDirectory && main == TavroStepRole::Moved) ||
-           (Role == TavroStepRole::Trashed && main == TavroStepRole::Copied);
+    switch (Role) {
+    case TavroStepRole::CreatedDirectory:
+        return main != TavroStepRole::Trashed;
+    case TavroStepRole::RemovedDirectory:
+        return main == TavroStepRole::Moved;
+    case TavroStepRole::Trashed:
+        return main == TavroStepRole::Trashed || main == TavroStepRole::Copied;
+    case TavroStepRole::Replaced:
+    case TavroStepRole::Planned:
+        return What == TavroOperationKind::Move || What == TavroOperationKind::Copy;
+    default:
+        return Role == main;
+    }
 }
 
 std::int64_t EntriesOf(const TavroOperation& Operation) {
     const TavroStepRole main = MainRoleOf(Operation.Kind);
     return std::count_if(Operation.Steps.begin(), Operation.Steps.end(),
-                         [&](const TavroStep& step) { return step.Role == main; });
+                         [&](const TavroStep& step) {
+                             return step.Role == main || step.Role == TavroStepRole::Planned;
+                         });
 }
 
 bool IsValid(const TavroOperation& Operation) {
@@ -122,7 +135,8 @@ const std::string schema =
     "CREATE TABLE step (operation INTEGER NOT NULL, number INTEGER NOT NULL, role INTEGER NOT "
     "NULL, source BLOB NOT NULL, target BLOB NOT NULL, record BLOB NOT NULL, device INTEGER NOT "
     "NULL, inode INTEGER NOT NULL, changed INTEGER NOT NULL, mode INTEGER NOT NULL, directory "
-    "INTEGER NOT NULL, PRIMARY KEY (operation, number)) WITHOUT ROWID;";
+    "INTEGER NOT NULL, staged BLOB NOT NULL, source_device INTEGER NOT NULL, source_inode INTEGER "
+    "NOT NULL, source_changed INTEGER NOT NULL, PRIMARY KEY (operation, number)) WITHOUT ROWID;";
 const std::string applicationId = "1415668338";
 const std::string schemaVersion = "1";
 
@@ -167,6 +181,10 @@ struct TavroDatabase {
     TavroFailure Transact(bool bWrite, const std::function<void()>& Do, bool bAgain = false);
     TavroFailure Change(const char* Text);
     TavroFailure ReadNext(const char* Which, std::optional<TavroOperation>& OutOperation);
+    TavroFailure HoldLock(std::int64_t Id);
+    bool IsRunning(std::int64_t Id);
+    void InsertSteps(std::int64_t Id, std::int64_t First, const std::vector<TavroStep>& Steps);
+    void Insert(TavroOperation& Operation);
 
     TavroPlace Place;
     std::string Path;            ///< As it was given, for sentences.
@@ -179,6 +197,7 @@ struct TavroDatabase {
     bool bImpatient = false; ///< Nobody is waited for.
     sqlite3* Connection = nullptr;
     int Code = SQLITE_OK;
+    TavroDescriptor Running; ///< The file of which each operation on its way has locked a byte.
 };
 
 namespace {
@@ -550,18 +569,6 @@ std::int64_t BytesOf(const TavroOperation& Operation) {
     return Integer(bytes);
 }
 
-void ReplaceSteps(TavroDatabase& Database, const TavroOperation& Operation) {
-    Database.Run("DELETE FROM step WHERE operation = ?", Operation.Id);
-    Statement insert(Database, "INSERT INTO step VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
-    std::int64_t number = 0;
-    for (const TavroStep& step : Operation.Steps) {
-        insert.Bind(Operation.Id, number++, Integer(step.Role), step.From, step.To, step.Record,
-                    Integer(step.Identity.Device), Integer(step.Identity.Inode), step.ChangeTime,
-                    Integer(step.Mode), Integer(step.bDirectory));
-        insert.Next();
-    }
-}
-
 /// Takes the oldest operations off the list where there are too many, or too large ones.
 void DropSurplus(TavroDatabase& Database) {
     Statement done(Database,
@@ -598,22 +605,39 @@ void RemoveDropped(TavroDatabase& Database, std::int64_t Count) {
 
 } // namespace
 
+void TavroDatabase::InsertSteps(std::int64_t Id, std::int64_t First,
+                                const std::vector<TavroStep>& Steps) {
+    Statement insert(*this, "INSERT OR REPLACE INTO step VALUES "
+                            "(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+    for (const TavroStep& step : Steps) {
+        insert.Bind(Id, First++, Integer(step.Role), step.From, step.To, step.Record,
+                    Integer(step.Identity.Device), Integer(step.Identity.Inode), step.ChangeTime,
+                    Integer(step.Mode), Integer(step.bDirectory), step.Staged,
+                    Integer(step.Source.Device), Integer(step.Source.Inode), step.SourceTime);
+        insert.Next();
+    }
+}
+
+/// What could be redone is dropped by what is new.
+void TavroDatabase::Insert(TavroOperation& Operation) {
+    Run("UPDATE operation SET state = 2 WHERE state = 1");
+    // What was dropped is still there, so no number is given twice.
+    Run("INSERT INTO operation (kind, state, time, steps, entries, bytes) "
+        "VALUES (?, ?, ?, ?, ?, ?)",
+        Integer(Operation.Kind), Integer(Operation.State), Operation.Time,
+        Integer(Operation.Steps.size()), EntriesOf(Operation), BytesOf(Operation));
+    Operation.Id = sqlite3_last_insert_rowid(Connection);
+    InsertSteps(Operation.Id, 0, Operation.Steps);
+}
+
 TavroFailure TavroHistory::Record(TavroOperation& Operation) {
     if (!IsValid(Operation)) {
         return {Kind::HistoryUnrecordable};
     }
     return m_database->Transact(true, [&] {
-        const std::int64_t steps = Integer(Operation.Steps.size());
-        m_database->Run("UPDATE operation SET state = 2 WHERE state = 1");
-        // What was dropped is still there, so no number is given twice.
-        m_database->Run("INSERT INTO operation (kind, state, time, steps, entries, bytes) "
-                        "VALUES (?, ?, ?, ?, ?, ?)",
-                        Integer(Operation.Kind), Integer(Operation.State), Operation.Time, steps,
-                        EntriesOf(Operation), BytesOf(Operation));
-        Operation.Id = sqlite3_last_insert_rowid(m_database->Connection);
-        ReplaceSteps(*m_database, Operation);
+        m_database->Insert(Operation);
         DropSurplus(*m_database);
-        RemoveDropped(*m_database, steps + droppedAtOnce);
+        RemoveDropped(*m_database, Integer(Operation.Steps.size()) + droppedAtOnce);
     });
 }
 
@@ -622,15 +646,115 @@ TavroFailure TavroHistory::Update(const TavroOperation& Operation) {
         return {Kind::HistoryUnrecordable};
     }
     return m_database->Transact(true, [&] {
-        m_database->Run("UPDATE operation SET state = ?, steps = ?, bytes = ? WHERE id = ?",
+        m_database->Run("UPDATE operation SET state = ?, steps = ?, entries = ?, bytes = ? "
+                        "WHERE id = ?",
                         Integer(Operation.State), Integer(Operation.Steps.size()),
-                        BytesOf(Operation), Operation.Id);
+                        EntriesOf(Operation), BytesOf(Operation), Operation.Id);
         if (sqlite3_changes(m_database->Connection) == 0) {
             m_database->Keep(SQLITE_NOTFOUND);
         }
-        ReplaceSteps(*m_database, Operation);
+        m_database->Run("DELETE FROM step WHERE operation = ?", Operation.Id);
+        m_database->InsertSteps(Operation.Id, 0, Operation.Steps);
         m_database->Keep(sqlite3_db_cacheflush(m_database->Connection));
     });
+}
+
+// -------------------------------------------------------------------------------------------------
+// Operations on their way
+// -------------------------------------------------------------------------------------------------
+
+namespace {
+
+/// Of the file with the locks, one byte an operation.
+const std::string runningSuffix = "-running";
+
+} // namespace
+
+/// Locks the byte of an operation, as long as the database is open. Where there are no locks an
+/// operation is taken for interrupted while it runs; its steps are still judged by what they are.
+TavroFailure TavroDatabase::HoldLock(std::int64_t Id) {
+    if (!Running.IsOpen()) {
+        TavroOpenAt(Place.Number(), (Place.Name + runningSuffix).c_str(), O_RDWR | O_CREAT, Running,
+                    0600);
+    }
+    for (int count = 0; Running.IsOpen(); ++count) {
+        const int error = TavroLockByte(Running.Number(), Id);
+        if (error != EAGAIN && error != EACCES) {
+            break;
+        }
+        if (!Wait(count)) {
+            return {bCancelled ? Kind::Cancelled : Kind::HistoryRunning};
+        }
+    }
+    return {};
+}
+
+bool TavroDatabase::IsRunning(std::int64_t Id) {
+    TavroDescriptor file;
+    return TavroOpenAt(Place.Number(), (Place.Name + runningSuffix).c_str(), O_RDONLY, file) == 0 &&
+           TavroIsByteLocked(file.Number(), Id);
+}
+
+TavroFailure TavroHistory::BeginOperation(TavroOperation& Operation) {
+    if (!IsValid(Operation)) {
+        return {Kind::HistoryUnrecordable};
+    }
+    return m_database->Transact(true, [&] {
+        m_database->Insert(Operation);
+        m_database->HoldLock(Operation.Id);
+    });
+}
+
+TavroFailure TavroHistory::ContinueOperation(const TavroOperation& Operation,
+                                             TavroOperationState NewState, bool& OutChanged) {
+    TavroFailure failure = m_database->HoldLock(Operation.Id);
+    return failure ? failure : m_database->Transact(true, [&] {
+        m_database->Run("UPDATE operation SET state = ? WHERE id = ? AND state = ?",
+                        Integer(NewState), Operation.Id, Integer(Operation.State));
+        OutChanged = sqlite3_changes(m_database->Connection) == 0;
+        if (OutChanged) {
+            m_database->Running.Close();
+        }
+    });
+}
+
+bool TavroHistory::IsRunning(const TavroOperation& Operation) const {
+    return m_database->IsRunning(Operation.Id);
+}
+
+TavroFailure TavroHistory::KeepSteps(std::int64_t Id, std::size_t First,
+                                     const std::vector<TavroStep>& Steps) {
+    if (!std::all_of(Steps.begin(), Steps.end(),
+                     [](const TavroStep& step) { return IsValid(step); })) {
+        return {Kind::HistoryUnrecordable};
+    }
+    return m_database->Transact(true, [&] {
+        m_database->InsertSteps(Id, Integer(First), Steps);
+        m_database->Run("UPDATE operation SET steps = max(steps, ?) WHERE id = ?",
+                        Integer(First + Steps.size()), Id);
+    });
+}
+
+TavroFailure TavroHistory::EndOperation(const TavroOperation& Operation, bool bSameSteps) {
+    const bool bNothing = EntriesOf(Operation) == 0;
+    m_database->Code = SQLITE_OK;
+    m_database->Run("PRAGMA synchronous=NORMAL");
+    TavroFailure failure = m_database->Transact(true, [&] {
+        m_database->Run("UPDATE operation SET state = ?, steps = ?, entries = ?, bytes = ? "
+                        "WHERE id = ?",
+                        bNothing ? 2 : Integer(Operation.State), Integer(Operation.Steps.size()),
+                        EntriesOf(Operation), BytesOf(Operation), Operation.Id);
+        if (!bSameSteps) {
+            m_database->Run("DELETE FROM step WHERE operation = ?", Operation.Id);
+            m_database->InsertSteps(Operation.Id, 0, Operation.Steps);
+        }
+        DropSurplus(*m_database);
+        RemoveDropped(*m_database, Integer(Operation.Steps.size()) + droppedAtOnce);
+    });
+    m_database->Code = SQLITE_OK;
+    m_database->Run("PRAGMA synchronous=FULL");
+    m_database->Running.Close();
+    return failure;
 }
 
 TavroFailure TavroHistory::Drop(std::int64_t Id) {
@@ -668,8 +792,12 @@ bool ReadSteps(Statement& Row, std::int64_t Count, TavroOperation& OutOperation)
         step.ChangeTime = Row.Number(7);
         step.Mode = static_cast<std::uint32_t>(Row.Number(8));
         step.bDirectory = Row.Number(9) != 0;
+        step.Staged = Row.Bytes(10);
+        step.Source.Device = static_cast<std::uint64_t>(Row.Number(11));
+        step.Source.Inode = static_cast<std::uint64_t>(Row.Number(12));
+        step.SourceTime = Row.Number(13);
         if (Row.Number(0) != Integer(OutOperation.Steps.size()) || !IsOneOf(Row.Number(8), 07777) ||
-            !IsOneOf(Row.Number(1), TavroStepRole::RemovedDirectory) || !IsValid(step)) {
+            !IsOneOf(Row.Number(1), TavroStepRole::Planned) || !IsValid(step)) {
             return false;
         }
         OutOperation.Steps.push_back(std::move(step));
@@ -680,8 +808,9 @@ bool ReadSteps(Statement& Row, std::int64_t Count, TavroOperation& OutOperation)
 const std::string operationsWhere =
     "SELECT id, kind, state, time, steps, entries FROM operation WHERE ";
 constexpr const char* stepsOfOne =
-    "SELECT number, role, source, target, record, device, inode, changed, mode, directory "
-    "FROM step WHERE operation = ? ORDER BY number LIMIT ?";
+    "SELECT number, role, source, target, record, device, inode, changed, mode, directory, staged, "
+    "source_device, source_inode, source_changed FROM step WHERE operation = ? ORDER BY number "
+    "LIMIT ?";
 
 /// @return whether a row of an operation could have been written here.
 bool ReadOperation(Statement& Row, TavroOperation& OutOperation) {
@@ -689,7 +818,7 @@ bool ReadOperation(Statement& Row, TavroOperation& OutOperation) {
     OutOperation.Kind = static_cast<TavroOperationKind>(Row.Number(1));
     OutOperation.State = static_cast<TavroOperationState>(Row.Number(2));
     OutOperation.Time = Row.Number(3);
-    return IsOneOf(Row.Number(1), TavroOperationKind::CreateDirectory) &&
+    return IsOneOf(Row.Number(1), TavroOperationKind::Restore) &&
            IsOneOf(Row.Number(4), INT64_MAX - 1) && IsOneOf(Row.Number(5), Row.Number(4));
 }
 
@@ -717,11 +846,15 @@ TavroFailure TavroDatabase::ReadNext(const char* Which,
 }
 
 TavroFailure TavroHistory::NextToUndo(std::optional<TavroOperation>& OutOperation) {
-    return m_database->ReadNext("state = 0 ORDER BY id DESC LIMIT 1", OutOperation);
+    return m_database->ReadNext("state IN (0, 3, 4, 5) ORDER BY id DESC LIMIT 1", OutOperation);
 }
 
 TavroFailure TavroHistory::NextToRedo(std::optional<TavroOperation>& OutOperation) {
     return m_database->ReadNext("state = 1 ORDER BY id LIMIT 1", OutOperation);
+}
+
+TavroFailure TavroHistory::NextToResume(std::optional<TavroOperation>& OutOperation) {
+    return m_database->ReadNext("state > 2 ORDER BY id DESC LIMIT 1", OutOperation);
 }
 
 TavroFailure TavroHistory::List(bool bSteps, std::vector<TavroOperation>& OutOperations,
@@ -730,14 +863,15 @@ TavroFailure TavroHistory::List(bool bSteps, std::vector<TavroOperation>& OutOpe
         OutOperations.clear();
         OutEntryCounts.clear();
         Statement row(*m_database,
-                      operationsWhere + "state IN (0, 1) ORDER BY state DESC, id DESC LIMIT ?",
+                      operationsWhere + "state <> 2 ORDER BY state = 1 DESC, id DESC LIMIT ?",
                       mostOperations);
         Statement steps(*m_database, stepsOfOne);
         while (row.Next()) {
             TavroOperation operation;
             if (ReadOperation(row, operation)) {
                 const std::int64_t count = row.Number(4);
-                if (!ReadSteps(steps, bSteps ? count : 1, operation)) {
+                const bool bAll = bSteps || Integer(operation.State) > 2;
+                if (!ReadSteps(steps, bAll ? count : 1, operation)) {
                     operation.Steps.clear();
                 }
                 OutOperations.push_back(std::move(operation));

@@ -4,7 +4,7 @@
 #define TAVRO_ENGINE_HISTORY_H
 
 #include "failure.h"
-#include "identity.h"
+#include "operation.h"
 
 #include <chrono>
 #include <cstdint>
@@ -13,62 +13,6 @@
 #include <optional>
 #include <string>
 #include <vector>
-
-enum class TavroOperationKind {
-    Trash,           ///< Undone by a restore, redone by trashing again.
-    Rename,          ///< Undone by renaming back.
-    Move,            ///< Undone by moving back.
-    Copy,            ///< Undone by trashing what was copied, redone by restoring that.
-    CreateDirectory, ///< Undone by removing the directories, only when they are empty.
-};
-
-enum class TavroOperationState {
-    Done,   ///< Can be undone.
-    Undone, ///< Can be redone.
-};
-
-/// What one step of an operation did.
-enum class TavroStepRole {
-    Moved,            ///< `From` went to `To`.
-    Copied,           ///< `From` was copied to `To`.
-    Trashed,          ///< `From` lies in the trash at `To`, with its record at `Record`.
-    CreatedDirectory, ///< `To` was created.
-    RemovedDirectory, ///< `From` was emptied by a merging move and removed; it had the mode `Mode`.
-};
-
-/// One thing that an operation did. Paths are absolute, of any bytes but zero.
-struct TavroStep {
-    TavroStepRole Role = TavroStepRole::Moved;
-    std::string From;
-    std::string To;
-    std::string Record; ///< Of a Trashed step: `ROOT/info/NAME.trashinfo` for `ROOT/files/NAME`.
-
-    /// The file at `To`; while the operation is undone, the one at `From`. An inode of 0: not
-    /// known, or of a directory that the operation found there.
-    TavroIdentity Identity = {};
-    std::int64_t ChangeTime = 0; ///< Of that file when the operation ended, or that moment.
-    std::uint32_t Mode = 0;      ///< Of a created or removed directory.
-    bool bDirectory = false;     ///< As the trash record of a Trashed step has it.
-
-    bool operator==(const TavroStep& Other) const;
-};
-
-/// One operation.
-struct TavroOperation {
-    std::int64_t Id = 0; ///< Given by the history; grows with time.
-    TavroOperationKind Kind = TavroOperationKind::Trash;
-    TavroOperationState State = TavroOperationState::Done;
-    std::int64_t Time = 0; ///< In seconds since 1970.
-
-    /// First the main steps, in the order in which they were done, so that the first one tells what
-    /// the operation is about; then created directories, outer ones before inner ones; then removed
-    /// ones, inner ones first. What lies in the trash because a
-    /// copy was undone stands as Trashed steps beside the Copied ones.
-    std::vector<TavroStep> Steps;
-};
-
-/// Whether a step is what an operation of that kind is about, and no circumstance of it.
-bool TavroIsMainStep(const TavroStep& Step, TavroOperationKind What);
 
 /// The history of this user: `tavro/history.db` below `XDG_STATE_HOME` (when that is set and
 /// absolute) or else below `HOME/.local/state`. Empty when there is neither.
@@ -112,18 +56,48 @@ public:
 
     /// All operations, the newest to undo or redo first: the undone ones, next to be redone last,
     /// then those that can be undone. One that is refused has no steps here.
-    /// @param bSteps          false: only the first step of each is read.
+    /// @param bSteps          false: only the first step of each is read, and all of what is on its
+    ///                        way.
     /// @param OutEntryCounts  how many main steps each has.
     TavroFailure List(bool bSteps, std::vector<TavroOperation>& OutOperations,
                       std::vector<std::uint64_t>& OutEntryCounts);
 
-    /// The operation that is undone (redone) next, with its steps; nothing when there is none.
+    /// The operation that is undone (redone) next, with its steps; nothing when there is none. One
+    /// that is on its way, or was interrupted, is undone next, too.
     TavroFailure NextToUndo(std::optional<TavroOperation>& OutOperation);
     TavroFailure NextToRedo(std::optional<TavroOperation>& OutOperation);
+
+    /// The newest operation that was begun and has not ended.
+    TavroFailure NextToResume(std::optional<TavroOperation>& OutOperation);
 
     /// Keeps new steps and a new state of an operation. In a transaction the bytes are written at
     /// once, so that a full disk shows here, and count from Commit on.
     TavroFailure Update(const TavroOperation& Operation);
+
+    // --- Operations on their way ---
+
+    /// Adds an operation that is about to begin, in the state Doing, with the steps that are known;
+    /// on the disk when this returns. What could be redone is dropped. Until it is ended, or this
+    /// object goes, other processes see that it is running.
+    /// @param Operation  gets its Id.
+    TavroFailure BeginOperation(TavroOperation& Operation);
+
+    /// As BeginOperation, for one that is there already and gets another state. Another process
+    /// that is at it is waited for, then HistoryRunning.
+    /// @param OutChanged  it is not in its state any more, and stays as it is.
+    TavroFailure ContinueOperation(const TavroOperation& Operation, TavroOperationState NewState,
+                                   bool& OutChanged);
+
+    /// Keeps steps of an operation on its way, from a number on; on the disk when this returns.
+    TavroFailure KeepSteps(std::int64_t Id, std::size_t First, const std::vector<TavroStep>& Steps);
+
+    /// Keeps the state, and unless they are the same the steps, of what has come to its end;
+    /// without main steps it is dropped. This does not wait for the disk: what a power cut takes
+    /// away is found out again by looking.
+    TavroFailure EndOperation(const TavroOperation& Operation, bool bSameSteps);
+
+    /// Whether a process is at an operation that has not ended.
+    bool IsRunning(const TavroOperation& Operation) const;
 
     /// Takes an operation off the list; NothingToDrop when it is not there.
     TavroFailure Drop(std::int64_t Id);

@@ -9,8 +9,10 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/fs.h>
+#include <linux/magic.h>
 #include <sys/ioctl.h>
 #include <sys/sysmacros.h>
+#include <sys/vfs.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -514,4 +516,47 @@ int TavroSyncFileSystem(int Descriptor) {
         error = ErrorOf([&] { return syncfs(file.Number()); });
     }
     return error == EINVAL ? 0 : error;
+}
+
+TavroDisk TavroDiskOf(int Descriptor) {
+    struct statfs status = {};
+    const int error = ErrorOf([&] { return fstatfs(Descriptor, &status); });
+    switch (error == 0 ? status.f_type : 0) {
+    case TMPFS_MAGIC:
+    case RAMFS_MAGIC:
+        return TavroDisk::None;
+    case EXT4_SUPER_MAGIC:
+    case XFS_SUPER_MAGIC:
+        return TavroDisk::OrderedLog;
+    default:
+        return TavroDisk::Independent;
+    }
+}
+
+// =================================================================================================
+// Locks
+// =================================================================================================
+
+namespace {
+
+struct flock LockOf(short Type, off_t At) {
+    struct flock lock = {};
+    lock.l_type = Type;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = At;
+    lock.l_len = 1;
+    return lock;
+}
+
+} // namespace
+
+int TavroLockByte(int Descriptor, off_t At) {
+    struct flock lock = LockOf(F_WRLCK, At);
+    return ErrorOf([&] { return fcntl(Descriptor, F_OFD_SETLK, &lock); });
+}
+
+bool TavroIsByteLocked(int Descriptor, off_t At) {
+    struct flock lock = LockOf(F_RDLCK, At);
+    const int error = ErrorOf([&] { return fcntl(Descriptor, F_OFD_GETLK, &lock); });
+    return error == 0 && lock.l_type != F_UNLCK;
 }

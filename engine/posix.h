@@ -188,4 +188,23 @@ int TavroSync(int Descriptor);
 /// Lets everything written to the file system of an open file or directory reach the disk.
 int TavroSyncFileSystem(int Descriptor);
 
+/// What a file system has to do before a change of names is on its disk.
+enum class TavroDisk {
+    None,        ///< It is in memory.
+    OrderedLog,  ///< One log has all changes in order: who syncs the last one syncs all.
+    Independent, ///< Each directory for itself.
+};
+
+/// That of an open file or directory; Independent when it is not known.
+TavroDisk TavroDiskOf(int Descriptor);
+
+// --- Locks ---
+
+/// Locks one byte of a file against all other descriptors, until this one is closed; EAGAIN when
+/// another one holds it. It does not wait.
+int TavroLockByte(int Descriptor, off_t At);
+
+/// Whether another descriptor holds such a lock.
+bool TavroIsByteLocked(int Descriptor, off_t At);
+
 #endif

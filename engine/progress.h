@@ -3,6 +3,9 @@
 #ifndef TAVRO_ENGINE_PROGRESS_H
 #define TAVRO_ENGINE_PROGRESS_H
 
+#include "failure.h"
+#include "operation.h"
+
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
@@ -25,6 +28,13 @@ struct TavroCallbacks {
 
     /// Asked at least once for each entry and each block of a file; true cancels.
     std::function<bool()> ShouldCancel;
+
+    /// Told what will be done before it is done. An operation does not begin, or go on, after a
+    /// failure, which is its own then.
+    std::function<TavroFailure(TavroOperationKind, const std::vector<TavroStep>&)> BeforeActs = {};
+
+    /// Whether what is done has reached the disk when the operation says so.
+    bool bSync = true;
 };
 
 /// Counts what one operation has done and tells it, at most 20 times a second. Not for threads.

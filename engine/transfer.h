@@ -62,6 +62,9 @@ struct TavroTransferCallbacks : TavroCallbacks {
     /// Asked for each conflict under the policy `Ask`, and whenever a directory is to replace
     /// something else or the reverse. Empty: such an item is skipped.
     std::function<TavroConflictAnswer(const TavroTransferConflict&)> OnConflict;
+
+    /// Asked for each source; what is done already is passed over.
+    std::function<bool(const std::string& From)> IsDone = {};
 };
 
 /// Carries out a plan, item by item. One item that fails does not stop the others; a full target

@@ -7,6 +7,7 @@
 #include "trash_record.h"
 
 #include <algorithm>
+#include <fcntl.h>
 #include <string_view>
 #include <unordered_map>
 #include <unordered_set>
@@ -197,6 +198,58 @@ TavroTrashedEntry InTrash(const TavroTrashFolders& Folders, const TavroBatchStep
             Step.Arrived.Identity};
 }
 
+/// Brings records to the disk: a single one by itself.
+int SyncRecords(const TavroOpenTrash& Trash, std::size_t Count, const std::string& Item,
+                const TavroCallbacks& Callbacks) {
+    const int info = Trash.Info.Number();
+    TavroDescriptor record;
+    if (!Callbacks.bSync || TavroDiskOf(info) == TavroDisk::None) {
+        return 0;
+    }
+    if (Count > 1 || TavroOpenAt(info, TavroRecordName(Item).c_str(), O_RDONLY, record) != 0) {
+        return TavroSyncFileSystem(info);
+    }
+    return TavroSync(record.Number());
+}
+
+/// What is trashed, as the history keeps it.
+std::vector<TavroStep> StepsOf(const TavroTrashFolders& Folders,
+                               const std::vector<TavroBatchStep>& Steps) {
+    std::vector<TavroStep> steps;
+    steps.reserve(Steps.size());
+    for (const TavroBatchStep& step : Steps) {
+        TavroTrashEntry entry = InTrash(Folders, step).Entry;
+        steps.push_back({TavroStepRole::Trashed, std::move(entry.OriginalPath),
+                         std::move(entry.TrashPath), std::move(entry.InfoPath),
+                         step.Seen->State.Identity, 0, 0, entry.bDirectory});
+    }
+    return steps;
+}
+
+/// Claims a name for each entry. The records are on the disk before anything is moved, and so is
+/// what is going to be done.
+template <typename Claim>
+TavroFailure ClaimAll(const TavroOpenTrash& Trash, std::vector<TavroBatchStep>& Steps,
+                      Claim ClaimOne, const TavroCallbacks& Callbacks) {
+    TavroFailure failure;
+    for (TavroBatchStep& step : Steps) {
+        step.To.clear();
+    }
+    for (std::size_t i = 0; i < Steps.size() && !failure; ++i) {
+        failure = ClaimOne(i);
+    }
+    if (failure) {
+        return failure;
+    }
+    const int error = SyncRecords(Trash, Steps.size(), TavroNameOf(Steps[0].To), Callbacks);
+    if (error != 0) {
+        return TavroFail(TavroFailureKind::WriteRecord, error, Trash.Folders.Info);
+    }
+    return Callbacks.BeforeActs
+               ? Callbacks.BeforeActs(TavroOperationKind::Trash, StepsOf(Trash.Folders, Steps))
+               : failure;
+}
+
 } // namespace
 
 TavroTrashReport TavroTrashSelection(const std::vector<TavroOperationEntry>& Entries,
@@ -221,15 +274,26 @@ TavroTrashReport TavroTrashSelection(const std::vector<TavroOperationEntry>& Ent
         steps[i].Expected = Expected[i];
     }
     TavroTrashClaims claims(trash);
-    TavroBatchHooks hooks;
-    hooks.BeforeMove = [&](std::size_t i) {
+    const auto claim = [&](std::size_t i) {
         std::string name;
         TavroFailure unclaimed = claims.Claim(TavroNameOf(steps[i].From), steps[i].From, name);
-        steps[i].To = TavroJoin(trash.Folders.Files, name);
+        steps[i].To = unclaimed ? "" : TavroJoin(trash.Folders.Files, name);
         return unclaimed;
     };
+    TavroBatchHooks hooks;
+    hooks.Prepare = [&] { return ClaimAll(trash, steps, claim, Callbacks); };
     hooks.Undone = [&](std::size_t i) {
-        claims.Drop(TavroNameOf(steps[i].From), TavroNameOf(steps[i].To));
+        if (!steps[i].To.empty()) {
+            claims.Drop(TavroNameOf(steps[i].From), TavroNameOf(steps[i].To));
+        }
+    };
+    hooks.Retry = [&](std::size_t i) {
+        hooks.Undone(i);
+        TavroFailure unclaimed = claim(i);
+        const int error =
+            unclaimed ? 0 : SyncRecords(trash, 1, TavroNameOf(steps[i].To), Callbacks);
+        return error == 0 ? unclaimed
+                          : TavroFail(TavroFailureKind::WriteRecord, error, trash.Folders.Info);
     };
     TavroTrashReport report;
     report.Batch = TavroRunBatch(steps, hooks, Callbacks);
@@ -300,7 +364,7 @@ TavroFailure AsOfTrash(TavroFailure Failure, const std::vector<TavroBatchStep>& 
 
 /// Removes the records of what has left the trash: each beside its item, whatever else the entry
 /// says.
-void RemoveRecords(const std::vector<TavroBatchStep>& Steps) {
+void RemoveRecords(const std::vector<TavroBatchStep>& Steps, TavroChanges& Changes) {
     TavroPlaces places;
     for (const TavroBatchStep& step : Steps) {
         const std::string info = TavroJoin(TavroParentOf(TavroParentOf(step.From)), "info");
@@ -309,8 +373,21 @@ void RemoveRecords(const std::vector<TavroBatchStep>& Steps) {
         if (step.Arrived.Identity.Inode != 0 && !step.bCopyStays &&
             !places.Find(TavroJoin(info, file), record)) {
             TavroUnlinkAt(record.Number(), record.Name.c_str());
+            Changes.Add(record.Directory);
         }
     }
+}
+
+/// What is restored, as the history keeps it.
+std::vector<TavroStep> StepsToRestore(const std::vector<TavroBatchStep>& Steps) {
+    std::vector<TavroStep> steps;
+    for (const TavroBatchStep& step : Steps) {
+        const std::string info = TavroJoin(TavroParentOf(TavroParentOf(step.From)), "info");
+        steps.push_back({TavroStepRole::Trashed, step.To, step.From,
+                         TavroJoin(info, TavroRecordName(TavroNameOf(step.From))),
+                         step.Seen->State.Identity, 0, 0, step.Seen->State.IsDirectory()});
+    }
+    return steps;
 }
 
 } // namespace
@@ -337,13 +414,23 @@ TavroTrashReport TavroRestoreSelection(const std::vector<TavroTrashedEntry>& Ent
         }
         steps.back().Seen = trashed.Seen;
     }
+    TavroBatchHooks hooks;
+    hooks.Prepare = [&] {
+        return Callbacks.BeforeActs
+                   ? Callbacks.BeforeActs(TavroOperationKind::Restore, StepsToRestore(steps))
+                   : TavroFailure();
+    };
+    hooks.Finish = [&](TavroChanges& changes) { RemoveRecords(steps, changes); };
     TavroTrashReport report;
     report.bRestoring = true;
-    report.Batch = TavroRunBatch(steps, {}, Callbacks);
+    report.Batch = TavroRunBatch(steps, hooks, Callbacks);
     if (!report) {
         report.Batch.Failure = AsOfTrash(std::move(report.Batch.Failure), steps);
         const auto entryOf = [&](std::size_t i) { return *restorations[i].Trashed; };
+        TavroChanges changes(Callbacks.bSync);
         TellWhatIsLeft(steps, entryOf, report);
+        RemoveRecords(steps, changes); // of what could not be moved back
+        changes.Flush();
     } else {
         report.Entries = Entries;
         for (std::size_t i = 0; i < steps.size(); ++i) {
@@ -351,7 +438,6 @@ TavroTrashReport TavroRestoreSelection(const std::vector<TavroTrashedEntry>& Ent
                 .Item = steps[i].Arrived.Identity;
         }
     }
-    RemoveRecords(steps);
     return report;
 }
 

@@ -96,12 +96,12 @@ private:
 /// @return no failure when all are gone; else the first; the others are removed all the same.
 ///         Cancelled: the rest stays.
 TavroFailure TavroRemoveFromTrash(const std::vector<TavroTrashItem>& Items,
-                                  const std::function<bool()>& ShouldCancel);
+                                  const std::function<bool()>& ShouldCancel, bool bSync = true);
 
-/// Removes every item that TavroListTrash would list, as TavroRemoveFromTrash does, without
-/// a list first.
-/// @return as TavroRemoveFromTrash; NoHome; ReadTrash.
-TavroFailure TavroEmptyTrash(const std::function<bool()>& ShouldCancel);
+/// Removes every item that TavroListTrash would list, as TavroRemoveFromTrash does, but looks at none
+/// before: what takes the name of an item meanwhile goes in its place.
+/// @return as TavroRemoveFromTrash, or as TavroListTrash.
+TavroFailure TavroEmptyTrash(const std::function<bool()>& ShouldCancel, bool bSync = true);
 
 /// The items that were trashed more than so many days ago (of 24 hours, local time). An item
 /// without a readable date is never among them.

@@ -1,8 +1,11 @@
 #include "undo.h"
 
+#include "changes.h"
 #include "guard.h"
+#include "journal.h"
 #include "names.h"
 #include "record.h"
+#include "recovery.h"
 #include "trash_record.h"
 
 #include <algorithm>
@@ -48,8 +51,8 @@ template <typename Items, typename Act> TavroFailure Each(const Items& All, Act 
 class Reversal {
 public:
     Reversal(bool bUndo, const TavroCallbacks& Callbacks, TavroUndoReport& Report)
-        : m_bUndo(bUndo), m_callbacks(Callbacks), m_report(Report),
-          m_steps(Report.Operation.Steps) {}
+        : m_bUndo(bUndo), m_callbacks(Callbacks), m_report(Report), m_steps(Report.Operation.Steps),
+          m_changes(Callbacks.bSync) {}
 
     TavroFailure Run();
 
@@ -89,6 +92,7 @@ private:
     TavroPlaces m_places;
     TavroGuard m_guard{TavroAct::Move};
     std::map<std::string, TavroIdentity> m_made; ///< Directories; outer ones first.
+    TavroChanges m_changes;
 
     /// Of directories that something goes to: where they were when all was checked.
     std::unordered_map<std::string, std::string> m_ownPaths;
@@ -141,7 +145,7 @@ TavroFailure Reversal::CheckFile(const TavroStep& Step, const std::string& Path,
     if (Step.Role == Role::CreatedDirectory && !S_ISDIR(status.st_mode)) {
         return {Kind::NotDirectory, {}, Path};
     }
-    if (Step.Identity.Inode != 0 && Step.Identity != TavroIdentityOf(status)) {
+    if (Step.Identity.Inode != 0 && Step.Identity.Inode != status.st_ino) {
         return {Kind::Replaced, {}, Path, OtherOf(status.st_mode)};
     }
     OutSeen = {place.Directory->Identity, TavroStateOf(status)};
@@ -243,6 +247,7 @@ void Reversal::Remember(const std::vector<std::string>& Made) {
         struct stat status = {};
         if (Look(path, place, status) == 0) {
             m_made[path] = TavroIdentityOf(status);
+            m_changes.Add(place.Directory);
         }
     }
 }
@@ -269,9 +274,12 @@ int Reversal::RemoveDirectory(const std::string& Path, const TavroIdentity& Iden
     TavroPlace place;
     struct stat status = {};
     int error = Look(Path, place, status);
-    error = error == 0 && TavroIdentityOf(status) != Identity ? ESTALE : error;
+    error = error == 0 && status.st_ino != Identity.Inode ? ESTALE : error;
     error = error != 0 ? error : TavroRemoveDirectoryAt(place.Number(), place.Name.c_str());
-    OutMode = error == 0 ? status.st_mode & 07777U : OutMode;
+    if (error == 0) {
+        OutMode = status.st_mode & 07777U;
+        m_changes.Add(place.Directory);
+    }
     return error;
 }
 
@@ -435,7 +443,9 @@ TavroFailure Reversal::Restore() {
     if (failure) {
         return failure;
     }
-    m_report.Trash = TavroRestoreSelection(entries, m_callbacks);
+    TavroCallbacks callbacks = m_callbacks;
+    callbacks.BeforeActs = nullptr; // these steps are kept already
+    m_report.Trash = TavroRestoreSelection(entries, callbacks);
     for (std::size_t i = 0; i < m_report.Trash.Entries.size(); ++i) {
         steps[i]->Identity = m_report.Trash.Entries[i].Item;
     }
@@ -465,6 +475,7 @@ TavroFailure Reversal::RestoreCopies() {
 TavroFailure Reversal::Act() {
     switch (m_report.Operation.Kind) {
     case TavroOperationKind::Trash:
+    case TavroOperationKind::Restore:
         return m_bUndo ? Restore() : Trash(StepsOf(Role::Trashed), m_steps);
     case TavroOperationKind::Rename:
     case TavroOperationKind::Move:
@@ -483,7 +494,8 @@ TavroFailure Reversal::Run() {
     if (!failure) {
         SetModes();
         RemoveDirectories(); // one that holds something stays
-        return {};
+        const int error = m_changes.Flush();
+        return error == 0 ? failure : TavroFail(Kind::Write, error, DirectoryOf(m_steps.front()));
     }
     for (auto made = m_made.rbegin(); made != m_made.rend(); ++made) {
         mode_t ignored = 0;
@@ -492,42 +504,164 @@ TavroFailure Reversal::Run() {
     return failure;
 }
 
-TavroUndoReport Go(bool bUndo, TavroHistory& History, const TavroCallbacks& Callbacks) {
-    TavroUndoReport report;
-    std::optional<TavroOperation> next;
-    TavroFailure& failure = report.Failure;
-    failure = History.Begin();
-    failure = failure ? failure : bUndo ? History.NextToUndo(next) : History.NextToRedo(next);
-    if (!failure && !next) {
-        failure = {bUndo ? Kind::NothingToUndo : Kind::NothingToRedo};
+/// One undo, redo or resumption, with what the history has to know of it.
+class Going {
+public:
+    Going(TavroHistory& History, const TavroTransferCallbacks& Callbacks)
+        : m_history(History), m_callbacks(Callbacks) {}
+
+    using FindNext = TavroFailure (TavroHistory::*)(std::optional<TavroOperation>&);
+    TavroUndoReport Run(FindNext Find, TavroFailureKind Nothing, bool bUndo, bool bResume);
+
+private:
+    TavroFailure Settle(bool& IoUndo, bool bResume);
+    TavroFailure Transfer(TavroTransferCallbacks Callbacks);
+    TavroFailure Take(FindNext Find, TavroFailureKind Nothing, bool bUndo);
+    TavroFailure End(bool bUndo);
+
+    TavroHistory& m_history;
+    const TavroTransferCallbacks& m_callbacks;
+    TavroUndoReport m_report;
+    TavroOperation m_before;
+    std::vector<TavroStep> m_settled; ///< Of an interrupted operation: what is where it is to be.
+    bool m_bForget = false;           ///< It does not stay in the history.
+    bool m_bTransfer = false;         ///< The rest is to be copied or moved.
+};
+
+/// Finds out what is left to be done, and in which direction.
+TavroFailure Going::Settle(bool& IoUndo, bool bResume) {
+    TavroOperation& operation = m_report.Operation;
+    std::vector<TavroStep> done;
+    std::vector<TavroStep> notDone;
+    TavroFailure failure = TavroSettle(operation, m_callbacks, done, notDone);
+    const TavroOperationState state = operation.State;
+    const bool bDoing = state == TavroOperationState::Doing;
+    if (operation.Kind == TavroOperationKind::Restore) {
+        operation.Kind = TavroOperationKind::Trash;
+        IoUndo = bResume;
+        m_bForget = true;
+    } else {
+        IoUndo = bResume ? state == TavroOperationState::Undoing : true;
     }
-    if (!failure) {
-        report.Operation = std::move(*next);
-        report.Operation.State = bUndo ? TavroOperationState::Undone : TavroOperationState::Done;
-        const std::vector<TavroStep> steps = report.Operation.Steps;
-        failure = History.Update(report.Operation); // what makes saving impossible shows now
-        failure = failure ? failure : Reversal(bUndo, Callbacks, report).Run();
-        if (!failure) {
-            const bool bSame = steps == report.Operation.Steps;
-            failure = bSame ? failure : History.Update(report.Operation);
-            failure = failure ? failure : History.Commit();
-            report.bDoneButNotSaved = static_cast<bool>(failure);
+    m_bTransfer =
+        bDoing && bResume &&
+        (operation.Kind == TavroOperationKind::Move || operation.Kind == TavroOperationKind::Copy);
+    operation.Steps = IoUndo ? std::move(done) : std::move(notDone);
+    const bool bNeverDone = bDoing && IoUndo && !m_bForget;
+    m_settled = bNeverDone ? std::vector<TavroStep>()
+                : IoUndo   ? std::move(notDone)
+                           : std::move(done);
+    return failure;
+}
+
+/// Goes on with what was not copied or moved.
+TavroFailure Going::Transfer(TavroTransferCallbacks Callbacks) {
+    TavroTransferPlan plan;
+    TavroOperation& operation = m_report.Operation;
+    plan.bMove = operation.Kind == TavroOperationKind::Move;
+    std::set<std::string> done;
+    for (const TavroStep& step : m_settled) {
+        done.insert(step.From);
+    }
+    for (const TavroStep& step : operation.Steps) {
+        if (step.Role == Role::Planned && step.Mode <= 2) {
+            plan.ConflictPolicy = static_cast<TavroTransferConflictPolicy>(step.Mode);
+        }
+        if ((step.Role == Role::Planned || TavroIsMainStep(step, operation.Kind)) &&
+            done.count(step.From) == 0) {
+            TavroTransferItemPlan item;
+            item.Name = TavroNameOf(step.From);
+            item.SourcePath = step.From;
+            item.DestinationPath = step.To;
+            plan.Items.push_back(std::move(item));
         }
     }
-    if (failure) {
-        History.Rollback();
+    Callbacks.IsDone = [&](const std::string& path) { return done.count(path) != 0; };
+    TavroCarryOutTransfer(plan, Callbacks, m_report.Transfer);
+    operation.Steps = TavroOperationOf(m_report.Transfer, plan.bMove).Steps;
+    TavroCompleteOperation(operation);
+    return m_report.Transfer.bCancelled ? TavroFailure{Kind::Cancelled} : TavroFailure();
+}
+
+/// Keeps what the operation has come to.
+TavroFailure Going::End(bool bUndo) {
+    TavroOperation& operation = m_report.Operation;
+    operation.State = bUndo ? TavroOperationState::Undone : TavroOperationState::Done;
+    operation.Steps.insert(operation.Steps.begin(), m_settled.begin(), m_settled.end());
+    const auto isPlanned = [](const TavroStep& step) { return step.Role == Role::Planned; };
+    operation.Steps.erase(std::remove_if(operation.Steps.begin(), operation.Steps.end(), isPlanned),
+                          operation.Steps.end());
+    TavroOperation kept = operation;
+    kept.Steps = m_bForget ? std::vector<TavroStep>() : kept.Steps;
+    return m_history.EndOperation(kept, kept.Steps == m_before.Steps);
+}
+
+/// Takes on the next operation: from now on the history says so, and no other process does.
+TavroFailure Going::Take(FindNext Find, TavroFailureKind Nothing, bool bUndo) {
+    std::optional<TavroOperation> next;
+    TavroFailure failure;
+    for (bool bChanged = true; !failure && bChanged;) {
+        failure = (m_history.*Find)(next);
+        if (!failure && !next) {
+            return {Nothing};
+        }
+        if (!failure) {
+            const auto state = TavroIsOnItsWay(*next) ? next->State
+                               : bUndo                ? TavroOperationState::Undoing
+                                                      : TavroOperationState::Redoing;
+            failure = m_history.ContinueOperation(*next, state, bChanged);
+        }
     }
-    return report;
+    if (!failure) {
+        m_before = *next;
+        m_report.Operation = std::move(*next);
+    }
+    return failure;
+}
+
+TavroUndoReport Going::Run(FindNext Find, TavroFailureKind Nothing, bool bUndo, bool bResume) {
+    TavroFailure& failure = m_report.Failure;
+    failure = Take(Find, Nothing, bUndo);
+    if (failure) {
+        return std::move(m_report);
+    }
+    const bool bInterrupted = TavroIsOnItsWay(m_before);
+    failure = bInterrupted ? Settle(bUndo, bResume) : failure;
+    m_report.bUndone = bUndo;
+    TavroJournal journal(m_history, m_before);
+    TavroTransferCallbacks callbacks = m_callbacks;
+    static_cast<TavroCallbacks&>(callbacks) = journal.Bind(m_callbacks);
+    if (!failure && m_bTransfer) {
+        failure = Transfer(callbacks);
+    } else if (!failure && !m_report.Operation.Steps.empty()) {
+        failure = Reversal(bUndo, callbacks, m_report).Run();
+    }
+    if (!failure) {
+        failure = End(bUndo);
+        m_report.bDoneButNotSaved = static_cast<bool>(failure);
+    } else if (!bInterrupted) {
+        m_history.EndOperation(m_before, false);
+    }
+    return std::move(m_report);
 }
 
 } // namespace
 
 TavroUndoReport TavroUndo(TavroHistory& History, const TavroCallbacks& Callbacks) {
-    return Go(true, History, Callbacks);
+    const TavroTransferCallbacks callbacks{Callbacks, {}, {}};
+    return Going(History, callbacks)
+        .Run(&TavroHistory::NextToUndo, Kind::NothingToUndo, true, false);
 }
 
 TavroUndoReport TavroRedo(TavroHistory& History, const TavroCallbacks& Callbacks) {
-    return Go(false, History, Callbacks);
+    const TavroTransferCallbacks callbacks{Callbacks, {}, {}};
+    return Going(History, callbacks)
+        .Run(&TavroHistory::NextToRedo, Kind::NothingToRedo, false, false);
+}
+
+TavroUndoReport TavroResume(TavroHistory& History, const TavroTransferCallbacks& Callbacks) {
+    return Going(History, Callbacks)
+        .Run(&TavroHistory::NextToResume, Kind::NothingToResume, false, true);
 }
 
 void TavroCompleteOperation(TavroOperation& Operation) {
@@ -550,7 +684,7 @@ void TavroCompleteOperation(TavroOperation& Operation) {
 std::string TavroDescribe(const TavroUndoReport& Report) {
     std::string text = TavroDescribe(Report.Failure);
     if (Report.bDoneButNotSaved) {
-        const bool bUndone = Report.Operation.State == TavroOperationState::Undone;
+        const bool bUndone = Report.bUndone;
         return (bUndone ? "It is undone, but the saved history still has it as done: "
                         : "It is redone, but the saved history still has it as undone: ") +
                text;

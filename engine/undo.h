@@ -5,15 +5,18 @@
 
 #include "history.h"
 #include "progress.h"
+#include "transfer.h"
 #include "trash.h"
 
 /// What became of an undo or a redo.
 struct TavroUndoReport {
-    TavroFailure Failure = {};     ///< None when it is done and saved.
-    TavroTrashReport Trash = {};   ///< Of what went to the trash, or came back from it.
-    TavroBatchReport Moves = {};   ///< Of what was moved.
-    bool bDoneButNotSaved = false; ///< The disk is changed; the history still says otherwise.
-    TavroOperation Operation = {}; ///< What was undone (redone), as it is kept now.
+    TavroFailure Failure = {};         ///< None when it is done and saved.
+    TavroTrashReport Trash = {};       ///< Of what went to the trash, or came back from it.
+    TavroBatchReport Moves = {};       ///< Of what was moved.
+    TavroTransferReport Transfer = {}; ///< Of what a resumption copied or moved.
+    bool bDoneButNotSaved = false;     ///< The disk is changed; the history still says otherwise.
+    bool bUndone = false;              ///< It went back: of an interrupted operation it may.
+    TavroOperation Operation = {};     ///< What was undone (redone), as it is kept now.
 };
 
 /// Undoes (redoes) the newest operation and saves the history; NothingToUndo (NothingToRedo) when
@@ -27,6 +30,11 @@ struct TavroUndoReport {
 /// or its undo created go when they are empty.
 TavroUndoReport TavroUndo(TavroHistory& History, const TavroCallbacks& Callbacks);
 TavroUndoReport TavroRedo(TavroHistory& History, const TavroCallbacks& Callbacks);
+
+/// Goes on with the newest operation that was interrupted, in the direction that it had;
+/// NothingToResume when there is none. What was copied whole and brought to the disk is not copied
+/// again.
+TavroUndoReport TavroResume(TavroHistory& History, const TavroTransferCallbacks& Callbacks);
 
 /// Looks up, for an operation that is to be recorded, what its steps leave open: which file is at
 /// `To`, and the mode of a created directory.

@@ -123,15 +123,29 @@ TEST_F(Batch, undoes_in_reverse_what_was_done_before_a_failure) {
     file("2/2");
     std::vector<std::string> undone;
     TavroBatchHooks hooks;
-    hooks.BeforeMove = [&](std::size_t i) {
-        return i == 2 ? TavroFail(TavroFailureKind::CreateRecord, ENOSPC, "a record")
-                      : TavroFailure();
+    int prepared = 0;
+    hooks.Prepare = [&] {
+        ++prepared;
+        return TavroFailure();
+    };
+    hooks.Retry = [&](std::size_t) {
+        return TavroFail(TavroFailureKind::CreateRecord, ENOSPC, "a record");
     };
     hooks.Undone = [&](std::size_t i) { undone.push_back(std::to_string(i)); };
     file("3");
+    file("new/3");
     EXPECT_EQ(runInVain({step("1", "new/1"), step("2", "new/2"), step("3", "new/3")}, hooks),
               "Failed to create trash metadata 'a record'.");
-    EXPECT_EQ(undone, (std::vector<std::string>{"1", "0"}));
+    EXPECT_EQ(undone, (std::vector<std::string>{"2", "1", "0"}));
+    EXPECT_EQ(prepared, 1);
+}
+
+TEST_F(Batch, moves_nothing_when_it_cannot_be_prepared) {
+    file("1");
+    TavroBatchHooks hooks;
+    hooks.Prepare = [] { return TavroFail(TavroFailureKind::CreateRecord, ENOSPC, "a record"); };
+    EXPECT_EQ(runInVain({step("1", "new/1")}, hooks),
+              "Failed to create trash metadata 'a record'.");
 }
 
 TEST_F(Batch, is_undone_when_it_is_cancelled_between_any_two_moves) {
@@ -215,20 +229,23 @@ TEST_F(Batch, asks_for_another_name_while_the_last_one_is_taken) {
     file("1");
     file("to 0");
     file("to 1");
-    int name = -1;
-    std::vector<std::size_t> undone;
+    int name = 0;
+    std::size_t retried = 0;
     TavroBatchHooks hooks;
-    hooks.BeforeMove = [&](std::size_t i) {
+    hooks.Retry = [&](std::size_t i) {
+        ++retried;
         m_steps[i].To = at("to " + std::to_string(++name)).string();
         return TavroFailure();
     };
-    hooks.Undone = [&](std::size_t i) { undone.push_back(i); };
     runWell({step("1", "to 0")}, hooks);
     EXPECT_EQ(readFile(at("to 2")), "1");
-    EXPECT_EQ(undone, (std::vector<std::size_t>{0, 0}));
-    hooks.BeforeMove = [&](std::size_t) { return TavroFailure(); };
+    EXPECT_EQ(retried, 2U);
+    hooks.Retry = [&](std::size_t) {
+        ++retried;
+        return TavroFailure();
+    };
     EXPECT_EQ(run({step("to 2", "to 0")}, hooks).Failure.Kind, TavroFailureKind::Taken);
-    EXPECT_EQ(undone.size(), 102U);
+    EXPECT_EQ(retried, 101U);
 }
 
 TEST_F(Batch, gives_back_what_took_the_name_of_an_expected_file_at_the_last_moment) {
@@ -273,7 +290,7 @@ TEST_F(Batch, finds_a_path_anew_after_its_directory_has_moved) {
     file("w/g");
     file("v");
     TavroBatchHooks hooks;
-    hooks.BeforeMove = [](std::size_t) { return TavroFailure(); };
+    hooks.Retry = [](std::size_t) { return TavroFailure(); };
     runWell({step("x/f", "f"), step("x", "z"), step("w", "x"), step("v", "x/v")}, hooks);
     EXPECT_EQ(readFile(at("x/v")), "v");
     EXPECT_EQ(readFile(at("x/g")), "w/g");

@@ -1,0 +1,60 @@
+#include "changes.h"
+
+#include <algorithm>
+
+namespace {
+
+/// From so many directories on the whole file system is synced.
+constexpr std::size_t many = 4;
+
+} // namespace
+
+TavroChanges::Volume& TavroChanges::VolumeOf(const TavroDirectory& Directory) {
+    const std::uint64_t device = Directory.Identity.Device;
+    for (Volume& volume : m_volumes) {
+        if (volume.Device == device) {
+            return volume;
+        }
+    }
+    m_volumes.push_back({device, TavroDiskOf(Directory.Descriptor.Number())});
+    return m_volumes.back();
+}
+
+void TavroChanges::Add(const std::shared_ptr<const TavroDirectory>& Directory) {
+    if (!m_bSync) {
+        return;
+    }
+    Volume& volume = VolumeOf(*Directory);
+    auto& known = volume.Directories;
+    const bool bLast = !known.empty() && known.back()->Identity == Directory->Identity;
+    if (bLast || volume.Disk == TavroDisk::None) {
+        return;
+    }
+    if (volume.Disk == TavroDisk::OrderedLog || volume.bAll) {
+        known.clear(); // the last one is enough
+    }
+    const auto isIt = [&](const auto& one) { return one->Identity == Directory->Identity; };
+    known.erase(std::remove_if(known.begin(), known.end(), isIt), known.end());
+    known.push_back(Directory);
+    volume.bAll = volume.bAll || known.size() == many;
+}
+
+void TavroChanges::AddBytes(const std::shared_ptr<const TavroDirectory>& Directory) {
+    if (m_bSync) {
+        VolumeOf(*Directory).bAll = true;
+        Add(Directory);
+    }
+}
+
+int TavroChanges::Flush() {
+    int error = 0;
+    for (const Volume& volume : m_volumes) {
+        for (const auto& directory : volume.Directories) {
+            const int number = directory->Descriptor.Number();
+            const int now = volume.bAll ? TavroSyncFileSystem(number) : TavroSync(number);
+            error = error != 0 ? error : now;
+        }
+    }
+    m_volumes.clear();
+    return error;
+}

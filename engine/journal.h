@@ -1,0 +1,45 @@
+/// An operation that is kept in the history before it acts, and when it has come to its end.
+
+#ifndef TAVRO_ENGINE_JOURNAL_H
+#define TAVRO_ENGINE_JOURNAL_H
+
+#include "history.h"
+#include "progress.h"
+
+/// Binds one operation to the history. Where that cannot be used the operation goes on without:
+/// `Problem` tells why. When another process keeps it for too long, or a wait was cancelled, the
+/// operation does not begin.
+class TavroJournal {
+public:
+    /// @param Open  opens the history, before the first step is kept in it.
+    explicit TavroJournal(std::function<TavroFailure(TavroHistory&)> Open)
+        : m_open(std::move(Open)) {}
+
+    /// Goes on with an operation that is in an open history already.
+    TavroJournal(TavroHistory& History, const TavroOperation& Operation);
+
+    /// What an operation has to call: the same as `Callbacks`, and BeforeActs is bound to this.
+    TavroCallbacks Bind(TavroCallbacks Callbacks);
+
+    /// The operation has come to its end, and its steps are these; none: it has done nothing.
+    /// @return why it could not be kept.
+    TavroFailure End(TavroOperation Operation);
+
+    /// Why the history cannot be used; none when it can, or was not asked yet.
+    const TavroFailure& Problem() const {
+        return m_problem;
+    }
+
+private:
+    TavroFailure Keep(TavroOperationKind Kind, const std::vector<TavroStep>& Steps);
+    TavroFailure Begin(TavroOperationKind Kind, const std::vector<TavroStep>& Steps);
+
+    std::function<TavroFailure(TavroHistory&)> m_open;
+    TavroHistory m_own;
+    TavroHistory* m_history = &m_own;
+    TavroFailure m_problem;
+    std::int64_t m_id = 0;
+    std::vector<TavroStep> m_kept;
+};
+
+#endif

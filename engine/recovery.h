@@ -1,0 +1,52 @@
+/// What an interrupted operation has done, found out by looking.
+
+#ifndef TAVRO_ENGINE_RECOVERY_H
+#define TAVRO_ENGINE_RECOVERY_H
+
+#include "operation.h"
+#include "place.h"
+#include "progress.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+/// Whether an operation was begun and has not ended.
+bool TavroIsOnItsWay(const TavroOperation& Operation);
+
+/// Where the file of a step is now. Files are known by their inodes: the number of a device can be
+/// another one after a restart.
+enum class TavroWhereabouts {
+    Nowhere, ///< Neither here nor there; it may wait under its hidden name.
+    AtFrom,
+    AtTo,
+    InBoth, ///< It was copied, and the source is still there, in part at least.
+};
+
+/// Where what a step tells of is. A directory that was created or removed is at its path or
+/// nowhere.
+TavroWhereabouts TavroFindStep(const TavroStep& Step, TavroPlaces& Places);
+
+/// How far an operation on its way has come.
+struct TavroHeadway {
+    std::uint64_t Done = 0;
+    std::uint64_t Count = 0; ///< Of main steps, and what is still planned.
+};
+
+/// Looks at each step; changes nothing. Going back counts down.
+TavroHeadway TavroFindHeadway(const TavroOperation& Operation);
+
+/// Hidden names, left by an operation on its way, with their full paths.
+std::vector<std::string> TavroFindLeftovers(const TavroOperation& Operation);
+
+/// Settles an interrupted operation: removes copies that were not published, and records of what
+/// was not trashed; what is left of a source whose copy is in its place goes to the trash. Then
+/// each step is done or not.
+///
+/// @param OutDone  the steps whose files are at `To`; of the others, the last argument. What was
+///                 kept of one step several times counts once.
+/// @return no failure, or why something could not be settled; all can be tried again.
+TavroFailure TavroSettle(const TavroOperation& Operation, const TavroCallbacks& Callbacks,
+                         std::vector<TavroStep>& OutDone, std::vector<TavroStep>& OutNotDone);
+
+#endif
