@@ -204,7 +204,6 @@ TavroFailure ByteCopy::Run(const struct stat& Source) {
         return CopySmall(static_cast<std::size_t>(Source.st_size));
     }
     TavroFailure failure = CopyLarge(Source.st_size, bSparse);
-    failure = failure ? failure : CheckEnd(Source.st_size);
     return failure ? failure : CheckSize(Source.st_size);
 }
 
@@ -254,7 +253,8 @@ TavroFailure ByteCopy::CopyLarge(off_t Size, bool bSparse) {
         Tell(Size);
         return {};
     }
-    return bSparse ? CopyDataBetweenHoles(Size) : CopyRange(0, Size);
+    TavroFailure failure = bSparse ? CopyDataBetweenHoles(Size) : CopyRange(0, Size);
+    return failure ? failure : CheckEnd(Size);
 }
 
 /// Sizes are not believed: some file systems tell one that is out of date or guessed. The last byte
