@@ -24,65 +24,30 @@
 
 namespace {
 
-enum Misbehaviour : unsigned {
-    FsyncFails,
-    DirsyncFails,
-    CloseFails,
-    NoRenameFlags,
-    NoLinks,
-    NoAttributes,
-    NoModes,
-    FoldsCase,
-    CoarseTimes,
-    DriftingInodes,
-    ForgottenInodes,
-    SkipsEntry,
-    EndsEarly,
-    NoTypes,
-    Stale,
-    ReadFails,
-    WriteFails,
-    SizeLarge,
-    SizeSmall,
-    SizeZero,
-    None
-};
-
-constexpr const char* misbehaviourNames[] = {"fsync-fails",     "dirsync-fails",    "close-fails",
-                                             "no-rename-flags", "no-links",         "no-attributes",
-                                             "no-modes",        "folds-case",       "coarse-times",
-                                             "drifting-inodes", "forgotten-inodes", "skips-entry",
-                                             "ends-early",      "no-types",         "stale",
-                                             "read-fails",      "write-fails",      "size-large",
-                                             "size-small",      "size-zero",        "none"};
-static_assert(std::size(misbehaviourNames) == None + 1);
-
 /// Shared with the test.
 struct Control {
     std::int64_t Enabled;
     std::int64_t Countdown; ///< The call of the kind that fails is the one at which it gets to 0.
-    std::int64_t Calls;     ///< How many calls of that kind there were.
+    std::int64_t Met;       ///< How often there was an occasion to misbehave.
     std::int64_t Late;      ///< How often written data was said to be lost: at a sync or a close.
 };
 
 Control* g_control = nullptr;
-unsigned g_misbehaviour = None;
+std::string g_misbehaviour;
 uid_t g_user = 0;
 int g_directory = -1;
 
-bool is(Misbehaviour what) {
-    return g_misbehaviour == what && g_control->Enabled != 0;
+bool is(const char* misbehaviour) {
+    const bool bIs = g_control->Enabled != 0 && g_misbehaviour == misbehaviour;
+    g_control->Met += bIs ? 1 : 0;
+    return bIs;
 }
 
-/// Whether the call at hand is the one that fails.
-bool strikes(Misbehaviour what) {
-    if (!is(what)) {
-        return false;
-    }
-    ++g_control->Calls;
-    --g_control->Countdown;
-    // The kernel reads again what it could not read ahead; a bad sector stays bad.
-    return g_control->Countdown == 0 || (what == ReadFails && g_control->Countdown < 0);
+/// Whether the call at hand is the one that fails; of reads it and all later ones: the kernel
+/// reads again what it could not read ahead.
+bool strikes(const char* misbehaviour) {
+    return is(misbehaviour) && (--g_control->Countdown == 0 ||
+                                (g_control->Countdown < 0 && g_misbehaviour == "read-fails"));
 }
 
 int answer(ssize_t result) {
@@ -93,11 +58,9 @@ int answer(ssize_t result) {
 template <auto Operation> struct Guarded;
 template <typename... Arguments, int (*Operation)(Arguments...)> struct Guarded<Operation> {
     static int Call(Arguments... arguments) {
-        return strikes(Stale) ? -ESTALE : Operation(arguments...);
+        return strikes("stale") ? -ESTALE : Operation(arguments...);
     }
 };
-
-// --- Names ---
 
 std::vector<std::string> namesIn(const std::string& directory) {
     std::vector<std::string> names;
@@ -124,7 +87,7 @@ bool isThere(const std::string& path) {
 std::string pathOf(const char* path) {
     const std::string wanted = path + 1;
     std::string found = wanted.empty() ? "." : wanted;
-    if (!is(FoldsCase) || isThere(found)) {
+    if (!is("folds-case") || isThere(found)) {
         return found;
     }
     found = ".";
@@ -149,8 +112,6 @@ std::string newPathOf(const char* path) {
     return pathOf(slash == 0 ? "/" : whole.substr(0, slash).c_str()) + whole.substr(slash);
 }
 
-// --- Looking ---
-
 struct Open {
     int File;
     bool bWritten;
@@ -160,34 +121,26 @@ Open* opened(fuse_file_info* info) {
     return info != nullptr ? reinterpret_cast<Open*>(info->fh) : nullptr;
 }
 
-void makeCoarse(struct timespec& time) {
-    time = {time.tv_sec & ~time_t{1}, 0};
-}
-
 int getAttributes(const char* path, struct stat* status, fuse_file_info* info) {
     const Open* const open = opened(info);
     if ((open != nullptr ? fstat(open->File, status) : lstat(pathOf(path).c_str(), status)) != 0) {
         return -errno;
     }
-    if (is(CoarseTimes)) {
-        makeCoarse(status->st_atim);
-        makeCoarse(status->st_mtim);
-        makeCoarse(status->st_ctim);
+    if (is("coarse-times")) {
+        for (struct timespec* time : {&status->st_atim, &status->st_mtim, &status->st_ctim}) {
+            *time = {time->tv_sec & ~time_t{1}, 0};
+        }
     }
-    if (is(DriftingInodes)) {
+    if (is("drifting-inodes")) {
         static ino_t last = 1000000;
         status->st_ino = ++last;
     }
     if (S_ISREG(status->st_mode)) {
-        const off_t size = status->st_size;
-        status->st_size = is(SizeLarge) ? size + 5000 : is(SizeSmall) ? size / 2 : size;
-        status->st_size = is(SizeZero) ? 0 : status->st_size;
+        status->st_size += is("size-large") ? 5000 : 0;
+        status->st_size /= is("size-small") ? 2 : 1;
+        status->st_size *= is("size-zero") ? 0 : 1;
     }
     return 0;
-}
-
-int mayAccess(const char* path, int mode) {
-    return answer(faccessat(AT_FDCWD, pathOf(path).c_str(), mode, AT_SYMLINK_NOFOLLOW));
 }
 
 int readLink(const char* path, char* target, std::size_t size) {
@@ -200,28 +153,21 @@ int list(const char* path, void* buffer, fuse_fill_dir_t fill, off_t, fuse_file_
          fuse_readdir_flags) {
     const std::string directory = pathOf(path);
     std::vector<std::string> names = namesIn(directory);
-    if (names.size() > 1 && (is(SkipsEntry) || is(EndsEarly))) {
-        names.erase(names.begin() + 1, is(SkipsEntry) ? names.begin() + 2 : names.end());
+    if (names.size() > 1 && (is("skips-entry") || is("ends-early"))) {
+        names.erase(names.begin() + 1, is("skips-entry") ? names.begin() + 2 : names.end());
     }
     for (const std::string& name : names) {
         struct stat status = {};
         if (lstat((directory + "/" + name).c_str(), &status) == 0) {
-            status.st_mode = is(NoTypes) ? 0 : status.st_mode;
+            status.st_mode = is("no-types") ? 0 : status.st_mode;
             fill(buffer, name.c_str(), &status, 0, fuse_fill_dir_flags{});
         }
     }
     return 0;
 }
 
-// --- Names that change ---
-
-int makeNode(const char* path, mode_t mode, dev_t device) {
-    return answer(mknod(newPathOf(path).c_str(), mode, device));
-}
-
 int makeDirectory(const char* path, mode_t mode) {
-    return answer(isThere(pathOf(path)) ? (errno = EEXIST, -1)
-                                        : mkdir(newPathOf(path).c_str(), mode));
+    return isThere(pathOf(path)) ? -EEXIST : answer(mkdir(newPathOf(path).c_str(), mode));
 }
 
 int removeFile(const char* path) {
@@ -237,30 +183,25 @@ int makeLink(const char* target, const char* path) {
 }
 
 int linkFile(const char* from, const char* to) {
-    return is(NoLinks) ? -EPERM : answer(link(pathOf(from).c_str(), newPathOf(to).c_str()));
+    return is("no-links") ? -EPERM : answer(link(pathOf(from).c_str(), newPathOf(to).c_str()));
 }
 
 int renameEntry(const char* from, const char* to, unsigned flags) {
-    if (flags != 0 && is(NoRenameFlags)) {
+    if (flags != 0 && is("no-rename-flags")) {
         return -EINVAL;
     }
     const std::string source = pathOf(from);
     const std::string there = pathOf(to); // under whatever case
-    const bool bSame = source == there;
-    if (!bSame && there != newPathOf(to) && isThere(there)) {
-        return answer(renameat2(AT_FDCWD, source.c_str(), AT_FDCWD, there.c_str(), flags));
-    }
-    return answer(renameat2(AT_FDCWD, source.c_str(), AT_FDCWD, newPathOf(to).c_str(), flags));
+    const std::string target = isThere(there) && there != source ? there : newPathOf(to);
+    return answer(renameat2(AT_FDCWD, source.c_str(), AT_FDCWD, target.c_str(), flags));
 }
 
-// --- Attributes ---
-
 int setMode(const char* path, mode_t mode, fuse_file_info*) {
-    return is(NoModes) ? -EPERM : answer(chmod(pathOf(path).c_str(), mode));
+    return is("no-modes") ? -EPERM : answer(chmod(pathOf(path).c_str(), mode));
 }
 
 int setOwner(const char* path, uid_t user, gid_t group, fuse_file_info*) {
-    return is(NoModes) ? -EPERM : answer(lchown(pathOf(path).c_str(), user, group));
+    return is("no-modes") ? -EPERM : answer(lchown(pathOf(path).c_str(), user, group));
 }
 
 int setTimes(const char* path, const struct timespec* times, fuse_file_info*) {
@@ -273,27 +214,26 @@ int truncateFile(const char* path, off_t size, fuse_file_info*) {
 
 int setAttribute(const char* path, const char* name, const char* value, std::size_t size,
                  int flags) {
-    return is(NoAttributes) ? -ENOTSUP
-                            : answer(lsetxattr(pathOf(path).c_str(), name, value, size, flags));
+    return is("no-attributes") ? -ENOTSUP
+                               : answer(lsetxattr(pathOf(path).c_str(), name, value, size, flags));
 }
 
 int getAttribute(const char* path, const char* name, char* value, std::size_t size) {
-    return is(NoAttributes) ? -ENOTSUP : answer(lgetxattr(pathOf(path).c_str(), name, value, size));
+    return is("no-attributes") ? -ENOTSUP
+                               : answer(lgetxattr(pathOf(path).c_str(), name, value, size));
 }
 
 int listAttributes(const char* path, char* names, std::size_t size) {
-    return is(NoAttributes) ? -ENOTSUP : answer(llistxattr(pathOf(path).c_str(), names, size));
+    return is("no-attributes") ? -ENOTSUP : answer(llistxattr(pathOf(path).c_str(), names, size));
 }
 
 int removeAttribute(const char* path, const char* name) {
-    return is(NoAttributes) ? -ENOTSUP : answer(lremovexattr(pathOf(path).c_str(), name));
+    return is("no-attributes") ? -ENOTSUP : answer(lremovexattr(pathOf(path).c_str(), name));
 }
-
-// --- Bytes ---
 
 int keepOpen(int file, fuse_file_info* info) {
     // What lies about sizes is not believed by the kernel either: programs get what is read.
-    info->direct_io = is(SizeLarge) || is(SizeSmall) || is(SizeZero);
+    info->direct_io = is("size-large") || is("size-small") || is("size-zero");
     info->fh = file < 0 ? 0 : reinterpret_cast<std::uint64_t>(new Open{file, false});
     return file < 0 ? -errno : 0;
 }
@@ -309,13 +249,13 @@ int createFile(const char* path, mode_t mode, fuse_file_info* info) {
 }
 
 int readFile(const char*, char* bytes, std::size_t size, off_t offset, fuse_file_info* info) {
-    return strikes(ReadFails) ? -EIO : answer(pread(opened(info)->File, bytes, size, offset));
+    return strikes("read-fails") ? -EIO : answer(pread(opened(info)->File, bytes, size, offset));
 }
 
 int writeFile(const char*, const char* bytes, std::size_t size, off_t offset,
               fuse_file_info* info) {
     opened(info)->bWritten = true;
-    return strikes(WriteFails) ? -EIO : answer(pwrite(opened(info)->File, bytes, size, offset));
+    return strikes("write-fails") ? -EIO : answer(pwrite(opened(info)->File, bytes, size, offset));
 }
 
 off_t seek(const char*, off_t offset, int whence, fuse_file_info* info) {
@@ -329,15 +269,15 @@ int late(bool bFails) {
 }
 
 int flushFile(const char*, fuse_file_info* info) {
-    return late(is(CloseFails) && opened(info)->bWritten);
+    return late(is("close-fails") && opened(info)->bWritten);
 }
 
 int syncFile(const char*, int, fuse_file_info*) {
-    return late(is(FsyncFails));
+    return late(is("fsync-fails"));
 }
 
 int syncDirectory(const char*, int, fuse_file_info*) {
-    return late(is(DirsyncFails));
+    return late(is("dirsync-fails"));
 }
 
 int releaseFile(const char*, fuse_file_info* info) {
@@ -350,7 +290,7 @@ int releaseFile(const char*, fuse_file_info* info) {
 /// the user only.
 void* start(fuse_conn_info* connection, fuse_config* configuration) {
     connection->want &= ~static_cast<unsigned>(FUSE_CAP_READDIRPLUS);
-    configuration->use_ino = g_misbehaviour != ForgottenInodes;
+    configuration->use_ino = g_misbehaviour != "forgotten-inodes";
     configuration->entry_timeout = configuration->attr_timeout = 0;
     configuration->negative_timeout = 0;
     if (fchdir(g_directory) != 0 || setresgid(g_user, g_user, g_user) != 0 ||
@@ -365,10 +305,8 @@ fuse_operations operations() {
     fuse_operations table = {};
     table.init = start;
     table.getattr = Guarded<getAttributes>::Call;
-    table.access = Guarded<mayAccess>::Call;
     table.readlink = Guarded<readLink>::Call;
     table.readdir = Guarded<list>::Call;
-    table.mknod = Guarded<makeNode>::Call;
     table.mkdir = Guarded<makeDirectory>::Call;
     table.unlink = Guarded<removeFile>::Call;
     table.rmdir = Guarded<removeDirectory>::Call;
@@ -402,19 +340,15 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "usage: hostile_fs DIRECTORY MOUNTPOINT CONTROL USER MISBEHAVIOUR\n");
         return 2;
     }
-    const auto* const end = std::end(misbehaviourNames);
-    const auto* const found = std::find_if(std::begin(misbehaviourNames), end, [&](const char* n) {
-        return std::strcmp(n, argv[5]) == 0;
-    });
-    g_misbehaviour = static_cast<unsigned>(found - std::begin(misbehaviourNames));
+    g_misbehaviour = argv[5];
     g_user = static_cast<uid_t>(std::stoul(argv[4]));
     g_directory = open(argv[1], O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     const int control = open(argv[3], O_RDWR | O_CLOEXEC);
     void* const shared =
         mmap(nullptr, sizeof(Control), PROT_READ | PROT_WRITE, MAP_SHARED, control, 0);
-    if (found == end || shared == MAP_FAILED || g_directory < 0) {
-        std::fprintf(stderr, "hostile_fs: unknown misbehaviour, or %s\n", std::strerror(errno));
-        return 2;
+    if (shared == MAP_FAILED || g_directory < 0) {
+        std::perror("hostile_fs");
+        return 1;
     }
     g_control = static_cast<Control*>(shared);
     umask(0);

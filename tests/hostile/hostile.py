@@ -30,7 +30,7 @@ STRIKING = ("stale", "read-fails", "write-fails")
 MILD = ("none", "no-rename-flags", "no-links", "no-attributes", "no-modes", "coarse-times",
         "forgotten-inodes", "no-types")
 NEVER = 1 << 40
-STRIKES = 8  # of a scenario, at most, unless all are wanted
+STRIKES = 5  # of a scenario, at most, unless all are wanted
 
 
 class Scenario(NamedTuple):
@@ -229,7 +229,7 @@ def judge(before, after, now, told, command=""):
     for path in now:
         place, _, name = path.partition("/files/")
         if is_trash(path) and name and "/" not in name and \
-                f"Path=" not in (now.get(f"{place}/info/{name}.trashinfo") or b"").decode():
+                "Path=" not in (now.get(f"{place}/info/{name}.trashinfo") or b"").decode():
             faults.append(Fault("record", f"{path} has no record"))
     names = {os.path.basename(path) for path in [*before, *command.split()]}
     if told.Status != 0 and not any(f"'{name}'" in told.Text for name in names) and \
@@ -265,6 +265,7 @@ class World:
         with open(f"{SCRATCH}/control", "r+b") as file:
             self.m_control = mmap.mmap(file.fileno(), mmap.PAGESIZE)
         self.m_tavro, self.m_misbehaviour, self.m_server = options.tavro, misbehaviour, None
+        self.Met = 0
         places = [f"{SCRATCH}/backing", f"{SCRATCH}/vol"]
         if not misbehaviour:  # a true file system in its place
             libc.mount(*(place.encode() for place in places), None, 4096, None)  # MS_BIND
@@ -299,7 +300,7 @@ class World:
             self.m_control[0:8] = bytes(8)
 
     def counted(self):
-        """How many calls there were that could be struck, and how many late errors."""
+        """How often there was an occasion to misbehave, and how many late errors there were."""
         return struct.unpack_from("=qq", self.m_control, 16)
 
     def prepare(self, scenario):
@@ -325,7 +326,8 @@ class World:
         """The outcome, its faults, and what was said."""
         before = self.prepare(scenario)
         told = self.run(scenario, scenario.Command, strike=strike)
-        now, late = look(), self.counted()[1]
+        now, (met, late) = look(), self.counted()
+        self.Met += met
         faults = judge(before, after, now, told, scenario.Command)
         faults += judge_answer(self.m_misbehaviour, scenario, told, late)
         if told.Status == 0 and scenario.Undo and not faults and strike == NEVER:
@@ -371,6 +373,8 @@ def try_misbehaviour(options, misbehaviour, honest):
         world.end()
     gone = known.keys() - seen if misbehaviour not in MOMENTARY else ()
     lines += [f"  HOLDS NOW, and is known no more: {name}: {rule}" for name, rule in sorted(gone)]
+    if not world.Met and misbehaviour not in ("none", "forgotten-inodes"):
+        lines.append("  FAILS: there was no occasion to misbehave")
     bWell = bool(outcomes) and not lines
     met = collections.Counter(known[key] for key in known.keys() & seen)
     lines += [f"  known, {count} of them: {reason}" for reason, count in met.items()]
