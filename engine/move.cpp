@@ -108,7 +108,7 @@ TavroFailure TavroStagedCopy::Wake(TavroPlaces& Places) {
 
 TavroFailure TavroStagedCopy::LookAtStaged(TavroFileState& OutState) const {
     const int error = m_tree->LookAtMade(OutState);
-    return TavroFail(error == 0 ? Kind::None : Kind::Write, error, DestinationPath());
+    return error == 0 ? TavroFailure() : TavroFail(Kind::Write, error, m_to.Name);
 }
 
 std::string TavroStagedCopy::StagedName() const {

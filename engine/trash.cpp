@@ -222,6 +222,8 @@ public:
 
     TavroFailure Prepare();
     TavroFailure Retry(std::size_t Index);
+    TavroFailure AnnounceCopy(std::size_t Index, const TavroFileState& Made,
+                              const std::string& Staged) const;
     void Drop(std::size_t Index);
 
 private:
@@ -255,6 +257,16 @@ TavroFailure Trashing::Announce(const std::vector<TavroBatchStep>& Steps) const 
     return m_callbacks.BeforeActs && !Steps.empty()
                ? m_callbacks.BeforeActs(TavroOperationKind::Trash, StepsOf(m_trash.Folders, Steps))
                : TavroFailure();
+}
+
+/// Tells of an entry that was copied into the trash and waits there under a hidden name.
+TavroFailure Trashing::AnnounceCopy(std::size_t Index, const TavroFileState& Made,
+                                    const std::string& Staged) const {
+    std::vector<TavroStep> steps = StepsOf(m_trash.Folders, {m_steps[Index]});
+    steps[0].Source = std::exchange(steps[0].Identity, Made.Identity);
+    steps[0].Staged = Staged;
+    return m_callbacks.BeforeActs ? m_callbacks.BeforeActs(TavroOperationKind::Trash, steps)
+                                  : TavroFailure();
 }
 
 TavroFailure Trashing::Claim(std::size_t Index) {
@@ -337,6 +349,9 @@ TavroTrashReport TavroTrashSelection(const std::vector<TavroOperationEntry>& Ent
     hooks.Prepare = [&] { return trashing.Prepare(); };
     hooks.Retry = [&](std::size_t i) { return trashing.Retry(i); };
     hooks.Undone = [&](std::size_t i) { trashing.Drop(i); };
+    hooks.BeforePublish = [&](std::size_t i, const TavroFileState& made, const std::string& name) {
+        return trashing.AnnounceCopy(i, made, name);
+    };
     TavroTrashReport report;
     report.Batch = TavroRunBatch(steps, hooks, Callbacks);
     if (!report) {
@@ -471,6 +486,13 @@ TavroTrashReport TavroRestoreSelection(const std::vector<TavroTrashedEntry>& Ent
         return Callbacks.BeforeActs
                    ? Callbacks.BeforeActs(TavroOperationKind::Restore, StepsToRestore(steps))
                    : TavroFailure();
+    };
+    hooks.BeforePublish = [&](std::size_t i, const TavroFileState& made, const std::string& name) {
+        std::vector<TavroStep> step = StepsToRestore({steps[i]});
+        step[0].Source = made.Identity; // it goes back
+        step[0].Staged = name;
+        return Callbacks.BeforeActs ? Callbacks.BeforeActs(TavroOperationKind::Restore, step)
+                                    : TavroFailure();
     };
     hooks.Finish = [&](TavroChanges& changes) { RemoveRecords(steps, changes); };
     TavroTrashReport report;

@@ -98,8 +98,8 @@ private:
 TavroFailure TavroRemoveFromTrash(const std::vector<TavroTrashItem>& Items,
                                   const std::function<bool()>& ShouldCancel, bool bSync = true);
 
-/// Removes every item that TavroListTrash would list, as TavroRemoveFromTrash does, but looks at none
-/// before: what takes the name of an item meanwhile goes in its place.
+/// Removes every item that TavroListTrash would list, as TavroRemoveFromTrash does, but looks at
+/// none before: what takes the name of an item meanwhile goes in its place.
 /// @return as TavroRemoveFromTrash, or as TavroListTrash.
 TavroFailure TavroEmptyTrash(const std::function<bool()>& ShouldCancel, bool bSync = true);
 
