@@ -48,7 +48,10 @@ void TavroChanges::AddBytes(const std::shared_ptr<const TavroDirectory>& Directo
 
 int TavroChanges::Flush() {
     int error = 0;
-    for (const Volume& volume : m_volumes) {
+    for (Volume& volume : m_volumes) {
+        if (volume.bAll) {
+            volume.Directories.erase(volume.Directories.begin(), volume.Directories.end() - 1);
+        }
         for (const auto& directory : volume.Directories) {
             const int number = directory->Descriptor.Number();
             const int now = volume.bAll ? TavroSyncFileSystem(number) : TavroSync(number);

@@ -1,5 +1,6 @@
 #include "journal.h"
 
+#include <algorithm>
 #include <ctime>
 #include <utility>
 
@@ -44,11 +45,24 @@ TavroFailure TavroJournal::Begin(TavroOperationKind Kind, const std::vector<Tavr
     return failure;
 }
 
+namespace {
+
+/// When a trashed entry was changed last only saves its undo a look at its record.
+bool IsSame(const TavroStep& Kept, TavroStep Done) {
+    if (Kept.Role == TavroStepRole::Trashed) {
+        Done.ChangeTime = Kept.ChangeTime;
+    }
+    return Kept == Done;
+}
+
+} // namespace
+
 TavroFailure TavroJournal::End(TavroOperation Operation) {
     if (m_problem || m_id == 0) {
         return {};
     }
     Operation.Id = m_id;
-    const bool bSame = Operation.Steps == m_kept;
+    const bool bSame = std::equal(m_kept.begin(), m_kept.end(), Operation.Steps.begin(),
+                                  Operation.Steps.end(), IsSame);
     return m_history->EndOperation(Operation, bSame);
 }

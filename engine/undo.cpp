@@ -794,9 +794,9 @@ TavroUndoReport Going::Run(FindNext Find, TavroFailureKind Nothing, bool bUndo, 
     if (!failure) {
         failure = End(bUndo);
         m_report.bDoneButNotSaved = static_cast<bool>(failure);
-    } else if (bInterrupted) {
+    } else if (bInterrupted || m_report.bPartly) {
         m_history.LeaveOperation();
-    } else if (!m_report.bPartly) {
+    } else {
         m_history.EndOperation(m_before, false);
     }
     return std::move(m_report);

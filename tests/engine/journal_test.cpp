@@ -1,0 +1,180 @@
+// How an operation is kept in the history, before it acts and when it has ended.
+
+#include "journal.h"
+
+#include "fault_injector.h"
+#include "sandbox.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+namespace fs = std::filesystem;
+using namespace tavro_test;
+
+namespace {
+
+using Kind = TavroOperationKind;
+using Role = TavroStepRole;
+using State = TavroOperationState;
+
+TavroStep step(const std::string& name) {
+    return {Role::Moved, "/from/" + name, "/to/" + name};
+}
+
+class Journal : public testing::Test {
+protected:
+    std::string file() const {
+        return (m_sandbox / "state/tavro/history.db").string();
+    }
+    TavroFailure open(TavroHistory& history) const {
+        ++m_opened;
+        return history.Open(file(), std::chrono::milliseconds(0));
+    }
+    TavroJournal journal() const {
+        return TavroJournal([this](TavroHistory& history) { return open(history); });
+    }
+    std::vector<TavroOperation> listed() const {
+        TavroHistory history;
+        EXPECT_EQ(TavroDescribe(open(history)), "");
+        std::vector<TavroOperation> operations;
+        std::vector<std::uint64_t> counts;
+        EXPECT_EQ(TavroDescribe(history.List(true, operations, counts)), "");
+        return operations;
+    }
+    bool isRunning(const TavroOperation& operation) const {
+        TavroHistory history;
+        EXPECT_EQ(TavroDescribe(open(history)), "");
+        return history.IsRunning(operation);
+    }
+    static TavroOperation done(std::vector<TavroStep> steps) {
+        return {0, Kind::Move, State::Done, 1, std::move(steps)};
+    }
+
+    Sandbox m_sandbox;
+    mutable int m_opened = 0;
+};
+
+TEST_F(Journal, keeps_an_operation_before_it_acts_and_when_it_has_ended) {
+    TavroJournal journal = this->journal();
+    const TavroCallbacks callbacks = journal.Bind({});
+    EXPECT_EQ(m_opened, 0) << "an operation that does nothing needs no history";
+    ASSERT_FALSE(callbacks.BeforeActs(Kind::Move, {step("a")}));
+    ASSERT_EQ(listed().size(), 1U);
+    EXPECT_EQ(listed()[0].State, State::Doing);
+    EXPECT_EQ(listed()[0].Kind, Kind::Move);
+    EXPECT_EQ(listed()[0].Steps, std::vector<TavroStep>{step("a")});
+    EXPECT_TRUE(isRunning(listed()[0]));
+    ASSERT_FALSE(callbacks.BeforeActs(Kind::Move, {step("b"), step("c")}));
+    EXPECT_EQ(listed()[0].Steps, (std::vector<TavroStep>{step("a"), step("b"), step("c")}));
+    ASSERT_FALSE(journal.End(done({step("a"), step("c")})));
+    ASSERT_EQ(listed().size(), 1U);
+    EXPECT_EQ(listed()[0].State, State::Done);
+    EXPECT_EQ(listed()[0].Steps, (std::vector<TavroStep>{step("a"), step("c")}));
+    EXPECT_FALSE(isRunning(listed()[0]));
+    EXPECT_FALSE(journal.Problem());
+}
+
+TEST_F(Journal, keeps_nothing_of_what_has_done_nothing) {
+    TavroJournal journal = this->journal();
+    const TavroCallbacks callbacks = journal.Bind({});
+    ASSERT_FALSE(callbacks.BeforeActs(Kind::Move, {step("a")}));
+    ASSERT_FALSE(journal.End(done({})));
+    EXPECT_EQ(listed().size(), 0U);
+    TavroJournal silent = this->journal();
+    ASSERT_FALSE(silent.End(done({step("a")})));
+    EXPECT_EQ(listed().size(), 0U) << "what was not told of before it acted";
+}
+
+TEST_F(Journal, passes_the_other_callbacks_on) {
+    TavroJournal journal = this->journal();
+    TavroCallbacks own;
+    own.bSync = false;
+    own.ShouldCancel = [] { return true; };
+    const TavroCallbacks callbacks = journal.Bind(own);
+    EXPECT_FALSE(callbacks.bSync);
+    EXPECT_TRUE(callbacks.ShouldCancel());
+}
+
+TEST_F(Journal, an_operation_goes_on_without_a_history_that_cannot_be_used) {
+    makeDirectory(file());
+    TavroJournal journal = this->journal();
+    const TavroCallbacks callbacks = journal.Bind({});
+    EXPECT_FALSE(callbacks.BeforeActs(Kind::Move, {step("a")}));
+    EXPECT_EQ(journal.Problem().Kind, TavroFailureKind::HistoryOpen);
+    EXPECT_FALSE(callbacks.BeforeActs(Kind::Move, {step("b")}));
+    EXPECT_EQ(m_opened, 1) << "it is not tried again and again";
+    EXPECT_FALSE(journal.End(done({step("a")})));
+}
+
+TEST_F(Journal, an_operation_does_not_begin_while_another_process_keeps_the_history) {
+    TavroHistory other;
+    ASSERT_FALSE(open(other));
+    ASSERT_FALSE(other.Begin());
+    TavroJournal journal = this->journal();
+    const TavroCallbacks callbacks = journal.Bind({});
+    EXPECT_EQ(callbacks.BeforeActs(Kind::Move, {step("a")}).Kind, TavroFailureKind::HistoryBusy);
+    EXPECT_FALSE(journal.Problem());
+    other.Rollback();
+    EXPECT_FALSE(callbacks.BeforeActs(Kind::Move, {step("a")}));
+    EXPECT_EQ(listed().size(), 1U);
+}
+
+TEST_F(Journal, an_operation_does_not_begin_when_the_wait_is_cancelled) {
+    TavroHistory other;
+    ASSERT_FALSE(open(other));
+    ASSERT_FALSE(other.Begin());
+    TavroJournal journal([this](TavroHistory& history) {
+        return history.Open(file(), std::chrono::hours(1), [] { return true; });
+    });
+    const TavroCallbacks callbacks = journal.Bind({});
+    EXPECT_EQ(callbacks.BeforeActs(Kind::Move, {step("a")}).Kind, TavroFailureKind::Cancelled);
+}
+
+TEST_F(Journal, goes_on_with_an_operation_of_an_open_history) {
+    TavroHistory history;
+    ASSERT_FALSE(open(history));
+    TavroOperation operation = done({step("a")});
+    ASSERT_FALSE(history.Record(operation));
+    bool bChanged = true;
+    ASSERT_FALSE(history.ContinueOperation(operation, State::Undoing, bChanged));
+    EXPECT_FALSE(bChanged);
+    EXPECT_TRUE(isRunning(operation));
+    TavroJournal journal(history, operation);
+    ASSERT_FALSE(journal.Bind({}).BeforeActs(Kind::Trash, {step("b")}));
+    EXPECT_EQ(listed()[0].State, State::Undoing);
+    EXPECT_EQ(listed()[0].Steps, (std::vector<TavroStep>{step("a"), step("b")}));
+    operation.State = State::Undone;
+    ASSERT_FALSE(journal.End(operation));
+    EXPECT_EQ(listed()[0].State, State::Undone);
+    EXPECT_EQ(listed()[0].Steps, std::vector<TavroStep>{step("a")});
+}
+
+/// How often files with such a text in their paths are synced while something is done.
+int syncsOf(const std::string& text, const std::function<void()>& act) {
+    int count = 0;
+    const CallObserver observer([&](const std::string& call, const std::string& path) {
+        count += (call == "fsync" || call == "fdatasync" || call == "syncfs") &&
+                 path.find(text) != std::string::npos;
+    });
+    act();
+    return count;
+}
+
+TEST_F(Journal, waits_for_the_disk_before_each_act_and_not_at_the_end) {
+    listed();
+    for (const bool bSync : {true, false}) {
+        TavroJournal journal = this->journal();
+        TavroCallbacks own;
+        own.bSync = bSync;
+        const TavroCallbacks callbacks = journal.Bind(own);
+        const auto begin = [&] { callbacks.BeforeActs(Kind::Move, {step("a")}); };
+        const auto goOn = [&] { callbacks.BeforeActs(Kind::Move, {step("b")}); };
+        const auto end = [&] { journal.End(done({step("a")})); };
+        EXPECT_EQ(syncsOf("history.db", begin), bSync ? 1 : 0);
+        EXPECT_EQ(syncsOf("history.db", goOn), bSync ? 1 : 0);
+        EXPECT_EQ(syncsOf("", end), 0);
+    }
+}
+
+} // namespace
