@@ -18,6 +18,9 @@ std::string ContentText(const std::vector<TavroTrashItem>& Items) {
 /// @param OlderThanDays  0 for everything.
 int RunEmpty(int OlderThanDays, bool bForce, bool bQuiet, bool bSync) {
     TavroCatchInterrupts();
+    if (bForce && bQuiet && OlderThanDays == 0) {
+        return TavroPrintFailure(TavroEmptyTrash(TavroWasInterrupted, bSync));
+    }
     std::vector<TavroTrashItem> listed;
     TavroFailure failure = TavroListTrash(!bForce || !bQuiet, TavroWasInterrupted, listed);
     if (failure) {

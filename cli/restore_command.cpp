@@ -6,6 +6,9 @@
 #include "recording.h"
 #include "trash_contents.h"
 
+#include <algorithm>
+#include <set>
+
 namespace {
 
 /// What is kept from one name to the next.
@@ -41,43 +44,73 @@ int ChoosePlace(Restoring& Run, std::string& Place) {
     return TavroExitFailed;
 }
 
-/// Restores what a name means.
-int Restore(Restoring& Run, const std::string& Name) {
-    TavroTrashItem item;
-    if (const TavroFailure failure = Run.Index.Find(Name, item)) {
-        return TavroPrintFailure(failure);
-    }
-    TavroTrashedEntry trashed = item.Trashed();
-    if (const int exitCode = ChoosePlace(Run, trashed.Entry.OriginalPath)) {
-        return exitCode;
-    }
+/// Restores entries, all or nothing.
+int Restore(Restoring& Run, const std::vector<TavroTrashItem>& Items,
+            const std::vector<TavroTrashedEntry>& Entries) {
     TavroTrashReport report;
     TavroRecording recording;
     {
         TavroProgressBar bar(Run.bQuiet);
-        report = TavroRestoreSelection({trashed}, recording.Bind(bar.Callbacks(), Run.bSync));
+        report = TavroRestoreSelection(Entries, recording.Bind(bar.Callbacks(), Run.bSync));
     }
     recording.End({});
     if (!report) {
         TavroPrintError(TavroDescribe(report));
         return TavroExitCodeOf(report.Batch.Failure);
     }
-    Run.Index.Drop(item);
+    for (std::size_t i = 0; i < Entries.size(); ++i) {
+        Run.Index.Drop(Items[i]);
+        if (!Run.bQuiet) {
+            TavroPrintLine(stdout,
+                           Entries[i].Entry.TrashPath + " -> " + Entries[i].Entry.OriginalPath);
+        }
+    }
     Run.Lost.AccessLists += report.Batch.Lost.AccessLists;
     Run.Lost.ExtendedAttributes += report.Batch.Lost.ExtendedAttributes;
-    if (!Run.bQuiet) {
-        TavroPrintLine(stdout, trashed.Entry.TrashPath + " -> " + trashed.Entry.OriginalPath);
-    }
     return TavroExitDone;
 }
 
+/// Finds what a name means, and where it goes.
+int Find(Restoring& Run, const std::string& Name, TavroTrashItem& OutItem,
+         TavroTrashedEntry& OutEntry) {
+    if (const TavroFailure failure = Run.Index.Find(Name, OutItem)) {
+        return TavroPrintFailure(failure);
+    }
+    OutEntry = OutItem.Trashed();
+    return ChoosePlace(Run, OutEntry.Entry.OriginalPath);
+}
+
+/// Whether entries can go back together: each is another one, to a place of its own.
+bool AreApart(const std::vector<TavroTrashedEntry>& Entries) {
+    std::set<std::string> paths;
+    return std::all_of(Entries.begin(), Entries.end(), [&](const TavroTrashedEntry& entry) {
+        return paths.insert(entry.Entry.TrashPath).second &&
+               paths.insert(entry.Entry.OriginalPath).second;
+    });
+}
+
+/// Names that do not stand in each other's way are one operation; else each is one.
 int RunRestore(const std::vector<std::string>& Names, bool bKeepBoth, bool bQuiet, bool bSync) {
     TavroCatchInterrupts();
     Restoring run{bKeepBoth, bQuiet, bSync};
+    std::vector<TavroTrashItem> items(Names.size());
+    std::vector<TavroTrashedEntry> entries(Names.size());
+    bool bTogether = Names.size() > 1 && !TavroCanAsk();
+    for (std::size_t i = 0; i < Names.size() && bTogether; ++i) {
+        bTogether = !run.Index.Find(Names[i], items[i]);
+        entries[i] = items[i].Folders ? items[i].Trashed() : entries[i];
+        bTogether = bTogether && !TavroIsPresent(entries[i].Entry.OriginalPath);
+    }
+    if (bTogether && AreApart(entries)) {
+        const int exitCode = Restore(run, items, entries);
+        TavroPrintLost(run.Lost);
+        return exitCode;
+    }
     int exitCode = TavroExitDone;
     for (std::size_t i = 0; i < Names.size() && exitCode <= TavroExitUsage; ++i) {
-        const int code =
-            TavroWasInterrupted() ? TavroInterruptedExitCode() : Restore(run, Names[i]);
+        int code = TavroWasInterrupted() ? TavroInterruptedExitCode()
+                                         : Find(run, Names[i], items[i], entries[i]);
+        code = code == TavroExitDone ? Restore(run, {items[i]}, {entries[i]}) : code;
         exitCode = std::max(exitCode, code);
     }
     TavroPrintLost(run.Lost);

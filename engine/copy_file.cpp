@@ -175,7 +175,9 @@ private:
     TavroFailure CopySmall(std::size_t Size);
     TavroFailure CopyToEnd();
     TavroFailure CopyLarge(off_t Size, bool bSparse);
+    TavroFailure CheckEnd(off_t Size) const;
     TavroFailure CheckSize(off_t Size) const;
+    TavroFailure CheckAppended(off_t Size) const;
     bool ShareBlocks(off_t Size) const;
     TavroFailure CopyDataBetweenHoles(off_t Size);
     TavroFailure CopyRange(off_t Begin, off_t End);
@@ -206,15 +208,20 @@ TavroFailure ByteCopy::Run(const struct stat& Source) {
 }
 
 TavroFailure ByteCopy::CopySmall(std::size_t Size) {
-    std::array<char, smallSize> bytes; // not set: that would cost more than the copy
-    for (std::size_t done = 0; done < Size;) {
-        std::size_t count = 0;
-        const int error =
-            TavroReadAt(m_from, bytes.data() + done, Size - done, static_cast<off_t>(done), count);
+    std::array<char, smallSize + 1> bytes; // not set: that would cost more than the copy
+    std::size_t done = 0;
+    while (done < Size) {
+        std::size_t count = 0; // one byte more is asked for: there should be none
+        const int error = TavroReadAt(m_from, bytes.data() + done, Size + 1 - done,
+                                      static_cast<off_t>(done), count);
         if (error != 0 || count == 0) {
             return TavroFail(error != 0 ? Kind::Copy : Kind::BecameShorter, error, "");
         }
         done += count;
+    }
+    TavroFailure failure = done > Size ? CheckAppended(static_cast<off_t>(Size)) : TavroFailure();
+    if (failure) {
+        return failure;
     }
     const int error = TavroWriteAt(m_to, bytes.data(), Size, 0);
     if (error != 0) {
@@ -246,7 +253,30 @@ TavroFailure ByteCopy::CopyLarge(off_t Size, bool bSparse) {
         Tell(Size);
         return {};
     }
-    return bSparse ? CopyDataBetweenHoles(Size) : CopyRange(0, Size);
+    TavroFailure failure = bSparse ? CopyDataBetweenHoles(Size) : CopyRange(0, Size);
+    return failure ? failure : CheckEnd(Size);
+}
+
+/// Sizes are not believed: some file systems tell one that is out of date or guessed. The last byte
+/// must be there to be read, and none after it.
+TavroFailure ByteCopy::CheckEnd(off_t Size) const {
+    std::array<char, 2> bytes;
+    std::size_t count = 0;
+    const int error = TavroReadAt(m_from, bytes.data(), bytes.size(), Size - 1, count);
+    if (error != 0 || count == 0) {
+        return TavroFail(error != 0 ? Kind::Copy : Kind::BecameShorter, error, "");
+    }
+    return count > 1 ? CheckAppended(Size) : TavroFailure();
+}
+
+/// What can be read beyond the size was appended meanwhile, or the size is wrong.
+TavroFailure ByteCopy::CheckAppended(off_t Size) const {
+    struct stat now = {};
+    const int error = TavroStat(m_from, now);
+    if (error != 0) {
+        return TavroFail(Kind::Read, error, "");
+    }
+    return now.st_size > Size ? TavroFailure() : TavroFailure{Kind::CopyNotWhole};
 }
 
 /// The copy of a file that became shorter meanwhile is not what the file was at any moment.

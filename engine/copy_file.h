@@ -92,6 +92,8 @@ int TavroOpenSource(int Directory, const char* Name, TavroDescriptor& OutFile,
 ///         SetAttributes and Write about the target; Cancelled.
 ///
 /// A file that says its size is 0 is read to its end all the same: those of /proc have contents.
+/// Another size is believed only when the file ends there: BecameShorter when it ends before,
+/// CopyNotWhole when more can be read and the size still does not tell.
 TavroFailure TavroCopyFile(int From, const struct stat& Source, int ToDirectory, const char* To,
                            const TavroCopyOptions& Options, TavroNewEntryTraits& Traits,
                            TavroProgressTeller& Progress, TavroFileCopy& OutCopy,

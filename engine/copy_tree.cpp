@@ -463,9 +463,15 @@ int TavroTreeCopy::PublishNamed(const std::string& Name, bool bExchange, struct 
 
 int TavroTreeCopy::Publish(const std::string& Name, bool bExchange) {
     struct stat status = {};
+    int error = 0;
     const bool bUnnamed = m_made.Identity.Inode == 0;
-    const int error =
-        bUnnamed ? PublishUnnamed(Name, status) : PublishNamed(Name, bExchange, status);
+    if (bUnnamed) {
+        error = PublishUnnamed(bExchange ? m_name : Name, status);
+        m_made = error == 0 ? TavroStateOf(status) : m_made;
+    }
+    if (error == 0 && (!bUnnamed || bExchange)) {
+        error = PublishNamed(Name, bExchange, status);
+    }
     if (error != 0) {
         return error;
     }

@@ -85,9 +85,9 @@ public:
     /// The copy as it waits to be published. @return 0, or the error number.
     int LookAtMade(TavroFileState& OutState) const;
 
-    /// Its name then; empty for a file without one.
-    std::string HiddenName() const {
-        return m_unnamed.IsOpen() ? "" : m_name;
+    /// Its name then; a file without one gets it when it is to replace something.
+    const std::string& HiddenName() const {
+        return m_name;
     }
 
     /// After Publish has failed: the file system makes files without a name, but cannot give them

@@ -760,6 +760,16 @@ void TavroHistory::LeaveOperation() {
     m_database->Running.Close();
 }
 
+bool TavroHistory::IsOnlyOne(std::int64_t Id) const {
+    bool bOnly = false;
+    m_database->Transact(Access::Read, [&] {
+        Statement row(*m_database, "SELECT count(*) FROM operation WHERE state > 2 AND id <> ?",
+                      Id);
+        bOnly = row.Next() && row.Number(0) == 0;
+    });
+    return bOnly;
+}
+
 bool TavroHistory::IsRunning(const TavroOperation& Operation) const {
     return m_database->IsRunning(Operation.Id);
 }
@@ -784,8 +794,9 @@ TavroFailure TavroHistory::EndOperation(const TavroOperation& Operation, bool bS
                         "WHERE id = ?",
                         bNothing ? 2 : Integer(Operation.State), Integer(Operation.Steps.size()),
                         EntriesOf(Operation), BytesOf(Operation), Operation.Id);
+        m_database->Run("DELETE FROM step WHERE operation = ? AND number >= ?", Operation.Id,
+                        bSameSteps ? Integer(Operation.Steps.size()) : 0);
         if (!bSameSteps) {
-            m_database->Run("DELETE FROM step WHERE operation = ?", Operation.Id);
             m_database->InsertSteps(Operation.Id, 0, Operation.Steps);
         }
         DropSurplus(*m_database);

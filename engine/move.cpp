@@ -77,30 +77,40 @@ bool TavroStagedCopy::Stage(const struct stat& Source, TavroDescriptor Open) {
     return true;
 }
 
-void TavroStagedCopy::Rest() {
-    m_restingFrom = {m_from.Directory->Path, m_from.Directory->Identity};
-    m_restingTo = {m_to.Directory->Path, m_to.Directory->Identity};
-    m_from.Directory.reset();
-    m_to.Directory.reset();
+namespace {
+
+/// What is known of a directory that is not held open.
+std::shared_ptr<const TavroDirectory> Closed(const TavroDirectory& Directory) {
+    auto closed = std::make_shared<TavroDirectory>();
+    closed->Identity = Directory.Identity;
+    closed->Path = Directory.Path;
+    closed->OwnPath = Directory.OwnPath;
+    return closed;
 }
 
 /// The directory must be the one that it was, wherever its path leads by now.
-TavroFailure TavroStagedCopy::Wake(TavroPlaces& Places, const Resting& Where,
-                                   TavroPlace& OutPlace) {
+TavroFailure Open(TavroPlaces& Places, TavroPlace& IoPlace) {
     TavroPlace place;
-    const std::string path = TavroJoin(Where.Path, OutPlace.Name);
-    TavroFailure failure = Places.Find(path, place);
-    if (!failure && place.Directory->Identity != Where.Identity) {
-        failure = TavroFail(Kind::LookAt, ESTALE, path);
+    TavroFailure failure = Places.Find(IoPlace.Path(), place);
+    if (!failure && place.Directory->Identity != IoPlace.Directory->Identity) {
+        failure = TavroFail(Kind::LookAt, ESTALE, IoPlace.Path());
     }
-    OutPlace.Directory = std::move(place.Directory);
+    IoPlace.Directory = failure ? IoPlace.Directory : std::move(place.Directory);
     return failure;
 }
 
+} // namespace
+
+void TavroStagedCopy::Rest() {
+    m_from.Directory = Closed(*m_from.Directory);
+    m_to.Directory = Closed(*m_to.Directory);
+}
+
 TavroFailure TavroStagedCopy::Wake(TavroPlaces& Places) {
-    TavroFailure failure = Wake(Places, m_restingTo, m_to);
-    failure = failure ? failure : Wake(Places, m_restingFrom, m_from);
-    if (failure && m_to.Directory && m_tree && !m_report.bCopied) {
+    TavroFailure failure = Open(Places, m_to);
+    const bool bGiveUp = !failure && m_tree && !m_report.bCopied;
+    failure = failure ? failure : Open(Places, m_from);
+    if (failure && bGiveUp) {
         m_tree->GiveUp();
     }
     return failure;
@@ -108,7 +118,7 @@ TavroFailure TavroStagedCopy::Wake(TavroPlaces& Places) {
 
 TavroFailure TavroStagedCopy::LookAtStaged(TavroFileState& OutState) const {
     const int error = m_tree->LookAtMade(OutState);
-    return TavroFail(error == 0 ? Kind::None : Kind::Write, error, DestinationPath());
+    return error == 0 ? TavroFailure() : TavroFail(Kind::Write, error, m_to.Name);
 }
 
 std::string TavroStagedCopy::StagedName() const {

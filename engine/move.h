@@ -131,13 +131,6 @@ private:
     void Fail(TavroFailureKind What, int Error = 0);
     void TakeFailures(std::vector<TavroFailure>& Failures);
 
-    /// A directory that is not held open.
-    struct Resting {
-        std::string Path;
-        TavroIdentity Identity;
-    };
-    static TavroFailure Wake(TavroPlaces& Places, const Resting& Where, TavroPlace& OutPlace);
-
     TavroPlace m_from;
     TavroPlace m_to;
     const TavroMoveOptions m_options;
@@ -145,8 +138,6 @@ private:
     TavroProgressTeller& m_progress;
     TavroFileState m_source;
     std::unique_ptr<TavroTreeCopy> m_tree;
-    Resting m_restingFrom;
-    Resting m_restingTo;
     bool m_bReplaced = false;
     TavroMoveReport m_report;
 };

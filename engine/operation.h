@@ -54,9 +54,9 @@ struct TavroStep {
 
     // While the operation is on its way:
 
-    std::string Staged = {};     ///< The name beside `To` under which a copy waits to be published.
-    TavroIdentity Source = {};   ///< Of a copy: the file at `From`,
-    std::int64_t SourceTime = 0; ///< and when that was changed last.
+    std::string Staged = {};     ///< The name under which it waits beside where it goes.
+    TavroIdentity Source = {};   ///< The file at `From`, when that is another one,
+    std::int64_t SourceTime = 0; ///< and when it was changed last.
 
     bool operator==(const TavroStep& Other) const;
 };

@@ -6,6 +6,7 @@
 #include "remove.h"
 #include "trash.h"
 #include "trash_record.h"
+#include "walk.h"
 
 #include <algorithm>
 #include <ctime>
@@ -32,9 +33,15 @@ std::uint64_t InodeAt(TavroPlaces& Places, const std::string& Path) {
                : 0;
 }
 
-std::string StagedPath(const TavroStep& Step) {
-    const std::string& beside = Step.Role == Role::Replaced ? Step.From : Step.To;
-    return Step.Staged.empty() ? "" : TavroJoin(TavroParentOf(beside), Step.Staged);
+/// The path of a hidden name beside another path.
+std::string Beside(const std::string& Path, const std::string& Staged) {
+    return Staged.empty() || Path.empty() ? "" : TavroJoin(TavroParentOf(Path), Staged);
+}
+
+/// Whether an operation leads from `To` to `From`.
+bool GoesBack(const TavroOperation& Operation) {
+    return Operation.State == TavroOperationState::Undoing ||
+           Operation.Kind == TavroOperationKind::Restore;
 }
 
 /// Of steps that were kept several times, the last.
@@ -86,8 +93,7 @@ TavroWhereabouts TavroFindStep(const TavroStep& Step, TavroPlaces& Places) {
 TavroHeadway TavroFindHeadway(const TavroOperation& Operation) {
     TavroHeadway headway;
     TavroPlaces places;
-    const bool bBack = Operation.State == TavroOperationState::Undoing ||
-                       Operation.Kind == TavroOperationKind::Restore;
+    const bool bBack = GoesBack(Operation);
     for (const TavroStep& step : LatestOf(Operation.Steps)) {
         if (step.Role == Role::Planned || TavroIsMainStep(step, Operation.Kind)) {
             const TavroWhereabouts where = TavroFindStep(step, places);
@@ -99,27 +105,61 @@ TavroHeadway TavroFindHeadway(const TavroOperation& Operation) {
     return headway;
 }
 
+namespace {
+
+void AddLeftoversIn(const std::string& Directory, std::set<std::string>& OutPaths) {
+    TavroDescriptor open;
+    TavroListing listing;
+    if (TavroOpenDirectory(Directory, open) != 0 ||
+        TavroListDirectory(open.Number(), listing) != 0) {
+        return;
+    }
+    while (const char* name = listing.Next()) {
+        if (TavroIsStagingName(name)) {
+            OutPaths.insert(TavroJoin(Directory, name));
+        }
+    }
+}
+
+/// In a directory that others were to be merged into.
+void AddLeftoversBelow(const std::string& Directory, std::set<std::string>& OutPaths) {
+    TavroPlaces places;
+    TavroPlace place;
+    struct stat status = {};
+    if (places.Find(Directory, place) ||
+        TavroStatAt(place.Number(), place.Name.c_str(), status) != 0 || !S_ISDIR(status.st_mode)) {
+        return;
+    }
+    TavroTreeWalk walk(place.Number(), place.Name);
+    for (TavroWalkEvent event = walk.Next();
+         event != TavroWalkEvent::End && event != TavroWalkEvent::LostWay; event = walk.Next()) {
+        const std::string below = walk.Below();
+        if ((event == TavroWalkEvent::Leaf || event == TavroWalkEvent::Enter) && !below.empty() &&
+            TavroIsStagingName(TavroNameOf(below))) {
+            OutPaths.insert(TavroJoin(Directory, below));
+            if (event == TavroWalkEvent::Enter) {
+                walk.Skip();
+            }
+        }
+    }
+}
+
+} // namespace
+
 std::vector<std::string> TavroFindLeftovers(const TavroOperation& Operation) {
     std::set<std::string> leftovers;
     std::set<std::string> directories;
     TavroPlaces places;
     for (const TavroStep& step : Operation.Steps) {
-        if (!step.Staged.empty() && InodeAt(places, StagedPath(step)) != 0) {
-            leftovers.insert(StagedPath(step));
-        }
         directories.insert(TavroParentOf(step.To.empty() ? step.From : step.To));
         directories.insert(TavroParentOf(step.From.empty() ? step.To : step.From));
     }
     for (const std::string& directory : directories) {
-        TavroDescriptor open;
-        TavroListing listing;
-        if (TavroOpenDirectory(directory, open) == 0 &&
-            TavroListDirectory(open.Number(), listing) == 0) {
-            while (const char* name = listing.Next()) {
-                if (TavroIsStagingName(name)) {
-                    leftovers.insert(TavroJoin(directory, name));
-                }
-            }
+        AddLeftoversIn(directory, leftovers);
+    }
+    for (const TavroStep& step : Operation.Steps) {
+        if (step.Role == Role::Planned) {
+            AddLeftoversBelow(step.To, leftovers);
         }
     }
     return {leftovers.begin(), leftovers.end()};
@@ -130,8 +170,9 @@ namespace {
 /// Settles the steps one by one.
 class Settlement {
 public:
-    Settlement(const TavroOperation& Operation, const TavroCallbacks& Callbacks)
-        : m_operation(Operation), m_callbacks(Callbacks), m_changes(Callbacks.bSync) {
+    Settlement(const TavroOperation& Operation, bool bAlone, const TavroCallbacks& Callbacks)
+        : m_operation(Operation), m_bAlone(bAlone), m_callbacks(Callbacks),
+          m_changes(Callbacks.bSync) {
         m_callbacks.BeforeActs = nullptr;
     }
 
@@ -140,24 +181,26 @@ public:
     /// @param NotDone  the steps that are not done.
     TavroFailure Finish(const std::vector<TavroStep>& NotDone) {
         RemoveRecords(NotDone);
+        RemoveLeftovers();
         const int error = m_changes.Flush();
         return error == 0 ? TavroFailure() : TavroFail(TavroFailureKind::Write, error, "");
     }
 
 private:
-    TavroFailure SettleBoth(const TavroStep& Step, TavroWhereabouts& OutWhere);
     TavroFailure RemoveStaged(const TavroStep& Step);
-    TavroFailure Remove(const std::string& Path, std::uint64_t Inode);
+    TavroFailure Remove(const std::string& Path, TavroIdentity Identity);
     TavroFailure MoveStagedBack(const TavroStep& Step);
     TavroFailure TrashStaged(const TavroStep& Step);
     TavroFailure Bring(const std::string& From, const std::string& To, std::uint64_t Inode);
     void TakeOwnDirectory(TavroStep& IoStep);
+    void RemoveLeftovers();
     void RemoveRecords(const std::vector<TavroStep>& NotDone);
     void RemoveRecordsIn(const TavroPlace& Info, const std::set<std::string>& Origins,
                          const std::set<std::string>& Items);
     bool IsCutShort(const TavroPlace& Record) const;
 
     const TavroOperation& m_operation;
+    const bool m_bAlone; ///< No other operation is on its way.
     TavroCallbacks m_callbacks;
     TavroPlaces m_places;
     TavroChanges m_changes;
@@ -170,32 +213,15 @@ TavroFailure Settlement::Settle(TavroStep& IoStep, TavroWhereabouts& OutWhere) {
     TakeOwnDirectory(IoStep);
     OutWhere = TavroFindStep(IoStep, m_places);
     if (!failure && OutWhere == TavroWhereabouts::InBoth) {
-        failure = SettleBoth(IoStep, OutWhere);
-    }
-    if (OutWhere == TavroWhereabouts::AtFrom && IoStep.Source.Inode != 0 &&
-        IoStep.Role != Role::Copied) {
-        IoStep.Identity = IoStep.Source;
+        const bool bBack = GoesBack(m_operation);
+        OutWhere = bBack ? TavroWhereabouts::AtFrom : TavroWhereabouts::AtTo;
+        if (!bBack || !IsTrashed(IoStep)) { // what is in the trash stays there, too
+            failure = TavroTrashSelection({TavroNameEntry(bBack ? IoStep.To : IoStep.From)},
+                                          m_callbacks, {})
+                          .Batch.Failure;
+        }
     }
     return failure;
-}
-
-/// What was copied, and whose source was not removed, or not wholly. The copy is whole. Nothing is
-/// removed for good here: what is there twice may lie in the trash once more.
-TavroFailure Settlement::SettleBoth(const TavroStep& Step, TavroWhereabouts& OutWhere) {
-    const bool bBack = m_operation.State == TavroOperationState::Undoing ||
-                       m_operation.Kind == TavroOperationKind::Restore;
-    TavroPlace from;
-    struct stat status = {};
-    const bool bFile = !m_places.Find(Step.From, from) &&
-                       TavroStatAt(from.Number(), from.Name.c_str(), status) == 0 &&
-                       !S_ISDIR(status.st_mode);
-    OutWhere =
-        bBack || (bFile && IsTrashed(Step)) ? TavroWhereabouts::AtFrom : TavroWhereabouts::AtTo;
-    if (IsTrashed(Step) && OutWhere == TavroWhereabouts::AtFrom) {
-        return {};
-    }
-    const std::string& rest = bBack ? Step.To : Step.From;
-    return TavroTrashSelection({TavroNameEntry(rest)}, m_callbacks, {}).Batch.Failure;
 }
 
 /// A directory that was missing before, and is there, is the one that the operation has made.
@@ -212,24 +238,20 @@ void Settlement::TakeOwnDirectory(TavroStep& IoStep) {
     }
 }
 
-/// Copies wait beside where they are to be; those of what goes back, beside where it came from.
+/// Only the very file or directory that was made as the copy goes.
 TavroFailure Settlement::RemoveStaged(const TavroStep& Step) {
-    if (Step.Staged.empty()) {
-        return {};
-    }
-    TavroFailure failure = Remove(StagedPath(Step), Step.Identity.Inode);
-    return failure ? failure
-                   : Remove(TavroJoin(TavroParentOf(Step.From), Step.Staged), Step.Source.Inode);
+    TavroFailure failure = Remove(Beside(Step.To, Step.Staged), Step.Identity);
+    return failure ? failure : Remove(Beside(Step.From, Step.Staged), Step.Source);
 }
 
-/// Only the very file or directory goes that was made as the copy.
-TavroFailure Settlement::Remove(const std::string& Path, std::uint64_t Inode) {
+TavroFailure Settlement::Remove(const std::string& Path, TavroIdentity Identity) {
     TavroPlace place;
-    if (Inode == 0 || InodeAt(m_places, Path) != Inode || m_places.Find(Path, place)) {
+    if (Path.empty() || InodeAt(m_places, Path) != Identity.Inode || m_places.Find(Path, place)) {
         return {};
     }
+    Identity.Device = place.Directory->Identity.Device;
     m_changes.Add(place.Directory);
-    return TavroRemoveTree(place, {TavroIdentity{place.Directory->Identity.Device, Inode}});
+    return TavroRemoveTree(place, {Identity});
 }
 
 /// Brings the file of a step from one path to another one, at which nothing is.
@@ -244,13 +266,28 @@ TavroFailure Settlement::Bring(const std::string& From, const std::string& To,
 
 /// What was renamed, to replace something, and has not done so, is the only one of its kind.
 TavroFailure Settlement::MoveStagedBack(const TavroStep& Step) {
-    return Step.Role == Role::Moved ? Bring(StagedPath(Step), Step.From, Step.Identity.Inode)
-                                    : TavroFailure();
+    return Step.Role == Role::Moved
+               ? Bring(Beside(Step.To, Step.Staged), Step.From, Step.Identity.Inode)
+               : TavroFailure();
 }
 
 /// What was replaced, and has the hidden name, is on its way to the trash.
 TavroFailure Settlement::TrashStaged(const TavroStep& Step) {
-    return Bring(StagedPath(Step), Step.To, Step.Identity.Inode);
+    TavroFailure failure = Bring(Beside(Step.To, Step.Staged), Step.To, Step.Identity.Inode);
+    return failure ? failure : Bring(Beside(Step.From, Step.Staged), Step.To, Step.Identity.Inode);
+}
+
+/// What was staged and not told of yet: nobody but the operation has made it since its beginning.
+void Settlement::RemoveLeftovers() {
+    for (const std::string& path : TavroFindLeftovers(m_operation)) {
+        TavroPlace place;
+        struct stat status = {};
+        if (m_bAlone && !m_places.Find(path, place) &&
+            TavroStatAt(place.Number(), place.Name.c_str(), status) == 0 &&
+            status.st_ctim.tv_sec >= m_operation.Time) {
+            Remove(path, TavroIdentityOf(status));
+        }
+    }
 }
 
 /// Records of which the items are not there, of what was to be trashed and was not, or was
@@ -320,15 +357,20 @@ bool Settlement::IsCutShort(const TavroPlace& Record) const {
 
 } // namespace
 
-TavroFailure TavroSettle(const TavroOperation& Operation, const TavroCallbacks& Callbacks,
-                         std::vector<TavroStep>& OutDone, std::vector<TavroStep>& OutNotDone) {
-    Settlement settlement(Operation, Callbacks);
+TavroFailure TavroSettle(const TavroOperation& Operation, bool bAlone,
+                         const TavroCallbacks& Callbacks, std::vector<TavroStep>& OutDone,
+                         std::vector<TavroStep>& OutNotDone) {
+    Settlement settlement(Operation, bAlone, Callbacks);
     for (TavroStep& step : LatestOf(Operation.Steps)) {
         TavroWhereabouts where = TavroWhereabouts::Nowhere;
         if (TavroFailure failure = settlement.Settle(step, where)) {
             return failure;
         }
         const bool bDone = where == TavroWhereabouts::AtTo;
+        step.Identity = !bDone && step.Source.Inode != 0 ? step.Source : step.Identity;
+        step.Source = {};
+        step.SourceTime = 0;
+        step.Staged.clear();
         (bDone ? OutDone : OutNotDone).push_back(std::move(step));
     }
     return settlement.Finish(OutNotDone);

@@ -601,7 +601,7 @@ void Transfer::Prepare(const Route& Way, const struct stat& Source, const struct
                        TavroMoveOptions Options, TavroTransferItemPlan* Item) {
     Pending entry;
     Options.bCopy = !m_bMove;
-    Options.bNamed = !m_bSingle || Old != nullptr;
+    Options.bNamed = !m_bSingle;
     Options.bSync = m_bSingle && m_callbacks.bSync; // else all reach the disk together
     const bool bSynced = Options.bSync;
     entry.Source = TavroStateOf(Source);
@@ -839,7 +839,11 @@ TavroFailure Transfer::Journal(const std::vector<Pending>& Entries) {
         step.Identity = entry.Source.Identity;
         step.Staged = entry.Hidden;
         if (!entry.bRename) {
-            step.Identity = entry.Copy->Staged().Identity;
+            TavroFileState staged = entry.Copy->Staged();
+            if (staged.Identity.Inode == 0) { // it has no name yet
+                entry.Copy->LookAtStaged(staged);
+            }
+            step.Identity = staged.Identity;
             step.Staged = entry.Copy->StagedName();
             step.Source = entry.Source.Identity;
             step.SourceTime = entry.Source.ChangeTime;
@@ -970,6 +974,15 @@ void Transfer::TrashReplaced(Pending& Entry) {
     if (!failure) {
         TavroMoveOptions options;
         options.bSync = m_callbacks.bSync;
+        options.BeforePublish = [&](const TavroFileState& made, const std::string& staged) {
+            TavroStep step = ReplacedStep(Entry);
+            step.Source = std::exchange(step.Identity, made.Identity);
+            step.Staged = staged;
+            return m_callbacks.BeforeActs
+                       ? m_callbacks.BeforeActs(
+                             m_bMove ? TavroOperationKind::Move : TavroOperationKind::Copy, {step})
+                       : TavroFailure();
+        };
         const TavroMoveReport report = TavroBringEntry(old, item, options, m_links, m_progress);
         failure = report.Failure;
         Entry.Old.Identity = report.Arrived.Identity;

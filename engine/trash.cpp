@@ -12,7 +12,6 @@
 #include <string_view>
 #include <unordered_map>
 #include <unordered_set>
-#include <utility>
 
 // =================================================================================================
 // What may be trashed
@@ -223,7 +222,8 @@ public:
 
     TavroFailure Prepare();
     TavroFailure Retry(std::size_t Index);
-    TavroFailure Publish(std::size_t Index, const TavroFileState& Made, const std::string& Staged);
+    TavroFailure AnnounceCopy(std::size_t Index, const TavroFileState& Made,
+                              const std::string& Staged) const;
     void Drop(std::size_t Index);
 
 private:
@@ -257,6 +257,16 @@ TavroFailure Trashing::Announce(const std::vector<TavroBatchStep>& Steps) const 
     return m_callbacks.BeforeActs && !Steps.empty()
                ? m_callbacks.BeforeActs(TavroOperationKind::Trash, StepsOf(m_trash.Folders, Steps))
                : TavroFailure();
+}
+
+/// Tells of an entry that was copied into the trash and waits there under a hidden name.
+TavroFailure Trashing::AnnounceCopy(std::size_t Index, const TavroFileState& Made,
+                                    const std::string& Staged) const {
+    std::vector<TavroStep> steps = StepsOf(m_trash.Folders, {m_steps[Index]});
+    steps[0].Source = std::exchange(steps[0].Identity, Made.Identity);
+    steps[0].Staged = Staged;
+    return m_callbacks.BeforeActs ? m_callbacks.BeforeActs(TavroOperationKind::Trash, steps)
+                                  : TavroFailure();
 }
 
 TavroFailure Trashing::Claim(std::size_t Index) {
@@ -305,16 +315,6 @@ TavroFailure Trashing::Retry(std::size_t Index) {
     return failure ? failure : Announce({m_steps[Index]});
 }
 
-/// A copy of an entry is about to show in the trash.
-TavroFailure Trashing::Publish(std::size_t Index, const TavroFileState& Made,
-                               const std::string& Staged) {
-    std::vector<TavroStep> steps = StepsOf(m_trash.Folders, {m_steps[Index]});
-    steps[0].Source = std::exchange(steps[0].Identity, Made.Identity);
-    steps[0].Staged = Staged;
-    return m_callbacks.BeforeActs ? m_callbacks.BeforeActs(TavroOperationKind::Trash, steps)
-                                  : TavroFailure();
-}
-
 void Trashing::Drop(std::size_t Index) {
     if (!m_steps[Index].To.empty()) {
         m_claims.Drop(TavroNameOf(m_steps[Index].From), TavroNameOf(m_steps[Index].To));
@@ -348,11 +348,10 @@ TavroTrashReport TavroTrashSelection(const std::vector<TavroOperationEntry>& Ent
     TavroBatchHooks hooks;
     hooks.Prepare = [&] { return trashing.Prepare(); };
     hooks.Retry = [&](std::size_t i) { return trashing.Retry(i); };
-    hooks.BeforePublish = [&](std::size_t i, const TavroFileState& made,
-                              const std::string& staged) {
-        return trashing.Publish(i, made, staged);
-    };
     hooks.Undone = [&](std::size_t i) { trashing.Drop(i); };
+    hooks.BeforePublish = [&](std::size_t i, const TavroFileState& made, const std::string& name) {
+        return trashing.AnnounceCopy(i, made, name);
+    };
     TavroTrashReport report;
     report.Batch = TavroRunBatch(steps, hooks, Callbacks);
     if (!report) {
@@ -488,13 +487,11 @@ TavroTrashReport TavroRestoreSelection(const std::vector<TavroTrashedEntry>& Ent
                    ? Callbacks.BeforeActs(TavroOperationKind::Restore, StepsToRestore(steps))
                    : TavroFailure();
     };
-    hooks.BeforePublish = [&](std::size_t i, const TavroFileState& made,
-                              const std::string& staged) {
-        std::vector<TavroStep> kept = StepsToRestore({steps[i]});
-        kept.resize(1);
-        kept[0].Source = made.Identity;
-        kept[0].Staged = staged;
-        return Callbacks.BeforeActs ? Callbacks.BeforeActs(TavroOperationKind::Restore, kept)
+    hooks.BeforePublish = [&](std::size_t i, const TavroFileState& made, const std::string& name) {
+        std::vector<TavroStep> step = StepsToRestore({steps[i]});
+        step[0].Source = made.Identity; // it goes back
+        step[0].Staged = name;
+        return Callbacks.BeforeActs ? Callbacks.BeforeActs(TavroOperationKind::Restore, step)
                                     : TavroFailure();
     };
     hooks.Finish = [&](TavroChanges& changes) { RemoveRecords(steps, changes); };

@@ -242,14 +242,22 @@ TavroFailure RemoveRecord(const TavroOpenTrash& Trash, const std::string& Name) 
 /// Removes items one after the other.
 class Emptying {
 public:
+    explicit Emptying(const std::function<bool()>& ShouldCancel) : m_shouldCancel(ShouldCancel) {}
+
     TavroFailure Open();
-    TavroFailure Remove(const TavroTrashItem& Item, const std::function<bool()>& ShouldCancel);
-    int Sync() const;
+    TavroFailure ListRecorded(std::vector<std::string>& OutNames) const;
+
+    /// @param Items  listed items, or the names of what has a record.
+    template <typename Items> TavroFailure RemoveEach(const Items& All, bool bSync);
 
 private:
-    TavroFailure RemoveItem(const struct stat& Status, const std::function<bool()>& ShouldCancel);
+    TavroFailure Remove(const TavroTrashItem& Item);
+    TavroFailure Remove(const std::string& Name);
+    TavroFailure RemoveItem(const struct stat& Status);
     bool IsClaimedByOther(const TavroTrashItem& Item) const;
+    int Sync() const;
 
+    const std::function<bool()>& m_shouldCancel;
     TavroOpenTrash m_trash;
     TavroPlace m_item;
     TavroGuard m_guard{TavroAct::Delete};
@@ -265,8 +273,27 @@ TavroFailure Emptying::Open() {
     return failure;
 }
 
-TavroFailure Emptying::Remove(const TavroTrashItem& Item,
-                              const std::function<bool()>& ShouldCancel) {
+TavroFailure Emptying::ListRecorded(std::vector<std::string>& OutNames) const {
+    return ListRecords(m_trash, OutNames);
+}
+
+template <typename Items> TavroFailure Emptying::RemoveEach(const Items& All, bool bSync) {
+    TavroFailure first;
+    for (const auto& item : All) {
+        TavroFailure failure = m_shouldCancel && m_shouldCancel()
+                                   ? TavroFailure{TavroFailureKind::Cancelled}
+                                   : Remove(item);
+        if (failure.Kind == TavroFailureKind::Cancelled) {
+            first = std::move(failure);
+            break;
+        }
+        first = first ? first : failure;
+    }
+    const int error = bSync ? Sync() : 0;
+    return first || error == 0 ? first : TavroFail(TavroFailureKind::Remove, error, "");
+}
+
+TavroFailure Emptying::Remove(const TavroTrashItem& Item) {
     struct stat status = {};
     if (!IsPlainName(Item.Name)) {
         return {TavroFailureKind::NoItemName, {}, Item.Name};
@@ -284,15 +311,34 @@ TavroFailure Emptying::Remove(const TavroTrashItem& Item,
                                      Item.ChangeTime != TavroNanoseconds(status.st_ctim))) {
         return {TavroFailureKind::ItemChanged, {}, Item.Name};
     }
-    TavroFailure failure = RemoveItem(status, ShouldCancel);
+    TavroFailure failure = RemoveItem(status);
     return failure ? failure : RemoveRecord(m_trash, Item.Name);
 }
 
-TavroFailure Emptying::RemoveItem(const struct stat& Status,
-                                  const std::function<bool()>& ShouldCancel) {
+/// Removes an item unless its record cannot be read. A record without an item stays: the item may
+/// be on its way. Most items are files, so what removes nothing else is tried before any look.
+TavroFailure Emptying::Remove(const std::string& Name) {
+    struct stat status = {};
+    if (!m_item.Directory || !IsPlainName(Name) ||
+        !TavroReadRecord(m_trash.Info.Number(), Name, m_trash.Folders.Home)) {
+        return {};
+    }
+    m_item.Name = Name;
+    TavroFailure failure;
+    if (TavroUnlinkAt(m_item.Number(), Name.c_str()) != 0) {
+        if (TavroStatAt(m_item.Number(), Name.c_str(), status) != 0) {
+            return {};
+        }
+        failure = RemoveItem(status);
+    }
+    return failure ? failure : RemoveRecord(m_trash, Name);
+}
+
+TavroFailure Emptying::RemoveItem(const struct stat& Status) {
     if (S_ISDIR(Status.st_mode)) {
         TavroFailure failure = m_guard.Check(m_item, Status);
-        return failure ? failure : TavroRemoveTree(m_item, {TavroIdentityOf(Status), ShouldCancel});
+        return failure ? failure
+                       : TavroRemoveTree(m_item, {TavroIdentityOf(Status), m_shouldCancel});
     }
     const int error = TavroUnlinkAt(m_item.Number(), m_item.Name.c_str());
     return error == 0 || error == ENOENT
@@ -323,23 +369,17 @@ bool Emptying::IsClaimedByOther(const TavroTrashItem& Item) const {
 
 TavroFailure TavroRemoveFromTrash(const std::vector<TavroTrashItem>& Items,
                                   const std::function<bool()>& ShouldCancel, bool bSync) {
-    Emptying emptying;
-    TavroFailure first = emptying.Open();
-    if (first) {
-        return first;
-    }
-    for (const TavroTrashItem& item : Items) {
-        TavroFailure failure = ShouldCancel && ShouldCancel()
-                                   ? TavroFailure{TavroFailureKind::Cancelled}
-                                   : emptying.Remove(item, ShouldCancel);
-        if (failure.Kind == TavroFailureKind::Cancelled) {
-            first = std::move(failure);
-            break;
-        }
-        first = first ? first : failure;
-    }
-    const int error = bSync ? emptying.Sync() : 0;
-    return first || error == 0 ? first : TavroFail(TavroFailureKind::Remove, error, "");
+    Emptying emptying(ShouldCancel);
+    TavroFailure failure = emptying.Open();
+    return failure ? failure : emptying.RemoveEach(Items, bSync);
+}
+
+TavroFailure TavroEmptyTrash(const std::function<bool()>& ShouldCancel, bool bSync) {
+    Emptying emptying(ShouldCancel);
+    std::vector<std::string> names;
+    TavroFailure failure = emptying.Open();
+    failure = failure ? failure : emptying.ListRecorded(names);
+    return failure ? failure : emptying.RemoveEach(names, bSync);
 }
 
 std::vector<TavroTrashItem> TavroItemsOlderThan(std::vector<TavroTrashItem> Items, int Days) {

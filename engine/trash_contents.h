@@ -98,6 +98,11 @@ private:
 TavroFailure TavroRemoveFromTrash(const std::vector<TavroTrashItem>& Items,
                                   const std::function<bool()>& ShouldCancel, bool bSync = true);
 
+/// Removes every item that TavroListTrash would list, as TavroRemoveFromTrash does, but looks at
+/// none before: what takes the name of an item meanwhile goes in its place.
+/// @return as TavroRemoveFromTrash, or as TavroListTrash.
+TavroFailure TavroEmptyTrash(const std::function<bool()>& ShouldCancel, bool bSync = true);
+
 /// The items that were trashed more than so many days ago (of 24 hours, local time). An item
 /// without a readable date is never among them.
 std::vector<TavroTrashItem> TavroItemsOlderThan(std::vector<TavroTrashItem> Items, int Days);

@@ -58,6 +58,12 @@ TavroFailure TavroEnsurePrivateTrash() {
     if (folders.Root.empty()) {
         return {TavroFailureKind::NoHome};
     }
+    TavroDescriptor files;
+    TavroDescriptor info;
+    if (TavroOpenDirectory(folders.Files, files) == 0 &&
+        TavroOpenDirectory(folders.Info, info) == 0) {
+        return {}; // and so is what is above them
+    }
     const std::string share = TavroParentOf(folders.Root);
     TavroPlaces places;
     TavroPlace ignored;

@@ -83,8 +83,9 @@ private:
     TavroFailure CreateAgain();
 
     TavroFailure MoveAll();
-    TavroFailure RunMoves(std::vector<TavroBatchStep>& Moves);
-    TavroFailure Trash(const Steps& Entries, std::vector<TavroStep>& OutTrashed);
+    TavroFailure RunMoves(const Steps& Of, std::vector<TavroBatchStep>& Moves);
+    TavroFailure Trash(const Steps& Entries, std::vector<TavroStep>& OutTrashed,
+                       Role As = Role::Trashed);
     TavroFailure TrashAgain();
     void DropTrashed();
     TavroFailure TrashCopies();
@@ -355,7 +356,7 @@ TavroFailure Reversal::MoveAll() {
     });
     failure = failure ? failure : CheckToMake();
     failure = failure || m_bUndo ? failure : MakeDirectories();
-    failure = failure ? failure : RunMoves(moves);
+    failure = failure ? failure : RunMoves(steps, moves);
     for (std::size_t i = 0; i < steps.size() && !failure; ++i) {
         steps[i]->Identity = moves[i].Arrived.Identity;
     }
@@ -363,17 +364,15 @@ TavroFailure Reversal::MoveAll() {
 }
 
 /// Moves, and makes the directories again that a merging move has removed.
-TavroFailure Reversal::RunMoves(std::vector<TavroBatchStep>& Moves) {
+TavroFailure Reversal::RunMoves(const Steps& Of, std::vector<TavroBatchStep>& Moves) {
     TavroBatchHooks hooks;
-    hooks.BeforePublish = [&](std::size_t i, const TavroFileState& made,
-                              const std::string& staged) {
-        TavroStep step = *StepsOf(Role::Moved, m_bUndo)[i];
-        step.Identity = m_bUndo ? Moves[i].Seen->State.Identity : made.Identity;
+    hooks.BeforePublish = [&](std::size_t i, const TavroFileState& made, const std::string& name) {
+        TavroStep step = *Of[i];
         step.Source = m_bUndo ? made.Identity : Moves[i].Seen->State.Identity;
-        step.Staged = staged;
-        return m_callbacks.BeforeActs
-                   ? m_callbacks.BeforeActs(m_report.Operation.Kind, {std::move(step)})
-                   : TavroFailure();
+        step.Identity = m_bUndo ? Moves[i].Seen->State.Identity : made.Identity;
+        step.Staged = name;
+        return m_callbacks.BeforeActs ? m_callbacks.BeforeActs(TavroOperationKind::Move, {step})
+                                      : TavroFailure();
     };
     m_report.Moves = TavroRunBatch(Moves, hooks, m_callbacks);
     Remember(m_report.Moves.CreatedDirectories);
@@ -397,7 +396,7 @@ TavroFailure Reversal::RunMoves(std::vector<TavroBatchStep>& Moves) {
 // =================================================================================================
 
 /// @param OutTrashed  gets a step for each that lies in the trash now.
-TavroFailure Reversal::Trash(const Steps& Entries, std::vector<TavroStep>& OutTrashed) {
+TavroFailure Reversal::Trash(const Steps& Entries, std::vector<TavroStep>& OutTrashed, Role As) {
     if (Entries.empty()) {
         return {};
     }
@@ -414,7 +413,14 @@ TavroFailure Reversal::Trash(const Steps& Entries, std::vector<TavroStep>& OutTr
     if (failure) {
         return failure;
     }
-    m_report.Trash = TavroTrashSelection(entries, m_callbacks, expected);
+    TavroCallbacks callbacks = m_callbacks;
+    callbacks.BeforeActs = [&](TavroOperationKind kind, std::vector<TavroStep> told) {
+        for (TavroStep& step : told) {
+            step.Role = As;
+        }
+        return m_callbacks.BeforeActs ? m_callbacks.BeforeActs(kind, told) : TavroFailure();
+    };
+    m_report.Trash = TavroTrashSelection(entries, callbacks, expected);
     TavroOperation trashed = TavroOperationOf(m_report.Trash);
     TavroCompleteOperation(trashed);
     OutTrashed = std::move(trashed.Steps);
@@ -484,9 +490,14 @@ TavroFailure Reversal::Restore(Role What) {
         return failure;
     }
     TavroCallbacks callbacks = m_callbacks;
-    callbacks.BeforeActs = [&](TavroOperationKind kind, const std::vector<TavroStep>& told) {
-        const bool bKept = told.front().Source.Inode == 0 || !m_callbacks.BeforeActs;
-        return bKept ? TavroFailure() : m_callbacks.BeforeActs(kind, told);
+    bool bKept = true; // the steps themselves are
+    callbacks.BeforeActs = [&](TavroOperationKind kind, std::vector<TavroStep> more) {
+        for (TavroStep& step : more) {
+            step.Role = What;
+        }
+        return std::exchange(bKept, false) || !m_callbacks.BeforeActs
+                   ? TavroFailure()
+                   : m_callbacks.BeforeActs(kind, more);
     };
     m_report.Trash = TavroRestoreSelection(entries, callbacks);
     for (std::size_t i = 0; i < m_report.Trash.Entries.size(); ++i) {
@@ -518,7 +529,8 @@ TavroFailure Reversal::RestoreCopies() {
 TavroFailure Reversal::TrashReplaced() {
     const Steps replaced = StepsOf(Role::Replaced);
     std::vector<TavroStep> trashed;
-    TavroFailure failure = replaced.empty() ? TavroFailure() : Trash(replaced, trashed);
+    TavroFailure failure =
+        replaced.empty() ? TavroFailure() : Trash(replaced, trashed, Role::Replaced);
     for (std::size_t i = 0; i < trashed.size(); ++i) {
         replaced[i]->To = trashed[i].To;
         replaced[i]->Record = trashed[i].Record;
@@ -586,6 +598,7 @@ private:
     TavroFailure Transfer(TavroTransferCallbacks Callbacks);
     TavroFailure Take(FindNext Find, TavroFailureKind Nothing, bool bUndo);
     TavroFailure End(bool bUndo);
+    void EndWhatIsUndone();
 
     TavroHistory& m_history;
     const TavroTransferCallbacks& m_callbacks;
@@ -602,10 +615,15 @@ TavroFailure Going::Settle(bool& IoUndo, bool bResume) {
     TavroOperation& operation = m_report.Operation;
     std::vector<TavroStep> done;
     std::vector<TavroStep> notDone;
-    TavroFailure failure = TavroSettle(operation, m_callbacks, done, notDone);
+    TavroFailure failure =
+        TavroSettle(operation, m_history.IsOnlyOne(operation.Id), m_callbacks, done, notDone);
     const TavroOperationState state = operation.State;
     const bool bDoing = state == TavroOperationState::Doing;
     if (operation.Kind == TavroOperationKind::Restore) {
+        // Its records need not tell of the places that were chosen.
+        for (TavroStep& step : done) {
+            step.ChangeTime = INT64_MAX;
+        }
         operation.Kind = TavroOperationKind::Trash;
         IoUndo = bResume;
         m_bForget = true;
@@ -660,11 +678,15 @@ TavroFailure Going::Transfer(TavroTransferCallbacks Callbacks) {
     for (const TavroStep& step : m_settled) {
         done.insert(step.From);
     }
+    const bool bPlanned =
+        std::any_of(operation.Steps.begin(), operation.Steps.end(),
+                    [](const TavroStep& step) { return step.Role == Role::Planned; });
     for (const TavroStep& step : operation.Steps) {
         if (step.Role == Role::Planned && step.Mode <= 2) {
             plan.ConflictPolicy = static_cast<TavroTransferConflictPolicy>(step.Mode);
         }
-        if ((step.Role == Role::Planned || TavroIsMainStep(step, operation.Kind)) &&
+        // What was planned leads to all that it consists of.
+        if ((bPlanned ? step.Role == Role::Planned : TavroIsMainStep(step, operation.Kind)) &&
             done.count(step.From) == 0) {
             TavroTransferItemPlan item;
             item.Name = TavroNameOf(step.From);
@@ -694,6 +716,31 @@ TavroFailure Going::End(bool bUndo) {
     TavroOperation kept = operation;
     kept.Steps = m_bForget ? std::vector<TavroStep>() : kept.Steps;
     return m_history.EndOperation(kept, kept.Steps == m_before.Steps);
+}
+
+/// An undo that was done, and whose end a power cut took away, is one.
+void Going::EndWhatIsUndone() {
+    std::optional<TavroOperation> next;
+    bool bChanged = true;
+    if (m_history.NextToResume(next) || !next || next->State != TavroOperationState::Undoing ||
+        m_history.IsRunning(*next)) {
+        return;
+    }
+    const TavroHeadway headway = TavroFindHeadway(*next);
+    if (headway.Done != headway.Count ||
+        m_history.ContinueOperation(*next, next->State, bChanged) || bChanged) {
+        return;
+    }
+    bool bUndo = true;
+    m_before = *next;
+    m_report.Operation = std::move(*next);
+    if (Settle(bUndo, true)) {
+        m_history.LeaveOperation();
+    } else {
+        End(bUndo);
+    }
+    m_report = {};
+    m_settled.clear();
 }
 
 /// Takes on the next operation: from now on the history says so, and no other process does.
@@ -726,6 +773,9 @@ TavroFailure Going::Take(FindNext Find, TavroFailureKind Nothing, bool bUndo) {
 
 TavroUndoReport Going::Run(FindNext Find, TavroFailureKind Nothing, bool bUndo, bool bResume) {
     TavroFailure& failure = m_report.Failure;
+    if (!bUndo && !bResume) {
+        EndWhatIsUndone();
+    }
     failure = Take(Find, Nothing, bUndo);
     if (failure) {
         return std::move(m_report);

@@ -398,6 +398,68 @@ TEST_F(CopyFile, a_large_copy_that_is_shorter_than_its_source_is_not_whole) {
     expectFailure(TavroFailureKind::CopyNotWhole);
 }
 
+TEST_F(CopyFile, believes_no_size_that_is_smaller_than_what_can_be_read) {
+    for (const std::size_t size : {std::size_t{100}, 64 * kibibyte, 100 * kibibyte}) {
+        SCOPED_TRACE(std::to_string(size) + " bytes");
+        writeFile(m_from, bytesOf(size));
+        const CallObserver observer([&](const std::string& call, const std::string& path) {
+            if (path == m_from && (call == "pread" || call == "fstat")) {
+                fs::resize_file(m_from, call == "pread" ? size + 10 : size);
+            }
+        });
+        EXPECT_FALSE(copy());
+        EXPECT_EQ(TavroFailureKind::CopyNotWhole, m_failure.Kind) << TavroDescribe(m_failure);
+        EXPECT_FALSE(isPresent(m_to));
+    }
+}
+
+TEST_F(CopyFile, believes_no_size_that_is_larger_than_what_can_be_read) {
+    writeFile(m_from, bytesOf(100));
+    const CallObserver observer([&](const std::string& call, const std::string& path) {
+        if (path == m_from) { // it looks like a file that ends with a hole
+            fs::resize_file(m_from, call == "fstat" ? 200000 : 100);
+        }
+    });
+    EXPECT_FALSE(copy());
+    EXPECT_EQ(TavroFailureKind::BecameShorter, m_failure.Kind) << TavroDescribe(m_failure);
+    EXPECT_FALSE(isPresent(m_to));
+}
+
+TEST_F(CopyFile, does_not_copy_what_is_appended_meanwhile) {
+    for (const std::size_t size : {std::size_t{100}, 64 * kibibyte, 100 * kibibyte}) {
+        SCOPED_TRACE(std::to_string(size) + " bytes");
+        const std::string bytes = bytesOf(size);
+        writeFile(m_from, bytes);
+        const CallObserver observer([&](const std::string& call, const std::string& path) {
+            if (path == m_from && call == "pread") {
+                fs::resize_file(m_from, size + 10);
+            }
+        });
+        expectWhole(bytes);
+        EXPECT_EQ(size + 10, fs::file_size(m_from));
+    }
+}
+
+TEST_F(CopyFile, a_source_whose_end_cannot_be_read_or_examined_is_named) {
+    writeFile(m_from, bytesOf(100000));
+    {
+        const FaultInjector faults({{"pread", EIO, m_from.string()}});
+        expectFailure(TavroFailureKind::Copy, EIO);
+        EXPECT_EQ(1, faults.fired());
+    }
+    writeFile(m_from, bytesOf(100));
+    const CallObserver observer([&](const std::string& call, const std::string&) {
+        if (call == "pread") {
+            fs::resize_file(m_from, 110);
+        }
+    });
+    const FaultInjector faults({{"fstat", ENOMEM, m_from.string(), 2}});
+    EXPECT_FALSE(copy());
+    EXPECT_EQ(TavroFailureKind::Read, m_failure.Kind);
+    EXPECT_EQ(1, faults.fired());
+    EXPECT_FALSE(isPresent(m_to));
+}
+
 // =================================================================================================
 // Files without a name
 // =================================================================================================

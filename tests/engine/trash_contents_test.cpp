@@ -80,6 +80,9 @@ protected:
                               const std::function<bool()>& shouldCancel = {}) {
         return TavroDescribe(TavroRemoveFromTrash(items, shouldCancel));
     }
+    static std::string empty(const std::function<bool()>& shouldCancel = {}) {
+        return TavroDescribe(TavroEmptyTrash(shouldCancel));
+    }
 
     static std::vector<TavroTrashFinding> examine() {
         std::vector<TavroTrashFinding> findings(2);
@@ -103,6 +106,7 @@ protected:
 using ListTrash = TrashContents;
 using FindTrashItem = TrashContents;
 using RemoveFromTrash = TrashContents;
+using EmptyTrash = TrashContents;
 using ItemsOlderThan = TrashContents;
 using ExamineTrash = TrashContents;
 using MendTrash = TrashContents;
@@ -595,6 +599,98 @@ TEST_F(RemoveFromTrash, needs_a_home_directory) {
     put("a", "/a", "2024-01-01T00:00:00");
     EXPECT_EQ(remove({named("a")}), "Trash is unavailable because HOME is not set.");
     EXPECT_TRUE(isPresent(item("a")));
+}
+
+// -------------------------------------------------------------------------------------------------
+// Emptying
+// -------------------------------------------------------------------------------------------------
+
+TEST_F(EmptyTrash, removes_items_of_every_type_with_their_records) {
+    const fs::path precious = doc("precious");
+    put("file", "/file", "2024-01-01T00:00:00");
+    fs::create_symlink(docs(), item("link"));
+    writeFile(item("directory") / "below/file");
+    makeDirectory(item("empty directory"));
+    for (const std::string name : {"link", "directory", "empty directory"}) {
+        writeFile(record(name), "[Trash Info]\nPath=/x\n");
+    }
+    EXPECT_EQ(empty(), "");
+    expectEmptyTrash();
+    EXPECT_TRUE(isPresent(precious));
+}
+
+TEST_F(EmptyTrash, keeps_what_a_list_passes_over) {
+    writeFile(item("no record"));
+    put("unreadable", "garbage");
+    writeFile(record("no item"), "[Trash Info]\nPath=/on/its/way\n");
+    writeFile(record(".."), "[Trash Info]\nPath=/x\n");
+    const Snapshot before = takeSnapshot(root());
+    put("a", "/a", "2024-01-01T00:00:00");
+    EXPECT_EQ(empty(), "");
+    EXPECT_EQ(takeSnapshot(root()), before);
+}
+
+TEST_F(EmptyTrash, keeps_what_holds_a_mount_point) {
+    writeFile(item("directory") / "file");
+    writeFile(record("directory"), "[Trash Info]\nPath=/directory\n");
+    makeDirectory(item("directory") / "mounted");
+    put("a", "/a", "2024-01-01T00:00:00");
+    const bool bRan = runWithMount(docs(), item("directory") / "mounted", [&] {
+        doc("precious");
+        EXPECT_EQ(empty(), "Refusing to delete " + inQuotes(item("directory")) +
+                               ": it holds the mount point " +
+                               inQuotes(item("directory") / "mounted"));
+        EXPECT_EQ(names(list()), Names{"directory"});
+        EXPECT_TRUE(isPresent(item("directory") / "file") && isPresent(docs() / "precious"));
+    });
+    if (!bRan) {
+        GTEST_SKIP() << "nothing can be mounted here";
+    }
+}
+
+TEST_F(EmptyTrash, goes_on_after_a_failure_and_keeps_the_record_of_what_stays) {
+    put("a", "/a", "2024-01-01T00:00:00");
+    put("b", "/b", "2024-01-01T00:00:00");
+    const FaultInjector fault({{"unlinkat", EIO, "a", 1, true, true}});
+    EXPECT_EQ(empty(),
+              "Failed to remove " + inQuotes(item("a")) + ": " + systemText(std::errc::io_error));
+    EXPECT_TRUE(fault.eachFired());
+    EXPECT_EQ(names(list()), Names{"a"});
+}
+
+TEST_F(EmptyTrash, stops_between_items_when_it_is_cancelled) {
+    put("a", "/a", "2024-01-01T00:00:00");
+    put("b", "/b", "2024-01-01T00:00:00");
+    int asked = 0;
+    EXPECT_EQ(empty([&] { return ++asked == 2; }), "Cancelled");
+    EXPECT_EQ(list().size(), 1U);
+}
+
+TEST_F(EmptyTrash, says_why_it_cannot_be_read_and_needs_a_home_directory) {
+    put("a", "/a", "2024-01-01T00:00:00");
+    {
+        const FaultInjector fault({{"getdents64", EIO, "info"}});
+        EXPECT_EQ(empty(), "Failed to read " + inQuotes(root() / "info") + ": " +
+                               systemText(std::errc::io_error));
+        EXPECT_EQ(fault.fired(), 1);
+    }
+    const ScopedEnvironment environment("HOME", "");
+    EXPECT_EQ(empty(), "Trash is unavailable because HOME is not set.");
+    EXPECT_TRUE(isPresent(item("a")) && isPresent(record("a")));
+}
+
+TEST_F(EmptyTrash, costs_six_calls_a_file) {
+    const auto callsFor = [&](int count) {
+        for (int i = 0; i < count; ++i) {
+            put(std::to_string(i), "/x", "2024-03-05T14:07:09");
+        }
+        CallCounts counts;
+        EXPECT_EQ(empty(), "");
+        return counts.all();
+    };
+    const int few = callsFor(20);
+    // The record is read, which takes four; the item goes, and its record after it.
+    EXPECT_EQ(callsFor(120) - few, 100 * 6);
 }
 
 // -------------------------------------------------------------------------------------------------
