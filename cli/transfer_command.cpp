@@ -5,6 +5,7 @@
 #include "record.h"
 #include "recording.h"
 #include "transfer.h"
+#include "undo.h"
 
 #include <array>
 
@@ -81,7 +82,8 @@ void PrintReport(const TavroTransferReport& Report, bool bMove, bool bQuiet) {
 
 int ExitCodeOf(const TavroTransferReport& Report, const OnConflict& What, bool bStopped) {
     if (Report.bCancelled && !bStopped) {
-        TavroPrintError("Interrupted: what was begun last is undone, what is listed is done.");
+        TavroPrintError(Report.Done.empty() ? "Interrupted: everything is as it was."
+                                            : "Interrupted: what is listed is done.");
         return TavroInterruptedExitCode();
     }
     if (Report.bCancelled) {
@@ -91,6 +93,16 @@ int ExitCodeOf(const TavroTransferReport& Report, const OnConflict& What, bool b
                                  What.Policy != TavroTransferConflictPolicy::Skip && !TavroCanAsk();
     return Report.Failed.empty() && !Report.bCancelled && !bSkippedUnasked ? TavroExitDone
                                                                            : TavroExitFailed;
+}
+
+/// Undoes what was done of a transfer before it was interrupted. @return whether that is done.
+bool TakeBack() {
+    TavroHistory history;
+    if (TavroOpenHistory(history)) {
+        return false;
+    }
+    const TavroUndoReport report = TavroUndo(history, {});
+    return !report.Failure || TavroPrintFailure(report.Failure) == TavroExitDone;
 }
 
 int RunTransfer(TavroTransferPlan& Plan, const OnConflict& What, bool bQuiet, bool bSync) {
@@ -106,6 +118,9 @@ int RunTransfer(TavroTransferPlan& Plan, const OnConflict& What, bool bQuiet, bo
     }
     // Recorded before it is printed: a reader that goes away must not cost the undo.
     recording.End(TavroOperationOf(report, Plan.bMove));
+    if (report.bCancelled && !bStopped && !report.Done.empty() && TakeBack()) {
+        report.Done.clear();
+    }
     PrintReport(report, Plan.bMove, bQuiet);
     return ExitCodeOf(report, What, bStopped);
 }

@@ -753,7 +753,9 @@ void Transfer::Flush() {
         return;
     }
     for (Pending& entry : entries) {
-        if ((failure = entry.Copy->Wake(m_places))) {
+        if (IsCancelled()) {
+            m_pending.push_back(std::move(entry));
+        } else if ((failure = entry.Copy->Wake(m_places))) {
             entry.Copy->Report().Failure = {Kind::Read, failure.Error, entry.AskedFrom};
         } else {
             Publish(entry);
@@ -762,6 +764,8 @@ void Transfer::Flush() {
     }
     // A source goes, and so does what was replaced for good, only when the new entry is in its
     // place even after a power cut.
+    const auto isLeft = [](const Pending& entry) { return !entry.Copy; };
+    entries.erase(std::remove_if(entries.begin(), entries.end(), isLeft), entries.end());
     error = m_changes.Flush();
     for (Pending& entry : entries) {
         if (error == 0 && entry.bDone && NeedsFinish(entry) && !entry.Copy->Wake(m_places)) {
@@ -772,6 +776,10 @@ void Transfer::Flush() {
         if (!entry.bAgain) {
             Note(entry);
         }
+    }
+    if (m_report.bCancelled) {
+        Discard();
+        return;
     }
     TryAgain(entries);
     if (error == 0) {
