@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <iterator>
 #include <map>
 #include <set>
 #include <tuple>
@@ -213,7 +214,10 @@ TavroFailure Settlement::Settle(TavroStep& IoStep, TavroWhereabouts& OutWhere) {
     TakeOwnDirectory(IoStep);
     OutWhere = TavroFindStep(IoStep, m_places);
     if (!failure && OutWhere == TavroWhereabouts::InBoth) {
-        const bool bBack = GoesBack(m_operation);
+        // What was copied goes to the trash when that is undone.
+        const bool bUndoneCopy =
+            m_operation.Kind == TavroOperationKind::Copy && IoStep.Role == Role::Trashed;
+        const bool bBack = GoesBack(m_operation) != bUndoneCopy;
         OutWhere = bBack ? TavroWhereabouts::AtFrom : TavroWhereabouts::AtTo;
         if (!bBack || !IsTrashed(IoStep)) { // what is in the trash stays there, too
             failure = TavroTrashSelection({TavroNameEntry(bBack ? IoStep.To : IoStep.From)},
@@ -373,5 +377,13 @@ TavroFailure TavroSettle(const TavroOperation& Operation, bool bAlone,
         step.Staged.clear();
         (bDone ? OutDone : OutNotDone).push_back(std::move(step));
     }
+    // The rest of a source that went to the trash may have been a step's own file.
+    TavroPlaces places;
+    const auto isThere = [&](const TavroStep& step) {
+        return step.Role != Role::Copied || TavroFindStep(step, places) == TavroWhereabouts::AtTo;
+    };
+    const auto gone = std::stable_partition(OutDone.begin(), OutDone.end(), isThere);
+    std::move(gone, OutDone.end(), std::back_inserter(OutNotDone));
+    OutDone.erase(gone, OutDone.end());
     return settlement.Finish(OutNotDone);
 }
