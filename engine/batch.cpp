@@ -69,16 +69,17 @@ TavroBatchReport Batch::Run() {
         failure = Act(done);
         done += failure ? 0U : 1U;
     }
-    if (!failure && m_hooks.Finish) {
-        m_hooks.Finish(m_changes);
-    }
     const int error = failure ? 0 : m_changes.Flush();
     failure = error == 0 ? failure : TavroFail(TavroFailureKind::Write, error, m_steps.back().To);
     if (failure) {
         RollBack(done);
-    } else {
-        m_progress.Tell();
+        return std::move(m_report);
     }
+    if (m_hooks.Finish) {
+        m_hooks.Finish(m_changes);
+        m_changes.Flush(); // what is not gone after a power cut does no harm
+    }
+    m_progress.Tell();
     return std::move(m_report);
 }
 

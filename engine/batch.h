@@ -65,7 +65,7 @@ struct TavroBatchHooks {
     /// Called after Prepare for each step that did not happen, or was undone.
     std::function<void(std::size_t Step)> Undone = {};
 
-    /// Called when all steps are done, before they are brought to the disk.
+    /// Called when all steps are done and on the disk.
     std::function<void(TavroChanges&)> Finish = {};
 };
 

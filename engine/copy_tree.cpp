@@ -455,7 +455,10 @@ int TavroTreeCopy::PublishNamed(const std::string& Name, bool bExchange, struct 
     }
     error = CheckName(Name, OutStatus);
     if (error == ESTALE) { // somebody has put something else there
-        TavroRenameNoReplace(directory, Name.c_str(), directory, m_name.c_str());
+        const int back =
+            bExchange ? TavroExchange(directory, Name.c_str(), directory, m_name.c_str())
+                      : TavroRenameNoReplace(directory, Name.c_str(), directory, m_name.c_str());
+        m_bElsewhere = back != 0;
         return error;
     }
     return 0;
@@ -494,7 +497,7 @@ void TavroTreeCopy::GiveUp() {
     if (m_tree) {
         m_tree->clear();
     }
-    if (m_unnamed.IsOpen() || m_copied.empty()) {
+    if (m_unnamed.IsOpen() || m_copied.empty() || m_bElsewhere) {
         m_unnamed.Close();
         return;
     }

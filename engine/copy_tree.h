@@ -190,6 +190,7 @@ private:
     bool m_bThere = false;   ///< There is a copy.
     bool m_bGivenUp = false; ///< Going on makes no sense.
     bool m_bCannotLink = false;
+    bool m_bElsewhere = false; ///< What has the hidden name is not the copy.
 
     TavroTreeWalk m_walk;
     TavroDirectoryStack m_target;

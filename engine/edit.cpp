@@ -123,7 +123,7 @@ TavroFailure Rename(const TavroPlace& From, const TavroPlace& To, bool bSync, Ta
     if (error != 0) {
         TavroRenameNoReplace(To.Number(), To.Name.c_str(), From.Number(), From.Name.c_str());
     }
-    return error == 0 ? TavroFailure() : TavroFail(Kind::Rename, error, "");
+    return error == 0 ? TavroFailure() : TavroFail(Kind::Write, error, To.Path());
 }
 
 } // namespace
@@ -154,7 +154,7 @@ TavroEditReport TavroRenameTo(const TavroOperationEntry& Entry, const std::strin
     }
     if (!failure) {
         failure = Rename(from, to, Callbacks.bSync, places, report.CreatedDirectories);
-        failure.Path = Entry.Path;
+        failure.Path = failure.Path.empty() ? Entry.Path : failure.Path;
     }
     if (failure) {
         return Failed(std::move(failure), report.CreatedDirectories);
@@ -198,9 +198,10 @@ TavroEditReport TavroMakeDirectory(const std::string& Text, const std::string& B
                                  : look;
     }
     TavroChanges changes(Callbacks.bSync);
-    error = error != 0 ? error : Sync(places, report.CreatedDirectories, changes);
-    if (error != 0) {
-        return Failed(TavroFail(Kind::CreateOneDirectory, error, target),
+    const int unsynced = error != 0 ? 0 : Sync(places, report.CreatedDirectories, changes);
+    if (error != 0 || unsynced != 0) {
+        return Failed(error != 0 ? TavroFail(Kind::CreateOneDirectory, error, target)
+                                 : TavroFail(Kind::Write, unsynced, target),
                       report.CreatedDirectories);
     }
     report.Path = TavroCanonicalizePath(target);

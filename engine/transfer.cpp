@@ -484,14 +484,16 @@ void Transfer::TransferEntry(const Route& Way, TavroTransferItemPlan* Item) {
     }
     struct stat source = {};
     struct stat there = {};
-    int error =
-        m_bMove || TavroOpenSource(Way.From.Number(), Way.From.Name.c_str(), m_source, source) != 0
-            ? Look(Way.From, source)
-            : 0;
+    TavroDescriptor open;
+    bool bOpen =
+        !m_bMove && TavroOpenSource(Way.From.Number(), Way.From.Name.c_str(), open, source) == 0;
+    int error = bOpen ? 0 : Look(Way.From, source);
     if (error == 0 && IsEntangled(Way, source)) {
         Flush();
+        bOpen = false;
         error = Look(Way.From, source);
     }
+    m_source = bOpen ? std::move(open) : TavroDescriptor();
     const bool bTaken = IsTaken(Way.To, there);
     if (error != 0) {
         Fail(TavroFail(!bTaken && m_bMove ? Kind::MoveTo : Kind::Read, error, Way.From.Path(),
@@ -505,6 +507,7 @@ void Transfer::TransferEntry(const Route& Way, TavroTransferItemPlan* Item) {
     } else if (!BeginMerge(Way)) {
         Prepare(Way, source, nullptr, {}, Item);
     }
+    m_source.Close(); // what was not copied
 }
 
 /// Whether something is at a place. What comes there later is found when an entry is published.
@@ -747,7 +750,9 @@ void Transfer::Flush() {
                    : TavroFail(Kind::Write, error, entries.empty() ? "" : entries[0].AskedTo);
     failure = failure ? failure : Journal(entries);
     if (failure) {
-        Fail(std::move(failure));
+        for (const Pending& entry : entries) {
+            Fail({failure.Kind, failure.Error, entry.AskedTo, failure.Other});
+        }
         m_pending = std::move(entries);
         Discard();
         return;

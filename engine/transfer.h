@@ -57,8 +57,8 @@ struct TavroTransferReport {
 
     TavroAttributesLost Lost; ///< What the targets could not hold.
 
-    /// The transfer was cancelled, or stopped by the answer to a conflict. What is done by then is in
-    /// `Done`, and can be undone; of the rest nothing is left.
+    /// The transfer was cancelled, or stopped by the answer to a conflict. What is done by then is
+    /// in `Done`, and can be undone; of the rest nothing is left.
     bool bCancelled = false;
 };
 

@@ -290,7 +290,9 @@ template <typename Items> TavroFailure Emptying::RemoveEach(const Items& All, bo
         first = first ? first : failure;
     }
     const int error = bSync ? Sync() : 0;
-    return first || error == 0 ? first : TavroFail(TavroFailureKind::Remove, error, "");
+    return first || error == 0
+               ? first
+               : TavroFail(TavroFailureKind::Remove, error, TavroFindTrashFolders().Files);
 }
 
 TavroFailure Emptying::Remove(const TavroTrashItem& Item) {

@@ -239,6 +239,17 @@ TEST_F(TransferConflicts, nothing_is_replaced_before_the_new_has_reached_the_dis
     EXPECT_EQ(before, takeSnapshot(m_box.path()));
 }
 
+TEST_F(TransferConflicts, what_follows_something_that_was_skipped_is_copied_as_itself) {
+    fs::create_symlink("nowhere", source("link"));
+    bindSocket(source("socket"));
+    answer(TavroConflictChoice::Skip);
+    EXPECT_TRUE(copy({"file", "link"})) << report();
+    EXPECT_EQ("old", readFile(target("file")));
+    EXPECT_EQ("nowhere", fs::read_symlink(target("link")));
+    EXPECT_FALSE(copy({"file", "socket"}));
+    EXPECT_FALSE(isPresent(target("socket")));
+}
+
 TEST_F(TransferConflicts, each_answer_to_each_conflict) {
     answer(TavroConflictChoice::Overwrite);
     EXPECT_TRUE(copy({"file"}));

@@ -45,6 +45,7 @@ const std::vector<Plausible>& plausible() {
         {{"fchmod", "fchmodat", "utimensat", "truncate"}, {EIO, EPERM, EROFS}},
         {{"getcwd"}, {EACCES, ENOENT}},
         {{"lseek"}, {EIO}},
+        {{"fstatfs"}, {EIO, ENOSYS}},
         {{"fsync"}, {EIO, ENOSPC, EDQUOT}},
         {{"access"}, {EIO, EACCES, EROFS}},
         {{"copy_file_range"}, {EIO, ENOSPC, EXDEV, ENOSYS}},

@@ -75,6 +75,7 @@ constexpr Known known[] = {
     {SYS_fsync, "fsync", Names::Descriptor, false},
     {SYS_syncfs, "fsync", Names::Descriptor, false},
     {SYS_ioctl, "ioctl", Names::Descriptor, true},
+    {SYS_fstatfs, "fstatfs", Names::Descriptor, false},
     {SYS_fchown, "chown", Names::Descriptor, true},
     {SYS_fchownat, "chown", Names::PathAt, true},
     {SYS_faccessat, "access", Names::PathAt, false},
