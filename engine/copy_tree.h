@@ -96,6 +96,11 @@ public:
         return m_bCannotLink;
     }
 
+    /// Somebody has given the copy another name in its directory.
+    void Rename(const std::string& Name) {
+        m_name = Name;
+    }
+
     /// Removes the copy while nobody else uses it.
     void GiveUp();
 

@@ -157,6 +157,11 @@ bool TavroStagedCopy::Publish(bool bExchange) {
     return true;
 }
 
+void TavroStagedCopy::Withdraw(const std::string& Hidden) {
+    m_tree->Rename(Hidden);
+    GiveUp();
+}
+
 void TavroStagedCopy::GiveUp() {
     m_tree->GiveUp();
     TakeFailures(m_tree->Failures());

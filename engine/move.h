@@ -106,6 +106,9 @@ public:
     /// something stays, and so does one whose source is not what it was.
     void RemoveSource();
 
+    /// Removes a published copy that has got a hidden name again.
+    void Withdraw(const std::string& Hidden);
+
     /// Removes the copy before it was published.
     void GiveUp();
 

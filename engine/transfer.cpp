@@ -268,6 +268,7 @@ private:
     void FailToRename(Pending& Entry, int Error);
     void RenameByCopying(Pending& Entry);
     void TrashReplaced(Pending& Entry);
+    void PutBack(Pending& Entry, const TavroFailure& Why);
     bool NeedsFinish(const Pending& Entry) const;
     void Finish(Pending& Entry);
     void Note(Pending& Entry);
@@ -1002,10 +1003,32 @@ void Transfer::TrashReplaced(Pending& Entry) {
         m_changes.Add(item.Directory);
     }
     if (failure) {
-        Fail({Kind::ReplacedLiesAt, failure.Error, Entry.AskedTo, old.Path()});
+        PutBack(Entry, failure);
         return;
     }
     m_report.Replaced.push_back(ReplacedStep(Entry));
+}
+
+/// What was replaced could not be kept: it gets its name back, and the new entry goes where it came
+/// from.
+void Transfer::PutBack(Pending& Entry, const TavroFailure& Why) {
+    const TavroPlace& to = Entry.Copy->To();
+    const TavroPlace hidden = {to.Directory, Entry.Hidden};
+    const int error =
+        TavroExchange(hidden.Number(), hidden.Name.c_str(), to.Number(), to.Name.c_str());
+    if (error != 0) {
+        Fail({Kind::ReplacedLiesAt, Why.Error, Entry.AskedTo, hidden.Path()});
+        return;
+    }
+    Entry.bDone = false;
+    if (Entry.bRename) {
+        RenameTo(hidden, Entry.Copy->From());
+    } else {
+        Entry.Copy->Withdraw(hidden.Name);
+    }
+    Entry.Copy->Report().Arrived = {};
+    Entry.Copy->Report().Failure = {Kind::Replace, Why.Error, Entry.AskedTo, Entry.AskedFrom};
+    m_claims->Drop(TavroNameOf(Entry.OwnTo), Entry.OldName);
 }
 
 bool Transfer::NeedsFinish(const Pending& Entry) const {
