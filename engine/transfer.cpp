@@ -341,9 +341,14 @@ bool Transfer::CheckGuard(const std::vector<TavroTransferItemPlan>& Items) {
     for (const TavroTransferItemPlan& item : Items) {
         TavroPlace place;
         struct stat status = {};
-        TavroFailure refusal;
-        if (!m_places.Find(item.SourcePath.string(), place) && Look(place, status) == 0) {
+        TavroFailure refusal = m_places.Find(item.SourcePath.string(), place);
+        const int error = refusal ? refusal.Error.value() : Look(place, status);
+        if (error == 0) {
             refusal = guard.Check(place, status);
+        } else if (error == ENOENT || error == ENOTDIR || error == EACCES) {
+            refusal = {}; // it cannot be moved either, which is told in its turn
+        } else {
+            refusal = TavroFail(Kind::Read, error, item.SourcePath.string());
         }
         if (refusal) {
             Fail(std::move(refusal));
