@@ -17,6 +17,9 @@ std::string ContentText(const std::vector<TavroTrashItem>& Items) {
 /// @param OlderThanDays  0 for everything.
 int RunEmpty(int OlderThanDays, bool bForce, bool bQuiet) {
     TavroCatchInterrupts();
+    if (bForce && bQuiet && OlderThanDays == 0) {
+        return TavroPrintFailure(TavroEmptyTrash(TavroWasInterrupted)); // nothing is told of a list
+    }
     std::vector<TavroTrashItem> listed;
     TavroFailure failure = TavroListTrash(!bForce || !bQuiet, TavroWasInterrupted, listed);
     if (failure) {

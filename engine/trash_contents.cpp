@@ -244,8 +244,10 @@ class Emptying {
 public:
     TavroFailure Open();
     TavroFailure Remove(const TavroTrashItem& Item, const std::function<bool()>& ShouldCancel);
+    TavroFailure RemoveAll(const std::function<bool()>& ShouldCancel);
 
 private:
+    TavroFailure RemoveRecorded(const std::string& Name, const std::function<bool()>& ShouldCancel);
     TavroFailure RemoveItem(const struct stat& Status, const std::function<bool()>& ShouldCancel);
     bool IsClaimedByOther(const TavroTrashItem& Item) const;
 
@@ -285,6 +287,42 @@ TavroFailure Emptying::Remove(const TavroTrashItem& Item,
     }
     TavroFailure failure = RemoveItem(status, ShouldCancel);
     return failure ? failure : RemoveRecord(m_trash, Item.Name);
+}
+
+TavroFailure Emptying::RemoveAll(const std::function<bool()>& ShouldCancel) {
+    std::vector<std::string> names;
+    TavroFailure first = ListRecords(m_trash, names);
+    for (const std::string& name : names) {
+        if (ShouldCancel && ShouldCancel()) {
+            return {TavroFailureKind::Cancelled};
+        }
+        TavroFailure failure = RemoveRecorded(name, ShouldCancel);
+        if (failure.Kind == TavroFailureKind::Cancelled) {
+            return failure;
+        }
+        first = first ? first : failure;
+    }
+    return first;
+}
+
+/// A record without an item stays: the item may be on its way. Most items are files, so a call that
+/// removes nothing else comes before any look.
+TavroFailure Emptying::RemoveRecorded(const std::string& Name,
+                                      const std::function<bool()>& ShouldCancel) {
+    if (!m_item.Directory || !IsPlainName(Name) ||
+        !TavroReadRecord(m_trash.Info.Number(), Name, m_trash.Folders.Home)) {
+        return {};
+    }
+    m_item.Name = Name;
+    TavroFailure failure;
+    if (TavroUnlinkAt(m_item.Number(), Name.c_str()) != 0) {
+        struct stat status = {};
+        if (TavroStatAt(m_item.Number(), Name.c_str(), status) != 0) {
+            return {};
+        }
+        failure = RemoveItem(status, ShouldCancel);
+    }
+    return failure ? failure : RemoveRecord(m_trash, Name);
 }
 
 TavroFailure Emptying::RemoveItem(const struct stat& Status,
@@ -327,6 +365,12 @@ TavroFailure TavroRemoveFromTrash(const std::vector<TavroTrashItem>& Items,
         first = first ? first : failure;
     }
     return first;
+}
+
+TavroFailure TavroEmptyTrash(const std::function<bool()>& ShouldCancel) {
+    Emptying emptying;
+    TavroFailure failure = emptying.Open();
+    return failure ? failure : emptying.RemoveAll(ShouldCancel);
 }
 
 std::vector<TavroTrashItem> TavroItemsOlderThan(std::vector<TavroTrashItem> Items, int Days) {

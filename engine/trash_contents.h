@@ -98,6 +98,11 @@ private:
 TavroFailure TavroRemoveFromTrash(const std::vector<TavroTrashItem>& Items,
                                   const std::function<bool()>& ShouldCancel);
 
+/// Removes every item that TavroListTrash would list, as TavroRemoveFromTrash does, without
+/// a list first.
+/// @return as TavroRemoveFromTrash; NoHome; ReadTrash.
+TavroFailure TavroEmptyTrash(const std::function<bool()>& ShouldCancel);
+
 /// The items that were trashed more than so many days ago (of 24 hours, local time). An item
 /// without a readable date is never among them.
 std::vector<TavroTrashItem> TavroItemsOlderThan(std::vector<TavroTrashItem> Items, int Days);
