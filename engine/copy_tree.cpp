@@ -487,8 +487,8 @@ void TavroTreeCopy::GiveUp() {
     const std::size_t removed = Remove(Side::Copy, Care::Identity, failures);
     if (removed != m_copied.size() && failures.back().Kind != Kind::Changed) {
         const TavroFailure& why = failures.front().Error ? failures.front() : failures.back();
-        m_failures.push_back({Kind::RemoveIncompleteCopy, why.Error,
-                              TavroPlace{m_to.Directory, m_name}.Path()});
+        m_failures.push_back(
+            {Kind::RemoveIncompleteCopy, why.Error, TavroPlace{m_to.Directory, m_name}.Path()});
     }
     m_copied.clear();
 }
