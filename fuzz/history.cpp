@@ -71,7 +71,7 @@ void checkOperation(const TavroOperation& operation) {
 }
 
 /// A failure leaves nothing; what is there can be kept again as it was read.
-void checkNext(TavroHistory& history, TavroFailure failure,
+void checkNext(TavroHistory& history, const TavroFailure& failure,
                const std::optional<TavroOperation>& next) {
     demand(!failure || !next, "nothing is read after a failure");
     if (next) {

@@ -24,6 +24,11 @@ needs_strace() {
   strace -qq -o "$scratch/probe" true || skip 'strace may not trace here'
 }
 
+# For signals that come at the call of a number.
+needs_own_calls_alone() {
+  [[ ! ${TAVRO_SANITIZE-} ]] || skip 'a command under sanitizers makes calls of its own'
+}
+
 needs_python() {
   command -v python3 >/dev/null || skip 'python3 is not installed'
 }
@@ -46,6 +51,7 @@ on_own_terminal() { # TEXT KEYS COMMAND…
 }
 
 @test "a terminal that closes twice ends it no less cleanly, and a second Ctrl-C at once" {
+  needs_own_calls_alone
   needs_strace
   mkdir d e
   touch {d,e}/{1..5}
@@ -148,6 +154,7 @@ on_own_terminal() { # TEXT KEYS COMMAND…
 }
 
 @test "an interrupt that comes after everything was done is none" {
+  needs_own_calls_alone
   needs_strace
   touch a
   for act in 'trash a' undo 'move a b' 'rename b a' 'copy a c' 'delete -f a' 'mkdir d'; do
@@ -182,6 +189,7 @@ on_own_terminal() { # TEXT KEYS COMMAND…
 }
 
 @test "a signal between a question and the wait for its answer ends it, too" {
+  needs_own_calls_alone
   needs_python
   needs_strace
   touch a
@@ -195,6 +203,7 @@ on_own_terminal() { # TEXT KEYS COMMAND…
 }
 
 @test "output that waits for its reader is not cut by a signal" {
+  needs_own_calls_alone
   needs_strace
   touch {1..400}
   tavro trash -q {1..400}
