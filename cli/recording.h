@@ -23,6 +23,11 @@ public:
     /// @param Operation  what was done; nothing when it has no steps.
     void End(TavroOperation Operation);
 
+    /// It is left as one that was interrupted, for an undo or a resumption.
+    void Leave() {
+        m_journal.Leave();
+    }
+
 private:
     TavroJournal m_journal{&TavroOpenHistory};
 };

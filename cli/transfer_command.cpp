@@ -117,7 +117,11 @@ int RunTransfer(TavroTransferPlan& Plan, const OnConflict& What, bool bQuiet, bo
         TavroCarryOutTransfer(Plan, callbacks, report);
     }
     // Recorded before it is printed: a reader that goes away must not cost the undo.
-    recording.End(TavroOperationOf(report, Plan.bMove));
+    if (report.bUnsettled) {
+        recording.Leave();
+    } else {
+        recording.End(TavroOperationOf(report, Plan.bMove));
+    }
     if (report.bCancelled && !bStopped && !report.Done.empty() && TakeBack()) {
         report.Done.clear();
     }

@@ -270,5 +270,7 @@ TavroFailure TavroDeleteForGood(const std::vector<TavroOperationEntry>& Entries,
     }
     const int error = changes.Flush();
     progress.Tell();
-    return failure || error == 0 ? failure : TavroFail(Kind::Remove, error, Entries.front().Path);
+    return failure || error == 0
+               ? failure
+               : TavroFail(Kind::Write, error, TavroParentOf(Entries.front().Path));
 }

@@ -44,8 +44,7 @@ enum class TavroFailureKind {
     ReplaceHolder,
     ReplaceOwnWork,
     ReplaceHolderOfOwnWork,
-    OldEntryLiesAt,
-    ReplacedLiesAt,
+    LiesAt,
     // Selecting and guarding.
     NothingSelected,
     NoSuchEntry,

@@ -25,6 +25,11 @@ public:
     /// @return why it could not be kept.
     TavroFailure End(TavroOperation Operation);
 
+    /// It stays as it is, as one that was interrupted.
+    void Leave() {
+        m_history->LeaveOperation();
+    }
+
     /// Why the history cannot be used; none when it can, or was not asked yet.
     const TavroFailure& Problem() const {
         return m_problem;

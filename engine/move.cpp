@@ -108,17 +108,12 @@ void TavroStagedCopy::Rest() {
 
 TavroFailure TavroStagedCopy::Wake(TavroPlaces& Places) {
     TavroFailure failure = Open(Places, m_to);
-    const bool bGiveUp = !failure && m_tree && !m_report.bCopied;
-    failure = failure ? failure : Open(Places, m_from);
-    if (failure && bGiveUp) {
-        m_tree->GiveUp();
-    }
-    return failure;
+    return failure ? failure : Open(Places, m_from);
 }
 
 TavroFailure TavroStagedCopy::LookAtStaged(TavroFileState& OutState) const {
     const int error = m_tree->LookAtMade(OutState);
-    return error == 0 ? TavroFailure() : TavroFail(Kind::Write, error, m_to.Name);
+    return error == 0 ? TavroFailure() : TavroFail(Kind::Write, error, m_to.Path());
 }
 
 std::string TavroStagedCopy::StagedName() const {
@@ -165,6 +160,14 @@ void TavroStagedCopy::Withdraw(const std::string& Hidden) {
 void TavroStagedCopy::GiveUp() {
     m_tree->GiveUp();
     TakeFailures(m_tree->Failures());
+}
+
+TavroFailure TavroStagedCopy::GiveUp(TavroPlaces& Places) {
+    TavroFailure failure = Open(Places, m_to);
+    if (!failure) {
+        GiveUp();
+    }
+    return failure;
 }
 
 void TavroStagedCopy::RemoveSource() {

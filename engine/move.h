@@ -109,8 +109,9 @@ public:
     /// Removes a published copy that has got a hidden name again.
     void Withdraw(const std::string& Hidden);
 
-    /// Removes the copy before it was published.
+    /// Removes the copy before it was published; where it rests, its directory is found again.
     void GiveUp();
+    TavroFailure GiveUp(TavroPlaces& Places);
 
     const TavroPlace& From() const {
         return m_from;

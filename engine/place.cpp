@@ -285,7 +285,9 @@ TavroFailure TavroPlaces::EnterCreated(const std::string& Path, mode_t Mode,
 
 std::vector<std::string> TavroFindMissing(std::string Path) {
     std::vector<std::string> missing;
-    for (; !TavroIsPresent(Path); Path = TavroParentOf(Path)) {
+    struct stat status = {};
+    const auto isMissing = [&](int error) { return error == ENOENT || error == ENOTDIR; };
+    for (; isMissing(TavroStatPath(Path, status)); Path = TavroParentOf(Path)) {
         missing.insert(missing.begin(), Path);
     }
     return missing;

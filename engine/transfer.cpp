@@ -265,6 +265,7 @@ private:
     TavroStep ReplacedStep(const Pending& Entry) const;
     void Publish(Pending& Entry);
     void Rename(Pending& Entry);
+    void RenameBack(Pending& Entry, const TavroPlace& Now);
     void FailToRename(Pending& Entry, int Error);
     void RenameByCopying(Pending& Entry);
     void TrashReplaced(Pending& Entry);
@@ -274,6 +275,7 @@ private:
     void Note(Pending& Entry);
     void TryAgain(std::vector<Pending>& Entries);
     void Discard();
+    void GiveUp(Pending& Entry);
 
     bool IsCancelled() {
         m_report.bCancelled = m_report.bCancelled || m_progress.ShouldCancel();
@@ -281,7 +283,16 @@ private:
     }
 
     void Fail(TavroFailure Failure) {
+        m_report.bUnsettled = m_report.bUnsettled || Failure.Kind == Kind::LiesAt ||
+                              Failure.Kind == Kind::RemoveIncompleteCopy;
         m_report.Failed.push_back(std::move(Failure));
+    }
+
+    void FailAll(std::vector<TavroFailure>& Failures) {
+        for (TavroFailure& failure : Failures) {
+            Fail(std::move(failure));
+        }
+        Failures.clear();
     }
 
     const bool m_bMove;
@@ -294,10 +305,11 @@ private:
     TavroHardLinks m_links;
     TavroFreeNames m_freeNames;
     OwnWork m_ownWork;
-    std::optional<TavroGuard> m_deletion; ///< Guards what is replaced.
-    std::vector<Merge> m_merges;          ///< The innermost last.
-    bool m_bStopped = false;              ///< By an answer.
-    bool m_bSingle = false;               ///< One file is all.
+    std::optional<TavroGuard> m_deletion;                      ///< Guards what is replaced.
+    std::unordered_set<const TavroTransferItemPlan*> m_unseen; ///< What is not moved unseen.
+    std::vector<Merge> m_merges;                               ///< The innermost last.
+    bool m_bStopped = false;                                   ///< By an answer.
+    bool m_bSingle = false;                                    ///< One file is all.
     std::uint64_t m_itemsFinished = 0;
     std::uint64_t m_bytesFinished = 0;
 
@@ -349,12 +361,13 @@ bool Transfer::CheckGuard(const std::vector<TavroTransferItemPlan>& Items) {
             refusal = {}; // it cannot be moved either, which is told in its turn
         } else {
             refusal = TavroFail(Kind::Read, error, item.SourcePath.string());
+            m_unseen.insert(&item);
         }
         if (refusal) {
             Fail(std::move(refusal));
         }
     }
-    return m_report.Failed.empty();
+    return m_report.Failed.size() == m_unseen.size();
 }
 
 bool Transfer::Measure(std::vector<TavroTransferItemPlan>& Items) {
@@ -462,7 +475,7 @@ bool Transfer::FindAgainWhenEntangled(const TavroTransferItemPlan& Item, Route& 
 
 void Transfer::CarryOutItem(TavroTransferItemPlan& Item) {
     Route way;
-    if (IsCancelled()) {
+    if (IsCancelled() || m_unseen.count(&Item) != 0) {
         return;
     }
     if (TavroIsCddaPath(Item.SourcePath.string())) {
@@ -768,6 +781,7 @@ void Transfer::Flush() {
             m_pending.push_back(std::move(entry));
         } else if ((failure = entry.Copy->Wake(m_places))) {
             entry.Copy->Report().Failure = {Kind::Read, failure.Error, entry.AskedFrom};
+            GiveUp(entry);
         } else {
             Publish(entry);
             entry.Copy->Rest();
@@ -925,11 +939,11 @@ void Transfer::Rename(Pending& Entry) {
     if (error == 0 && Entry.Source.Identity !=
                           (Look(to, status) == 0 ? TavroIdentityOf(status) : TavroIdentity())) {
         error = ESTALE; // another file had the name until the moment of the rename
-        RenameTo(to, from);
+        RenameBack(Entry, to);
     } else if (error == 0 && Entry.bExchange) {
         error = TavroExchange(to.Number(), to.Name.c_str(), to.Number(), name.c_str());
         if (error != 0) {
-            RenameTo(to, from);
+            RenameBack(Entry, to);
         }
         to.Name = name;
         Look(to, status); // it has another change time by that
@@ -941,6 +955,14 @@ void Transfer::Rename(Pending& Entry) {
     report.Name = to.Name;
     report.Arrived = TavroStateOf(status);
     Entry.bDone = true;
+}
+
+/// What was renamed gets its own name back.
+void Transfer::RenameBack(Pending& Entry, const TavroPlace& Now) {
+    if (const int error = RenameTo(Now, Entry.Copy->From())) {
+        Entry.Copy->Report().Below.push_back(
+            TavroFail(Kind::LiesAt, error, Entry.AskedFrom, Now.Path()));
+    }
 }
 
 void Transfer::FailToRename(Pending& Entry, int Error) {
@@ -1002,8 +1024,14 @@ void Transfer::TrashReplaced(Pending& Entry) {
                              m_bMove ? TavroOperationKind::Move : TavroOperationKind::Copy, {step})
                        : TavroFailure();
         };
-        const TavroMoveReport report = TavroBringEntry(old, item, options, m_links, m_progress);
+        TavroMoveReport report = TavroBringEntry(old, item, options, m_links, m_progress);
         failure = report.Failure;
+        if (report.bCopyStays) { // the trash has all of it
+            Fail({Kind::LiesAt, report.Below.empty() ? failure.Error : report.Below[0].Error,
+                  Entry.AskedTo, old.Path()});
+            failure = {};
+        }
+        FailAll(report.Below);
         Entry.Old.Identity = report.Arrived.Identity;
         m_changes.Add(item.Directory);
     }
@@ -1022,12 +1050,12 @@ void Transfer::PutBack(Pending& Entry, const TavroFailure& Why) {
     const int error =
         TavroExchange(hidden.Number(), hidden.Name.c_str(), to.Number(), to.Name.c_str());
     if (error != 0) {
-        Fail({Kind::ReplacedLiesAt, Why.Error, Entry.AskedTo, hidden.Path()});
+        Fail({Kind::LiesAt, Why.Error, Entry.AskedTo, hidden.Path()});
         return;
     }
     Entry.bDone = false;
     if (Entry.bRename) {
-        RenameTo(hidden, Entry.Copy->From());
+        RenameBack(Entry, hidden);
     } else {
         Entry.Copy->Withdraw(hidden.Name);
     }
@@ -1050,7 +1078,7 @@ void Transfer::Finish(Pending& Entry) {
         TavroFailure failure = TavroRemoveTree(old, {Entry.Old.Identity});
         m_changes.Add(old.Directory);
         if (failure) {
-            Fail({Kind::ReplacedLiesAt,
+            Fail({Kind::LiesAt,
                   failure.Error ? failure.Error : TavroFail(Kind::Changed, ESTALE, "").Error,
                   Entry.AskedTo, old.Path()});
         }
@@ -1076,9 +1104,7 @@ void Transfer::Note(Pending& Entry) {
     } else if (report.Failure) {
         Fail(std::move(report.Failure));
     }
-    for (TavroFailure& failure : report.Below) {
-        Fail(std::move(failure));
-    }
+    FailAll(report.Below);
     TavroPlace place;
     if (report.Arrived.Identity.Inode != 0 && !m_places.Find(to, place)) {
         m_ownWork.Add(place, report.Arrived);
@@ -1095,13 +1121,15 @@ void Transfer::Note(Pending& Entry) {
 void Transfer::TryAgain(std::vector<Pending>& Entries) {
     std::vector<Merge> merges = std::exchange(m_merges, {});
     for (Pending& entry : Entries) {
-        if (!entry.bAgain || entry.Copy->Wake(m_places)) {
+        if (!entry.bAgain) {
+            continue;
+        }
+        GiveUp(entry);
+        if (TavroFailure failure = entry.Copy->Wake(m_places)) {
+            Fail({Kind::Read, failure.Error, entry.AskedFrom});
             continue;
         }
         const Route way = {entry.Copy->From(), entry.Copy->To()};
-        if (!entry.bRename) {
-            entry.Copy->GiveUp();
-        }
         if (m_tries == mostTries) {
             Fail(TavroFail(Kind::Taken, EEXIST, entry.AskedTo));
             continue;
@@ -1120,11 +1148,7 @@ void Transfer::Discard() {
         if (!entry.OldName.empty()) {
             m_claims->Drop(TavroNameOf(entry.OwnTo), entry.OldName);
         }
-        if (!entry.bRename && !entry.Copy->Wake(m_places)) {
-            entry.Copy->GiveUp();
-            std::vector<TavroFailure>& below = entry.Copy->Report().Below;
-            std::move(below.begin(), below.end(), std::back_inserter(m_report.Failed));
-        }
+        GiveUp(entry);
     }
     m_pending.clear();
     m_emptied.clear();
@@ -1136,6 +1160,23 @@ void Transfer::Discard() {
         m_changes.Add(place.Directory);
     }
     m_changes.Flush();
+}
+
+/// Nothing is left of what waits, or it is told what is.
+void Transfer::GiveUp(Pending& Entry) {
+    if (Entry.bRename) {
+        return;
+    }
+    TavroMoveReport& report = Entry.Copy->Report();
+    std::vector<TavroFailure>& below = report.Below;
+    if (TavroFailure failure = Entry.Copy->GiveUp(m_places)) {
+        below.push_back({Kind::RemoveIncompleteCopy, failure.Error,
+                         TavroJoin(TavroParentOf(Entry.AskedTo), Entry.Copy->StagedName())});
+    }
+    if (report.Failure.Kind == Kind::RemoveIncompleteCopy) {
+        below.push_back(std::exchange(report.Failure, {}));
+    }
+    FailAll(below);
 }
 
 } // namespace

@@ -57,6 +57,10 @@ struct TavroTransferReport {
 
     TavroAttributesLost Lost; ///< What the targets could not hold.
 
+    /// Something could not be brought to its place, nor taken back: it waits under a hidden name
+    /// until the operation is settled.
+    bool bUnsettled = false;
+
     /// The transfer was cancelled, or stopped by the answer to a conflict. What is done by then is
     /// in `Done`, and can be undone; of the rest nothing is left.
     bool bCancelled = false;

@@ -791,7 +791,9 @@ TavroUndoReport Going::Run(FindNext Find, TavroFailureKind Nothing, bool bUndo, 
     } else if (!failure && !m_report.Operation.Steps.empty()) {
         failure = Reversal(bUndo, callbacks, m_report, m_made).Run();
     }
-    if (!failure) {
+    if (m_report.Transfer.bUnsettled) {
+        m_history.LeaveOperation();
+    } else if (!failure) {
         failure = End(bUndo);
         m_report.bDoneButNotSaved = static_cast<bool>(failure);
     } else if (bInterrupted || m_report.bPartly) {

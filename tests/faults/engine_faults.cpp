@@ -10,8 +10,11 @@
 #include "tracer.h"
 
 #include "edit.h"
+#include "journal.h"
+#include "record.h"
 #include "transfer.h"
 #include "trash_contents.h"
+#include "undo.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -19,6 +22,7 @@
 #include <optional>
 #include <stdexcept>
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace fs = std::filesystem;
 
@@ -138,6 +142,8 @@ private:
     Snapshot snapshot() const;
     Outcome act() const;
     Outcome transfer() const;
+    TavroFailure open(TavroHistory& own) const;
+    bool resume() const;
     std::size_t run(const Blow& blow);
     void take(const Blow& blow, int status, std::size_t count);
     void failAt(std::size_t number);
@@ -158,6 +164,11 @@ private:
     bool isAsAfter(const std::string& name, const Snapshot& visible) const;
     bool isAsInCleanRun(const std::string& path, const std::string& row) const;
     bool isRecord(const std::string& path) const;
+    /// What is in the trash, and leads there. A transfer that another process goes on with may have
+    /// put more into it: the rest of a source, and what was replaced under another name.
+    bool isOfTrash(const std::string& path) const {
+        return liesIn(path, home() / ".local");
+    }
 
     std::vector<std::string> names() const;
     std::string arrivalOf(const std::string& path) const;
@@ -176,6 +187,9 @@ private:
     }
     std::string nameOf(const Blow& blow) const {
         return "engine:" + m_way.name() + ":" + blow.name();
+    }
+    fs::path history() const {
+        return m_box / "state/history.db";
     }
     fs::path source() const {
         return m_box / "source";
@@ -206,6 +220,7 @@ private:
     std::vector<Made> m_calls;        ///< of the clean run
     std::optional<std::string> m_hit; ///< the call of the last run that was hit first
     std::string m_hitPath;
+    bool m_bResumed = false;  ///< The last run was interrupted, and another process went on.
     bool m_bModesHeld = true; ///< In the last run, the destination could hold permissions.
 };
 
@@ -268,7 +283,7 @@ void EngineFaults::makeDestination() const {
 }
 
 void EngineFaults::prepare() const {
-    for (const fs::path& directory : {source(), target()}) {
+    for (const fs::path& directory : {source(), target(), history().parent_path()}) {
         std::error_code ec;
         fs::remove_all(directory, ec);
     }
@@ -317,9 +332,22 @@ Outcome EngineFaults::transfer() const {
         plan.Items.push_back(item);
     }
     TavroTransferReport report;
+    TavroJournal journal([&](TavroHistory& own) { return open(own); });
+    TavroTransferCallbacks callbacks{journal.Bind({}), {}, {}};
+    callbacks.BeforeActs = [keep = callbacks.BeforeActs](auto kind, const auto& steps) {
+        markTraced(false); // the history has tests of its own
+        TavroFailure failure = keep(kind, steps);
+        markTraced(true);
+        return failure;
+    };
     markTraced(true);
-    const bool bDone = TavroCarryOutTransfer(plan, {}, report);
+    const bool bDone = TavroCarryOutTransfer(plan, callbacks, report);
     markTraced(false);
+    const TavroFailure unkept =
+        report.bUnsettled ? TavroFailure() : journal.End(TavroOperationOf(report, plan.bMove));
+    if (unkept || journal.Problem()) {
+        throw std::runtime_error("the history cannot be kept");
+    }
     Outcome outcome;
     outcome.Ended = bDone ? Outcome::True : Outcome::False;
     outcome.Failures = report.Failed;
@@ -327,6 +355,35 @@ Outcome EngineFaults::transfer() const {
         outcome.Message += TavroDescribe(failure) + "\n";
     }
     return outcome;
+}
+
+TavroFailure EngineFaults::open(TavroHistory& own) const {
+    fs::create_directories(history().parent_path());
+    return own.Open(history().string(), std::chrono::seconds(10));
+}
+
+/// What the next process does about a transfer that has not come to its end. @return whether there
+/// is one; the child says so by its end.
+bool EngineFaults::resume() const {
+    if (!isTransfer() || !fs::exists(history())) {
+        return false;
+    }
+    constexpr int none = 3;
+    const int status = waitForEnd(startChild([&] {
+        TavroHistory own;
+        const TavroFailure failure = open(own);
+        const TavroUndoReport report = failure ? TavroUndoReport{failure} : TavroResume(own, {});
+        if (report.Failure.Kind == TavroFailureKind::NothingToResume) {
+            _exit(none);
+        }
+        if (report.Failure || !report.Transfer.Failed.empty()) {
+            throw std::runtime_error("it cannot be resumed: " + TavroDescribe(report));
+        }
+    }));
+    if (status != 0 && !(WIFEXITED(status) && WEXITSTATUS(status) == none)) {
+        throw std::runtime_error("a transfer cannot be resumed");
+    }
+    return status == 0;
 }
 
 Outcome EngineFaults::act() const {
@@ -410,6 +467,9 @@ std::string EngineFaults::complaintAboutDestination(const Run& run, const Snapsh
         }
     }
     for (const auto& [path, row] : visible) {
+        if (isOfTrash(path) && m_bResumed) {
+            continue;
+        }
         const std::string after = rowOf(m_reference.Clean.After, path);
         const bool bSameBytes = bAttributesFailed && withoutMode(row) == withoutMode(after);
         const std::string item = (files() / fs::path(path).stem()).string();
@@ -429,8 +489,9 @@ std::string EngineFaults::complaintAboutRecords(const Snapshot& visible) const {
         if (fs::path(path).parent_path() == files()) {
             const std::string record = recordOf(fs::path(path).filename().string());
             const std::string its = rowOf(visible, record);
-            if (its.empty() || (its != rowOf(m_reference.Before, record) &&
-                                its != rowOf(m_reference.Clean.After, record))) {
+            const bool bAsExpected = m_bResumed || its == rowOf(m_reference.Before, record) ||
+                                     its == rowOf(m_reference.Clean.After, record);
+            if (its.empty() || !bAsExpected) {
                 return path + " is without its record; ";
             }
         }
@@ -440,13 +501,14 @@ std::string EngineFaults::complaintAboutRecords(const Snapshot& visible) const {
 
 /// Exactly the state after; records that could not be removed may stay without their items.
 std::string EngineFaults::complaintAfterTrue(const Snapshot& visible, Verdict& verdict) const {
+    const auto isFree = [&](const std::string& path) { return m_bResumed && isOfTrash(path); };
     for (const auto& [path, row] : m_reference.Clean.After) {
-        if (!isAsInCleanRun(path, rowOf(visible, path))) {
+        if (!isFree(path) && !isAsInCleanRun(path, rowOf(visible, path))) {
             return "true, but " + path + " is not as after; ";
         }
     }
     for (const auto& [path, row] : visible) {
-        if (rowOf(m_reference.Clean.After, path).empty()) {
+        if (!isFree(path) && rowOf(m_reference.Clean.After, path).empty()) {
             if (m_way.What != Work::Restore || !isRecord(path)) {
                 return "true, but " + path + " is there; ";
             }
@@ -560,7 +622,9 @@ Verdict EngineFaults::judgeRun(const Blow& blow, const Run& run, const Snapshot&
     const bool bTrue = run.Result.Ended == Outcome::True;
     verdict.Complaint = complaintAboutBytes(visible, verdict) + complaintAboutSource(visible) +
                         complaintAboutDestination(run, visible) + complaintAboutRecords(visible);
-    if (!bKilled) {
+    if (m_bResumed) {
+        verdict.Complaint += complaintAfterTrue(visible, verdict);
+    } else if (!bKilled) {
         verdict.Complaint +=
             bTrue ? complaintAfterTrue(visible, verdict) : complaintAfterFalse(blow, run, visible);
     }
@@ -641,6 +705,8 @@ void EngineFaults::take(const Blow& blow, int status, std::size_t count) {
         return;
     }
     Run run;
+    m_bResumed =
+        (bKill || blow.What == Blow::Everything || blow.What == Blow::FromThenOn) && resume();
     run.After = snapshot();
     run.Result.Message = "killed";
     if (!bKill) {
