@@ -40,6 +40,16 @@ bool TavroWasInterrupted() {
     return g_signal != 0;
 }
 
+int TavroForgetInterrupt() {
+    const int signal = g_signal;
+    g_signal = 0;
+    return signal;
+}
+
+void TavroRememberInterrupt(int Signal) {
+    g_signal = Signal;
+}
+
 int TavroInterruptedExitCode() {
     return 128 + (g_signal != 0 ? g_signal : SIGINT);
 }

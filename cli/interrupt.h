@@ -10,6 +10,10 @@ void TavroCatchInterrupts();
 /// Whether a signal has been noted: the hook that cancels an operation.
 bool TavroWasInterrupted();
 
+/// Notes signals afresh, so that a question can be asked about one. @return the one that was noted.
+int TavroForgetInterrupt();
+void TavroRememberInterrupt(int Signal);
+
 /// The exit code of what was cancelled: 128 and the number of the signal, 130 for Ctrl-C.
 int TavroInterruptedExitCode();
 

@@ -1,6 +1,7 @@
 // `tavro copy` and `tavro move`.
 
 #include "command.h"
+#include "interrupt.h"
 #include "progress_bar.h"
 #include "record.h"
 #include "recording.h"
@@ -8,6 +9,8 @@
 #include "undo.h"
 
 #include <array>
+#include <chrono>
+#include <csignal>
 
 namespace {
 
@@ -82,8 +85,11 @@ void PrintReport(const TavroTransferReport& Report, bool bMove, bool bQuiet) {
 
 int ExitCodeOf(const TavroTransferReport& Report, const OnConflict& What, bool bStopped) {
     if (Report.bCancelled && !bStopped) {
-        TavroPrintError(Report.Done.empty() ? "Interrupted: everything is as it was."
-                                            : "Interrupted: what is listed is done.");
+        TavroPrintError(Report.bUnsettled
+                            ? "Interrupted: what is listed is done. 'tavro resume' goes "
+                              "on, 'tavro undo' takes it back."
+                        : Report.Done.empty() ? "Interrupted: everything is as it was."
+                                              : "Interrupted: what is listed is done.");
         return TavroInterruptedExitCode();
     }
     if (Report.bCancelled) {
@@ -105,6 +111,23 @@ bool TakeBack() {
     return !report.Failure || TavroPrintFailure(report.Failure) == TavroExitDone;
 }
 
+using Clock = std::chrono::steady_clock;
+
+/// Whether what an interrupted transfer has done is kept. Only a person at the keyboard is asked; a
+/// second Ctrl-C is an answer, too.
+bool ShouldKeep() {
+    const int signal = TavroForgetInterrupt();
+    bool bKeep = signal != SIGINT;
+    if (signal == SIGINT && TavroCanAsk()) {
+        const auto answer =
+            TavroAsk("Interrupted. [K]eep what is done, so that 'tavro resume' can go "
+                     "on, or [r]emove it? ");
+        bKeep = answer && *answer != "r" && *answer != "R";
+    }
+    TavroRememberInterrupt(signal);
+    return bKeep;
+}
+
 int RunTransfer(TavroTransferPlan& Plan, const OnConflict& What, bool bQuiet, bool bSync) {
     TavroCatchInterrupts();
     TavroTransferReport report;
@@ -112,8 +135,12 @@ int RunTransfer(TavroTransferPlan& Plan, const OnConflict& What, bool bQuiet, bo
     TavroRecording recording;
     {
         TavroProgressBar bar(bQuiet);
-        const TavroTransferCallbacks callbacks{recording.Bind(bar.Callbacks(), bSync),
-                                               ConflictHandler(What, bar, bStopped)};
+        TavroTransferCallbacks callbacks{recording.Bind(bar.Callbacks(), bSync),
+                                         ConflictHandler(What, bar, bStopped)};
+        callbacks.ShouldKeep = [&bar, begin = Clock::now()] {
+            bar.Clear();
+            return Clock::now() - begin > std::chrono::seconds(1) && ShouldKeep();
+        };
         TavroCarryOutTransfer(Plan, callbacks, report);
     }
     // Recorded before it is printed: a reader that goes away must not cost the undo.
@@ -122,7 +149,8 @@ int RunTransfer(TavroTransferPlan& Plan, const OnConflict& What, bool bQuiet, bo
     } else {
         recording.End(TavroOperationOf(report, Plan.bMove));
     }
-    if (report.bCancelled && !bStopped && !report.Done.empty() && TakeBack()) {
+    if (report.bCancelled && !bStopped && !report.bUnsettled && !report.Done.empty() &&
+        TakeBack()) {
         report.Done.clear();
     }
     PrintReport(report, Plan.bMove, bQuiet);

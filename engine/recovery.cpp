@@ -95,8 +95,16 @@ TavroHeadway TavroFindHeadway(const TavroOperation& Operation) {
     TavroHeadway headway;
     TavroPlaces places;
     const bool bBack = GoesBack(Operation);
-    for (const TavroStep& step : LatestOf(Operation.Steps)) {
-        if (step.Role == Role::Planned || TavroIsMainStep(step, Operation.Kind)) {
+    const std::vector<TavroStep> steps = LatestOf(Operation.Steps);
+    std::set<std::string> begun;
+    for (const TavroStep& step : steps) {
+        if (TavroIsMainStep(step, Operation.Kind)) {
+            begun.insert(step.From);
+        }
+    }
+    for (const TavroStep& step : steps) {
+        const bool bPlanned = step.Role == Role::Planned && begun.count(step.From) == 0;
+        if (bPlanned || TavroIsMainStep(step, Operation.Kind)) {
             const TavroWhereabouts where = TavroFindStep(step, places);
             ++headway.Count;
             headway.Done +=

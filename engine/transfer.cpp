@@ -235,6 +235,7 @@ public:
     void Run(std::vector<TavroTransferItemPlan>& Items);
 
 private:
+    void KeepOrDiscard();
     bool CheckGuard(const std::vector<TavroTransferItemPlan>& Items);
     bool Measure(std::vector<TavroTransferItemPlan>& Items);
     std::string OwnPathOf(const std::string& Path);
@@ -277,9 +278,13 @@ private:
     void Discard();
     void GiveUp(Pending& Entry);
 
-    bool IsCancelled() {
+    bool IsInterrupted() {
         m_report.bCancelled = m_report.bCancelled || m_progress.ShouldCancel();
-        return m_report.bCancelled || m_bStopped;
+        return m_report.bCancelled;
+    }
+
+    bool IsCancelled() {
+        return IsInterrupted() || m_bStopped;
     }
 
     void Fail(TavroFailure Failure) {
@@ -309,6 +314,7 @@ private:
     std::unordered_set<const TavroTransferItemPlan*> m_unseen; ///< What is not moved unseen.
     std::vector<Merge> m_merges;                               ///< The innermost last.
     bool m_bStopped = false;                                   ///< By an answer.
+    bool m_bKeeping = false;                                   ///< What is whole after a cancel.
     bool m_bSingle = false;                                    ///< One file is all.
     std::uint64_t m_itemsFinished = 0;
     std::uint64_t m_bytesFinished = 0;
@@ -335,14 +341,28 @@ void Transfer::Run(std::vector<TavroTransferItemPlan>& Items) {
         for (TavroTransferItemPlan& item : Items) {
             CarryOutItem(item);
         }
-        if (m_report.bCancelled) {
-            Discard();
-        } else {
+        if (!m_report.bCancelled) {
             Flush();
+        }
+        if (m_report.bCancelled) {
+            KeepOrDiscard();
         }
     }
     m_report.bCancelled = m_report.bCancelled || m_bStopped;
     m_progress.Tell();
+}
+
+/// What was interrupted is brought to its places as far as it is whole, or is given up.
+void Transfer::KeepOrDiscard() {
+    const bool bAnything = !m_pending.empty() || !m_report.Done.empty();
+    m_bKeeping = bAnything && !m_bSingle && m_callbacks.BeforeActs && m_callbacks.ShouldKeep &&
+                 m_callbacks.ShouldKeep();
+    if (m_bKeeping) {
+        Flush();
+        m_report.bUnsettled = true;
+    } else {
+        Discard();
+    }
 }
 
 bool Transfer::CheckGuard(const std::vector<TavroTransferItemPlan>& Items) {
@@ -777,7 +797,7 @@ void Transfer::Flush() {
         return;
     }
     for (Pending& entry : entries) {
-        if (IsCancelled()) {
+        if (!m_bKeeping && IsInterrupted()) {
             m_pending.push_back(std::move(entry));
         } else if ((failure = entry.Copy->Wake(m_places))) {
             entry.Copy->Report().Failure = {Kind::Read, failure.Error, entry.AskedFrom};
@@ -803,7 +823,6 @@ void Transfer::Flush() {
         }
     }
     if (m_report.bCancelled) {
-        Discard();
         return;
     }
     TryAgain(entries);
@@ -822,7 +841,7 @@ TavroFailure Transfer::ClaimTrash(std::vector<Pending>& Entries) {
     std::size_t claimed = 0;
     std::string last;
     for (Pending& entry : Entries) {
-        if (!entry.bExchange) {
+        if (!entry.bExchange || !entry.OldName.empty()) {
             continue;
         }
         entry.Hidden = entry.bRename ? TavroStagingName() : entry.Copy->StagedName();

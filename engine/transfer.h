@@ -57,8 +57,8 @@ struct TavroTransferReport {
 
     TavroAttributesLost Lost; ///< What the targets could not hold.
 
-    /// Something could not be brought to its place, nor taken back: it waits under a hidden name
-    /// until the operation is settled.
+    /// Something is left for a resumption or an undo, which settle the operation first: what could
+    /// be brought neither to its place nor back, or all that was cancelled and is kept.
     bool bUnsettled = false;
 
     /// The transfer was cancelled, or stopped by the answer to a conflict. What is done by then is
@@ -74,6 +74,10 @@ struct TavroTransferCallbacks : TavroCallbacks {
 
     /// Asked for each source; what is done already is passed over.
     std::function<bool(const std::string& From)> IsDone = {};
+
+    /// Asked after a cancel, when something is done or waits to be: whether that is kept, for a
+    /// resumption; else what waits goes.
+    std::function<bool()> ShouldKeep = {};
 
     /// Whether what is replaced goes to the trash; else it is deleted for good.
     bool bKeepReplaced = true;

@@ -193,3 +193,73 @@ sys.stdin.read()
   run -0 tavro undo
   expect "$(ls)" $'a\nb\nc'
 }
+
+# late_at SIGNAL COMMAND…: the signal comes while the second file is copied, and more than a second
+# has been spent on the first.
+late_at() {
+  local signal=$1
+  shift
+  env --default-signal=INT,TERM,HUP ASAN_OPTIONS=detect_leaks=0 \
+    strace -qq -o "$scratch/calls" -e trace=utimensat,flistxattr \
+    -e inject=utimensat:delay_enter=1100000:when=1 \
+    -e "inject=flistxattr:signal=$signal:when=2" "$@"
+}
+
+@test "what a long copy has done is kept when it is told to end, and resume goes on" {
+  needs_strace
+  mkdir src dst
+  for name in a b c d; do echo "$name" >"src/$name"; done
+  for signal in TERM:143 HUP:129; do
+    run --separate-stderr late_at "${signal%:*}" "$TAVRO" copy src/{a,b,c,d} dst
+    expect "$status" "${signal#*:}"
+    expect "$output" "Copied $PWD/src/a -> $PWD/dst/a
+Copied $PWD/src/b -> $PWD/dst/b"
+    expect "$stderr" "tavro: Interrupted: what is listed is done. 'tavro resume' goes on, 'tavro undo' takes it back."
+    expect "$(ls -A dst)" $'a\nb'
+    run -0 tavro history
+    [[ $output == *'(interrupted, 2 of 4 done)'* ]]
+    inode=$(stat -c %i dst/a)
+    run -0 tavro resume
+    expect "$(ls -A dst)" $'a\nb\nc\nd'
+    expect "$(cat dst/*)" $'a\nb\nc\nd'
+    expect "$(stat -c %i dst/a)" "$inode"
+    run -0 tavro undo
+    expect "$(ls -A dst)" ''
+  done
+}
+
+@test "an interrupted long copy is undone where nobody can be asked" {
+  needs_strace
+  mkdir src dst
+  touch src/{a,b,c,d}
+  run --separate-stderr late_at INT "$TAVRO" copy src/{a,b,c,d} dst
+  expect "$status" 130
+  expect "$stderr" 'tavro: Interrupted: everything is as it was.'
+  expect "$(ls -A dst)" ''
+  run -1 tavro resume
+}
+
+@test "a person is asked whether an interrupted long copy is kept" {
+  needs_strace
+  needs_python
+  mkdir src dst
+  touch src/{a,b,c,d}
+  asked() { # KEYS
+    run timeout 60 python3 "$BATS_TEST_DIRNAME/terminal.py" 'or [r]emove it? ' "$1" \
+      bash -c "$(declare -f late_at); late_at INT \"\$TAVRO\" copy src/{a,b,c,d} dst"
+  }
+  export scratch TAVRO
+  for keys in 'r\n' '\x03'; do
+    asked "$keys"
+    expect "$status" 130
+    [[ $output == *"Interrupted: everything is as it was."* ]]
+    expect "$(ls -A dst)" ''
+  done
+  asked 'k\n'
+  expect "$status" 130
+  [[ $output == *"'tavro resume' goes on"* ]]
+  expect "$(ls -A dst)" $'a\nb'
+  run -0 tavro undo
+  expect "$(ls -A dst)" ''
+  run -1 tavro resume
+}

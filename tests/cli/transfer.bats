@@ -257,3 +257,16 @@ PYTHON
     "$TAVRO" trash b c'
   expect "${stderr_lines[-1]}" 'tavro: Lost on the way: access control lists of 1 entry, extended attributes of 1 entry'
 }
+
+@test "to quit at a question leaves what came before it done, and nothing hidden" {
+  command -v python3 >/dev/null || skip 'python3 is not installed'
+  mkdir src dst
+  touch src/{a,b,c}
+  echo old >dst/b
+  run -1 timeout 60 python3 "$BATS_TEST_DIRNAME/terminal.py" 'for all ' 'q\n' \
+    "$TAVRO" copy src/{a,b,c} dst
+  [[ $output == *"Stopped: what is listed is done, nothing else was touched."* ]]
+  [[ $output == *"Copied $PWD/src/a -> $PWD/dst/a"* ]]
+  expect "$(ls -A dst)" $'a\nb'
+  expect "$(cat dst/b)" old
+}

@@ -333,7 +333,10 @@ Outcome EngineFaults::transfer() const {
     }
     TavroTransferReport report;
     TavroJournal journal([&](TavroHistory& own) { return open(own); });
-    TavroTransferCallbacks callbacks{journal.Bind({}), {}, {}};
+    TavroCallbacks unsynced;
+    unsynced.bSync = false; // no power cut comes
+    TavroTransferCallbacks callbacks{journal.Bind(unsynced), {}, {}};
+    callbacks.bSync = true;
     callbacks.BeforeActs = [keep = callbacks.BeforeActs](auto kind, const auto& steps) {
         markTraced(false); // the history has tests of its own
         TavroFailure failure = keep(kind, steps);
