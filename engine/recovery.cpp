@@ -45,6 +45,20 @@ bool GoesBack(const TavroOperation& Operation) {
            Operation.Kind == TavroOperationKind::Restore;
 }
 
+/// A copy that came back from the trash of another file system is another file.
+void TakeIdentities(std::vector<TavroStep>& Steps) {
+    std::map<std::string, TavroIdentity> brought;
+    for (const TavroStep& step : Steps) {
+        if (step.Role == Role::Trashed && step.Source.Inode != 0) {
+            brought[step.From] = step.Source;
+        }
+    }
+    for (TavroStep& step : Steps) {
+        const auto found = step.Role == Role::Copied ? brought.find(step.To) : brought.end();
+        step.Identity = found != brought.end() ? found->second : step.Identity;
+    }
+}
+
 /// Of steps that were kept several times, the last.
 std::vector<TavroStep> LatestOf(const std::vector<TavroStep>& Steps) {
     std::map<std::tuple<Role, std::string, std::string>, std::size_t> latest;
@@ -57,6 +71,7 @@ std::vector<TavroStep> LatestOf(const std::vector<TavroStep>& Steps) {
             steps.push_back(Steps[i]);
         }
     }
+    TakeIdentities(steps);
     return steps;
 }
 
