@@ -2,31 +2,70 @@
 
 #include "command.h"
 #include "names.h"
+#include "recording.h"
+#include "recovery.h"
+#include "trash.h"
 #include "trash_contents.h"
 
 #include <set>
 
 namespace {
 
-/// Reports a finding, or mends it.
-bool Deal(const TavroTrashFinding& Finding, bool bMend) {
-    if (bMend && TavroPrintFailure(TavroMendTrash(Finding)) != TavroExitDone) {
+/// What is not in order, and what mends it.
+struct Finding {
+    std::string Path;
+    std::string Sentence;
+    std::function<TavroFailure()> Mend;
+};
+
+TavroFailure FindInTrash(std::vector<Finding>& OutFindings) {
+    std::vector<TavroTrashFinding> findings;
+    TavroFailure failure = TavroExamineTrash(findings);
+    for (const TavroTrashFinding& finding : findings) {
+        OutFindings.push_back(
+            {finding.Path, TavroDescribe(finding), [=] { return TavroMendTrash(finding); }});
+    }
+    return failure;
+}
+
+/// What a command that was cut off left under a hidden name may be the only one of its kind.
+/// @return whether the history could be asked.
+bool FindLeftovers(std::vector<Finding>& OutFindings) {
+    TavroHistory history;
+    std::vector<TavroOperation> operations;
+    std::vector<std::uint64_t> counts;
+    if (TavroOpenHistory(history) ||
+        TavroPrintFailure(history.List(true, operations, counts)) != TavroExitDone) {
         return false;
     }
-    TavroPrintLine(stdout, (bMend ? "Mended: " : "") + TavroDescribe(Finding));
+    for (const std::string& path : TavroFindOrphans(operations)) {
+        const auto mend = [=] {
+            return TavroTrashSelection({{TavroNameOf(path), path, false}}, {}).Batch.Failure;
+        };
+        OutFindings.push_back({path, "Left over by what was cut off: '" + path + "'", mend});
+    }
+    return true;
+}
+
+/// Reports a finding, or mends it.
+bool Deal(const Finding& What, bool bMend) {
+    if (bMend && TavroPrintFailure(What.Mend()) != TavroExitDone) {
+        return false;
+    }
+    TavroPrintLine(stdout, (bMend ? "Mended: " : "") + What.Sentence);
     return bMend;
 }
 
 /// @param Mend  the names of the findings that are mended.
 int RunDoctor(const std::vector<std::string>& Mend, bool bMendAll) {
-    std::vector<TavroTrashFinding> findings;
-    if (const TavroFailure failure = TavroExamineTrash(findings)) {
+    std::vector<Finding> findings;
+    if (const TavroFailure failure = FindInTrash(findings)) {
         return TavroPrintFailure(failure);
     }
-    bool bAll = true;
+    bool bAll = FindLeftovers(findings);
     const std::set<std::string> named(Mend.begin(), Mend.end());
     std::set<std::string> sound = named;
-    for (const TavroTrashFinding& finding : findings) {
+    for (const Finding& finding : findings) {
         const std::string name = TavroNameOf(finding.Path);
         bAll = Deal(finding, bMendAll || named.count(name) != 0) && bAll;
         sound.erase(name);
@@ -44,7 +83,8 @@ int RunDoctor(const std::vector<std::string>& Mend, bool bMendAll) {
 
 void TavroAddDoctor(CLI::App& App, TavroCommandTable& Table) {
     CLI::App* command = TavroAddCommand(
-        App, "doctor", "Look for items and records that do not match", "doctor --mend old.iso");
+        App, "doctor", "Look for items and records that do not match, and for leftovers",
+        "doctor --mend old.iso");
     CLI::Option* mend = TavroAddNames(*command, "--mend", 1, "Mend the findings with these names");
     mend->required(false)->type_name("NAME...");
     CLI::Option* all = command->add_flag("--mend-all", "Mend every finding");

@@ -189,6 +189,28 @@ std::vector<std::string> TavroFindLeftovers(const TavroOperation& Operation) {
     return {leftovers.begin(), leftovers.end()};
 }
 
+std::vector<std::string> TavroFindOrphans(const std::vector<TavroOperation>& Operations) {
+    std::set<std::string> orphans;
+    std::set<std::string> owned;
+    std::set<std::string> trashes; // where they are items, or have no record
+    for (const TavroOperation& operation : Operations) {
+        for (const TavroStep& step : operation.Steps) {
+            trashes.insert(IsTrashed(step) ? TavroParentOf(step.To) : "");
+        }
+        for (std::string& path : TavroFindLeftovers(operation)) {
+            (TavroIsOnItsWay(operation) ? owned : orphans).insert(std::move(path));
+        }
+    }
+    const auto isOrphan = [&](const std::string& path) {
+        struct stat status = {};
+        return owned.count(path) == 0 && trashes.count(TavroParentOf(path)) == 0 &&
+               TavroStatPath(path, status) == 0 && status.st_mtim.tv_sec + 60 < std::time(nullptr);
+    };
+    std::vector<std::string> found;
+    std::copy_if(orphans.begin(), orphans.end(), std::back_inserter(found), isOrphan);
+    return found;
+}
+
 namespace {
 
 /// Settles the steps one by one.

@@ -39,6 +39,10 @@ TavroHeadway TavroFindHeadway(const TavroOperation& Operation);
 /// Hidden names, left by an operation on its way, with their full paths.
 std::vector<std::string> TavroFindLeftovers(const TavroOperation& Operation);
 
+/// Hidden names beside what operations tell of, but not in the trash, that belong to none on its
+/// way, and that nobody has written to for a minute.
+std::vector<std::string> TavroFindOrphans(const std::vector<TavroOperation>& Operations);
+
 /// Settles an interrupted operation: removes copies that were not published, and records of what
 /// was not trashed; what is left of a source whose copy is in its place goes to the trash. Then
 /// each step is done or not.

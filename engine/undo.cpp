@@ -844,8 +844,8 @@ std::string TavroDescribe(const TavroUndoReport& Report) {
     std::string text = TavroDescribe(Report.Failure);
     if (Report.bDoneButNotSaved) {
         const bool bUndone = Report.bUndone;
-        return (bUndone ? "It is undone, but the saved history still has it as done: "
-                        : "It is redone, but the saved history still has it as undone: ") +
+        return (bUndone ? "It is undone, but the history has it as interrupted: "
+                        : "It is redone, but the history has it as interrupted: ") +
                text;
     }
     if (Report.Trash.Batch.Failure) {

@@ -14,7 +14,7 @@ struct TavroUndoReport {
     TavroTrashReport Trash = {};       ///< Of what went to the trash, or came back from it.
     TavroBatchReport Moves = {};       ///< Of what was moved.
     TavroTransferReport Transfer = {}; ///< Of what a resumption copied or moved.
-    bool bDoneButNotSaved = false;     ///< The disk is changed; the history still says otherwise.
+    bool bDoneButNotSaved = false;     ///< The disk is changed; the history has it as interrupted.
     bool bPartly = false;              ///< After a failure: it is interrupted, and can be resumed.
     bool bUndone = false;              ///< It went back: of an interrupted operation it may.
     TavroOperation Operation = {};     ///< What was undone (redone), as it is kept now.

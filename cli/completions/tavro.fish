@@ -19,7 +19,7 @@ complete -c tavro -f -n $none -a history -d 'List what can be undone'
 complete -c tavro -f -n $none -a list -d 'List the trash'
 complete -c tavro -f -n $none -a restore -d 'Put trashed entries back'
 complete -c tavro -f -n $none -a empty -d 'Delete what is in the trash'
-complete -c tavro -f -n $none -a doctor -d 'Look for items and records that do not match'
+complete -c tavro -f -n $none -a doctor -d 'Look for items and records that do not match, and for leftovers'
 complete -c tavro -f -n $none -a size -d 'Add up the sizes of the files in folders'
 
 complete -c tavro -n '__fish_seen_subcommand_from copy move plan mkdir' -l in -r -d 'Relative to this directory'

@@ -263,3 +263,25 @@ Copied $PWD/src/b -> $PWD/dst/b"
   expect "$(ls -A dst)" ''
   run -1 tavro resume
 }
+
+@test "doctor names what a dropped operation left under a hidden name, and mends it by trashing it" {
+  needs_strace
+  mkdir src dst
+  touch src/{a,b}
+  killed_at utimensat 2 "$TAVRO" copy src/{a,b} dst
+  left=$(cd dst && echo .tavro-*)
+  run -0 tavro doctor
+  expect "$output" 'The trash is in order.'
+  tavro history --drop
+  run -0 tavro doctor
+  expect "$output" 'The trash is in order.'
+  touch -d '2 minutes ago' dst/.tavro-*
+  tavro trash src/a
+  tavro copy src/b dst
+  run -1 tavro doctor
+  [[ $output == *"Left over by what was cut off: '$PWD/dst/${left%% *}'"* ]]
+  run -0 tavro doctor --mend-all
+  expect "$(ls -A dst)" b
+  run -0 tavro doctor
+  expect "$output" 'The trash is in order.'
+}

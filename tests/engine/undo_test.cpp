@@ -438,7 +438,7 @@ TEST_F(Undo, one_that_could_not_be_saved_afterwards_says_what_holds) {
         const FailingWrites failing([this] { return isPresent(work("a")); });
         const Outcome outcome = undo();
         EXPECT_EQ(outcome.Message,
-                  "It is undone, but the saved history still has it as done: " + notSaved);
+                  "It is undone, but the history has it as interrupted: " + notSaved);
         EXPECT_TRUE(outcome.Report.bDoneButNotSaved);
     }
     EXPECT_EQ(readFile(work("a")), "bytes");
@@ -448,7 +448,7 @@ TEST_F(Undo, one_that_could_not_be_saved_afterwards_says_what_holds) {
     EXPECT_EQ(listed()[0].State, TavroOperationState::Undone);
     const FailingWrites failing([this] { return isPresent(work("b")); });
     EXPECT_EQ(redo().Message,
-              "It is redone, but the saved history still has it as undone: " + notSaved);
+              "It is redone, but the history has it as interrupted: " + notSaved);
 }
 
 TEST_F(Undo, what_the_guard_protects_stays_whatever_the_history_says) {
