@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
@@ -149,6 +150,77 @@ int TavroGiveAttributes(int To, const struct stat& Status,
     error = bByPath ? TavroSetPathTimes(To, Status.st_atim, Status.st_mtim)
                     : TavroSetTimes(To, Status.st_atim, Status.st_mtim);
     return CannotHold(error) ? 0 : error;
+}
+
+namespace {
+
+void PackNumber(std::string& Bytes, std::int64_t Number) {
+    Bytes += std::to_string(Number) + ' ';
+}
+
+bool UnpackNumber(const std::string& Bytes, std::size_t& At, std::int64_t& OutNumber) {
+    const char* const end = Bytes.data() + Bytes.size();
+    const auto [last, error] = std::from_chars(Bytes.data() + At, end, OutNumber);
+    At = static_cast<std::size_t>(last - Bytes.data()) + 1;
+    return error == std::errc() && last != end && *last == ' ';
+}
+
+bool UnpackText(const std::string& Bytes, std::size_t& At, std::string& OutText) {
+    std::int64_t size = 0;
+    if (!UnpackNumber(Bytes, At, size) || size < 0 ||
+        static_cast<std::uint64_t>(size) > Bytes.size() - At) {
+        return false;
+    }
+    OutText = Bytes.substr(At, static_cast<std::size_t>(size));
+    At += OutText.size();
+    return true;
+}
+
+} // namespace
+
+std::string TavroPackAttributes(const struct stat& Status,
+                                const std::vector<TavroAttribute>& Attributes) {
+    std::string bytes;
+    for (const std::int64_t number :
+         {std::int64_t{Status.st_uid}, std::int64_t{Status.st_gid}, std::int64_t{Status.st_mode},
+          std::int64_t{Status.st_atim.tv_sec}, std::int64_t{Status.st_atim.tv_nsec},
+          std::int64_t{Status.st_mtim.tv_sec}, std::int64_t{Status.st_mtim.tv_nsec}}) {
+        PackNumber(bytes, number);
+    }
+    for (const TavroAttribute& attribute : Attributes) {
+        for (const std::string& text : {attribute.Name, attribute.Value.value_or("")}) {
+            PackNumber(bytes, static_cast<std::int64_t>(text.size()));
+            bytes += text;
+        }
+    }
+    return bytes;
+}
+
+bool TavroUnpackAttributes(const std::string& Bytes, struct stat& OutStatus,
+                           std::vector<TavroAttribute>& OutAttributes) {
+    std::array<std::int64_t, 7> numbers = {};
+    std::size_t at = 0;
+    for (std::int64_t& number : numbers) {
+        if (at >= Bytes.size() || !UnpackNumber(Bytes, at, number)) {
+            return false;
+        }
+    }
+    OutStatus = {};
+    OutStatus.st_uid = static_cast<uid_t>(numbers[0]);
+    OutStatus.st_gid = static_cast<gid_t>(numbers[1]);
+    OutStatus.st_mode = static_cast<mode_t>(numbers[2]);
+    OutStatus.st_atim = {numbers[3], numbers[4]};
+    OutStatus.st_mtim = {numbers[5], numbers[6]};
+    OutAttributes.clear();
+    while (at < Bytes.size()) {
+        TavroAttribute attribute = {"", ""};
+        if (!UnpackText(Bytes, at, attribute.Name) || at >= Bytes.size() ||
+            !UnpackText(Bytes, at, *attribute.Value)) {
+            return false;
+        }
+        OutAttributes.push_back(std::move(attribute));
+    }
+    return true;
 }
 
 // =================================================================================================

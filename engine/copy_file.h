@@ -64,6 +64,15 @@ int TavroGiveAttributes(int To, const struct stat& Status,
                         const std::vector<TavroAttribute>& Attributes, TavroNewEntryTraits& Traits,
                         TavroAttributesLost& OutLost, mode_t CreatedWith = 0);
 
+/// Owner, mode, times and extended attributes of an entry, as bytes that can be kept.
+std::string TavroPackAttributes(const struct stat& Status,
+                                const std::vector<TavroAttribute>& Attributes);
+
+/// @param OutStatus  has these fields alone.
+/// @return false for other bytes; then the out-parameters hold nothing of use.
+bool TavroUnpackAttributes(const std::string& Bytes, struct stat& OutStatus,
+                           std::vector<TavroAttribute>& OutAttributes);
+
 /// How a file is copied.
 struct TavroCopyOptions {
     bool bSync = false;    ///< The bytes have reached the disk when it is done.

@@ -35,7 +35,8 @@ std::string TavroHistoryPath() {
 bool TavroStep::operator==(const TavroStep& Other) const {
     const auto all = [](const TavroStep& step) {
         return std::tie(step.Role, step.From, step.To, step.Record, step.Identity, step.ChangeTime,
-                        step.Mode, step.bDirectory, step.Staged, step.Source, step.SourceTime);
+                        step.Mode, step.bDirectory, step.Attributes, step.Staged, step.Source,
+                        step.SourceTime);
     };
     return all(*this) == all(Other);
 }
@@ -135,7 +136,8 @@ const std::string schema =
     "CREATE TABLE step (operation INTEGER NOT NULL, number INTEGER NOT NULL, role INTEGER NOT "
     "NULL, source BLOB NOT NULL, target BLOB NOT NULL, record BLOB NOT NULL, device INTEGER NOT "
     "NULL, inode INTEGER NOT NULL, changed INTEGER NOT NULL, mode INTEGER NOT NULL, directory "
-    "INTEGER NOT NULL, staged BLOB NOT NULL, source_device INTEGER NOT NULL, source_inode INTEGER "
+    "INTEGER NOT NULL, attributes BLOB NOT NULL, staged BLOB NOT NULL, source_device INTEGER NOT "
+    "NULL, source_inode INTEGER "
     "NOT NULL, source_changed INTEGER NOT NULL, PRIMARY KEY (operation, number)) WITHOUT ROWID;";
 const std::string applicationId = "1415668338";
 const std::string schemaVersion = "1";
@@ -601,7 +603,8 @@ namespace {
 std::int64_t BytesOf(const TavroOperation& Operation) {
     std::size_t bytes = 0;
     for (const TavroStep& step : Operation.Steps) {
-        bytes += step.From.size() + step.To.size() + step.Record.size() + 64;
+        bytes +=
+            step.From.size() + step.To.size() + step.Record.size() + step.Attributes.size() + 64;
     }
     return Integer(bytes);
 }
@@ -645,11 +648,11 @@ void RemoveDropped(TavroDatabase& Database, std::int64_t Count) {
 void TavroDatabase::InsertSteps(std::int64_t Id, std::int64_t First,
                                 const std::vector<TavroStep>& Steps) {
     Statement insert(*this, "INSERT OR REPLACE INTO step VALUES "
-                            "(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+                            "(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
     for (const TavroStep& step : Steps) {
         insert.Bind(Id, First++, Integer(step.Role), step.From, step.To, step.Record,
                     Integer(step.Identity.Device), Integer(step.Identity.Inode), step.ChangeTime,
-                    Integer(step.Mode), Integer(step.bDirectory), step.Staged,
+                    Integer(step.Mode), Integer(step.bDirectory), step.Attributes, step.Staged,
                     Integer(step.Source.Device), Integer(step.Source.Inode), step.SourceTime);
         insert.Next();
     }
@@ -841,10 +844,11 @@ bool ReadSteps(Statement& Row, std::int64_t Count, TavroOperation& OutOperation)
         step.ChangeTime = Row.Number(7);
         step.Mode = static_cast<std::uint32_t>(Row.Number(8));
         step.bDirectory = Row.Number(9) != 0;
-        step.Staged = Row.Bytes(10);
-        step.Source.Device = static_cast<std::uint64_t>(Row.Number(11));
-        step.Source.Inode = static_cast<std::uint64_t>(Row.Number(12));
-        step.SourceTime = Row.Number(13);
+        step.Attributes = Row.Bytes(10);
+        step.Staged = Row.Bytes(11);
+        step.Source.Device = static_cast<std::uint64_t>(Row.Number(12));
+        step.Source.Inode = static_cast<std::uint64_t>(Row.Number(13));
+        step.SourceTime = Row.Number(14);
         if (Row.Number(0) != Integer(OutOperation.Steps.size()) || !IsOneOf(Row.Number(8), 07777) ||
             !IsOneOf(Row.Number(1), TavroStepRole::Planned) || !IsValid(step)) {
             return false;
@@ -857,8 +861,9 @@ bool ReadSteps(Statement& Row, std::int64_t Count, TavroOperation& OutOperation)
 const std::string operationsWhere =
     "SELECT id, kind, state, time, steps, entries FROM operation WHERE ";
 constexpr const char* stepsOfOne =
-    "SELECT number, role, source, target, record, device, inode, changed, mode, directory, staged, "
-    "source_device, source_inode, source_changed FROM step WHERE operation = ? ORDER BY number "
+    "SELECT number, role, source, target, record, device, inode, changed, mode, directory, "
+    "attributes, staged, source_device, source_inode, source_changed FROM step WHERE operation = ? "
+    "ORDER BY number "
     "LIMIT ?";
 
 /// @return whether a row of an operation could have been written here.

@@ -52,6 +52,9 @@ struct TavroStep {
     std::uint32_t Mode = 0;      ///< Of a created or removed directory.
     bool bDirectory = false;     ///< As the trash record of a Trashed step has it.
 
+    /// Of a removed directory: what else it had, as TavroPackAttributes gives it. Empty: not known.
+    std::string Attributes = {};
+
     // While the operation is on its way:
 
     std::string Staged = {};     ///< The name under which it waits beside where it goes.

@@ -40,8 +40,15 @@ TavroOperation TavroOperationOf(const TavroTransferReport& Report, bool bMove) {
     AddCreated(Report.CreatedDirectories, operation);
     operation.Steps.insert(operation.Steps.end(), Report.Replaced.begin(), Report.Replaced.end());
     for (const TavroRemovedDirectory& directory : Report.RemovedDirectories) {
-        operation.Steps.push_back(
-            {Role::RemovedDirectory, directory.Path, "", "", {}, 0, directory.Mode});
+        operation.Steps.push_back({Role::RemovedDirectory,
+                                   directory.Path,
+                                   "",
+                                   "",
+                                   {},
+                                   0,
+                                   directory.Mode,
+                                   false,
+                                   directory.Attributes});
     }
     return operation;
 }

@@ -65,6 +65,7 @@ struct Merge {
     OpenDirectory From;
     OpenDirectory To;
     TavroListing Names;
+    std::string Attributes; ///< The source's, before it was touched.
 };
 
 /// Opens a directory, and no link to one. One whose identity is known must be the same.
@@ -205,6 +206,7 @@ struct Emptied {
     TavroIdentity Directory; ///< That holds it.
     TavroIdentity Identity;
     mode_t Mode;
+    std::string Attributes;
 };
 
 /// From so many waiting entries on they are not let wait for more.
@@ -700,6 +702,11 @@ bool Transfer::BeginMerge(const Route& Way) {
         return false;
     }
     int error = Open(Way.From, true, merge.From);
+    struct stat status = {};
+    if (error == 0 && m_bMove && TavroStat(merge.From->Descriptor.Number(), status) == 0) {
+        merge.Attributes =
+            TavroPackAttributes(status, TavroReadAttributes(merge.From->Descriptor.Number()));
+    }
     error = error != 0 ? error : TavroListDirectory(merge.From->Descriptor.Number(), merge.Names);
     if (error != 0) {
         Fail(TavroFail(Kind::Read, error, Way.From.Path()));
@@ -743,7 +750,7 @@ void Transfer::FinishMerges(const TavroPlace& Item) {
             struct stat status = {};
             TavroStat(left.From->Descriptor.Number(), status);
             m_emptied.push_back({place.Path(), place.Directory->Identity, left.From->Identity,
-                                 status.st_mode & 07777U});
+                                 status.st_mode & 07777U, left.Attributes});
         }
     }
     m_merges.clear();
@@ -763,7 +770,8 @@ void Transfer::RemoveEmptied() {
         }
         error = error != 0 ? error : TavroRemoveDirectoryAt(place.Number(), place.Name.c_str());
         if (error == 0) {
-            m_report.RemovedDirectories.push_back({emptied.Path, status.st_mode & 07777U});
+            m_report.RemovedDirectories.push_back(
+                {emptied.Path, status.st_mode & 07777U, emptied.Attributes});
             m_changes.Add(place.Directory);
             m_places.Forget(place.OwnPath());
         } else if (error != ENOTEMPTY && error != EEXIST) {
@@ -911,8 +919,15 @@ TavroFailure Transfer::Journal(const std::vector<Pending>& Entries) {
                          TavroFindOwnPath(m_report.CreatedDirectories[m_createdTold])});
     }
     for (const Emptied& emptied : m_emptied) {
-        steps.push_back(
-            {TavroStepRole::RemovedDirectory, emptied.Path, "", "", {}, 0, emptied.Mode});
+        steps.push_back({TavroStepRole::RemovedDirectory,
+                         emptied.Path,
+                         "",
+                         "",
+                         {},
+                         0,
+                         emptied.Mode,
+                         false,
+                         emptied.Attributes});
     }
     return m_callbacks.BeforeActs(m_bMove ? TavroOperationKind::Move : TavroOperationKind::Copy,
                                   steps);

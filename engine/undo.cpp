@@ -1,6 +1,7 @@
 #include "undo.h"
 
 #include "changes.h"
+#include "copy_file.h"
 #include "guard.h"
 #include "journal.h"
 #include "names.h"
@@ -77,6 +78,7 @@ private:
     TavroFailure MakeDirectories();
     void Remember(const std::vector<std::string>& Made);
     void SetModes();
+    static void Dress(const TavroPlace& Place, int Directory, const TavroStep& Step);
     int RemoveDirectory(const std::string& Path, const TavroIdentity& Identity, mode_t& OutMode);
     TavroFailure RemoveDirectories();
     TavroFailure RemoveCreated();
@@ -273,9 +275,23 @@ void Reversal::SetModes() {
             TavroOpenDirectoryAt(place.Number(), place.Name.c_str(), directory) == 0 &&
             TavroStat(directory.Number(), status) == 0 &&
             TavroIdentityOf(status) == step->Identity) {
-            TavroSetMode(directory.Number(), step->Mode);
+            Dress(place, directory.Number(), *step);
         }
     }
+}
+
+/// Gives a directory that was made again what it had.
+void Reversal::Dress(const TavroPlace& Place, int Directory, const TavroStep& Step) {
+    struct stat status = {};
+    std::vector<TavroAttribute> attributes;
+    if (!TavroUnpackAttributes(Step.Attributes, status, attributes)) {
+        TavroSetMode(Directory, Step.Mode);
+        return;
+    }
+    TavroNewEntryTraits traits = TavroTraitsOfNewEntriesIn(Place.Number());
+    TavroAttributesLost lost;
+    status.st_mode = S_IFDIR | Step.Mode;
+    TavroGiveAttributes(Directory, status, attributes, traits, lost);
 }
 
 /// Removes a directory if it is this one, and empty. @return 0, or the error number.

@@ -270,3 +270,34 @@ PYTHON
   expect "$(ls -A dst)" $'a\nb'
   expect "$(cat dst/b)" old
 }
+
+# What a directory has: mode, owner, group, when it was changed, and its extended attributes.
+dress() { # DIRECTORY…
+  stat -c '%n %a %u %g %y' "$@"
+  python3 -c 'import os, sys
+for path in sys.argv[1:]:
+    print({name: os.getxattr(path, name) for name in sorted(os.listxattr(path))})' "$@"
+}
+
+@test "undo brings back the directories that a merging move has removed, with all that they had" {
+  command -v python3 >/dev/null || skip 'python3 is not installed'
+  for parent in . /dev/shm; do
+    there=$(mktemp -d -p "$parent")
+    mkdir -p d/{e,empty} "$there"/d/{e,empty}
+    touch d/{f,e/g}
+    give list d/e || skip 'the temporary directory holds no attributes'
+    give attribute d
+    chmod 2750 d
+    [ "$EUID" -ne 0 ] || chown 12:34 d/e
+    touch -d '2001-02-03 04:05:06.789' d d/e d/empty
+    before=$(dress d d/e d/empty)
+    run -0 tavro move -q d "$there"
+    [ ! -e d ]
+    run -0 tavro undo -q
+    expect "$(dress d d/e d/empty)" "$before"
+    run -0 tavro redo -q
+    run -0 tavro undo -q
+    expect "$(dress d d/e d/empty)" "$before"
+    rm -r d "$there"
+  done
+}

@@ -700,4 +700,39 @@ TEST_F(CopyFile, says_when_mode_or_times_cannot_be_set_unless_they_cannot_be_hel
     }
 }
 
+TEST(PackedAttributes, come_back_as_they_were) {
+    struct stat status = {};
+    status.st_uid = 4000000000;
+    status.st_gid = 7;
+    status.st_mode = S_IFDIR | 02751;
+    status.st_atim = {1, 2};
+    status.st_mtim = {-5, 999999999};
+    const std::vector<TavroAttribute> all = {{"user.a", std::string("\0 12 x", 7)}, {"user.b", ""}};
+    const std::string packed = TavroPackAttributes(status, all);
+    struct stat back = {};
+    std::vector<TavroAttribute> attributes;
+    ASSERT_TRUE(TavroUnpackAttributes(packed, back, attributes));
+    EXPECT_EQ(TavroPackAttributes(back, attributes), packed);
+    EXPECT_EQ(back.st_uid, status.st_uid);
+    EXPECT_EQ(back.st_mode, status.st_mode);
+    EXPECT_EQ(back.st_mtim.tv_sec, -5);
+    ASSERT_EQ(attributes.size(), 2U);
+    EXPECT_EQ(attributes[0].Value, all[0].Value);
+}
+
+TEST(PackedAttributes, that_are_cut_short_or_strange_are_refused) {
+    const std::string packed = TavroPackAttributes({}, {{"user.a", "value"}});
+    const std::size_t bare = TavroPackAttributes({}, {}).size();
+    struct stat status = {};
+    std::vector<TavroAttribute> attributes;
+    for (std::size_t size = 0; size < packed.size(); ++size) {
+        EXPECT_EQ(TavroUnpackAttributes(packed.substr(0, size), status, attributes), size == bare)
+            << size;
+    }
+    for (const char* wrong : {"x", "1 2 3 4 5 6 7", "1 2 3 4 5 6 7 -1 ", "1 2 3 4 5 6 7 9 user.a",
+                              "1 2 3 4 5 6 7 9223372036854775807 a", "1  2 3 4 5 6 7 "}) {
+        EXPECT_FALSE(TavroUnpackAttributes(wrong, status, attributes)) << wrong;
+    }
+}
+
 } // namespace

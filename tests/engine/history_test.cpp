@@ -735,7 +735,8 @@ TEST_F(History, an_operation_that_was_not_written_here_is_refused_and_can_be_dro
           "UPDATE step SET mode = -1",
           "UPDATE step SET number = 1",
           "INSERT INTO step SELECT operation, 1, role, source, target, record, device, inode, "
-          "changed, mode, directory, staged, source_device, source_inode, source_changed FROM step "
+          "changed, mode, directory, attributes, staged, source_device, source_inode, "
+          "source_changed FROM step "
           "WHERE "
           "operation = 2",
           "UPDATE step SET staged = x'612f62'",
