@@ -32,7 +32,8 @@ struct TavroTransferredEntry {
 struct TavroRemovedDirectory {
     std::string Path;
     std::uint32_t Mode = 0; ///< Its permission bits, with set-user, set-group and sticky.
-    std::string Attributes = {}; ///< All that it had before it was emptied: see TavroPackAttributes.
+    std::string Attributes =
+        {}; ///< All that it had before it was emptied: see TavroPackAttributes.
 };
 
 /// What became of a transfer.

@@ -447,8 +447,7 @@ TEST_F(Undo, one_that_could_not_be_saved_afterwards_says_what_holds) {
     EXPECT_EQ(readFile(work("a")), "bytes");
     EXPECT_EQ(listed()[0].State, TavroOperationState::Undone);
     const FailingWrites failing([this] { return isPresent(work("b")); });
-    EXPECT_EQ(redo().Message,
-              "It is redone, but the history has it as interrupted: " + notSaved);
+    EXPECT_EQ(redo().Message, "It is redone, but the history has it as interrupted: " + notSaved);
 }
 
 TEST_F(Undo, what_the_guard_protects_stays_whatever_the_history_says) {
