@@ -7,6 +7,7 @@
 #include "journal.h"
 #include "names.h"
 #include "record.h"
+#include "transfer.h"
 #include "trash_folders.h"
 #include "undo.h"
 
@@ -227,6 +228,28 @@ protected:
         };
     }
 
+    /// Moves or copies an entry of the documents to where another one is, which it replaces.
+    Act replace(bool bMove, const std::string& name, const std::string& target) const {
+        return [this, bMove, name, target] {
+            return keep([&](const TavroCallbacks& callbacks) {
+                TavroTransferPlan plan;
+                plan.bMove = bMove;
+                plan.ConflictPolicy = TavroTransferConflictPolicy::Overwrite;
+                TavroTransferItemPlan item;
+                item.Name = TavroNameOf(name);
+                item.SourcePath = m_box / "home/docs" / name;
+                item.DestinationPath = work(target);
+                plan.Items.push_back(item);
+                TavroTransferReport report;
+                const auto overwrite = [](const TavroTransferConflict&) {
+                    return TavroConflictAnswer{TavroConflictChoice::Overwrite, false};
+                };
+                EXPECT_TRUE(TavroCarryOutTransfer(plan, {callbacks, overwrite, {}}, report));
+                return TavroOperationOf(report, bMove);
+            });
+        };
+    }
+
     /// What was moved or copied, as another room does and records it.
     void record(Kind kind, const std::vector<TavroStep>& steps) const {
         TavroOperation operation;
@@ -249,9 +272,9 @@ protected:
     struct Plan {
         std::function<void()> Prepare;
         Act Do;
-        std::uint64_t Count = 1; ///< How many main steps it has.
-        bool bGoesBack = false;  ///< It is an undo: the next undo goes the same way,
-        bool bForgotten = false; ///< It does not stay in the history when it is done.
+        std::uint64_t Count = 1;  ///< How many main steps it has.
+        bool bGoesBack = false;   ///< It is an undo: the next undo goes the same way,
+        std::string Present = {}; ///< A name to work with that is there at every moment.
     };
 
     /// Kills an act before its first call, its second … until it is not killed, and lets the next
@@ -307,6 +330,7 @@ private:
             }
             SCOPED_TRACE("killed before call " + std::to_string(call));
             const Snapshot cut = tree();
+            EXPECT_TRUE(plan.Present.empty() || isPresent(work(plan.Present)));
             const std::optional<TavroHeadway> headway = headwayListed();
             EXPECT_EQ(tree(), cut) << "who lists changes nothing";
             if (headway) {
@@ -519,6 +543,51 @@ TEST_P(Recovery, of_an_undo_and_a_redo_of_a_copy) {
         expectDone({undo});
     };
     killEverywhere({prepareRedo, redo, 2});
+}
+
+/// What replaces and what is replaced.
+struct Pair {
+    const char* Name;
+    bool bMove;
+    std::vector<std::pair<std::string, std::string>> Comes; ///< Names and bytes.
+    std::vector<std::pair<std::string, std::string>> Goes;
+};
+
+class RecoveryOfReplacing : public Recovery {
+protected:
+    void killUndoAndRedo(const Pair& pair) {
+        SCOPED_TRACE(pair.Name);
+        const auto prepare = [this, pair] {
+            for (const auto& [below, bytes] : pair.Comes) {
+                writeFile(m_box / "home/docs" / below, bytes);
+            }
+            for (const auto& [below, bytes] : pair.Goes) {
+                writeFile(work(below), bytes);
+            }
+            expectDone({replace(pair.bMove, "a", "a")});
+        };
+        killEverywhere({prepare, undo, 1, true, "a"});
+        const auto prepareRedo = [=] {
+            prepare();
+            expectDone({undo});
+        };
+        killEverywhere({prepareRedo, redo, 1, false, "a"});
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Within, RecoveryOfReplacing, testing::Values(false));
+INSTANTIATE_TEST_SUITE_P(Across, RecoveryOfReplacing, testing::Values(true));
+
+TEST_P(RecoveryOfReplacing, of_an_undo_and_a_redo_of_a_move) {
+    killUndoAndRedo({"files", true, {{"a", "new"}}, {{"a", "old"}}});
+    killUndoAndRedo(
+        {"a file for a directory", true, {{"a", "new"}}, {{"a/b", "1"}, {"a/c/d", "2"}}});
+}
+
+TEST_P(RecoveryOfReplacing, of_an_undo_and_a_redo_of_a_copy) {
+    killUndoAndRedo({"files", false, {{"a", "new"}}, {{"a", "old"}}});
+    killUndoAndRedo(
+        {"a directory for a file", false, {{"a/b", "1"}, {"a/c/d", "2"}}, {{"a", "old"}}});
 }
 
 // ---------------------------------------------------------------------------------------------
