@@ -65,6 +65,20 @@ bool GoesBack(const TavroOperation& Operation) {
            Operation.Kind == TavroOperationKind::Restore;
 }
 
+/// A copy that comes back from the trash of another file system is another file.
+void RenewCopies(std::vector<TavroStep>& IoSteps) {
+    std::map<std::string, TavroIdentity> files;
+    for (const TavroStep& step : IoSteps) {
+        if (step.Role == Role::Trashed && step.Source.Inode != 0) {
+            files[step.From] = step.Source;
+        }
+    }
+    for (TavroStep& step : IoSteps) {
+        const auto found = step.Role == Role::Copied ? files.find(step.To) : files.end();
+        step.Identity = found == files.end() ? step.Identity : found->second;
+    }
+}
+
 /// Of steps that were kept several times, the last.
 std::vector<TavroStep> LatestOf(const std::vector<TavroStep>& Steps) {
     std::map<std::tuple<Role, std::string, std::string>, std::size_t> latest;
@@ -77,6 +91,7 @@ std::vector<TavroStep> LatestOf(const std::vector<TavroStep>& Steps) {
             steps.push_back(Steps[i]);
         }
     }
+    RenewCopies(steps);
     return steps;
 }
 

@@ -944,10 +944,14 @@ TavroFailure Going::Transfer(TavroTransferCallbacks Callbacks) {
     for (const TavroStep& step : m_settled) {
         done.insert(step.From);
     }
+    std::set<std::string> replaced;
     const bool bPlanned =
         std::any_of(operation.Steps.begin(), operation.Steps.end(),
                     [](const TavroStep& step) { return step.Role == Role::Planned; });
     for (const TavroStep& step : operation.Steps) {
+        if (step.Role == Role::Replaced) {
+            replaced.insert(step.From);
+        }
         if (step.Role == Role::Planned && step.Mode <= 2) {
             plan.ConflictPolicy = static_cast<TavroTransferConflictPolicy>(step.Mode);
         }
@@ -961,6 +965,13 @@ TavroFailure Going::Transfer(TavroTransferCallbacks Callbacks) {
             plan.Items.push_back(std::move(item));
         }
     }
+    // What was about to be replaced was decided upon.
+    Callbacks.OnConflict = [&, ask = Callbacks.OnConflict](const TavroTransferConflict& conflict) {
+        return replaced.count(conflict.DestinationPath) != 0
+                   ? TavroConflictAnswer{TavroConflictChoice::Overwrite, false}
+               : ask ? ask(conflict)
+                     : TavroConflictAnswer{TavroConflictChoice::Skip, false};
+    };
     Callbacks.IsDone = [&](const std::string& path) { return done.count(path) != 0; };
     TavroCarryOutTransfer(plan, Callbacks, m_report.Transfer);
     operation.Steps = TavroOperationOf(m_report.Transfer, plan.bMove).Steps;
