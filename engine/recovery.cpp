@@ -287,6 +287,12 @@ TavroFailure Settlement::SettlePlace(TavroStep& IoStep) {
     if (hidden.empty() || comes.Inode == 0 || InodeAt(m_places, hidden) != comes.Inode) {
         return {};
     }
+    TavroPlace place;
+    if (InodeAt(m_places, HomeOf(IoStep)) == comes.Inode && !m_places.Find(hidden, place)) {
+        TavroUnlinkAt(place.Number(), place.Name.c_str()); // of a rename one half reached the disk
+        m_changes.Add(place.Directory);
+        return {};
+    }
     const bool bCopy = IoStep.Source.Inode != 0 && InodeAt(m_places, HomeOf(IoStep)) != 0;
     if (bCopy || IoStep.Role == Role::Copied) {
         return Remove(hidden, comes);

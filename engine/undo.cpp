@@ -309,15 +309,13 @@ void Reversal::Remember(const std::vector<std::string>& Made) {
 /// What was there already is not of the operation any more: it keeps its mode, and will stay.
 void Reversal::SetModes() {
     for (TavroStep* step : ToMake()) {
-        TavroPlace place;
-        TavroDescriptor directory;
-        struct stat status = {};
+        TavroPlace inside;
         step->Identity = m_made[DirectoryOf(*step)];
-        if ((step->Mode != 0 || m_bUndo) && !m_places.Find(DirectoryOf(*step), place) &&
-            TavroOpenDirectoryAt(place.Number(), place.Name.c_str(), directory) == 0 &&
-            TavroStat(directory.Number(), status) == 0 &&
-            TavroIdentityOf(status) == step->Identity) {
-            TavroSetMode(directory.Number(), step->Mode);
+        if ((step->Mode != 0 || m_bUndo) &&
+            !m_places.Find(TavroJoin(DirectoryOf(*step), "x"), inside) &&
+            inside.Directory->Identity == step->Identity) {
+            TavroSetMode(inside.Number(), step->Mode);
+            m_changes.Add(inside.Directory);
         }
     }
 }
@@ -696,8 +694,10 @@ TavroFailure Reversal::Exchange(Swap& IoSwap) {
         }
         failure = error == 0 ? failure : TavroFail(Kind::Replace, error, to.Path(), from.Path());
     }
-    m_changes.Add(to.Directory);
-    m_changes.Add(from.Directory);
+    if (IoSwap.bRename) {
+        m_changes.Add(from.Directory);
+    }
+    m_changes.Add(to.Directory); // was changed last
     if (IoSwap.bDone) {
         m_hidden[to.OwnPath()] = TavroJoin(to.Directory->OwnPath, IoSwap.Hidden);
         IoSwap.Step->Identity = IoSwap.Comes;
@@ -751,8 +751,7 @@ void Reversal::TakeExchangesBack() {
             m_report.Moves.RollBack.push_back(
                 failure ? failure : TavroFail(Kind::MoveTo, error, to.Path(), from.Path()));
         } else {
-            m_changes.Add(to.Directory);
-            m_changes.Add(from.Directory);
+            m_changes.Add(swap.bRename ? from.Directory : to.Directory);
         }
     }
     m_swaps.clear();
