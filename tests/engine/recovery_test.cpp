@@ -585,6 +585,44 @@ INSTANTIATE_TEST_SUITE_P(Across, RecoveryOfReplacing, testing::Values(true));
 const Pair filesCopied{"files", false, {{"a", "new"}}, {{"a", "old"}}};
 const Pair filesMoved{"files", true, {{"a", "new"}}, {{"a", "old"}}};
 
+/// Whatever call fails, an undo and a redo have done all, or nothing, or can be resumed.
+TEST_P(RecoveryOfReplacing, after_any_failure_in_an_undo_and_a_redo) {
+    for (const auto& [pair, act] : {std::pair(filesCopied, undo), std::pair(filesMoved, undo),
+                                    std::pair(filesCopied, redo), std::pair(filesMoved, redo)}) {
+        const bool bUndo = act == undo;
+        bool bFailed = true;
+        int failures = 0;
+        for (std::size_t call = 0; bFailed; ++call) {
+            SCOPED_TRACE(std::string(bUndo ? "undo" : "redo") + (pair.bMove ? " move" : " copy") +
+                         ", call " + std::to_string(call));
+            clear();
+            makeFiles(pair);
+            expectDone({replace(pair.bMove, "a", "a")});
+            if (!bUndo) {
+                expectDone({undo});
+            }
+            const Snapshot before = tree();
+            TavroFailure failure;
+            {
+                const NumberedFaults faults({{call, EIO}});
+                failure = act();
+                bFailed = call < faults.calls().size();
+            }
+            EXPECT_TRUE(isPresent(work("a")));
+            if (headwayListed()) {
+                ageRecords();
+                expectDone({resume});
+                EXPECT_EQ(readFile(work("a")), bUndo ? "old" : "new");
+            } else if (failure) {
+                EXPECT_EQ(treeBut(before), before);
+                ++failures;
+            }
+            ASSERT_FALSE(HasFailure());
+        }
+        EXPECT_GT(failures, 5);
+    }
+}
+
 TEST_P(RecoveryOfReplacing, finishes_a_move_and_a_copy) {
     for (const Pair& pair : {filesCopied, filesMoved}) {
         int interrupted = 0;
