@@ -38,6 +38,13 @@ struct TavroBatchStep {
     /// leads that somebody puts on the way. ESTALE then.
     std::optional<std::string> Holder = {};
 
+    /// The path by which what is at `From` is known; empty: that one.
+    std::string Origin = {};
+
+    const std::string& KnownAs() const {
+        return Origin.empty() ? From : Origin;
+    }
+
     // Set by TavroRunBatch:
 
     /// What is at `To` now; an inode of 0: nothing of this step. What was not expected and not

@@ -24,19 +24,39 @@ bool IsTrashed(const TavroStep& Step) {
     return Step.Role == Role::Trashed || Step.Role == Role::Replaced;
 }
 
-/// The inode at a path; 0 when nothing is there.
-std::uint64_t InodeAt(TavroPlaces& Places, const std::string& Path) {
+/// What is at a path; an inode of 0 when nothing is there.
+TavroIdentity IdentityAt(TavroPlaces& Places, const std::string& Path) {
     TavroPlace place;
     struct stat status = {};
     return !Path.empty() && !Places.Find(Path, place) &&
                    TavroStatAt(place.Number(), place.Name.c_str(), status) == 0
-               ? status.st_ino
-               : 0;
+               ? TavroIdentityOf(status)
+               : TavroIdentity();
+}
+
+std::uint64_t InodeAt(TavroPlaces& Places, const std::string& Path) {
+    return IdentityAt(Places, Path).Inode;
 }
 
 /// The path of a hidden name beside another path.
 std::string Beside(const std::string& Path, const std::string& Staged) {
     return Staged.empty() || Path.empty() ? "" : TavroJoin(TavroParentOf(Path), Staged);
+}
+
+/// Where the file of a step shows, and where it is when it does not.
+const std::string& PlaceOf(const TavroStep& Step) {
+    return IsTrashed(Step) ? Step.From : Step.To;
+}
+const std::string& HomeOf(const TavroStep& Step) {
+    return IsTrashed(Step) ? Step.To : Step.From;
+}
+
+/// The file of a step that is at these.
+TavroIdentity AtPlace(const TavroStep& Step) {
+    return IsTrashed(Step) && Step.Source.Inode != 0 ? Step.Source : Step.Identity;
+}
+TavroIdentity AtHome(const TavroStep& Step) {
+    return IsTrashed(Step) || Step.Source.Inode == 0 ? Step.Identity : Step.Source;
 }
 
 /// Whether an operation leads from `To` to `From`.
@@ -45,17 +65,17 @@ bool GoesBack(const TavroOperation& Operation) {
            Operation.Kind == TavroOperationKind::Restore;
 }
 
-/// A copy that came back from the trash of another file system is another file.
-void TakeIdentities(std::vector<TavroStep>& Steps) {
-    std::map<std::string, TavroIdentity> brought;
-    for (const TavroStep& step : Steps) {
+/// A copy that comes back from the trash of another file system is another file.
+void RenewCopies(std::vector<TavroStep>& IoSteps) {
+    std::map<std::string, TavroIdentity> files;
+    for (const TavroStep& step : IoSteps) {
         if (step.Role == Role::Trashed && step.Source.Inode != 0) {
-            brought[step.From] = step.Source;
+            files[step.From] = step.Source;
         }
     }
-    for (TavroStep& step : Steps) {
-        const auto found = step.Role == Role::Copied ? brought.find(step.To) : brought.end();
-        step.Identity = found != brought.end() ? found->second : step.Identity;
+    for (TavroStep& step : IoSteps) {
+        const auto found = step.Role == Role::Copied ? files.find(step.To) : files.end();
+        step.Identity = found == files.end() ? step.Identity : found->second;
     }
 }
 
@@ -71,7 +91,7 @@ std::vector<TavroStep> LatestOf(const std::vector<TavroStep>& Steps) {
             steps.push_back(Steps[i]);
         }
     }
-    TakeIdentities(steps);
+    RenewCopies(steps);
     return steps;
 }
 
@@ -222,6 +242,9 @@ public:
         m_callbacks.BeforeActs = nullptr;
     }
 
+    /// An undo or a redo whose files had exchanged their names is as it was before that.
+    TavroFailure TakeExchangesBack(const std::vector<TavroStep>& Steps);
+
     TavroFailure Settle(TavroStep& IoStep, TavroWhereabouts& OutWhere);
 
     /// @param NotDone  the steps that are not done.
@@ -233,11 +256,11 @@ public:
     }
 
 private:
-    TavroFailure RemoveStaged(const TavroStep& Step);
+    TavroFailure ExchangeBack(const TavroStep& Comes, const std::vector<TavroStep>& Steps);
+    TavroFailure SettlePlace(TavroStep& IoStep);
+    TavroFailure SettleHome(const TavroStep& Step);
     TavroFailure Remove(const std::string& Path, TavroIdentity Identity);
-    TavroFailure MoveStagedBack(const TavroStep& Step);
-    TavroFailure TrashStaged(const TavroStep& Step);
-    TavroFailure Bring(const std::string& From, const std::string& To, std::uint64_t Inode);
+    TavroFailure Bring(const std::string& From, const std::string& To, TavroIdentity& IoIdentity);
     void TakeOwnDirectory(TavroStep& IoStep);
     void RemoveLeftovers();
     void RemoveRecords(const std::vector<TavroStep>& NotDone);
@@ -253,9 +276,8 @@ private:
 };
 
 TavroFailure Settlement::Settle(TavroStep& IoStep, TavroWhereabouts& OutWhere) {
-    TavroFailure failure = IoStep.Role == Role::Replaced ? TrashStaged(IoStep)
-                           : IoStep.Source.Inode == 0    ? MoveStagedBack(IoStep)
-                                                         : RemoveStaged(IoStep);
+    TavroFailure failure = SettlePlace(IoStep);
+    failure = failure ? failure : SettleHome(IoStep);
     TakeOwnDirectory(IoStep);
     OutWhere = TavroFindStep(IoStep, m_places);
     if (!failure && OutWhere == TavroWhereabouts::InBoth) {
@@ -280,17 +302,89 @@ void Settlement::TakeOwnDirectory(TavroStep& IoStep) {
     if (IoStep.Role == Role::CreatedDirectory &&
         (state == TavroOperationState::Doing ||
          (state == TavroOperationState::Redoing && IoStep.Identity.Inode != 0))) {
-        IoStep.Identity.Inode = InodeAt(m_places, IoStep.To);
+        IoStep.Identity = IdentityAt(m_places, IoStep.To);
     } else if (IoStep.Role == Role::RemovedDirectory &&
                (bRestore || state == TavroOperationState::Undoing)) {
-        IoStep.Identity.Inode = InodeAt(m_places, IoStep.From);
+        IoStep.Identity = IdentityAt(m_places, IoStep.From);
     }
 }
 
-/// Only the very file or directory that was made as the copy goes.
-TavroFailure Settlement::RemoveStaged(const TavroStep& Step) {
-    TavroFailure failure = Remove(Beside(Step.To, Step.Staged), Step.Identity);
-    return failure ? failure : Remove(Beside(Step.From, Step.Staged), Step.Source);
+/// What waits beside its place for its name goes back to where it was; a copy, when that is there,
+/// goes for good.
+TavroFailure Settlement::SettlePlace(TavroStep& IoStep) {
+    const std::string hidden = Beside(PlaceOf(IoStep), IoStep.Staged);
+    const TavroIdentity comes = AtPlace(IoStep);
+    if (hidden.empty() || comes.Inode == 0 || InodeAt(m_places, hidden) != comes.Inode) {
+        return {};
+    }
+    TavroPlace place;
+    if (InodeAt(m_places, HomeOf(IoStep)) == comes.Inode && !m_places.Find(hidden, place)) {
+        TavroUnlinkAt(place.Number(), place.Name.c_str()); // of a rename one half reached the disk
+        m_changes.Add(place.Directory);
+        return {};
+    }
+    const bool bCopy = IoStep.Source.Inode != 0 && InodeAt(m_places, HomeOf(IoStep)) != 0;
+    if (bCopy || IoStep.Role == Role::Copied) {
+        return Remove(hidden, comes);
+    }
+    TavroIdentity& home =
+        IoStep.Source.Inode == 0 || IsTrashed(IoStep) ? IoStep.Identity : IoStep.Source;
+    home = comes;
+    return Bring(hidden, HomeOf(IoStep), home);
+}
+
+/// What waits where a file goes to from its place is a copy. Of what was replaced it may be all
+/// that a name is known of.
+TavroFailure Settlement::SettleHome(const TavroStep& Step) {
+    const std::string hidden = Beside(HomeOf(Step), Step.Staged);
+    TavroIdentity copy = AtHome(Step);
+    if (Step.Source.Inode == 0) {
+        return {};
+    }
+    return Step.Role == Role::Replaced && InodeAt(m_places, Step.From) != Step.Source.Inode
+               ? Bring(hidden, Step.To, copy)
+               : Remove(hidden, copy);
+}
+
+TavroFailure Settlement::TakeExchangesBack(const std::vector<TavroStep>& Steps) {
+    const bool bUndoing = m_operation.State == TavroOperationState::Undoing;
+    TavroFailure failure;
+    for (const TavroStep& step : Steps) {
+        if ((bUndoing || m_operation.State == TavroOperationState::Redoing) && !failure &&
+            !step.Staged.empty() && (step.Role == Role::Replaced) == bUndoing) {
+            failure = ExchangeBack(step, Steps);
+        }
+    }
+    return failure;
+}
+
+/// @param Comes  the step whose file may have got its name from another one, which is hidden then.
+TavroFailure Settlement::ExchangeBack(const TavroStep& Comes, const std::vector<TavroStep>& Steps) {
+    const std::string& path = PlaceOf(Comes);
+    const std::string hidden = Beside(path, Comes.Staged);
+    const std::uint64_t there = InodeAt(m_places, hidden);
+    TavroPlace place;
+    TavroIdentity goes;
+    bool bGone = false;
+    for (const TavroStep& step : Steps) {
+        if (there != 0 && &step != &Comes && PlaceOf(step) == path &&
+            AtPlace(step).Inode == there) {
+            goes = AtPlace(step);
+            bGone = bGone || (step.Source.Inode != 0 && step.Role != Role::Copied &&
+                              InodeAt(m_places, HomeOf(step)) == AtHome(step).Inode);
+        }
+    }
+    if (goes.Inode == 0 || InodeAt(m_places, path) != AtPlace(Comes).Inode ||
+        m_places.Find(path, place)) {
+        return {};
+    }
+    if (bGone) {
+        return Remove(hidden, goes);
+    }
+    m_changes.Add(place.Directory);
+    const int error =
+        TavroExchange(place.Number(), Comes.Staged.c_str(), place.Number(), place.Name.c_str());
+    return error == 0 ? TavroFailure() : TavroFail(TavroFailureKind::Write, error, path);
 }
 
 TavroFailure Settlement::Remove(const std::string& Path, TavroIdentity Identity) {
@@ -303,27 +397,16 @@ TavroFailure Settlement::Remove(const std::string& Path, TavroIdentity Identity)
     return TavroRemoveTree(place, {Identity});
 }
 
-/// Brings the file of a step from one path to another one, at which nothing is.
+/// Brings a file from one path to another one, at which nothing is. It may be copied.
 TavroFailure Settlement::Bring(const std::string& From, const std::string& To,
-                               std::uint64_t Inode) {
-    if (From.empty() || InodeAt(m_places, From) != Inode) {
+                               TavroIdentity& IoIdentity) {
+    if (From.empty() || InodeAt(m_places, From) != IoIdentity.Inode) {
         return {};
     }
     std::vector<TavroBatchStep> steps = {{From, To}};
-    return TavroRunBatch(steps, {}, m_callbacks).Failure;
-}
-
-/// What was renamed, to replace something, and has not done so, is the only one of its kind.
-TavroFailure Settlement::MoveStagedBack(const TavroStep& Step) {
-    return Step.Role == Role::Moved
-               ? Bring(Beside(Step.To, Step.Staged), Step.From, Step.Identity.Inode)
-               : TavroFailure();
-}
-
-/// What was replaced, and has the hidden name, is on its way to the trash.
-TavroFailure Settlement::TrashStaged(const TavroStep& Step) {
-    TavroFailure failure = Bring(Beside(Step.To, Step.Staged), Step.To, Step.Identity.Inode);
-    return failure ? failure : Bring(Beside(Step.From, Step.Staged), Step.To, Step.Identity.Inode);
+    TavroFailure failure = TavroRunBatch(steps, {}, m_callbacks).Failure;
+    IoIdentity = failure ? IoIdentity : steps[0].Arrived.Identity;
+    return failure;
 }
 
 /// What was staged and not told of yet: nobody but the operation has made it since its beginning.
@@ -410,7 +493,11 @@ TavroFailure TavroSettle(const TavroOperation& Operation, bool bAlone,
                          const TavroCallbacks& Callbacks, std::vector<TavroStep>& OutDone,
                          std::vector<TavroStep>& OutNotDone) {
     Settlement settlement(Operation, bAlone, Callbacks);
-    for (TavroStep& step : LatestOf(Operation.Steps)) {
+    std::vector<TavroStep> steps = LatestOf(Operation.Steps);
+    if (TavroFailure failure = settlement.TakeExchangesBack(steps)) {
+        return failure;
+    }
+    for (TavroStep& step : steps) {
         TavroWhereabouts where = TavroWhereabouts::Nowhere;
         if (TavroFailure failure = settlement.Settle(step, where)) {
             return failure;

@@ -195,8 +195,9 @@ void TellWhatIsLeft(const std::vector<TavroBatchStep>& Steps, EntryOf GiveEntry,
 TavroTrashedEntry InTrash(const TavroTrashFolders& Folders, const TavroBatchStep& Step) {
     const std::string record = TavroRecordName(TavroNameOf(Step.To));
     const mode_t mode = Step.Seen->State.Mode;
-    return {{Step.From, Step.To, TavroJoin(Folders.Info, record), S_ISDIR(mode) || S_ISLNK(mode)},
-            Step.Arrived.Identity};
+    return {
+        {Step.KnownAs(), Step.To, TavroJoin(Folders.Info, record), S_ISDIR(mode) || S_ISLNK(mode)},
+        Step.Arrived.Identity};
 }
 
 /// What is trashed, as the history keeps it.
@@ -242,7 +243,7 @@ private:
 /// nothing has to be told twice.
 std::string Trashing::Guess(const TavroBatchStep& Step) const {
     constexpr std::uint64_t enough = 100;
-    const std::string name = TavroNameOf(Step.From);
+    const std::string name = TavroNameOf(Step.KnownAs());
     struct stat status = {};
     std::string item;
     std::uint64_t number = 0;
@@ -272,7 +273,7 @@ TavroFailure Trashing::AnnounceCopy(std::size_t Index, const TavroFileState& Mad
 TavroFailure Trashing::Claim(std::size_t Index) {
     TavroBatchStep& step = m_steps[Index];
     std::string name;
-    TavroFailure failure = m_claims.Claim(TavroNameOf(step.From), step.From, name);
+    TavroFailure failure = m_claims.Claim(TavroNameOf(step.KnownAs()), step.KnownAs(), name);
     step.To = failure ? "" : TavroJoin(m_trash.Folders.Files, name);
     return failure;
 }
@@ -317,7 +318,7 @@ TavroFailure Trashing::Retry(std::size_t Index) {
 
 void Trashing::Drop(std::size_t Index) {
     if (!m_steps[Index].To.empty()) {
-        m_claims.Drop(TavroNameOf(m_steps[Index].From), TavroNameOf(m_steps[Index].To));
+        m_claims.Drop(TavroNameOf(m_steps[Index].KnownAs()), TavroNameOf(m_steps[Index].To));
     }
 }
 
@@ -325,7 +326,8 @@ void Trashing::Drop(std::size_t Index) {
 
 TavroTrashReport TavroTrashSelection(const std::vector<TavroOperationEntry>& Entries,
                                      const TavroCallbacks& Callbacks,
-                                     const std::vector<TavroIdentity>& Expected) {
+                                     const std::vector<TavroIdentity>& Expected,
+                                     const std::vector<std::string>& Origins) {
     if (Entries.empty()) {
         return Failed({TavroFailureKind::NothingSelected});
     }
@@ -338,8 +340,11 @@ TavroTrashReport TavroTrashSelection(const std::vector<TavroOperationEntry>& Ent
         return Failed(std::move(failure));
     }
     std::vector<TavroBatchStep>& steps = check.Steps;
+    for (std::size_t i = 0; i < Origins.size(); ++i) {
+        steps[i].Origin = Origins[i];
+    }
     for (TavroBatchStep& step : steps) {
-        step.To = TavroJoin(trash.Folders.Files, TavroNameOf(step.From));
+        step.To = TavroJoin(trash.Folders.Files, TavroNameOf(step.KnownAs()));
     }
     for (std::size_t i = 0; i < Expected.size(); ++i) {
         steps[i].Expected = Expected[i];

@@ -57,9 +57,12 @@ TavroEntriesOnOtherDevices(const std::vector<TavroOperationEntry>& Entries);
 ///
 /// @param Entries   `Path` alone is used. They are checked as TavroCheckTrashable does.
 /// @param Expected  when given, the files that the entries must be, in order; else ItemChanged.
+/// @param Origins   when given, the paths to which they are to be restored, in order: an entry that
+///                  has made way for another one has a hidden name.
 TavroTrashReport TavroTrashSelection(const std::vector<TavroOperationEntry>& Entries,
                                      const TavroCallbacks& Callbacks,
-                                     const std::vector<TavroIdentity>& Expected = {});
+                                     const std::vector<TavroIdentity>& Expected = {},
+                                     const std::vector<std::string>& Origins = {});
 
 /// Puts trashed entries back, all or nothing, and removes their records when all are back.
 ///

@@ -49,6 +49,30 @@ template <typename Items, typename Act> TavroFailure Each(const Items& All, Act 
     return {};
 }
 
+bool IsTrashed(const TavroStep& Step) {
+    return Step.Role == Role::Trashed || Step.Role == Role::Replaced;
+}
+
+/// Where the file of a step shows, and where it is when it does not.
+const std::string& PlaceOf(const TavroStep& Step) {
+    return IsTrashed(Step) ? Step.From : Step.To;
+}
+const std::string& HomeOf(const TavroStep& Step) {
+    return IsTrashed(Step) ? Step.To : Step.From;
+}
+
+/// A file that comes to a path from which another one goes. It waits beside that one, and both
+/// exchange their names.
+struct Swap {
+    TavroStep* Step;                       ///< Of what comes; not to be used when steps were added.
+    std::unique_ptr<TavroStagedCopy> Copy; ///< Knows the places, also where nothing is copied.
+    std::string Hidden;
+    TavroIdentity Comes;
+    std::string Record; ///< In the trash, of what comes from there.
+    bool bRename = false;
+    bool bDone = false;
+};
+
 /// One undo or redo on the disk.
 class Reversal {
 public:
@@ -58,7 +82,7 @@ public:
     Reversal(bool bUndo, const TavroCallbacks& Callbacks, TavroUndoReport& Report,
              Directories Made = {})
         : m_bUndo(bUndo), m_callbacks(Callbacks), m_report(Report), m_steps(Report.Operation.Steps),
-          m_made(std::move(Made)), m_changes(Callbacks.bSync) {}
+          m_made(std::move(Made)), m_changes(Callbacks.bSync), m_progress(Callbacks) {}
 
     TavroFailure Run();
 
@@ -78,12 +102,28 @@ private:
     TavroFailure MakeDirectories();
     void Remember(const std::vector<std::string>& Made);
     void SetModes();
-    static void Dress(const TavroPlace& Place, int Directory, const TavroStep& Step);
+    static void Dress(int Directory, const TavroStep& Step);
     int RemoveDirectory(const std::string& Path, const TavroIdentity& Identity, mode_t& OutMode);
     TavroFailure RemoveDirectories();
     TavroFailure RemoveCreated();
     TavroFailure CreateAgain();
 
+    Steps OutermostCopies();
+    Steps WhatComes(Steps& OutGoes);
+    TavroFailure Stage(TavroStep& Comes, const TavroStep& Goes);
+    TavroFailure TellOfExchange();
+    TavroFailure Exchange(Swap& IoSwap);
+    TavroFailure ExchangeAll();
+    void TakeExchangesBack();
+    TavroFailure FinishExchanges();
+
+    /// Where the file is that is to leave a path.
+    const std::string& Leaving(const std::string& Path) const {
+        const auto hidden = m_hidden.find(Path);
+        return hidden == m_hidden.end() ? Path : hidden->second;
+    }
+
+    void DropExchanged(Steps& IoSteps) const;
     TavroFailure MoveAll();
     TavroFailure RunMoves(const Steps& Of, std::vector<TavroBatchStep>& Moves);
     TavroFailure Trash(const Steps& Entries, std::vector<TavroStep>& OutTrashed,
@@ -105,6 +145,10 @@ private:
     TavroGuard m_guard{TavroAct::Move};
     Directories m_made;
     TavroChanges m_changes;
+    TavroProgressTeller m_progress;
+    TavroHardLinks m_links;
+    std::vector<Swap> m_swaps;
+    std::unordered_map<std::string, std::string> m_hidden; ///< What has left a path, and is to go.
 
     /// Of directories that something goes to: where they were when all was checked.
     std::unordered_map<std::string, std::string> m_ownPaths;
@@ -267,28 +311,26 @@ void Reversal::Remember(const std::vector<std::string>& Made) {
 /// What was there already is not of the operation any more: it keeps its mode, and will stay.
 void Reversal::SetModes() {
     for (TavroStep* step : ToMake()) {
-        TavroPlace place;
-        TavroDescriptor directory;
-        struct stat status = {};
+        TavroPlace inside;
         step->Identity = m_made[DirectoryOf(*step)];
-        if ((step->Mode != 0 || m_bUndo) && !m_places.Find(DirectoryOf(*step), place) &&
-            TavroOpenDirectoryAt(place.Number(), place.Name.c_str(), directory) == 0 &&
-            TavroStat(directory.Number(), status) == 0 &&
-            TavroIdentityOf(status) == step->Identity) {
-            Dress(place, directory.Number(), *step);
+        if ((step->Mode != 0 || m_bUndo) &&
+            !m_places.Find(TavroJoin(DirectoryOf(*step), "x"), inside) &&
+            inside.Directory->Identity == step->Identity) {
+            Dress(inside.Number(), *step);
+            m_changes.Add(inside.Directory);
         }
     }
 }
 
 /// Gives a directory that was made again what it had.
-void Reversal::Dress(const TavroPlace& Place, int Directory, const TavroStep& Step) {
+void Reversal::Dress(int Directory, const TavroStep& Step) {
     struct stat status = {};
     std::vector<TavroAttribute> attributes;
     if (!TavroUnpackAttributes(Step.Attributes, status, attributes)) {
         TavroSetMode(Directory, Step.Mode);
         return;
     }
-    TavroNewEntryTraits traits = TavroTraitsOfNewEntriesIn(Place.Number());
+    TavroNewEntryTraits traits = TavroTraitsOfNewEntriesIn(Directory); // its lists come from above
     TavroAttributesLost lost;
     status.st_mode = S_IFDIR | Step.Mode;
     TavroGiveAttributes(Directory, status, attributes, traits, lost);
@@ -359,11 +401,14 @@ TavroFailure Reversal::CreateAgain() {
 // =================================================================================================
 
 TavroFailure Reversal::MoveAll() {
-    const Steps steps = StepsOf(Role::Moved, m_bUndo);
+    Steps steps = StepsOf(Role::Moved, m_bUndo);
+    if (!m_bUndo) {
+        DropExchanged(steps);
+    }
     std::vector<TavroBatchStep> moves;
     TavroFailure failure = Each(steps, [&](const TavroStep& step) {
         TavroSeenEntry seen;
-        const std::string& from = m_bUndo ? step.To : step.From;
+        const std::string& from = m_bUndo ? Leaving(step.To) : step.From;
         const std::string& to = m_bUndo ? step.From : step.To;
         TavroFailure wrong = CheckFile(step, from, seen);
         wrong = wrong ? wrong : CheckHolder(TavroParentOf(to));
@@ -418,8 +463,10 @@ TavroFailure Reversal::Trash(const Steps& Entries, std::vector<TavroStep>& OutTr
     }
     std::vector<TavroOperationEntry> entries;
     std::vector<TavroIdentity> expected;
+    std::vector<std::string> origins;
     TavroFailure failure = Each(Entries, [&](const TavroStep& step) {
-        const std::string& path = m_bUndo ? step.To : step.From;
+        origins.push_back(m_bUndo ? step.To : step.From);
+        const std::string& path = Leaving(origins.back());
         TavroSeenEntry seen;
         TavroFailure wrong = CheckFile(step, path, seen);
         entries.push_back({TavroNameOf(path), path, false});
@@ -436,7 +483,7 @@ TavroFailure Reversal::Trash(const Steps& Entries, std::vector<TavroStep>& OutTr
         }
         return m_callbacks.BeforeActs ? m_callbacks.BeforeActs(kind, told) : TavroFailure();
     };
-    m_report.Trash = TavroTrashSelection(entries, callbacks, expected);
+    m_report.Trash = TavroTrashSelection(entries, callbacks, expected, origins);
     TavroOperation trashed = TavroOperationOf(m_report.Trash);
     TavroCompleteOperation(trashed);
     OutTrashed = std::move(trashed.Steps);
@@ -456,7 +503,7 @@ struct ByComponents {
 
 /// What was copied into a copied directory goes to the trash with that one. Of what was copied to
 /// one place again and again, the last is there.
-TavroFailure Reversal::TrashCopies() {
+Steps Reversal::OutermostCopies() {
     std::map<std::string, TavroStep*, ByComponents> copies;
     for (TavroStep* step : StepsOf(Role::Copied)) {
         copies[step->To] = step;
@@ -467,8 +514,12 @@ TavroFailure Reversal::TrashCopies() {
             outermost.push_back(step);
         }
     }
+    return outermost;
+}
+
+TavroFailure Reversal::TrashCopies() {
     std::vector<TavroStep> trashed;
-    TavroFailure failure = Trash(outermost, trashed);
+    TavroFailure failure = Trash(OutermostCopies(), trashed);
     m_steps.insert(m_steps.end(), trashed.begin(), trashed.end());
     return failure;
 }
@@ -491,7 +542,8 @@ void Reversal::DropTrashed() {
 
 /// Restores what lies in the trash for the operation.
 TavroFailure Reversal::Restore(Role What) {
-    const Steps steps = StepsOf(What);
+    Steps steps = StepsOf(What);
+    DropExchanged(steps);
     std::vector<TavroTrashedEntry> entries;
     TavroFailure failure = Each(steps, [&](const TavroStep& step) {
         TavroSeenEntry seen;
@@ -538,6 +590,214 @@ TavroFailure Reversal::RestoreCopies() {
 }
 
 // =================================================================================================
+// What takes the place of something else
+// =================================================================================================
+
+/// The steps of what comes to a place from which something goes, and in order the steps of that.
+Steps Reversal::WhatComes(Steps& OutGoes) {
+    const bool bCopy = m_report.Operation.Kind == TavroOperationKind::Copy;
+    const Steps mains = !bCopy    ? StepsOf(Role::Moved)
+                        : m_bUndo ? OutermostCopies()
+                                  : StepsOf(Role::Trashed);
+    std::unordered_map<std::string, TavroStep*> replaced;
+    for (TavroStep* step : StepsOf(Role::Replaced)) {
+        replaced[step->From] = step;
+    }
+    Steps comes;
+    for (TavroStep* main : mains) {
+        const auto found = replaced.find(PlaceOf(*main));
+        if (found != replaced.end()) {
+            comes.push_back(m_bUndo ? found->second : main);
+            OutGoes.push_back(m_bUndo ? main : found->second);
+        }
+    }
+    return comes;
+}
+
+/// Takes out what an exchange has brought.
+void Reversal::DropExchanged(Steps& IoSteps) const {
+    const auto isExchanged = [&](const TavroStep* step) {
+        return m_hidden.count(PlaceOf(*step)) != 0;
+    };
+    IoSteps.erase(std::remove_if(IoSteps.begin(), IoSteps.end(), isExchanged), IoSteps.end());
+}
+
+/// Checks both files, and copies what comes from another mount.
+TavroFailure Reversal::Stage(TavroStep& Comes, const TavroStep& Goes) {
+    TavroSeenEntry goes;
+    TavroSeenEntry comes;
+    TavroPlace from;
+    TavroPlace to;
+    const std::string& path = PlaceOf(Comes);
+    TavroFailure failure = CheckFile(Goes, path, goes);
+    failure = failure ? failure : CheckFile(Comes, HomeOf(Comes), comes);
+    if (!failure && IsTrashed(Comes)) {
+        failure = CheckRecord(Comes, comes.State);
+    }
+    failure.Kind = failure.Kind == Kind::Missing && IsTrashed(Comes) && failure.Path == Comes.To
+                       ? Kind::ItemMissing
+                       : failure.Kind;
+    failure = failure ? failure : m_places.Find(HomeOf(Comes), from);
+    failure = failure ? failure : m_places.Find(path, to);
+    struct stat status = {};
+    std::uint64_t mounts[2] = {};
+    int error = failure ? 0 : TavroStatWithMount(from.Number(), status, mounts[0]);
+    error = failure || error != 0 ? error : TavroStatWithMount(to.Number(), status, mounts[1]);
+    error = failure || error != 0 ? error : TavroStatAt(from.Number(), from.Name.c_str(), status);
+    if (failure || error != 0) {
+        return failure ? failure : TavroFail(Kind::LookAt, error, HomeOf(Comes));
+    }
+    Swap swap{&Comes, nullptr, TavroStagingName(), comes.State.Identity, Comes.Record};
+    swap.bRename =
+        from.Directory->Identity.Device == to.Directory->Identity.Device && mounts[0] == mounts[1];
+    TavroMoveOptions options;
+    options.bNamed = true;
+    options.bSync = false; // all reach the disk together
+    swap.Copy = std::make_unique<TavroStagedCopy>(from, to, options, m_links, m_progress);
+    if (!swap.bRename && !swap.Copy->Stage(status)) {
+        return swap.Copy->Report().Failure;
+    }
+    if (!swap.bRename) {
+        swap.Hidden = swap.Copy->StagedName();
+        swap.Comes = swap.Copy->Staged().Identity;
+        m_changes.AddBytes(to.Directory);
+    }
+    swap.Copy->Rest();
+    m_swaps.push_back(std::move(swap));
+    return {};
+}
+
+/// Tells the history under which names files will wait.
+TavroFailure Reversal::TellOfExchange() {
+    std::vector<TavroStep> told;
+    for (const Swap& swap : m_swaps) {
+        told.push_back(*swap.Step);
+        told.back().Staged = swap.Hidden;
+        if (!swap.bRename) {
+            TavroIdentity& made = IsTrashed(*swap.Step) ? told.back().Source : told.back().Identity;
+            TavroIdentity& old = IsTrashed(*swap.Step) ? told.back().Identity : told.back().Source;
+            old = swap.Copy->Source().Identity;
+            made = swap.Comes;
+        }
+    }
+    return m_callbacks.BeforeActs ? m_callbacks.BeforeActs(m_report.Operation.Kind, told)
+                                  : TavroFailure();
+}
+
+TavroFailure Reversal::Exchange(Swap& IoSwap) {
+    TavroFailure failure = IoSwap.Copy->Wake(m_places);
+    if (failure) {
+        return failure;
+    }
+    const TavroPlace& from = IoSwap.Copy->From();
+    const TavroPlace& to = IoSwap.Copy->To();
+    const char* hidden = IoSwap.Hidden.c_str();
+    struct stat status = {};
+    if (!IoSwap.bRename) {
+        IoSwap.bDone = IoSwap.Copy->Publish(true);
+        failure = IoSwap.Copy->Report().Failure;
+    } else {
+        int error = TavroRenameNoReplace(from.Number(), from.Name.c_str(), to.Number(), hidden);
+        if (error == 0) {
+            error = TavroStatAt(to.Number(), hidden, status);
+            error = error == 0 && TavroIdentityOf(status) != IoSwap.Comes ? ESTALE : error;
+            error = error != 0 ? error
+                               : TavroExchange(to.Number(), hidden, to.Number(), to.Name.c_str());
+            IoSwap.bDone = error == 0;
+            if (error != 0) {
+                TavroRenameNoReplace(to.Number(), hidden, from.Number(), from.Name.c_str());
+            }
+        }
+        failure = error == 0 ? failure : TavroFail(Kind::Replace, error, to.Path(), from.Path());
+    }
+    if (IoSwap.bRename) {
+        m_changes.Add(from.Directory);
+    }
+    m_changes.Add(to.Directory); // was changed last
+    if (IoSwap.bDone) {
+        m_hidden[to.OwnPath()] = TavroJoin(to.Directory->OwnPath, IoSwap.Hidden);
+        IoSwap.Step->Identity = IoSwap.Comes;
+    }
+    IoSwap.Copy->Rest();
+    return failure;
+}
+
+/// Neither of two files that one path is to have in turn is missing for a moment: what comes gets
+/// its name in the moment in which the other one loses it, which goes then.
+TavroFailure Reversal::ExchangeAll() {
+    Steps goes;
+    const Steps comes = WhatComes(goes);
+    TavroFailure failure;
+    for (std::size_t i = 0; i < comes.size() && !failure; ++i) {
+        failure = Stage(*comes[i], *goes[i]);
+    }
+    if (comes.empty()) {
+        return failure;
+    }
+    int error = failure ? 0 : m_changes.Flush();
+    failure = failure || error == 0 ? failure : TavroFail(Kind::Write, error, PlaceOf(*comes[0]));
+    failure = failure ? failure : TellOfExchange();
+    for (Swap& swap : m_swaps) {
+        failure = failure ? failure : Exchange(swap);
+    }
+    error = failure ? 0 : m_changes.Flush();
+    failure = failure || error == 0 ? failure : TavroFail(Kind::Write, error, PlaceOf(*comes[0]));
+    if (failure) {
+        TakeExchangesBack();
+    }
+    return failure;
+}
+
+void Reversal::TakeExchangesBack() {
+    for (Swap& swap : m_swaps) {
+        TavroFailure failure = swap.Copy->Wake(m_places);
+        const TavroPlace& from = swap.Copy->From();
+        const TavroPlace& to = swap.Copy->To();
+        int error = failure || !swap.bDone ? 0
+                                           : TavroExchange(to.Number(), swap.Hidden.c_str(),
+                                                           to.Number(), to.Name.c_str());
+        if (!failure && error == 0 && !swap.bRename) {
+            swap.bDone ? swap.Copy->Withdraw(swap.Hidden) : swap.Copy->GiveUp();
+        } else if (!failure && error == 0 && swap.bDone) {
+            error = TavroRenameNoReplace(to.Number(), swap.Hidden.c_str(), from.Number(),
+                                         from.Name.c_str());
+        }
+        if (failure || error != 0) {
+            m_report.bPartly = true; // it can be settled
+            m_report.Moves.RollBack.push_back(
+                failure ? failure : TavroFail(Kind::MoveTo, error, to.Path(), from.Path()));
+        } else {
+            m_changes.Add(swap.bRename ? from.Directory : to.Directory);
+        }
+    }
+    m_swaps.clear();
+    m_hidden.clear();
+    m_changes.Flush();
+}
+
+/// What was copied goes where it was; what was in the trash has no record any more.
+TavroFailure Reversal::FinishExchanges() {
+    TavroFailure failure;
+    for (Swap& swap : m_swaps) {
+        TavroPlace record;
+        if (!swap.bRename && !(failure = swap.Copy->Wake(m_places))) {
+            swap.Copy->RemoveSource();
+            failure = swap.Copy->Report().Failure;
+            m_changes.Add(swap.Copy->From().Directory);
+        }
+        if (failure) {
+            return failure;
+        }
+        if (!swap.Record.empty() && !m_places.Find(swap.Record, record)) {
+            TavroUnlinkAt(record.Number(), record.Name.c_str());
+            m_changes.Add(record.Directory);
+        }
+        swap.Copy->Rest();
+    }
+    return failure;
+}
+
+// =================================================================================================
 // The whole
 // =================================================================================================
 
@@ -557,14 +817,19 @@ TavroFailure Reversal::TrashReplaced() {
 
 TavroFailure Reversal::Act() {
     const bool bReplaced = !StepsOf(Role::Replaced).empty();
-    TavroFailure failure = bReplaced && !m_bUndo ? TrashReplaced() : TavroFailure();
+    TavroFailure failure = ExchangeAll();
+    failure = failure || m_bUndo ? failure : TrashReplaced();
     m_report.bPartly = bReplaced && !failure && !m_bUndo;
     failure = failure ? failure : ActOnMain();
-    if (failure || !bReplaced || !m_bUndo) {
+    if (failure && !m_report.bPartly) {
+        TakeExchangesBack();
+    }
+    if (failure || !bReplaced) {
         return failure;
     }
     m_report.bPartly = true;
-    return Restore(Role::Replaced);
+    failure = m_bUndo ? Restore(Role::Replaced) : failure;
+    return failure ? failure : FinishExchanges();
 }
 
 TavroFailure Reversal::ActOnMain() {
@@ -694,10 +959,14 @@ TavroFailure Going::Transfer(TavroTransferCallbacks Callbacks) {
     for (const TavroStep& step : m_settled) {
         done.insert(step.From);
     }
+    std::set<std::string> replaced;
     const bool bPlanned =
         std::any_of(operation.Steps.begin(), operation.Steps.end(),
                     [](const TavroStep& step) { return step.Role == Role::Planned; });
     for (const TavroStep& step : operation.Steps) {
+        if (step.Role == Role::Replaced) {
+            replaced.insert(step.From);
+        }
         if (step.Role == Role::Planned && step.Mode <= 2) {
             plan.ConflictPolicy = static_cast<TavroTransferConflictPolicy>(step.Mode);
         }
@@ -711,6 +980,13 @@ TavroFailure Going::Transfer(TavroTransferCallbacks Callbacks) {
             plan.Items.push_back(std::move(item));
         }
     }
+    // What was about to be replaced was decided upon.
+    Callbacks.OnConflict = [&, ask = Callbacks.OnConflict](const TavroTransferConflict& conflict) {
+        return replaced.count(conflict.DestinationPath) != 0
+                   ? TavroConflictAnswer{TavroConflictChoice::Overwrite, false}
+               : ask ? ask(conflict)
+                     : TavroConflictAnswer{TavroConflictChoice::Skip, false};
+    };
     Callbacks.IsDone = [&](const std::string& path) { return done.count(path) != 0; };
     TavroCarryOutTransfer(plan, Callbacks, m_report.Transfer);
     operation.Steps = TavroOperationOf(m_report.Transfer, plan.bMove).Steps;
@@ -750,7 +1026,15 @@ void Going::EndWhatIsUndone() {
     bool bUndo = true;
     m_before = *next;
     m_report.Operation = std::move(*next);
-    if (Settle(bUndo, true)) {
+    TavroFailure failure = Settle(bUndo, true);
+    const std::vector<TavroStep>& left = m_report.Operation.Steps;
+    const bool bMore = std::any_of(left.begin(), left.end(), [](const TavroStep& step) {
+        return step.Role != Role::RemovedDirectory && step.Role != Role::CreatedDirectory;
+    });
+    if (!failure && !bMore && !left.empty()) { // directories may still lack their modes
+        failure = Reversal(bUndo, m_callbacks, m_report, m_made).Run();
+    }
+    if (failure || bMore) {
         m_history.LeaveOperation();
     } else {
         End(bUndo);

@@ -7,6 +7,7 @@
 #include "journal.h"
 #include "names.h"
 #include "record.h"
+#include "transfer.h"
 #include "trash_folders.h"
 #include "undo.h"
 
@@ -227,6 +228,28 @@ protected:
         };
     }
 
+    /// Moves or copies an entry of the documents to where another one is, which it replaces.
+    Act replace(bool bMove, const std::string& name, const std::string& target) const {
+        return [this, bMove, name, target] {
+            return keep([&](const TavroCallbacks& callbacks) {
+                TavroTransferPlan plan;
+                plan.bMove = bMove;
+                plan.ConflictPolicy = TavroTransferConflictPolicy::Overwrite;
+                TavroTransferItemPlan item;
+                item.Name = TavroNameOf(name);
+                item.SourcePath = m_box / "home/docs" / name;
+                item.DestinationPath = work(target);
+                plan.Items.push_back(item);
+                TavroTransferReport report;
+                const auto overwrite = [](const TavroTransferConflict&) {
+                    return TavroConflictAnswer{TavroConflictChoice::Overwrite, false};
+                };
+                EXPECT_TRUE(TavroCarryOutTransfer(plan, {callbacks, overwrite, {}}, report));
+                return TavroOperationOf(report, bMove);
+            });
+        };
+    }
+
     /// What was moved or copied, as another room does and records it.
     void record(Kind kind, const std::vector<TavroStep>& steps) const {
         TavroOperation operation;
@@ -249,9 +272,9 @@ protected:
     struct Plan {
         std::function<void()> Prepare;
         Act Do;
-        std::uint64_t Count = 1; ///< How many main steps it has.
-        bool bGoesBack = false;  ///< It is an undo: the next undo goes the same way,
-        bool bForgotten = false; ///< It does not stay in the history when it is done.
+        std::uint64_t Count = 1;  ///< How many main steps it has.
+        bool bGoesBack = false;   ///< It is an undo: the next undo goes the same way,
+        std::string Present = {}; ///< A name to work with that is there at every moment.
     };
 
     /// Kills an act before its first call, its second … until it is not killed, and lets the next
@@ -307,6 +330,7 @@ private:
             }
             SCOPED_TRACE("killed before call " + std::to_string(call));
             const Snapshot cut = tree();
+            EXPECT_TRUE(plan.Present.empty() || isPresent(work(plan.Present)));
             const std::optional<TavroHeadway> headway = headwayListed();
             EXPECT_EQ(tree(), cut) << "who lists changes nothing";
             if (headway) {
@@ -519,6 +543,122 @@ TEST_P(Recovery, of_an_undo_and_a_redo_of_a_copy) {
         expectDone({undo});
     };
     killEverywhere({prepareRedo, redo, 2});
+}
+
+/// What replaces and what is replaced.
+struct Pair {
+    const char* Name;
+    bool bMove;
+    std::vector<std::pair<std::string, std::string>> Comes; ///< Names and bytes.
+    std::vector<std::pair<std::string, std::string>> Goes;
+};
+
+class RecoveryOfReplacing : public Recovery {
+protected:
+    void makeFiles(const Pair& pair) const {
+        for (const auto& [name, bytes] : pair.Comes) {
+            writeFile(m_box / "home/docs" / name, bytes);
+        }
+        for (const auto& [name, bytes] : pair.Goes) {
+            writeFile(work(name), bytes);
+        }
+    }
+
+    void killUndoAndRedo(const Pair& pair) {
+        SCOPED_TRACE(pair.Name);
+        const auto prepare = [=] {
+            makeFiles(pair);
+            expectDone({replace(pair.bMove, "a", "a")});
+        };
+        killEverywhere({prepare, undo, 1, true, "a"});
+        const auto prepareRedo = [=] {
+            prepare();
+            expectDone({undo});
+        };
+        killEverywhere({prepareRedo, redo, 1, false, "a"});
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Within, RecoveryOfReplacing, testing::Values(false));
+INSTANTIATE_TEST_SUITE_P(Across, RecoveryOfReplacing, testing::Values(true));
+
+const Pair filesCopied{"files", false, {{"a", "new"}}, {{"a", "old"}}};
+const Pair filesMoved{"files", true, {{"a", "new"}}, {{"a", "old"}}};
+
+/// Whatever call fails, an undo and a redo have done all, or nothing, or can be resumed.
+TEST_P(RecoveryOfReplacing, after_any_failure_in_an_undo_and_a_redo) {
+    for (const auto& [pair, act] : {std::pair(filesCopied, undo), std::pair(filesMoved, undo),
+                                    std::pair(filesCopied, redo), std::pair(filesMoved, redo)}) {
+        const bool bUndo = act == undo;
+        bool bFailed = true;
+        int failures = 0;
+        for (std::size_t call = 0; bFailed; ++call) {
+            SCOPED_TRACE(std::string(bUndo ? "undo" : "redo") + (pair.bMove ? " move" : " copy") +
+                         ", call " + std::to_string(call));
+            clear();
+            makeFiles(pair);
+            expectDone({replace(pair.bMove, "a", "a")});
+            if (!bUndo) {
+                expectDone({undo});
+            }
+            const Snapshot before = tree();
+            TavroFailure failure;
+            {
+                const NumberedFaults faults({{call, EIO}});
+                failure = act();
+                bFailed = call < faults.calls().size();
+            }
+            EXPECT_TRUE(isPresent(work("a")));
+            if (headwayListed()) {
+                ageRecords();
+                expectDone({resume});
+                EXPECT_EQ(readFile(work("a")), bUndo ? "old" : "new");
+            } else if (failure) {
+                EXPECT_EQ(treeBut(before), before);
+                ++failures;
+            }
+            ASSERT_FALSE(HasFailure());
+        }
+        EXPECT_GT(failures, 5);
+    }
+}
+
+TEST_P(RecoveryOfReplacing, finishes_a_move_and_a_copy) {
+    for (const Pair& pair : {filesCopied, filesMoved}) {
+        int interrupted = 0;
+        bool bKilled = true;
+        for (int call = 1; bKilled; ++call) {
+            SCOPED_TRACE((pair.bMove ? "move, call " : "copy, call ") + std::to_string(call));
+            clear();
+            makeFiles(pair);
+            bKilled = isKilledBefore(call, replace(pair.bMove, "a", "a"));
+            EXPECT_TRUE(isPresent(work("a")));
+            if (headwayListed()) {
+                ++interrupted;
+                ageRecords();
+                expectDone({resume});
+                EXPECT_EQ(readFile(work("a")), "new");
+                EXPECT_EQ(isPresent(m_box / "home/docs/a"), !pair.bMove);
+                EXPECT_FALSE(headwayListed());
+            }
+            ASSERT_FALSE(HasFailure());
+        }
+        EXPECT_GT(interrupted, 5);
+    }
+}
+
+TEST_P(RecoveryOfReplacing, of_an_undo_and_a_redo_of_a_move) {
+    killUndoAndRedo(filesMoved);
+    killUndoAndRedo(
+        {"a file for a directory", true, {{"a", "new"}}, {{"a/b", "1"}, {"a/c/d", "2"}}});
+}
+
+TEST_P(RecoveryOfReplacing, of_an_undo_and_a_redo_of_a_copy) {
+    killUndoAndRedo(filesCopied);
+    if (!GetParam()) { // else which of two items in the trash has which name can be another one
+        killUndoAndRedo(
+            {"a directory for a file", false, {{"a/b", "1"}, {"a/c/d", "2"}}, {{"a", "old"}}});
+    }
 }
 
 // ---------------------------------------------------------------------------------------------

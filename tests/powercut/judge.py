@@ -214,7 +214,18 @@ def trees_of(world, origin):
     return trees + [subtree(world.User, origin)] if origin in world.User else trees
 
 
-def judge_trash(case, seen):
+def is_rest(item, seen, expected, settled):
+    """Whether an item is what was left of a source whose copy is whole elsewhere. Nobody compares
+    it with that any more, so it has gone to the trash, and not away for good. Only once all is
+    settled the whole may be back where the rest was; before, that is a source being trashed."""
+    if item.Origin in seen.User and not settled:
+        return False
+    elsewhere = contents(seen.User).union(*(contents(one.Tree) for one in seen.Trash
+                                            if one is not item))
+    return any(contents(tree) <= elsewhere for tree in expected)
+
+
+def judge_trash(case, seen, settled):
     """Every item has its record whole, and is what the record says."""
     for item in seen.Trash:
         if not item.Origin:
@@ -231,7 +242,8 @@ def judge_trash(case, seen):
                          for tree in expected if below in tree):
                 yield Fault("wrong", f"{item.Name}/{below} in the trash is {node.content()}")
         leaving = item.Origin in [one.Origin for one in case.Before.Trash]
-        if not leaving and not any(files(tree).keys() <= item.Tree.keys() for tree in expected):
+        if not leaving and not is_rest(item, seen, expected, settled) and \
+                not any(files(tree).keys() <= item.Tree.keys() for tree in expected):
             yield Fault("part", f"{item.Name} in the trash has {len(files(item.Tree))} files")
 
 
@@ -287,9 +299,10 @@ def judge_done(case, seen):
         yield Fault("done", f"the record {name} has no item")
 
 
-def judge(case, seen, done, interrupted=False):
-    """All faults of what was found. `done` says that the command had ended and said done."""
-    faults = [*judge_names(case, seen), *judge_units(case, seen), *judge_trash(case, seen),
+def judge(case, seen, done, interrupted=False, settled=False):
+    """All faults of what was found. `done` says that the command had ended and said done, `settled`
+    that undo, redo or resume have."""
+    faults = [*judge_names(case, seen), *judge_units(case, seen), *judge_trash(case, seen, settled),
               *judge_bytes(case, seen, interrupted)]
     return faults + list(judge_done(case, seen)) if done else faults
 

@@ -111,6 +111,11 @@ class EachRuleIsSeen(unittest.TestCase):
         case = case_of(scenarios.trash(f"{DOCS}/tree"))
         item = Item(f"{DOCS}/tree", {"": directory(), "one": file("one")})
         self.says("lost part", case, seen_of(case.After, trash=[item]))
+        whole = Item(f"{DOCS}/tree", {**item.Tree, "two": file("two")})
+        self.says("", case, seen_of(case.After, trash=[item, whole]))
+        self.says("part", case, seen_of(case.Before, trash=[item]))
+        self.assertEqual([], judge.judge(case, seen_of(case.Before, trash=[item]), False,
+                                         settled=True))
         empty = Item(f"{DOCS}/old", {"": file("")})
         self.says("short", TRASH, seen_of(TRASH.Before, trash=[empty]))
 

@@ -229,13 +229,13 @@ class Try:
         told = self.run("tavro", [verb])
         third = eyes.look()
         # What is in neither world any more may be gone; what an undo brings back is in the old one.
-        faults += judge.judge(case, third, False)
+        faults += judge.judge(case, third, False, settled=True)
         faults += judge.judge_settled(case, third, said(verb, told), told.Status, expected)
         if third.Hidden:
             faults += judge.judge_told(case, third, True, "", self.run("tavro", ["doctor"]).Text)
             self.run("tavro", ["doctor", "--mend-all"])
             mended = eyes.look()
-            faults += judge.judge(case, mended, False)
+            faults += judge.judge(case, mended, False, settled=True)
             faults += [Fault("leftover", f"{path} is there after doctor --mend-all")
                        for path in mended.Hidden]
         if told.Status not in (0, 1):
