@@ -423,7 +423,9 @@ void TavroDatabase::Connect() {
     // What is committed is synced by Sync: SQLite would sync the directory each time, too.
     Execute("PRAGMA synchronous=NORMAL;PRAGMA cell_size_check=ON;PRAGMA secure_delete=OFF");
     bNewLog = TavroStatAt(Place.Number(), (Place.Name + logSuffix).c_str(), status) != 0;
+    Run("BEGIN"); // of one moment: another process may be creating it
     CheckSchema();
+    sqlite3_exec(Connection, "COMMIT", nullptr, nullptr, nullptr);
     if (Code == SQLITE_EMPTY) {
         CreateSchema();
     }

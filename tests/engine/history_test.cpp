@@ -884,6 +884,28 @@ TEST_F(History, what_was_undone_and_redone_meanwhile_is_read_again) {
     EXPECT_EQ(listed()[1].State, TavroOperationState::Undoing);
 }
 
+TEST_F(History, what_several_create_at_once_is_never_taken_for_damaged) {
+    for (int round = 0; round < 100; ++round) {
+        fs::remove_all(m_sandbox / "state");
+        std::vector<pid_t> children;
+        for (int i = 0; i < 8; ++i) {
+            children.push_back(fork());
+            if (children.back() == 0) {
+                TavroHistory history;
+                const auto patience = std::chrono::seconds(20);
+                const bool bOpen = !history.Open(file().string(), patience);
+                _exit(bOpen && history.Notice().empty() ? 0 : 1);
+            }
+        }
+        for (const pid_t child : children) {
+            int status = 0;
+            ASSERT_EQ(waitpid(child, &status, 0), child);
+            EXPECT_EQ(status, 0) << "in round " << round;
+        }
+        ASSERT_FALSE(HasFailure());
+    }
+}
+
 TEST_F(History, a_transaction_that_is_taken_back_changes_nothing) {
     TavroHistory history;
     open(history);
