@@ -89,6 +89,7 @@ int RunDrop() {
     if (TavroOpenHistory(history)) {
         return TavroExitFailed;
     }
+    history.WaitForDisk(TavroShouldSync());
     std::optional<TavroOperation> newest;
     TavroFailure failure = history.NextToUndo(newest);
     if (!failure) {

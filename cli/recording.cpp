@@ -64,7 +64,7 @@ CLI::Option* TavroAddNoSync(CLI::App& Command) {
 
 bool TavroShouldSync(const CLI::Option* NoSync) {
     const char* sync = std::getenv("TAVRO_SYNC");
-    return NoSync->empty() && (sync == nullptr || std::string(sync) != "no");
+    return (NoSync == nullptr || NoSync->empty()) && (sync == nullptr || std::string(sync) != "no");
 }
 
 std::string TavroKindText(TavroOperationKind Kind) {

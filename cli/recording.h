@@ -34,7 +34,7 @@ private:
 
 /// --no-sync, and whether the disk is waited for: not with it, nor with TAVRO_SYNC=no.
 CLI::Option* TavroAddNoSync(CLI::App& Command);
-bool TavroShouldSync(const CLI::Option* NoSync);
+bool TavroShouldSync(const CLI::Option* NoSync = nullptr);
 
 /// The name of the command that does such operations.
 std::string TavroKindText(TavroOperationKind Kind);

@@ -8,6 +8,7 @@
 #include "transfer.h"
 #include "undo.h"
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <csignal>
@@ -70,6 +71,13 @@ TavroConflictJudge::Ask ConflictHandler(const OnConflict& What, TavroProgressBar
     };
 }
 
+/// Whether something was replaced and is not in the trash.
+bool HasDeleted(const TavroTransferReport& Report) {
+    const auto isReplaced = [](const TavroTransferredEntry& entry) { return entry.bReplaced; };
+    return Report.Replaced.empty() &&
+           std::any_of(Report.Done.begin(), Report.Done.end(), isReplaced);
+}
+
 void PrintReport(const TavroTransferReport& Report, bool bMove, bool bQuiet) {
     for (const std::string& path : Report.Skipped) {
         TavroPrintError("Skipped, as something is in its place: '" + path + "'");
@@ -80,6 +88,9 @@ void PrintReport(const TavroTransferReport& Report, bool bMove, bool bQuiet) {
         if (!bQuiet) {
             TavroPrintLine(stdout, (bMove ? "Moved " : "Copied ") + entry.From + " -> " + entry.To);
         }
+    }
+    if (!bQuiet && HasDeleted(Report)) {
+        TavroPrintLine(stdout, "What was replaced is deleted; that cannot be undone.");
     }
 }
 
@@ -128,15 +139,23 @@ bool ShouldKeep() {
     return bKeep;
 }
 
-int RunTransfer(TavroTransferPlan& Plan, const OnConflict& What, bool bQuiet, bool bSync) {
+/// How the command was told to work.
+struct Manner {
+    bool bQuiet;
+    bool bSync;
+    bool bKeep; ///< What is replaced goes to the trash.
+};
+
+int RunTransfer(TavroTransferPlan& Plan, const OnConflict& What, const Manner& How) {
     TavroCatchInterrupts();
     TavroTransferReport report;
     bool bStopped = false;
     TavroRecording recording;
     {
-        TavroProgressBar bar(bQuiet);
-        TavroTransferCallbacks callbacks{recording.Bind(bar.Callbacks(), bSync),
+        TavroProgressBar bar(How.bQuiet);
+        TavroTransferCallbacks callbacks{recording.Bind(bar.Callbacks(), How.bSync),
                                          ConflictHandler(What, bar, bStopped)};
+        callbacks.bKeepReplaced = How.bKeep;
         callbacks.ShouldKeep = [&bar, begin = Clock::now()] {
             bar.Clear();
             return Clock::now() - begin > std::chrono::seconds(1) && ShouldKeep();
@@ -149,11 +168,12 @@ int RunTransfer(TavroTransferPlan& Plan, const OnConflict& What, bool bQuiet, bo
     } else {
         recording.End(TavroOperationOf(report, Plan.bMove));
     }
+    // To take a new entry away where the old one is deleted would leave nothing.
     if (report.bCancelled && !bStopped && !report.bUnsettled && !report.Done.empty() &&
-        TakeBack()) {
+        !HasDeleted(report) && TakeBack()) {
         report.Done.clear();
     }
-    PrintReport(report, Plan.bMove, bQuiet);
+    PrintReport(report, Plan.bMove, How.bQuiet);
     return ExitCodeOf(report, What, bStopped);
 }
 
@@ -168,6 +188,8 @@ void AddTransfer(CLI::App& App, bool bMove, TavroCommandTable& Table) {
     onConflict->type_name("ask|overwrite|skip|keep-both")
         ->description("What is done about something in the way; without a terminal, ask skips")
         ->check(CLI::IsMember(onConflicts));
+    CLI::Option* noKeep = command->add_flag(
+        "--no-keep", "Delete what is replaced, instead of trashing it; that cannot be undone");
     CLI::Option* dryRun = command->add_flag("-n,--dry-run", "Show the plan and do nothing");
     CLI::Option* quiet = TavroAddQuiet(*command);
     CLI::Option* noSync = TavroAddNoSync(*command);
@@ -179,7 +201,8 @@ void AddTransfer(CLI::App& App, bool bMove, TavroCommandTable& Table) {
             return TavroExitFailed;
         }
         if (dryRun->empty()) {
-            return RunTransfer(plan, what, !quiet->empty(), TavroShouldSync(noSync));
+            return RunTransfer(plan, what,
+                               {!quiet->empty(), TavroShouldSync(noSync), noKeep->empty()});
         }
         TavroPrintPlan(plan);
         return TavroExitDone;

@@ -188,7 +188,8 @@ struct TavroDatabase {
     TavroFailure Transact(Access What, const std::function<void()>& Do, bool bAgain = false);
     void Sync();
     TavroFailure Change(const char* Text);
-    TavroFailure ReadNext(const char* Which, std::optional<TavroOperation>& OutOperation);
+    TavroFailure ReadNext(const std::string& Which, std::optional<TavroOperation>& OutOperation);
+    bool IsAsItWas(const TavroOperation& Operation);
     TavroFailure HoldLock(std::int64_t Id);
     bool IsRunning(std::int64_t Id);
     void InsertSteps(std::int64_t Id, std::int64_t First, const std::vector<TavroStep>& Steps);
@@ -207,6 +208,7 @@ struct TavroDatabase {
     bool bNewLog = false;    ///< The name of the log may not be on the disk.
     sqlite3* Connection = nullptr;
     int Code = SQLITE_OK;
+    std::int64_t ReadVersion = 0; ///< Of what others have written, when an operation was read.
     TavroDescriptor Running; ///< The file of which each operation on its way has locked a byte.
 };
 
@@ -423,7 +425,9 @@ void TavroDatabase::Connect() {
     // What is committed is synced by Sync: SQLite would sync the directory each time, too.
     Execute("PRAGMA synchronous=NORMAL;PRAGMA cell_size_check=ON;PRAGMA secure_delete=OFF");
     bNewLog = TavroStatAt(Place.Number(), (Place.Name + logSuffix).c_str(), status) != 0;
+    Run("BEGIN"); // of one moment: another process may be creating it
     CheckSchema();
+    sqlite3_exec(Connection, "COMMIT", nullptr, nullptr, nullptr);
     if (Code == SQLITE_EMPTY) {
         CreateSchema();
     }
@@ -624,10 +628,12 @@ void DropSurplus(TavroDatabase& Database) {
     }
 }
 
-/// Removes so many steps of operations that were taken off the list.
+/// Removes so many steps of operations that were taken off the list. The newest operation stays, so
+/// that no number is given twice: another process may still be waiting for it.
 void RemoveDropped(TavroDatabase& Database, std::int64_t Count) {
     while (Count > 0) {
-        Statement dropped(Database, "SELECT id, steps FROM operation WHERE state = 2 LIMIT 1");
+        Statement dropped(Database, "SELECT id, steps FROM operation WHERE state = 2 AND id < "
+                                    "(SELECT max(id) FROM operation) LIMIT 1");
         if (!dropped.Next()) {
             return;
         }
@@ -661,7 +667,6 @@ void TavroDatabase::InsertSteps(std::int64_t Id, std::int64_t First,
 /// What could be redone is dropped by what is new.
 void TavroDatabase::Insert(TavroOperation& Operation) {
     Run("UPDATE operation SET state = 2 WHERE state = 1");
-    // What was dropped is still there, so no number is given twice.
     Run("INSERT INTO operation (kind, state, time, steps, entries, bytes) "
         "VALUES (?, ?, ?, ?, ?, ?)",
         Integer(Operation.Kind), Integer(Operation.State), Operation.Time,
@@ -745,12 +750,25 @@ TavroFailure TavroHistory::BeginOperation(TavroOperation& Operation) {
     });
 }
 
+/// Whether an operation that was read is still the same. What was undone and redone meanwhile has
+/// its state again, and other steps.
+bool TavroDatabase::IsAsItWas(const TavroOperation& Operation) {
+    Statement version(*this, "PRAGMA data_version");
+    if (version.Next() && version.Number(0) == ReadVersion) {
+        return true; // nobody has written
+    }
+    std::optional<TavroOperation> now;
+    ReadNext("id = " + std::to_string(Operation.Id), now);
+    return now && now->State == Operation.State && now->Steps == Operation.Steps;
+}
+
 TavroFailure TavroHistory::ContinueOperation(const TavroOperation& Operation,
                                              TavroOperationState NewState, bool& OutChanged) {
     TavroFailure failure = m_database->HoldLock(Operation.Id);
     failure = failure ? failure : m_database->Transact(Access::Write, [&] {
-        m_database->Run("UPDATE operation SET state = ? WHERE id = ? AND state = ?",
-                        Integer(NewState), Operation.Id, Integer(Operation.State));
+        m_database->Run("UPDATE operation SET state = ? WHERE id = ? AND state = ? AND ?",
+                        Integer(NewState), Operation.Id, Integer(Operation.State),
+                        Integer(m_database->IsAsItWas(Operation)));
         OutChanged = sqlite3_changes(m_database->Connection) == 0;
     });
     if (failure || OutChanged) {
@@ -881,12 +899,14 @@ bool ReadOperation(Statement& Row, TavroOperation& OutOperation) {
 
 } // namespace
 
-TavroFailure TavroDatabase::ReadNext(const char* Which,
+TavroFailure TavroDatabase::ReadNext(const std::string& Which,
                                      std::optional<TavroOperation>& OutOperation) {
     bool bValid = true;
     TavroFailure failure = Transact(Access::Read, [&] {
         OutOperation.reset();
         bValid = true;
+        Statement version(*this, "PRAGMA data_version");
+        ReadVersion = version.Next() ? version.Number(0) : 0;
         Statement row(*this, operationsWhere + Which);
         Statement steps(*this, stepsOfOne);
         if (row.Next()) {

@@ -29,10 +29,8 @@ TavroStep StepOf(Role What, const std::string& From, const std::string& To,
 TavroOperation TavroOperationOf(const TavroTransferReport& Report, bool bMove) {
     TavroOperation operation = Begin(bMove ? TavroOperationKind::Move : TavroOperationKind::Copy);
     for (const TavroTransferredEntry& entry : Report.Done) {
-        if (bMove || !entry.bReplaced || !Report.Replaced.empty()) {
-            operation.Steps.push_back(
-                StepOf(bMove ? Role::Moved : Role::Copied, entry.From, entry.To, entry.Arrived));
-        }
+        operation.Steps.push_back(
+            StepOf(bMove ? Role::Moved : Role::Copied, entry.From, entry.To, entry.Arrived));
     }
     if (operation.Steps.empty()) {
         return operation;

@@ -29,7 +29,7 @@ _tavro() {
   esac
   local command=${COMP_WORDS[1]} options=--help
   case $command in
-  copy | move) options+=' --in --on-conflict --dry-run --quiet --no-sync' ;;
+  copy | move) options+=' --in --on-conflict --no-keep --dry-run --quiet --no-sync' ;;
   plan) options+=' --in --json' ;;
   rename) options+=' --no-sync' ;;
   mkdir) options+=' --in --no-sync' ;;

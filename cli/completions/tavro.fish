@@ -24,6 +24,7 @@ complete -c tavro -f -n $none -a size -d 'Add up the sizes of the files in folde
 
 complete -c tavro -n '__fish_seen_subcommand_from copy move plan mkdir' -l in -r -d 'Relative to this directory'
 complete -c tavro -n '__fish_seen_subcommand_from copy move' -l on-conflict -x -a 'ask overwrite skip keep-both' -d 'What is done about something in the way'
+complete -c tavro -n '__fish_seen_subcommand_from copy move' -l no-keep -d 'Delete what is replaced, which cannot be undone'
 complete -c tavro -n '__fish_seen_subcommand_from copy move' -s n -l dry-run -d 'Show the plan and do nothing'
 complete -c tavro -n '__fish_seen_subcommand_from copy move trash undo redo resume restore empty' -s q -l quiet -d 'No progress, no list'
 complete -c tavro -n '__fish_seen_subcommand_from copy move rename mkdir delete trash undo redo resume restore empty' -l no-sync -d 'Do not wait until everything is on the disk'

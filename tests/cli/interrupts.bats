@@ -129,6 +129,24 @@ on_own_terminal() { # TEXT KEYS COMMAND…
   expect "$(ls d)" ''
 }
 
+@test "an interrupted move that has deleted what it replaced leaves what is done" {
+  needs_strace
+  mkdir d
+  for name in a b; do
+    echo new >$name
+    echo old >d/$name
+  done
+  run --separate-stderr at renameat2 INT 1 "$TAVRO" move a b d --no-keep --on-conflict overwrite
+  expect "$(ending)" 'exited with 130'
+  expect "$output" "Moved $PWD/a -> $PWD/d/a
+What was replaced is deleted; that cannot be undone."
+  expect "$stderr" 'tavro: Interrupted: what is listed is done.'
+  expect "$(cat d/a b d/b)" $'new\nnew\nold'
+  run -0 tavro undo
+  expect "$(cat a)" new
+  expect "$(ls -A d)" b
+}
+
 @test "an interrupted copy leaves nothing half done" {
   needs_strace
   mkdir src

@@ -114,6 +114,54 @@ load helpers
   run -2 tavro copy a b --on-conflict perhaps
 }
 
+@test "what is replaced goes to the trash, and undo brings it back" {
+  for act in copy move; do
+    echo new >a
+    echo old >b
+    run -0 tavro "$act" a b --on-conflict overwrite
+    expect "${#lines[@]}" 1
+    expect "$(cat "$HOME/.local/share/Trash/files/b")" old
+    run -0 tavro undo
+    expect "$(cat a b)" $'new\nold'
+    rm -r "$HOME/.local/share/Trash"
+  done
+}
+
+@test "--no-keep deletes what is replaced and says so; undo takes the new entry away alone" {
+  trash=$HOME/.local/share/Trash
+  mkdir before
+  tavro rename before after
+  for act in copy move; do
+    echo new >a
+    echo old >b
+    run -0 --separate-stderr tavro "$act" a b --no-keep --on-conflict overwrite
+    expect "${lines[-1]}" 'What was replaced is deleted; that cannot be undone.'
+    expect "$(cat b)" new
+    expect "$(find "$trash" -type f 2>/dev/null)" ''
+    run -0 tavro undo
+    expect "${output%%$'\n'*}" "Undone: $act"
+    expect "$(cat a)" new
+    [ ! -e b ]
+    [ -d after ]
+    expect "$(find "$trash" -type f -exec grep -l old {} +)" ''
+    run -0 tavro redo
+    expect "$(cat b)" new
+    run -0 tavro undo
+    rm -rf "$trash"
+  done
+  expect "$(ls -A)" $'a\nafter'
+}
+
+@test "--no-keep says nothing with -q, and nothing where nothing was replaced" {
+  touch a b c
+  run -0 tavro copy a b --no-keep --on-conflict overwrite -q
+  expect "$output" ''
+  run -0 tavro copy a d --no-keep
+  expect "$output" "Copied $PWD/a -> $PWD/d"
+  run -0 tavro copy a b --no-keep --on-conflict skip
+  expect "$output" "tavro: Skipped, as something is in its place: '$PWD/a'"
+}
+
 @test "a conflict is asked about on a terminal" {
   echo new >a
   echo old >b

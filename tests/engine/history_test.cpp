@@ -843,6 +843,70 @@ TEST_F(History, readers_never_wait_for_a_writer_and_see_what_was_before) {
     EXPECT_EQ(listed().size(), 2U);
 }
 
+TEST_F(History, no_number_is_given_twice_not_even_that_of_what_has_done_nothing) {
+    TavroHistory history;
+    open(history);
+    std::int64_t before = 0;
+    for (int i = 0; i < 3; ++i) {
+        TavroOperation operation = renameOf("/a", "/b");
+        operation.State = TavroOperationState::Doing;
+        ASSERT_FALSE(history.BeginOperation(operation));
+        EXPECT_GT(operation.Id, before);
+        before = operation.Id;
+        operation.Steps.clear();
+        ASSERT_FALSE(history.EndOperation(operation, false));
+        EXPECT_EQ(listed().size(), 0U);
+    }
+    EXPECT_EQ(query(file(), "SELECT count(*) FROM operation"), 1);
+}
+
+TEST_F(History, what_was_undone_and_redone_meanwhile_is_read_again) {
+    record(renameOf("/a", "/b"));
+    TavroHistory one;
+    TavroHistory other;
+    open(one);
+    open(other);
+    std::optional<TavroOperation> taken;
+    ASSERT_FALSE(one.NextToUndo(taken));
+    ASSERT_TRUE(taken);
+    TavroOperation redone = *taken;
+    redone.Steps[0].Identity = {7, 8};
+    bool bChanged = true;
+    ASSERT_FALSE(other.ContinueOperation(*taken, TavroOperationState::Redoing, bChanged));
+    EXPECT_FALSE(bChanged);
+    ASSERT_FALSE(other.EndOperation(redone, false));
+    ASSERT_FALSE(one.ContinueOperation(*taken, TavroOperationState::Undoing, bChanged));
+    EXPECT_TRUE(bChanged);
+    EXPECT_EQ(listed()[0].State, TavroOperationState::Done);
+    ASSERT_FALSE(one.NextToUndo(taken));
+    record(renameOf("/c", "/d")); // another one does not count
+    ASSERT_FALSE(one.ContinueOperation(*taken, TavroOperationState::Undoing, bChanged));
+    EXPECT_FALSE(bChanged);
+    EXPECT_EQ(listed()[1].State, TavroOperationState::Undoing);
+}
+
+TEST_F(History, what_several_create_at_once_is_never_taken_for_damaged) {
+    for (int round = 0; round < 100; ++round) {
+        fs::remove_all(m_sandbox / "state");
+        std::vector<pid_t> children;
+        for (int i = 0; i < 8; ++i) {
+            children.push_back(fork());
+            if (children.back() == 0) {
+                TavroHistory history;
+                const auto patience = std::chrono::seconds(20);
+                const bool bOpen = !history.Open(file().string(), patience);
+                _exit(bOpen && history.Notice().empty() ? 0 : 1);
+            }
+        }
+        for (const pid_t child : children) {
+            int status = 0;
+            ASSERT_EQ(waitpid(child, &status, 0), child);
+            EXPECT_EQ(status, 0) << "in round " << round;
+        }
+        ASSERT_FALSE(HasFailure());
+    }
+}
+
 TEST_F(History, a_transaction_that_is_taken_back_changes_nothing) {
     TavroHistory history;
     open(history);
