@@ -27,6 +27,7 @@ needs_own_disk() { # FILE-SYSTEM
   unshare -m true || skip 'no mount namespace may be made here'
   command -v "mkfs.$1" >/dev/null || skip "mkfs.$1 is not installed"
   command -v strace >/dev/null || skip 'strace is not installed'
+  export ASAN_OPTIONS=detect_leaks=0 # which is not for processes that are traced
   strace -qq -o "$scratch/probe" true || skip 'strace may not trace here'
 }
 
