@@ -943,6 +943,8 @@ void Transfer::Publish(Pending& Entry) {
     Entry.bAgain = report.Failure.Kind == Kind::Taken;
     if (Entry.bDone) {
         m_changes.Add(Entry.Copy->To().Directory);
+    }
+    if (Entry.bDone && m_bMove) { // a copy leaves the other directory as it is
         m_changes.Add(Entry.Copy->From().Directory);
     }
     if (Entry.bDone && !Entry.OldName.empty()) {

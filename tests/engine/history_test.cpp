@@ -821,7 +821,7 @@ TEST_F(History, a_restore_is_kept_only_while_it_is_on_its_way) {
 TEST_F(History, steps_that_wait_for_the_next_operation_are_not_taken_for_its_own) {
     record(renameOf("/a", "/b"));
     execute(file(), "INSERT INTO step SELECT 2, column1, 0, x'2f78', x'2f79', x'', 1, 1, 1, 0, 0, "
-                    "x'', 0, 0, 0 FROM (VALUES (0), (1))");
+                    "x'', x'', 0, 0, 0 FROM (VALUES (0), (1))");
     record(renameOf("/c", "/d"));
     EXPECT_EQ(describe(listed()), (std::vector<std::string>{describe(renameOf("/c", "/d")),
                                                             describe(renameOf("/a", "/b"))}));
