@@ -20,10 +20,6 @@ namespace {
 
 using Role = TavroStepRole;
 
-bool IsTrashed(const TavroStep& Step) {
-    return Step.Role == Role::Trashed || Step.Role == Role::Replaced;
-}
-
 /// What is at a path; an inode of 0 when nothing is there.
 TavroIdentity IdentityAt(TavroPlaces& Places, const std::string& Path) {
     TavroPlace place;
@@ -43,20 +39,12 @@ std::string Beside(const std::string& Path, const std::string& Staged) {
     return Staged.empty() || Path.empty() ? "" : TavroJoin(TavroParentOf(Path), Staged);
 }
 
-/// Where the file of a step shows, and where it is when it does not.
-const std::string& PlaceOf(const TavroStep& Step) {
-    return IsTrashed(Step) ? Step.From : Step.To;
-}
-const std::string& HomeOf(const TavroStep& Step) {
-    return IsTrashed(Step) ? Step.To : Step.From;
-}
-
 /// The file of a step that is at these.
 TavroIdentity AtPlace(const TavroStep& Step) {
-    return IsTrashed(Step) && Step.Source.Inode != 0 ? Step.Source : Step.Identity;
+    return TavroIsTrashed(Step) && Step.Source.Inode != 0 ? Step.Source : Step.Identity;
 }
 TavroIdentity AtHome(const TavroStep& Step) {
-    return IsTrashed(Step) || Step.Source.Inode == 0 ? Step.Identity : Step.Source;
+    return TavroIsTrashed(Step) || Step.Source.Inode == 0 ? Step.Identity : Step.Source;
 }
 
 /// Whether an operation leads from `To` to `From`.
@@ -83,11 +71,12 @@ void RenewCopies(std::vector<TavroStep>& IoSteps) {
 std::vector<TavroStep> LatestOf(const std::vector<TavroStep>& Steps) {
     std::map<std::tuple<Role, std::string, std::string>, std::size_t> latest;
     for (std::size_t i = 0; i < Steps.size(); ++i) {
-        latest[{Steps[i].Role, Steps[i].From, IsTrashed(Steps[i]) ? "" : Steps[i].To}] = i;
+        latest[{Steps[i].Role, Steps[i].From, TavroIsTrashed(Steps[i]) ? "" : Steps[i].To}] = i;
     }
     std::vector<TavroStep> steps;
     for (std::size_t i = 0; i < Steps.size(); ++i) {
-        if (latest[{Steps[i].Role, Steps[i].From, IsTrashed(Steps[i]) ? "" : Steps[i].To}] == i) {
+        if (latest[{Steps[i].Role, Steps[i].From, TavroIsTrashed(Steps[i]) ? "" : Steps[i].To}] ==
+            i) {
             steps.push_back(Steps[i]);
         }
     }
@@ -96,6 +85,18 @@ std::vector<TavroStep> LatestOf(const std::vector<TavroStep>& Steps) {
 }
 
 } // namespace
+
+bool TavroIsTrashed(const TavroStep& Step) {
+    return Step.Role == Role::Trashed || Step.Role == Role::Replaced;
+}
+
+const std::string& TavroPlaceOf(const TavroStep& Step) {
+    return TavroIsTrashed(Step) ? Step.From : Step.To;
+}
+
+const std::string& TavroHomeOf(const TavroStep& Step) {
+    return TavroIsTrashed(Step) ? Step.To : Step.From;
+}
 
 bool TavroIsOnItsWay(const TavroOperation& Operation) {
     return Operation.State != TavroOperationState::Done &&
@@ -286,7 +287,7 @@ TavroFailure Settlement::Settle(TavroStep& IoStep, TavroWhereabouts& OutWhere) {
             m_operation.Kind == TavroOperationKind::Copy && IoStep.Role == Role::Trashed;
         const bool bBack = GoesBack(m_operation) != bUndoneCopy;
         OutWhere = bBack ? TavroWhereabouts::AtFrom : TavroWhereabouts::AtTo;
-        if (!bBack || !IsTrashed(IoStep)) { // what is in the trash stays there, too
+        if (!bBack || !TavroIsTrashed(IoStep)) { // what is in the trash stays there, too
             failure = TavroTrashSelection({TavroNameEntry(bBack ? IoStep.To : IoStep.From)},
                                           m_callbacks, {})
                           .Batch.Failure;
@@ -312,31 +313,32 @@ void Settlement::TakeOwnDirectory(TavroStep& IoStep) {
 /// What waits beside its place for its name goes back to where it was; a copy, when that is there,
 /// goes for good.
 TavroFailure Settlement::SettlePlace(TavroStep& IoStep) {
-    const std::string hidden = Beside(PlaceOf(IoStep), IoStep.Staged);
+    const std::string hidden = Beside(TavroPlaceOf(IoStep), IoStep.Staged);
     const TavroIdentity comes = AtPlace(IoStep);
     if (hidden.empty() || comes.Inode == 0 || InodeAt(m_places, hidden) != comes.Inode) {
         return {};
     }
     TavroPlace place;
-    if (InodeAt(m_places, HomeOf(IoStep)) == comes.Inode && !m_places.Find(hidden, place)) {
+    if (IdentityAt(m_places, TavroHomeOf(IoStep)) == IdentityAt(m_places, hidden) &&
+        !m_places.Find(hidden, place)) {
         TavroUnlinkAt(place.Number(), place.Name.c_str()); // of a rename one half reached the disk
         m_changes.Add(place.Directory);
         return {};
     }
-    const bool bCopy = IoStep.Source.Inode != 0 && InodeAt(m_places, HomeOf(IoStep)) != 0;
+    const bool bCopy = IoStep.Source.Inode != 0 && InodeAt(m_places, TavroHomeOf(IoStep)) != 0;
     if (bCopy || IoStep.Role == Role::Copied) {
         return Remove(hidden, comes);
     }
     TavroIdentity& home =
-        IoStep.Source.Inode == 0 || IsTrashed(IoStep) ? IoStep.Identity : IoStep.Source;
+        IoStep.Source.Inode == 0 || TavroIsTrashed(IoStep) ? IoStep.Identity : IoStep.Source;
     home = comes;
-    return Bring(hidden, HomeOf(IoStep), home);
+    return Bring(hidden, TavroHomeOf(IoStep), home);
 }
 
 /// What waits where a file goes to from its place is a copy. Of what was replaced it may be all
 /// that a name is known of.
 TavroFailure Settlement::SettleHome(const TavroStep& Step) {
-    const std::string hidden = Beside(HomeOf(Step), Step.Staged);
+    const std::string hidden = Beside(TavroHomeOf(Step), Step.Staged);
     TavroIdentity copy = AtHome(Step);
     if (Step.Source.Inode == 0) {
         return {};
@@ -360,18 +362,18 @@ TavroFailure Settlement::TakeExchangesBack(const std::vector<TavroStep>& Steps) 
 
 /// @param Comes  the step whose file may have got its name from another one, which is hidden then.
 TavroFailure Settlement::ExchangeBack(const TavroStep& Comes, const std::vector<TavroStep>& Steps) {
-    const std::string& path = PlaceOf(Comes);
+    const std::string& path = TavroPlaceOf(Comes);
     const std::string hidden = Beside(path, Comes.Staged);
     const std::uint64_t there = InodeAt(m_places, hidden);
     TavroPlace place;
     TavroIdentity goes;
     bool bGone = false;
     for (const TavroStep& step : Steps) {
-        if (there != 0 && &step != &Comes && PlaceOf(step) == path &&
-            AtPlace(step).Inode == there) {
+        if (there != 0 && AtPlace(step).Inode == there && &step != &Comes &&
+            TavroPlaceOf(step) == path) {
             goes = AtPlace(step);
             bGone = bGone || (step.Source.Inode != 0 && step.Role != Role::Copied &&
-                              InodeAt(m_places, HomeOf(step)) == AtHome(step).Inode);
+                              InodeAt(m_places, TavroHomeOf(step)) == AtHome(step).Inode);
         }
     }
     if (goes.Inode == 0 || InodeAt(m_places, path) != AtPlace(Comes).Inode ||
@@ -429,7 +431,7 @@ void Settlement::RemoveRecords(const std::vector<TavroStep>& NotDone) {
     std::set<std::string> origins;
     std::set<std::string> items;
     for (const TavroStep& step : NotDone) {
-        if (IsTrashed(step)) {
+        if (TavroIsTrashed(step)) {
             directories.insert(TavroParentOf(step.Record));
             origins.insert(step.From);
             if (m_operation.Kind == TavroOperationKind::Restore) {

@@ -11,6 +11,14 @@
 #include <string>
 #include <vector>
 
+/// Whether a step tells of something that goes to the trash.
+bool TavroIsTrashed(const TavroStep& Step);
+
+/// Where the file of a step shows to the user, and where it is when it does not: in the trash, or
+/// where it is moved or copied from.
+const std::string& TavroPlaceOf(const TavroStep& Step);
+const std::string& TavroHomeOf(const TavroStep& Step);
+
 /// Whether an operation was begun and has not ended.
 bool TavroIsOnItsWay(const TavroOperation& Operation);
 

@@ -49,18 +49,6 @@ template <typename Items, typename Act> TavroFailure Each(const Items& All, Act 
     return {};
 }
 
-bool IsTrashed(const TavroStep& Step) {
-    return Step.Role == Role::Trashed || Step.Role == Role::Replaced;
-}
-
-/// Where the file of a step shows, and where it is when it does not.
-const std::string& PlaceOf(const TavroStep& Step) {
-    return IsTrashed(Step) ? Step.From : Step.To;
-}
-const std::string& HomeOf(const TavroStep& Step) {
-    return IsTrashed(Step) ? Step.To : Step.From;
-}
-
 /// A file that comes to a path from which another one goes. It waits beside that one, and both
 /// exchange their names.
 struct Swap {
@@ -110,8 +98,10 @@ private:
 
     Steps OutermostCopies();
     Steps WhatComes(Steps& OutGoes);
+    TavroFailure CheckSwap(const TavroStep& Comes, const TavroStep& Goes, TavroSeenEntry& OutSeen);
     TavroFailure Stage(TavroStep& Comes, const TavroStep& Goes);
     TavroFailure TellOfExchange();
+    int RenameIn(const Swap& What);
     TavroFailure Exchange(Swap& IoSwap);
     TavroFailure ExchangeAll();
     void TakeExchangesBack();
@@ -605,7 +595,7 @@ Steps Reversal::WhatComes(Steps& OutGoes) {
     }
     Steps comes;
     for (TavroStep* main : mains) {
-        const auto found = replaced.find(PlaceOf(*main));
+        const auto found = replaced.find(TavroPlaceOf(*main));
         if (found != replaced.end()) {
             comes.push_back(m_bUndo ? found->second : main);
             OutGoes.push_back(m_bUndo ? main : found->second);
@@ -617,39 +607,55 @@ Steps Reversal::WhatComes(Steps& OutGoes) {
 /// Takes out what an exchange has brought.
 void Reversal::DropExchanged(Steps& IoSteps) const {
     const auto isExchanged = [&](const TavroStep* step) {
-        return m_hidden.count(PlaceOf(*step)) != 0;
+        return m_hidden.count(TavroPlaceOf(*step)) != 0;
     };
     IoSteps.erase(std::remove_if(IoSteps.begin(), IoSteps.end(), isExchanged), IoSteps.end());
 }
 
+/// Whether a rename can lead from one place to the other.
+bool IsOneMount(const TavroPlace& A, const TavroPlace& B) {
+    struct stat status = {};
+    std::uint64_t a = 0;
+    std::uint64_t b = 0;
+    return A.Directory->Identity.Device == B.Directory->Identity.Device &&
+           TavroStatWithMount(A.Number(), status, a) == 0 &&
+           TavroStatWithMount(B.Number(), status, b) == 0 && a == b;
+}
+
+/// Both files must be those of their steps.
+TavroFailure Reversal::CheckSwap(const TavroStep& Comes, const TavroStep& Goes,
+                                 TavroSeenEntry& OutSeen) {
+    TavroSeenEntry goes;
+    TavroFailure failure = CheckFile(Goes, TavroPlaceOf(Comes), goes);
+    if (failure) {
+        return failure;
+    }
+    failure = CheckFile(Comes, TavroHomeOf(Comes), OutSeen);
+    if (TavroIsTrashed(Comes)) {
+        failure = failure ? failure : CheckRecord(Comes, OutSeen.State);
+        failure.Kind = failure.Kind == Kind::Missing ? Kind::ItemMissing : failure.Kind;
+    }
+    return failure;
+}
+
 /// Checks both files, and copies what comes from another mount.
 TavroFailure Reversal::Stage(TavroStep& Comes, const TavroStep& Goes) {
-    TavroSeenEntry goes;
-    TavroSeenEntry comes;
+    TavroSeenEntry seen;
     TavroPlace from;
     TavroPlace to;
-    const std::string& path = PlaceOf(Comes);
-    TavroFailure failure = CheckFile(Goes, path, goes);
-    failure = failure ? failure : CheckFile(Comes, HomeOf(Comes), comes);
-    if (!failure && IsTrashed(Comes)) {
-        failure = CheckRecord(Comes, comes.State);
+    TavroFailure failure = CheckSwap(Comes, Goes, seen);
+    failure = failure ? failure : m_places.Find(TavroHomeOf(Comes), from);
+    failure = failure ? failure : m_places.Find(TavroPlaceOf(Comes), to);
+    if (failure) {
+        return failure;
     }
-    failure.Kind = failure.Kind == Kind::Missing && IsTrashed(Comes) && failure.Path == Comes.To
-                       ? Kind::ItemMissing
-                       : failure.Kind;
-    failure = failure ? failure : m_places.Find(HomeOf(Comes), from);
-    failure = failure ? failure : m_places.Find(path, to);
     struct stat status = {};
-    std::uint64_t mounts[2] = {};
-    int error = failure ? 0 : TavroStatWithMount(from.Number(), status, mounts[0]);
-    error = failure || error != 0 ? error : TavroStatWithMount(to.Number(), status, mounts[1]);
-    error = failure || error != 0 ? error : TavroStatAt(from.Number(), from.Name.c_str(), status);
-    if (failure || error != 0) {
-        return failure ? failure : TavroFail(Kind::LookAt, error, HomeOf(Comes));
+    const int error = TavroStatAt(from.Number(), from.Name.c_str(), status);
+    if (error != 0 || TavroIdentityOf(status) != seen.State.Identity) {
+        return TavroFail(Kind::LookAt, error != 0 ? error : ESTALE, TavroHomeOf(Comes));
     }
-    Swap swap{&Comes, nullptr, TavroStagingName(), comes.State.Identity, Comes.Record};
-    swap.bRename =
-        from.Directory->Identity.Device == to.Directory->Identity.Device && mounts[0] == mounts[1];
+    Swap swap{&Comes, nullptr, TavroStagingName(), seen.State.Identity, Comes.Record};
+    swap.bRename = IsOneMount(from, to);
     TavroMoveOptions options;
     options.bNamed = true;
     options.bSync = false; // all reach the disk together
@@ -674,8 +680,10 @@ TavroFailure Reversal::TellOfExchange() {
         told.push_back(*swap.Step);
         told.back().Staged = swap.Hidden;
         if (!swap.bRename) {
-            TavroIdentity& made = IsTrashed(*swap.Step) ? told.back().Source : told.back().Identity;
-            TavroIdentity& old = IsTrashed(*swap.Step) ? told.back().Identity : told.back().Source;
+            TavroIdentity& made =
+                TavroIsTrashed(*swap.Step) ? told.back().Source : told.back().Identity;
+            TavroIdentity& old =
+                TavroIsTrashed(*swap.Step) ? told.back().Identity : told.back().Source;
             old = swap.Copy->Source().Identity;
             made = swap.Comes;
         }
@@ -684,34 +692,41 @@ TavroFailure Reversal::TellOfExchange() {
                                   : TavroFailure();
 }
 
+/// Moves beside its place what is on the same mount, and exchanges the names.
+int Reversal::RenameIn(const Swap& What) {
+    const TavroPlace& from = What.Copy->From();
+    const TavroPlace& to = What.Copy->To();
+    const char* hidden = What.Hidden.c_str();
+    int error = TavroRenameNoReplace(from.Number(), from.Name.c_str(), to.Number(), hidden);
+    if (error != 0) {
+        return error;
+    }
+    struct stat status = {};
+    error = TavroStatAt(to.Number(), hidden, status);
+    error = error == 0 && TavroIdentityOf(status) != What.Comes ? ESTALE : error;
+    error = error != 0 ? error : TavroExchange(to.Number(), hidden, to.Number(), to.Name.c_str());
+    if (error != 0) {
+        TavroRenameNoReplace(to.Number(), hidden, from.Number(), from.Name.c_str());
+    }
+    m_changes.Add(from.Directory);
+    return error;
+}
+
 TavroFailure Reversal::Exchange(Swap& IoSwap) {
     TavroFailure failure = IoSwap.Copy->Wake(m_places);
     if (failure) {
         return failure;
     }
-    const TavroPlace& from = IoSwap.Copy->From();
     const TavroPlace& to = IoSwap.Copy->To();
-    const char* hidden = IoSwap.Hidden.c_str();
-    struct stat status = {};
-    if (!IoSwap.bRename) {
+    if (IoSwap.bRename) {
+        const int error = RenameIn(IoSwap);
+        IoSwap.bDone = error == 0;
+        failure = error == 0
+                      ? failure
+                      : TavroFail(Kind::Replace, error, to.Path(), IoSwap.Copy->From().Path());
+    } else {
         IoSwap.bDone = IoSwap.Copy->Publish(true);
         failure = IoSwap.Copy->Report().Failure;
-    } else {
-        int error = TavroRenameNoReplace(from.Number(), from.Name.c_str(), to.Number(), hidden);
-        if (error == 0) {
-            error = TavroStatAt(to.Number(), hidden, status);
-            error = error == 0 && TavroIdentityOf(status) != IoSwap.Comes ? ESTALE : error;
-            error = error != 0 ? error
-                               : TavroExchange(to.Number(), hidden, to.Number(), to.Name.c_str());
-            IoSwap.bDone = error == 0;
-            if (error != 0) {
-                TavroRenameNoReplace(to.Number(), hidden, from.Number(), from.Name.c_str());
-            }
-        }
-        failure = error == 0 ? failure : TavroFail(Kind::Replace, error, to.Path(), from.Path());
-    }
-    if (IoSwap.bRename) {
-        m_changes.Add(from.Directory);
     }
     m_changes.Add(to.Directory); // was changed last
     if (IoSwap.bDone) {
@@ -735,13 +750,15 @@ TavroFailure Reversal::ExchangeAll() {
         return failure;
     }
     int error = failure ? 0 : m_changes.Flush();
-    failure = failure || error == 0 ? failure : TavroFail(Kind::Write, error, PlaceOf(*comes[0]));
+    failure =
+        failure || error == 0 ? failure : TavroFail(Kind::Write, error, TavroPlaceOf(*comes[0]));
     failure = failure ? failure : TellOfExchange();
     for (Swap& swap : m_swaps) {
         failure = failure ? failure : Exchange(swap);
     }
     error = failure ? 0 : m_changes.Flush();
-    failure = failure || error == 0 ? failure : TavroFail(Kind::Write, error, PlaceOf(*comes[0]));
+    failure =
+        failure || error == 0 ? failure : TavroFail(Kind::Write, error, TavroPlaceOf(*comes[0]));
     if (failure) {
         TakeExchangesBack();
     }

@@ -22,7 +22,8 @@ struct TavroUndoReport {
 
 /// Undoes (redoes) the newest operation and saves the history; NothingToUndo (NothingToRedo) when
 /// there is none. All is checked before anything is moved, that the history can be saved included.
-/// What was changed is changed back when a later step fails or `Callbacks` cancels.
+/// What was changed is changed back when a later step fails or `Callbacks` cancels. What was
+/// replaced comes back in the moment in which what replaced it goes, and the reverse.
 ///
 /// Only the very files that the operation left are touched: Missing, Replaced (another file has the
 /// name by now, or another program's item the place in the trash), InTheWay, and what the guard
