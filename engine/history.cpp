@@ -131,7 +131,7 @@ constexpr std::int64_t droppedAtOnce = 1000;
 const std::string schema =
     "CREATE TABLE operation (id INTEGER PRIMARY KEY, kind INTEGER NOT NULL, state INTEGER NOT "
     "NULL, time INTEGER NOT NULL, steps INTEGER NOT NULL, entries INTEGER NOT NULL, bytes INTEGER "
-    "NOT NULL);"
+    "NOT NULL, staging BLOB NOT NULL DEFAULT x'');"
     "CREATE INDEX operation_of_state ON operation (state);"
     "CREATE TABLE step (operation INTEGER NOT NULL, number INTEGER NOT NULL, role INTEGER NOT "
     "NULL, source BLOB NOT NULL, target BLOB NOT NULL, record BLOB NOT NULL, device INTEGER NOT "
@@ -192,6 +192,7 @@ struct TavroDatabase {
     bool IsAsItWas(const TavroOperation& Operation);
     TavroFailure HoldLock(std::int64_t Id);
     bool IsRunning(std::int64_t Id);
+    void AddStaging(std::int64_t Id);
     void InsertSteps(std::int64_t Id, std::int64_t First, const std::vector<TavroStep>& Steps);
     void Insert(TavroOperation& Operation);
 
@@ -740,12 +741,18 @@ bool TavroDatabase::IsRunning(std::int64_t Id) {
            TavroIsByteLocked(file.Number(), Id);
 }
 
+/// What this thread hides from now on is the operation's.
+void TavroDatabase::AddStaging(std::int64_t Id) {
+    Run("UPDATE operation SET staging = staging || ? WHERE id = ?", ' ' + TavroStagingPrefix(), Id);
+}
+
 TavroFailure TavroHistory::BeginOperation(TavroOperation& Operation) {
     if (!IsValid(Operation)) {
         return {Kind::HistoryUnrecordable};
     }
     return m_database->Transact(Access::Write, [&] {
         m_database->Insert(Operation);
+        m_database->AddStaging(Operation.Id);
         m_database->HoldLock(Operation.Id);
     });
 }
@@ -770,6 +777,7 @@ TavroFailure TavroHistory::ContinueOperation(const TavroOperation& Operation,
                         Integer(NewState), Operation.Id, Integer(Operation.State),
                         Integer(m_database->IsAsItWas(Operation)));
         OutChanged = sqlite3_changes(m_database->Connection) == 0;
+        m_database->AddStaging(Operation.Id);
     });
     if (failure || OutChanged) {
         LeaveOperation();
@@ -779,16 +787,6 @@ TavroFailure TavroHistory::ContinueOperation(const TavroOperation& Operation,
 
 void TavroHistory::LeaveOperation() {
     m_database->Running.Close();
-}
-
-bool TavroHistory::IsOnlyOne(std::int64_t Id) const {
-    bool bOnly = false;
-    m_database->Transact(Access::Read, [&] {
-        Statement row(*m_database, "SELECT count(*) FROM operation WHERE state > 2 AND id <> ?",
-                      Id);
-        bOnly = row.Next() && row.Number(0) == 0;
-    });
-    return bOnly;
 }
 
 bool TavroHistory::IsRunning(const TavroOperation& Operation) const {
@@ -877,7 +875,7 @@ bool ReadSteps(Statement& Row, std::int64_t Count, TavroOperation& OutOperation)
 }
 
 const std::string operationsWhere =
-    "SELECT id, kind, state, time, steps, entries FROM operation WHERE ";
+    "SELECT id, kind, state, time, steps, entries, staging FROM operation WHERE ";
 constexpr const char* stepsOfOne =
     "SELECT number, role, source, target, record, device, inode, changed, mode, directory, "
     "attributes, staged, source_device, source_inode, source_changed FROM step WHERE operation = ? "
@@ -890,6 +888,7 @@ bool ReadOperation(Statement& Row, TavroOperation& OutOperation) {
     OutOperation.Kind = static_cast<TavroOperationKind>(Row.Number(1));
     OutOperation.State = static_cast<TavroOperationState>(Row.Number(2));
     OutOperation.Time = Row.Number(3);
+    OutOperation.Staging = Row.Bytes(6);
     return IsOneOf(Row.Number(1), TavroOperationKind::Restore) &&
            IsOneOf(Row.Number(2), TavroOperationState::Redoing) &&
            (OutOperation.Kind != TavroOperationKind::Restore ||

@@ -104,9 +104,6 @@ public:
     /// away is found out again by looking.
     TavroFailure EndOperation(const TavroOperation& Operation, bool bSameSteps);
 
-    /// Whether no other operation is on its way than the one of that number.
-    bool IsOnlyOne(std::int64_t Id) const;
-
     /// Whether a process is at an operation that has not ended.
     bool IsRunning(const TavroOperation& Operation) const;
 

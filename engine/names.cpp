@@ -57,26 +57,48 @@ std::string TavroFreeNames::Choose(const std::string& Place, const std::string& 
 
 namespace {
 
-constexpr const char* stagingPrefix = ".tavro-";
-constexpr std::size_t stagingLetters = 6;
+constexpr const char* hiddenPrefix = ".tavro-";
+constexpr std::size_t threadLetters = 6;
+constexpr std::size_t nameLetters = 6;
 constexpr const char* letters = "abcdefghijklmnopqrstuvwxyz0123456789";
+constexpr const char* asideSuffix = "-old";
+
+std::string RandomLetters(std::size_t Count) {
+    thread_local std::mt19937_64 random{std::random_device{}()};
+    std::uniform_int_distribution<std::size_t> letter(0, std::strlen(letters) - 1);
+    std::string text;
+    while (text.size() < Count) {
+        text += letters[letter(random)];
+    }
+    return text;
+}
 
 } // namespace
 
+const std::string& TavroStagingPrefix() {
+    thread_local const std::string prefix = hiddenPrefix + RandomLetters(threadLetters);
+    return prefix;
+}
+
 std::string TavroStagingName() {
-    thread_local std::mt19937_64 random{std::random_device{}()};
-    std::uniform_int_distribution<std::size_t> letter(0, std::strlen(letters) - 1);
-    std::string name = stagingPrefix;
-    for (std::size_t i = 0; i < stagingLetters; ++i) {
-        name += letters[letter(random)];
-    }
-    return name;
+    return TavroStagingPrefix() + RandomLetters(nameLetters);
+}
+
+std::string TavroAsideName(const std::string& StagingName) {
+    return StagingName + asideSuffix;
+}
+
+bool TavroIsAsideName(const std::string& Name) {
+    const std::size_t length = Name.size() - std::min(Name.size(), std::strlen(asideSuffix));
+    return Name.substr(length) == asideSuffix && TavroIsStagingName(Name.substr(0, length));
 }
 
 bool TavroIsStagingName(const std::string& Name) {
-    const std::size_t prefix = std::strlen(stagingPrefix);
-    return Name.size() == prefix + stagingLetters && Name.compare(0, prefix, stagingPrefix) == 0 &&
-           Name.find_first_not_of(letters, prefix) == std::string::npos;
+    const std::size_t prefix = std::strlen(hiddenPrefix);
+    const std::size_t whole = prefix + threadLetters + nameLetters;
+    return Name.compare(0, prefix, hiddenPrefix) == 0 &&
+           (Name.size() == whole ? Name.find_first_not_of(letters, prefix) == std::string::npos
+                                 : Name.size() > whole && TavroIsAsideName(Name));
 }
 
 std::string TavroNameOf(const std::string& Path) {

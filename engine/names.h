@@ -35,11 +35,20 @@ private:
     std::unordered_map<std::string, std::uint64_t> m_next;
 };
 
-/// A hidden name that nobody else uses: `.tavro-` and six random characters.
+/// A hidden name that nobody else uses: `.tavro-` and twelve random characters.
 std::string TavroStagingName();
 
-/// Whether a name has the form that TavroStagingName gives.
+/// What all hidden names begin with that this thread gives, and no others: `.tavro-` and six of the
+/// characters.
+const std::string& TavroStagingPrefix();
+
+/// The name of what steps aside for a moment where names cannot be exchanged: `-old` after that of
+/// what comes.
+std::string TavroAsideName(const std::string& StagingName);
+
+/// Whether a name has the form that TavroStagingName or TavroAsideName gives.
 bool TavroIsStagingName(const std::string& Name);
+bool TavroIsAsideName(const std::string& Name);
 
 /// The last component of a path, and the path of the directory that holds it ("." when none is
 /// named, "/" for an entry of the root).

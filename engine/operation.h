@@ -76,6 +76,9 @@ struct TavroOperation {
     /// ones, inner ones first. What lies in the trash because a
     /// copy was undone stands as Trashed steps beside the Copied ones.
     std::vector<TavroStep> Steps;
+
+    /// Of one on its way: what its hidden names begin with, with a blank before each.
+    std::string Staging = {};
 };
 
 /// Whether a step is what an operation of that kind is about, and no circumstance of it.

@@ -1,5 +1,7 @@
 #include "posix.h"
 
+#include "names.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -302,13 +304,6 @@ int TavroRename(int FromDirectory, const char* From, int ToDirectory, const char
     return ErrorOf([&] { return renameat(FromDirectory, From, ToDirectory, To); });
 }
 
-namespace {
-
-/// Of the name of what is exchanged, where that takes three steps.
-constexpr const char* asideSuffix = "-old";
-
-} // namespace
-
 int TavroExchange(int FromDirectory, const char* From, int ToDirectory, const char* To) {
     int error =
         ErrorOf([&] { return renameat2(FromDirectory, From, ToDirectory, To, RENAME_EXCHANGE); });
@@ -316,7 +311,7 @@ int TavroExchange(int FromDirectory, const char* From, int ToDirectory, const ch
         return error;
     }
     // The file system cannot: one steps aside, next to the other, for a moment.
-    const std::string aside = std::string(From) + asideSuffix;
+    const std::string aside = TavroAsideName(From);
     error = TavroRenameNoReplace(ToDirectory, To, FromDirectory, aside.c_str());
     if (error != 0) {
         return error;

@@ -216,7 +216,7 @@ std::vector<std::string> TavroFindOrphans(const std::vector<TavroOperation>& Ope
     std::set<std::string> trashes; // where they are items, or have no record
     for (const TavroOperation& operation : Operations) {
         for (const TavroStep& step : operation.Steps) {
-            trashes.insert(IsTrashed(step) ? TavroParentOf(step.To) : "");
+            trashes.insert(TavroIsTrashed(step) ? TavroParentOf(step.To) : "");
         }
         for (std::string& path : TavroFindLeftovers(operation)) {
             (TavroIsOnItsWay(operation) ? owned : orphans).insert(std::move(path));
@@ -237,11 +237,13 @@ namespace {
 /// Settles the steps one by one.
 class Settlement {
 public:
-    Settlement(const TavroOperation& Operation, bool bAlone, const TavroCallbacks& Callbacks)
-        : m_operation(Operation), m_bAlone(bAlone), m_callbacks(Callbacks),
-          m_changes(Callbacks.bSync) {
+    Settlement(const TavroOperation& Operation, const TavroCallbacks& Callbacks)
+        : m_operation(Operation), m_callbacks(Callbacks), m_changes(Callbacks.bSync) {
         m_callbacks.BeforeActs = nullptr;
     }
+
+    /// What has stepped aside for an exchange that takes several renames comes back.
+    void TakeAsideBack(const TavroStep& Step);
 
     /// An undo or a redo whose files had exchanged their names is as it was before that.
     TavroFailure TakeExchangesBack(const std::vector<TavroStep>& Steps);
@@ -259,18 +261,21 @@ public:
 private:
     TavroFailure ExchangeBack(const TavroStep& Comes, const std::vector<TavroStep>& Steps);
     TavroFailure SettlePlace(TavroStep& IoStep);
+    TavroFailure SettleBoth(const TavroStep& Step, TavroWhereabouts& OutWhere);
+    TavroFailure RemoveCopy(const TavroStep& Step);
+    TavroFailure Trash(const std::string& Path);
     TavroFailure SettleHome(const TavroStep& Step);
     TavroFailure Remove(const std::string& Path, TavroIdentity Identity);
     TavroFailure Bring(const std::string& From, const std::string& To, TavroIdentity& IoIdentity);
     void TakeOwnDirectory(TavroStep& IoStep);
     void RemoveLeftovers();
+    bool IsOwnCopy(const std::string& Name) const;
     void RemoveRecords(const std::vector<TavroStep>& NotDone);
     void RemoveRecordsIn(const TavroPlace& Info, const std::set<std::string>& Origins,
                          const std::set<std::string>& Items);
     bool IsCutShort(const TavroPlace& Record) const;
 
     const TavroOperation& m_operation;
-    const bool m_bAlone; ///< No other operation is on its way.
     TavroCallbacks m_callbacks;
     TavroPlaces m_places;
     TavroChanges m_changes;
@@ -281,19 +286,41 @@ TavroFailure Settlement::Settle(TavroStep& IoStep, TavroWhereabouts& OutWhere) {
     failure = failure ? failure : SettleHome(IoStep);
     TakeOwnDirectory(IoStep);
     OutWhere = TavroFindStep(IoStep, m_places);
-    if (!failure && OutWhere == TavroWhereabouts::InBoth) {
-        // What was copied goes to the trash when that is undone.
-        const bool bUndoneCopy =
-            m_operation.Kind == TavroOperationKind::Copy && IoStep.Role == Role::Trashed;
-        const bool bBack = GoesBack(m_operation) != bUndoneCopy;
-        OutWhere = bBack ? TavroWhereabouts::AtFrom : TavroWhereabouts::AtTo;
-        if (!bBack || !TavroIsTrashed(IoStep)) { // what is in the trash stays there, too
-            failure = TavroTrashSelection({TavroNameEntry(bBack ? IoStep.To : IoStep.From)},
-                                          m_callbacks, {})
-                          .Batch.Failure;
-        }
+    return failure || OutWhere != TavroWhereabouts::InBoth ? failure : SettleBoth(IoStep, OutWhere);
+}
+
+/// One of the two is whole, and of the other one a part at least. What was copied goes to the trash
+/// when that is undone.
+TavroFailure Settlement::SettleBoth(const TavroStep& Step, TavroWhereabouts& OutWhere) {
+    const bool bUndoneCopy =
+        m_operation.Kind == TavroOperationKind::Copy && Step.Role == Role::Trashed;
+    OutWhere = TavroWhereabouts::AtFrom;
+    if (GoesBack(m_operation) != bUndoneCopy) {
+        return RemoveCopy(Step);
     }
+    struct stat source = {};
+    TavroPlace place;
+    const bool bFile = !m_places.Find(Step.From, place) &&
+                       TavroStatAt(place.Number(), place.Name.c_str(), source) == 0 &&
+                       !S_ISDIR(source.st_mode); // which is whole
+    if (bFile && Step.SourceTime != 0 && TavroNanoseconds(source.st_ctim) != Step.SourceTime) {
+        return RemoveCopy(Step); // somebody has gone on working with it
+    }
+    const TavroFailure failure = Trash(Step.From);
+    if (failure && bFile) {
+        return RemoveCopy(Step);
+    }
+    OutWhere = TavroWhereabouts::AtTo;
     return failure;
+}
+
+/// Of a file that is at both of its paths, and stays at `From`.
+TavroFailure Settlement::RemoveCopy(const TavroStep& Step) {
+    return TavroIsTrashed(Step) ? Remove(Step.To, Step.Identity) : Trash(Step.To);
+}
+
+TavroFailure Settlement::Trash(const std::string& Path) {
+    return TavroTrashSelection({TavroNameEntry(Path)}, m_callbacks, {}).Batch.Failure;
 }
 
 /// A directory that was missing before, and is there, is the one that the operation has made.
@@ -346,6 +373,20 @@ TavroFailure Settlement::SettleHome(const TavroStep& Step) {
     return Step.Role == Role::Replaced && InodeAt(m_places, Step.From) != Step.Source.Inode
                ? Bring(hidden, Step.To, copy)
                : Remove(hidden, copy);
+}
+
+void Settlement::TakeAsideBack(const TavroStep& Step) {
+    const std::string& path = TavroPlaceOf(Step);
+    const std::string hidden = Beside(path, Step.Staged);
+    const std::string aside = TavroAsideName(hidden);
+    TavroPlace place;
+    if (hidden.empty() || InodeAt(m_places, aside) == 0 || m_places.Find(aside, place)) {
+        return;
+    }
+    const std::string& free = InodeAt(m_places, path) == 0 ? path : hidden;
+    TavroRenameNoReplace(place.Number(), place.Name.c_str(), place.Number(),
+                         TavroNameOf(free).c_str());
+    m_changes.Add(place.Directory);
 }
 
 TavroFailure Settlement::TakeExchangesBack(const std::vector<TavroStep>& Steps) {
@@ -411,17 +452,26 @@ TavroFailure Settlement::Bring(const std::string& From, const std::string& To,
     return failure;
 }
 
-/// What was staged and not told of yet: nobody but the operation has made it since its beginning.
+/// What was staged and not told of yet is a copy. What a step tells of under a hidden name, and is
+/// there still, may be the only one of its kind.
 void Settlement::RemoveLeftovers() {
+    std::set<std::string> told;
+    for (const TavroStep& step : m_operation.Steps) {
+        told.insert(Beside(step.From, step.Staged));
+        told.insert(Beside(step.To, step.Staged));
+    }
     for (const std::string& path : TavroFindLeftovers(m_operation)) {
-        TavroPlace place;
-        struct stat status = {};
-        if (m_bAlone && !m_places.Find(path, place) &&
-            TavroStatAt(place.Number(), place.Name.c_str(), status) == 0 &&
-            status.st_ctim.tv_sec >= m_operation.Time) {
-            Remove(path, TavroIdentityOf(status));
+        if (IsOwnCopy(TavroNameOf(path)) && told.count(path) == 0) {
+            Remove(path, IdentityAt(m_places, path));
         }
     }
+}
+
+/// Whether the operation has given a hidden name, and to no file that it found.
+bool Settlement::IsOwnCopy(const std::string& Name) const {
+    const std::string prefix = ' ' + Name.substr(0, TavroStagingPrefix().size());
+    return !TavroIsAsideName(Name) &&
+           (m_operation.Staging + ' ').find(prefix + ' ') != std::string::npos;
 }
 
 /// Records of which the items are not there, of what was to be trashed and was not, or was
@@ -491,11 +541,13 @@ bool Settlement::IsCutShort(const TavroPlace& Record) const {
 
 } // namespace
 
-TavroFailure TavroSettle(const TavroOperation& Operation, bool bAlone,
-                         const TavroCallbacks& Callbacks, std::vector<TavroStep>& OutDone,
-                         std::vector<TavroStep>& OutNotDone) {
-    Settlement settlement(Operation, bAlone, Callbacks);
+TavroFailure TavroSettle(const TavroOperation& Operation, const TavroCallbacks& Callbacks,
+                         std::vector<TavroStep>& OutDone, std::vector<TavroStep>& OutNotDone) {
+    Settlement settlement(Operation, Callbacks);
     std::vector<TavroStep> steps = LatestOf(Operation.Steps);
+    for (const TavroStep& step : steps) {
+        settlement.TakeAsideBack(step);
+    }
     if (TavroFailure failure = settlement.TakeExchangesBack(steps)) {
         return failure;
     }

@@ -941,11 +941,11 @@ void Transfer::Publish(Pending& Entry) {
         Entry.bDone = Entry.Copy->Publish(Entry.bExchange);
     }
     Entry.bAgain = report.Failure.Kind == Kind::Taken;
-    if (Entry.bDone) {
-        m_changes.Add(Entry.Copy->To().Directory);
-    }
-    if (Entry.bDone && m_bMove) { // a copy leaves the other directory as it is
+    if (Entry.bDone && m_bMove) { // a copy leaves its source's directory as it is
         m_changes.Add(Entry.Copy->From().Directory);
+    }
+    if (Entry.bDone) { // which changed last
+        m_changes.Add(Entry.Copy->To().Directory);
     }
     if (Entry.bDone && !Entry.OldName.empty()) {
         TrashReplaced(Entry);
@@ -1051,10 +1051,10 @@ void Transfer::TrashReplaced(Pending& Entry) {
     if (!failure) {
         TavroMoveOptions options;
         options.bSync = m_callbacks.bSync;
-        options.BeforePublish = [&](const TavroFileState& made, const std::string& staged) {
+        options.BeforePublish = [&](const TavroFileState& made, const std::string&) {
             TavroStep step = ReplacedStep(Entry);
             step.Source = std::exchange(step.Identity, made.Identity);
-            step.Staged = staged;
+            step.Staged = Entry.Hidden; // it is there until it is in the trash
             return m_callbacks.BeforeActs
                        ? m_callbacks.BeforeActs(
                              m_bMove ? TavroOperationKind::Move : TavroOperationKind::Copy, {step})

@@ -913,8 +913,7 @@ TavroFailure Going::Settle(bool& IoUndo, bool bResume) {
     TavroOperation& operation = m_report.Operation;
     std::vector<TavroStep> done;
     std::vector<TavroStep> notDone;
-    TavroFailure failure =
-        TavroSettle(operation, m_history.IsOnlyOne(operation.Id), m_callbacks, done, notDone);
+    TavroFailure failure = TavroSettle(operation, m_callbacks, done, notDone);
     const TavroOperationState state = operation.State;
     const bool bDoing = state == TavroOperationState::Doing;
     if (operation.Kind == TavroOperationKind::Restore) {

@@ -227,11 +227,11 @@ inline std::string withoutPrefix(std::string text, const std::string& prefix) {
     return text;
 }
 
-/// The hidden names of six characters, which differ from run to run, as one.
+/// The hidden names of twelve characters, which differ from run to run, as one.
 inline std::string withoutHiddenName(std::string text) {
     for (std::size_t at = text.find(".tavro-"); at != std::string::npos;
          at = text.find(".tavro-", at + 1)) {
-        text.replace(at, 13, ".tavro-XXXXXX");
+        text.replace(at, 19, ".tavro-XXXXXX");
     }
     return text;
 }
