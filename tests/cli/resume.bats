@@ -286,3 +286,87 @@ Copied $PWD/src/b -> $PWD/dst/b"
   run -0 tavro doctor
   expect "$output" 'The trash is in order.'
 }
+
+needs_two_file_systems() {
+  there=$(mktemp -d -p /dev/shm) || skip 'there is no file system in memory'
+  [ "$(stat -c %d "$there")" != "$(stat -c %d .)" ] || skip 'all is one file system here'
+}
+
+@test "what was replaced on another file system is never lost, whenever the command is killed" {
+  needs_strace
+  needs_two_file_systems
+  for next in undo resume; do
+    for act in copy move; do
+      echo new >f
+      echo old >"$there/f"
+      killed_at linkat 2 "$TAVRO" "$act" --on-conflict overwrite f "$there/"
+      run -0 tavro "$next"
+      if [ "$next" = undo ]; then
+        expect "$(cat "$there/f" f)" $'old\nnew'
+      else
+        expect "$(cat "$there/f")" new
+        run -0 tavro undo
+        expect "$(cat "$there/f" f)" $'old\nnew'
+      fi
+      expect "$(ls -A "$there")" f
+    done
+  done
+  rm -r "$there"
+}
+
+@test "who settles an operation leaves what others have hidden in the same directory" {
+  needs_strace
+  mkdir d other
+  echo old >d/f
+  echo new >f
+  touch b{1..3}
+  killed_at renameat2 2 "$TAVRO" copy b{1..3} d
+  HOME=$PWD/other killed_at renameat2 2 "$TAVRO" copy --on-conflict overwrite f d
+  run -0 tavro undo
+  expect "$(find d -name '.tavro-*' | wc -l)" 1
+  HOME=$PWD/other run -0 tavro undo
+  expect "$(ls -A d)" f
+  expect "$(cat d/f)" old
+}
+
+@test "an undo that cannot bring back what was replaced changes nothing" {
+  mkdir d
+  echo old >d/f
+  echo new >f
+  tavro copy -q --on-conflict overwrite f d
+  tavro empty -qf
+  for _ in 1 2; do
+    run -1 tavro undo
+    expect "$output" "tavro: Trash item is missing: $HOME/.local/share/Trash/files/f"
+    expect "$(cat d/f)" new
+  done
+}
+
+@test "a restore that was killed between file systems leaves no half of it in the trash" {
+  needs_strace
+  needs_two_file_systems
+  mkdir "$there/d"
+  touch "$there"/d/{1..4}
+  tavro trash -q "$there/d"
+  killed_at unlinkat 3 "$TAVRO" restore -q d
+  run -0 tavro undo
+  run -0 tavro undo
+  expect "$(ls "$there/d")" $'1\n2\n3\n4'
+  expect "$(find "$HOME/.local/share/Trash" -mindepth 2)" ''
+  rm -r "$there"
+}
+
+@test "a file that somebody went on working with after its move was killed stays, or is moved again" {
+  needs_strace
+  needs_two_file_systems
+  for next in undo resume; do
+    echo text >a
+    killed_at unlinkat 1 "$TAVRO" move a "$there/"
+    echo more >>a
+    run -0 tavro "$next"
+    if [ "$next" = undo ]; then expect "$(cat a; ls "$there")" $'text\nmore'; fi
+    [ "$next" = undo ] || expect "$(cat "$there/a")" $'text\nmore'
+    rm -f a "$there/a"
+  done
+  rm -r "$there"
+}

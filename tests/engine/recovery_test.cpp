@@ -717,6 +717,38 @@ TEST_P(Settling, leaves_the_records_of_others) {
     EXPECT_EQ(readFile(work("a")), "bytes");
 }
 
+TEST_P(Settling, brings_back_what_had_stepped_aside_where_names_cannot_be_exchanged) {
+    const std::string hidden = TavroStagingName();
+    const fs::path aside = work(TavroAsideName(hidden));
+    for (const bool bPublished : {false, true}) {
+        SCOPED_TRACE(bPublished);
+        fs::remove_all(work(".").parent_path());
+        writeFile(m_box / "home/f", "new");
+        writeFile(work(bPublished ? "f" : hidden), "new");
+        writeFile(aside, "old");
+        TavroOperation operation;
+        operation.Kind = Kind::Copy;
+        operation.State = State::Doing;
+        TavroStep copied = {Role::Copied, (m_box / "home/f").string(), work("f").string()};
+        copied.Identity = identityOf(work(bPublished ? "f" : hidden));
+        copied.Source = identityOf(m_box / "home/f");
+        TavroStep replaced = {Role::Replaced, work("f").string(),
+                              (trashRoot() / "files/f").string(),
+                              (trashRoot() / "info/f.trashinfo").string(), identityOf(aside)};
+        copied.Staged = replaced.Staged = hidden;
+        operation.Steps = {copied, replaced};
+        {
+            TavroHistory history;
+            ASSERT_FALSE(openHistory(history));
+            ASSERT_FALSE(history.BeginOperation(operation));
+        }
+        ASSERT_EQ(TavroDescribe(undo()), "");
+        EXPECT_EQ(readFile(work("f")), "old");
+        EXPECT_FALSE(isPresent(aside));
+        EXPECT_FALSE(isPresent(work(hidden)));
+    }
+}
+
 TEST_P(Settling, touches_no_other_file_that_has_a_name_by_now) {
     writeFile(work("a"), "bytes");
     interruptTrashOf("a", "a");
