@@ -426,7 +426,7 @@ bool Transfer::Announce(const std::vector<TavroTransferItemPlan>& Items) {
                          0,
                          static_cast<std::uint32_t>(m_policy)});
     }
-    const std::string parent = Items.empty() ? "/" : TavroParentOf(steps.front().To);
+    const std::string parent = steps.empty() ? "/" : TavroParentOf(steps.front().To);
     TavroPlace place;
     struct stat status = {};
     m_bSingle = Items.size() == 1 && !m_places.Find(Items[0].SourcePath.string(), place) &&
