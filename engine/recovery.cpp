@@ -237,8 +237,9 @@ namespace {
 /// Settles the steps one by one.
 class Settlement {
 public:
-    Settlement(const TavroOperation& Operation, const TavroCallbacks& Callbacks)
-        : m_operation(Operation), m_callbacks(Callbacks), m_changes(Callbacks.bSync) {
+    Settlement(const TavroOperation& Operation, bool bGoOn, const TavroCallbacks& Callbacks)
+        : m_operation(Operation), m_bGoOn(bGoOn), m_callbacks(Callbacks),
+          m_changes(Callbacks.bSync) {
         m_callbacks.BeforeActs = nullptr;
     }
 
@@ -264,6 +265,7 @@ private:
     TavroFailure SettleBoth(const TavroStep& Step, TavroWhereabouts& OutWhere);
     TavroFailure RemoveCopy(const TavroStep& Step);
     TavroFailure Trash(const std::string& Path);
+    bool Publish(const TavroStep& Step);
     TavroFailure SettleHome(const TavroStep& Step);
     TavroFailure Remove(const std::string& Path, TavroIdentity Identity);
     TavroFailure Bring(const std::string& From, const std::string& To, TavroIdentity& IoIdentity);
@@ -276,6 +278,7 @@ private:
     bool IsCutShort(const TavroPlace& Record) const;
 
     const TavroOperation& m_operation;
+    const bool m_bGoOn;
     TavroCallbacks m_callbacks;
     TavroPlaces m_places;
     TavroChanges m_changes;
@@ -354,12 +357,28 @@ TavroFailure Settlement::SettlePlace(TavroStep& IoStep) {
     }
     const bool bCopy = IoStep.Source.Inode != 0 && InodeAt(m_places, TavroHomeOf(IoStep)) != 0;
     if (bCopy || IoStep.Role == Role::Copied) {
-        return Remove(hidden, comes);
+        return m_bGoOn && Publish(IoStep) ? TavroFailure() : Remove(hidden, comes);
     }
     TavroIdentity& home =
         IoStep.Source.Inode == 0 || TavroIsTrashed(IoStep) ? IoStep.Identity : IoStep.Source;
     home = comes;
     return Bring(hidden, TavroHomeOf(IoStep), home);
+}
+
+/// Gives the copy of a file its name, unless its source changed, or something has the name. It is
+/// on the disk: it was before the history was told of it.
+bool Settlement::Publish(const TavroStep& Step) {
+    TavroPlace from;
+    TavroPlace to;
+    struct stat status = {};
+    if (TavroIsTrashed(Step) || m_places.Find(Step.From, from) || m_places.Find(Step.To, to) ||
+        TavroStatAt(from.Number(), from.Name.c_str(), status) != 0 || S_ISDIR(status.st_mode) ||
+        status.st_ino != Step.Source.Inode || TavroNanoseconds(status.st_ctim) != Step.SourceTime) {
+        return false;
+    }
+    m_changes.Add(to.Directory);
+    return TavroRenameNoReplace(to.Number(), Step.Staged.c_str(), to.Number(), to.Name.c_str()) ==
+           0;
 }
 
 /// What waits where a file goes to from its place is a copy. Of what was replaced it may be all
@@ -541,9 +560,10 @@ bool Settlement::IsCutShort(const TavroPlace& Record) const {
 
 } // namespace
 
-TavroFailure TavroSettle(const TavroOperation& Operation, const TavroCallbacks& Callbacks,
-                         std::vector<TavroStep>& OutDone, std::vector<TavroStep>& OutNotDone) {
-    Settlement settlement(Operation, Callbacks);
+TavroFailure TavroSettle(const TavroOperation& Operation, bool bGoOn,
+                         const TavroCallbacks& Callbacks, std::vector<TavroStep>& OutDone,
+                         std::vector<TavroStep>& OutNotDone) {
+    Settlement settlement(Operation, bGoOn, Callbacks);
     std::vector<TavroStep> steps = LatestOf(Operation.Steps);
     for (const TavroStep& step : steps) {
         settlement.TakeAsideBack(step);

@@ -913,9 +913,9 @@ TavroFailure Going::Settle(bool& IoUndo, bool bResume) {
     TavroOperation& operation = m_report.Operation;
     std::vector<TavroStep> done;
     std::vector<TavroStep> notDone;
-    TavroFailure failure = TavroSettle(operation, m_callbacks, done, notDone);
     const TavroOperationState state = operation.State;
     const bool bDoing = state == TavroOperationState::Doing;
+    TavroFailure failure = TavroSettle(operation, bDoing && bResume, m_callbacks, done, notDone);
     if (operation.Kind == TavroOperationKind::Restore) {
         // Its records need not tell of the places that were chosen.
         for (TavroStep& step : done) {

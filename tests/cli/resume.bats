@@ -370,3 +370,18 @@ needs_two_file_systems() {
   done
   rm -r "$there"
 }
+
+@test "what was copied whole before the kill is not copied again" {
+  needs_strace
+  mkdir src dst
+  for name in a b c; do echo "$name" >"src/$name"; done
+  killed_at renameat2 1 "$TAVRO" copy src/{a,b,c} dst
+  hidden=$(stat -c %i dst/.tavro-* | sort)
+  echo changed >>src/b
+  run -0 tavro resume
+  expect "$(ls -A dst)" $'a\nb\nc'
+  expect "$(cat dst/b)" $'b\nchanged'
+  expect "$(stat -c %i dst/{a,c} | sort | comm -12 - <(echo "$hidden") | wc -l)" 2
+  run -0 tavro undo
+  expect "$(ls -A dst)" ''
+}
