@@ -744,10 +744,17 @@ TavroFailure TavroHistory::BeginOperation(TavroOperation& Operation) {
     if (!IsValid(Operation)) {
         return {Kind::HistoryUnrecordable};
     }
-    return m_database->Transact(Access::Write, [&] {
+    TavroFailure failure = m_database->Transact(Access::WriteLater, [&] {
         m_database->Insert(Operation);
         m_database->HoldLock(Operation.Id);
     });
+    if (failure) { // another process may get the number now
+        Operation.Id = 0;
+        LeaveOperation();
+        return failure;
+    }
+    m_database->Sync();
+    return m_database->Failure(Kind::HistorySave);
 }
 
 /// Whether an operation that was read is still the same. What was undone and redone meanwhile has

@@ -84,7 +84,8 @@ public:
     /// Adds an operation that is about to begin, in the state Doing, with the steps that are known;
     /// on the disk when this returns. What could be redone is dropped. Until it is ended, or this
     /// object goes, other processes see that it is running.
-    /// @param Operation  gets its Id.
+    /// @param Operation  gets its Id; after a failure only when the history has it, and it may not
+    ///                   be on the disk.
     TavroFailure BeginOperation(TavroOperation& Operation);
 
     /// As BeginOperation, for one that is there already and gets another state. Another process

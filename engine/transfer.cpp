@@ -795,11 +795,14 @@ void Transfer::Flush() {
     TavroFailure failure =
         error == 0 ? ClaimTrash(entries)
                    : TavroFail(Kind::Write, error, entries.empty() ? "" : entries[0].AskedTo);
-    failure = failure ? failure : Journal(entries);
     if (failure) {
         for (const Pending& entry : entries) {
             Fail({failure.Kind, failure.Error, entry.AskedTo, failure.Other});
         }
+    } else if ((failure = Journal(entries))) {
+        Fail(failure);
+    }
+    if (failure) {
         m_pending = std::move(entries);
         Discard();
         return;

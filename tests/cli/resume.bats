@@ -286,3 +286,47 @@ Copied $PWD/src/b -> $PWD/dst/b"
   run -0 tavro doctor
   expect "$output" 'The trash is in order.'
 }
+
+# Three files that are to replace others; the history is there already.
+things_to_replace() {
+  mkdir -p d
+  tavro mkdir warm >/dev/null
+  for name in f1 f2 f3; do
+    echo "new $name" >"$name"
+    echo "old $name" >"d/$name"
+  done
+}
+
+# failing_at CALL WHEN COMMAND…: the call fails as it is made for the WHENth time.
+failing_at() {
+  local call=$1 when=$2
+  shift 2
+  strace -qq -o "$scratch/calls" -e "trace=$call" -e "inject=$call:error=EIO:when=$when" "$@"
+}
+
+@test "an operation that the history lost on its way to the disk is not listed, and not undone" {
+  needs_strace
+  things_to_replace
+  run strace -qq -o "$scratch/calls" -e trace=fsync,renameat2 -e inject=fsync:error=EIO:when=1 \
+    -e inject=renameat2:signal=KILL:when=2 "$TAVRO" move --on-conflict overwrite f1 f2 f3 d/
+  expect "$status" 137
+  run -0 tavro history
+  [[ $output != *move* ]]
+  run -0 tavro undo
+  expect "$output" "Undone: mkdir
+  $PWD/warm"
+  expect "$(find . "$HOME/.local/share/Trash/files" -type f -exec cat {} + | sort)" \
+    $'new f1\nnew f2\nnew f3\nold f1\nold f2\nold f3'
+}
+
+@test "nothing is replaced when the history cannot keep what is about to be" {
+  needs_strace
+  things_to_replace
+  run -1 --separate-stderr failing_at fsync 2 "$TAVRO" copy --on-conflict overwrite f1 f2 f3 d/
+  expect "$stderr" "tavro: Cannot save the history '$HOME/.local/state/tavro/history.db': Input/output error"
+  expect "$(cat d/*)" $'old f1\nold f2\nold f3'
+  expect "$(ls -A d)" $'f1\nf2\nf3'
+  expect "$(find "$HOME/.local/share/Trash" -mindepth 2)" ''
+  run -0 tavro history
+  [[ $output != *copy* ]]
+}
