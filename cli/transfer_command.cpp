@@ -112,14 +112,16 @@ int ExitCodeOf(const TavroTransferReport& Report, const OnConflict& What, bool b
                                                                            : TavroExitFailed;
 }
 
-/// Undoes what was done of a transfer before it was interrupted. @return whether that is done.
-bool TakeBack() {
+/// Undoes what was done of a transfer before it was interrupted, and nothing else: another process
+/// may have done something since. @return whether that is done.
+bool TakeBack(std::int64_t Id) {
     TavroHistory history;
-    if (TavroOpenHistory(history)) {
+    if (Id == 0 || TavroOpenHistory(history)) {
         return false;
     }
-    const TavroUndoReport report = TavroUndo(history, {});
-    return !report.Failure || TavroPrintFailure(report.Failure) == TavroExitDone;
+    const TavroFailure failure = TavroUndoOnly(history, Id, {}).Failure;
+    return failure.Kind != TavroFailureKind::NothingToUndo &&
+           TavroPrintFailure(failure) == TavroExitDone;
 }
 
 using Clock = std::chrono::steady_clock;
@@ -170,7 +172,7 @@ int RunTransfer(TavroTransferPlan& Plan, const OnConflict& What, const Manner& H
     }
     // To take a new entry away where the old one is deleted would leave nothing.
     if (report.bCancelled && !bStopped && !report.bUnsettled && !report.Done.empty() &&
-        !HasDeleted(report) && TakeBack()) {
+        !HasDeleted(report) && TakeBack(recording.Id())) {
         report.Done.clear();
     }
     PrintReport(report, Plan.bMove, How.bQuiet);

@@ -867,8 +867,9 @@ TavroFailure Reversal::Run() {
 /// One undo, redo or resumption, with what the history has to know of it.
 class Going {
 public:
-    Going(TavroHistory& History, const TavroTransferCallbacks& Callbacks)
-        : m_history(History), m_callbacks(Callbacks) {}
+    /// @param Only  the number that the next operation must have; 0: any.
+    Going(TavroHistory& History, const TavroTransferCallbacks& Callbacks, std::int64_t Only = 0)
+        : m_history(History), m_callbacks(Callbacks), m_only(Only) {}
 
     using FindNext = TavroFailure (TavroHistory::*)(std::optional<TavroOperation>&);
     TavroUndoReport Run(FindNext Find, TavroFailureKind Nothing, bool bUndo, bool bResume);
@@ -883,6 +884,7 @@ private:
 
     TavroHistory& m_history;
     const TavroTransferCallbacks& m_callbacks;
+    const std::int64_t m_only;
     TavroUndoReport m_report;
     TavroOperation m_before;
     std::vector<TavroStep> m_settled; ///< Of an interrupted operation: what is where it is to be.
@@ -1049,7 +1051,7 @@ TavroFailure Going::Take(FindNext Find, TavroFailureKind Nothing, bool bUndo) {
     TavroFailure failure;
     for (bool bChanged = true; !failure && bChanged;) {
         failure = (m_history.*Find)(next);
-        if (!failure && !next) {
+        if (!failure && (!next || (m_only != 0 && next->Id != m_only))) {
             return {Nothing};
         }
         if (!failure) {
@@ -1107,8 +1109,13 @@ TavroUndoReport Going::Run(FindNext Find, TavroFailureKind Nothing, bool bUndo, 
 } // namespace
 
 TavroUndoReport TavroUndo(TavroHistory& History, const TavroCallbacks& Callbacks) {
+    return TavroUndoOnly(History, 0, Callbacks);
+}
+
+TavroUndoReport TavroUndoOnly(TavroHistory& History, std::int64_t Id,
+                              const TavroCallbacks& Callbacks) {
     const TavroTransferCallbacks callbacks{Callbacks, {}, {}};
-    return Going(History, callbacks)
+    return Going(History, callbacks, Id)
         .Run(&TavroHistory::NextToUndo, Kind::NothingToUndo, true, false);
 }
 
