@@ -825,6 +825,7 @@ void Transfer::Flush() {
     error = m_changes.Flush();
     for (Pending& entry : entries) {
         if (error == 0 && entry.bDone && NeedsFinish(entry) && !entry.Copy->Wake(m_places)) {
+    bool bUnfinished = false;
             Finish(entry);
         }
     }
@@ -834,6 +835,9 @@ void Transfer::Flush() {
         }
     }
     if (m_report.bCancelled) {
+        // It is in both places, until a look at the operation settles it.
+        entry.Copy->Report().Failure = {failure.Kind, failure.Error, entry.AskedTo};
+        m_report.bUnsettled = bUnfinished = true;
         return;
     }
     TryAgain(entries);
@@ -841,7 +845,7 @@ void Transfer::Flush() {
         RemoveEmptied();
         error = m_changes.Flush();
     }
-    if (error != 0) {
+    if (error != 0 && !bUnfinished) {
         Fail(TavroFail(Kind::Write, error, entries.empty() ? "" : entries[0].AskedTo));
     }
 }

@@ -90,6 +90,28 @@ TEST_F(CarryOutTransfer, an_entry_that_appears_in_a_directory_on_the_move_stays_
     EXPECT_FALSE(isPresent(source("tree/z")));
 }
 
+TEST_F(CarryOutTransfer, what_did_not_reach_the_disk_under_its_name_is_not_moved_yet) {
+    TARGET_ELSEWHERE();
+    writeFile(source("a"), "a");
+    writeFile(source("b"), "b");
+    bool bNamed = false;
+    std::optional<FaultInjector> faults;
+    const auto observer = beforeNaming(target("a"), [&] {
+        faults.emplace(std::vector<Fault>{{"fsync", EIO, target(), 1, true},
+                                          {"syncfs", EIO, target(), 1, true}});
+        bNamed = true;
+    });
+    EXPECT_FALSE(move({"a", "b"}));
+    ASSERT_TRUE(bNamed);
+    EXPECT_GT(faults->fired(), 0);
+    const std::string error = systemText(std::errc::io_error);
+    EXPECT_EQ("failed: Cannot write '/target/a': " + error +
+                  "\nfailed: Cannot write '/target/b': " + error + "\n",
+              report());
+    EXPECT_TRUE(m_report.bUnsettled) << "what is where has to be looked at";
+    EXPECT_EQ("ab", readFile(source("a")) + readFile(source("b")));
+}
+
 /// Sources that change when their copies are whole already.
 class LastMoment : public TransferTest {
 protected:
