@@ -278,6 +278,7 @@ private:
     void Note(Pending& Entry);
     void TryAgain(std::vector<Pending>& Entries);
     void Discard();
+    void DropClaim(Pending& Entry);
     void GiveUp(Pending& Entry);
 
     bool IsInterrupted() {
@@ -812,6 +813,7 @@ void Transfer::Flush() {
             m_pending.push_back(std::move(entry));
         } else if ((failure = entry.Copy->Wake(m_places))) {
             entry.Copy->Report().Failure = {Kind::Read, failure.Error, entry.AskedFrom};
+            DropClaim(entry);
             GiveUp(entry);
         } else {
             Publish(entry);
@@ -954,8 +956,8 @@ void Transfer::Publish(Pending& Entry) {
     }
     if (Entry.bDone && !Entry.OldName.empty()) {
         TrashReplaced(Entry);
-    } else if (!Entry.OldName.empty()) {
-        m_claims->Drop(TavroNameOf(Entry.OwnTo), Entry.OldName);
+    } else {
+        DropClaim(Entry);
     }
 }
 
@@ -1102,7 +1104,7 @@ void Transfer::PutBack(Pending& Entry, const TavroFailure& Why) {
     }
     Entry.Copy->Report().Arrived = {};
     Entry.Copy->Report().Failure = {Kind::Replace, Why.Error, Entry.AskedTo, Entry.AskedFrom};
-    m_claims->Drop(TavroNameOf(Entry.OwnTo), Entry.OldName);
+    DropClaim(Entry);
 }
 
 bool Transfer::NeedsFinish(const Pending& Entry) const {
@@ -1186,9 +1188,7 @@ void Transfer::TryAgain(std::vector<Pending>& Entries) {
 /// Nothing of what waits is done.
 void Transfer::Discard() {
     for (Pending& entry : m_pending) {
-        if (!entry.OldName.empty()) {
-            m_claims->Drop(TavroNameOf(entry.OwnTo), entry.OldName);
-        }
+        DropClaim(entry);
         GiveUp(entry);
     }
     m_pending.clear();
@@ -1212,6 +1212,14 @@ void Transfer::GiveUp(Pending& Entry) {
     std::vector<TavroFailure>& below = report.Below;
     if (TavroFailure failure = Entry.Copy->GiveUp(m_places)) {
         below.push_back({Kind::RemoveIncompleteCopy, failure.Error,
+/// Nothing goes to the name in the trash that was claimed for what is replaced.
+void Transfer::DropClaim(Pending& Entry) {
+    if (!Entry.OldName.empty()) {
+        m_claims->Drop(TavroNameOf(Entry.OwnTo), Entry.OldName);
+        Entry.OldName.clear();
+    }
+}
+
                          TavroJoin(TavroParentOf(Entry.AskedTo), Entry.Copy->StagedName())});
     }
     if (report.Failure.Kind == Kind::RemoveIncompleteCopy) {
