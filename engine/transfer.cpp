@@ -361,11 +361,11 @@ void Transfer::KeepOrDiscard() {
     m_bKeeping = bAnything && !m_bSingle && m_callbacks.BeforeActs && m_callbacks.ShouldKeep &&
                  m_callbacks.ShouldKeep();
     if (m_bKeeping) {
+        m_progress.GoOn();
         Flush();
         m_report.bUnsettled = true;
-    } else {
-        Discard();
     }
+    Discard();
 }
 
 bool Transfer::CheckGuard(const std::vector<TavroTransferItemPlan>& Items) {
@@ -825,11 +825,19 @@ void Transfer::Flush() {
     const auto isLeft = [](const Pending& entry) { return !entry.Copy; };
     entries.erase(std::remove_if(entries.begin(), entries.end(), isLeft), entries.end());
     error = m_changes.Flush();
-    for (Pending& entry : entries) {
-        if (error == 0 && entry.bDone && NeedsFinish(entry) && !entry.Copy->Wake(m_places)) {
     bool bUnfinished = false;
-            Finish(entry);
+    for (Pending& entry : entries) {
+        if (!entry.bDone || !NeedsFinish(entry)) {
+            continue;
         }
+        failure = error != 0 ? TavroFail(Kind::Write, error, "") : entry.Copy->Wake(m_places);
+        if (!failure) {
+            Finish(entry);
+            continue;
+        }
+        // It is in both places, until a look at the operation settles it.
+        entry.Copy->Report().Failure = {failure.Kind, failure.Error, entry.AskedTo};
+        m_report.bUnsettled = bUnfinished = true;
     }
     for (Pending& entry : entries) {
         if (!entry.bAgain) {
@@ -837,9 +845,10 @@ void Transfer::Flush() {
         }
     }
     if (m_report.bCancelled) {
-        // It is in both places, until a look at the operation settles it.
-        entry.Copy->Report().Failure = {failure.Kind, failure.Error, entry.AskedTo};
-        m_report.bUnsettled = bUnfinished = true;
+        const auto isOver = [](const Pending& entry) { return !entry.bAgain; };
+        std::remove_copy_if(std::make_move_iterator(entries.begin()),
+                            std::make_move_iterator(entries.end()), std::back_inserter(m_pending),
+                            isOver);
         return;
     }
     TryAgain(entries);
@@ -1203,6 +1212,14 @@ void Transfer::Discard() {
     m_changes.Flush();
 }
 
+/// Nothing goes to the name in the trash that was claimed for what is replaced.
+void Transfer::DropClaim(Pending& Entry) {
+    if (!Entry.OldName.empty()) {
+        m_claims->Drop(TavroNameOf(Entry.OwnTo), Entry.OldName);
+        Entry.OldName.clear();
+    }
+}
+
 /// Nothing is left of what waits, or it is told what is.
 void Transfer::GiveUp(Pending& Entry) {
     if (Entry.bRename) {
@@ -1212,14 +1229,6 @@ void Transfer::GiveUp(Pending& Entry) {
     std::vector<TavroFailure>& below = report.Below;
     if (TavroFailure failure = Entry.Copy->GiveUp(m_places)) {
         below.push_back({Kind::RemoveIncompleteCopy, failure.Error,
-/// Nothing goes to the name in the trash that was claimed for what is replaced.
-void Transfer::DropClaim(Pending& Entry) {
-    if (!Entry.OldName.empty()) {
-        m_claims->Drop(TavroNameOf(Entry.OwnTo), Entry.OldName);
-        Entry.OldName.clear();
-    }
-}
-
                          TavroJoin(TavroParentOf(Entry.AskedTo), Entry.Copy->StagedName())});
     }
     if (report.Failure.Kind == Kind::RemoveIncompleteCopy) {
