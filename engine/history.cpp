@@ -203,9 +203,10 @@ struct TavroDatabase {
     std::function<bool()> ShouldCancel;
     Clock::time_point WaitsSince;
     bool bCancelled = false;
-    bool bImpatient = false; ///< Nobody is waited for.
-    bool bSync = true;       ///< What is written reaches the disk.
-    bool bNewLog = false;    ///< The name of the log may not be on the disk.
+    bool bForOperation = false; ///< The wait is for the end of an operation.
+    bool bImpatient = false;    ///< Nobody is waited for.
+    bool bSync = true;          ///< What is written reaches the disk.
+    bool bNewLog = false;       ///< The name of the log may not be on the disk.
     sqlite3* Connection = nullptr;
     int Code = SQLITE_OK;
     std::int64_t ReadVersion = 0; ///< Of what others have written, when an operation was read.
@@ -357,6 +358,10 @@ void TavroHistory::WaitForDisk(bool bSync) {
 
 const std::string& TavroHistory::Notice() const {
     return m_database->Notice;
+}
+
+bool TavroHistory::WaitsForOperation() const {
+    return m_database->bForOperation;
 }
 
 TavroFailure TavroDatabase::Open(bool bAgain) {
@@ -727,7 +732,10 @@ TavroFailure TavroDatabase::HoldLock(std::int64_t Id) {
         if (error != EAGAIN && error != EACCES) {
             break;
         }
-        if (!Wait(count)) {
+        bForOperation = true;
+        const bool bAgain = Wait(count);
+        bForOperation = false;
+        if (!bAgain) {
             return {bCancelled ? Kind::Cancelled : Kind::HistoryRunning};
         }
     }

@@ -53,6 +53,10 @@ public:
     /// After each call: one sentence when a damaged file was set aside, naming it; else empty.
     const std::string& Notice() const;
 
+    /// While a call waits: whether that is for the end of an operation that another process is at,
+    /// and not for a writer.
+    bool WaitsForOperation() const;
+
     /// Adds what was just done. What could be redone is dropped, and so is the oldest that is too
     /// much.
     /// @param Operation  gets its Id.

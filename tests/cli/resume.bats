@@ -188,7 +188,7 @@ sys.stdin.read()
   done <"$scratch/log"
   wait "$tracer"
   [[ $first == *'(going on, '[12]' of 3 done)' ]]
-  [[ $second == *'Waiting for another process that is writing to the history'* ]]
+  [[ $second == *'Waiting for another process to end the newest operation'* ]]
   expect "$stopped" 124
   expect "$(ls)" ''
   run -0 tavro undo
