@@ -52,16 +52,11 @@ std::optional<TavroConflictAnswer> AskAbout(const TavroTransferConflict& Conflic
     }
 }
 
-/// @param bOutStopped  set when a person's answer was to stop.
-TavroConflictJudge::Ask ConflictHandler(const OnConflict& What, TavroProgressBar& Bar,
-                                        bool& bOutStopped) {
-    if (What.bKeepBoth) {
-        return [](const TavroTransferConflict&) {
-            return TavroConflictAnswer{TavroConflictChoice::KeepBoth, true};
-        };
-    }
-    if (What.Policy == TavroTransferConflictPolicy::Skip || !TavroCanAsk()) {
-        return {}; // nobody to ask: what is in the way stays, and is reported
+} // namespace
+
+TavroConflictJudge::Ask TavroConflictQuestion(TavroProgressBar& Bar, bool& bOutStopped) {
+    if (!TavroCanAsk()) {
+        return {};
     }
     return [&Bar, &bOutStopped](const TavroTransferConflict& conflict) {
         Bar.Clear();
@@ -71,6 +66,8 @@ TavroConflictJudge::Ask ConflictHandler(const OnConflict& What, TavroProgressBar
     };
 }
 
+namespace {
+
 /// Whether something was replaced and is not in the trash.
 bool HasDeleted(const TavroTransferReport& Report) {
     const auto isReplaced = [](const TavroTransferredEntry& entry) { return entry.bReplaced; };
@@ -79,9 +76,7 @@ bool HasDeleted(const TavroTransferReport& Report) {
 }
 
 void PrintReport(const TavroTransferReport& Report, bool bMove, bool bQuiet) {
-    for (const std::string& path : Report.Skipped) {
-        TavroPrintError("Skipped, as something is in its place: '" + path + "'");
-    }
+    TavroPrintSkipped(Report.Skipped);
     TavroPrintFailures(Report.Failed);
     TavroPrintLost(Report.Lost);
     for (const TavroTransferredEntry& entry : Report.Done) {
@@ -156,7 +151,8 @@ int RunTransfer(TavroTransferPlan& Plan, const OnConflict& What, const Manner& H
     {
         TavroProgressBar bar(How.bQuiet);
         TavroTransferCallbacks callbacks{recording.Bind(bar.Callbacks(), How.bSync),
-                                         ConflictHandler(What, bar, bStopped)};
+                                         TavroConflictQuestion(bar, bStopped)};
+        callbacks.bKeepBoth = What.bKeepBoth;
         callbacks.bKeepReplaced = How.bKeep;
         callbacks.ShouldKeep = [&bar, begin = Clock::now()] {
             bar.Clear();

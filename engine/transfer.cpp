@@ -419,13 +419,14 @@ std::string Transfer::OwnPathOf(const std::string& Path) {
 bool Transfer::Announce(const std::vector<TavroTransferItemPlan>& Items) {
     std::vector<TavroStep> steps;
     for (const TavroTransferItemPlan& item : Items) {
-        steps.push_back({TavroStepRole::Planned,
-                         OwnPathOf(item.SourcePath.string()),
-                         OwnPathOf(item.DestinationPath.string()),
-                         "",
-                         {},
-                         0,
-                         static_cast<std::uint32_t>(m_policy)});
+        steps.push_back(
+            {TavroStepRole::Planned,
+             OwnPathOf(item.SourcePath.string()),
+             OwnPathOf(item.DestinationPath.string()),
+             "",
+             {},
+             0,
+             m_callbacks.bKeepBoth ? TavroKeepBothMode : static_cast<std::uint32_t>(m_policy)});
     }
     const std::string parent = Items.empty() ? "/" : TavroParentOf(steps.front().To);
     TavroPlace place;
@@ -582,8 +583,9 @@ bool Transfer::IsEntangled(const Route& Way, const struct stat& Source) {
 
 void Transfer::SettleConflict(const Route& Way, const struct stat& Source, const struct stat& There,
                               TavroTransferItemPlan* Item) {
-    const bool bDirectory = S_ISDIR(Source.st_mode);
-    switch (m_judge.Judge({Way.From.Path(), Way.To.Path(), bDirectory, S_ISDIR(There.st_mode)})) {
+    const TavroTransferConflict conflict = {Way.From.Path(), Way.To.Path(), S_ISDIR(Source.st_mode),
+                                            S_ISDIR(There.st_mode)};
+    switch (m_callbacks.bKeepBoth ? TavroConflictChoice::KeepBoth : m_judge.Judge(conflict)) {
     case TavroConflictChoice::Overwrite:
         Replace(Way, Source, There, Item);
         break;

@@ -972,6 +972,8 @@ TavroFailure Going::Transfer(TavroTransferCallbacks Callbacks) {
         if (step.Role == Role::Planned && step.Mode <= 2) {
             plan.ConflictPolicy = static_cast<TavroTransferConflictPolicy>(step.Mode);
         }
+        Callbacks.bKeepBoth = Callbacks.bKeepBoth ||
+                              (step.Role == Role::Planned && step.Mode == TavroKeepBothMode);
         // What was planned leads to all that it consists of.
         if ((bPlanned ? step.Role == Role::Planned : TavroIsMainStep(step, operation.Kind)) &&
             done.count(step.From) == 0) {
@@ -983,14 +985,17 @@ TavroFailure Going::Transfer(TavroTransferCallbacks Callbacks) {
         }
     }
     // What was about to be replaced was decided upon.
+    bool bOpen = false; // something else was not, and nobody could be asked
     Callbacks.OnConflict = [&, ask = Callbacks.OnConflict](const TavroTransferConflict& conflict) {
-        return replaced.count(conflict.DestinationPath) != 0
-                   ? TavroConflictAnswer{TavroConflictChoice::Overwrite, false}
-               : ask ? ask(conflict)
-                     : TavroConflictAnswer{TavroConflictChoice::Skip, false};
+        if (replaced.count(conflict.DestinationPath) != 0) {
+            return TavroConflictAnswer{TavroConflictChoice::Overwrite, false};
+        }
+        bOpen = bOpen || !ask;
+        return ask ? ask(conflict) : TavroConflictAnswer{TavroConflictChoice::Skip, false};
     };
     Callbacks.IsDone = [&](const std::string& path) { return done.count(path) != 0; };
     TavroCarryOutTransfer(plan, Callbacks, m_report.Transfer);
+    m_report.Transfer.bUnsettled = m_report.Transfer.bUnsettled || bOpen;
     operation.Steps = TavroOperationOf(m_report.Transfer, plan.bMove).Steps;
     TavroCompleteOperation(operation);
     return m_report.Transfer.bCancelled ? TavroFailure{Kind::Cancelled} : TavroFailure();

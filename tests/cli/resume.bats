@@ -330,3 +330,60 @@ failing_at() {
   run -0 tavro history
   [[ $output != *copy* ]]
 }
+
+@test "resume keeps both where the interrupted copy was to" {
+  needs_strace
+  mkdir d
+  for name in f1 f2 f3 f4 f5; do
+    echo "new $name" >"$name"
+    echo "old $name" >"d/$name"
+  done
+  killed_at renameat2 3 "$TAVRO" copy --on-conflict keep-both f1 f2 f3 f4 f5 d/
+  run -0 tavro resume
+  expect "$(cat d/*' copy 1')" "$(cat f?)"
+  expect "$(cat d/f?)" $'old f1\nold f2\nold f3\nold f4\nold f5'
+  run -0 tavro undo
+  expect "$(ls -A d)" $'f1\nf2\nf3\nf4\nf5'
+}
+
+@test "what nobody decided on is said by resume, and can still be resumed or undone" {
+  needs_strace
+  mkdir d
+  echo new >f
+  echo old >d/f
+  killed_at renameat2 1 "$TAVRO" copy --no-keep --on-conflict overwrite f d/
+  run -1 --separate-stderr tavro resume
+  expect "$output" ''
+  expect "$stderr" "tavro: Skipped, as something is in its place: '$PWD/f'
+tavro: Not finished: 'tavro resume' goes on, 'tavro undo' takes it back"
+  expect "$(cat d/f)" old
+  run -0 tavro history
+  [[ $output == *'(interrupted, 0 of 1 done)'* ]]
+  rm d/f
+  run -0 tavro resume
+  expect "$(cat d/f)" new
+}
+
+@test "resume asks a person about what nobody decided on" {
+  needs_strace
+  needs_python
+  mkdir d
+  echo new >f
+  echo old >d/f
+  killed_at renameat2 1 "$TAVRO" copy --no-keep --on-conflict overwrite f d/
+  run -0 timeout 60 python3 "$BATS_TEST_DIRNAME/terminal.py" 'for all ' 'o\n' "$TAVRO" resume
+  [[ $output == *"Replace it by the file $PWD/f?"* ]]
+  expect "$(cat d/f)" new
+  run -0 tavro undo
+  expect "$(cat d/f)" old
+}
+
+@test "what a resumption replaces was decided upon before" {
+  needs_strace
+  mkdir d
+  echo new >f
+  echo old >d/f
+  killed_at renameat2 1 "$TAVRO" copy --on-conflict overwrite f d/
+  run -0 tavro resume
+  expect "$(cat d/f)" new
+}
