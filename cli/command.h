@@ -4,6 +4,7 @@
 #ifndef TAVRO_CLI_COMMAND_H
 #define TAVRO_CLI_COMMAND_H
 
+#include "conflicts.h"
 #include "interrupt.h"
 #include "place.h"
 #include "tavrotransfer.h"
@@ -18,6 +19,8 @@
 
 /// What each command runs, by the parser that reads its arguments. It returns the exit code.
 using TavroCommandTable = std::map<const CLI::App*, std::function<int()>>;
+
+class TavroProgressBar;
 
 using TavroAdder = void(CLI::App& App, TavroCommandTable& Table);
 TavroAdder TavroAddCopy, TavroAddDelete, TavroAddDoctor, TavroAddEmpty, TavroAddHistory,
@@ -55,6 +58,11 @@ bool TavroFindEntries(const std::vector<std::string>& Texts,
 CLI::Option* TavroAddTransferNames(CLI::App& Command);
 bool TavroPlanNames(const CLI::Option* Names, const CLI::Option* In, bool bMove,
                     TavroTransferConflictPolicy Policy, TavroTransferPlan& OutPlan);
+
+/// Asks a person about each conflict; empty where nobody can be asked: what is in the way stays,
+/// and is reported then.
+/// @param bOutStopped  set when the answer was to stop.
+TavroConflictJudge::Ask TavroConflictQuestion(TavroProgressBar& Bar, bool& bOutStopped);
 
 /// Writes one line an item: "SOURCE -> DESTINATION".
 void TavroPrintPlan(const TavroTransferPlan& Plan);

@@ -11,7 +11,7 @@
 namespace {
 
 /// Says after a second that something is waited for, and for what.
-bool TellOfWaiting() {
+bool TellOfWaiting(const TavroHistory& History) {
     using Clock = std::chrono::steady_clock;
     static Clock::time_point since;
     static Clock::time_point last;
@@ -23,7 +23,9 @@ bool TellOfWaiting() {
     }
     last = now;
     if (!bTold && now - since >= std::chrono::seconds(1)) {
-        TavroPrintError("Waiting for another process that is writing to the history");
+        TavroPrintError(History.WaitsForOperation()
+                            ? "Waiting for another process to end the newest operation"
+                            : "Waiting for another process that is writing to the history");
         bTold = true;
     }
     return TavroWasInterrupted();
@@ -32,8 +34,8 @@ bool TellOfWaiting() {
 } // namespace
 
 TavroFailure TavroOpenHistory(TavroHistory& OutHistory) {
-    TavroFailure failure =
-        OutHistory.Open(TavroHistoryPath(), std::chrono::seconds(10), &TellOfWaiting);
+    TavroFailure failure = OutHistory.Open(TavroHistoryPath(), std::chrono::seconds(10),
+                                           [&OutHistory] { return TellOfWaiting(OutHistory); });
     if (failure) {
         TavroPrintError("The undo history cannot be used: " + TavroDescribe(failure));
     } else if (!OutHistory.Notice().empty()) {

@@ -28,6 +28,11 @@ public:
         m_journal.Leave();
     }
 
+    /// The number of the operation in the history; 0: it is not there.
+    std::int64_t Id() const {
+        return m_journal.Id();
+    }
+
 private:
     TavroJournal m_journal{&TavroOpenHistory};
 };

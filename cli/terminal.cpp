@@ -60,6 +60,12 @@ void TavroPrintError(const std::string& Sentence) {
     TavroPrintLine(stderr, "tavro: " + Sentence);
 }
 
+void TavroPrintSkipped(const std::vector<std::string>& Paths) {
+    for (const std::string& path : Paths) {
+        TavroPrintError("Skipped, as something is in its place: '" + path + "'");
+    }
+}
+
 int TavroExitCodeOf(const TavroFailure& Failure) {
     if (Failure.Kind == TavroFailureKind::Cancelled) {
         return TavroInterruptedExitCode();

@@ -33,6 +33,9 @@ void TavroPrintLine(std::FILE* Stream, const std::string& Text);
 /// Writes "tavro: SENTENCE" to standard error.
 void TavroPrintError(const std::string& Sentence);
 
+/// Says of each path that it was skipped.
+void TavroPrintSkipped(const std::vector<std::string>& Paths);
+
 /// Writes a sentence for each failure. @return whether there was none.
 bool TavroPrintFailures(const std::vector<TavroFailure>& Failures);
 

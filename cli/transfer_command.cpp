@@ -52,16 +52,11 @@ std::optional<TavroConflictAnswer> AskAbout(const TavroTransferConflict& Conflic
     }
 }
 
-/// @param bOutStopped  set when a person's answer was to stop.
-TavroConflictJudge::Ask ConflictHandler(const OnConflict& What, TavroProgressBar& Bar,
-                                        bool& bOutStopped) {
-    if (What.bKeepBoth) {
-        return [](const TavroTransferConflict&) {
-            return TavroConflictAnswer{TavroConflictChoice::KeepBoth, true};
-        };
-    }
-    if (What.Policy == TavroTransferConflictPolicy::Skip || !TavroCanAsk()) {
-        return {}; // nobody to ask: what is in the way stays, and is reported
+} // namespace
+
+TavroConflictJudge::Ask TavroConflictQuestion(TavroProgressBar& Bar, bool& bOutStopped) {
+    if (!TavroCanAsk()) {
+        return {};
     }
     return [&Bar, &bOutStopped](const TavroTransferConflict& conflict) {
         Bar.Clear();
@@ -71,6 +66,8 @@ TavroConflictJudge::Ask ConflictHandler(const OnConflict& What, TavroProgressBar
     };
 }
 
+namespace {
+
 /// Whether something was replaced and is not in the trash.
 bool HasDeleted(const TavroTransferReport& Report) {
     const auto isReplaced = [](const TavroTransferredEntry& entry) { return entry.bReplaced; };
@@ -79,9 +76,7 @@ bool HasDeleted(const TavroTransferReport& Report) {
 }
 
 void PrintReport(const TavroTransferReport& Report, bool bMove, bool bQuiet) {
-    for (const std::string& path : Report.Skipped) {
-        TavroPrintError("Skipped, as something is in its place: '" + path + "'");
-    }
+    TavroPrintSkipped(Report.Skipped);
     TavroPrintFailures(Report.Failed);
     TavroPrintLost(Report.Lost);
     for (const TavroTransferredEntry& entry : Report.Done) {
@@ -112,14 +107,16 @@ int ExitCodeOf(const TavroTransferReport& Report, const OnConflict& What, bool b
                                                                            : TavroExitFailed;
 }
 
-/// Undoes what was done of a transfer before it was interrupted. @return whether that is done.
-bool TakeBack() {
+/// Undoes what was done of a transfer before it was interrupted, and nothing else: another process
+/// may have done something since. @return whether that is done.
+bool TakeBack(std::int64_t Id) {
     TavroHistory history;
-    if (TavroOpenHistory(history)) {
+    if (Id == 0 || TavroOpenHistory(history)) {
         return false;
     }
-    const TavroUndoReport report = TavroUndo(history, {});
-    return !report.Failure || TavroPrintFailure(report.Failure) == TavroExitDone;
+    const TavroFailure failure = TavroUndoOnly(history, Id, {}).Failure;
+    return failure.Kind != TavroFailureKind::NothingToUndo &&
+           TavroPrintFailure(failure) == TavroExitDone;
 }
 
 using Clock = std::chrono::steady_clock;
@@ -154,7 +151,8 @@ int RunTransfer(TavroTransferPlan& Plan, const OnConflict& What, const Manner& H
     {
         TavroProgressBar bar(How.bQuiet);
         TavroTransferCallbacks callbacks{recording.Bind(bar.Callbacks(), How.bSync),
-                                         ConflictHandler(What, bar, bStopped)};
+                                         TavroConflictQuestion(bar, bStopped)};
+        callbacks.bKeepBoth = What.bKeepBoth;
         callbacks.bKeepReplaced = How.bKeep;
         callbacks.ShouldKeep = [&bar, begin = Clock::now()] {
             bar.Clear();
@@ -170,7 +168,7 @@ int RunTransfer(TavroTransferPlan& Plan, const OnConflict& What, const Manner& H
     }
     // To take a new entry away where the old one is deleted would leave nothing.
     if (report.bCancelled && !bStopped && !report.bUnsettled && !report.Done.empty() &&
-        !HasDeleted(report) && TakeBack()) {
+        !HasDeleted(report) && TakeBack(recording.Id())) {
         report.Done.clear();
     }
     PrintReport(report, Plan.bMove, How.bQuiet);

@@ -7,19 +7,24 @@
 
 namespace {
 
-using Act = std::function<TavroUndoReport(TavroHistory&, const TavroCallbacks&)>;
+using Act = std::function<TavroUndoReport(TavroHistory&, const TavroTransferCallbacks&)>;
 
 /// Says what became of it, of what failed, and what could not be kept.
 int PrintReport(const TavroUndoReport& Report, const std::string& Title, bool bQuiet) {
+    TavroPrintSkipped(Report.Transfer.Skipped);
     TavroPrintFailures(Report.Transfer.Failed);
+    const bool bUnsettled = Report.Transfer.bUnsettled;
     if (Report.Failure) {
         TavroPrintError(TavroDescribe(Report));
+    } else if (bUnsettled) {
+        TavroPrintError("Not finished: 'tavro resume' goes on, 'tavro undo' takes it back");
     } else if (!bQuiet) {
         TavroPrintOperation(Title, Report.Operation);
     }
     const int exitCode = TavroExitCodeOf(Report.Failure);
-    return exitCode == TavroExitDone && !Report.Transfer.Failed.empty() ? TavroExitFailed
-                                                                        : exitCode;
+    return exitCode == TavroExitDone && (bUnsettled || !Report.Transfer.Failed.empty())
+               ? TavroExitFailed
+               : exitCode;
 }
 
 int RunStep(const Act& Run, const std::string& Title, bool bQuiet, bool bSync) {
@@ -31,7 +36,8 @@ int RunStep(const Act& Run, const std::string& Title, bool bQuiet, bool bSync) {
     TavroUndoReport report;
     {
         TavroProgressBar bar(bQuiet);
-        TavroCallbacks callbacks = bar.Callbacks();
+        bool bStopped = false; // which is told as any other cancel
+        TavroTransferCallbacks callbacks{bar.Callbacks(), TavroConflictQuestion(bar, bStopped)};
         callbacks.bSync = bSync;
         report = Run(history, callbacks);
     }
@@ -57,8 +63,5 @@ void TavroAddRedo(CLI::App& App, TavroCommandTable& Table) {
 }
 
 void TavroAddResume(CLI::App& App, TavroCommandTable& Table) {
-    const auto resume = [](TavroHistory& history, const TavroCallbacks& callbacks) {
-        return TavroResume(history, {callbacks, {}, {}});
-    };
-    AddStep(App, "resume", "Go on with what was interrupted", resume, "Finished: ", Table);
+    AddStep(App, "resume", "Go on with what was interrupted", TavroResume, "Finished: ", Table);
 }

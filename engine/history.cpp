@@ -204,9 +204,10 @@ struct TavroDatabase {
     std::function<bool()> ShouldCancel;
     Clock::time_point WaitsSince;
     bool bCancelled = false;
-    bool bImpatient = false; ///< Nobody is waited for.
-    bool bSync = true;       ///< What is written reaches the disk.
-    bool bNewLog = false;    ///< The name of the log may not be on the disk.
+    bool bForOperation = false; ///< The wait is for the end of an operation.
+    bool bImpatient = false;    ///< Nobody is waited for.
+    bool bSync = true;          ///< What is written reaches the disk.
+    bool bNewLog = false;       ///< The name of the log may not be on the disk.
     sqlite3* Connection = nullptr;
     int Code = SQLITE_OK;
     std::int64_t ReadVersion = 0; ///< Of what others have written, when an operation was read.
@@ -358,6 +359,10 @@ void TavroHistory::WaitForDisk(bool bSync) {
 
 const std::string& TavroHistory::Notice() const {
     return m_database->Notice;
+}
+
+bool TavroHistory::WaitsForOperation() const {
+    return m_database->bForOperation;
 }
 
 TavroFailure TavroDatabase::Open(bool bAgain) {
@@ -728,7 +733,10 @@ TavroFailure TavroDatabase::HoldLock(std::int64_t Id) {
         if (error != EAGAIN && error != EACCES) {
             break;
         }
-        if (!Wait(count)) {
+        bForOperation = true;
+        const bool bAgain = Wait(count);
+        bForOperation = false;
+        if (!bAgain) {
             return {bCancelled ? Kind::Cancelled : Kind::HistoryRunning};
         }
     }
@@ -750,11 +758,18 @@ TavroFailure TavroHistory::BeginOperation(TavroOperation& Operation) {
     if (!IsValid(Operation)) {
         return {Kind::HistoryUnrecordable};
     }
-    return m_database->Transact(Access::Write, [&] {
+    TavroFailure failure = m_database->Transact(Access::WriteLater, [&] {
         m_database->Insert(Operation);
         m_database->AddStaging(Operation.Id);
         m_database->HoldLock(Operation.Id);
     });
+    if (failure) { // another process may get the number now
+        Operation.Id = 0;
+        LeaveOperation();
+        return failure;
+    }
+    m_database->Sync();
+    return m_database->Failure(Kind::HistorySave);
 }
 
 /// Whether an operation that was read is still the same. What was undone and redone meanwhile has

@@ -53,6 +53,10 @@ public:
     /// After each call: one sentence when a damaged file was set aside, naming it; else empty.
     const std::string& Notice() const;
 
+    /// While a call waits: whether that is for the end of an operation that another process is at,
+    /// and not for a writer.
+    bool WaitsForOperation() const;
+
     /// Adds what was just done. What could be redone is dropped, and so is the oldest that is too
     /// much.
     /// @param Operation  gets its Id.
@@ -84,7 +88,8 @@ public:
     /// Adds an operation that is about to begin, in the state Doing, with the steps that are known;
     /// on the disk when this returns. What could be redone is dropped. Until it is ended, or this
     /// object goes, other processes see that it is running.
-    /// @param Operation  gets its Id.
+    /// @param Operation  gets its Id; after a failure only when the history has it, and it may not
+    ///                   be on the disk.
     TavroFailure BeginOperation(TavroOperation& Operation);
 
     /// As BeginOperation, for one that is there already and gets another state. Another process

@@ -23,9 +23,9 @@ TavroFailure TavroJournal::Keep(TavroOperationKind Kind, const std::vector<Tavro
         m_id == 0 ? Begin(Kind, Steps) : m_history->KeepSteps(m_id, m_kept.size(), Steps);
     if (!failure) {
         m_kept.insert(m_kept.end(), Steps.begin(), Steps.end());
-        return {};
     }
-    if (failure.Kind == TavroFailureKind::HistoryBusy ||
+    // What stands in the history does nothing that the history does not know.
+    if (!failure || m_id != 0 || failure.Kind == TavroFailureKind::HistoryBusy ||
         failure.Kind == TavroFailureKind::Cancelled) {
         return failure;
     }
@@ -33,6 +33,7 @@ TavroFailure TavroJournal::Keep(TavroOperationKind Kind, const std::vector<Tavro
     return {};
 }
 
+/// After a failure there is an `m_id` only where the history has the operation all the same.
 TavroFailure TavroJournal::Begin(TavroOperationKind Kind, const std::vector<TavroStep>& Steps) {
     TavroFailure failure = m_open ? m_open(*m_history) : TavroFailure();
     if (failure) {
@@ -42,6 +43,10 @@ TavroFailure TavroJournal::Begin(TavroOperationKind Kind, const std::vector<Tavr
     TavroOperation operation{0, Kind, TavroOperationState::Doing, std::time(nullptr), Steps};
     failure = m_history->BeginOperation(operation);
     m_id = operation.Id;
+    if (failure && m_id != 0) {
+        operation.Steps.clear();
+        m_id = m_history->EndOperation(operation, false) ? m_id : 0;
+    }
     return failure;
 }
 
@@ -58,7 +63,7 @@ bool IsSame(const TavroStep& Kept, TavroStep Done) {
 } // namespace
 
 TavroFailure TavroJournal::End(TavroOperation Operation) {
-    if (m_problem || m_id == 0) {
+    if (m_id == 0) {
         return {};
     }
     Operation.Id = m_id;

@@ -8,7 +8,7 @@
 
 /// Binds one operation to the history. Where that cannot be used the operation goes on without:
 /// `Problem` tells why. When another process keeps it for too long, or a wait was cancelled, the
-/// operation does not begin.
+/// operation does not begin. Once the history has it, it does nothing that cannot be kept.
 class TavroJournal {
 public:
     /// @param Open  opens the history, before the first step is kept in it.
@@ -28,6 +28,11 @@ public:
     /// It stays as it is, as one that was interrupted.
     void Leave() {
         m_history->LeaveOperation();
+    }
+
+    /// The number that the history has given to the operation; 0: it does not have it.
+    std::int64_t Id() const {
+        return m_id;
     }
 
     /// Why the history cannot be used; none when it can, or was not asked yet.

@@ -49,7 +49,7 @@ struct TavroStep {
     /// known, or of a directory that the operation found there.
     TavroIdentity Identity = {};
     std::int64_t ChangeTime = 0; ///< Of that file when the operation ended, or that moment.
-    std::uint32_t Mode = 0;      ///< Of a created or removed directory.
+    std::uint32_t Mode = 0;      ///< Of a created or removed directory; of a plan, its policy.
     bool bDirectory = false;     ///< As the trash record of a Trashed step has it.
 
     /// Of a removed directory: what else it had, as TavroPackAttributes gives it. Empty: not known.

@@ -50,7 +50,12 @@ public:
     /// Once this has said yes it stays at yes: a caller's hook may say it once only.
     bool ShouldCancel() {
         m_bCancelled = m_bCancelled || (m_callbacks.ShouldCancel && m_callbacks.ShouldCancel());
-        return m_bCancelled;
+        return m_bCancelled && !m_bGoesOn;
+    }
+
+    /// From now on nothing is cancelled.
+    void GoOn() {
+        m_bGoesOn = true;
     }
 
     void Expect(std::uint64_t Items, std::uint64_t Bytes) {
@@ -121,6 +126,7 @@ private:
     TavroProgress m_progress;
     bool m_bNamed = true; ///< The path is the one that is worked on.
     bool m_bCancelled = false;
+    bool m_bGoesOn = false;
     Clock::time_point m_toldAt = Clock::now();
 };
 

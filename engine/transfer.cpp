@@ -278,6 +278,7 @@ private:
     void Note(Pending& Entry);
     void TryAgain(std::vector<Pending>& Entries);
     void Discard();
+    void DropClaim(Pending& Entry);
     void GiveUp(Pending& Entry);
 
     bool IsInterrupted() {
@@ -360,11 +361,11 @@ void Transfer::KeepOrDiscard() {
     m_bKeeping = bAnything && !m_bSingle && m_callbacks.BeforeActs && m_callbacks.ShouldKeep &&
                  m_callbacks.ShouldKeep();
     if (m_bKeeping) {
+        m_progress.GoOn();
         Flush();
         m_report.bUnsettled = true;
-    } else {
-        Discard();
     }
+    Discard();
 }
 
 bool Transfer::CheckGuard(const std::vector<TavroTransferItemPlan>& Items) {
@@ -418,13 +419,14 @@ std::string Transfer::OwnPathOf(const std::string& Path) {
 bool Transfer::Announce(const std::vector<TavroTransferItemPlan>& Items) {
     std::vector<TavroStep> steps;
     for (const TavroTransferItemPlan& item : Items) {
-        steps.push_back({TavroStepRole::Planned,
-                         OwnPathOf(item.SourcePath.string()),
-                         OwnPathOf(item.DestinationPath.string()),
-                         "",
-                         {},
-                         0,
-                         static_cast<std::uint32_t>(m_policy)});
+        steps.push_back(
+            {TavroStepRole::Planned,
+             OwnPathOf(item.SourcePath.string()),
+             OwnPathOf(item.DestinationPath.string()),
+             "",
+             {},
+             0,
+             m_callbacks.bKeepBoth ? TavroKeepBothMode : static_cast<std::uint32_t>(m_policy)});
     }
     const std::string parent = steps.empty() ? "/" : TavroParentOf(steps.front().To);
     TavroPlace place;
@@ -581,8 +583,9 @@ bool Transfer::IsEntangled(const Route& Way, const struct stat& Source) {
 
 void Transfer::SettleConflict(const Route& Way, const struct stat& Source, const struct stat& There,
                               TavroTransferItemPlan* Item) {
-    const bool bDirectory = S_ISDIR(Source.st_mode);
-    switch (m_judge.Judge({Way.From.Path(), Way.To.Path(), bDirectory, S_ISDIR(There.st_mode)})) {
+    const TavroTransferConflict conflict = {Way.From.Path(), Way.To.Path(), S_ISDIR(Source.st_mode),
+                                            S_ISDIR(There.st_mode)};
+    switch (m_callbacks.bKeepBoth ? TavroConflictChoice::KeepBoth : m_judge.Judge(conflict)) {
     case TavroConflictChoice::Overwrite:
         Replace(Way, Source, There, Item);
         break;
@@ -795,11 +798,14 @@ void Transfer::Flush() {
     TavroFailure failure =
         error == 0 ? ClaimTrash(entries)
                    : TavroFail(Kind::Write, error, entries.empty() ? "" : entries[0].AskedTo);
-    failure = failure ? failure : Journal(entries);
     if (failure) {
         for (const Pending& entry : entries) {
             Fail({failure.Kind, failure.Error, entry.AskedTo, failure.Other});
         }
+    } else if ((failure = Journal(entries))) {
+        Fail(failure);
+    }
+    if (failure) {
         m_pending = std::move(entries);
         Discard();
         return;
@@ -809,6 +815,7 @@ void Transfer::Flush() {
             m_pending.push_back(std::move(entry));
         } else if ((failure = entry.Copy->Wake(m_places))) {
             entry.Copy->Report().Failure = {Kind::Read, failure.Error, entry.AskedFrom};
+            DropClaim(entry);
             GiveUp(entry);
         } else {
             Publish(entry);
@@ -820,10 +827,19 @@ void Transfer::Flush() {
     const auto isLeft = [](const Pending& entry) { return !entry.Copy; };
     entries.erase(std::remove_if(entries.begin(), entries.end(), isLeft), entries.end());
     error = m_changes.Flush();
+    bool bUnfinished = false;
     for (Pending& entry : entries) {
-        if (error == 0 && entry.bDone && NeedsFinish(entry) && !entry.Copy->Wake(m_places)) {
-            Finish(entry);
+        if (!entry.bDone || !NeedsFinish(entry)) {
+            continue;
         }
+        failure = error != 0 ? TavroFail(Kind::Write, error, "") : entry.Copy->Wake(m_places);
+        if (!failure) {
+            Finish(entry);
+            continue;
+        }
+        // It is in both places, until a look at the operation settles it.
+        entry.Copy->Report().Failure = {failure.Kind, failure.Error, entry.AskedTo};
+        m_report.bUnsettled = bUnfinished = true;
     }
     for (Pending& entry : entries) {
         if (!entry.bAgain) {
@@ -831,6 +847,10 @@ void Transfer::Flush() {
         }
     }
     if (m_report.bCancelled) {
+        const auto isOver = [](const Pending& entry) { return !entry.bAgain; };
+        std::remove_copy_if(std::make_move_iterator(entries.begin()),
+                            std::make_move_iterator(entries.end()), std::back_inserter(m_pending),
+                            isOver);
         return;
     }
     TryAgain(entries);
@@ -838,7 +858,7 @@ void Transfer::Flush() {
         RemoveEmptied();
         error = m_changes.Flush();
     }
-    if (error != 0) {
+    if (error != 0 && !bUnfinished) {
         Fail(TavroFail(Kind::Write, error, entries.empty() ? "" : entries[0].AskedTo));
     }
 }
@@ -949,8 +969,8 @@ void Transfer::Publish(Pending& Entry) {
     }
     if (Entry.bDone && !Entry.OldName.empty()) {
         TrashReplaced(Entry);
-    } else if (!Entry.OldName.empty()) {
-        m_claims->Drop(TavroNameOf(Entry.OwnTo), Entry.OldName);
+    } else {
+        DropClaim(Entry);
     }
 }
 
@@ -1097,7 +1117,7 @@ void Transfer::PutBack(Pending& Entry, const TavroFailure& Why) {
     }
     Entry.Copy->Report().Arrived = {};
     Entry.Copy->Report().Failure = {Kind::Replace, Why.Error, Entry.AskedTo, Entry.AskedFrom};
-    m_claims->Drop(TavroNameOf(Entry.OwnTo), Entry.OldName);
+    DropClaim(Entry);
 }
 
 bool Transfer::NeedsFinish(const Pending& Entry) const {
@@ -1181,9 +1201,7 @@ void Transfer::TryAgain(std::vector<Pending>& Entries) {
 /// Nothing of what waits is done.
 void Transfer::Discard() {
     for (Pending& entry : m_pending) {
-        if (!entry.OldName.empty()) {
-            m_claims->Drop(TavroNameOf(entry.OwnTo), entry.OldName);
-        }
+        DropClaim(entry);
         GiveUp(entry);
     }
     m_pending.clear();
@@ -1196,6 +1214,14 @@ void Transfer::Discard() {
         m_changes.Add(place.Directory);
     }
     m_changes.Flush();
+}
+
+/// Nothing goes to the name in the trash that was claimed for what is replaced.
+void Transfer::DropClaim(Pending& Entry) {
+    if (!Entry.OldName.empty()) {
+        m_claims->Drop(TavroNameOf(Entry.OwnTo), Entry.OldName);
+        Entry.OldName.clear();
+    }
 }
 
 /// Nothing is left of what waits, or it is told what is.

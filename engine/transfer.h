@@ -68,11 +68,17 @@ struct TavroTransferReport {
     bool bCancelled = false;
 };
 
+/// What planned steps keep as their mode, beside the policies, where both are kept.
+constexpr std::uint32_t TavroKeepBothMode = 3;
+
 /// What a transfer tells and asks, beside what every operation does.
 struct TavroTransferCallbacks : TavroCallbacks {
     /// Asked for each conflict under the policy `Ask`, and whenever a directory is to replace
     /// something else or the reverse. Empty: such an item is skipped.
     std::function<TavroConflictAnswer(const TavroTransferConflict&)> OnConflict;
+
+    /// Whether all that finds something in its way goes to a free name, and nobody is asked.
+    bool bKeepBoth = false;
 
     /// Asked for each source; what is done already is passed over.
     std::function<bool(const std::string& From)> IsDone = {};

@@ -884,8 +884,9 @@ TavroFailure Reversal::Run() {
 /// One undo, redo or resumption, with what the history has to know of it.
 class Going {
 public:
-    Going(TavroHistory& History, const TavroTransferCallbacks& Callbacks)
-        : m_history(History), m_callbacks(Callbacks) {}
+    /// @param Only  the number that the next operation must have; 0: any.
+    Going(TavroHistory& History, const TavroTransferCallbacks& Callbacks, std::int64_t Only = 0)
+        : m_history(History), m_callbacks(Callbacks), m_only(Only) {}
 
     using FindNext = TavroFailure (TavroHistory::*)(std::optional<TavroOperation>&);
     TavroUndoReport Run(FindNext Find, TavroFailureKind Nothing, bool bUndo, bool bResume);
@@ -900,6 +901,7 @@ private:
 
     TavroHistory& m_history;
     const TavroTransferCallbacks& m_callbacks;
+    const std::int64_t m_only;
     TavroUndoReport m_report;
     TavroOperation m_before;
     std::vector<TavroStep> m_settled; ///< Of an interrupted operation: what is where it is to be.
@@ -986,6 +988,8 @@ TavroFailure Going::Transfer(TavroTransferCallbacks Callbacks) {
         if (step.Role == Role::Planned && step.Mode <= 2) {
             plan.ConflictPolicy = static_cast<TavroTransferConflictPolicy>(step.Mode);
         }
+        Callbacks.bKeepBoth = Callbacks.bKeepBoth ||
+                              (step.Role == Role::Planned && step.Mode == TavroKeepBothMode);
         // What was planned leads to all that it consists of.
         if ((bPlanned ? step.Role == Role::Planned : TavroIsMainStep(step, operation.Kind)) &&
             done.count(step.From) == 0) {
@@ -997,14 +1001,17 @@ TavroFailure Going::Transfer(TavroTransferCallbacks Callbacks) {
         }
     }
     // What was about to be replaced was decided upon.
+    bool bOpen = false; // something else was not, and nobody could be asked
     Callbacks.OnConflict = [&, ask = Callbacks.OnConflict](const TavroTransferConflict& conflict) {
-        return replaced.count(conflict.DestinationPath) != 0
-                   ? TavroConflictAnswer{TavroConflictChoice::Overwrite, false}
-               : ask ? ask(conflict)
-                     : TavroConflictAnswer{TavroConflictChoice::Skip, false};
+        if (replaced.count(conflict.DestinationPath) != 0) {
+            return TavroConflictAnswer{TavroConflictChoice::Overwrite, false};
+        }
+        bOpen = bOpen || !ask;
+        return ask ? ask(conflict) : TavroConflictAnswer{TavroConflictChoice::Skip, false};
     };
     Callbacks.IsDone = [&](const std::string& path) { return done.count(path) != 0; };
     TavroCarryOutTransfer(plan, Callbacks, m_report.Transfer);
+    m_report.Transfer.bUnsettled = m_report.Transfer.bUnsettled || bOpen;
     operation.Steps = TavroOperationOf(m_report.Transfer, plan.bMove).Steps;
     TavroCompleteOperation(operation);
     return m_report.Transfer.bCancelled ? TavroFailure{Kind::Cancelled} : TavroFailure();
@@ -1065,7 +1072,7 @@ TavroFailure Going::Take(FindNext Find, TavroFailureKind Nothing, bool bUndo) {
     TavroFailure failure;
     for (bool bChanged = true; !failure && bChanged;) {
         failure = (m_history.*Find)(next);
-        if (!failure && !next) {
+        if (!failure && (!next || (m_only != 0 && next->Id != m_only))) {
             return {Nothing};
         }
         if (!failure) {
@@ -1123,8 +1130,13 @@ TavroUndoReport Going::Run(FindNext Find, TavroFailureKind Nothing, bool bUndo, 
 } // namespace
 
 TavroUndoReport TavroUndo(TavroHistory& History, const TavroCallbacks& Callbacks) {
+    return TavroUndoOnly(History, 0, Callbacks);
+}
+
+TavroUndoReport TavroUndoOnly(TavroHistory& History, std::int64_t Id,
+                              const TavroCallbacks& Callbacks) {
     const TavroTransferCallbacks callbacks{Callbacks, {}, {}};
-    return Going(History, callbacks)
+    return Going(History, callbacks, Id)
         .Run(&TavroHistory::NextToUndo, Kind::NothingToUndo, true, false);
 }
 

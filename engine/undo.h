@@ -33,6 +33,10 @@ struct TavroUndoReport {
 TavroUndoReport TavroUndo(TavroHistory& History, const TavroCallbacks& Callbacks);
 TavroUndoReport TavroRedo(TavroHistory& History, const TavroCallbacks& Callbacks);
 
+/// As TavroUndo, if the newest operation is the one of that number; else NothingToUndo.
+TavroUndoReport TavroUndoOnly(TavroHistory& History, std::int64_t Id,
+                              const TavroCallbacks& Callbacks);
+
 /// Goes on with the newest operation that was interrupted, in the direction that it had;
 /// NothingToResume when there is none. What was copied whole and brought to the disk is not copied
 /// again.

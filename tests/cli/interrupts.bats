@@ -147,6 +147,45 @@ What was replaced is deleted; that cannot be undone."
   expect "$(ls -A d)" b
 }
 
+@test "an interrupted move takes back itself, and nothing that was done meanwhile" {
+  needs_strace
+  mkdir d
+  touch a b c x
+  mkfifo log
+  env --default-signal=INT ASAN_OPTIONS=detect_leaks=0 strace -f -qq -o log -e trace=renameat2 \
+    -e inject=renameat2:signal=STOP:when=2 "$TAVRO" move a b c d >out 2>errors 3>&- &
+  tracer=$!
+  while read -r line; do
+    if [[ $line == *'stopped by SIGSTOP'* ]]; then
+      tavro trash -q x
+      kill -INT "${line%% *}"
+      kill -CONT "${line%% *}"
+      cat >/dev/null # the tracer must not wait for its reader
+    fi
+  done <log
+  status=0
+  wait "$tracer" || status=$?
+  expect "$status" 130
+  expect "$(cat errors)" 'tavro: Interrupted: what is listed is done.'
+  expect "$(ls d | wc -l)" "$(wc -l <out)"
+  expect "$(ls "$HOME/.local/share/Trash/files")" x
+}
+
+@test "an interrupted move that the history does not have takes nothing older back" {
+  needs_strace
+  mkdir d
+  touch a b c x
+  tavro trash -q x
+  run --separate-stderr env --default-signal=INT ASAN_OPTIONS=detect_leaks=0 \
+    strace -o "$scratch/calls" -e trace=pwrite64,renameat2 \
+    -e inject=pwrite64:error=ENOSPC:when=1 -e inject=renameat2:signal=INT:when=2 \
+    "$TAVRO" move a b c d
+  expect "$(ending)" 'exited with 130'
+  [[ $stderr == *'Interrupted: what is listed is done.' ]]
+  expect "$(ls "$HOME/.local/share/Trash/files")" x
+  expect "$(ls d)" $'a\nb'
+}
+
 @test "an interrupted copy leaves nothing half done" {
   needs_strace
   mkdir src

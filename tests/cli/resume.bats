@@ -188,7 +188,7 @@ sys.stdin.read()
   done <"$scratch/log"
   wait "$tracer"
   [[ $first == *'(going on, '[12]' of 3 done)' ]]
-  [[ $second == *'Waiting for another process that is writing to the history'* ]]
+  [[ $second == *'Waiting for another process to end the newest operation'* ]]
   expect "$stopped" 124
   expect "$(ls)" ''
   run -0 tavro undo
@@ -384,4 +384,105 @@ needs_two_file_systems() {
   expect "$(stat -c %i dst/{a,c} | sort | comm -12 - <(echo "$hidden") | wc -l)" 2
   run -0 tavro undo
   expect "$(ls -A dst)" ''
+}
+
+# Three files that are to replace others; the history is there already.
+things_to_replace() {
+  mkdir -p d
+  tavro mkdir warm >/dev/null
+  for name in f1 f2 f3; do
+    echo "new $name" >"$name"
+    echo "old $name" >"d/$name"
+  done
+}
+
+# failing_at CALL WHEN COMMAND…: the call fails as it is made for the WHENth time.
+failing_at() {
+  local call=$1 when=$2
+  shift 2
+  strace -qq -o "$scratch/calls" -e "trace=$call" -e "inject=$call:error=EIO:when=$when" "$@"
+}
+
+@test "an operation that the history lost on its way to the disk is not listed, and not undone" {
+  needs_strace
+  things_to_replace
+  run strace -qq -o "$scratch/calls" -e trace=fsync,renameat2 -e inject=fsync:error=EIO:when=1 \
+    -e inject=renameat2:signal=KILL:when=2 "$TAVRO" move --on-conflict overwrite f1 f2 f3 d/
+  expect "$status" 137
+  run -0 tavro history
+  [[ $output != *move* ]]
+  run -0 tavro undo
+  expect "$output" "Undone: mkdir
+  $PWD/warm"
+  expect "$(find . "$HOME/.local/share/Trash/files" -type f -exec cat {} + | sort)" \
+    $'new f1\nnew f2\nnew f3\nold f1\nold f2\nold f3'
+}
+
+@test "nothing is replaced when the history cannot keep what is about to be" {
+  needs_strace
+  things_to_replace
+  run -1 --separate-stderr failing_at fsync 2 "$TAVRO" copy --on-conflict overwrite f1 f2 f3 d/
+  expect "$stderr" "tavro: Cannot save the history '$HOME/.local/state/tavro/history.db': Input/output error"
+  expect "$(cat d/*)" $'old f1\nold f2\nold f3'
+  expect "$(ls -A d)" $'f1\nf2\nf3'
+  expect "$(find "$HOME/.local/share/Trash" -mindepth 2)" ''
+  run -0 tavro history
+  [[ $output != *copy* ]]
+}
+
+@test "resume keeps both where the interrupted copy was to" {
+  needs_strace
+  mkdir d
+  for name in f1 f2 f3 f4 f5; do
+    echo "new $name" >"$name"
+    echo "old $name" >"d/$name"
+  done
+  killed_at renameat2 3 "$TAVRO" copy --on-conflict keep-both f1 f2 f3 f4 f5 d/
+  run -0 tavro resume
+  expect "$(cat d/*' copy 1')" "$(cat f?)"
+  expect "$(cat d/f?)" $'old f1\nold f2\nold f3\nold f4\nold f5'
+  run -0 tavro undo
+  expect "$(ls -A d)" $'f1\nf2\nf3\nf4\nf5'
+}
+
+@test "what nobody decided on is said by resume, and can still be resumed or undone" {
+  needs_strace
+  mkdir d
+  echo new >f
+  echo old >d/f
+  killed_at renameat2 1 "$TAVRO" copy --no-keep --on-conflict overwrite f d/
+  run -1 --separate-stderr tavro resume
+  expect "$output" ''
+  expect "$stderr" "tavro: Skipped, as something is in its place: '$PWD/f'
+tavro: Not finished: 'tavro resume' goes on, 'tavro undo' takes it back"
+  expect "$(cat d/f)" old
+  run -0 tavro history
+  [[ $output == *'(interrupted, 0 of 1 done)'* ]]
+  rm d/f
+  run -0 tavro resume
+  expect "$(cat d/f)" new
+}
+
+@test "resume asks a person about what nobody decided on" {
+  needs_strace
+  needs_python
+  mkdir d
+  echo new >f
+  echo old >d/f
+  killed_at renameat2 1 "$TAVRO" copy --no-keep --on-conflict overwrite f d/
+  run -0 timeout 60 python3 "$BATS_TEST_DIRNAME/terminal.py" 'for all ' 'o\n' "$TAVRO" resume
+  [[ $output == *"Replace it by the file $PWD/f?"* ]]
+  expect "$(cat d/f)" new
+  run -0 tavro undo
+  expect "$(cat d/f)" old
+}
+
+@test "what a resumption replaces was decided upon before" {
+  needs_strace
+  mkdir d
+  echo new >f
+  echo old >d/f
+  killed_at renameat2 1 "$TAVRO" copy --on-conflict overwrite f d/
+  run -0 tavro resume
+  expect "$(cat d/f)" new
 }

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <optional>
 
 namespace fs = std::filesystem;
 using namespace tavro_test;
@@ -105,6 +106,57 @@ TEST_F(Journal, an_operation_goes_on_without_a_history_that_cannot_be_used) {
     EXPECT_FALSE(callbacks.BeforeActs(Kind::Move, {step("b")}));
     EXPECT_EQ(m_opened, 1) << "it is not tried again and again";
     EXPECT_FALSE(journal.End(done({step("a")})));
+}
+
+TEST_F(Journal, an_operation_that_did_not_reach_the_disk_is_not_left_in_the_history) {
+    listed();
+    TavroJournal journal = this->journal();
+    const TavroCallbacks callbacks = journal.Bind({});
+    const FaultInjector faults({{"fsync", EIO, "history.db-wal"}});
+    EXPECT_FALSE(callbacks.BeforeActs(Kind::Move, {step("a")}));
+    EXPECT_EQ(faults.fired(), 1);
+    EXPECT_EQ(journal.Problem().Kind, TavroFailureKind::HistorySave);
+    EXPECT_EQ(listed().size(), 0U) << "an undo would take it for all that was done";
+    EXPECT_FALSE(journal.End(done({step("a")})));
+    EXPECT_EQ(listed().size(), 0U);
+}
+
+TEST_F(Journal, an_operation_does_not_begin_when_it_cannot_be_taken_out_of_the_history_again) {
+    listed();
+    TavroJournal journal = this->journal();
+    const TavroCallbacks callbacks = journal.Bind({});
+    std::optional<TavroHistory> other; // begins to write just after the operation was kept
+    std::optional<FaultInjector> faults;
+    const CallObserver observer([&](const std::string& call, const std::string& path) {
+        if (call == "fsync" && path.find("history.db-wal") != std::string::npos && !other) {
+            ASSERT_FALSE(open(other.emplace()));
+            ASSERT_FALSE(other->Begin());
+        }
+    });
+    faults.emplace(std::vector<Fault>{{"fsync", EIO, "history.db-wal"}});
+    EXPECT_EQ(callbacks.BeforeActs(Kind::Move, {step("a")}).Kind, TavroFailureKind::HistorySave);
+    EXPECT_EQ(faults->fired(), 1);
+    ASSERT_TRUE(other);
+    other->Rollback();
+    EXPECT_FALSE(journal.End(done({})));
+    EXPECT_EQ(listed().size(), 0U);
+}
+
+TEST_F(Journal, an_operation_in_the_history_does_not_go_on_with_what_cannot_be_kept) {
+    TavroJournal journal = this->journal();
+    const TavroCallbacks callbacks = journal.Bind({});
+    ASSERT_FALSE(callbacks.BeforeActs(Kind::Move, {step("a")}));
+    {
+        const FaultInjector faults({{"fsync", EIO, "history.db-wal"}});
+        EXPECT_EQ(callbacks.BeforeActs(Kind::Move, {step("b")}).Kind,
+                  TavroFailureKind::HistorySave);
+        EXPECT_EQ(faults.fired(), 1);
+    }
+    EXPECT_FALSE(journal.Problem());
+    ASSERT_FALSE(journal.End(done({step("a")})));
+    ASSERT_EQ(listed().size(), 1U);
+    EXPECT_EQ(listed()[0].State, State::Done);
+    EXPECT_EQ(listed()[0].Steps, std::vector<TavroStep>{step("a")});
 }
 
 TEST_F(Journal, an_operation_does_not_begin_while_another_process_keeps_the_history) {

@@ -168,6 +168,39 @@ TEST_F(CarryOutTransfer, tells_at_most_20_times_a_second_and_ends_at_the_totals)
     EXPECT_EQ(61U * 5, told.back().ByteCount);
 }
 
+TEST_F(CarryOutTransfer, what_found_its_place_taken_when_it_was_cancelled_leaves_nothing_hidden) {
+    writeFile(source("a"), "a");
+    writeFile(source("b"), "b");
+    bool bTaken = false;
+    const CallObserver observer = beforeNaming(target("a"), [&] {
+        writeFile(target("a"), "another process");
+        bTaken = true;
+    });
+    m_callbacks.ShouldCancel = [&] { return bTaken; };
+    EXPECT_FALSE(copy({"a", "b"}));
+    EXPECT_TRUE(bTaken);
+    EXPECT_EQ("cancelled\n", report());
+    EXPECT_EQ("", debris());
+}
+
+TEST_F(CarryOutTransfer, what_is_kept_after_a_cancel_replaces_what_goes_to_another_file_system) {
+    TARGET_ELSEWHERE();
+    for (const std::string name : {"a", "b"}) {
+        writeFile(source(name), "new");
+        writeFile(target(name), "old");
+    }
+    m_plan.ConflictPolicy = TavroTransferConflictPolicy::Overwrite;
+    int asked = 0;
+    m_callbacks.ShouldCancel = [&] { return ++asked > 2; };
+    m_callbacks.ShouldKeep = [] { return true; };
+    m_callbacks.BeforeActs = [](auto, const auto&) { return TavroFailure(); };
+    EXPECT_FALSE(copy({"a", "b"}));
+    EXPECT_EQ("done /source/a -> /target/a replaced\ncancelled\n", report());
+    EXPECT_EQ("new", readFile(target("a")));
+    EXPECT_EQ("old", readFile(trashed("a")));
+    EXPECT_EQ("", debris());
+}
+
 TEST_F(CarryOutTransfer, the_counts_end_at_the_totals_whatever_became_of_the_items) {
     makeSmallTree(source("renamed"));
     writeFile(source("skipped"), "12345");

@@ -90,6 +90,52 @@ TEST_F(CarryOutTransfer, an_entry_that_appears_in_a_directory_on_the_move_stays_
     EXPECT_FALSE(isPresent(source("tree/z")));
 }
 
+TEST_F(CarryOutTransfer, what_did_not_reach_the_disk_under_its_name_is_not_moved_yet) {
+    TARGET_ELSEWHERE();
+    writeFile(source("a"), "a");
+    writeFile(source("b"), "b");
+    bool bNamed = false;
+    std::optional<FaultInjector> faults;
+    const auto observer = beforeNaming(target("a"), [&] {
+        faults.emplace(std::vector<Fault>{{"fsync", EIO, target(), 1, true},
+                                          {"syncfs", EIO, target(), 1, true}});
+        bNamed = true;
+    });
+    EXPECT_FALSE(move({"a", "b"}));
+    ASSERT_TRUE(bNamed);
+    EXPECT_GT(faults->fired(), 0);
+    const std::string error = systemText(std::errc::io_error);
+    EXPECT_EQ("failed: Cannot write '/target/a': " + error +
+                  "\nfailed: Cannot write '/target/b': " + error + "\n",
+              report());
+    EXPECT_TRUE(m_report.bUnsettled) << "what is where has to be looked at";
+    EXPECT_EQ("ab", readFile(source("a")) + readFile(source("b")));
+}
+
+TEST_F(CarryOutTransfer, a_name_claimed_in_the_trash_is_given_up_when_nothing_is_replaced) {
+    const int count = 100; // more directories than are held open
+    for (int i = 0; i < count; ++i) {
+        const std::string name = std::to_string(i);
+        writeFile(source(name), "new");
+        writeFile(target(name + "/file"), "old");
+        add(name, name + "/file");
+    }
+    m_plan.ConflictPolicy = TavroTransferConflictPolicy::Overwrite;
+    m_callbacks.BeforeActs = [&](auto, const std::vector<TavroStep>& steps) {
+        if (steps.back().Role == TavroStepRole::Replaced) {
+            fs::rename(target("0"), target("elsewhere"));
+        }
+        return TavroFailure();
+    };
+    EXPECT_FALSE(copy());
+    EXPECT_EQ("old", readFile(target("elsewhere/file")));
+    const auto countIn = [&](const std::string& name) {
+        return std::distance(fs::directory_iterator(m_home / ".local/share/Trash" / name), {});
+    };
+    EXPECT_EQ(count - 1, countIn("files"));
+    EXPECT_EQ(count - 1, countIn("info"));
+}
+
 /// Sources that change when their copies are whole already.
 class LastMoment : public TransferTest {
 protected:
