@@ -893,6 +893,8 @@ public:
 
 private:
     TavroFailure Settle(bool& IoUndo, bool bResume);
+    static TavroFailure CheckReplaced(const std::vector<TavroStep>& Done,
+                                      const std::vector<TavroStep>& NotDone);
     void Sort(std::vector<TavroStep> Done, std::vector<TavroStep> NotDone, bool bUndo);
     TavroFailure Transfer(TavroTransferCallbacks Callbacks);
     TavroFailure Take(FindNext Find, TavroFailureKind Nothing, bool bUndo);
@@ -909,6 +911,24 @@ private:
     bool m_bForget = false;           ///< It does not stay in the history.
     bool m_bTransfer = false;         ///< The rest is to be copied or moved.
 };
+
+/// What was replaced must be somewhere, as long as the new entry, or nothing, is in its place.
+TavroFailure Going::CheckReplaced(const std::vector<TavroStep>& Done,
+                                  const std::vector<TavroStep>& NotDone) {
+    TavroPlaces places;
+    std::set<std::string> filled;
+    for (const TavroStep& step : Done) {
+        filled.insert(step.Role == Role::Moved || step.Role == Role::Copied ? step.To : "");
+    }
+    for (const TavroStep& step : NotDone) {
+        const bool bOther = filled.count(step.From) == 0 && TavroIsPresent(step.From);
+        if (step.Role == Role::Replaced && !bOther &&
+            TavroFindStep(step, places) == TavroWhereabouts::Nowhere) {
+            return {Kind::ItemMissing, {}, step.To};
+        }
+    }
+    return {};
+}
 
 /// Finds out what is left to be done, and in which direction.
 TavroFailure Going::Settle(bool& IoUndo, bool bResume) {
@@ -929,6 +949,7 @@ TavroFailure Going::Settle(bool& IoUndo, bool bResume) {
     } else {
         IoUndo = bResume ? state == TavroOperationState::Undoing : true;
     }
+    failure = failure || !IoUndo ? failure : CheckReplaced(done, notDone);
     m_bTransfer =
         bDoing && bResume &&
         (operation.Kind == TavroOperationKind::Move || operation.Kind == TavroOperationKind::Copy);

@@ -342,6 +342,19 @@ needs_two_file_systems() {
   done
 }
 
+@test "an interrupted operation is not undone while what it replaced is nowhere" {
+  needs_strace
+  mkdir d
+  for name in a b; do echo old >"d/$name" && echo new >"$name"; done
+  killed_at renameat2 4 "$TAVRO" copy --on-conflict overwrite a b d
+  rm "$HOME"/.local/share/Trash/files/*
+  run -1 tavro undo
+  [[ $output == 'tavro: Trash item is missing: '* ]]
+  expect "$(cat d/a)" new
+  run -0 tavro history
+  [[ $output == *interrupted* ]]
+}
+
 @test "a restore that was killed between file systems leaves no half of it in the trash" {
   needs_strace
   needs_two_file_systems
@@ -350,7 +363,8 @@ needs_two_file_systems() {
   tavro trash -q "$there/d"
   killed_at unlinkat 3 "$TAVRO" restore -q d
   run -0 tavro undo
-  run -0 tavro undo
+  expect "$(ls "$there"; ls "$HOME"/.local/share/Trash/files/*)" $'1\n2\n3\n4'
+  run -0 tavro restore -q d
   expect "$(ls "$there/d")" $'1\n2\n3\n4'
   expect "$(find "$HOME/.local/share/Trash" -mindepth 2)" ''
   rm -r "$there"

@@ -127,6 +127,8 @@ public:
     EngineFaults(Report& report, Tally& tally, const Way& way)
         : m_report(report), m_tally(tally), m_way(way),
           m_other(way.bAcross ? fs::path(secondFileSystem) : fs::temp_directory_path()),
+          m_state(obstacleToCrossing().empty() ? fs::path(secondFileSystem)
+                                               : fs::temp_directory_path()),
           m_environment("HOME", home().string()), m_from(bFromTrash() ? files() : source()),
           m_to(isTransfer()                ? target()
                : way.What == Work::Trash   ? files()
@@ -144,6 +146,7 @@ private:
     Outcome transfer() const;
     TavroFailure open(TavroHistory& own) const;
     bool resume() const;
+    static TavroTransferCallbacks unsynced();
     std::size_t run(const Blow& blow);
     void take(const Blow& blow, int status, std::size_t count);
     void failAt(std::size_t number);
@@ -189,7 +192,7 @@ private:
         return "engine:" + m_way.name() + ":" + blow.name();
     }
     fs::path history() const {
-        return m_box / "state/history.db";
+        return m_state / "tavro/history.db";
     }
     fs::path source() const {
         return m_box / "source";
@@ -212,6 +215,7 @@ private:
     const Way m_way;
     Sandbox m_box;
     Sandbox m_other;
+    Sandbox m_state; ///< In memory, where that can be.
     ScopedEnvironment m_environment;
     fs::path m_from; ///< What holds the entries,
     fs::path m_to;   ///< and where they go; empty: nowhere.
@@ -333,9 +337,7 @@ Outcome EngineFaults::transfer() const {
     }
     TavroTransferReport report;
     TavroJournal journal([&](TavroHistory& own) { return open(own); });
-    TavroCallbacks unsynced;
-    unsynced.bSync = false; // no power cut comes
-    TavroTransferCallbacks callbacks{journal.Bind(unsynced), {}, {}};
+    TavroTransferCallbacks callbacks{journal.Bind(unsynced()), {}, {}};
     callbacks.bSync = true;
     callbacks.BeforeActs = [keep = callbacks.BeforeActs](auto kind, const auto& steps) {
         markTraced(false); // the history has tests of its own
@@ -365,6 +367,13 @@ TavroFailure EngineFaults::open(TavroHistory& own) const {
     return own.Open(history().string(), std::chrono::seconds(10));
 }
 
+/// No power cut comes.
+TavroTransferCallbacks EngineFaults::unsynced() {
+    TavroTransferCallbacks callbacks;
+    callbacks.bSync = false;
+    return callbacks;
+}
+
 /// What the next process does about a transfer that has not come to its end. @return whether there
 /// is one; the child says so by its end.
 bool EngineFaults::resume() const {
@@ -375,7 +384,8 @@ bool EngineFaults::resume() const {
     const int status = waitForEnd(startChild([&] {
         TavroHistory own;
         const TavroFailure failure = open(own);
-        const TavroUndoReport report = failure ? TavroUndoReport{failure} : TavroResume(own, {});
+        const TavroUndoReport report =
+            failure ? TavroUndoReport{failure} : TavroResume(own, unsynced());
         if (report.Failure.Kind == TavroFailureKind::NothingToResume) {
             _exit(none);
         }
