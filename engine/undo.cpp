@@ -1009,8 +1009,8 @@ TavroFailure Going::Transfer(TavroTransferCallbacks Callbacks) {
         if (step.Role == Role::Planned && step.Mode <= 2) {
             plan.ConflictPolicy = static_cast<TavroTransferConflictPolicy>(step.Mode);
         }
-        Callbacks.bKeepBoth = Callbacks.bKeepBoth ||
-                              (step.Role == Role::Planned && step.Mode == TavroKeepBothMode);
+        Callbacks.bKeepBoth =
+            Callbacks.bKeepBoth || (step.Role == Role::Planned && step.Mode == TavroKeepBothMode);
         // What was planned leads to all that it consists of.
         if ((bPlanned ? step.Role == Role::Planned : TavroIsMainStep(step, operation.Kind)) &&
             done.count(step.From) == 0) {
