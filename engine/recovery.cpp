@@ -309,7 +309,7 @@ TavroFailure Settlement::SettleBoth(const TavroStep& Step, TavroWhereabouts& Out
     if (bFile && Step.SourceTime != 0 && TavroNanoseconds(source.st_ctim) != Step.SourceTime) {
         return RemoveCopy(Step); // somebody has gone on working with it
     }
-    const TavroFailure failure = Trash(Step.From);
+    TavroFailure failure = Trash(Step.From);
     if (failure && bFile) {
         return RemoveCopy(Step);
     }

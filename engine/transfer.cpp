@@ -418,6 +418,7 @@ std::string Transfer::OwnPathOf(const std::string& Path) {
 /// it waits, is told when it is whole.
 bool Transfer::Announce(const std::vector<TavroTransferItemPlan>& Items) {
     std::vector<TavroStep> steps;
+    steps.reserve(Items.size());
     for (const TavroTransferItemPlan& item : Items) {
         steps.push_back(
             {TavroStepRole::Planned,
@@ -541,13 +542,11 @@ void Transfer::TransferEntry(const Route& Way, TavroTransferItemPlan* Item) {
     if (error != 0) {
         Fail(TavroFail(!bTaken && m_bMove ? Kind::MoveTo : Kind::Read, error, Way.From.Path(),
                        !bTaken && m_bMove ? Way.To.Path() : ""));
-    } else if (!bTaken) {
-        Prepare(Way, source, nullptr, {}, Item);
-    } else if (TavroIdentityOf(source) == TavroIdentityOf(there)) {
+    } else if (bTaken && TavroIdentityOf(source) == TavroIdentityOf(there)) {
         Fail({Kind::SameEntry, {}, Way.From.Path(), Way.To.Path()});
-    } else if (!S_ISDIR(source.st_mode) || !S_ISDIR(there.st_mode)) {
+    } else if (bTaken && (!S_ISDIR(source.st_mode) || !S_ISDIR(there.st_mode))) {
         SettleConflict(Way, source, there, Item);
-    } else if (!BeginMerge(Way)) {
+    } else if (!bTaken || !BeginMerge(Way)) {
         Prepare(Way, source, nullptr, {}, Item);
     }
     m_source.Close(); // what was not copied

@@ -1129,19 +1129,19 @@ TavroUndoReport Going::Run(FindNext Find, TavroFailureKind Nothing, bool bUndo, 
     m_report.bUndone = bUndo;
     TavroJournal journal(m_history, m_before);
     TavroTransferCallbacks callbacks = m_callbacks;
-    static_cast<TavroCallbacks&>(callbacks) = journal.Bind(m_callbacks);
+    static_cast<TavroCallbacks&>(callbacks) =
+        journal.Bind(static_cast<const TavroCallbacks&>(m_callbacks));
     if (!failure && m_bTransfer) {
         failure = Transfer(callbacks);
     } else if (!failure && !m_report.Operation.Steps.empty()) {
         failure = Reversal(bUndo, callbacks, m_report, m_made).Run();
     }
-    if (m_report.Transfer.bUnsettled) {
+    const bool bOpen = failure && (bInterrupted || m_report.bPartly);
+    if (bOpen || m_report.Transfer.bUnsettled) {
         m_history.LeaveOperation();
     } else if (!failure) {
         failure = End(bUndo);
         m_report.bDoneButNotSaved = static_cast<bool>(failure);
-    } else if (bInterrupted || m_report.bPartly) {
-        m_history.LeaveOperation();
     } else {
         m_history.EndOperation(m_before, false);
     }

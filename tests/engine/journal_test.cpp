@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <optional>
 
-namespace fs = std::filesystem;
 using namespace tavro_test;
 
 namespace {

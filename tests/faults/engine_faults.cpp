@@ -337,7 +337,8 @@ Outcome EngineFaults::transfer() const {
     }
     TavroTransferReport report;
     TavroJournal journal([&](TavroHistory& own) { return open(own); });
-    TavroTransferCallbacks callbacks{journal.Bind(unsynced()), {}, {}};
+    TavroTransferCallbacks callbacks{
+        journal.Bind(static_cast<const TavroCallbacks&>(unsynced())), {}, {}};
     callbacks.bSync = true;
     callbacks.BeforeActs = [keep = callbacks.BeforeActs](auto kind, const auto& steps) {
         markTraced(false); // the history has tests of its own
