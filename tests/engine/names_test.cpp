@@ -7,6 +7,7 @@
 #include <cctype>
 #include <cstdlib>
 #include <set>
+#include <thread>
 
 // =================================================================================================
 // Numbered names
@@ -129,11 +130,30 @@ TEST(StagingName, is_hidden_known_and_never_the_same) {
     }
     EXPECT_GE(names.size(), 999U);
     EXPECT_EQ(36U, letters.size());
-    for (const char* name : {"", ".tavro-", ".tavro-abcde", ".tavro-abcdefg", ".tavro-ABCDEF",
-                             ".tavro-abcde!", "tavro-abcdef", ".tavra-abcdef", "x.tavro-abcdef"}) {
+    for (const char* name :
+         {"", "-old", ".tavro-", ".tavro-abcdefghijk", ".tavro-abcdefghijklm",
+          ".tavro-ABCDEFGHIJKL", ".tavro-abcdefghijk!", "tavro-abcdefghijkl", ".tavra-abcdefghijkl",
+          "x.tavro-abcdefghijkl", ".tavro-abcdefghijkl-new"}) {
         EXPECT_FALSE(TavroIsStagingName(name)) << name;
+        EXPECT_FALSE(TavroIsAsideName(name)) << name;
     }
-    EXPECT_TRUE(TavroIsStagingName(".tavro-az09bc"));
+    EXPECT_TRUE(TavroIsStagingName(".tavro-az09bcdefghi"));
+}
+
+TEST(StagingName, tells_the_thread_that_gave_it) {
+    const std::string& prefix = TavroStagingPrefix();
+    EXPECT_EQ(prefix.size(), 13U);
+    EXPECT_EQ(TavroStagingName().substr(0, prefix.size()), prefix);
+    std::string other;
+    std::thread([&] { other = TavroStagingPrefix(); }).join();
+    EXPECT_NE(other, prefix);
+}
+
+TEST(StagingName, of_what_steps_aside_is_known_too) {
+    const std::string aside = TavroAsideName(TavroStagingName());
+    EXPECT_TRUE(TavroIsAsideName(aside));
+    EXPECT_TRUE(TavroIsStagingName(aside));
+    EXPECT_FALSE(TavroIsAsideName(TavroStagingName()));
 }
 
 // =================================================================================================
