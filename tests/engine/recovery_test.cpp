@@ -31,6 +31,14 @@ using Role = TavroStepRole;
 using State = TavroOperationState;
 using Act = std::function<TavroFailure()>;
 
+/// Under sanitizers, where a process takes long to start, one call in five is tried: which memory
+/// is used hardly depends on it.
+#ifdef __SANITIZE_ADDRESS__
+constexpr int stride = 5;
+#else
+constexpr int stride = 1;
+#endif
+
 /// Off where each wait would take the time of a disk.
 bool g_bSync = true;
 
@@ -319,7 +327,7 @@ private:
                         const Snapshot& done) {
         std::set<std::uint64_t> headways;
         bool bEverInterrupted = false;
-        for (int call = 1;; ++call) {
+        for (int call = 1;; call += stride) {
             clear();
             plan.Prepare();
             const Snapshot before = tree();
@@ -348,7 +356,7 @@ private:
             expectTidy();
             ASSERT_FALSE(HasFailure());
         }
-        for (std::uint64_t count = 0; count <= plan.Count; ++count) {
+        for (std::uint64_t count = 0; stride == 1 && count <= plan.Count; ++count) {
             EXPECT_EQ(headways.count(count), 1U) << count << " done was never seen";
         }
     }
@@ -604,7 +612,7 @@ TEST_P(RecoveryOfReplacing, after_any_failure_in_an_undo_and_a_redo) {
         const bool bUndo = way < 2;
         bool bFailed = true;
         int failures = 0;
-        for (std::size_t call = 0; bFailed; ++call) {
+        for (std::size_t call = 0; bFailed; call += stride) {
             SCOPED_TRACE(std::string(bUndo ? "undo" : "redo") + (pair.bMove ? " move" : " copy") +
                          ", call " + std::to_string(call));
             clear();
@@ -631,7 +639,7 @@ TEST_P(RecoveryOfReplacing, after_any_failure_in_an_undo_and_a_redo) {
             }
             ASSERT_FALSE(HasFailure());
         }
-        EXPECT_GT(failures, 5);
+        EXPECT_GT(failures, 5 / stride);
     }
 }
 
@@ -639,7 +647,7 @@ TEST_P(RecoveryOfReplacing, finishes_a_move_and_a_copy) {
     for (const Pair& pair : {filesCopied, filesMoved}) {
         int interrupted = 0;
         bool bKilled = true;
-        for (int call = 1; bKilled; ++call) {
+        for (int call = 1; bKilled; call += stride) {
             SCOPED_TRACE((pair.bMove ? "move, call " : "copy, call ") + std::to_string(call));
             clear();
             makeFiles(pair);
@@ -655,7 +663,7 @@ TEST_P(RecoveryOfReplacing, finishes_a_move_and_a_copy) {
             }
             ASSERT_FALSE(HasFailure());
         }
-        EXPECT_GT(interrupted, 5);
+        EXPECT_GT(interrupted, 5 / stride);
     }
 }
 
