@@ -792,7 +792,9 @@ TavroFailure TavroHistory::ContinueOperation(const TavroOperation& Operation,
                         Integer(NewState), Operation.Id, Integer(Operation.State),
                         Integer(m_database->IsAsItWas(Operation)));
         OutChanged = sqlite3_changes(m_database->Connection) == 0;
-        m_database->AddStaging(Operation.Id);
+        if (!OutChanged) { // else it is another process's
+            m_database->AddStaging(Operation.Id);
+        }
     });
     if (failure || OutChanged) {
         LeaveOperation();

@@ -73,6 +73,13 @@ std::string RandomLetters(std::size_t Count) {
     return text;
 }
 
+bool IsPlain(const std::string& Name) {
+    const std::size_t prefix = std::strlen(hiddenPrefix);
+    return Name.size() == prefix + threadLetters + nameLetters &&
+           Name.compare(0, prefix, hiddenPrefix) == 0 &&
+           Name.find_first_not_of(letters, prefix) == std::string::npos;
+}
+
 } // namespace
 
 const std::string& TavroStagingPrefix() {
@@ -90,15 +97,11 @@ std::string TavroAsideName(const std::string& StagingName) {
 
 bool TavroIsAsideName(const std::string& Name) {
     const std::size_t length = Name.size() - std::min(Name.size(), std::strlen(asideSuffix));
-    return Name.substr(length) == asideSuffix && TavroIsStagingName(Name.substr(0, length));
+    return Name.substr(length) == asideSuffix && IsPlain(Name.substr(0, length));
 }
 
 bool TavroIsStagingName(const std::string& Name) {
-    const std::size_t prefix = std::strlen(hiddenPrefix);
-    const std::size_t whole = prefix + threadLetters + nameLetters;
-    return Name.compare(0, prefix, hiddenPrefix) == 0 &&
-           (Name.size() == whole ? Name.find_first_not_of(letters, prefix) == std::string::npos
-                                 : Name.size() > whole && TavroIsAsideName(Name));
+    return IsPlain(Name) || TavroIsAsideName(Name);
 }
 
 std::string TavroNameOf(const std::string& Path) {

@@ -55,9 +55,8 @@ std::vector<std::string> TavroFindOrphans(const std::vector<TavroOperation>& Ope
 /// was not trashed; what is left of a source whose copy is in its place goes to the trash. Then
 /// each step is done or not.
 ///
-/// @param bGoOn    the operation is resumed as it was begun: copies that wait, and whose sources
-/// are
-///                 unchanged, get their names instead.
+/// @param bGoOn    it is resumed as it was begun: copies of files that wait get their names
+///                 instead, when their sources are unchanged.
 /// @param OutDone  the steps whose files are at `To`; of the others, the last argument. What was
 ///                 kept of one step several times counts once.
 /// @return no failure, or why something could not be settled; all can be tried again.

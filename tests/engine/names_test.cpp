@@ -154,6 +154,7 @@ TEST(StagingName, of_what_steps_aside_is_known_too) {
     EXPECT_TRUE(TavroIsAsideName(aside));
     EXPECT_TRUE(TavroIsStagingName(aside));
     EXPECT_FALSE(TavroIsAsideName(TavroStagingName()));
+    EXPECT_FALSE(TavroIsStagingName(TavroAsideName(aside)));
 }
 
 // =================================================================================================
