@@ -52,10 +52,11 @@ int RunDelete(const std::vector<std::string>& Texts, bool bForce, bool bSync) {
             return exitCode;
         }
     }
+    TavroRecording recording;
     TavroCallbacks callbacks;
     callbacks.ShouldCancel = TavroWasInterrupted;
-    callbacks.bSync = bSync;
-    const TavroFailure failure = TavroDeleteForGood(entries, callbacks);
+    const TavroFailure failure = TavroDeleteForGood(entries, recording.Bind(callbacks, bSync));
+    recording.End({}); // it cannot be undone
     if (failure.Kind == TavroFailureKind::Cancelled) {
         TavroPrintError("Interrupted: what is left of '" + failure.Path +
                         "' and what comes after it stays.");

@@ -18,8 +18,14 @@ std::string ContentText(const std::vector<TavroTrashItem>& Items) {
 /// @param OlderThanDays  0 for everything.
 int RunEmpty(int OlderThanDays, bool bForce, bool bQuiet, bool bSync) {
     TavroCatchInterrupts();
+    TavroRecording recording;
+    TavroCallbacks callbacks;
+    callbacks.ShouldCancel = TavroWasInterrupted;
+    callbacks = recording.Bind(callbacks, bSync);
     if (bForce && bQuiet && OlderThanDays == 0) {
-        return TavroPrintFailure(TavroEmptyTrash(TavroWasInterrupted, bSync));
+        const TavroFailure failure = TavroEmptyTrash(callbacks);
+        recording.End({}); // it cannot be undone
+        return TavroPrintFailure(failure);
     }
     std::vector<TavroTrashItem> listed;
     TavroFailure failure = TavroListTrash(!bForce || !bQuiet, TavroWasInterrupted, listed);
@@ -39,7 +45,8 @@ int RunEmpty(int OlderThanDays, bool bForce, bool bQuiet, bool bSync) {
             return exitCode;
         }
     }
-    failure = TavroRemoveFromTrash(items, TavroWasInterrupted, bSync);
+    failure = TavroRemoveFromTrash(items, callbacks);
+    recording.End({});
     if (!failure && !bQuiet) {
         TavroPrintLine(stdout, "Deleted " + content);
         TavroPrintUnlisted(TavroCountUnlistedItems(listed));

@@ -26,7 +26,9 @@ TavroJson OperationJson(const TavroOperation& Operation, bool bInterrupted) {
         if (bTrashed || TavroIsMainStep(step, Operation.Kind)) {
             TavroJson json;
             TavroAddPath(json, bTrashed ? "original" : "from", step.From);
-            TavroAddPath(json, bTrashed ? "trash" : "to", step.To);
+            if (step.Role != TavroStepRole::Deleted) {
+                TavroAddPath(json, bTrashed ? "trash" : "to", step.To);
+            }
             entries.push_back(json);
         }
     }

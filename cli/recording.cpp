@@ -70,13 +70,13 @@ bool TavroShouldSync(const CLI::Option* NoSync) {
 }
 
 std::string TavroKindText(TavroOperationKind Kind) {
-    static constexpr std::array<const char*, 6> names = {"trash", "rename", "move",
-                                                         "copy",  "mkdir",  "restore"};
+    static constexpr std::array<const char*, 8> names = {"trash", "rename",  "move",   "copy",
+                                                         "mkdir", "restore", "delete", "empty"};
     return names.at(static_cast<std::size_t>(Kind));
 }
 
 std::string TavroStepText(const TavroStep& Step) {
-    if (Step.Role == TavroStepRole::Trashed) {
+    if (Step.Role == TavroStepRole::Trashed || Step.Role == TavroStepRole::Deleted) {
         return Step.From;
     }
     return Step.From.empty() ? Step.To : Step.From + " -> " + Step.To;

@@ -46,6 +46,16 @@ void TavroChanges::AddBytes(const std::shared_ptr<const TavroDirectory>& Directo
     }
 }
 
+bool TavroChanges::Covers(std::uint64_t Device) const {
+    return std::any_of(m_volumes.begin(), m_volumes.end(), [&](const Volume& volume) {
+        return volume.Device == Device && volume.bAll;
+    });
+}
+
+bool TavroChanges::KeepsOrder() const {
+    return m_volumes.size() == 1 && m_volumes[0].Disk == TavroDisk::OrderedLog;
+}
+
 int TavroChanges::Flush() {
     int error = 0;
     for (Volume& volume : m_volumes) {

@@ -22,6 +22,13 @@ public:
     /// Files below a directory were written, whose bytes are to reach the disk, too.
     void AddBytes(const std::shared_ptr<const TavroDirectory>& Directory);
 
+    /// Whether the whole file system of a device is to be brought to the disk.
+    bool Covers(std::uint64_t Device) const;
+
+    /// Whether all that was changed is in one ordered log: what is changed there later is not on
+    /// the disk before it.
+    bool KeepsOrder() const;
+
     /// Brings all of it to the disk, and forgets it.
     /// @return 0, or the first error number.
     int Flush();

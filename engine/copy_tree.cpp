@@ -370,6 +370,12 @@ void TavroTreeCopy::MakeDirectory(Level& OutLevel) {
     m_made = m_levels.empty() ? state : m_made;
     NoteCopied(TavroStateOf(OutLevel.Source), state, false);
     m_target.Push(std::move(made), state.Identity);
+    TavroFailure failure =
+        m_levels.empty() && m_options.OnMade ? m_options.OnMade(state, m_name) : TavroFailure();
+    if (failure) {
+        m_bGivenUp = true;
+        m_failures.push_back(std::move(failure));
+    }
 }
 
 /// Opens the directory that was just created.

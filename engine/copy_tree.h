@@ -8,6 +8,7 @@
 #include "place.h"
 #include "walk.h"
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -53,6 +54,10 @@ struct TavroTreeCopyOptions {
     bool bMove = false;  ///< The source is to go: the copy is whole or fails, and is noted.
     bool bSync = false;  ///< The bytes of a file have reached the disk when it is copied.
     bool bNamed = false; ///< A file is made under a hidden name, not without one.
+
+    /// Called for a directory when it was made, and nothing is in it, with its hidden name. A
+    /// failure ends the copy. May be empty.
+    std::function<TavroFailure(const TavroFileState& Made, const std::string& Staged)> OnMade = {};
 };
 
 /// One copy of an entry with everything below it.

@@ -15,11 +15,15 @@ namespace {
 using Kind = TavroFailureKind;
 
 /// Looks at an entry that must be there.
+/// @param OutBirth  when given, the moment at which it was created.
 TavroFailure Look(TavroPlaces& Places, const std::string& Path, TavroPlace& OutPlace,
-                  struct stat& OutStatus) {
+                  struct stat& OutStatus, std::int64_t* OutBirth = nullptr) {
     const TavroFailure failure = Places.Find(Path, OutPlace);
+    const char* name = OutPlace.Name.c_str();
     const int error = failure ? failure.Error.value()
-                              : TavroStatAt(OutPlace.Number(), OutPlace.Name.c_str(), OutStatus);
+                      : OutBirth
+                          ? TavroStatWithBirthAt(OutPlace.Number(), name, OutStatus, *OutBirth)
+                          : TavroStatAt(OutPlace.Number(), name, OutStatus);
     const bool bMissing = error == ENOENT || error == ENOTDIR;
     return error == 0 ? TavroFailure()
                       : TavroFail(bMissing ? Kind::NoSuchEntry : Kind::LookAt, error, Path);
@@ -215,9 +219,9 @@ TavroEditReport TavroMakeDirectory(const std::string& Text, const std::string& B
 
 namespace {
 
-/// @param OutIdentities  of the entries that may be deleted, in order.
+/// @param OutSteps  what is to be deleted, in order.
 std::vector<TavroFailure> Check(const std::vector<TavroOperationEntry>& Entries,
-                                std::vector<TavroIdentity>& OutIdentities) {
+                                std::vector<TavroStep>& OutSteps) {
     std::vector<TavroFailure> failures;
     if (Entries.empty()) {
         failures.push_back({Kind::NothingSelected});
@@ -227,50 +231,87 @@ std::vector<TavroFailure> Check(const std::vector<TavroOperationEntry>& Entries,
     for (const TavroOperationEntry& entry : Entries) {
         TavroPlace place;
         struct stat status = {};
-        TavroFailure failure = Look(places, entry.Path, place, status);
+        TavroStep step{TavroStepRole::Deleted};
+        TavroFailure failure = Look(places, entry.Path, place, status, &step.SourceTime);
         failure = failure ? failure : guard.Check(place, status);
         if (failure) {
             failures.push_back(std::move(failure));
+            continue;
         }
-        OutIdentities.push_back(TavroIdentityOf(status));
+        step.From = place.OwnPath();
+        step.Identity = TavroIdentityOf(status);
+        OutSteps.push_back(std::move(step));
     }
     return failures;
+}
+
+/// Deletes what is checked.
+TavroFailure Delete(const std::vector<TavroStep>& Steps, const TavroCallbacks& Callbacks) {
+    TavroFailure failure;
+    TavroProgressTeller progress(Callbacks);
+    TavroPlaces places;
+    TavroChanges changes(Callbacks.bSync);
+    for (std::size_t i = 0; i < Steps.size() && !failure; ++i) {
+        const TavroStep& step = Steps[i];
+        TavroPlace place;
+        failure = places.Find(step.From, place);
+        if (!failure) {
+            changes.Add(place.Directory);
+            const auto count = [&] {
+                progress.Begin([&] { return step.From; });
+                progress.AddItems();
+                return progress.ShouldCancel();
+            };
+            failure = TavroRemoveTree(place, {step.Identity, count, /*bOpenReadOnly=*/false});
+        }
+        if (failure.Kind == TavroFailureKind::Cancelled) {
+            failure.Path = step.From;
+        }
+    }
+    const int error = changes.Flush();
+    progress.Tell();
+    return failure || error == 0 ? failure
+                                 : TavroFail(Kind::Write, error, TavroParentOf(Steps.front().From));
 }
 
 } // namespace
 
 std::vector<TavroFailure> TavroCheckDeletable(const std::vector<TavroOperationEntry>& Entries) {
-    std::vector<TavroIdentity> identities;
-    return Check(Entries, identities);
+    std::vector<TavroStep> steps;
+    return Check(Entries, steps);
 }
 
 TavroFailure TavroDeleteForGood(const std::vector<TavroOperationEntry>& Entries,
                                 const TavroCallbacks& Callbacks) {
-    std::vector<TavroIdentity> identities;
-    const std::vector<TavroFailure> failures = Check(Entries, identities);
-    TavroFailure failure = failures.empty() ? TavroFailure() : failures.front();
-    TavroProgressTeller progress(Callbacks);
+    std::vector<TavroStep> steps;
+    const std::vector<TavroFailure> failures = Check(Entries, steps);
+    TavroFailure failure = failures.empty() ? Announce(Callbacks, TavroOperationKind::Delete, steps)
+                                            : failures.front();
+    return failure ? failure : Delete(steps, Callbacks);
+}
+
+TavroFailure TavroFinishDeleting(const std::vector<TavroStep>& Steps,
+                                 const TavroCallbacks& Callbacks) {
+    std::vector<TavroStep> left;
     TavroPlaces places;
-    TavroChanges changes(Callbacks.bSync);
-    for (std::size_t i = 0; i < Entries.size() && !failure; ++i) {
+    TavroGuard guard(TavroAct::Delete);
+    for (TavroStep step : Steps) {
         TavroPlace place;
-        failure = places.Find(Entries[i].Path, place);
-        if (!failure) {
-            changes.Add(place.Directory);
-            const auto count = [&] {
-                progress.Begin([&] { return Entries[i].Path; });
-                progress.AddItems();
-                return progress.ShouldCancel();
-            };
-            failure = TavroRemoveTree(place, {identities[i], count, /*bOpenReadOnly=*/false});
+        struct stat status = {};
+        std::int64_t birth = 0;
+        TavroFailure failure = Look(places, step.From, place, status, &birth);
+        const bool bOther =
+            !failure && (step.Identity.Inode != status.st_ino || birth != step.SourceTime);
+        if (failure.Kind == Kind::NoSuchEntry || bOther) {
+            continue;
         }
-        if (failure.Kind == TavroFailureKind::Cancelled) {
-            failure.Path = Entries[i].Path;
+        failure = failure || birth != 0 ? failure : TavroFailure{Kind::MaybeOther, {}, step.From};
+        failure = failure ? failure : guard.Check(place, status);
+        if (failure) {
+            return failure;
         }
+        step.Identity = TavroIdentityOf(status);
+        left.push_back(std::move(step));
     }
-    const int error = changes.Flush();
-    progress.Tell();
-    return failure || error == 0
-               ? failure
-               : TavroFail(Kind::Write, error, TavroParentOf(Entries.front().Path));
+    return left.empty() ? TavroFailure() : Delete(left, Callbacks);
 }

@@ -5,6 +5,7 @@
 
 #include "failure.h"
 #include "identity.h"
+#include "operation.h"
 #include "progress.h"
 #include "tavroops.h"
 
@@ -45,8 +46,16 @@ std::vector<TavroFailure> TavroCheckDeletable(const std::vector<TavroOperationEn
 /// Deletes entries for good, one after the other; the first that cannot be removed whole ends it.
 /// Links are removed, not followed, and nothing outside the named trees is touched whatever happens
 /// to them meanwhile. Checked again here as TavroCheckDeletable does, before anything is removed.
-/// @return Cancelled with the path of the entry that may be there in part.
+/// @return Cancelled with the path of the entry that may be there in part; or what BeforeActs
+///         returned, when nothing was removed.
 TavroFailure TavroDeleteForGood(const std::vector<TavroOperationEntry>& Entries,
                                 const TavroCallbacks& Callbacks);
+
+/// Goes on with a deletion that was interrupted: of its steps, as BeforeActs was told them, what is
+/// still there goes. What else has the name of an entry by now stays.
+/// @return as TavroDeleteForGood; MaybeOther for an entry of which nobody can tell whether it is
+///         the same; it stays, and so do those after it.
+TavroFailure TavroFinishDeleting(const std::vector<TavroStep>& Steps,
+                                 const TavroCallbacks& Callbacks);
 
 #endif

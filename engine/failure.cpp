@@ -99,6 +99,10 @@ constexpr Sentence sentences[] = {
     {Kind::NothingToRedo, "Nothing to redo"},
     {Kind::NothingToDrop, "Nothing to drop"},
     {Kind::NothingToResume, "Nothing was interrupted"},
+    {Kind::DeletionWasInterrupted,
+     "The deletion of %p was interrupted and cannot be undone: 'tavro resume' finishes it, "
+     "'tavro history --drop' leaves what is left"},
+    {Kind::MaybeOther, "%p may be another one by now and stays"},
     {Kind::HistoryNoHome, "There is no place for the history: HOME is not set"},
     {Kind::HistoryOpen, "Cannot open the history %p: %e"},
     {Kind::HistoryRead, "Cannot read the history %p: %e"},

@@ -101,6 +101,8 @@ enum class TavroFailureKind {
     NothingToRedo,
     NothingToDrop,
     NothingToResume,
+    DeletionWasInterrupted,
+    MaybeOther,
     // The history.
     HistoryNoHome,
     HistoryOpen,

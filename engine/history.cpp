@@ -57,7 +57,8 @@ bool HasOwnRecord(const TavroStep& Step) {
 
 bool IsValid(const TavroStep& Step) {
     const bool bFrom = Step.Role != TavroStepRole::CreatedDirectory;
-    const bool bTo = Step.Role != TavroStepRole::RemovedDirectory;
+    const bool bTo =
+        Step.Role != TavroStepRole::RemovedDirectory && Step.Role != TavroStepRole::Deleted;
     const bool bTrashed =
         Step.Role == TavroStepRole::Trashed || Step.Role == TavroStepRole::Replaced;
     return (Step.Staged.empty() || TavroIsStagingName(Step.Staged)) &&
@@ -68,8 +69,8 @@ bool IsValid(const TavroStep& Step) {
 
 TavroStepRole MainRoleOf(TavroOperationKind What) {
     using Role = TavroStepRole;
-    constexpr Role roles[] = {Role::Trashed,          Role::Moved,  Role::Moved, Role::Copied,
-                              Role::CreatedDirectory, Role::Trashed};
+    constexpr Role roles[] = {Role::Trashed,          Role::Moved,   Role::Moved,   Role::Copied,
+                              Role::CreatedDirectory, Role::Trashed, Role::Deleted, Role::Deleted};
     return roles[static_cast<std::size_t>(What)];
 }
 
@@ -78,7 +79,7 @@ bool MayHave(TavroOperationKind What, TavroStepRole Role) {
     const TavroStepRole main = MainRoleOf(What);
     switch (Role) {
     case TavroStepRole::CreatedDirectory:
-        return main != TavroStepRole::Trashed;
+        return main != TavroStepRole::Trashed && main != TavroStepRole::Deleted;
     case TavroStepRole::RemovedDirectory:
         return main == TavroStepRole::Moved || What == TavroOperationKind::Restore;
     case TavroStepRole::Trashed:
@@ -111,6 +112,10 @@ bool IsValid(const TavroOperation& Operation) {
 
 bool TavroIsMainStep(const TavroStep& Step, TavroOperationKind What) {
     return Step.Role == MainRoleOf(What);
+}
+
+bool TavroIsDeletion(TavroOperationKind What) {
+    return MainRoleOf(What) == TavroStepRole::Deleted;
 }
 
 namespace {
@@ -670,9 +675,11 @@ void TavroDatabase::InsertSteps(std::int64_t Id, std::int64_t First,
     }
 }
 
-/// What could be redone is dropped by what is new.
+/// What could be redone is dropped by what is new, and can be undone.
 void TavroDatabase::Insert(TavroOperation& Operation) {
-    Run("UPDATE operation SET state = 2 WHERE state = 1");
+    if (!TavroIsDeletion(Operation.Kind)) {
+        Run("UPDATE operation SET state = 2 WHERE state = 1");
+    }
     Run("INSERT INTO operation (kind, state, time, steps, entries, bytes) "
         "VALUES (?, ?, ?, ?, ?, ?)",
         Integer(Operation.Kind), Integer(Operation.State), Operation.Time,
@@ -883,7 +890,7 @@ bool ReadSteps(Statement& Row, std::int64_t Count, TavroOperation& OutOperation)
         step.Source.Inode = static_cast<std::uint64_t>(Row.Number(13));
         step.SourceTime = Row.Number(14);
         if (Row.Number(0) != Integer(OutOperation.Steps.size()) || !IsOneOf(Row.Number(8), 07777) ||
-            !IsOneOf(Row.Number(1), TavroStepRole::Planned) || !IsValid(step)) {
+            !IsOneOf(Row.Number(1), TavroStepRole::Deleted) || !IsValid(step)) {
             return false;
         }
         OutOperation.Steps.push_back(std::move(step));
@@ -906,9 +913,9 @@ bool ReadOperation(Statement& Row, TavroOperation& OutOperation) {
     OutOperation.State = static_cast<TavroOperationState>(Row.Number(2));
     OutOperation.Time = Row.Number(3);
     OutOperation.Staging = Row.Bytes(6);
-    return IsOneOf(Row.Number(1), TavroOperationKind::Restore) &&
+    return IsOneOf(Row.Number(1), TavroOperationKind::Empty) &&
            IsOneOf(Row.Number(2), TavroOperationState::Redoing) &&
-           (OutOperation.Kind != TavroOperationKind::Restore ||
+           (OutOperation.Kind < TavroOperationKind::Restore ||
             OutOperation.State == TavroOperationState::Doing) &&
            IsOneOf(Row.Number(4), INT64_MAX - 1) && IsOneOf(Row.Number(5), Row.Number(4));
 }

@@ -86,8 +86,8 @@ public:
     // --- Operations on their way ---
 
     /// Adds an operation that is about to begin, in the state Doing, with the steps that are known;
-    /// on the disk when this returns. What could be redone is dropped. Until it is ended, or this
-    /// object goes, other processes see that it is running.
+    /// on the disk when this returns. What could be redone is dropped, unless it is a deletion.
+    /// Until it is ended, or this object goes, other processes see that it is running.
     /// @param Operation  gets its Id; after a failure only when the history has it, and it may not
     ///                   be on the disk.
     TavroFailure BeginOperation(TavroOperation& Operation);

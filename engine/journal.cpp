@@ -39,7 +39,8 @@ TavroFailure TavroJournal::Begin(TavroOperationKind Kind, const std::vector<Tavr
     if (failure) {
         return failure;
     }
-    m_history->WaitForDisk(m_bSync);
+    const bool bToldAgain = Steps.size() == 1 && Steps[0].Role == TavroStepRole::Planned;
+    m_history->WaitForDisk(m_bSync && !bToldAgain);
     TavroOperation operation{0, Kind, TavroOperationState::Doing, std::time(nullptr), Steps};
     failure = m_history->BeginOperation(operation);
     m_id = operation.Id;
@@ -47,6 +48,7 @@ TavroFailure TavroJournal::Begin(TavroOperationKind Kind, const std::vector<Tavr
         operation.Steps.clear();
         m_id = m_history->EndOperation(operation, false) ? m_id : 0;
     }
+    m_history->WaitForDisk(m_bSync);
     return failure;
 }
 

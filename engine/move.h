@@ -32,6 +32,9 @@ struct TavroMoveOptions {
     /// without that name it has none. A failure ends it, and nothing is left.
     std::function<TavroFailure(const TavroFileState& Made, const std::string& Staged)>
         BeforePublish = {};
+
+    /// As TavroTreeCopyOptions has it.
+    std::function<TavroFailure(const TavroFileState& Made, const std::string& Staged)> OnMade = {};
 };
 
 /// What became of it. What is where follows from it:

@@ -15,7 +15,9 @@ enum class TavroOperationKind {
     Move,            ///< Undone by moving back.
     Copy,            ///< Undone by trashing what was copied, redone by restoring that.
     CreateDirectory, ///< Undone by removing the directories, only when they are empty.
-    Restore,         ///< Kept only while it is on its way.
+    Restore,         ///< Kept only while it is on its way; as are the next two,
+    Delete,          ///< which cannot be undone, but are gone on with.
+    Empty,
 };
 
 enum class TavroOperationState {
@@ -35,18 +37,20 @@ enum class TavroStepRole {
     RemovedDirectory, ///< `From` was emptied by a merging move and removed; it had the mode `Mode`.
     Replaced, ///< As Trashed: something else took the place `From` of what lies in the trash.
     Planned,  ///< `From` is to go to `To`; only while the operation is on its way.
+    Deleted,  ///< As Planned: `From` is to go for good.
 };
 
 /// One thing that an operation did. Paths are absolute, of any bytes but zero.
 struct TavroStep {
     TavroStepRole Role = TavroStepRole::Moved;
-    std::string From;
-    std::string To;
+    std::string From = {};
+    std::string To = {};
     std::string Record =
         {}; ///< Of a Trashed step: `ROOT/info/NAME.trashinfo` for `ROOT/files/NAME`.
 
     /// The file at `To`; while the operation is undone, the one at `From`. An inode of 0: not
-    /// known, or of a directory that the operation found there.
+    /// known, or of a directory that the operation found there. What is to go for good is at
+    /// `From`.
     TavroIdentity Identity = {};
     std::int64_t ChangeTime = 0; ///< Of that file when the operation ended, or that moment.
     std::uint32_t Mode = 0;      ///< Of a created or removed directory; of a plan, its policy.
@@ -59,7 +63,7 @@ struct TavroStep {
 
     std::string Staged = {};     ///< The name under which it waits beside where it goes.
     TavroIdentity Source = {};   ///< The file at `From`, when that is another one,
-    std::int64_t SourceTime = 0; ///< and when it was changed last.
+    std::int64_t SourceTime = 0; ///< and when it was changed last; when what is to go was created.
 
     bool operator==(const TavroStep& Other) const;
 };
@@ -83,5 +87,8 @@ struct TavroOperation {
 
 /// Whether a step is what an operation of that kind is about, and no circumstance of it.
 bool TavroIsMainStep(const TavroStep& Step, TavroOperationKind What);
+
+/// Whether operations of that kind take away for good.
+bool TavroIsDeletion(TavroOperationKind What);
 
 #endif

@@ -1,5 +1,6 @@
 #include "posix.h"
 
+#include "identity.h"
 #include "names.h"
 
 #include <algorithm>
@@ -181,31 +182,50 @@ struct timespec TimeOf(const struct statx_timestamp& Time) {
     return {Time.tv_sec, Time.tv_nsec};
 }
 
-} // namespace
-
-int TavroStatWithMount(int Descriptor, struct stat& OutStatus, std::uint64_t& OutMount) {
-    struct statx status = {};
-    const int error = ErrorOf([&] {
-        return statx(Descriptor, "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_MNT_ID, &status);
-    });
+/// Looks at a file with what the usual status does not tell, of which `Mask` says what.
+int StatWith(unsigned Mask, int Directory, const char* Name, int Flags, struct stat& OutStatus,
+             struct statx& OutMore) {
+    const int error =
+        ErrorOf([&] { return statx(Directory, Name, Flags, STATX_BASIC_STATS | Mask, &OutMore); });
     if (error != 0) {
         return error;
     }
     OutStatus = {};
-    OutStatus.st_dev = makedev(status.stx_dev_major, status.stx_dev_minor);
-    OutStatus.st_ino = status.stx_ino;
-    OutStatus.st_mode = status.stx_mode;
-    OutStatus.st_nlink = status.stx_nlink;
-    OutStatus.st_uid = status.stx_uid;
-    OutStatus.st_gid = status.stx_gid;
-    OutStatus.st_size = static_cast<off_t>(status.stx_size);
-    OutStatus.st_blocks = static_cast<blkcnt_t>(status.stx_blocks);
-    OutStatus.st_atim = TimeOf(status.stx_atime);
-    OutStatus.st_mtim = TimeOf(status.stx_mtime);
-    OutStatus.st_ctim = TimeOf(status.stx_ctime);
-    const bool bMountKnown = (status.stx_mask & STATX_MNT_ID) != 0;
-    OutMount = bMountKnown ? status.stx_mnt_id : OutStatus.st_dev;
+    OutStatus.st_dev = makedev(OutMore.stx_dev_major, OutMore.stx_dev_minor);
+    OutStatus.st_ino = OutMore.stx_ino;
+    OutStatus.st_mode = OutMore.stx_mode;
+    OutStatus.st_nlink = OutMore.stx_nlink;
+    OutStatus.st_uid = OutMore.stx_uid;
+    OutStatus.st_gid = OutMore.stx_gid;
+    OutStatus.st_size = static_cast<off_t>(OutMore.stx_size);
+    OutStatus.st_blocks = static_cast<blkcnt_t>(OutMore.stx_blocks);
+    OutStatus.st_atim = TimeOf(OutMore.stx_atime);
+    OutStatus.st_mtim = TimeOf(OutMore.stx_mtime);
+    OutStatus.st_ctim = TimeOf(OutMore.stx_ctime);
     return 0;
+}
+
+} // namespace
+
+int TavroStatWithMount(int Descriptor, struct stat& OutStatus, std::uint64_t& OutMount) {
+    struct statx more = {};
+    const int error = StatWith(STATX_MNT_ID, Descriptor, "", AT_EMPTY_PATH, OutStatus, more);
+    if (error == 0) {
+        const bool bKnown = (more.stx_mask & STATX_MNT_ID) != 0;
+        OutMount = bKnown ? more.stx_mnt_id : OutStatus.st_dev;
+    }
+    return error;
+}
+
+int TavroStatWithBirthAt(int Directory, const char* Name, struct stat& OutStatus,
+                         std::int64_t& OutBirth) {
+    struct statx more = {};
+    const int error = StatWith(STATX_BTIME, Directory, Name, AT_SYMLINK_NOFOLLOW, OutStatus, more);
+    if (error == 0) {
+        const bool bKnown = (more.stx_mask & STATX_BTIME) != 0;
+        OutBirth = bKnown ? TavroNanoseconds(TimeOf(more.stx_btime)) : 0;
+    }
+    return error;
 }
 
 int TavroAccessAt(int Directory, const char* Name, int Mode) {

@@ -76,6 +76,11 @@ int TavroStatPath(const std::string& Path, struct stat& OutStatus);
 /// where the kernel does not tell mounts apart.
 int TavroStatWithMount(int Descriptor, struct stat& OutStatus, std::uint64_t& OutMount);
 
+/// As TavroStatAt, with the moment at which the file was created, in nanoseconds since 1970; 0
+/// where the file system does not tell.
+int TavroStatWithBirthAt(int Directory, const char* Name, struct stat& OutStatus,
+                         std::int64_t& OutBirth);
+
 /// Whether this process may do so with a name: `Mode` is of R_OK, W_OK, X_OK. "." is the directory.
 /// A link is asked itself, and always says yes.
 int TavroAccessAt(int Directory, const char* Name, int Mode);

@@ -30,7 +30,8 @@ struct TavroCallbacks {
     std::function<bool()> ShouldCancel;
 
     /// Told what will be done before it is done. An operation does not begin, or go on, after a
-    /// failure, which is its own then.
+    /// failure, which is its own then. A plan of one step alone is told again, or what comes of it
+    /// is, before anything that a power cut may leave: it need not be on the disk before that.
     std::function<TavroFailure(TavroOperationKind, const std::vector<TavroStep>&)> BeforeActs = {};
 
     /// Whether what is done has reached the disk when the operation says so.

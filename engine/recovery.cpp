@@ -5,6 +5,7 @@
 #include "names.h"
 #include "remove.h"
 #include "trash.h"
+#include "trash_folders.h"
 #include "trash_record.h"
 #include "walk.h"
 
@@ -113,6 +114,8 @@ TavroWhereabouts TavroFindStep(const TavroStep& Step, TavroPlaces& Places) {
         return here != 0 ? TavroWhereabouts::AtFrom : TavroWhereabouts::AtTo;
     case Role::Planned:
         return TavroWhereabouts::AtFrom;
+    case Role::Deleted:
+        return here == Step.Identity.Inode ? TavroWhereabouts::AtFrom : TavroWhereabouts::AtTo;
     default:
         break;
     }
@@ -494,7 +497,8 @@ bool Settlement::IsOwnCopy(const std::string& Name) const {
 }
 
 /// Records of which the items are not there, of what was to be trashed and was not, or was
-/// restored.
+/// restored. What was to take the place of something may have got a record for that, of which the
+/// history was not told yet.
 void Settlement::RemoveRecords(const std::vector<TavroStep>& NotDone) {
     std::set<std::string> directories;
     std::set<std::string> origins;
@@ -506,6 +510,15 @@ void Settlement::RemoveRecords(const std::vector<TavroStep>& NotDone) {
             if (m_operation.Kind == TavroOperationKind::Restore) {
                 items.insert(TavroNameOf(step.To));
             }
+        }
+    }
+    const bool bMayReplace = m_operation.Kind == TavroOperationKind::Copy ||
+                             m_operation.Kind == TavroOperationKind::Move;
+    for (const TavroStep& step : m_operation.Steps) {
+        if (bMayReplace && step.Role != Role::CreatedDirectory &&
+            step.Role != Role::RemovedDirectory) {
+            directories.insert(TavroFindTrashFolders().Info);
+            origins.insert(TavroPlaceOf(step));
         }
     }
     for (const std::string& directory : directories) {

@@ -32,7 +32,7 @@ enum class TavroWhereabouts {
 };
 
 /// Where what a step tells of is. A directory that was created or removed is at its path or
-/// nowhere.
+/// nowhere; what was to go for good is at `From` or, when it is gone, counts as where it was to go.
 TavroWhereabouts TavroFindStep(const TavroStep& Step, TavroPlaces& Places);
 
 /// How far an operation on its way has come.

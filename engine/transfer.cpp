@@ -242,6 +242,8 @@ private:
     bool Measure(std::vector<TavroTransferItemPlan>& Items);
     std::string OwnPathOf(const std::string& Path);
     bool Announce(const std::vector<TavroTransferItemPlan>& Items);
+    TavroFailure Tell(const std::vector<TavroStep>& Steps);
+    bool TellPlanAgain();
     bool FindPlaces(const TavroTransferItemPlan& Item, Route& OutRoute);
     bool FindAgainWhenEntangled(const TavroTransferItemPlan& Item, Route& IoRoute);
     void CarryOutItem(TavroTransferItemPlan& Item);
@@ -264,6 +266,7 @@ private:
 
     void Flush();
     TavroFailure ClaimTrash(std::vector<Pending>& Entries);
+    TavroStep MainStep(const Pending& Entry, const TavroFileState& Staged) const;
     TavroFailure Journal(const std::vector<Pending>& Entries);
     TavroStep ReplacedStep(const Pending& Entry) const;
     void Publish(Pending& Entry);
@@ -333,7 +336,10 @@ private:
     OwnWork m_pendingWork;                       ///< What waits, as if it were done.
     std::vector<Emptied> m_emptied;              ///< Inner ones first.
     std::size_t m_createdTold = 0; ///< So many created directories are in the journal.
-    int m_tries = 0;               ///< More than 0: what was taken is tried again.
+    std::vector<TavroStep>
+        m_plan;           ///< Of one directory, until it or what comes of it is on the disk.
+    TavroIdentity m_told; ///< A new directory that the journal knew when it was empty.
+    int m_tries = 0;      ///< More than 0: what was taken is tried again.
     TavroChanges m_changes;
     std::unique_ptr<TavroOpenTrash> m_trash; ///< Once something is replaced.
     std::unique_ptr<TavroTrashClaims> m_claims;
@@ -440,13 +446,30 @@ bool Transfer::Announce(const std::vector<TavroTransferItemPlan>& Items) {
     for (const std::string& missing : TavroFindMissing(parent)) {
         steps.push_back({TavroStepRole::CreatedDirectory, "", missing});
     }
-    TavroFailure failure = m_callbacks.BeforeActs(
-        m_bMove ? TavroOperationKind::Move : TavroOperationKind::Copy, steps);
+    m_plan = steps.size() == 1 ? steps : m_plan;
+    TavroFailure failure = Tell(steps);
     const bool bCan = !failure;
     if (!bCan) {
         Fail(std::move(failure));
     }
     return bCan;
+}
+
+TavroFailure Transfer::Tell(const std::vector<TavroStep>& Steps) {
+    return m_callbacks.BeforeActs
+               ? m_callbacks.BeforeActs(
+                     m_bMove ? TavroOperationKind::Move : TavroOperationKind::Copy, Steps)
+               : TavroFailure();
+}
+
+/// The plan of a single entry is not on the disk before it is told again.
+bool Transfer::TellPlanAgain() {
+    TavroFailure failure = m_plan.empty() ? TavroFailure() : Tell(std::exchange(m_plan, {}));
+    const bool bTold = !failure;
+    if (!bTold) {
+        Fail(std::move(failure));
+    }
+    return bTold;
 }
 
 /// Finds where an item is and is to go. Missing directories above its destination are created,
@@ -648,7 +671,8 @@ void Transfer::Prepare(const Route& Way, const struct stat& Source, const struct
     Pending entry;
     Options.bCopy = !m_bMove;
     Options.bNamed = !m_bSingle;
-    Options.bSync = m_bSingle && m_callbacks.bSync; // else all reach the disk together
+    const bool bOldStays = Old != nullptr && m_callbacks.bKeepReplaced; // and gets a record
+    Options.bSync = m_bSingle && !bOldStays && m_callbacks.bSync; // else all reach it together
     const bool bSynced = Options.bSync;
     entry.Source = TavroStateOf(Source);
     entry.Item = Item;
@@ -661,14 +685,25 @@ void Transfer::Prepare(const Route& Way, const struct stat& Source, const struct
     entry.Old = Old != nullptr ? TavroStateOf(*Old) : TavroFileState();
     entry.bRename =
         m_bMove && Way.From.Directory->Identity.Device == Way.To.Directory->Identity.Device;
-    entry.Copy = std::make_unique<TavroStagedCopy>(Way.From, Way.To, std::move(Options), m_links,
-                                                   m_progress);
     const int error =
         !m_bMove || entry.bRename ? 0 : TavroAccessAt(Way.From.Number(), ".", W_OK | X_OK);
     if (error != 0) {
         Fail(TavroFail(Kind::Move, error, entry.AskedFrom, entry.AskedTo));
         return;
     }
+    if (!m_plan.empty() && !m_bMove && Old == nullptr) {
+        Options.OnMade = [&](const TavroFileState& made, const std::string& name) {
+            m_told = made.Identity;
+            std::vector<TavroStep> steps = std::exchange(m_plan, {});
+            steps.push_back(MainStep(entry, made));
+            steps.back().Staged = name;
+            return Tell(steps);
+        };
+    } else if (!entry.bRename && !TellPlanAgain()) {
+        return;
+    }
+    entry.Copy = std::make_unique<TavroStagedCopy>(Way.From, Way.To, std::move(Options), m_links,
+                                                   m_progress);
     if (!entry.bRename && !entry.Copy->Stage(Source, std::move(m_source))) {
         Note(entry);
         return;
@@ -698,6 +733,9 @@ void Transfer::Remember(const Pending& Entry) {
 
 /// @return false when there is no directory at the destination any more.
 bool Transfer::BeginMerge(const Route& Way) {
+    if (!TellPlanAgain()) {
+        return true;
+    }
     Merge merge;
     merge.Name = Way.From.Name;
     if (Open(Way.To, false, merge.To) != 0) {
@@ -793,10 +831,11 @@ void Transfer::Flush() {
     m_pendingTo.clear();
     m_pendingWork = OwnWork();
     m_lookedInto = {};
-    int error = m_changes.Flush();
-    TavroFailure failure =
-        error == 0 ? ClaimTrash(entries)
-                   : TavroFail(Kind::Write, error, entries.empty() ? "" : entries[0].AskedTo);
+    TavroFailure failure = ClaimTrash(entries);
+    int error = failure ? 0 : m_changes.Flush();
+    if (error != 0) {
+        failure = TavroFail(Kind::Write, error, entries.empty() ? "" : entries[0].AskedTo);
+    }
     if (failure) {
         for (const Pending& entry : entries) {
             Fail({failure.Kind, failure.Error, entry.AskedTo, failure.Other});
@@ -825,7 +864,10 @@ void Transfer::Flush() {
     // place even after a power cut.
     const auto isLeft = [](const Pending& entry) { return !entry.Copy; };
     entries.erase(std::remove_if(entries.begin(), entries.end(), isLeft), entries.end());
-    error = m_changes.Flush();
+    const auto isMovedAway = [this](const Pending& entry) { return m_bMove && !entry.bRename; };
+    const bool bInOrder =
+        m_changes.KeepsOrder() && std::none_of(entries.begin(), entries.end(), isMovedAway);
+    error = bInOrder ? 0 : m_changes.Flush();
     bool bUnfinished = false;
     for (Pending& entry : entries) {
         if (!entry.bDone || !NeedsFinish(entry)) {
@@ -863,7 +905,7 @@ void Transfer::Flush() {
 }
 
 /// Claims a name in the trash for each entry that will be replaced. The records are on the disk
-/// before that.
+/// before that, by themselves or with what is brought there next.
 TavroFailure Transfer::ClaimTrash(std::vector<Pending>& Entries) {
     std::size_t claimed = 0;
     std::string last;
@@ -890,8 +932,11 @@ TavroFailure Transfer::ClaimTrash(std::vector<Pending>& Entries) {
         last = entry.OldName;
         ++claimed;
     }
-    const int error =
-        claimed == 0 || !m_callbacks.bSync ? 0 : TavroSyncRecords(*m_trash, claimed, last);
+    struct stat info = {};
+    const bool bLater =
+        claimed == 0 || !m_callbacks.bSync ||
+        (TavroStat(m_trash->Info.Number(), info) == 0 && m_changes.Covers(info.st_dev));
+    const int error = bLater ? 0 : TavroSyncRecords(*m_trash, claimed, last);
     return error == 0 ? TavroFailure() : TavroFail(Kind::WriteRecord, error, m_trash->Folders.Info);
 }
 
@@ -906,28 +951,37 @@ TavroStep Transfer::ReplacedStep(const Pending& Entry) const {
             Entry.Old.IsDirectory()};
 }
 
-/// Tells the history what is going to be published.
+/// The step of what is copied or moved.
+/// @param Staged  the copy as it waits.
+TavroStep Transfer::MainStep(const Pending& Entry, const TavroFileState& Staged) const {
+    TavroStep step{m_bMove ? TavroStepRole::Moved : TavroStepRole::Copied, Entry.OwnFrom,
+                   Entry.OwnTo};
+    step.Identity = Entry.Source.Identity;
+    step.Staged = Entry.Hidden;
+    if (!Entry.bRename) {
+        step.Identity = Staged.Identity;
+        step.Source = Entry.Source.Identity;
+        step.SourceTime = Entry.Source.ChangeTime;
+    }
+    return step;
+}
+
+/// Tells the history what is going to be published, unless that is the directory that it knows.
 TavroFailure Transfer::Journal(const std::vector<Pending>& Entries) {
-    if (!m_callbacks.BeforeActs || (Entries.empty() && m_emptied.empty())) {
+    const bool bKnown = Entries.size() == 1 && m_told.Inode != 0 && !Entries[0].bRename &&
+                        Entries[0].Copy->Staged().Identity == m_told &&
+                        m_createdTold == m_report.CreatedDirectories.size();
+    if (!m_callbacks.BeforeActs || bKnown || (Entries.empty() && m_emptied.empty())) {
         return {};
     }
     std::vector<TavroStep> steps;
     for (const Pending& entry : Entries) {
-        TavroStep step{m_bMove ? TavroStepRole::Moved : TavroStepRole::Copied, entry.OwnFrom,
-                       entry.OwnTo};
-        step.Identity = entry.Source.Identity;
-        step.Staged = entry.Hidden;
-        if (!entry.bRename) {
-            TavroFileState staged = entry.Copy->Staged();
-            if (staged.Identity.Inode == 0) { // it has no name yet
-                entry.Copy->LookAtStaged(staged);
-            }
-            step.Identity = staged.Identity;
-            step.Staged = entry.Copy->StagedName();
-            step.Source = entry.Source.Identity;
-            step.SourceTime = entry.Source.ChangeTime;
+        TavroFileState staged = entry.bRename ? TavroFileState() : entry.Copy->Staged();
+        if (!entry.bRename && staged.Identity.Inode == 0) { // it has no name yet
+            entry.Copy->LookAtStaged(staged);
         }
-        steps.push_back(std::move(step));
+        steps.push_back(MainStep(entry, staged));
+        steps.back().Staged = entry.bRename ? entry.Hidden : entry.Copy->StagedName();
         if (!entry.OldName.empty()) {
             steps.push_back(ReplacedStep(entry));
             steps.back().Staged = entry.Hidden;
@@ -948,8 +1002,7 @@ TavroFailure Transfer::Journal(const std::vector<Pending>& Entries) {
                          false,
                          emptied.Attributes});
     }
-    return m_callbacks.BeforeActs(m_bMove ? TavroOperationKind::Move : TavroOperationKind::Copy,
-                                  steps);
+    return Tell(steps);
 }
 
 void Transfer::Publish(Pending& Entry) {
@@ -1074,10 +1127,7 @@ void Transfer::TrashReplaced(Pending& Entry) {
             TavroStep step = ReplacedStep(Entry);
             step.Source = std::exchange(step.Identity, made.Identity);
             step.Staged = Entry.Hidden; // it is there until it is in the trash
-            return m_callbacks.BeforeActs
-                       ? m_callbacks.BeforeActs(
-                             m_bMove ? TavroOperationKind::Move : TavroOperationKind::Copy, {step})
-                       : TavroFailure();
+            return Tell({step});
         };
         TavroMoveReport report = TavroBringEntry(old, item, options, m_links, m_progress);
         failure = report.Failure;

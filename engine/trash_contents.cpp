@@ -242,13 +242,21 @@ TavroFailure RemoveRecord(const TavroOpenTrash& Trash, const std::string& Name) 
 /// Removes items one after the other.
 class Emptying {
 public:
-    explicit Emptying(const std::function<bool()>& ShouldCancel) : m_shouldCancel(ShouldCancel) {}
+    /// @param bGoesOn  with what was interrupted.
+    explicit Emptying(const TavroCallbacks& Callbacks, bool bGoesOn = false)
+        : m_callbacks(Callbacks), m_bGoesOn(bGoesOn) {}
 
     TavroFailure Open();
     TavroFailure ListRecorded(std::vector<std::string>& OutNames) const;
+    TavroFailure Announce(std::vector<TavroStep> Steps) const;
+    TavroStep StepOf(const TavroTrashItem& Item) const;
+    TavroStep StepOfAll() const;
+    std::vector<TavroTrashItem> ItemsOf(const std::vector<TavroStep>& Steps) const;
+
+    std::vector<std::string> NamesFrom(std::int64_t Before) const;
 
     /// @param Items  listed items, or the names of what has a record.
-    template <typename Items> TavroFailure RemoveEach(const Items& All, bool bSync);
+    template <typename Items> TavroFailure RemoveEach(const Items& All);
 
 private:
     TavroFailure Remove(const TavroTrashItem& Item);
@@ -257,7 +265,8 @@ private:
     bool IsClaimedByOther(const TavroTrashItem& Item) const;
     int Sync() const;
 
-    const std::function<bool()>& m_shouldCancel;
+    const TavroCallbacks& m_callbacks;
+    const bool m_bGoesOn;
     TavroOpenTrash m_trash;
     TavroPlace m_item;
     TavroGuard m_guard{TavroAct::Delete};
@@ -277,10 +286,80 @@ TavroFailure Emptying::ListRecorded(std::vector<std::string>& OutNames) const {
     return ListRecords(m_trash, OutNames);
 }
 
-template <typename Items> TavroFailure Emptying::RemoveEach(const Items& All, bool bSync) {
+/// Tells what goes, unless it is nothing.
+TavroFailure Emptying::Announce(std::vector<TavroStep> Steps) const {
+    const auto isNothing = [](const TavroStep& step) { return step.Identity.Inode == 0; };
+    Steps.erase(std::remove_if(Steps.begin(), Steps.end(), isNothing), Steps.end());
+    return m_callbacks.BeforeActs && !Steps.empty()
+               ? m_callbacks.BeforeActs(TavroOperationKind::Empty, Steps)
+               : TavroFailure();
+}
+
+TavroStep Emptying::StepOf(const TavroTrashItem& Item) const {
+    TavroStep step{TavroStepRole::Deleted};
+    struct stat status = {};
+    if (m_item.Directory && IsPlainName(Item.Name) &&
+        TavroStatWithBirthAt(m_item.Number(), Item.Name.c_str(), status, step.SourceTime) == 0) {
+        step.From = TavroJoin(m_item.Directory->OwnPath, Item.Name);
+        step.Identity = TavroIdentityOf(status);
+        step.ChangeTime = Item.RecordTime;
+    }
+    return step;
+}
+
+/// One step for the whole trash: what has a record by now goes, and this tells it from what comes.
+TavroStep Emptying::StepOfAll() const {
+    TavroStep step{TavroStepRole::Deleted};
+    struct timespec now = {};
+    clock_gettime(CLOCK_REALTIME_COARSE, &now); // the clock of records' times
+    if (m_item.Directory) {
+        step.From = m_item.Directory->OwnPath;
+        step.Identity = m_item.Directory->Identity;
+        step.ChangeTime = TavroNanoseconds(now);
+    }
+    return step;
+}
+
+/// The names of what has a record from before a moment.
+std::vector<std::string> Emptying::NamesFrom(std::int64_t Before) const {
+    std::vector<std::string> names;
+    ListRecorded(names);
+    const auto isLater = [&](const std::string& name) {
+        const auto record = TavroReadRecord(m_trash.Info.Number(), name, m_trash.Folders.Home);
+        return !record || record->WrittenAt >= Before;
+    };
+    names.erase(std::remove_if(names.begin(), names.end(), isLater), names.end());
+    return names;
+}
+
+/// The items of steps that are still there, in part at least. Of one that is gone its record may
+/// be.
+std::vector<TavroTrashItem> Emptying::ItemsOf(const std::vector<TavroStep>& Steps) const {
+    std::vector<TavroTrashItem> items;
+    for (const TavroStep& step : Steps) {
+        TavroTrashItem item;
+        struct stat status = {};
+        std::int64_t birth = 0;
+        item.Name = TavroNameOf(step.From);
+        item.RecordTime = step.ChangeTime;
+        const int error = m_item.Directory ? TavroStatWithBirthAt(m_item.Number(),
+                                                                  item.Name.c_str(), status, birth)
+                                           : ENOENT;
+        item.Identity = error == 0 ? TavroIdentityOf(status) : TavroIdentity();
+        item.ChangeTime = TavroNanoseconds(status.st_ctim);
+        if (error != 0 || (status.st_ino == step.Identity.Inode && birth == step.SourceTime)) {
+            // Where nobody can tell whether it is the same, it stays.
+            item.ChangeTime = error == 0 && birth == 0 ? 0 : item.ChangeTime;
+            items.push_back(std::move(item));
+        }
+    }
+    return items;
+}
+
+template <typename Items> TavroFailure Emptying::RemoveEach(const Items& All) {
     TavroFailure first;
     for (const auto& item : All) {
-        TavroFailure failure = m_shouldCancel && m_shouldCancel()
+        TavroFailure failure = m_callbacks.ShouldCancel && m_callbacks.ShouldCancel()
                                    ? TavroFailure{TavroFailureKind::Cancelled}
                                    : Remove(item);
         if (failure.Kind == TavroFailureKind::Cancelled) {
@@ -289,7 +368,7 @@ template <typename Items> TavroFailure Emptying::RemoveEach(const Items& All, bo
         }
         first = first ? first : failure;
     }
-    const int error = bSync ? Sync() : 0;
+    const int error = m_callbacks.bSync ? Sync() : 0;
     return first || error == 0
                ? first
                : TavroFail(TavroFailureKind::Remove, error, TavroFindTrashFolders().Files);
@@ -318,7 +397,8 @@ TavroFailure Emptying::Remove(const TavroTrashItem& Item) {
 }
 
 /// Removes an item unless its record cannot be read. A record without an item stays: the item may
-/// be on its way. Most items are files, so what removes nothing else is tried before any look.
+/// be on its way, unless this goes on with what has removed it. Most items are files, so what
+/// removes nothing else is tried before any look.
 TavroFailure Emptying::Remove(const std::string& Name) {
     struct stat status = {};
     if (!m_item.Directory || !IsPlainName(Name) ||
@@ -329,7 +409,7 @@ TavroFailure Emptying::Remove(const std::string& Name) {
     TavroFailure failure;
     if (TavroUnlinkAt(m_item.Number(), Name.c_str()) != 0) {
         if (TavroStatAt(m_item.Number(), Name.c_str(), status) != 0) {
-            return {};
+            return m_bGoesOn ? RemoveRecord(m_trash, Name) : TavroFailure();
         }
         failure = RemoveItem(status);
     }
@@ -339,8 +419,9 @@ TavroFailure Emptying::Remove(const std::string& Name) {
 TavroFailure Emptying::RemoveItem(const struct stat& Status) {
     if (S_ISDIR(Status.st_mode)) {
         TavroFailure failure = m_guard.Check(m_item, Status);
-        return failure ? failure
-                       : TavroRemoveTree(m_item, {TavroIdentityOf(Status), m_shouldCancel});
+        return failure
+                   ? failure
+                   : TavroRemoveTree(m_item, {TavroIdentityOf(Status), m_callbacks.ShouldCancel});
     }
     const int error = TavroUnlinkAt(m_item.Number(), m_item.Name.c_str());
     return error == 0 || error == ENOENT
@@ -370,18 +451,42 @@ bool Emptying::IsClaimedByOther(const TavroTrashItem& Item) const {
 } // namespace
 
 TavroFailure TavroRemoveFromTrash(const std::vector<TavroTrashItem>& Items,
-                                  const std::function<bool()>& ShouldCancel, bool bSync) {
-    Emptying emptying(ShouldCancel);
+                                  const TavroCallbacks& Callbacks) {
+    Emptying emptying(Callbacks);
     TavroFailure failure = emptying.Open();
-    return failure ? failure : emptying.RemoveEach(Items, bSync);
+    if (!failure && Callbacks.BeforeActs) {
+        std::vector<TavroStep> steps;
+        for (const TavroTrashItem& item : Items) {
+            steps.push_back(emptying.StepOf(item));
+        }
+        failure = emptying.Announce(std::move(steps));
+    }
+    return failure ? failure : emptying.RemoveEach(Items);
 }
 
-TavroFailure TavroEmptyTrash(const std::function<bool()>& ShouldCancel, bool bSync) {
-    Emptying emptying(ShouldCancel);
+TavroFailure TavroEmptyTrash(const TavroCallbacks& Callbacks) {
+    Emptying emptying(Callbacks);
     std::vector<std::string> names;
     TavroFailure failure = emptying.Open();
     failure = failure ? failure : emptying.ListRecorded(names);
-    return failure ? failure : emptying.RemoveEach(names, bSync);
+    failure = failure || names.empty() ? failure : emptying.Announce({emptying.StepOfAll()});
+    return failure ? failure : emptying.RemoveEach(names);
+}
+
+TavroFailure TavroFinishEmptying(const std::vector<TavroStep>& Steps,
+                                 const TavroCallbacks& Callbacks) {
+    Emptying emptying(Callbacks, true);
+    TavroFailure failure = emptying.Open();
+    const std::string all = emptying.StepOfAll().From;
+    if (failure || Steps.empty() || all.empty()) {
+        return failure;
+    }
+    if (Steps[0].From == all) {
+        return emptying.RemoveEach(emptying.NamesFrom(Steps[0].ChangeTime));
+    }
+    return TavroParentOf(Steps[0].From) == all
+               ? emptying.RemoveEach(emptying.ItemsOf(Steps))
+               : TavroFailure{TavroFailureKind::NotInTrash, {}, Steps[0].From};
 }
 
 std::vector<TavroTrashItem> TavroItemsOlderThan(std::vector<TavroTrashItem> Items, int Days) {

@@ -92,16 +92,20 @@ private:
 /// Links are not followed. An item that is gone already counts as removed. Directories in an item
 /// that do not let their entries be removed are made writable first.
 ///
-/// @param ShouldCancel  asked before each entry. May be empty.
 /// @return no failure when all are gone; else the first; the others are removed all the same.
-///         Cancelled: the rest stays.
+///         Cancelled: the rest stays. What BeforeActs returned: nothing was removed.
 TavroFailure TavroRemoveFromTrash(const std::vector<TavroTrashItem>& Items,
-                                  const std::function<bool()>& ShouldCancel, bool bSync = true);
+                                  const TavroCallbacks& Callbacks);
 
 /// Removes every item that TavroListTrash would list, as TavroRemoveFromTrash does, but looks at
 /// none before: what takes the name of an item meanwhile goes in its place.
 /// @return as TavroRemoveFromTrash, or as TavroListTrash.
-TavroFailure TavroEmptyTrash(const std::function<bool()>& ShouldCancel, bool bSync = true);
+TavroFailure TavroEmptyTrash(const TavroCallbacks& Callbacks);
+
+/// Goes on with either of these after an interruption, by the steps that BeforeActs was told. What
+/// was trashed since stays.
+TavroFailure TavroFinishEmptying(const std::vector<TavroStep>& Steps,
+                                 const TavroCallbacks& Callbacks);
 
 /// The items that were trashed more than so many days ago (of 24 hours, local time). An item
 /// without a readable date is never among them.

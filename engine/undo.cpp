@@ -2,11 +2,13 @@
 
 #include "changes.h"
 #include "copy_file.h"
+#include "edit.h"
 #include "guard.h"
 #include "journal.h"
 #include "names.h"
 #include "record.h"
 #include "recovery.h"
+#include "trash_contents.h"
 #include "trash_record.h"
 
 #include <algorithm>
@@ -59,6 +61,11 @@ struct Swap {
     std::string Record; ///< In the trash, of what comes from there.
     bool bRename = false;
     bool bDone = false;
+
+    /// Of what goes, when a rename brings it to the trash: as it will lie there.
+    TavroStep Goes = {};
+    bool bGoesToTrash = false;
+    bool bTrashed = false;
 };
 
 /// One undo or redo on the disk.
@@ -98,10 +105,16 @@ private:
 
     Steps OutermostCopies();
     Steps WhatComes(Steps& OutGoes);
-    TavroFailure CheckSwap(const TavroStep& Comes, const TavroStep& Goes, TavroSeenEntry& OutSeen);
+    TavroFailure CheckSwap(const TavroStep& Comes, const TavroStep& Goes, TavroSeenEntry& OutComes,
+                           TavroSeenEntry& OutGoes);
     TavroFailure Stage(TavroStep& Comes, const TavroStep& Goes);
+    bool GoesToTrash(const TavroPlace& Place);
+    TavroFailure Claim();
     TavroFailure TellOfExchange();
     int RenameIn(const Swap& What);
+    int TrashOut(Swap& IoSwap);
+    int TakeOut(const Swap& What);
+    void DropClaim(Swap& IoSwap);
     TavroFailure Exchange(Swap& IoSwap);
     TavroFailure ExchangeAll();
     void TakeExchangesBack();
@@ -139,6 +152,9 @@ private:
     TavroHardLinks m_links;
     std::vector<Swap> m_swaps;
     std::unordered_map<std::string, std::string> m_hidden; ///< What has left a path, and is to go.
+    TavroOpenTrash m_trash; ///< Once something goes to it for what comes.
+    TavroTrashClaims m_claims{m_trash};
+    std::unordered_map<std::string, TavroStep> m_trashed; ///< By paths, what went there so.
 
     /// Of directories that something goes to: where they were when all was checked.
     std::unordered_map<std::string, std::string> m_ownPaths;
@@ -448,24 +464,25 @@ TavroFailure Reversal::RunMoves(const Steps& Of, std::vector<TavroBatchStep>& Mo
 
 /// @param OutTrashed  gets a step for each that lies in the trash now.
 TavroFailure Reversal::Trash(const Steps& Entries, std::vector<TavroStep>& OutTrashed, Role As) {
-    if (Entries.empty()) {
-        return {};
-    }
+    TavroOperation trashed;
     std::vector<TavroOperationEntry> entries;
     std::vector<TavroIdentity> expected;
     std::vector<std::string> origins;
     TavroFailure failure = Each(Entries, [&](const TavroStep& step) {
-        origins.push_back(m_bUndo ? step.To : step.From);
-        const std::string& path = Leaving(origins.back());
+        const std::string& origin = m_bUndo ? step.To : step.From;
+        const auto there = m_trashed.find(origin);
+        if (there != m_trashed.end()) {
+            trashed.Steps.push_back(there->second);
+            return TavroFailure();
+        }
+        origins.push_back(origin);
+        const std::string& path = Leaving(origin);
         TavroSeenEntry seen;
         TavroFailure wrong = CheckFile(step, path, seen);
         entries.push_back({TavroNameOf(path), path, false});
         expected.push_back(seen.State.Identity);
         return wrong;
     });
-    if (failure) {
-        return failure;
-    }
     TavroCallbacks callbacks = m_callbacks;
     callbacks.BeforeActs = [&](TavroOperationKind kind, std::vector<TavroStep> told) {
         for (TavroStep& step : told) {
@@ -473,11 +490,15 @@ TavroFailure Reversal::Trash(const Steps& Entries, std::vector<TavroStep>& OutTr
         }
         return m_callbacks.BeforeActs ? m_callbacks.BeforeActs(kind, told) : TavroFailure();
     };
-    m_report.Trash = TavroTrashSelection(entries, callbacks, expected, origins);
-    TavroOperation trashed = TavroOperationOf(m_report.Trash);
+    if (!failure && !entries.empty()) {
+        m_report.Trash = TavroTrashSelection(entries, callbacks, expected, origins);
+        failure = m_report.Trash.Batch.Failure;
+        const TavroOperation more = TavroOperationOf(m_report.Trash);
+        trashed.Steps.insert(trashed.Steps.end(), more.Steps.begin(), more.Steps.end());
+    }
     TavroCompleteOperation(trashed);
     OutTrashed = std::move(trashed.Steps);
-    return m_report.Trash.Batch.Failure;
+    return failure;
 }
 
 /// Orders paths so that what is in a directory follows it at once.
@@ -624,26 +645,35 @@ bool IsOneMount(const TavroPlace& A, const TavroPlace& B) {
 
 /// Both files must be those of their steps.
 TavroFailure Reversal::CheckSwap(const TavroStep& Comes, const TavroStep& Goes,
-                                 TavroSeenEntry& OutSeen) {
-    TavroSeenEntry goes;
-    TavroFailure failure = CheckFile(Goes, TavroPlaceOf(Comes), goes);
+                                 TavroSeenEntry& OutComes, TavroSeenEntry& OutGoes) {
+    TavroFailure failure = CheckFile(Goes, TavroPlaceOf(Comes), OutGoes);
     if (failure) {
         return failure;
     }
-    failure = CheckFile(Comes, TavroHomeOf(Comes), OutSeen);
+    failure = CheckFile(Comes, TavroHomeOf(Comes), OutComes);
     if (TavroIsTrashed(Comes)) {
-        failure = failure ? failure : CheckRecord(Comes, OutSeen.State);
+        failure = failure ? failure : CheckRecord(Comes, OutComes.State);
         failure.Kind = failure.Kind == Kind::Missing ? Kind::ItemMissing : failure.Kind;
     }
     return failure;
 }
 
+/// Whether a rename brings to the trash what something else takes the place of. What was moved
+/// there is moved back.
+bool Reversal::GoesToTrash(const TavroPlace& Place) {
+    TavroPlace item;
+    return (m_report.Operation.Kind == TavroOperationKind::Copy || !m_bUndo) &&
+           (m_trash.Files.IsOpen() || (!TavroEnsurePrivateTrash() && !m_trash.Open())) &&
+           !m_places.Find(TavroJoin(m_trash.Folders.Files, "x"), item) && IsOneMount(Place, item);
+}
+
 /// Checks both files, and copies what comes from another mount.
 TavroFailure Reversal::Stage(TavroStep& Comes, const TavroStep& Goes) {
     TavroSeenEntry seen;
+    TavroSeenEntry old;
     TavroPlace from;
     TavroPlace to;
-    TavroFailure failure = CheckSwap(Comes, Goes, seen);
+    TavroFailure failure = CheckSwap(Comes, Goes, seen, old);
     failure = failure ? failure : m_places.Find(TavroHomeOf(Comes), from);
     failure = failure ? failure : m_places.Find(TavroPlaceOf(Comes), to);
     if (failure) {
@@ -656,6 +686,10 @@ TavroFailure Reversal::Stage(TavroStep& Comes, const TavroStep& Goes) {
     }
     Swap swap{&Comes, nullptr, TavroStagingName(), seen.State.Identity, Comes.Record};
     swap.bRename = IsOneMount(from, to);
+    swap.bGoesToTrash = GoesToTrash(to);
+    swap.Goes = {m_bUndo ? Role::Trashed : Role::Replaced, TavroPlaceOf(Comes)};
+    swap.Goes.Identity = old.State.Identity;
+    swap.Goes.bDirectory = S_ISDIR(old.State.Mode) || S_ISLNK(old.State.Mode);
     TavroMoveOptions options;
     options.bNamed = true;
     options.bSync = false; // all reach the disk together
@@ -673,7 +707,39 @@ TavroFailure Reversal::Stage(TavroStep& Comes, const TavroStep& Goes) {
     return {};
 }
 
-/// Tells the history under which names files will wait.
+/// Claims names in the trash for what goes there. The records reach the disk by themselves, or with
+/// what is brought there next.
+TavroFailure Reversal::Claim() {
+    std::size_t claimed = 0;
+    std::string item;
+    TavroFailure failure;
+    for (Swap& swap : m_swaps) {
+        if (!swap.bGoesToTrash || failure) {
+            continue;
+        }
+        failure = m_claims.Claim(TavroNameOf(swap.Goes.From), swap.Goes.From, item);
+        if (!failure) {
+            swap.Goes.To = TavroJoin(m_trash.Folders.Files, item);
+            swap.Goes.Record = TavroJoin(m_trash.Folders.Info, TavroRecordName(item));
+            ++claimed;
+        }
+    }
+    struct stat info = {};
+    const bool bLater =
+        claimed == 0 || failure || !m_callbacks.bSync ||
+        (TavroStat(m_trash.Info.Number(), info) == 0 && m_changes.Covers(info.st_dev));
+    const int error = bLater ? 0 : TavroSyncRecords(m_trash, claimed, item);
+    return error == 0 ? failure : TavroFail(Kind::WriteRecord, error, m_trash.Folders.Info);
+}
+
+void Reversal::DropClaim(Swap& IoSwap) {
+    if (!IoSwap.Goes.To.empty()) {
+        m_claims.Drop(TavroNameOf(IoSwap.Goes.From), TavroNameOf(IoSwap.Goes.To));
+        IoSwap.Goes.To.clear();
+    }
+}
+
+/// Tells the history under which names files will wait, and where what goes will lie.
 TavroFailure Reversal::TellOfExchange() {
     std::vector<TavroStep> told;
     for (const Swap& swap : m_swaps) {
@@ -686,6 +752,10 @@ TavroFailure Reversal::TellOfExchange() {
                 TavroIsTrashed(*swap.Step) ? told.back().Identity : told.back().Source;
             old = swap.Copy->Source().Identity;
             made = swap.Comes;
+        }
+        if (!swap.Goes.To.empty()) {
+            told.push_back(swap.Goes);
+            told.back().Staged = swap.Hidden;
         }
     }
     return m_callbacks.BeforeActs ? m_callbacks.BeforeActs(m_report.Operation.Kind, told)
@@ -712,6 +782,34 @@ int Reversal::RenameIn(const Swap& What) {
     return error;
 }
 
+/// Brings what went to the trash, when it is the file that was to go. Where that cannot be done, it
+/// goes there as any other entry does.
+int Reversal::TrashOut(Swap& IoSwap) {
+    const TavroPlace& to = IoSwap.Copy->To();
+    const char* hidden = IoSwap.Hidden.c_str();
+    TavroPlace item;
+    struct stat status = {};
+    if (IoSwap.Goes.To.empty()) {
+        return 0;
+    }
+    int error = m_places.Find(IoSwap.Goes.To, item).Error.value();
+    error = error != 0 ? error : TavroStatAt(to.Number(), hidden, status);
+    if (error == 0 && TavroIdentityOf(status) != IoSwap.Goes.Identity) {
+        return ESTALE;
+    }
+    error = error != 0
+                ? error
+                : TavroRenameNoReplace(to.Number(), hidden, item.Number(), item.Name.c_str());
+    if (error != 0) {
+        DropClaim(IoSwap);
+        return 0;
+    }
+    IoSwap.bTrashed = true;
+    m_trashed[IoSwap.Goes.From] = IoSwap.Goes;
+    m_changes.Add(item.Directory);
+    return 0;
+}
+
 TavroFailure Reversal::Exchange(Swap& IoSwap) {
     TavroFailure failure = IoSwap.Copy->Wake(m_places);
     if (failure) {
@@ -732,6 +830,8 @@ TavroFailure Reversal::Exchange(Swap& IoSwap) {
     if (IoSwap.bDone) {
         m_hidden[to.OwnPath()] = TavroJoin(to.Directory->OwnPath, IoSwap.Hidden);
         IoSwap.Step->Identity = IoSwap.Comes;
+        const int error = TrashOut(IoSwap);
+        failure = error == 0 ? failure : TavroFail(Kind::LookAt, error, IoSwap.Goes.From);
     }
     IoSwap.Copy->Rest();
     return failure;
@@ -749,6 +849,7 @@ TavroFailure Reversal::ExchangeAll() {
     if (comes.empty()) {
         return failure;
     }
+    failure = failure ? failure : Claim();
     int error = failure ? 0 : m_changes.Flush();
     failure =
         failure || error == 0 ? failure : TavroFail(Kind::Write, error, TavroPlaceOf(*comes[0]));
@@ -756,7 +857,7 @@ TavroFailure Reversal::ExchangeAll() {
     for (Swap& swap : m_swaps) {
         failure = failure ? failure : Exchange(swap);
     }
-    error = failure ? 0 : m_changes.Flush();
+    error = failure || m_changes.KeepsOrder() ? 0 : m_changes.Flush();
     failure =
         failure || error == 0 ? failure : TavroFail(Kind::Write, error, TavroPlaceOf(*comes[0]));
     if (failure) {
@@ -765,14 +866,25 @@ TavroFailure Reversal::ExchangeAll() {
     return failure;
 }
 
+/// Takes out of the trash what went there.
+int Reversal::TakeOut(const Swap& What) {
+    const TavroPlace& to = What.Copy->To();
+    TavroPlace item;
+    const int error = m_places.Find(What.Goes.To, item).Error.value();
+    return error != 0 ? error
+                      : TavroRenameNoReplace(item.Number(), item.Name.c_str(), to.Number(),
+                                             What.Hidden.c_str());
+}
+
 void Reversal::TakeExchangesBack() {
     for (Swap& swap : m_swaps) {
         TavroFailure failure = swap.Copy->Wake(m_places);
         const TavroPlace& from = swap.Copy->From();
         const TavroPlace& to = swap.Copy->To();
-        int error = failure || !swap.bDone ? 0
-                                           : TavroExchange(to.Number(), swap.Hidden.c_str(),
-                                                           to.Number(), to.Name.c_str());
+        int error = failure || !swap.bTrashed ? 0 : TakeOut(swap);
+        error = failure || error != 0 || !swap.bDone
+                    ? error
+                    : TavroExchange(to.Number(), swap.Hidden.c_str(), to.Number(), to.Name.c_str());
         if (!failure && error == 0 && !swap.bRename) {
             swap.bDone ? swap.Copy->Withdraw(swap.Hidden) : swap.Copy->GiveUp();
         } else if (!failure && error == 0 && swap.bDone) {
@@ -785,10 +897,12 @@ void Reversal::TakeExchangesBack() {
                 failure ? failure : TavroFail(Kind::MoveTo, error, to.Path(), from.Path()));
         } else {
             m_changes.Add(swap.bRename ? from.Directory : to.Directory);
+            DropClaim(swap);
         }
     }
     m_swaps.clear();
     m_hidden.clear();
+    m_trashed.clear();
     m_changes.Flush();
 }
 
@@ -824,10 +938,17 @@ TavroFailure Reversal::TrashReplaced() {
     std::vector<TavroStep> trashed;
     TavroFailure failure =
         replaced.empty() ? TavroFailure() : Trash(replaced, trashed, Role::Replaced);
-    for (std::size_t i = 0; i < trashed.size(); ++i) {
-        replaced[i]->To = trashed[i].To;
-        replaced[i]->Record = trashed[i].Record;
-        replaced[i]->Identity = trashed[i].Identity;
+    std::unordered_map<std::string, const TavroStep*> byPath;
+    for (const TavroStep& step : trashed) {
+        byPath[step.From] = &step;
+    }
+    for (TavroStep* step : replaced) {
+        const auto found = byPath.find(step->From);
+        if (found != byPath.end()) {
+            step->To = found->second->To;
+            step->Record = found->second->Record;
+            step->Identity = found->second->Identity;
+        }
     }
     return failure;
 }
@@ -859,10 +980,9 @@ TavroFailure Reversal::ActOnMain() {
         return MoveAll();
     case TavroOperationKind::Copy:
         return m_bUndo ? TrashCopies() : RestoreCopies();
-    case TavroOperationKind::CreateDirectory:
-        break;
+    default:
+        return m_bUndo ? RemoveCreated() : CreateAgain();
     }
-    return m_bUndo ? RemoveCreated() : CreateAgain();
 }
 
 TavroFailure Reversal::Run() {
@@ -899,6 +1019,7 @@ private:
     TavroFailure Transfer(TavroTransferCallbacks Callbacks);
     TavroFailure Take(FindNext Find, TavroFailureKind Nothing, bool bUndo);
     TavroFailure End(bool bUndo);
+    TavroUndoReport FinishDeletion(bool bUndo);
     void EndWhatIsUndone();
 
     TavroHistory& m_history;
@@ -1100,9 +1221,12 @@ TavroFailure Going::Take(FindNext Find, TavroFailureKind Nothing, bool bUndo) {
             const auto state = TavroIsOnItsWay(*next) ? next->State
                                : bUndo                ? TavroOperationState::Undoing
                                                       : TavroOperationState::Redoing;
-            // What goes to the trash is told before it goes: that brings this to the disk, too.
+            // What goes to the trash, or is exchanged, is told before: that brings this to the
+            // disk, too.
             const bool bTellsMore =
-                next->Kind == (bUndo ? TavroOperationKind::Copy : TavroOperationKind::Trash);
+                next->Kind == (bUndo ? TavroOperationKind::Copy : TavroOperationKind::Trash) ||
+                std::any_of(next->Steps.begin(), next->Steps.end(),
+                            [](const TavroStep& step) { return step.Role == Role::Replaced; });
             m_history.WaitForDisk(m_callbacks.bSync && !bTellsMore);
             failure = m_history.ContinueOperation(*next, state, bChanged);
             m_history.WaitForDisk(m_callbacks.bSync);
@@ -1115,6 +1239,24 @@ TavroFailure Going::Take(FindNext Find, TavroFailureKind Nothing, bool bUndo) {
     return failure;
 }
 
+/// What was to be deleted is, and nothing of it can be undone.
+TavroUndoReport Going::FinishDeletion(bool bUndo) {
+    const std::vector<TavroStep>& steps = m_before.Steps;
+    m_report.Failure = bUndo ? TavroFailure{Kind::DeletionWasInterrupted, {}, steps.front().From}
+                       : m_before.Kind == TavroOperationKind::Delete
+                           ? TavroFinishDeleting(steps, m_callbacks)
+                           : TavroFinishEmptying(steps, m_callbacks);
+    if (m_report.Failure) {
+        m_history.LeaveOperation();
+        return std::move(m_report);
+    }
+    TavroOperation ended = m_before;
+    ended.Steps.clear();
+    m_report.Failure = m_history.EndOperation(ended, false);
+    m_report.bDoneButNotSaved = static_cast<bool>(m_report.Failure);
+    return std::move(m_report);
+}
+
 TavroUndoReport Going::Run(FindNext Find, TavroFailureKind Nothing, bool bUndo, bool bResume) {
     TavroFailure& failure = m_report.Failure;
     if (!bUndo && !bResume) {
@@ -1123,6 +1265,9 @@ TavroUndoReport Going::Run(FindNext Find, TavroFailureKind Nothing, bool bUndo, 
     failure = Take(Find, Nothing, bUndo);
     if (failure) {
         return std::move(m_report);
+    }
+    if (TavroIsDeletion(m_before.Kind)) {
+        return FinishDeletion(bUndo);
     }
     const bool bInterrupted = TavroIsOnItsWay(m_before);
     failure = bInterrupted ? Settle(bUndo, bResume) : failure;

@@ -39,7 +39,8 @@ TavroUndoReport TavroUndoOnly(TavroHistory& History, std::int64_t Id,
 
 /// Goes on with the newest operation that was interrupted, in the direction that it had;
 /// NothingToResume when there is none. What was copied whole and brought to the disk is not copied
-/// again.
+/// again; a deletion goes on. That is all that can be done with one: undone it is
+/// DeletionWasInterrupted.
 TavroUndoReport TavroResume(TavroHistory& History, const TavroTransferCallbacks& Callbacks);
 
 /// Looks up, for an operation that is to be recorded, what its steps leave open: which file is at

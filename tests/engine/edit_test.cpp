@@ -465,6 +465,20 @@ TEST_F(Edit, nobody_leads_a_deletion_out_of_the_tree) {
     }
 }
 
+/// Of the files of /proc nobody tells when they were created, and nobody can remove them.
+TEST_F(Edit, a_deletion_is_not_gone_on_with_where_nobody_can_tell_entries_apart) {
+    const std::string path = "/proc/" + std::to_string(getpid()) + "/comm";
+    struct stat status = {};
+    ASSERT_EQ(stat(path.c_str(), &status), 0);
+    TavroStep step{TavroStepRole::Deleted, path};
+    step.Identity = TavroIdentityOf(status);
+    const TavroFailure failure = TavroFinishDeleting({step}, {});
+    EXPECT_EQ(failure.Kind, TavroFailureKind::MaybeOther);
+    EXPECT_EQ(failure.Path, path);
+    step.Identity.Inode += 1;
+    EXPECT_EQ(TavroDescribe(TavroFinishDeleting({step}, {})), "") << "it is gone";
+}
+
 TEST_F(Edit, what_takes_the_name_of_a_checked_entry_is_not_deleted) {
     writeFile(work("tree/a"), "a");
     writeFile(work("other/b"), "b");
@@ -472,7 +486,8 @@ TEST_F(Edit, what_takes_the_name_of_a_checked_entry_is_not_deleted) {
     TavroFailure failure;
     {
         const CallObserver observer([&](const std::string& call, const std::string& path) {
-            if (call == "fstatat" && path == work("tree") && ++looks == 2) {
+            const bool bLook = call == "fstatat" || call == "statx";
+            if (bLook && path == work("tree") && ++looks == 2) {
                 fs::rename(work("tree"), work("away"));
                 fs::rename(work("other"), work("tree"));
             }

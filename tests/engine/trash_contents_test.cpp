@@ -78,10 +78,10 @@ protected:
     /// @return the sentence; empty after success.
     static std::string remove(const std::vector<TavroTrashItem>& items,
                               const std::function<bool()>& shouldCancel = {}) {
-        return TavroDescribe(TavroRemoveFromTrash(items, shouldCancel));
+        return TavroDescribe(TavroRemoveFromTrash(items, {{}, shouldCancel}));
     }
     static std::string empty(const std::function<bool()>& shouldCancel = {}) {
-        return TavroDescribe(TavroEmptyTrash(shouldCancel));
+        return TavroDescribe(TavroEmptyTrash({{}, shouldCancel}));
     }
 
     static std::vector<TavroTrashFinding> examine() {
