@@ -21,15 +21,19 @@ std::string LocalTimeText(std::int64_t Time) {
 
 TavroJson OperationJson(const TavroOperation& Operation, bool bInterrupted) {
     TavroJson entries = TavroJson::array();
-    for (const TavroStep& step : Operation.Steps) {
-        const bool bTrashed = step.Role == TavroStepRole::Trashed;
-        if (bTrashed || TavroIsMainStep(step, Operation.Kind)) {
-            TavroJson json;
-            TavroAddPath(json, bTrashed ? "original" : "from", step.From);
-            if (step.Role != TavroStepRole::Deleted) {
-                TavroAddPath(json, bTrashed ? "trash" : "to", step.To);
-            }
-            entries.push_back(json);
+    const auto add = [&](const TavroStep& step, const char* from, const char* to) {
+        TavroJson json;
+        TavroAddPath(json, from, step.From);
+        TavroAddPath(json, to, step.To);
+        entries.push_back(json);
+    };
+    for (const TavroStep* step : TavroTellingSteps(Operation)) {
+        const bool bTrashed = step->Role == TavroStepRole::Trashed;
+        add(*step, bTrashed ? "original" : "from", bTrashed ? "trash" : "to");
+    }
+    for (const TavroStep& step : Operation.Steps) { // of a copy that was undone
+        if (Operation.Kind == TavroOperationKind::Copy && step.Role == TavroStepRole::Trashed) {
+            add(step, "original", "trash");
         }
     }
     return {{"kind", TavroKindText(Operation.Kind)},

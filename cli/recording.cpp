@@ -76,17 +76,28 @@ std::string TavroKindText(TavroOperationKind Kind) {
 }
 
 std::string TavroStepText(const TavroStep& Step) {
-    if (Step.Role == TavroStepRole::Trashed || Step.Role == TavroStepRole::Deleted) {
+    if (Step.Role == TavroStepRole::Trashed || Step.To.empty()) {
         return Step.From;
     }
     return Step.From.empty() ? Step.To : Step.From + " -> " + Step.To;
 }
 
-void TavroPrintOperation(const std::string& Title, const TavroOperation& Operation) {
-    TavroPrintLine(stdout, Title + TavroKindText(Operation.Kind));
+std::vector<const TavroStep*> TavroTellingSteps(const TavroOperation& Operation) {
+    std::vector<const TavroStep*> main;
+    std::vector<const TavroStep*> removed;
     for (const TavroStep& step : Operation.Steps) {
         if (TavroIsMainStep(step, Operation.Kind)) {
-            TavroPrintLine(stdout, "  " + TavroStepText(step));
+            main.push_back(&step);
+        } else if (step.Role == TavroStepRole::RemovedDirectory) {
+            removed.push_back(&step);
         }
+    }
+    return main.empty() ? removed : main;
+}
+
+void TavroPrintOperation(const std::string& Title, const TavroOperation& Operation) {
+    TavroPrintLine(stdout, Title + TavroKindText(Operation.Kind));
+    for (const TavroStep* step : TavroTellingSteps(Operation)) {
+        TavroPrintLine(stdout, "  " + TavroStepText(*step));
     }
 }

@@ -44,7 +44,11 @@ bool TavroShouldSync(const CLI::Option* NoSync = nullptr);
 /// The name of the command that does such operations.
 std::string TavroKindText(TavroOperationKind Kind);
 
-/// What a main step is about in one line: "a -> b"; what was created or trashed stands alone.
+/// The steps that an operation is about: its main steps, or of a move that has merged nothing but
+/// empty directories those.
+std::vector<const TavroStep*> TavroTellingSteps(const TavroOperation& Operation);
+
+/// What a step is about in one line: "a -> b"; what was created or trashed stands alone.
 std::string TavroStepText(const TavroStep& Step);
 
 /// Prints `Title`, the kind, and a line for each main step.

@@ -245,8 +245,36 @@ bool TavroTreeCopy::CopyByType(int Source, const struct stat& Status, TavroFileS
     }
 }
 
+/// Takes over a file that was copied before. Its times were given to it last, so it was whole.
+bool TavroTreeCopy::TakeOver(const struct stat& Status, TavroFileState& OutCopy) {
+    struct stat copy = {};
+    std::int64_t birth = 0;
+    const std::string path = TavroJoin(m_options.Earlier, m_walk.Below());
+    const auto is = [&](const struct stat& status) {
+        return S_ISREG(status.st_mode) && status.st_nlink == 1 &&
+               status.st_size == Status.st_size &&
+               TavroNanoseconds(status.st_mtim) == TavroNanoseconds(Status.st_mtim);
+    };
+    if (TavroStatWithBirthAt(m_to.Number(), path.c_str(), copy, birth) != 0 || !is(copy) ||
+        TavroNanoseconds(Status.st_ctim) >= birth ||
+        TavroRenameNoReplace(m_to.Number(), path.c_str(), m_target.Top(), TargetName()) != 0) {
+        return false;
+    }
+    const TavroIdentity identity = TavroIdentityOf(copy);
+    if (TavroStatAt(m_target.Top(), TargetName(), copy) != 0 || !is(copy) ||
+        TavroIdentityOf(copy) != identity) {
+        return false; // the name is taken now, which is a failure
+    }
+    OutCopy = TavroStateOf(copy);
+    m_progress.AddBytes(static_cast<std::uint64_t>(Status.st_size));
+    return true;
+}
+
 bool TavroTreeCopy::CopyFile(int Source, const struct stat& Status, TavroFileState& OutCopy) {
     const bool bFirst = m_levels.empty();
+    if (!m_options.Earlier.empty() && !bFirst && TakeOver(Status, OutCopy)) {
+        return true;
+    }
     if (Status.st_size > namedSize) {
         m_progress.Name([this] { return PathIn(m_from); });
     }

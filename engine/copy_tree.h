@@ -55,6 +55,11 @@ struct TavroTreeCopyOptions {
     bool bSync = false;  ///< The bytes of a file have reached the disk when it is copied.
     bool bNamed = false; ///< A file is made under a hidden name, not without one.
 
+    /// The hidden name, in the directory of the destination, of an earlier copy that was cut off
+    /// since this system was started. What is whole there is taken over, when its source has not
+    /// changed since. Empty: there is none.
+    std::string Earlier = {};
+
     /// Called for a directory when it was made, and nothing is in it, with its hidden name. A
     /// failure ends the copy. May be empty.
     std::function<TavroFailure(const TavroFileState& Made, const std::string& Staged)> OnMade = {};
@@ -163,6 +168,7 @@ private:
     void CopyLeaf(int Directory, const char* Name, bool bRegular);
     void CopyOpenLeaf(TavroDescriptor Source, const struct stat& Status, bool bRegular);
     bool CopyByType(int Source, const struct stat& Status, TavroFileState& OutCopy);
+    bool TakeOver(const struct stat& Status, TavroFileState& OutCopy);
     bool CopyFile(int Source, const struct stat& Status, TavroFileState& OutCopy);
     bool CopySpecial(int Source, const struct stat& Status, TavroFileState& OutCopy);
     void EnterDirectory();

@@ -93,11 +93,15 @@ bool MayHave(TavroOperationKind What, TavroStepRole Role) {
 }
 
 std::int64_t EntriesOf(const TavroOperation& Operation) {
-    const TavroStepRole main = MainRoleOf(Operation.Kind);
-    return std::count_if(Operation.Steps.begin(), Operation.Steps.end(),
-                         [&](const TavroStep& step) {
-                             return step.Role == main || step.Role == TavroStepRole::Planned;
-                         });
+    const auto count = [&](TavroStepRole What) {
+        return std::count_if(Operation.Steps.begin(), Operation.Steps.end(),
+                             [&](const TavroStep& step) { return step.Role == What; });
+    };
+    const auto entries = count(MainRoleOf(Operation.Kind)) + count(TavroStepRole::Planned);
+    // A move may merge empty directories alone.
+    return entries != 0 || Operation.Kind != TavroOperationKind::Move
+               ? entries
+               : count(TavroStepRole::RemovedDirectory);
 }
 
 bool IsValid(const TavroOperation& Operation) {
@@ -360,6 +364,10 @@ void TavroHistory::WaitForDisk(bool bSync) {
     m_database->bSync = bSync;
     m_database->Code = SQLITE_OK;
     m_database->Run(bSync ? "PRAGMA synchronous=NORMAL" : "PRAGMA synchronous=OFF");
+}
+
+std::uint64_t TavroHistory::Device() const {
+    return m_database->Identity.Device;
 }
 
 const std::string& TavroHistory::Notice() const {
@@ -756,9 +764,11 @@ bool TavroDatabase::IsRunning(std::int64_t Id) {
            TavroIsByteLocked(file.Number(), Id);
 }
 
-/// What this thread hides from now on is the operation's.
+/// What this thread hides from now on, as long as the system is not started anew, is the
+/// operation's.
 void TavroDatabase::AddStaging(std::int64_t Id) {
-    Run("UPDATE operation SET staging = staging || ? WHERE id = ?", ' ' + TavroStagingPrefix(), Id);
+    Run("UPDATE operation SET staging = staging || ? WHERE id = ?",
+        ' ' + TavroStagingPrefix() + ' ' + TavroBootMark(), Id);
 }
 
 TavroFailure TavroHistory::BeginOperation(TavroOperation& Operation) {

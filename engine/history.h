@@ -50,6 +50,9 @@ public:
     /// told otherwise.
     void WaitForDisk(bool bSync);
 
+    /// The file system that has the database.
+    std::uint64_t Device() const;
+
     /// After each call: one sentence when a damaged file was set aside, naming it; else empty.
     const std::string& Notice() const;
 

@@ -12,6 +12,18 @@ TavroCallbacks TavroJournal::Bind(TavroCallbacks Callbacks) {
     Callbacks.BeforeActs = [this](TavroOperationKind kind, const std::vector<TavroStep>& steps) {
         return Keep(kind, steps);
     };
+    Callbacks.BeforeSync = [this](TavroOperationKind kind, const std::vector<TavroStep>& steps,
+                                  std::uint64_t& outDevice) {
+        outDevice = m_id != 0 ? m_history->Device() : 0;
+        if (m_id != 0) {
+            m_history->WaitForDisk(false);
+        }
+        TavroFailure failure = Keep(kind, steps);
+        if (m_id != 0) {
+            m_history->WaitForDisk(m_bSync);
+        }
+        return failure;
+    };
     return Callbacks;
 }
 
@@ -39,8 +51,7 @@ TavroFailure TavroJournal::Begin(TavroOperationKind Kind, const std::vector<Tavr
     if (failure) {
         return failure;
     }
-    const bool bToldAgain = Steps.size() == 1 && Steps[0].Role == TavroStepRole::Planned;
-    m_history->WaitForDisk(m_bSync && !bToldAgain);
+    m_history->WaitForDisk(m_bSync);
     TavroOperation operation{0, Kind, TavroOperationState::Doing, std::time(nullptr), Steps};
     failure = m_history->BeginOperation(operation);
     m_id = operation.Id;
@@ -48,7 +59,6 @@ TavroFailure TavroJournal::Begin(TavroOperationKind Kind, const std::vector<Tavr
         operation.Steps.clear();
         m_id = m_history->EndOperation(operation, false) ? m_id : 0;
     }
-    m_history->WaitForDisk(m_bSync);
     return failure;
 }
 

@@ -18,7 +18,8 @@ public:
     /// Goes on with an operation that is in an open history already.
     TavroJournal(TavroHistory& History, const TavroOperation& Operation);
 
-    /// What an operation has to call: the same as `Callbacks`, and BeforeActs is bound to this.
+    /// What an operation has to call: the same as `Callbacks`, with BeforeActs and BeforeSync bound
+    /// to this.
     TavroCallbacks Bind(TavroCallbacks Callbacks);
 
     /// The operation has come to its end, and its steps are these; none: it has done nothing.

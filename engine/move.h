@@ -33,7 +33,8 @@ struct TavroMoveOptions {
     std::function<TavroFailure(const TavroFileState& Made, const std::string& Staged)>
         BeforePublish = {};
 
-    /// As TavroTreeCopyOptions has it.
+    /// As TavroTreeCopyOptions has them.
+    std::string Earlier = {};
     std::function<TavroFailure(const TavroFileState& Made, const std::string& Staged)> OnMade = {};
 };
 

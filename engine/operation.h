@@ -81,7 +81,8 @@ struct TavroOperation {
     /// copy was undone stands as Trashed steps beside the Copied ones.
     std::vector<TavroStep> Steps;
 
-    /// Of one on its way: what its hidden names begin with, with a blank before each.
+    /// Of one on its way: what its hidden names begin with, and the marks of the starts of the
+    /// system in which they were given, with a blank before each.
     std::string Staging = {};
 };
 

@@ -585,6 +585,17 @@ struct flock LockOf(short Type, off_t At) {
 
 } // namespace
 
+const std::string& TavroBootMark() {
+    static const std::string mark = [] {
+        std::string text;
+        TavroDescriptor file;
+        const bool bRead = TavroOpenFile("/proc/sys/kernel/random/boot_id", file) == 0 &&
+                           TavroReadFile(file.Number(), 100, text) == 0;
+        return bRead ? '@' + text.substr(0, text.find('\n')) : std::string();
+    }();
+    return mark;
+}
+
 int TavroLockByte(int Descriptor, off_t At) {
     struct flock lock = LockOf(F_WRLCK, At);
     return ErrorOf([&] { return fcntl(Descriptor, F_OFD_SETLK, &lock); });

@@ -203,6 +203,11 @@ enum class TavroDisk {
 /// That of an open file or directory; Independent when it is not known.
 TavroDisk TavroDiskOf(int Descriptor);
 
+/// Tells one start of the system from another one: "@" and the kernel's text for it; empty where
+/// the kernel has none. What was written since the start is read as it was written, on the disk or
+/// not.
+const std::string& TavroBootMark();
+
 // --- Locks ---
 
 /// Locks one byte of a file against all other descriptors, until this one is closed; EAGAIN when

@@ -30,12 +30,17 @@ struct TavroCallbacks {
     std::function<bool()> ShouldCancel;
 
     /// Told what will be done before it is done. An operation does not begin, or go on, after a
-    /// failure, which is its own then. A plan of one step alone is told again, or what comes of it
-    /// is, before anything that a power cut may leave: it need not be on the disk before that.
+    /// failure, which is its own then.
     std::function<TavroFailure(TavroOperationKind, const std::vector<TavroStep>&)> BeforeActs = {};
 
     /// Whether what is done has reached the disk when the operation says so.
     bool bSync = true;
+
+    /// As BeforeActs, for what a power cut may take back until a file system is synced.
+    /// @param OutDevice  its device; 0: none, so that it has to be told again.
+    std::function<TavroFailure(TavroOperationKind, const std::vector<TavroStep>&,
+                               std::uint64_t& OutDevice)>
+        BeforeSync = {};
 };
 
 /// Counts what one operation has done and tells it, at most 20 times a second. Not for threads.

@@ -32,7 +32,7 @@ TavroOperation TavroOperationOf(const TavroTransferReport& Report, bool bMove) {
         operation.Steps.push_back(
             StepOf(bMove ? Role::Moved : Role::Copied, entry.From, entry.To, entry.Arrived));
     }
-    if (operation.Steps.empty()) {
+    if (operation.Steps.empty() && Report.RemovedDirectories.empty()) {
         return operation;
     }
     AddCreated(Report.CreatedDirectories, operation);

@@ -14,6 +14,7 @@
 #include <iterator>
 #include <map>
 #include <set>
+#include <sstream>
 #include <tuple>
 #include <unordered_set>
 
@@ -253,6 +254,7 @@ public:
     TavroFailure TakeExchangesBack(const std::vector<TavroStep>& Steps);
 
     TavroFailure Settle(TavroStep& IoStep, TavroWhereabouts& OutWhere);
+    bool IsEarlier(const std::string& Hidden);
 
     /// @param NotDone  the steps that are not done.
     TavroFailure Finish(const std::vector<TavroStep>& NotDone) {
@@ -360,12 +362,30 @@ TavroFailure Settlement::SettlePlace(TavroStep& IoStep) {
     }
     const bool bCopy = IoStep.Source.Inode != 0 && InodeAt(m_places, TavroHomeOf(IoStep)) != 0;
     if (bCopy || IoStep.Role == Role::Copied) {
-        return m_bGoOn && Publish(IoStep) ? TavroFailure() : Remove(hidden, comes);
+        const bool bStays =
+            m_bGoOn && !TavroIsTrashed(IoStep) && (IsEarlier(hidden) || Publish(IoStep));
+        return bStays ? TavroFailure() : Remove(hidden, comes);
     }
     TavroIdentity& home =
         IoStep.Source.Inode == 0 || TavroIsTrashed(IoStep) ? IoStep.Identity : IoStep.Source;
     home = comes;
     return Bring(hidden, TavroHomeOf(IoStep), home);
+}
+
+/// Whether a directory was copied in part, of which what is whole can be taken over. After a power
+/// cut files could look whole that are not.
+bool Settlement::IsEarlier(const std::string& Hidden) {
+    TavroPlace place;
+    struct stat status = {};
+    std::set<std::string> starts;
+    std::istringstream words(m_operation.Staging);
+    for (std::string word; words >> word;) {
+        if (word[0] == '@') {
+            starts.insert(word);
+        }
+    }
+    return starts == std::set<std::string>{TavroBootMark()} && !m_places.Find(Hidden, place) &&
+           TavroStatAt(place.Number(), place.Name.c_str(), status) == 0 && S_ISDIR(status.st_mode);
 }
 
 /// Gives the copy of a file its name, unless its source changed, or something has the name. It is
@@ -478,9 +498,17 @@ TavroFailure Settlement::Bring(const std::string& From, const std::string& To,
 /// there still, may be the only one of its kind.
 void Settlement::RemoveLeftovers() {
     std::set<std::string> told;
-    for (const TavroStep& step : m_operation.Steps) {
+    const auto tell = [&](const TavroStep& step) {
         told.insert(Beside(step.From, step.Staged));
         told.insert(Beside(step.To, step.Staged));
+    };
+    for (const TavroStep& step : m_operation.Steps) {
+        if (step.Role != Role::Copied) { // of which a resumption may have made another one
+            tell(step);
+        }
+    }
+    for (const TavroStep& step : LatestOf(m_operation.Steps)) {
+        tell(step);
     }
     for (const std::string& path : TavroFindLeftovers(m_operation)) {
         if (IsOwnCopy(TavroNameOf(path)) && told.count(path) == 0) {
@@ -593,7 +621,9 @@ TavroFailure TavroSettle(const TavroOperation& Operation, bool bGoOn,
         step.Identity = !bDone && step.Source.Inode != 0 ? step.Source : step.Identity;
         step.Source = {};
         step.SourceTime = 0;
-        step.Staged.clear();
+        if (bDone || !bGoOn || !settlement.IsEarlier(Beside(step.To, step.Staged))) {
+            step.Staged.clear();
+        }
         (bDone ? OutDone : OutNotDone).push_back(std::move(step));
     }
     // The rest of a source that went to the trash may have been a step's own file.

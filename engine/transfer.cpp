@@ -243,7 +243,6 @@ private:
     std::string OwnPathOf(const std::string& Path);
     bool Announce(const std::vector<TavroTransferItemPlan>& Items);
     TavroFailure Tell(const std::vector<TavroStep>& Steps);
-    bool TellPlanAgain();
     bool FindPlaces(const TavroTransferItemPlan& Item, Route& OutRoute);
     bool FindAgainWhenEntangled(const TavroTransferItemPlan& Item, Route& IoRoute);
     void CarryOutItem(TavroTransferItemPlan& Item);
@@ -322,6 +321,7 @@ private:
     bool m_bStopped = false;                                   ///< By an answer.
     bool m_bKeeping = false;                                   ///< What is whole after a cancel.
     bool m_bSingle = false;                                    ///< One file is all.
+    bool m_bTree = false;                                      ///< One directory is all.
     std::uint64_t m_itemsFinished = 0;
     std::uint64_t m_bytesFinished = 0;
 
@@ -336,10 +336,9 @@ private:
     OwnWork m_pendingWork;                       ///< What waits, as if it were done.
     std::vector<Emptied> m_emptied;              ///< Inner ones first.
     std::size_t m_createdTold = 0; ///< So many created directories are in the journal.
-    std::vector<TavroStep>
-        m_plan;           ///< Of one directory, until it or what comes of it is on the disk.
-    TavroIdentity m_told; ///< A new directory that the journal knew when it was empty.
-    int m_tries = 0;      ///< More than 0: what was taken is tried again.
+    TavroIdentity m_told;          ///< A new directory that the journal knew when it was empty,
+    std::uint64_t m_toldOn = 0;    ///< when this device was synced.
+    int m_tries = 0;               ///< More than 0: what was taken is tried again.
     TavroChanges m_changes;
     std::unique_ptr<TavroOpenTrash> m_trash; ///< Once something is replaced.
     std::unique_ptr<TavroTrashClaims> m_claims;
@@ -438,15 +437,16 @@ bool Transfer::Announce(const std::vector<TavroTransferItemPlan>& Items) {
     const std::string parent = steps.empty() ? "/" : TavroParentOf(steps.front().To);
     TavroPlace place;
     struct stat status = {};
-    m_bSingle = Items.size() == 1 && !m_places.Find(Items[0].SourcePath.string(), place) &&
-                Look(place, status) == 0 && !S_ISDIR(status.st_mode);
+    const bool bOne = Items.size() == 1 && !m_places.Find(Items[0].SourcePath.string(), place) &&
+                      Look(place, status) == 0;
+    m_bTree = bOne && S_ISDIR(status.st_mode);
+    m_bSingle = bOne && !m_bTree;
     if (!m_callbacks.BeforeActs || steps.empty() || (m_bSingle && TavroIsPresent(parent))) {
         return true;
     }
     for (const std::string& missing : TavroFindMissing(parent)) {
         steps.push_back({TavroStepRole::CreatedDirectory, "", missing});
     }
-    m_plan = steps.size() == 1 ? steps : m_plan;
     TavroFailure failure = Tell(steps);
     const bool bCan = !failure;
     if (!bCan) {
@@ -460,16 +460,6 @@ TavroFailure Transfer::Tell(const std::vector<TavroStep>& Steps) {
                ? m_callbacks.BeforeActs(
                      m_bMove ? TavroOperationKind::Move : TavroOperationKind::Copy, Steps)
                : TavroFailure();
-}
-
-/// The plan of a single entry is not on the disk before it is told again.
-bool Transfer::TellPlanAgain() {
-    TavroFailure failure = m_plan.empty() ? TavroFailure() : Tell(std::exchange(m_plan, {}));
-    const bool bTold = !failure;
-    if (!bTold) {
-        Fail(std::move(failure));
-    }
-    return bTold;
 }
 
 /// Finds where an item is and is to go. Missing directories above its destination are created,
@@ -691,17 +681,17 @@ void Transfer::Prepare(const Route& Way, const struct stat& Source, const struct
         Fail(TavroFail(Kind::Move, error, entry.AskedFrom, entry.AskedTo));
         return;
     }
-    if (!m_plan.empty() && !m_bMove && Old == nullptr) {
+    if (m_bTree && Item != nullptr && Old == nullptr && m_callbacks.BeforeSync) {
         Options.OnMade = [&](const TavroFileState& made, const std::string& name) {
             m_told = made.Identity;
-            std::vector<TavroStep> steps = std::exchange(m_plan, {});
-            steps.push_back(MainStep(entry, made));
-            steps.back().Staged = name;
-            return Tell(steps);
+            TavroStep step = MainStep(entry, made);
+            step.Staged = name;
+            return m_callbacks.BeforeSync(
+                m_bMove ? TavroOperationKind::Move : TavroOperationKind::Copy, {step}, m_toldOn);
         };
-    } else if (!entry.bRename && !TellPlanAgain()) {
-        return;
     }
+    const bool bEarlier = m_callbacks.FindEarlier && S_ISDIR(Source.st_mode) && !entry.bRename;
+    Options.Earlier = bEarlier ? m_callbacks.FindEarlier(entry.OwnTo) : "";
     entry.Copy = std::make_unique<TavroStagedCopy>(Way.From, Way.To, std::move(Options), m_links,
                                                    m_progress);
     if (!entry.bRename && !entry.Copy->Stage(Source, std::move(m_source))) {
@@ -733,9 +723,6 @@ void Transfer::Remember(const Pending& Entry) {
 
 /// @return false when there is no directory at the destination any more.
 bool Transfer::BeginMerge(const Route& Way) {
-    if (!TellPlanAgain()) {
-        return true;
-    }
     Merge merge;
     merge.Name = Way.From.Name;
     if (Open(Way.To, false, merge.To) != 0) {
@@ -832,7 +819,9 @@ void Transfer::Flush() {
     m_pendingWork = OwnWork();
     m_lookedInto = {};
     TavroFailure failure = ClaimTrash(entries);
+    const bool bTold = m_changes.Covers(m_toldOn);
     int error = failure ? 0 : m_changes.Flush();
+    m_told = bTold ? m_told : TavroIdentity();
     if (error != 0) {
         failure = TavroFail(Kind::Write, error, entries.empty() ? "" : entries[0].AskedTo);
     }

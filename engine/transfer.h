@@ -83,6 +83,10 @@ struct TavroTransferCallbacks : TavroCallbacks {
     /// Asked for each source; what is done already is passed over.
     std::function<bool(const std::string& From)> IsDone = {};
 
+    /// Asked for each directory that is copied: the hidden name beside `To` of a copy of it that
+    /// was cut off, of which what is whole is taken over; empty: there is none.
+    std::function<std::string(const std::string& To)> FindEarlier = {};
+
     /// Asked after a cancel, when something is done or waits to be: whether that is kept, for a
     /// resumption; else what waits goes.
     std::function<bool()> ShouldKeep = {};

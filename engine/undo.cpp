@@ -8,6 +8,7 @@
 #include "names.h"
 #include "record.h"
 #include "recovery.h"
+#include "remove.h"
 #include "trash_contents.h"
 #include "trash_record.h"
 
@@ -108,6 +109,7 @@ private:
     TavroFailure CheckSwap(const TavroStep& Comes, const TavroStep& Goes, TavroSeenEntry& OutComes,
                            TavroSeenEntry& OutGoes);
     TavroFailure Stage(TavroStep& Comes, const TavroStep& Goes);
+    TavroFailure TellThatItBegins();
     bool GoesToTrash(const TavroPlace& Place);
     TavroFailure Claim();
     TavroFailure TellOfExchange();
@@ -150,6 +152,7 @@ private:
     TavroChanges m_changes;
     TavroProgressTeller m_progress;
     TavroHardLinks m_links;
+    bool m_bTold = false; ///< What the history was told is on the disk.
     std::vector<Swap> m_swaps;
     std::unordered_map<std::string, std::string> m_hidden; ///< What has left a path, and is to go.
     TavroOpenTrash m_trash; ///< Once something goes to it for what comes.
@@ -658,6 +661,14 @@ TavroFailure Reversal::CheckSwap(const TavroStep& Comes, const TavroStep& Goes,
     return failure;
 }
 
+/// Of what has replaced something the history was told that it begins, but that may not be on the
+/// disk: what it is told next brings it there.
+TavroFailure Reversal::TellThatItBegins() {
+    const bool bTold = std::exchange(m_bTold, true) || !m_callbacks.BeforeActs;
+    return bTold ? TavroFailure()
+                 : m_callbacks.BeforeActs(m_report.Operation.Kind, {m_steps.front()});
+}
+
 /// Whether a rename brings to the trash what something else takes the place of. What was moved
 /// there is moved back.
 bool Reversal::GoesToTrash(const TavroPlace& Place) {
@@ -694,6 +705,9 @@ TavroFailure Reversal::Stage(TavroStep& Comes, const TavroStep& Goes) {
     options.bNamed = true;
     options.bSync = false; // all reach the disk together
     swap.Copy = std::make_unique<TavroStagedCopy>(from, to, options, m_links, m_progress);
+    if (!swap.bRename && (failure = TellThatItBegins())) {
+        return failure;
+    }
     if (!swap.bRename && !swap.Copy->Stage(status)) {
         return swap.Copy->Report().Failure;
     }
@@ -847,7 +861,7 @@ TavroFailure Reversal::ExchangeAll() {
         failure = Stage(*comes[i], *goes[i]);
     }
     if (comes.empty()) {
-        return failure;
+        return failure || StepsOf(Role::Replaced).empty() ? failure : TellThatItBegins();
     }
     failure = failure ? failure : Claim();
     int error = failure ? 0 : m_changes.Flush();
@@ -1152,7 +1166,24 @@ TavroFailure Going::Transfer(TavroTransferCallbacks Callbacks) {
         return ask ? ask(conflict) : TavroConflictAnswer{TavroConflictChoice::Skip, false};
     };
     Callbacks.IsDone = [&](const std::string& path) { return done.count(path) != 0; };
+    std::unordered_map<std::string, std::string> earlier;
+    for (const TavroStep& step : operation.Steps) {
+        if (!step.Staged.empty()) {
+            earlier[step.To] = step.Staged;
+        }
+    }
+    Callbacks.FindEarlier = [&](const std::string& to) {
+        const auto found = earlier.find(to);
+        return found == earlier.end() ? std::string() : found->second;
+    };
     TavroCarryOutTransfer(plan, Callbacks, m_report.Transfer);
+    for (const auto& [to, hidden] : earlier) { // what was not taken over
+        TavroPlaces places;
+        TavroPlace place;
+        if (!places.Find(TavroJoin(TavroParentOf(to), hidden), place)) {
+            TavroRemoveTree(place);
+        }
+    }
     m_report.Transfer.bUnsettled = m_report.Transfer.bUnsettled || bOpen;
     operation.Steps = TavroOperationOf(m_report.Transfer, plan.bMove).Steps;
     TavroCompleteOperation(operation);

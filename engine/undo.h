@@ -38,9 +38,9 @@ TavroUndoReport TavroUndoOnly(TavroHistory& History, std::int64_t Id,
                               const TavroCallbacks& Callbacks);
 
 /// Goes on with the newest operation that was interrupted, in the direction that it had;
-/// NothingToResume when there is none. What was copied whole and brought to the disk is not copied
-/// again; a deletion goes on. That is all that can be done with one: undone it is
-/// DeletionWasInterrupted.
+/// NothingToResume when there is none. Files that were copied whole are not copied again, when
+/// their sources are unchanged; in directories, unless the system was started anew since. A
+/// deletion goes on. That is all that can be done with one: undone it is DeletionWasInterrupted.
 TavroUndoReport TavroResume(TavroHistory& History, const TavroTransferCallbacks& Callbacks);
 
 /// Looks up, for an operation that is to be recorded, what its steps leave open: which file is at

@@ -55,6 +55,46 @@ sys.stdin.read()
   expect "$output" 'tavro: Nothing to undo'
 }
 
+@test "a killed delete is listed, is not undone, and is finished by resume" {
+  needs_strace
+  mkdir -p tree/a tree/b
+  touch kept
+  tavro mkdir older
+  killed_at unlinkat 2 "$TAVRO" delete -f tree
+  [[ -d tree ]]
+  run -0 tavro history
+  [[ ${lines[0]#*  } == "delete  $PWD/tree  (interrupted, 0 of 1 done)" ]]
+  run -1 tavro undo
+  expect "$output" "tavro: The deletion of '$PWD/tree' was interrupted and cannot be undone: \
+'tavro resume' finishes it, 'tavro history --drop' leaves what is left"
+  run -0 tavro resume
+  expect "$output" "Finished: delete
+  $PWD/tree"
+  expect "$(ls)" $'kept\nolder'
+  run -0 tavro undo
+  expect "$output" "Undone: mkdir
+  $PWD/older"
+}
+
+@test "a killed empty is listed, and finished by resume" {
+  needs_strace
+  for options in -f -fq; do
+    touch a b c
+    tavro trash a b c
+    tavro history --drop >/dev/null
+    killed_at unlinkat 3 "$TAVRO" empty "$options"
+    run -0 tavro history
+    [[ $output == *'  empty  '*"  (interrupted, "?" of "?" done)" ]]
+    run -1 tavro undo
+    [[ $output == *"was interrupted and cannot be undone"* ]]
+    touch "$HOME/.local/share/Trash/info/x.trashinfo"
+    run -0 tavro resume
+    [[ $output == 'Finished: empty'* ]]
+    expect "$(find "$HOME/.local/share/Trash" -mindepth 2)" "$HOME/.local/share/Trash/info/x.trashinfo"
+    expect "$(tavro history)" ''
+  done
+}
+
 @test "resume finishes a killed trash, which can be undone then" {
   needs_strace
   touch a b c
@@ -415,6 +455,92 @@ failing_at() {
   local call=$1 when=$2
   shift 2
   strace -qq -o "$scratch/calls" -e "trace=$call" -e "inject=$call:error=EIO:when=$when" "$@"
+}
+
+# Copies or moves the tree src, and is killed as the third of its four files is to get its times. What is
+# taken over of the hidden copy can be told from what is copied: each of its files begins with an x.
+cut_off_tree() { # COMMAND
+  local file
+  mkdir -p src/deep
+  for file in src/a src/b src/deep/c src/deep/d; do echo "of $file" >"$file"; done
+  killed_at utimensat 3 "$TAVRO" "$1" src dst/
+  for file in dst/.tavro-*/{a,b,deep/c,deep/d}; do
+    [[ -e $file ]] || continue
+    touch -r "$file" times
+    printf x 1<>"$file"
+    touch -r times "$file"
+  done
+}
+
+# How many of the tree's files were taken over, when it is whole and nothing else is there.
+taken_over() {
+  expect "$(cd dst/ && find . -type f | sort)" $'./src/a\n./src/b\n./src/deep/c\n./src/deep/d'
+  expect "$(ls -A dst/)" src
+  expect "$(cat dst/src/{a,b,deep/c,deep/d} | sed 's/^x/o/')" \
+    $'of src/a\nof src/b\nof src/deep/c\nof src/deep/d'
+  cat dst/src/{a,b,deep/c,deep/d} | grep -c ^x || :
+}
+
+@test "of a tree that was copied in part, the files that are whole are not copied again" {
+  needs_strace
+  mkdir dst
+  cut_off_tree copy
+  run -0 tavro history
+  [[ $output == *'(interrupted, 0 of 1 done)' ]]
+  run -0 tavro resume
+  expect "$(taken_over)" 2
+  run -0 tavro undo
+  expect "$(ls -A dst)" ''
+}
+
+@test "of a tree that was moved in part between file systems, they are not, either" {
+  needs_strace
+  [[ -w /dev/shm && $(stat -c %d /dev/shm) != "$(stat -c %d .)" ]] || skip 'there is no other file system'
+  ln -s "$(mktemp -d /dev/shm/tavro-test-XXXXXX)" dst
+  cut_off_tree move
+  run -0 tavro resume
+  expect "$(taken_over)" 2
+  [ ! -e src ]
+  rm -r "$(readlink dst)"
+}
+
+@test "of a tree, what changed after it was copied is copied again" {
+  needs_strace
+  mkdir dst
+  cut_off_tree copy
+  for file in src/a src/b src/deep/c src/deep/d; do
+    touch -r "$file" times
+    printf o 1<>"$file"
+    touch -r times "$file"
+  done
+  run -0 tavro resume
+  expect "$(taken_over)" 0
+}
+
+@test "of a tree nothing is taken over when the system was started anew" {
+  needs_strace
+  needs_python
+  mkdir dst
+  cut_off_tree copy
+  python3 -c 'import sqlite3, sys
+connection = sqlite3.connect(sys.argv[1])
+connection.execute("UPDATE operation SET staging = CAST(replace(staging, ?, ?) AS BLOB)",
+                   ("@", "@-"))
+connection.commit()' "$HOME/.local/state/tavro/history.db"
+  run -0 tavro resume
+  expect "$(taken_over)" 0
+}
+
+@test "what is left of a tree that was copied in part goes with its undo, and when it is resumed twice" {
+  needs_strace
+  mkdir dst
+  cut_off_tree copy
+  run -0 tavro undo
+  expect "$(ls -A dst)" ''
+  cut_off_tree copy
+  killed_at utimensat 2 "$TAVRO" resume
+  run -0 tavro resume
+  expect "$(taken_over)" 2
 }
 
 @test "an operation that the history lost on its way to the disk is not listed, and not undone" {

@@ -349,3 +349,22 @@ for path in sys.argv[1:]:
     rm -r d "$there"
   done
 }
+
+@test "a move that merges nothing but empty directories can be undone and redone" {
+  mkdir -p a/x/y b/a/x/y
+  chmod 750 a/x
+  chmod 700 a/x/y
+  tavro move a b/
+  [ ! -e a ]
+  run -0 tavro history
+  expect "${output#*  }" "move  $PWD/a/x/y and 2 more"
+  run -0 tavro undo
+  expect "$output" "Undone: move
+  $PWD/a/x/y
+  $PWD/a/x
+  $PWD/a"
+  expect "$(stat -c %a a/x a/x/y)" $'750\n700'
+  tavro redo
+  [ ! -e a ]
+  expect "$(find b)" $'b\nb/a\nb/a/x\nb/a/x/y'
+}
