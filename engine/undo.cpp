@@ -937,7 +937,8 @@ TavroFailure Going::Settle(bool& IoUndo, bool bResume) {
     std::vector<TavroStep> notDone;
     const TavroOperationState state = operation.State;
     const bool bDoing = state == TavroOperationState::Doing;
-    TavroFailure failure = TavroSettle(operation, bDoing && bResume, m_callbacks, done, notDone);
+    TavroFailure failure =
+        TavroSettle(m_history, operation, bDoing && bResume, m_callbacks, done, notDone);
     if (operation.Kind == TavroOperationKind::Restore) {
         // Its records need not tell of the places that were chosen.
         for (TavroStep& step : done) {

@@ -725,6 +725,32 @@ TEST_P(Settling, leaves_the_records_of_others) {
     EXPECT_EQ(readFile(work("a")), "bytes");
 }
 
+TEST_P(Settling, leaves_the_records_of_what_another_process_is_about_to_trash) {
+    writeFile(work("a"), "bytes");
+    const fs::path info = trashRoot() / "info";
+    TavroJournal other(openHistory);
+    const TavroStep told = {Role::Trashed, work("a").string(), (trashRoot() / "files/a").string(),
+                            (info / "a.trashinfo").string(), identityOf(work("a"))};
+    ASSERT_FALSE(other.Bind({}).BeforeActs(Kind::Trash, {told}));
+    for (const char* name :
+         {"a.trashinfo", "a copy 1.trashinfo"}) { // it tells of the next name later
+        writeFile(info / name, "[Trash Info]\nPath=" + work("a").string() + "\n");
+    }
+    interruptTrashOf("a", "a");
+    ASSERT_EQ(TavroDescribe(undo()), "");
+    EXPECT_TRUE(isPresent(info / "a.trashinfo"));
+    EXPECT_TRUE(isPresent(info / "a copy 1.trashinfo"));
+    interruptTrashOf("a", "a");
+    BeforeCall trashing("openat", "a.trashinfo", [&] {
+        fs::rename(work("a"), told.To);
+        EXPECT_FALSE(other.End({0, Kind::Trash, State::Done, std::time(nullptr), {told}}));
+    });
+    EXPECT_EQ(undo().Kind, TavroFailureKind::None);
+    EXPECT_TRUE(trashing.bActed());
+    EXPECT_TRUE(isPresent(info / "a.trashinfo"));
+    EXPECT_FALSE(isPresent(info / "a copy 1.trashinfo")) << "nobody needs it any more";
+}
+
 TEST_P(Settling, brings_back_what_had_stepped_aside_where_names_cannot_be_exchanged) {
     const std::string hidden = TavroStagingName();
     const fs::path aside = work(TavroAsideName(hidden));
