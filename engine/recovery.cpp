@@ -267,6 +267,7 @@ private:
     TavroFailure SettleBoth(const TavroStep& Step, TavroWhereabouts& OutWhere);
     TavroFailure RemoveCopy(const TavroStep& Step);
     TavroFailure Trash(const std::string& Path);
+    TavroFailure TrashAgain(TavroStep& IoStep, const std::string& Hidden);
     bool Publish(const TavroStep& Step);
     TavroFailure SettleHome(const TavroStep& Step);
     TavroFailure Remove(const std::string& Path, TavroIdentity Identity);
@@ -366,10 +367,25 @@ TavroFailure Settlement::SettlePlace(TavroStep& IoStep) {
     if (bCopy || IoStep.Role == Role::Copied) {
         return m_bGoOn && Publish(IoStep) ? TavroFailure() : Remove(hidden, comes);
     }
+    if (TavroIsTrashed(IoStep) && InodeAt(m_places, IoStep.Record) == 0) {
+        return TrashAgain(IoStep, hidden);
+    }
     TavroIdentity& home =
         IoStep.Source.Inode == 0 || TavroIsTrashed(IoStep) ? IoStep.Identity : IoStep.Source;
     home = comes;
     return Bring(hidden, TavroHomeOf(IoStep), home);
+}
+
+/// Its item and its record were taken out by others meanwhile: it becomes an item with a record.
+TavroFailure Settlement::TrashAgain(TavroStep& IoStep, const std::string& Hidden) {
+    const TavroTrashReport report =
+        TavroTrashSelection({TavroNameEntry(Hidden)}, m_callbacks, {}, {IoStep.From});
+    if (report) {
+        IoStep.To = report.Entries[0].Entry.TrashPath;
+        IoStep.Record = report.Entries[0].Entry.InfoPath;
+        IoStep.Identity = report.Entries[0].Item;
+    }
+    return report.Batch.Failure;
 }
 
 /// Gives the copy of a file its name, unless its source changed, or something has the name. It is

@@ -681,6 +681,35 @@ TEST_P(RecoveryOfReplacing, of_an_undo_and_a_redo_of_a_copy) {
     }
 }
 
+TEST_P(Recovery, of_a_restore_whose_item_others_took_out_leaves_no_item_without_a_record) {
+    const fs::path item = trashRoot() / "files/a";
+    int taken = 0;
+    bool bKilled = true;
+    for (int call = 1; bKilled; call += stride) {
+        for (const Act& next : {Act(undo), Act(resume)}) {
+            SCOPED_TRACE("call " + std::to_string(call));
+            clear();
+            writeFile(work("a/b"), "bytes"); // a directory waits under a hidden name
+            expectDone({trash({"a"})});
+            bKilled = isKilledBefore(call, restore({"a"}));
+            if (!bKilled || !isPresent(item / "b") || listed().size() != 2) {
+                continue;
+            }
+            ++taken;
+            fs::rename(item, m_box / "home/kept");
+            fs::remove(trashRoot() / "info/a.trashinfo");
+            (void)next(); // it may have nothing left to do
+            EXPECT_EQ(readFile(m_box / "home/kept/b"), "bytes");
+            for (const auto& entry : fs::directory_iterator(trashRoot() / "files")) {
+                const std::string name = entry.path().filename().string();
+                EXPECT_TRUE(isPresent(trashRoot() / "info" / (name + ".trashinfo"))) << name;
+            }
+            ASSERT_FALSE(HasFailure());
+        }
+    }
+    EXPECT_GT(taken, 0);
+}
+
 // ---------------------------------------------------------------------------------------------
 // What settling must leave alone
 // ---------------------------------------------------------------------------------------------
