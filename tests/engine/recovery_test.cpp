@@ -710,6 +710,53 @@ TEST_P(Recovery, of_a_restore_whose_item_others_took_out_leaves_no_item_without_
     EXPECT_GT(taken, 0);
 }
 
+TEST_P(Recovery, an_undo_or_a_redo_that_was_taken_back_can_be_done_again) {
+    const auto moveOrCopy = [&](Kind kind) {
+        std::vector<TavroStep> steps;
+        for (const char* name : {"a", "b"}) {
+            const fs::path from = m_box / "home/docs" / name;
+            writeFile(work(name), name);
+            if (kind == Kind::Copy) {
+                writeFile(from, name);
+            }
+            steps.push_back(
+                {kind == Kind::Move ? Role::Moved : Role::Copied, from.string(), work(name)});
+        }
+        record(kind, steps);
+    };
+    const auto trashBoth = [&] {
+        writeFile(work("a"), "a");
+        writeFile(work("b"), "b");
+        expectDone({trash({"a", "b"})});
+    };
+    for (const Kind kind : {Kind::Copy, Kind::Move, Kind::Trash}) {
+        bool bCancelled = true;
+        int cancelled = 0;
+        for (int time = 1; bCancelled; ++time) {
+            SCOPED_TRACE(std::to_string(static_cast<int>(kind)) + ", asked " +
+                         std::to_string(time));
+            clear();
+            kind == Kind::Trash ? trashBoth() : moveOrCopy(kind);
+            bCancelled = false;
+            for (const auto& [go, again] :
+                 {std::pair(TavroUndo, undo), std::pair(TavroRedo, redo)}) {
+                const Snapshot before = tree();
+                TavroHistory history;
+                ASSERT_FALSE(openHistory(history));
+                const TavroCallbacks callbacks = whenAsked(time, [] { return true; });
+                if (go(history, callbacks).Failure.Kind != TavroFailureKind::Cancelled) {
+                    continue;
+                }
+                bCancelled = true;
+                ++cancelled;
+                EXPECT_EQ(tree(), before);
+                ASSERT_EQ(TavroDescribe(again()), "");
+            }
+        }
+        EXPECT_GT(cancelled, 2);
+    }
+}
+
 // ---------------------------------------------------------------------------------------------
 // What settling must leave alone
 // ---------------------------------------------------------------------------------------------
