@@ -1012,9 +1012,11 @@ void Transfer::Rename(Pending& Entry) {
     Entry.bDone = true;
 }
 
-/// What was renamed gets its own name back.
+/// What was renamed gets its own name back, unless somebody has taken it already.
 void Transfer::RenameBack(Pending& Entry, const TavroPlace& Now) {
-    if (const int error = RenameTo(Now, Entry.Copy->From())) {
+    struct stat status = {};
+    const int error = RenameTo(Now, Entry.Copy->From());
+    if (error != 0 && Look(Now, status) != ENOENT) {
         Entry.Copy->Report().Below.push_back(
             TavroFail(Kind::LiesAt, error, Entry.AskedFrom, Now.Path()));
     }
