@@ -11,6 +11,7 @@
 #include "trash_folders.h"
 #include "undo.h"
 
+#include "stride.h"
 #include "trash_fixture.h"
 
 #include <algorithm>
@@ -31,13 +32,7 @@ using Role = TavroStepRole;
 using State = TavroOperationState;
 using Act = std::function<TavroFailure()>;
 
-/// Under sanitizers, where a process takes long to start, one call in five is tried: which memory
-/// is used hardly depends on it.
-#ifdef __SANITIZE_ADDRESS__
-constexpr int stride = 5;
-#else
-constexpr int stride = 1;
-#endif
+const int stride = callStride();
 
 /// Off where each wait would take the time of a disk.
 bool g_bSync = true;
@@ -430,7 +425,7 @@ TEST_P(Recovery, of_a_trash_whose_name_is_taken_by_an_item_without_a_record) {
     const Snapshot before = tree();
     bool bKilled = true;
     int interrupted = 0;
-    for (int call = 1; bKilled; ++call) {
+    for (int call = 1; bKilled; call += stride) {
         SCOPED_TRACE(call);
         bKilled = isKilledBefore(call, trash({"a"}));
         interrupted += headwayListed() ? 1 : 0;
@@ -612,7 +607,7 @@ TEST_P(RecoveryOfReplacing, after_any_failure_in_an_undo_and_a_redo) {
         const bool bUndo = way < 2;
         bool bFailed = true;
         int failures = 0;
-        for (std::size_t call = 0; bFailed; call += stride) {
+        for (std::size_t call = 0; bFailed; call += static_cast<std::size_t>(stride)) {
             SCOPED_TRACE(std::string(bUndo ? "undo" : "redo") + (pair.bMove ? " move" : " copy") +
                          ", call " + std::to_string(call));
             clear();
