@@ -284,11 +284,14 @@ TavroFailure Batch::MoveBack(const TavroBatchStep& Step) {
     TavroProgressTeller progress(none);
     TavroMoveOptions options;
     options.Expected = Step.Arrived.Identity;
-    failure = TavroBringEntry(to, from, options, m_links, progress).Failure;
+    TavroMoveReport moved = TavroBringEntry(to, from, options, m_links, progress);
     if (Step.Arrived.IsDirectory()) {
         m_places.Forget(to.OwnPath());
     }
-    return failure;
+    if (!moved.Failure && moved.Arrived.Identity != Step.Seen->State.Identity) {
+        m_report.Renewed.emplace_back(Step.Seen->State.Identity, moved.Arrived.Identity);
+    }
+    return moved.Failure;
 }
 
 void Batch::RollBack(std::size_t Count) {

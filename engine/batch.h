@@ -15,6 +15,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 /// An entry that was looked at just now.
@@ -81,6 +82,9 @@ struct TavroBatchReport {
     TavroFailure Why = {};                   ///< Of the failure, where there is more to tell.
     std::vector<TavroFailure> RollBack = {}; ///< Why steps could not be undone.
     std::vector<std::string> CreatedDirectories = {}; ///< Missing parents; outer ones first.
+
+    /// Of what went back by being copied: the file that it was, and the one that it is now.
+    std::vector<std::pair<TavroIdentity, TavroIdentity>> Renewed = {};
     TavroAttributesLost Lost = {};
 };
 

@@ -14,14 +14,10 @@ TavroCallbacks TavroJournal::Bind(TavroCallbacks Callbacks) {
     };
     Callbacks.BeforeSync = [this](TavroOperationKind kind, const std::vector<TavroStep>& steps,
                                   std::uint64_t& outDevice) {
-        outDevice = m_id != 0 ? m_history->Device() : 0;
-        if (m_id != 0) {
-            m_history->WaitForDisk(false);
-        }
+        const bool bSync = std::exchange(m_bSync, false);
         TavroFailure failure = Keep(kind, steps);
-        if (m_id != 0) {
-            m_history->WaitForDisk(m_bSync);
-        }
+        m_bSync = bSync;
+        outDevice = m_id != 0 ? m_history->Device() : 0;
         return failure;
     };
     return Callbacks;
@@ -30,6 +26,9 @@ TavroCallbacks TavroJournal::Bind(TavroCallbacks Callbacks) {
 TavroFailure TavroJournal::Keep(TavroOperationKind Kind, const std::vector<TavroStep>& Steps) {
     if (m_problem) {
         return {};
+    }
+    if (m_id != 0) {
+        m_history->WaitForDisk(m_bSync);
     }
     TavroFailure failure =
         m_id == 0 ? Begin(Kind, Steps) : m_history->KeepSteps(m_id, m_kept.size(), Steps);

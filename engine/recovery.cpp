@@ -10,6 +10,7 @@
 #include "walk.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <ctime>
 #include <iterator>
 #include <map>
@@ -241,8 +242,9 @@ namespace {
 /// Settles the steps one by one.
 class Settlement {
 public:
-    Settlement(const TavroOperation& Operation, bool bGoOn, const TavroCallbacks& Callbacks)
-        : m_operation(Operation), m_bGoOn(bGoOn), m_callbacks(Callbacks),
+    Settlement(TavroHistory& History, const TavroOperation& Operation, bool bGoOn,
+               const TavroCallbacks& Callbacks)
+        : m_history(History), m_operation(Operation), m_bGoOn(bGoOn), m_callbacks(Callbacks),
           m_changes(Callbacks.bSync) {
         m_callbacks.BeforeActs = nullptr;
     }
@@ -270,6 +272,7 @@ private:
     TavroFailure SettleBoth(const TavroStep& Step, TavroWhereabouts& OutWhere);
     TavroFailure RemoveCopy(const TavroStep& Step);
     TavroFailure Trash(const std::string& Path);
+    TavroFailure TrashAgain(TavroStep& IoStep, const std::string& Hidden);
     bool Publish(const TavroStep& Step);
     TavroFailure SettleHome(const TavroStep& Step);
     TavroFailure Remove(const std::string& Path, TavroIdentity Identity);
@@ -278,10 +281,15 @@ private:
     void RemoveLeftovers();
     bool IsOwnCopy(const std::string& Name) const;
     void RemoveRecords(const std::vector<TavroStep>& NotDone);
-    void RemoveRecordsIn(const TavroPlace& Info, const std::set<std::string>& Origins,
+    void RemoveRecordsIn(const std::string& Directory, const std::set<std::string>& Origins,
                          const std::set<std::string>& Items);
+    std::map<std::string, std::string> FindRecords(const TavroPlace& Info, int Files,
+                                                   const std::set<std::string>& Origins,
+                                                   const std::set<std::string>& Items) const;
     bool IsCutShort(const TavroPlace& Record) const;
+    bool ToldByOthers(std::set<std::string>& OutPaths);
 
+    TavroHistory& m_history;
     const TavroOperation& m_operation;
     const bool m_bGoOn;
     TavroCallbacks m_callbacks;
@@ -366,6 +374,9 @@ TavroFailure Settlement::SettlePlace(TavroStep& IoStep) {
             m_bGoOn && !TavroIsTrashed(IoStep) && (IsEarlier(hidden) || Publish(IoStep));
         return bStays ? TavroFailure() : Remove(hidden, comes);
     }
+    if (TavroIsTrashed(IoStep) && InodeAt(m_places, IoStep.Record) == 0) {
+        return TrashAgain(IoStep, hidden);
+    }
     TavroIdentity& home =
         IoStep.Source.Inode == 0 || TavroIsTrashed(IoStep) ? IoStep.Identity : IoStep.Source;
     home = comes;
@@ -386,6 +397,18 @@ bool Settlement::IsEarlier(const std::string& Hidden) {
     }
     return starts == std::set<std::string>{TavroBootMark()} && !m_places.Find(Hidden, place) &&
            TavroStatAt(place.Number(), place.Name.c_str(), status) == 0 && S_ISDIR(status.st_mode);
+}
+
+/// Its item and its record were taken out by others meanwhile: it becomes an item with a record.
+TavroFailure Settlement::TrashAgain(TavroStep& IoStep, const std::string& Hidden) {
+    const TavroTrashReport report =
+        TavroTrashSelection({TavroNameEntry(Hidden)}, m_callbacks, {}, {IoStep.From});
+    if (report) {
+        IoStep.To = report.Entries[0].Entry.TrashPath;
+        IoStep.Record = report.Entries[0].Entry.InfoPath;
+        IoStep.Identity = report.Entries[0].Item;
+    }
+    return report.Batch.Failure;
 }
 
 /// Gives the copy of a file its name, unless its source changed, or something has the name. It is
@@ -550,23 +573,55 @@ void Settlement::RemoveRecords(const std::vector<TavroStep>& NotDone) {
         }
     }
     for (const std::string& directory : directories) {
-        TavroPlace inside;
-        if (!m_places.Find(TavroJoin(directory, "x"), inside)) {
-            RemoveRecordsIn(inside, origins, items);
+        RemoveRecordsIn(directory, origins, items);
+    }
+}
+
+/// Whether a path, or one above it, is among others.
+bool IsAmong(const std::set<std::string>& Others, std::string Path) {
+    while (Others.count(Path) == 0 && Path.size() > 1) {
+        Path = TavroParentOf(Path);
+    }
+    return Others.count(Path) != 0;
+}
+
+/// Others are asked about what was found, and its items looked for, after that: who trashes
+/// something tells of it, writes the record, moves the item, and ends, in this order.
+void Settlement::RemoveRecordsIn(const std::string& Directory, const std::set<std::string>& Origins,
+                                 const std::set<std::string>& Items) {
+    TavroPlace info;
+    TavroDescriptor files;
+    if (m_places.Find(TavroJoin(Directory, "x"), info) ||
+        TavroOpenDirectoryAt(info.Number(), "../files", files) != 0) {
+        return;
+    }
+    const auto records = FindRecords(info, files.Number(), Origins, Items);
+    std::set<std::string> others;
+    if (records.empty() || !ToldByOthers(others)) {
+        return;
+    }
+    for (const auto& [item, path] : records) {
+        const std::string name = TavroRecordName(item);
+        struct stat status = {};
+        if (!IsAmong(others, path) && others.count(TavroJoin(Directory, name)) == 0 &&
+            TavroStatAt(files.Number(), item.c_str(), status) == ENOENT) {
+            TavroUnlinkAt(info.Number(), name.c_str());
+            m_changes.Add(info.Directory);
         }
     }
 }
 
-/// @param Info     a place in the directory of records.
+/// Finds records whose items are not there.
 /// @param Origins  what a record tells that goes; in Items, which goes whatever it tells.
-void Settlement::RemoveRecordsIn(const TavroPlace& Info, const std::set<std::string>& Origins,
-                                 const std::set<std::string>& Items) {
-    TavroDescriptor files;
+/// @return the items, and the paths that the records tell.
+std::map<std::string, std::string>
+Settlement::FindRecords(const TavroPlace& Info, int Files, const std::set<std::string>& Origins,
+                        const std::set<std::string>& Items) const {
+    std::map<std::string, std::string> found;
     TavroListing listing;
     std::unordered_set<std::string> there;
-    if (TavroOpenDirectoryAt(Info.Number(), "../files", files) != 0 ||
-        TavroListDirectory(files.Number(), listing) != 0) {
-        return;
+    if (TavroListDirectory(Files, listing) != 0) {
+        return found;
     }
     while (const char* name = listing.Next()) {
         there.insert(name);
@@ -581,10 +636,28 @@ void Settlement::RemoveRecordsIn(const TavroPlace& Info, const std::set<std::str
         const auto told = TavroReadRecord(Info.Number(), *item, TavroHomeDirectoryPath());
         if (Items.count(*item) != 0 ||
             (told ? Origins.count(told->Path) != 0 : IsCutShort({Info.Directory, name}))) {
-            TavroUnlinkAt(Info.Number(), name);
-            m_changes.Add(Info.Directory);
+            found[*item] = told ? told->Path : "";
         }
     }
+    return found;
+}
+
+/// What other operations on their way tell of. @return whether all could be read.
+bool Settlement::ToldByOthers(std::set<std::string>& OutPaths) {
+    std::vector<TavroOperation> operations;
+    std::vector<std::uint64_t> counts;
+    if (m_history.List(false, operations, counts)) {
+        return false;
+    }
+    for (const TavroOperation& operation : operations) {
+        for (const TavroStep& step : operation.Steps) {
+            if (TavroIsOnItsWay(operation) && operation.Id != m_operation.Id) {
+                OutPaths.insert({step.From, step.To, step.Record});
+            }
+        }
+    }
+    OutPaths.erase("");
+    return true;
 }
 
 /// Whether a record that tells nothing was begun by the operation. Another program that is about to
@@ -601,10 +674,10 @@ bool Settlement::IsCutShort(const TavroPlace& Record) const {
 
 } // namespace
 
-TavroFailure TavroSettle(const TavroOperation& Operation, bool bGoOn,
+TavroFailure TavroSettle(TavroHistory& History, const TavroOperation& Operation, bool bGoOn,
                          const TavroCallbacks& Callbacks, std::vector<TavroStep>& OutDone,
                          std::vector<TavroStep>& OutNotDone) {
-    Settlement settlement(Operation, bGoOn, Callbacks);
+    Settlement settlement(History, Operation, bGoOn, Callbacks);
     std::vector<TavroStep> steps = LatestOf(Operation.Steps);
     for (const TavroStep& step : steps) {
         settlement.TakeAsideBack(step);

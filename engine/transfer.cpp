@@ -243,6 +243,7 @@ private:
     std::string OwnPathOf(const std::string& Path);
     bool Announce(const std::vector<TavroTransferItemPlan>& Items);
     TavroFailure Tell(const std::vector<TavroStep>& Steps);
+    TavroFailure TellBeforeSync(const std::vector<TavroStep>& Steps);
     bool FindPlaces(const TavroTransferItemPlan& Item, Route& OutRoute);
     bool FindAgainWhenEntangled(const TavroTransferItemPlan& Item, Route& IoRoute);
     void CarryOutItem(TavroTransferItemPlan& Item);
@@ -335,6 +336,7 @@ private:
     std::unordered_set<std::string> m_pendingTo; ///< Own paths.
     OwnWork m_pendingWork;                       ///< What waits, as if it were done.
     std::vector<Emptied> m_emptied;              ///< Inner ones first.
+    std::vector<TavroStep> m_plan;               ///< What the journal was not told.
     std::size_t m_createdTold = 0; ///< So many created directories are in the journal.
     TavroIdentity m_told;          ///< A new directory that the journal knew when it was empty,
     std::uint64_t m_toldOn = 0;    ///< when this device was synced.
@@ -442,6 +444,7 @@ bool Transfer::Announce(const std::vector<TavroTransferItemPlan>& Items) {
     m_bTree = bOne && S_ISDIR(status.st_mode);
     m_bSingle = bOne && !m_bTree;
     if (!m_callbacks.BeforeActs || steps.empty() || (m_bSingle && TavroIsPresent(parent))) {
+        m_plan = std::move(steps);
         return true;
     }
     for (const std::string& missing : TavroFindMissing(parent)) {
@@ -459,6 +462,13 @@ TavroFailure Transfer::Tell(const std::vector<TavroStep>& Steps) {
     return m_callbacks.BeforeActs
                ? m_callbacks.BeforeActs(
                      m_bMove ? TavroOperationKind::Move : TavroOperationKind::Copy, Steps)
+               : TavroFailure();
+}
+
+TavroFailure Transfer::TellBeforeSync(const std::vector<TavroStep>& Steps) {
+    return m_callbacks.BeforeSync && !Steps.empty()
+               ? m_callbacks.BeforeSync(
+                     m_bMove ? TavroOperationKind::Move : TavroOperationKind::Copy, Steps, m_toldOn)
                : TavroFailure();
 }
 
@@ -681,13 +691,12 @@ void Transfer::Prepare(const Route& Way, const struct stat& Source, const struct
         Fail(TavroFail(Kind::Move, error, entry.AskedFrom, entry.AskedTo));
         return;
     }
-    if (m_bTree && Item != nullptr && Old == nullptr && m_callbacks.BeforeSync) {
+    if (m_bTree && Item != nullptr && Old == nullptr) {
         Options.OnMade = [&](const TavroFileState& made, const std::string& name) {
             m_told = made.Identity;
             TavroStep step = MainStep(entry, made);
             step.Staged = name;
-            return m_callbacks.BeforeSync(
-                m_bMove ? TavroOperationKind::Move : TavroOperationKind::Copy, {step}, m_toldOn);
+            return TellBeforeSync({step});
         };
     }
     const bool bEarlier = m_callbacks.FindEarlier && S_ISDIR(Source.st_mode) && !entry.bRename;
@@ -910,7 +919,8 @@ TavroFailure Transfer::ClaimTrash(std::vector<Pending>& Entries) {
         if (!m_trash) {
             m_trash = std::make_unique<TavroOpenTrash>();
             m_claims = std::make_unique<TavroTrashClaims>(*m_trash);
-            failure = TavroEnsurePrivateTrash();
+            failure = TellBeforeSync(std::exchange(m_plan, {}));
+            failure = failure ? failure : TavroEnsurePrivateTrash();
             failure = failure ? failure : m_trash->Open();
         }
         failure = failure ? failure
@@ -1054,9 +1064,11 @@ void Transfer::Rename(Pending& Entry) {
     Entry.bDone = true;
 }
 
-/// What was renamed gets its own name back.
+/// What was renamed gets its own name back, unless somebody has taken it already.
 void Transfer::RenameBack(Pending& Entry, const TavroPlace& Now) {
-    if (const int error = RenameTo(Now, Entry.Copy->From())) {
+    struct stat status = {};
+    const int error = RenameTo(Now, Entry.Copy->From());
+    if (error != 0 && Look(Now, status) != ENOENT) {
         Entry.Copy->Report().Below.push_back(
             TavroFail(Kind::LiesAt, error, Entry.AskedFrom, Now.Path()));
     }

@@ -458,6 +458,10 @@ TavroFailure Reversal::RunMoves(const Steps& Of, std::vector<TavroBatchStep>& Mo
     if (returned.Failure) {
         m_report.Moves.RollBack.push_back(returned.Failure);
     }
+    for (std::size_t i = 0; i < back.size() && !returned.Failure; ++i) {
+        const TavroBatchStep& move = Moves[back.size() - 1 - i];
+        m_report.Moves.Renewed.emplace_back(move.Seen->State.Identity, back[i].Arrived.Identity);
+    }
     return failure;
 }
 
@@ -1032,6 +1036,7 @@ private:
     void Sort(std::vector<TavroStep> Done, std::vector<TavroStep> NotDone, bool bUndo);
     TavroFailure Transfer(TavroTransferCallbacks Callbacks);
     TavroFailure Take(FindNext Find, TavroFailureKind Nothing, bool bUndo);
+    void Renew(const TavroBatchReport& TakenBack);
     TavroFailure End(bool bUndo);
     TavroUndoReport FinishDeletion(bool bUndo);
     void EndWhatIsUndone();
@@ -1072,7 +1077,8 @@ TavroFailure Going::Settle(bool& IoUndo, bool bResume) {
     std::vector<TavroStep> notDone;
     const TavroOperationState state = operation.State;
     const bool bDoing = state == TavroOperationState::Doing;
-    TavroFailure failure = TavroSettle(operation, bDoing && bResume, m_callbacks, done, notDone);
+    TavroFailure failure =
+        TavroSettle(m_history, operation, bDoing && bResume, m_callbacks, done, notDone);
     if (operation.Kind == TavroOperationKind::Restore) {
         // Its records need not tell of the places that were chosen.
         for (TavroStep& step : done) {
@@ -1188,6 +1194,15 @@ TavroFailure Going::Transfer(TavroTransferCallbacks Callbacks) {
     operation.Steps = TavroOperationOf(m_report.Transfer, plan.bMove).Steps;
     TavroCompleteOperation(operation);
     return m_report.Transfer.bCancelled ? TavroFailure{Kind::Cancelled} : TavroFailure();
+}
+
+/// What was moved, and moved back between file systems, is another file.
+void Going::Renew(const TavroBatchReport& TakenBack) {
+    for (const auto& [was, is] : TakenBack.Renewed) {
+        for (TavroStep& step : m_before.Steps) {
+            step.Identity = step.Identity == was ? is : step.Identity;
+        }
+    }
 }
 
 /// Keeps what the operation has come to.
@@ -1319,6 +1334,8 @@ TavroUndoReport Going::Run(FindNext Find, TavroFailureKind Nothing, bool bUndo, 
         failure = End(bUndo);
         m_report.bDoneButNotSaved = static_cast<bool>(failure);
     } else {
+        Renew(m_report.Trash.Batch);
+        Renew(m_report.Moves);
         m_history.EndOperation(m_before, false);
     }
     return std::move(m_report);

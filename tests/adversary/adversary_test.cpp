@@ -9,6 +9,7 @@
 #include "history.h"
 #include "place.h"
 #include "record.h"
+#include "stride.h"
 #include "transfer.h"
 #include "trash.h"
 #include "trash_contents.h"
@@ -174,6 +175,7 @@ void tryToLeadAstray(const Scenario& scenario, const fs::path& far) {
         SCOPED_TRACE(std::string(scenario.Name) + ", exchanged: " + strike.Name);
         bool bDone = false;
         Adversary adversary;
+        adversary.Stride = callStride();
         adversary.Prepare = [&] {
             alarm(120); // nobody waits for a pipe
             world.begin(strike.bDeep);

@@ -3,6 +3,7 @@
 
 #include "history.h"
 
+#include "names.h"
 #include "sandbox.h"
 #include "snapshot.h"
 
@@ -14,6 +15,7 @@
 #include <sstream>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -883,6 +885,36 @@ TEST_F(History, what_was_undone_and_redone_meanwhile_is_read_again) {
     ASSERT_FALSE(one.ContinueOperation(*taken, TavroOperationState::Undoing, bChanged));
     EXPECT_FALSE(bChanged);
     EXPECT_EQ(listed()[1].State, TavroOperationState::Undoing);
+}
+
+TEST_F(History, who_is_refused_an_operation_hides_nothing_in_its_name) {
+    record(renameOf("/a", "/b"));
+    TavroHistory one;
+    TavroHistory other;
+    open(one);
+    open(other);
+    std::optional<TavroOperation> taken;
+    ASSERT_FALSE(one.NextToUndo(taken));
+    ASSERT_TRUE(taken);
+    bool bChanged = true;
+    std::string hides; // what the hidden names of the one that gets it begin with
+    std::thread([&] {
+        EXPECT_FALSE(other.ContinueOperation(*taken, TavroOperationState::Undoing, bChanged));
+        hides = ' ' + TavroStagingPrefix();
+    }).join();
+    ASSERT_FALSE(bChanged);
+    ASSERT_NE(hides, ' ' + TavroStagingPrefix());
+    EXPECT_EQ(listed()[0].Staging, hides);
+    const TavroFailure running =
+        one.ContinueOperation(*taken, TavroOperationState::Undoing, bChanged);
+    EXPECT_EQ(running.Kind, TavroFailureKind::HistoryRunning);
+    EXPECT_EQ(listed()[0].Staging, hides);
+    TavroOperation undone = *taken;
+    undone.State = TavroOperationState::Undone;
+    ASSERT_FALSE(other.EndOperation(undone, true));
+    ASSERT_FALSE(one.ContinueOperation(*taken, TavroOperationState::Undoing, bChanged));
+    EXPECT_TRUE(bChanged);
+    EXPECT_EQ(listed()[0].Staging, hides);
 }
 
 TEST_F(History, what_several_create_at_once_is_never_taken_for_damaged) {

@@ -12,6 +12,7 @@
 #include "trash_folders.h"
 #include "undo.h"
 
+#include "stride.h"
 #include "trash_fixture.h"
 
 #include <algorithm>
@@ -33,13 +34,7 @@ using Role = TavroStepRole;
 using State = TavroOperationState;
 using Act = std::function<TavroFailure()>;
 
-/// Under sanitizers, where a process takes long to start, one call in five is tried: which memory
-/// is used hardly depends on it.
-#ifdef __SANITIZE_ADDRESS__
-constexpr int stride = 5;
-#else
-constexpr int stride = 1;
-#endif
+const int stride = callStride();
 
 /// Off where each wait would take the time of a disk.
 bool g_bSync = true;
@@ -476,7 +471,7 @@ TEST_P(Recovery, of_a_trash_whose_name_is_taken_by_an_item_without_a_record) {
     const Snapshot before = tree();
     bool bKilled = true;
     int interrupted = 0;
-    for (int call = 1; bKilled; ++call) {
+    for (int call = 1; bKilled; call += stride) {
         SCOPED_TRACE(call);
         bKilled = isKilledBefore(call, trash({"a"}));
         interrupted += headwayListed() ? 1 : 0;
@@ -685,7 +680,7 @@ TEST_P(RecoveryOfReplacing, after_any_failure_in_an_undo_and_a_redo) {
         const bool bUndo = way < 2;
         bool bFailed = true;
         int failures = 0;
-        for (std::size_t call = 0; bFailed; call += stride) {
+        for (std::size_t call = 0; bFailed; call += static_cast<std::size_t>(stride)) {
             SCOPED_TRACE(std::string(bUndo ? "undo" : "redo") + (pair.bMove ? " move" : " copy") +
                          ", call " + std::to_string(call));
             clear();
@@ -751,6 +746,82 @@ TEST_P(RecoveryOfReplacing, of_an_undo_and_a_redo_of_a_copy) {
     if (!GetParam()) { // else which of two items in the trash has which name can be another one
         killUndoAndRedo(
             {"a directory for a file", false, {{"a/b", "1"}, {"a/c/d", "2"}}, {{"a", "old"}}});
+    }
+}
+
+TEST_P(Recovery, of_a_restore_whose_item_others_took_out_leaves_no_item_without_a_record) {
+    const fs::path item = trashRoot() / "files/a";
+    int taken = 0;
+    bool bKilled = true;
+    for (int call = 1; bKilled; call += stride) {
+        for (const Act& next : {Act(undo), Act(resume)}) {
+            SCOPED_TRACE("call " + std::to_string(call));
+            clear();
+            writeFile(work("a/b"), "bytes"); // a directory waits under a hidden name
+            expectDone({trash({"a"})});
+            bKilled = isKilledBefore(call, restore({"a"}));
+            if (!bKilled || !isPresent(item / "b") || listed().size() != 2) {
+                continue;
+            }
+            ++taken;
+            fs::rename(item, m_box / "home/kept");
+            fs::remove(trashRoot() / "info/a.trashinfo");
+            (void)next(); // it may have nothing left to do
+            EXPECT_EQ(readFile(m_box / "home/kept/b"), "bytes");
+            for (const auto& entry : fs::directory_iterator(trashRoot() / "files")) {
+                const std::string name = entry.path().filename().string();
+                EXPECT_TRUE(isPresent(trashRoot() / "info" / (name + ".trashinfo"))) << name;
+            }
+            ASSERT_FALSE(HasFailure());
+        }
+    }
+    EXPECT_GT(taken, 0);
+}
+
+TEST_P(Recovery, an_undo_or_a_redo_that_was_taken_back_can_be_done_again) {
+    const auto moveOrCopy = [&](Kind kind) {
+        std::vector<TavroStep> steps;
+        for (const char* name : {"a", "b"}) {
+            const fs::path from = m_box / "home/docs" / name;
+            writeFile(work(name), name);
+            if (kind == Kind::Copy) {
+                writeFile(from, name);
+            }
+            steps.push_back(
+                {kind == Kind::Move ? Role::Moved : Role::Copied, from.string(), work(name)});
+        }
+        record(kind, steps);
+    };
+    const auto trashBoth = [&] {
+        writeFile(work("a"), "a");
+        writeFile(work("b"), "b");
+        expectDone({trash({"a", "b"})});
+    };
+    for (const Kind kind : {Kind::Copy, Kind::Move, Kind::Trash}) {
+        bool bCancelled = true;
+        int cancelled = 0;
+        for (int time = 1; bCancelled; ++time) {
+            SCOPED_TRACE(std::to_string(static_cast<int>(kind)) + ", asked " +
+                         std::to_string(time));
+            clear();
+            kind == Kind::Trash ? trashBoth() : moveOrCopy(kind);
+            bCancelled = false;
+            for (const auto& [go, again] :
+                 {std::pair(TavroUndo, undo), std::pair(TavroRedo, redo)}) {
+                const Snapshot before = tree();
+                TavroHistory history;
+                ASSERT_FALSE(openHistory(history));
+                const TavroCallbacks callbacks = whenAsked(time, [] { return true; });
+                if (go(history, callbacks).Failure.Kind != TavroFailureKind::Cancelled) {
+                    continue;
+                }
+                bCancelled = true;
+                ++cancelled;
+                EXPECT_EQ(tree(), before);
+                ASSERT_EQ(TavroDescribe(again()), "");
+            }
+        }
+        EXPECT_GT(cancelled, 2);
     }
 }
 
@@ -869,6 +940,32 @@ TEST_P(Settling, leaves_the_records_of_others) {
     EXPECT_TRUE(isPresent(info / "other.trashinfo")) << "of an item that is there";
     EXPECT_FALSE(isPresent(info / "own.trashinfo"));
     EXPECT_EQ(readFile(work("a")), "bytes");
+}
+
+TEST_P(Settling, leaves_the_records_of_what_another_process_is_about_to_trash) {
+    writeFile(work("a"), "bytes");
+    const fs::path info = trashRoot() / "info";
+    TavroJournal other(openHistory);
+    const TavroStep told = {Role::Trashed, work("a").string(), (trashRoot() / "files/a").string(),
+                            (info / "a.trashinfo").string(), identityOf(work("a"))};
+    ASSERT_FALSE(other.Bind({}).BeforeActs(Kind::Trash, {told}));
+    for (const char* name :
+         {"a.trashinfo", "a copy 1.trashinfo"}) { // it tells of the next name later
+        writeFile(info / name, "[Trash Info]\nPath=" + work("a").string() + "\n");
+    }
+    interruptTrashOf("a", "a");
+    ASSERT_EQ(TavroDescribe(undo()), "");
+    EXPECT_TRUE(isPresent(info / "a.trashinfo"));
+    EXPECT_TRUE(isPresent(info / "a copy 1.trashinfo"));
+    interruptTrashOf("a", "a");
+    BeforeCall trashing("openat", "a.trashinfo", [&] {
+        fs::rename(work("a"), told.To);
+        EXPECT_FALSE(other.End({0, Kind::Trash, State::Done, std::time(nullptr), {told}}));
+    });
+    EXPECT_EQ(undo().Kind, TavroFailureKind::None);
+    EXPECT_TRUE(trashing.bActed());
+    EXPECT_TRUE(isPresent(info / "a.trashinfo"));
+    EXPECT_FALSE(isPresent(info / "a copy 1.trashinfo")) << "nobody needs it any more";
 }
 
 TEST_P(Settling, brings_back_what_had_stepped_aside_where_names_cannot_be_exchanged) {

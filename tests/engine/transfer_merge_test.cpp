@@ -1,5 +1,6 @@
 // Directories that are merged: how deep they may be, and that nobody leads the merging astray.
 
+#include "stride.h"
 #include "transfer_fixture.h"
 
 namespace fs = std::filesystem;
@@ -161,7 +162,7 @@ protected:
         m_plan.ConflictPolicy = TavroTransferConflictPolicy::Overwrite;
         bool bRanThrough = false;
         int calls = 0;
-        for (int k = 1; !bRanThrough; ++k) {
+        for (int k = 1; !bRanThrough; k += callStride()) {
             rebuild();
             const auto before = attributesOfTree(m_box / "outside");
             calls = 0;
@@ -202,6 +203,25 @@ TEST_F(LedAstray, a_merging_copy_stays_in_its_trees) {
 
 TEST_F(LedAstray, a_merging_move_stays_in_its_trees) {
     exchangeEach(true);
+}
+
+TEST_F(LedAstray, what_others_take_as_soon_as_it_has_its_name_is_not_said_to_lie_there) {
+    writeFile(source("f"), "bytes");
+    makeDirectory(target());
+    bool bTaken = false;
+    {
+        const CallObserver other([&](const std::string&, const std::string&) {
+            if (!bTaken && isPresent(target("f"))) {
+                fs::rename(target("f"), m_box / "taken");
+                bTaken = true;
+            }
+        });
+        run(true, {"f"});
+    }
+    EXPECT_TRUE(bTaken);
+    EXPECT_EQ("bytes", readFile(m_box / "taken"));
+    EXPECT_NE(std::string::npos, report().find("changed while it was moved")) << report();
+    EXPECT_EQ(std::string::npos, report().find("lies at")) << report();
 }
 
 /// A directory deep in a merge is moved away when the first entry gets its name there.

@@ -4,15 +4,17 @@
 Each worker runs one command after another on files of its own and on those that all share. Every file
 has bytes of its own, which tell whether it is whole. At the end what was interrupted is resumed or
 undone, and then: no bytes are lost but those that were deleted for good, each item has its record,
-nothing hung, the database is sound, and `tavro doctor` is content. What the history tells of and is
-not found is printed. Last, all that can be undone is undone, and the bytes are looked for again.
+nothing hung, the database is sound, `tavro doctor` is content, and the history is true. Last, all
+that can be undone is undone, and the bytes are looked for again.
 """
 
 import argparse
 import collections
+import contextlib
 import json
 import os
 import random
+import re
 import shutil
 import signal
 import sqlite3
@@ -21,13 +23,15 @@ import sys
 import tempfile
 import threading
 import time
-import urllib.parse
 
 WORKERS = 8
 LONGEST = 30  # seconds that a command may take while it is not stopped
 OPENING, NEW_NAME = "This is file ", "file-"
 SIZES = (1, 200, 5000, 70000)
 ENDED_BY = {signal.SIGINT: 130, signal.SIGTERM: 143}
+HISTORY = ".local/state/tavro/history.db"
+DONE = 0  # a state
+MOVED, COPIED, TRASHED, CREATED = range(4)  # roles of steps
 
 
 def bytes_of(number):
@@ -55,6 +59,49 @@ def is_hidden(path):
     return any(part.startswith(".tavro-") for part in path.split("/"))
 
 
+class Operation:
+    """An operation of the history, as it was seen again and again."""
+
+    def __init__(self, number, before):
+        self.Number, self.Row, self.Steps, self.Rest = number, None, [], None
+        self.Paths = set()  # of all steps that it ever had
+        self.Since = self.Quiet = before  # it did not put anything anywhere before that,
+        self.Until = before  # and has not acted after that
+
+    def see(self, row, connection, now):
+        """Who takes an operation on leaves a mark in its row, so a row that is the same, of one that
+        is not on its way, tells that nobody was at it."""
+        if row == self.Row and not self.is_on_its_way():
+            self.Quiet = now
+            return
+        if self.Rest != DONE:
+            self.Since = self.Quiet
+        self.Row, self.Until = row, now
+        if not self.is_on_its_way():
+            self.Rest = row[1]
+        self.Steps = connection.execute(
+            "SELECT role, source, target, inode FROM step WHERE operation = ? AND number < ?",
+            (self.Number, row[2])).fetchall()
+        self.Steps = [(role, os.fsdecode(source), os.fsdecode(target), inode)
+                      for role, source, target, inode in self.Steps]
+        self.Paths.update(path for step in self.Steps for path in step[1:3] if path)
+
+    def miss(self, now):
+        """It was dropped, perhaps after it had been undone."""
+        self.Until = now if self.Row else self.Until
+        self.Row = None
+
+    def is_on_its_way(self):
+        return self.Row and self.Row[1] > 2
+
+    def results(self):
+        """The steps whose files are to be at their targets."""
+        if not self.Row or self.Row[1] != DONE:
+            return []
+        main = (TRASHED, MOVED, MOVED, COPIED, CREATED, TRASHED)[self.Row[0]]
+        return [step for step in self.Steps if step[0] == main]
+
+
 class World:
     """The scratch home, the places beside it, and what is known of them."""
 
@@ -71,6 +118,7 @@ class World:
         self.Count = 0
         self.Deleted, self.Gone = set(), set()  # paths, and numbers of files, for good
         self.Restored = set()
+        self.Operations, self.Looked = {}, 0.0  # what was seen of the history, and when last
         self.Tally = collections.Counter()
         self.Faults = []
         self.Log = []
@@ -101,6 +149,29 @@ class World:
         done = subprocess.run([self.Tavro, *arguments], env=self.Environment, cwd=self.Home,
                               stdin=subprocess.DEVNULL, capture_output=True, timeout=300)
         return done.returncode, os.fsdecode(done.stdout), os.fsdecode(done.stderr)
+
+    def look(self):
+        """Keeps what the history has of each operation. Who has run a command looks when that has
+        ended, so that an operation that another one drops is known, too."""
+        path = os.path.join(self.Home, HISTORY)
+        if not os.path.exists(path):
+            return
+        with self.Lock, contextlib.closing(
+                sqlite3.connect(f"file:{path}?mode=ro", uri=True, timeout=LONGEST)) as connection:
+            now = time.monotonic()
+            try:
+                rows = connection.execute(
+                    "SELECT id, kind, state, steps, staging FROM operation").fetchall()
+            except sqlite3.OperationalError:
+                if self.Operations:
+                    raise
+                return  # it is just being created
+            for number, *row in rows:
+                one = self.Operations.setdefault(number, Operation(number, self.Looked))
+                one.see(row, connection, now)
+            for number in self.Operations.keys() - {row[0] for row in rows}:
+                self.Operations[number].miss(now)
+            self.Looked = now
 
     def remove(self):
         for top in self.Tops:
@@ -232,6 +303,7 @@ class Worker(threading.Thread):
             world.Slowest = max(world.Slowest, took)
             world.Log.append((begun, time.monotonic(), process.returncode, fate, arguments,
                               os.fsdecode(output + errors)))
+        world.look()
         if took > LONGEST:
             world.say(f"took {took:.0f} s: {arguments}")
         self.judge(arguments, process.returncode, os.fsdecode(errors), sent)
@@ -267,6 +339,7 @@ def settle(world):
         if not interrupted:
             return count, 0
         code, _, errors = world.run("resume")
+        world.look()
         if code != 0:
             print(f"not resumed: {errors.strip()}")
             return count, len(interrupted)
@@ -325,51 +398,71 @@ def judge_trash(world, when):
     print(f"{when}, {len(items)} items in the trash; doctor names {len(left)}")
 
 
+def pairs_of(arguments, output):
+    """From where to where a command led, by its words; nothing for what it does not tell."""
+    verb, *words = arguments
+    words = [word for word in words if word.startswith("/")]
+    if verb in ("copy", "move"):
+        yield from ((word, words[-1] + os.path.basename(word)) for word in words[:-1])
+    elif verb == "rename":
+        yield tuple(words)
+    else:
+        yield from ((word, "") for word in words if verb == "trash")
+    for line in output.splitlines():
+        source, _, target = re.sub("^(Copied|Moved) ", "", line.strip()).partition(" -> ")
+        if source.startswith("/") and verb != "mkdir":
+            yield source, target
+
+
 def is_at_or_below(path, top):
     return path == top or path.startswith(top + "/")
 
 
-def path_in(entry, *names):
-    for name in names:
-        uri = entry.get(name + "Uri")
-        if uri:
-            return os.fsdecode(urllib.parse.unquote_to_bytes(uri.removeprefix("file://")))
-    return None
+def is_told(world, operation, source, target):
+    """Whether others that acted no earlier tell of a path or of a directory above it: operations, or
+    commands, whose operations may have been undone and dropped before anybody looked."""
+    above = {target[:end] for end in range(1, len(target) + 1) if target[end:end + 1] in ("", "/")}
+    if any(other is not operation and other.Until >= operation.Since and above & other.Paths
+           for other in world.Operations.values()):
+        return True
+    for _, end, _, _, arguments, output in world.Log:
+        for start, goal in pairs_of(arguments, output) if end >= operation.Since else ():
+            own = is_at_or_below(source, start) and is_at_or_below(target, goal)
+            if not own and above & {goal, "" if arguments[0] == "copy" else start}:
+                return True
+    return False
+
+
+def is_there(path, inode):
+    try:
+        return os.lstat(path).st_ino == inode or not inode
+    except OSError:
+        return False
 
 
 def judge_history(world):
-    """What an operation that can be undone has put somewhere is there, unless a newer operation, a
-    restore or a deletion tells where it went; or a resumption, which others may have overtaken."""
-    gone = set(world.Deleted)
-    for _, _, _, _, arguments, output in world.Log:
-        if arguments[0] == "resume":
-            gone.update(path for line in output.splitlines() for path in line.strip().split(" -> "))
-        if arguments[0] == "move":  # a directory that was merged into another one is not told of
-            gone.update(path for path in arguments[3:-1] if f"Moved {path} ->" not in output)
+    """What an operation that is done has put somewhere is there, that very file, unless it is told
+    who took it: by others, a restore of that item, a deletion, or a roll-back that said so."""
+    elsewhere = set(world.Deleted)
+    for _, _, _, _, _, output in world.Log:
         if "ollback failed" in output or "moving back failed" in output:
-            gone.update(output.split("'")[1::2])  # it is told that these are elsewhere
-    told = 0
-    for operation in operations(world):  # the newest first
-        if operation["undone"]:
-            continue
-        for entry in operation["entries"] if not operation["interrupted"] else ():
-            trashed, original = path_in(entry, "trash"), path_in(entry, "original")
-            to = trashed or path_in(entry, "to")
+            elsewhere.update(output.split("'")[1::2])
+    told = there = 0
+    for one in world.Operations.values():
+        for role, source, target, inode in one.results():
             told += 1
-            if os.path.lexists(to) or (trashed and world.Restored & {
-                    os.path.basename(trashed), os.path.basename(original)}):
-                continue
-            if not any(is_at_or_below(to, path) or is_at_or_below(path, to) for path in gone):
-                # A command that was killed may have taken it elsewhere, or deleted it.
-                print(f"not found: the history says {operation['kind']} to {to}")
-        for entry in operation["entries"]:
-            gone.add(path_in(entry, "original", "from"))
-            gone.discard(None)
-    return told
+            there += is_there(target, inode)
+            names = {os.path.basename(path) for path in (source, target)}
+            if not (is_there(target, inode) or target in elsewhere
+                    or (role == TRASHED and names & world.Restored)
+                    or is_told(world, one, source, target)):
+                world.say(f"operation {one.Number} is done, and what it has put to '{target}' is "
+                          "not there")
+    return f"{told} entries, {there} of which are where it says"
 
 
 def judge_database(world):
-    path = os.path.join(world.Home, ".local/state/tavro/history.db")
+    path = os.path.join(world.Home, HISTORY)
     with sqlite3.connect(path) as connection:
         for (text,) in connection.execute("PRAGMA integrity_check"):
             if text != "ok":
@@ -404,7 +497,7 @@ def judge(world):
     judge_bytes(world, "after resuming")
     judge_trash(world, "after resuming")
     judge_database(world)
-    print(f"the history tells of {judge_history(world)} entries")
+    print(f"the history tells of {judge_history(world)}")
     print(f"undone: {undo_all(world)} operations")
     judge_bytes(world, "after all undos")
     judge_trash(world, "after all undos")

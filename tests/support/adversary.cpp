@@ -8,7 +8,8 @@ namespace tavro_test {
 
 AdversaryTally strikeAtEachCall(const Adversary& adversary) {
     AdversaryTally tally;
-    for (int chosen = 1;; ++chosen) {
+    static int begun = 0;
+    for (int chosen = 1 + begun++ % adversary.Stride;; chosen += adversary.Stride) {
         adversary.Prepare();
         int made = 0;
         bool bStruck = false;

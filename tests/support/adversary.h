@@ -16,6 +16,8 @@ struct Adversary {
         Strike;                  ///< Changes the world once; false when there is nothing to change.
     std::function<void()> Judge; ///< After each run.
 
+    int Stride = 1; ///< How far it is from one call to the next.
+
     /// Which calls are counted; empty: all.
     std::function<bool(const std::string& call, const std::string& path)> Counts = {};
 };
@@ -27,8 +29,9 @@ struct AdversaryTally {
 };
 
 /// Runs the operation again and again. In run k, `Strike` is called just before the operation's
-/// k-th call. Ends with the run that had fewer calls than that, which nobody disturbed, or after a
-/// failed assertion.
+/// k-th call; with a stride, k grows by that, and begins elsewhere each time that this is called.
+/// Ends with the run that had fewer calls than that, which nobody disturbed, or after a failed
+/// assertion.
 AdversaryTally strikeAtEachCall(const Adversary& adversary);
 
 } // namespace tavro_test
