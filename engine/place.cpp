@@ -130,6 +130,21 @@ std::string TavroPlace::OwnPath() const {
     return Name == "." ? Directory->OwnPath : TavroJoin(Directory->OwnPath, Name);
 }
 
+std::shared_ptr<const TavroDirectory>
+TavroClosed(const std::shared_ptr<const TavroDirectory>& Directory) {
+    if (!Directory->Descriptor.IsOpen()) {
+        return Directory;
+    }
+    if (!Directory->Closed) {
+        auto closed = std::make_shared<TavroDirectory>();
+        closed->Identity = Directory->Identity;
+        closed->Path = Directory->Path;
+        closed->OwnPath = Directory->OwnPath;
+        Directory->Closed = std::move(closed);
+    }
+    return Directory->Closed;
+}
+
 /// The directory that is open by the first `Size` bytes of a path, if there is one.
 std::shared_ptr<const TavroDirectory> TavroPlaces::FindOpen(const std::string& Path,
                                                             std::size_t Size) {
@@ -230,6 +245,17 @@ TavroFailure TavroPlaces::Find(const std::string& Path, TavroPlace& OutPlace) {
     }
     OutPlace = {std::move(directory), path == "/" ? "." : TavroNameOf(path)};
     return {};
+}
+
+TavroFailure TavroPlaces::FindAgain(TavroPlace& IoPlace) {
+    const TavroDirectory& was = *IoPlace.Directory;
+    TavroPlace place = {FindOpen(was.Path, was.Path.size()), IoPlace.Name};
+    TavroFailure failure = place.Directory ? TavroFailure() : Find(IoPlace.Path(), place);
+    if (!failure && place.Directory->Identity != was.Identity) {
+        failure = TavroFail(TavroFailureKind::LookAt, ESTALE, IoPlace.Path());
+    }
+    IoPlace.Directory = failure ? IoPlace.Directory : std::move(place.Directory);
+    return failure;
 }
 
 TavroFailure TavroPlaces::FindOrCreate(const std::string& Path, mode_t Mode,

@@ -20,7 +20,14 @@ struct TavroDirectory {
     TavroIdentity Identity;
     std::string Path;    ///< As it was asked for, for messages.
     std::string OwnPath; ///< Absolute, with links resolved as far as they could be.
+
+    /// The same, closed, for whoever knew it; TavroClosed makes it.
+    mutable std::shared_ptr<const TavroDirectory> Closed = {};
 };
+
+/// What is known of a directory that is not held open: one for all that were in it.
+std::shared_ptr<const TavroDirectory>
+TavroClosed(const std::shared_ptr<const TavroDirectory>& Directory);
 
 /// As long as a place is kept, its directory is open: not to be kept for thousands of entries.
 struct TavroPlace {
@@ -60,6 +67,9 @@ public:
     /// @return as Find; or of the kind CreateDirectory, with the directory's path.
     TavroFailure FindOrCreate(const std::string& Path, mode_t Mode,
                               std::vector<std::string>& OutCreated, TavroPlace& OutPlace);
+
+    /// As Find, for the directory of a place: the one that it was, or ESTALE.
+    TavroFailure FindAgain(TavroPlace& IoPlace);
 
     /// Closes a directory and what is below it, because it has gone from its path: whoever finds
     /// that path again is to get what is there by then.
