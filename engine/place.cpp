@@ -309,6 +309,28 @@ TavroFailure TavroPlaces::EnterCreated(const std::string& Path, mode_t Mode,
     return TavroFail(TavroFailureKind::CreateDirectory, bInTheWay ? EEXIST : openError, Path);
 }
 
+/// Whether the names that were read tell that there is nothing.
+bool TavroNameSearch::IsMissing(const TavroPlace& Place) {
+    constexpr int manyLooks = 64;
+    if (m_directory != Place.Directory->Identity) {
+        m_directory = Place.Directory->Identity;
+        m_looks = 0;
+    }
+    m_looks += m_looks < manyLooks ? 1 : 0;
+    if (m_looks == manyLooks && TavroListDirectory(Place.Number(), m_listing) == 0) {
+        ++m_looks;
+        m_names.clear();
+        while (const char* name = m_listing.Next()) {
+            m_names.insert(name);
+        }
+    }
+    return m_looks > manyLooks && Place.Name != "." && m_names.count(Place.Name) == 0;
+}
+
+int TavroNameSearch::Look(const TavroPlace& Place, struct stat& OutStatus) {
+    return IsMissing(Place) ? ENOENT : TavroStatAt(Place.Number(), Place.Name.c_str(), OutStatus);
+}
+
 std::vector<std::string> TavroFindMissing(std::string Path) {
     std::vector<std::string> missing;
     struct stat status = {};

@@ -12,6 +12,8 @@
 #include <deque>
 #include <memory>
 #include <string>
+#include <string_view>
+#include <unordered_set>
 #include <vector>
 
 /// An open directory.
@@ -86,6 +88,28 @@ private:
                               std::vector<std::string>& OutCreated, TavroPlace& Place);
 
     std::deque<std::shared_ptr<const TavroDirectory>> m_open; ///< The last used first.
+};
+
+/// Looks for names in one directory after the other. From many looks into the same one on, its
+/// names are read at once: what comes there later is not seen.
+class TavroNameSearch {
+public:
+    /// @param OutStatus  of what is there.
+    /// @return 0; ENOENT when nothing of that name is there; or the error number of looking.
+    int Look(const TavroPlace& Place, struct stat& OutStatus);
+
+    /// Begins anew: the directory was changed.
+    void Forget() {
+        m_directory = {};
+    }
+
+private:
+    bool IsMissing(const TavroPlace& Place);
+
+    TavroIdentity m_directory; ///< That was looked into last.
+    int m_looks = 0;
+    TavroListing m_listing;
+    std::unordered_set<std::string_view> m_names; ///< Once it was listed.
 };
 
 /// The record of the entry at a path, as a pane that lists it would fill it.
