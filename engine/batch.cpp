@@ -46,6 +46,7 @@ private:
     const TavroBatchHooks& m_hooks;
     TavroProgressTeller m_progress;
     TavroPlaces m_places;
+    TavroNameSearch m_search; ///< For what is at destinations.
     TavroHardLinks m_links;
     const bool m_bSync;
     TavroChanges m_changes;
@@ -120,7 +121,8 @@ TavroFailure Batch::Check(TavroBatchStep& Step) {
 TavroFailure Batch::CheckFree(const TavroBatchStep& Step) {
     TavroPlace to;
     struct stat status = {};
-    const int error = Look(Step.To, to, status);
+    const TavroFailure failure = m_places.Find(Step.To, to);
+    const int error = failure ? failure.Error.value() : m_search.Look(to, status);
     if (error == 0) {
         return {TavroFailureKind::InTheWay, {}, Step.To};
     }

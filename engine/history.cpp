@@ -135,6 +135,9 @@ constexpr std::int64_t mostBytes = 400'000'000;
 /// How many steps of dropped operations are removed with a new one, beside as many as it has.
 constexpr std::int64_t droppedAtOnce = 1000;
 
+/// So many steps are added by one statement: it finds their place once.
+constexpr std::size_t stepsAtOnce = 64;
+
 /// An operation of the state 2 was taken off the list. It goes bit by bit, with later ones, so that
 /// no command pays for a large one at once.
 const std::string schema =
@@ -196,6 +199,7 @@ struct TavroDatabase {
 
     TavroFailure Transact(Access What, const std::function<void()>& Do, bool bAgain = false);
     void Sync();
+    void EmptyLog();
     TavroFailure Change(const char* Text);
     TavroFailure ReadNext(const std::string& Which, std::optional<TavroOperation>& OutOperation);
     bool IsAsItWas(const TavroOperation& Operation);
@@ -217,6 +221,7 @@ struct TavroDatabase {
     bool bImpatient = false;    ///< Nobody is waited for.
     bool bSync = true;          ///< What is written reaches the disk.
     bool bNewLog = false;       ///< The name of the log may not be on the disk.
+    int LogPages = 0;           ///< So long is the log, when it was not emptied since.
     sqlite3* Connection = nullptr;
     int Code = SQLITE_OK;
     std::int64_t ReadVersion = 0; ///< Of what others have written, when an operation was read.
@@ -245,8 +250,11 @@ public:
     /// Begins anew, with other values. Texts must live as long as they are bound.
     template <typename... Values> void Bind(const Values&... All) {
         sqlite3_reset(m_statement);
-        int index = 0;
-        (BindOne(++index, All), ...);
+        m_bound = 0;
+        BindMore(All...);
+    }
+    template <typename... Values> void BindMore(const Values&... All) {
+        (BindOne(++m_bound, All), ...);
     }
 
     /// Goes on to the next row. @return whether there is one.
@@ -279,6 +287,7 @@ private:
 
     TavroDatabase& m_database;
     sqlite3_stmt* m_statement = nullptr;
+    int m_bound = 0; ///< How many values have been.
 };
 
 } // namespace
@@ -399,20 +408,29 @@ TavroFailure TavroDatabase::Open(bool bAgain) {
 
 namespace {
 
-/// After a commit: moves a long log into the file. A short one stays, so that most commands wait
-/// for the disk once; each opening reads it. Nobody is waited for: the next commit tries again.
-int EmptyLog(void* Self, sqlite3* Connection, const char* /*Name*/, int PageCount) {
-    constexpr int longLog = 100;
-    if (PageCount >= longLog) {
-        static_cast<TavroDatabase*>(Self)->bImpatient = true;
-        sqlite3_wal_checkpoint_v2(Connection, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr,
-                                  nullptr);
-        static_cast<TavroDatabase*>(Self)->bImpatient = false;
+/// After a commit. What an operation on its way has written is written again at its end.
+int NoteLog(void* Self, sqlite3* /*Connection*/, const char* /*Name*/, int PageCount) {
+    auto& database = *static_cast<TavroDatabase*>(Self);
+    database.LogPages = PageCount;
+    if (!database.Running.IsOpen()) {
+        database.EmptyLog();
     }
     return SQLITE_OK;
 }
 
 } // namespace
+
+/// Moves a long log into the file. A short one stays, so that most commands wait for the disk once;
+/// each opening reads it. Nobody is waited for: the next commit tries again.
+void TavroDatabase::EmptyLog() {
+    constexpr int longLog = 100;
+    if (std::exchange(LogPages, 0) >= longLog) {
+        bImpatient = true;
+        sqlite3_wal_checkpoint_v2(Connection, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr,
+                                  nullptr);
+        bImpatient = false;
+    }
+}
 
 void TavroDatabase::Connect() {
     Code = sqlite3_open_v2(Place.OwnPath().c_str(), &Connection,
@@ -440,7 +458,7 @@ void TavroDatabase::Connect() {
         Connection,
         [](void* self, int count) -> int { return static_cast<TavroDatabase*>(self)->Wait(count); },
         this);
-    sqlite3_wal_hook(Connection, EmptyLog, this);
+    sqlite3_wal_hook(Connection, NoteLog, this);
     // What is committed is synced by Sync: SQLite would sync the directory each time, too.
     Execute("PRAGMA synchronous=NORMAL;PRAGMA cell_size_check=ON;PRAGMA secure_delete=OFF");
     bNewLog = TavroStatAt(Place.Number(), (Place.Name + logSuffix).c_str(), status) != 0;
@@ -672,13 +690,26 @@ void RemoveDropped(TavroDatabase& Database, std::int64_t Count) {
 
 void TavroDatabase::InsertSteps(std::int64_t Id, std::int64_t First,
                                 const std::vector<TavroStep>& Steps) {
-    Statement insert(*this, "INSERT OR REPLACE INTO step VALUES "
-                            "(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
-    for (const TavroStep& step : Steps) {
-        insert.Bind(Id, First++, Integer(step.Role), step.From, step.To, step.Record,
-                    Integer(step.Identity.Device), Integer(step.Identity.Inode), step.ChangeTime,
-                    Integer(step.Mode), Integer(step.bDirectory), step.Attributes, step.Staged,
-                    Integer(step.Source.Device), Integer(step.Source.Inode), step.SourceTime);
+    const std::string row = "(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)";
+    std::string text = "INSERT OR REPLACE INTO step VALUES ";
+    Statement one(*this, text + row);
+    for (std::size_t i = 0; i < stepsAtOnce; ++i) {
+        text += (i == 0 ? "" : ", ") + row;
+    }
+    std::optional<Statement> many;
+    std::size_t at = 0;
+    while (at < Steps.size()) {
+        const bool bMany = Steps.size() - at >= stepsAtOnce;
+        Statement& insert = !bMany ? one : many ? *many : many.emplace(*this, text);
+        insert.Bind();
+        for (std::size_t i = 0; i < (bMany ? stepsAtOnce : 1); ++i, ++at) {
+            const TavroStep& step = Steps[at];
+            insert.BindMore(Id, First++, Integer(step.Role), step.From, step.To, step.Record,
+                            Integer(step.Identity.Device), Integer(step.Identity.Inode),
+                            step.ChangeTime, Integer(step.Mode), Integer(step.bDirectory),
+                            step.Attributes, step.Staged, Integer(step.Source.Device),
+                            Integer(step.Source.Inode), step.SourceTime);
+        }
         insert.Next();
     }
 }
@@ -821,6 +852,7 @@ TavroFailure TavroHistory::ContinueOperation(const TavroOperation& Operation,
 
 void TavroHistory::LeaveOperation() {
     m_database->Running.Close();
+    m_database->EmptyLog();
 }
 
 bool TavroHistory::IsRunning(const TavroOperation& Operation) const {

@@ -79,38 +79,14 @@ bool TavroStagedCopy::Stage(const struct stat& Source, TavroDescriptor Open) {
     return true;
 }
 
-namespace {
-
-/// What is known of a directory that is not held open.
-std::shared_ptr<const TavroDirectory> Closed(const TavroDirectory& Directory) {
-    auto closed = std::make_shared<TavroDirectory>();
-    closed->Identity = Directory.Identity;
-    closed->Path = Directory.Path;
-    closed->OwnPath = Directory.OwnPath;
-    return closed;
-}
-
-/// The directory must be the one that it was, wherever its path leads by now.
-TavroFailure Open(TavroPlaces& Places, TavroPlace& IoPlace) {
-    TavroPlace place;
-    TavroFailure failure = Places.Find(IoPlace.Path(), place);
-    if (!failure && place.Directory->Identity != IoPlace.Directory->Identity) {
-        failure = TavroFail(Kind::LookAt, ESTALE, IoPlace.Path());
-    }
-    IoPlace.Directory = failure ? IoPlace.Directory : std::move(place.Directory);
-    return failure;
-}
-
-} // namespace
-
 void TavroStagedCopy::Rest() {
-    m_from.Directory = Closed(*m_from.Directory);
-    m_to.Directory = Closed(*m_to.Directory);
+    m_from.Directory = TavroClosed(m_from.Directory);
+    m_to.Directory = TavroClosed(m_to.Directory);
 }
 
 TavroFailure TavroStagedCopy::Wake(TavroPlaces& Places) {
-    TavroFailure failure = Open(Places, m_to);
-    return failure ? failure : Open(Places, m_from);
+    TavroFailure failure = Places.FindAgain(m_to);
+    return failure ? failure : Places.FindAgain(m_from);
 }
 
 TavroFailure TavroStagedCopy::LookAtStaged(TavroFileState& OutState) const {
@@ -165,7 +141,7 @@ void TavroStagedCopy::GiveUp() {
 }
 
 TavroFailure TavroStagedCopy::GiveUp(TavroPlaces& Places) {
-    TavroFailure failure = Open(Places, m_to);
+    TavroFailure failure = Places.FindAgain(m_to);
     if (!failure) {
         GiveUp();
     }

@@ -119,7 +119,9 @@ std::string TavroParentOf(const std::string& Path) {
 
 std::string TavroJoin(const std::string& Directory, const std::string& Name) {
     const bool bSeparated = Directory.empty() || Directory.back() == '/';
-    return bSeparated ? Directory + Name : Directory + '/' + Name;
+    std::string path;
+    path.reserve(Directory.size() + 1 + Name.size());
+    return path.append(Directory).append(bSeparated ? "" : "/").append(Name);
 }
 
 bool TavroIsBelow(const std::string& Directory, const std::string& Path) {

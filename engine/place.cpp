@@ -130,6 +130,21 @@ std::string TavroPlace::OwnPath() const {
     return Name == "." ? Directory->OwnPath : TavroJoin(Directory->OwnPath, Name);
 }
 
+std::shared_ptr<const TavroDirectory>
+TavroClosed(const std::shared_ptr<const TavroDirectory>& Directory) {
+    if (!Directory->Descriptor.IsOpen()) {
+        return Directory;
+    }
+    if (!Directory->Closed) {
+        auto closed = std::make_shared<TavroDirectory>();
+        closed->Identity = Directory->Identity;
+        closed->Path = Directory->Path;
+        closed->OwnPath = Directory->OwnPath;
+        Directory->Closed = std::move(closed);
+    }
+    return Directory->Closed;
+}
+
 /// The directory that is open by the first `Size` bytes of a path, if there is one.
 std::shared_ptr<const TavroDirectory> TavroPlaces::FindOpen(const std::string& Path,
                                                             std::size_t Size) {
@@ -232,6 +247,17 @@ TavroFailure TavroPlaces::Find(const std::string& Path, TavroPlace& OutPlace) {
     return {};
 }
 
+TavroFailure TavroPlaces::FindAgain(TavroPlace& IoPlace) {
+    const TavroDirectory& was = *IoPlace.Directory;
+    TavroPlace place = {FindOpen(was.Path, was.Path.size()), IoPlace.Name};
+    TavroFailure failure = place.Directory ? TavroFailure() : Find(IoPlace.Path(), place);
+    if (!failure && place.Directory->Identity != was.Identity) {
+        failure = TavroFail(TavroFailureKind::LookAt, ESTALE, IoPlace.Path());
+    }
+    IoPlace.Directory = failure ? IoPlace.Directory : std::move(place.Directory);
+    return failure;
+}
+
 TavroFailure TavroPlaces::FindOrCreate(const std::string& Path, mode_t Mode,
                                        std::vector<std::string>& OutCreated, TavroPlace& OutPlace) {
     const std::string path = EntryPath(Path);
@@ -281,6 +307,28 @@ TavroFailure TavroPlaces::EnterCreated(const std::string& Path, mode_t Mode,
     }
     const bool bInTheWay = error == EEXIST && openError == ENOTDIR;
     return TavroFail(TavroFailureKind::CreateDirectory, bInTheWay ? EEXIST : openError, Path);
+}
+
+/// Whether the names that were read tell that there is nothing.
+bool TavroNameSearch::IsMissing(const TavroPlace& Place) {
+    constexpr int manyLooks = 64;
+    if (m_directory != Place.Directory->Identity) {
+        m_directory = Place.Directory->Identity;
+        m_looks = 0;
+    }
+    m_looks += m_looks < manyLooks ? 1 : 0;
+    if (m_looks == manyLooks && TavroListDirectory(Place.Number(), m_listing) == 0) {
+        ++m_looks;
+        m_names.clear();
+        while (const char* name = m_listing.Next()) {
+            m_names.insert(name);
+        }
+    }
+    return m_looks > manyLooks && Place.Name != "." && m_names.count(Place.Name) == 0;
+}
+
+int TavroNameSearch::Look(const TavroPlace& Place, struct stat& OutStatus) {
+    return IsMissing(Place) ? ENOENT : TavroStatAt(Place.Number(), Place.Name.c_str(), OutStatus);
 }
 
 std::vector<std::string> TavroFindMissing(std::string Path) {

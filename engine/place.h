@@ -12,6 +12,8 @@
 #include <deque>
 #include <memory>
 #include <string>
+#include <string_view>
+#include <unordered_set>
 #include <vector>
 
 /// An open directory.
@@ -20,7 +22,14 @@ struct TavroDirectory {
     TavroIdentity Identity;
     std::string Path;    ///< As it was asked for, for messages.
     std::string OwnPath; ///< Absolute, with links resolved as far as they could be.
+
+    /// The same, closed, for whoever knew it; TavroClosed makes it.
+    mutable std::shared_ptr<const TavroDirectory> Closed = {};
 };
+
+/// What is known of a directory that is not held open: one for all that were in it.
+std::shared_ptr<const TavroDirectory>
+TavroClosed(const std::shared_ptr<const TavroDirectory>& Directory);
 
 /// As long as a place is kept, its directory is open: not to be kept for thousands of entries.
 struct TavroPlace {
@@ -61,6 +70,9 @@ public:
     TavroFailure FindOrCreate(const std::string& Path, mode_t Mode,
                               std::vector<std::string>& OutCreated, TavroPlace& OutPlace);
 
+    /// As Find, for the directory of a place: the one that it was, or ESTALE.
+    TavroFailure FindAgain(TavroPlace& IoPlace);
+
     /// Closes a directory and what is below it, because it has gone from its path: whoever finds
     /// that path again is to get what is there by then.
     void Forget(const std::string& OwnPath);
@@ -76,6 +88,28 @@ private:
                               std::vector<std::string>& OutCreated, TavroPlace& Place);
 
     std::deque<std::shared_ptr<const TavroDirectory>> m_open; ///< The last used first.
+};
+
+/// Looks for names in one directory after the other. From many looks into the same one on, its
+/// names are read at once: what comes there later is not seen.
+class TavroNameSearch {
+public:
+    /// @param OutStatus  of what is there.
+    /// @return 0; ENOENT when nothing of that name is there; or the error number of looking.
+    int Look(const TavroPlace& Place, struct stat& OutStatus);
+
+    /// Begins anew: the directory was changed.
+    void Forget() {
+        m_directory = {};
+    }
+
+private:
+    bool IsMissing(const TavroPlace& Place);
+
+    TavroIdentity m_directory; ///< That was looked into last.
+    int m_looks = 0;
+    TavroListing m_listing;
+    std::unordered_set<std::string_view> m_names; ///< Once it was listed.
 };
 
 /// The record of the entry at a path, as a pane that lists it would fill it.

@@ -1,7 +1,7 @@
 #include "plan.h"
 
 #include "names.h"
-#include "posix.h"
+#include "place.h"
 #include "tavropane.h"
 
 #include <cerrno>
@@ -14,23 +14,28 @@ namespace {
 /// The directory that several entries go into.
 class Target {
 public:
-    explicit Target(const std::string& Path) : m_error(TavroOpenDirectory(Path, m_directory)) {}
+    explicit Target(const std::string& Path) {
+        const TavroFailure failure =
+            Path.empty() ? TavroFailure() : m_places.Find(TavroJoin(Path, "x"), m_place);
+        m_bMissing = failure.Error == std::errc::no_such_file_or_directory;
+    }
 
     /// Whether an entry can go there for certain: it cannot be what is there, for there is nothing,
     /// and it cannot hold the target.
-    bool Takes(const TavroOperationEntry& Entry) const {
+    bool Takes(const TavroOperationEntry& Entry) {
         if (Entry.bDirectory || Entry.Path.empty() || TavroIsCddaPath(Entry.Path)) {
             return false;
         }
         struct stat status = {};
-        const std::string name = TavroNameOf(Entry.Path);
-        return m_error == ENOENT ||
-               (m_error == 0 && TavroStatAt(m_directory.Number(), name.c_str(), status) == ENOENT);
+        m_place.Name = TavroNameOf(Entry.Path);
+        return m_bMissing || (m_place.Directory && m_search.Look(m_place, status) == ENOENT);
     }
 
 private:
-    TavroDescriptor m_directory;
-    int m_error;
+    TavroPlaces m_places;
+    TavroPlace m_place;
+    TavroNameSearch m_search;
+    bool m_bMissing = false;
 };
 
 } // namespace
@@ -42,7 +47,7 @@ bool TavroPlanTransfer(const std::vector<TavroOperationEntry>& Entries,
     // The module checks the target with the first two entries, and each that is not certain. One
     // alone could be given a new path, so it never gets less than two.
     const fs::path path = TavroResolveUserPath(TavroTrimText(TargetText), BaseDirectory);
-    const Target target(path.string());
+    Target target(path.string());
     std::vector<bool> isCertain(Entries.size());
     std::vector<TavroOperationEntry> uncertain;
     for (std::size_t i = 0; i < Entries.size(); ++i) {

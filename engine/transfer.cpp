@@ -212,9 +212,6 @@ struct Emptied {
 /// From so many waiting entries on they are not let wait for more.
 constexpr std::size_t mostPending = 20000;
 
-/// From so many looks into one directory on, its names are read at once.
-constexpr int manyLooks = 64;
-
 /// How often an entry is tried whose destination appears and vanishes all the time.
 constexpr int mostTries = 10;
 
@@ -326,11 +323,7 @@ private:
     std::uint64_t m_itemsFinished = 0;
     std::uint64_t m_bytesFinished = 0;
 
-    // The directory that was looked into last, how often, and its names once they were read.
-    TavroIdentity m_lookedInto;
-    int m_looks = 0;
-    std::unordered_set<std::string> m_taken;
-
+    TavroNameSearch m_search; ///< For what is at destinations.
     TavroDescriptor m_source; ///< A file that is to be copied next.
     std::vector<Pending> m_pending;
     std::unordered_set<std::string> m_pendingTo; ///< Own paths.
@@ -577,20 +570,7 @@ void Transfer::TransferEntry(const Route& Way, TavroTransferItemPlan* Item) {
 
 /// Whether something is at a place. What comes there later is found when an entry is published.
 bool Transfer::IsTaken(const TavroPlace& To, struct stat& OutThere) {
-    if (m_lookedInto != To.Directory->Identity) {
-        m_lookedInto = To.Directory->Identity;
-        m_looks = 0;
-    }
-    TavroListing listing;
-    m_looks += m_looks < manyLooks ? 1 : 0;
-    if (m_looks == manyLooks && TavroListDirectory(To.Number(), listing) == 0) {
-        ++m_looks;
-        m_taken.clear();
-        while (const char* name = listing.Next()) {
-            m_taken.insert(name);
-        }
-    }
-    return (m_looks <= manyLooks || m_taken.count(To.Name) != 0) && Look(To, OutThere) == 0;
+    return m_search.Look(To, OutThere) == 0;
 }
 
 /// Whether an entry has to do with what waits: is in it, holds it, or goes to where it goes.
@@ -826,7 +806,7 @@ void Transfer::Flush() {
     std::vector<Pending> entries = std::exchange(m_pending, {});
     m_pendingTo.clear();
     m_pendingWork = OwnWork();
-    m_lookedInto = {};
+    m_search.Forget();
     TavroFailure failure = ClaimTrash(entries);
     const bool bTold = m_changes.Covers(m_toldOn);
     int error = failure ? 0 : m_changes.Flush();

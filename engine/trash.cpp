@@ -444,17 +444,20 @@ void RemoveRecords(const std::vector<TavroBatchStep>& Steps, TavroChanges& Chang
 /// that are missing are those that it had removed.
 std::vector<TavroStep> StepsToRestore(const std::vector<TavroBatchStep>& Steps) {
     std::vector<TavroStep> steps;
+    steps.reserve(Steps.size());
     std::set<std::string, std::greater<>> missing; // inner ones first
+    std::string present; // the directory that was there last: neighbours have the same
     for (const TavroBatchStep& step : Steps) {
         const std::string info = TavroJoin(TavroParentOf(TavroParentOf(step.From)), "info");
         steps.push_back({TavroStepRole::Trashed, step.To, step.From,
                          TavroJoin(info, TavroRecordName(TavroNameOf(step.From))),
                          step.Seen->State.Identity, 0, 0, step.Seen->State.IsDirectory()});
         std::string parent = TavroParentOf(step.To);
-        while (missing.count(parent) == 0 && !TavroIsPresent(parent)) {
+        while (parent != present && missing.count(parent) == 0 && !TavroIsPresent(parent)) {
             missing.insert(parent);
             parent = TavroParentOf(parent);
         }
+        present = missing.count(parent) == 0 ? parent : present;
     }
     for (const std::string& directory : missing) {
         steps.push_back({TavroStepRole::RemovedDirectory, directory, "", "", {}, 0, 0700});

@@ -148,6 +148,7 @@ private:
     std::vector<TavroStep>& m_steps;
     TavroPlaces m_places;
     TavroGuard m_guard{TavroAct::Move};
+    const std::string m_home = TavroHomeDirectoryPath();
     Directories m_made;
     TavroChanges m_changes;
     TavroProgressTeller m_progress;
@@ -253,8 +254,7 @@ TavroFailure Reversal::CheckRecord(const TavroStep& Step, const TavroFileState& 
     if (State.ChangeTime <= Step.ChangeTime || m_places.Find(Step.Record, record)) {
         return {};
     }
-    const auto read =
-        TavroReadRecord(record.Number(), TavroNameOf(Step.To), TavroHomeDirectoryPath());
+    const auto read = TavroReadRecord(record.Number(), TavroNameOf(Step.To), m_home);
     return !read || read->Path == Step.From
                ? TavroFailure()
                : TavroFailure{Kind::Replaced, {}, Step.To, "what was at '" + read->Path + "'"};
@@ -577,13 +577,15 @@ TavroFailure Reversal::Restore(Role What) {
     }
     TavroCallbacks callbacks = m_callbacks;
     bool bKept = true; // the steps themselves are
-    callbacks.BeforeActs = [&](TavroOperationKind kind, std::vector<TavroStep> more) {
+    callbacks.BeforeActs = [&](TavroOperationKind kind, const std::vector<TavroStep>& told) {
+        if (std::exchange(bKept, false) || !m_callbacks.BeforeActs) {
+            return TavroFailure();
+        }
+        std::vector<TavroStep> more = told;
         for (TavroStep& step : more) {
             step.Role = What;
         }
-        return std::exchange(bKept, false) || !m_callbacks.BeforeActs
-                   ? TavroFailure()
-                   : m_callbacks.BeforeActs(kind, more);
+        return m_callbacks.BeforeActs(kind, more);
     };
     m_report.Trash = TavroRestoreSelection(entries, callbacks);
     for (std::size_t i = 0; i < m_report.Trash.Entries.size(); ++i) {
