@@ -55,7 +55,9 @@ TavroCallbacks TavroProgressBar::Callbacks() {
     if (m_bActive) { // who tells progress measures first
         callbacks.OnProgress = [this](const TavroProgress& progress) {
             const std::chrono::duration<double> seconds = Clock::now() - m_begin;
-            ShowText(ProgressText(progress, seconds.count()));
+            m_due = progress.bToDisk ? Clock::time_point() : m_due; // it stands there for long
+            ShowText(progress.bToDisk ? "Writing to disk"
+                                      : ProgressText(progress, seconds.count()));
         };
     }
     return callbacks;

@@ -123,8 +123,9 @@ TavroFailure Batch::CheckFree(const TavroBatchStep& Step) {
     struct stat status = {};
     const TavroFailure failure = m_places.Find(Step.To, to);
     const int error = failure ? failure.Error.value() : m_search.Look(to, status);
-    if (error == 0) {
-        return {TavroFailureKind::InTheWay, {}, Step.To};
+    if (error == 0) { // which may be itself by another spelling
+        const bool bItself = TavroIdentityOf(status) == Step.Seen->State.Identity;
+        return bItself ? TavroFailure() : TavroFailure{TavroFailureKind::InTheWay, {}, Step.To};
     }
     // What is not there yet is created, or comes back by an earlier step.
     return IsMissing(error) ? TavroFailure() : TavroFail(TavroFailureKind::LookAt, error, Step.To);

@@ -461,7 +461,10 @@ TavroFailure Fill(int From, const struct stat& Source, int To, mode_t CreatedWit
     if (error != 0) {
         return TavroFail(Kind::SetAttributes, error, "");
     }
-    error = bSync ? TavroSync(To) : 0;
+    if (bSync) {
+        Progress.TellOfDisk();
+        error = TavroSync(To);
+    }
     return error != 0 ? TavroFail(Kind::Write, error, "") : TavroFailure();
 }
 

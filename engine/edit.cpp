@@ -95,7 +95,10 @@ TavroFailure FindTarget(TavroPlaces& Places, const std::string& Target, const Ta
     struct stat status = {};
     TavroFailure failure = Look(Places, Target, OutTo, status);
     if (!failure) {
-        return Taken(From, OutTo);
+        return TavroIsOtherSpelling(From.Number(), From.Name.c_str(), OutTo.Number(),
+                                    OutTo.Name.c_str())
+                   ? BeforeActs()
+                   : Taken(From, OutTo);
     }
     if (failure.Kind == Kind::LookAt) {
         failure.Kind = Kind::ExamineRenameTarget;

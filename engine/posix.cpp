@@ -305,7 +305,28 @@ int TavroListDirectory(int Directory, TavroListing& OutListing) {
 // Changing names
 // =================================================================================================
 
-int TavroRenameNoReplace(int FromDirectory, const char* From, int ToDirectory, const char* To) {
+bool TavroIsOtherSpelling(int FromDirectory, const char* From, int ToDirectory, const char* To) {
+    struct stat from = {};
+    struct stat to = {};
+    TavroListing listing;
+    const auto isSame = [&] { return TavroIdentityOf(from) == TavroIdentityOf(to); };
+    if (TavroStatAt(FromDirectory, From, from) != 0 || TavroStatAt(ToDirectory, To, to) != 0 ||
+        !isSame() || TavroStat(FromDirectory, from) != 0 || TavroStat(ToDirectory, to) != 0 ||
+        !isSame() || TavroListDirectory(ToDirectory, listing) != 0) {
+        return false;
+    }
+    bool bFromListed = false;
+    bool bToListed = false;
+    while (const char* name = listing.Next()) {
+        bFromListed = bFromListed || std::strcmp(name, From) == 0;
+        bToListed = bToListed || std::strcmp(name, To) == 0;
+    }
+    return bFromListed && !bToListed;
+}
+
+namespace {
+
+int RenameToFree(int FromDirectory, const char* From, int ToDirectory, const char* To) {
     const int error =
         ErrorOf([&] { return renameat2(FromDirectory, From, ToDirectory, To, RENAME_NOREPLACE); });
     if (error != EINVAL && error != ENOSYS) {
@@ -318,6 +339,25 @@ int TavroRenameNoReplace(int FromDirectory, const char* From, int ToDirectory, c
         return lookError == 0 ? EEXIST : lookError;
     }
     return TavroRename(FromDirectory, From, ToDirectory, To);
+}
+
+} // namespace
+
+int TavroRenameNoReplace(int FromDirectory, const char* From, int ToDirectory, const char* To) {
+    int error = RenameToFree(FromDirectory, From, ToDirectory, To);
+    if (error != EEXIST || !TavroIsOtherSpelling(FromDirectory, From, ToDirectory, To)) {
+        return error;
+    }
+    const std::string aside = TavroAsideName(TavroStagingName());
+    error = RenameToFree(FromDirectory, From, ToDirectory, aside.c_str());
+    if (error != 0) {
+        return error;
+    }
+    error = RenameToFree(ToDirectory, aside.c_str(), ToDirectory, To);
+    if (error != 0) {
+        RenameToFree(ToDirectory, aside.c_str(), FromDirectory, From);
+    }
+    return error;
 }
 
 int TavroRename(int FromDirectory, const char* From, int ToDirectory, const char* To) {

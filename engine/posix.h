@@ -121,8 +121,13 @@ int TavroListDirectory(int Directory, TavroListing& OutListing);
 
 // --- Changing names ---
 
+/// Whether two names lead to one file because the directory takes them for the same, as one that
+/// does not tell small letters from capitals: only the first is listed.
+bool TavroIsOtherSpelling(int FromDirectory, const char* From, int ToDirectory, const char* To);
+
 /// Renames without replacing anything: EEXIST when something is at the new name. Where the file
-/// system has no such call, the name is looked at first.
+/// system has no such call, the name is looked at first. To another spelling of its name a file
+/// goes in two steps, by a name that ends in "-old".
 int TavroRenameNoReplace(int FromDirectory, const char* From, int ToDirectory, const char* To);
 
 /// Renames; what is at the new name is replaced.

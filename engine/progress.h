@@ -19,6 +19,7 @@ struct TavroProgress {
     std::uint64_t BytesDone = 0; ///< Bytes written or moved, of `ByteCount`.
     std::uint64_t ByteCount = 0;
     std::string CurrentPath; ///< What is being read.
+    bool bToDisk = false;    ///< What was written is being brought to the disk.
 };
 
 /// What every operation tells and asks, on its own thread. Each may be empty.
@@ -109,6 +110,15 @@ public:
         if (IsHeard()) {
             m_callbacks.OnProgress(m_progress);
         }
+    }
+
+    /// Tells that what was written is brought to the disk now, which may take its time.
+    void TellOfDisk() {
+        m_progress.bToDisk = m_callbacks.bSync;
+        if (m_progress.bToDisk) {
+            Tell();
+        }
+        m_progress.bToDisk = false;
     }
 
 private:

@@ -809,6 +809,9 @@ void Transfer::Flush() {
     m_search.Forget();
     TavroFailure failure = ClaimTrash(entries);
     const bool bTold = m_changes.Covers(m_toldOn);
+    if (!entries.empty()) {
+        m_progress.TellOfDisk();
+    }
     int error = failure ? 0 : m_changes.Flush();
     m_told = bTold ? m_told : TavroIdentity();
     if (error != 0) {

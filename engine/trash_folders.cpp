@@ -21,9 +21,12 @@ namespace {
 /// Gives a new directory its mode: the umask may have taken permissions of the user's own.
 int MakePrivate(const TavroPlace& Place) {
     TavroDescriptor directory;
-    const int error =
-        TavroOpenAt(Place.Number(), Place.Name.c_str(), O_PATH | O_DIRECTORY, directory);
-    return error != 0 ? error : TavroSetPathMode(directory.Number(), 0700);
+    struct stat status = {};
+    int error = TavroOpenAt(Place.Number(), Place.Name.c_str(), O_PATH | O_DIRECTORY, directory);
+    error = error != 0 ? error : TavroStat(directory.Number(), status);
+    return error != 0 || (status.st_mode & 07777U) == 0700U
+               ? error
+               : TavroSetPathMode(directory.Number(), 0700);
 }
 
 /// Sees that there is a directory at a path.

@@ -447,6 +447,16 @@ TEST_F(Posix, renames_without_replacing_anything_of_any_kind) {
     EXPECT_EQ("file", readFile(m_box / "file"));
 }
 
+TEST_F(Posix, another_name_of_a_file_is_no_other_spelling_of_its_name) {
+    writeFile(m_box / "a", "a");
+    ASSERT_EQ(0, link((m_box / "a").c_str(), (m_box / "A").c_str()));
+    EXPECT_FALSE(TavroIsOtherSpelling(at(), "a", at(), "A"));
+    EXPECT_FALSE(TavroIsOtherSpelling(at(), "a", at(), "a"));
+    EXPECT_FALSE(TavroIsOtherSpelling(at(), "a", at(), "missing"));
+    EXPECT_EQ(EEXIST, TavroRenameNoReplace(at(), "a", at(), "A"));
+    EXPECT_EQ(readFile(m_box / "a") + readFile(m_box / "A"), "aa");
+}
+
 TEST_F(Posix, without_the_kernels_help_a_name_that_cannot_be_looked_at_is_not_taken_for_free) {
     writeFile(m_box / "file");
     const FaultInjector injector({{"renameat2", EINVAL}, {"fstatat", EACCES, "new"}});

@@ -112,6 +112,24 @@ TEST_F(CarryOutTransfer, what_did_not_reach_the_disk_under_its_name_is_not_moved
     EXPECT_EQ("ab", readFile(source("a")) + readFile(source("b")));
 }
 
+TEST_F(CarryOutTransfer, it_is_told_when_what_was_copied_is_brought_to_the_disk) {
+    for (const bool bSync : {true, false}) {
+        for (const char* name : {"file", "tree"}) {
+            writeFile(source("file"), "a");
+            writeFile(source("tree/a"), "a");
+            int told = 0;
+            m_callbacks.bSync = bSync;
+            m_callbacks.OnProgress = [&](const TavroProgress& progress) {
+                told += progress.bToDisk ? 1 : 0;
+                EXPECT_FALSE(progress.bToDisk && isPresent(target(name)));
+            };
+            EXPECT_TRUE(copy({name}));
+            EXPECT_EQ(told > 0, bSync) << name;
+            fs::remove_all(target(name));
+        }
+    }
+}
+
 TEST_F(CarryOutTransfer, a_name_claimed_in_the_trash_is_given_up_when_nothing_is_replaced) {
     const int count = 100; // more directories than are held open
     for (int i = 0; i < count; ++i) {
