@@ -82,6 +82,7 @@ private:
     std::filesystem::path m_victim;
     std::vector<std::string> m_victimBefore;
     std::unique_ptr<ScopedEnvironment> m_home;
+    ScopedEnvironment m_state{"XDG_STATE_HOME", std::nullopt};
     std::set<std::string> m_opened;
     std::string m_opening; ///< By the call that was told last.
     int m_run = 0;

@@ -807,7 +807,7 @@ TEST_P(Recovery, an_undo_or_a_redo_that_was_taken_back_can_be_done_again) {
             kind == Kind::Trash ? trashBoth() : moveOrCopy(kind);
             bCancelled = false;
             for (const auto& [go, again] :
-                 {std::pair(TavroUndo, undo), std::pair(TavroRedo, redo)}) {
+                 {std::pair(&TavroUndo, &undo), std::pair(&TavroRedo, &redo)}) {
                 const Snapshot before = tree();
                 TavroHistory history;
                 ASSERT_FALSE(openHistory(history));

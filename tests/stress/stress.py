@@ -418,19 +418,27 @@ def is_at_or_below(path, top):
     return path == top or path.startswith(top + "/")
 
 
-def is_told(world, operation, source, target):
+def told_by_commands(world):
+    """By path: when each command had ended that may have changed what is there, and its pair."""
+    told = collections.defaultdict(list)
+    for _, end, _, _, arguments, output in world.Log:
+        for start, goal in pairs_of(arguments, output):
+            told[goal].append((end, start, goal))
+            if arguments[0] != "copy":
+                told[start].append((end, start, goal))
+    return told
+
+
+def is_told(world, commands, operation, source, target):
     """Whether others that acted no earlier tell of a path or of a directory above it: operations, or
     commands, whose operations may have been undone and dropped before anybody looked."""
     above = {target[:end] for end in range(1, len(target) + 1) if target[end:end + 1] in ("", "/")}
-    if any(other is not operation and other.Until >= operation.Since and above & other.Paths
-           for other in world.Operations.values()):
-        return True
-    for _, end, _, _, arguments, output in world.Log:
-        for start, goal in pairs_of(arguments, output) if end >= operation.Since else ():
-            own = is_at_or_below(source, start) and is_at_or_below(target, goal)
-            if not own and above & {goal, "" if arguments[0] == "copy" else start}:
-                return True
-    return False
+    return any(
+        end >= operation.Since
+        and not (is_at_or_below(source, start) and is_at_or_below(target, goal))
+        for path in above for end, start, goal in commands[path]
+    ) or any(other is not operation and other.Until >= operation.Since and above & other.Paths
+             for other in world.Operations.values())
 
 
 def is_there(path, inode):
@@ -447,7 +455,7 @@ def judge_history(world):
     for _, _, _, _, _, output in world.Log:
         if "ollback failed" in output or "moving back failed" in output:
             elsewhere.update(output.split("'")[1::2])
-    told = there = 0
+    commands, told, there = told_by_commands(world), 0, 0
     for one in world.Operations.values():
         for role, source, target, inode in one.results():
             told += 1
@@ -455,7 +463,7 @@ def judge_history(world):
             names = {os.path.basename(path) for path in (source, target)}
             if not (is_there(target, inode) or target in elsewhere
                     or (role == TRASHED and names & world.Restored)
-                    or is_told(world, one, source, target)):
+                    or is_told(world, commands, one, source, target)):
                 world.say(f"operation {one.Number} is done, and what it has put to '{target}' is "
                           "not there")
     return f"{told} entries, {there} of which are where it says"

@@ -10,11 +10,10 @@ namespace tavro_test {
 /// Where something is tried at each of an operation's calls: how far it is from one to the next.
 /// All are tried but under sanitizers, where each takes long, and which memory is used hardly
 /// depends on it. TAVRO_CALL_STRIDE in the environment says otherwise.
-inline int callStride() {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    constexpr int usual = 5;
+inline int callStride(int usual = 5) {
 #else
-    constexpr int usual = 1;
+inline int callStride(int usual = 1) {
 #endif
     const char* text = std::getenv("TAVRO_CALL_STRIDE");
     const int given = text == nullptr ? 0 : std::atoi(text);
