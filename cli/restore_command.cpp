@@ -129,7 +129,12 @@ void TavroAddRestore(CLI::App& App, TavroCommandTable& Table) {
     CLI::Option* quiet = TavroAddQuiet(*command);
     CLI::Option* noSync = TavroAddNoSync(*command);
     Table[command] = [=] {
-        return RunRestore(TavroValues(names), !keepBoth->empty(), !quiet->empty(),
-                          TavroShouldSync(noSync));
+        std::vector<std::string> values = TavroValues(names);
+        for (std::string& value : values) { // a shell adds a slash where there is such a directory
+            while (value.size() > 1 && value.back() == '/') {
+                value.pop_back();
+            }
+        }
+        return RunRestore(values, !keepBoth->empty(), !quiet->empty(), TavroShouldSync(noSync));
     };
 }

@@ -110,6 +110,15 @@ $PWD/d -> $HOME/$trash/files/d"
   [[ $stderr == "tavro: "*"'a'"* ]]
 }
 
+@test "restore takes a name or a path with the slash that a shell adds to a directory" {
+  mkdir d e
+  "$TAVRO" trash d e
+  run -0 tavro restore d/ "$PWD/e//"
+  [[ -d d && -d e ]]
+  run -1 tavro restore ''
+  run -1 tavro restore /
+}
+
 @test "restore refuses an occupied place and offers a free name" {
   echo old >a
   tavro trash a
