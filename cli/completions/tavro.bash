@@ -61,9 +61,10 @@ _tavro() {
   COMPREPLY=()
   _tavro_read_line "$2"
   local command=${words[1]} previous=${words[-1]} value='' options=--help
+  [[ $command == help ]] && words=("${words[@]:1}")
   if ((${#words[@]} == 1)); then
     _tavro_offer copy move plan rename mkdir delete trash undo redo resume history list restore \
-      empty doctor size --help --version
+      empty doctor size help --help --version
     return
   fi
   [[ $word == --*=* ]] && previous=${word%%=*} value=${word%%=*}=

@@ -7,7 +7,8 @@ function __tavro_runs
 end
 
 function __tavro_lacks_command
-    test (count (commandline -opc)) -eq 1
+    set -l words (commandline -opc)
+    test (count $words) -eq 1 -o "$words[2] "(count $words) = 'help 2'
 end
 
 function __tavro_lacks_verb
@@ -44,6 +45,7 @@ end
 
 complete -c tavro -f -n __tavro_lacks_command -l help -d 'Help'
 complete -c tavro -f -n __tavro_lacks_command -l version -d 'Version'
+complete -c tavro -f -n __tavro_lacks_command -a help -d 'Tell more about a command'
 complete -c tavro -f -n __tavro_lacks_command -a copy -d 'Copy entries to a folder or a new path'
 complete -c tavro -f -n __tavro_lacks_command -a move -d 'Move entries to a folder or a new path'
 complete -c tavro -f -n __tavro_lacks_command -a plan -d 'Show what a copy or a move would do'

@@ -133,7 +133,8 @@ completes_lines() {
     'tavro copy --on-conflict k\t' 'tavro copy --on-conflict=k\t' 'tavro copy --in di\t' \
     'tavro copy --in=di\t' 'tavro restore a:\t' 'tavro restore a:b=\t' 'tavro restore "a:b\t' \
     'tavro restore x\\ \t' "tavro restore 'x 'y\\t" 'tavro restore "q\\$\t' 'tavro restore -- -d\t' \
-    'tavro trash g\t' 'tavro size dir/../g\t' 'tavro copy list e\t' 'true; tavro delete g\t'
+    'tavro trash g\t' 'tavro size dir/../g\t' 'tavro copy list e\t' 'true; tavro delete g\t' \
+    'tavro help resu\t'
   expect "$(typed)" "mkdir
 undo --quiet
 copy --no-keep
@@ -152,7 +153,8 @@ restore -- -dash
 trash g\\\$\\(x\\)
 size dir/../g\\\$\\(x\\)
 copy list e\\ f
-delete g\\\$\\(x\\)"
+delete g\\\$\\(x\\)
+help resume"
 }
 
 @test "bash completes commands, options, their values, files and what is in the trash" {
