@@ -1,5 +1,7 @@
 #include "command.h"
 
+#include "tavroops.h"
+
 #include <filesystem>
 
 void TavroProtect(std::vector<std::string>& Arguments) {
@@ -18,11 +20,17 @@ CLI::App* TavroAddCommand(CLI::App& App, const std::string& Name, const std::str
 }
 
 CLI::Option* TavroAddNames(CLI::App& Command, const std::string& Name, int Minimum,
-                           const std::string& Description) {
+                           const std::string& Description, const std::string& Need) {
     constexpr int anyNumber = 1 << 28;
+    CLI::Option* option = TavroAddName(Command, Name, Description, Need);
+    return option->expected(Minimum, anyNumber)->allow_extra_args();
+}
+
+CLI::Option* TavroAddName(CLI::App& Command, const std::string& Name,
+                          const std::string& Description, const std::string& Need) {
     CLI::Option* option = Command.add_option(Name);
-    option->description(Description)->required()->expected(Minimum, anyNumber);
-    return option->allow_extra_args();
+    option->description(Description)->required()->type_name(Need);
+    return option;
 }
 
 CLI::Option* TavroAddQuiet(CLI::App& Command) {
@@ -55,6 +63,17 @@ std::vector<std::string> TavroValues(const CLI::Option* Option) {
 
 std::string TavroValue(const CLI::Option* Option) {
     return TavroValues(Option).at(0);
+}
+
+bool TavroCanResolve(const std::string& Text) {
+    const std::string text = TavroTrimText(Text);
+    const bool bTilde =
+        text == "~" || text.compare(0, 2, "~/") == 0 || text.compare(0, 2, "~\\") == 0;
+    if (bTilde && TavroHomeDirectoryPath().empty()) {
+        TavroPrintError("Cannot tell what '" + text + "' means: HOME is not set");
+        return false;
+    }
+    return true;
 }
 
 bool TavroFindEntries(const std::vector<std::string>& Texts,

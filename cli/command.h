@@ -34,9 +34,14 @@ void TavroProtect(std::vector<std::string>& Arguments);
 CLI::App* TavroAddCommand(CLI::App& App, const std::string& Name, const std::string& Description,
                           const std::string& Example);
 
-/// A list of names, `Minimum` of them at least.
+/// Arguments by their place, `Minimum` of them at least.
+/// @param Need  what the command needs, as its usage errors say it: "an entry to trash".
 CLI::Option* TavroAddNames(CLI::App& Command, const std::string& Name, int Minimum,
-                           const std::string& Description);
+                           const std::string& Description, const std::string& Need);
+
+/// As above, for exactly one.
+CLI::Option* TavroAddName(CLI::App& Command, const std::string& Name,
+                          const std::string& Description, const std::string& Need);
 
 CLI::Option* TavroAddQuiet(CLI::App& Command);
 
@@ -47,6 +52,10 @@ std::string TavroBaseDirectory(const CLI::Option* In);
 /// The values of an option, or the only one, as they were typed.
 std::vector<std::string> TavroValues(const CLI::Option* Option);
 std::string TavroValue(const CLI::Option* Option);
+
+/// Whether a typed text can be resolved: without HOME nothing says what a tilde means, and that is
+/// said on standard error.
+bool TavroCanResolve(const std::string& Text);
 
 /// Finds the entries that texts name. Each that does not exist is reported on standard error.
 /// @param OutEntries  an entry for each text, in order.

@@ -32,7 +32,7 @@ int AgreeToDeleting(const std::vector<TavroOperationEntry>& Entries, std::string
     for (const TavroOperationEntry& entry : Entries) {
         TavroPrintLine(stderr, entry.Path);
     }
-    return TavroConfirm("Delete " + OutContent + " for good?", "Nothing was deleted.");
+    return TavroConfirm("Delete " + OutContent + " for good?", "Nothing was deleted");
 }
 
 int RunDelete(const std::vector<std::string>& Texts, bool bForce, bool bSync) {
@@ -59,7 +59,7 @@ int RunDelete(const std::vector<std::string>& Texts, bool bForce, bool bSync) {
     recording.End({}); // it cannot be undone
     if (failure.Kind == TavroFailureKind::Cancelled) {
         TavroPrintError("Interrupted: what is left of '" + failure.Path +
-                        "' and what comes after it stays.");
+                        "' and what comes after it stays");
         return TavroExitCodeOf(failure);
     }
     if (!failure) {
@@ -73,7 +73,8 @@ int RunDelete(const std::vector<std::string>& Texts, bool bForce, bool bSync) {
 void TavroAddDelete(CLI::App& App, TavroCommandTable& Table) {
     CLI::App* command = TavroAddCommand(App, "delete", "Delete entries for good, after a question",
                                         "delete old.iso");
-    CLI::Option* names = TavroAddNames(*command, "ENTRY", 1, "What is deleted");
+    CLI::Option* names =
+        TavroAddNames(*command, "ENTRY", 1, "What is deleted", "an entry to delete");
     CLI::Option* force = command->add_flag("-f,--force", "Without asking");
     CLI::Option* noSync = TavroAddNoSync(*command);
     Table[command] = [=] {

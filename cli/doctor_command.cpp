@@ -74,7 +74,7 @@ int RunDoctor(const std::vector<std::string>& Mend, bool bMendAll) {
         TavroPrintError("Nothing is wrong with '" + name + "'");
     }
     if (findings.empty()) {
-        TavroPrintLine(stdout, "The trash is in order.");
+        TavroPrintLine(stdout, "The trash is in order");
     }
     return bAll && sound.empty() ? TavroExitDone : TavroExitFailed;
 }
@@ -85,8 +85,9 @@ void TavroAddDoctor(CLI::App& App, TavroCommandTable& Table) {
     CLI::App* command = TavroAddCommand(
         App, "doctor", "Look for items and records that do not match, and for leftovers",
         "doctor --mend old.iso");
-    CLI::Option* mend = TavroAddNames(*command, "--mend", 1, "Mend the findings with these names");
-    mend->required(false)->type_name("NAME...");
+    CLI::Option* mend =
+        TavroAddNames(*command, "--mend", 1, "Mend the findings with these names", "NAME...");
+    mend->required(false);
     CLI::Option* all = command->add_flag("--mend-all", "Mend every finding");
     Table[command] = [=] { return RunDoctor(TavroValues(mend), !all->empty()); };
 }

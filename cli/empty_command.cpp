@@ -41,7 +41,7 @@ int RunEmpty(int OlderThanDays, bool bForce, bool bQuiet, bool bSync) {
             return TavroExitUsage;
         }
         if (const int exitCode = TavroConfirm("Delete " + content + " in the trash for good?",
-                                              "Nothing was deleted.")) {
+                                              "Nothing was deleted")) {
             return exitCode;
         }
     }
@@ -61,7 +61,10 @@ void TavroAddEmpty(CLI::App& App, TavroCommandTable& Table) {
         App, "empty", "Delete what is in the trash, after a question", "empty --older-than 30");
     CLI::Option* days = command->add_option("--older-than");
     days->type_name("DAYS")->description("Only what was trashed more than so many days ago");
-    days->check(CLI::Range(1, 36500));
+    days->check([range = CLI::Range(1, 36500)](const std::string& value) {
+        return range(value).empty() ? ""
+                                    : "takes a number of days from 1 to 36500, not '" + value + "'";
+    });
     CLI::Option* force = command->add_flag("-f,--force", "Without asking");
     CLI::Option* quiet = TavroAddQuiet(*command);
     CLI::Option* noSync = TavroAddNoSync(*command);

@@ -1,6 +1,7 @@
 // The command `tavro`: finds out which command was typed, and runs it.
 
 #include "command.h"
+#include "usage.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -35,6 +36,7 @@ constexpr const char* examples = R"(Examples:
   tavro empty --older-than 30            make room, after a question
   tavro size ~/Music ~/Videos            how many bytes they hold
 
+'tavro help COMMAND' tells more about one.
 A name that begins with a dash goes behind --:  tavro trash -- -x.txt
 Exit codes: 0 done, 1 something failed, 2 wrong usage, 130 interrupted.)";
 
@@ -54,13 +56,28 @@ public:
     }
 };
 
+bool IsCommand(const std::string& Name) {
+    return std::any_of(std::begin(commands), std::end(commands),
+                       [&](const Command& command) { return command.Name == Name; });
+}
+
+/// "help copy" is read as "copy --help".
+void ReadHelp(std::vector<std::string>& Arguments) {
+    if (Arguments.empty() || Arguments.front() != "help") {
+        return;
+    }
+    Arguments.erase(Arguments.begin());
+    if (Arguments.empty() || IsCommand(Arguments.front())) {
+        Arguments.emplace_back("--help");
+    }
+}
+
 /// Adds the parser of the command that was typed alone: it is built in a third of the time that all
 /// of them take. All are wanted for the help, and to say what is wrong.
 void AddCommands(CLI::App& app, const std::string& firstArgument, TavroCommandTable& table) {
-    const auto isTyped = [&](const Command& command) { return command.Name == firstArgument; };
-    const bool bAll = std::none_of(std::begin(commands), std::end(commands), isTyped);
+    const bool bAll = !IsCommand(firstArgument);
     for (const Command& command : commands) {
-        if (bAll || isTyped(command)) {
+        if (bAll || command.Name == firstArgument) {
             command.Add(app, table);
         }
     }
@@ -88,16 +105,19 @@ int FlushOutput(int exitCode) {
     return exitCode == TavroExitDone ? TavroExitFailed : exitCode;
 }
 
-int ParseFailure(CLI::App& app, const CLI::ParseError& error, const std::string& firstArgument) {
+int ParseFailure(CLI::App& app, const CLI::ParseError& error) {
     if (error.get_exit_code() == 0) {
         return FlushOutput(app.exit(error)); // --help and --version
     }
-    const bool bUnknown =
-        app.get_subcommands().empty() && !firstArgument.empty() && firstArgument[0] != '-';
-    std::string sentence = bUnknown ? "Unknown command '" + firstArgument + "'" : error.what();
+    const CLI::App* command = TypedCommand(app);
+    std::string sentence = TavroDescribeUsage(*command, error);
     sentence.erase(std::remove(sentence.begin(), sentence.end(), '\0'), sentence.end());
+    if (sentence.empty()) {
+        std::fputs(app.help().c_str(), stderr); // of the command that was typed
+        return TavroExitUsage;
+    }
     TavroPrintError(sentence);
-    TavroPrintLine(stderr, "Try 'tavro --help'.");
+    TavroPrintLine(stderr, "Try '" + TavroCommandPath(*command) + " --help'");
     return TavroExitUsage;
 }
 
@@ -108,15 +128,15 @@ int RunCommandLine(int argc, char** argv) {
     app.set_version_flag("--version", "tavro " TAVRO_VERSION);
     app.require_subcommand(1);
     TavroCommandTable table;
-    const std::string firstArgument = argc > 1 ? argv[1] : "";
-    AddCommands(app, firstArgument, table);
     std::vector<std::string> arguments(argv + std::min(argc, 1), argv + argc);
+    ReadHelp(arguments);
+    AddCommands(app, arguments.empty() ? "" : arguments.front(), table);
     TavroProtect(arguments);
     std::reverse(arguments.begin(), arguments.end()); // the order that the parser takes
     try {
         app.parse(std::move(arguments));
     } catch (const CLI::ParseError& error) {
-        return ParseFailure(app, error, firstArgument);
+        return ParseFailure(app, error);
     }
     return FlushOutput(table.at(TypedCommand(app))());
 }

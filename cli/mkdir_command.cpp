@@ -7,6 +7,9 @@
 namespace {
 
 int RunMkdir(const std::string& Text, const std::string& BaseDirectory, bool bSync) {
+    if (!TavroCanResolve(Text)) {
+        return TavroExitFailed;
+    }
     TavroCatchInterrupts();
     TavroRecording recording;
     const TavroEditReport report =
@@ -23,8 +26,9 @@ int RunMkdir(const std::string& Text, const std::string& BaseDirectory, bool bSy
 void TavroAddMkdir(CLI::App& App, TavroCommandTable& Table) {
     CLI::App* command = TavroAddCommand(App, "mkdir", "Create a folder, with its missing parents",
                                         "mkdir 'Letters/2026'");
-    CLI::Option* text = command->add_option("TEXT");
-    text->required()->description("The new folder as a pane takes it: a name, a path, ~/…");
+    CLI::Option* text =
+        TavroAddName(*command, "TEXT", "The new folder as a pane takes it: a name, a path, ~/…",
+                     "a name for the new directory");
     CLI::Option* in = TavroAddBaseDirectory(*command);
     CLI::Option* noSync = TavroAddNoSync(*command);
     Table[command] = [=] {

@@ -6,7 +6,8 @@
 
 CLI::Option* TavroAddTransferNames(CLI::App& Command) {
     return TavroAddNames(Command, "ENTRY... TEXT", 2,
-                         "The entries, and last the target as a pane takes it");
+                         "The entries, and last the target as a pane takes it",
+                         "at least one entry and a target");
 }
 
 bool TavroPlanNames(const CLI::Option* Names, const CLI::Option* In, bool bMove,
@@ -16,6 +17,9 @@ bool TavroPlanNames(const CLI::Option* Names, const CLI::Option* In, bool bMove,
     names.pop_back();
     std::vector<TavroOperationEntry> entries;
     if (!TavroFindEntries(names, entries)) {
+        return false;
+    }
+    if (!TavroCanResolve(target)) {
         return false;
     }
     std::string error;

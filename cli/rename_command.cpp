@@ -8,7 +8,7 @@ namespace {
 
 int RunRename(const std::string& Entry, const std::string& Text, bool bSync) {
     std::vector<TavroOperationEntry> entries;
-    if (!TavroFindEntries({Entry}, entries)) {
+    if (!TavroFindEntries({Entry}, entries) || !TavroCanResolve(Text)) {
         return TavroExitFailed;
     }
     TavroCatchInterrupts();
@@ -27,10 +27,10 @@ int RunRename(const std::string& Entry, const std::string& Text, bool bSync) {
 void TavroAddRename(CLI::App& App, TavroCommandTable& Table) {
     CLI::App* command = TavroAddCommand(App, "rename", "Rename an entry, or move it to a new path",
                                         "rename report.txt final.txt");
-    CLI::Option* entry = command->add_option("ENTRY");
-    entry->required()->description("What is renamed");
-    CLI::Option* text = command->add_option("TEXT");
-    text->required()->description("The new name, or the full new path; relative to the entry");
+    CLI::Option* entry = TavroAddName(*command, "ENTRY", "What is renamed", "an entry to rename");
+    CLI::Option* text =
+        TavroAddName(*command, "TEXT", "The new name, or the full new path; relative to the entry",
+                     "a new name");
     CLI::Option* noSync = TavroAddNoSync(*command);
     Table[command] = [=] {
         return RunRename(TavroValue(entry), TavroValue(text), TavroShouldSync(noSync));

@@ -37,7 +37,8 @@ int ChoosePlace(Restoring& Run, std::string& Place) {
         return TavroExitDone;
     }
     if (TavroCanAsk()) {
-        return TavroConfirm("Something is at '" + taken + "'. Restore as '" + Place + "'?");
+        return TavroConfirm("Something is at '" + taken + "'. Restore as '" + Place + "'?",
+                            "Nothing was restored to '" + taken + "'");
     }
     TavroPrintError("Something is at '" + taken + "': with --keep-both it would be restored as '" +
                     Place + "'");
@@ -123,7 +124,8 @@ void TavroAddRestore(CLI::App& App, TavroCommandTable& Table) {
     CLI::App* command =
         TavroAddCommand(App, "restore", "Put trashed entries back", "restore old.iso");
     CLI::Option* names =
-        TavroAddNames(*command, "NAME", 1, "A name in the trash, or an original path");
+        TavroAddNames(*command, "NAME", 1, "A name in the trash, or an original path",
+                      "the name of something in the trash");
     CLI::Option* keepBoth =
         command->add_flag("--keep-both", "To a free name where the original place is taken");
     CLI::Option* quiet = TavroAddQuiet(*command);

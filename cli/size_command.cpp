@@ -74,6 +74,7 @@ int RunSize(const std::vector<std::string>& Directories) {
 void TavroAddSize(CLI::App& App, TavroCommandTable& Table) {
     CLI::App* command = TavroAddCommand(App, "size", "Add up the sizes of the files in folders",
                                         "size ~/Music ~/Videos");
-    CLI::Option* directories = TavroAddNames(*command, "DIRECTORY", 1, "What is measured");
+    CLI::Option* directories =
+        TavroAddNames(*command, "DIRECTORY", 1, "What is measured", "something to measure");
     Table[command] = [=] { return RunSize(TavroValues(directories)); };
 }

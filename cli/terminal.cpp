@@ -57,7 +57,7 @@ void TavroPrintLine(std::FILE* Stream, const std::string& Text) {
 }
 
 void TavroPrintError(const std::string& Sentence) {
-    TavroPrintLine(stderr, "tavro: " + Sentence);
+    TavroPrintLine(stderr, "tavro: " + Sentence.substr(0, Sentence.find_last_not_of('.') + 1));
 }
 
 void TavroPrintSkipped(const std::vector<std::string>& Paths) {
@@ -75,7 +75,10 @@ int TavroExitCodeOf(const TavroFailure& Failure) {
 
 int TavroPrintFailure(const TavroFailure& Failure) {
     if (Failure) {
-        TavroPrintError(TavroDescribe(Failure));
+        const std::string sentence = TavroDescribe(Failure);
+        const bool bNamed =
+            !Failure.Other.empty() || sentence.find(Failure.Path) != std::string::npos;
+        TavroPrintError(bNamed ? sentence : sentence + ": '" + Failure.Path + "'");
     }
     return TavroExitCodeOf(Failure);
 }
@@ -165,8 +168,6 @@ int TavroConfirm(const std::string& Question, const std::string& Otherwise) {
     if (answer == "y" || answer == "Y" || answer == "yes") {
         return TavroExitDone;
     }
-    if (!Otherwise.empty()) {
-        TavroPrintError(Otherwise);
-    }
+    TavroPrintError(Otherwise);
     return answer ? TavroExitFailed : TavroInterruptedExitCode();
 }

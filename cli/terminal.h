@@ -30,7 +30,7 @@ std::string TavroPrintableText(const std::string& Text);
 /// Writes `Text` and a line feed: printable on a terminal, byte for byte into anything else.
 void TavroPrintLine(std::FILE* Stream, const std::string& Text);
 
-/// Writes "tavro: SENTENCE" to standard error.
+/// Writes "tavro: SENTENCE" to standard error, without the full stop that the module's have.
 void TavroPrintError(const std::string& Sentence);
 
 /// Says of each path that it was skipped.
@@ -42,7 +42,8 @@ bool TavroPrintFailures(const std::vector<TavroFailure>& Failures);
 /// The exit code that a failure leads to, or that there is none.
 int TavroExitCodeOf(const TavroFailure& Failure);
 
-/// Writes the sentence of a failure, or nothing when there is none.
+/// Writes the sentence of a failure, with its path when it names none, or nothing when there is
+/// none.
 /// @return its exit code.
 int TavroPrintFailure(const TavroFailure& Failure);
 
@@ -70,9 +71,9 @@ bool TavroCanAsk();
 std::optional<std::string> TavroAsk(const std::string& Question);
 
 /// Asks a question that is answered by y or n.
-/// @param Otherwise  what is said when the answer is no yes. May be empty.
+/// @param Otherwise  what is said when the answer is no yes.
 /// @return TavroExitDone for a yes; else the exit code to end with: that of an interrupt, or
 ///         TavroExitFailed for anything else that was typed, the end of the input included.
-int TavroConfirm(const std::string& Question, const std::string& Otherwise = "");
+int TavroConfirm(const std::string& Question, const std::string& Otherwise);
 
 #endif

@@ -85,21 +85,22 @@ void PrintReport(const TavroTransferReport& Report, bool bMove, bool bQuiet) {
         }
     }
     if (!bQuiet && HasDeleted(Report)) {
-        TavroPrintLine(stdout, "What was replaced is deleted; that cannot be undone.");
+        TavroPrintLine(stdout, "What was replaced is deleted; that cannot be undone");
     }
 }
 
 int ExitCodeOf(const TavroTransferReport& Report, const OnConflict& What, bool bStopped) {
     if (Report.bCancelled && !bStopped) {
         TavroPrintError(Report.bUnsettled
-                            ? "Interrupted: what is listed is done. 'tavro resume' goes "
-                              "on, 'tavro undo' takes it back."
-                        : Report.Done.empty() ? "Interrupted: everything is as it was."
-                                              : "Interrupted: what is listed is done.");
+                            ? "Interrupted: what is listed is done; 'tavro resume' goes "
+                              "on, 'tavro undo' takes it back"
+                        : Report.Done.empty() ? "Interrupted: everything is as it was"
+                                              : "Interrupted: what is listed is done");
         return TavroInterruptedExitCode();
     }
     if (Report.bCancelled) {
-        TavroPrintError("Stopped: what is listed is done, nothing else was touched.");
+        TavroPrintError(Report.Done.empty() ? "Stopped: nothing was done"
+                                            : "Stopped: what is listed is done, and nothing else");
     }
     const bool bSkippedUnasked = !Report.Skipped.empty() &&
                                  What.Policy != TavroTransferConflictPolicy::Skip && !TavroCanAsk();
@@ -185,7 +186,11 @@ void AddTransfer(CLI::App& App, bool bMove, TavroCommandTable& Table) {
     CLI::Option* onConflict = command->add_option("--on-conflict");
     onConflict->type_name("ask|overwrite|skip|keep-both")
         ->description("What is done about something in the way; without a terminal, ask skips")
-        ->check(CLI::IsMember(onConflicts));
+        ->check([](const std::string& value) {
+            return onConflicts.count(value) != 0
+                       ? ""
+                       : "takes ask, overwrite, skip or keep-both, not '" + value + "'";
+        });
     CLI::Option* noKeep = command->add_flag(
         "--no-keep", "Delete what is replaced, instead of trashing it; that cannot be undone");
     CLI::Option* dryRun = command->add_flag("-n,--dry-run", "Show the plan and do nothing");

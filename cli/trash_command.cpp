@@ -23,7 +23,7 @@ int AgreeToCopying(const std::vector<TavroOperationEntry>& Others) {
                              " on another file system will be copied to the trash (" +
                              TavroHumanSize(measurement.ByteCount) + ")";
     if (TavroCanAsk()) {
-        return TavroConfirm(text + ". Go on?", "Nothing was moved to the trash.");
+        return TavroConfirm(text + ". Go on?", "Nothing was moved to the trash");
     }
     TavroPrintError(text);
     return TavroExitDone;
@@ -75,7 +75,8 @@ int RunTrash(const std::vector<std::string>& Texts, bool bQuiet, bool bSync) {
 void TavroAddTrash(CLI::App& App, TavroCommandTable& Table) {
     CLI::App* command =
         TavroAddCommand(App, "trash", "Move entries to the trash, all or nothing", "trash old.iso");
-    CLI::Option* names = TavroAddNames(*command, "ENTRY", 1, "What is trashed");
+    CLI::Option* names =
+        TavroAddNames(*command, "ENTRY", 1, "What is trashed", "an entry to trash");
     CLI::Option* quiet = TavroAddQuiet(*command);
     CLI::Option* noSync = TavroAddNoSync(*command);
     Table[command] = [=] {

@@ -1,40 +1,83 @@
 # Completion of `tavro` for fish.
 
-set -l commands copy move plan rename mkdir delete trash undo redo resume history list restore empty doctor size
-set -l none "not __fish_seen_subcommand_from $commands"
+# Whether the command is one of these: a file may bear the name of a command, too.
+function __tavro_runs
+    set -l words (commandline -opc)
+    contains -- "$words[2]" $argv
+end
 
-complete -c tavro -f -n $none -l help -d 'Help'
-complete -c tavro -f -n $none -l version -d 'Version'
-complete -c tavro -f -n $none -a copy -d 'Copy entries to a folder or a new path'
-complete -c tavro -f -n $none -a move -d 'Move entries to a folder or a new path'
-complete -c tavro -f -n $none -a plan -d 'Show what a copy or a move would do'
-complete -c tavro -f -n $none -a rename -d 'Rename an entry, or move it to a new path'
-complete -c tavro -f -n $none -a mkdir -d 'Create a folder, with its missing parents'
-complete -c tavro -f -n $none -a delete -d 'Delete entries for good, after a question'
-complete -c tavro -f -n $none -a trash -d 'Move entries to the trash'
-complete -c tavro -f -n $none -a undo -d 'Undo the newest operation'
-complete -c tavro -f -n $none -a redo -d 'Do again what was undone last'
-complete -c tavro -f -n $none -a resume -d 'Go on with what was interrupted'
-complete -c tavro -f -n $none -a history -d 'List what can be undone'
-complete -c tavro -f -n $none -a list -d 'List the trash'
-complete -c tavro -f -n $none -a restore -d 'Put trashed entries back'
-complete -c tavro -f -n $none -a empty -d 'Delete what is in the trash'
-complete -c tavro -f -n $none -a doctor -d 'Look for items and records that do not match, and for leftovers'
-complete -c tavro -f -n $none -a size -d 'Add up the sizes of the files in folders'
+function __tavro_lacks_command
+    set -l words (commandline -opc)
+    test (count $words) -eq 1 -o "$words[2] "(count $words) = 'help 2'
+end
 
-complete -c tavro -n '__fish_seen_subcommand_from copy move plan mkdir' -l in -r -d 'Relative to this directory'
-complete -c tavro -n '__fish_seen_subcommand_from copy move' -l on-conflict -x -a 'ask overwrite skip keep-both' -d 'What is done about something in the way'
-complete -c tavro -n '__fish_seen_subcommand_from copy move' -l no-keep -d 'Delete what is replaced, which cannot be undone'
-complete -c tavro -n '__fish_seen_subcommand_from copy move' -s n -l dry-run -d 'Show the plan and do nothing'
-complete -c tavro -n '__fish_seen_subcommand_from copy move trash undo redo resume restore empty' -s q -l quiet -d 'No progress, no list'
-complete -c tavro -n '__fish_seen_subcommand_from copy move rename mkdir delete trash undo redo resume restore empty' -l no-sync -d 'Do not wait until everything is on the disk'
-complete -c tavro -n '__fish_seen_subcommand_from plan; and not __fish_seen_subcommand_from copy move' -f -a 'copy move'
-complete -c tavro -n '__fish_seen_subcommand_from plan history list' -l json -d 'As JSON'
-complete -c tavro -n '__fish_seen_subcommand_from history' -l drop -d 'Take the newest off the list'
-complete -c tavro -n '__fish_seen_subcommand_from delete empty' -s f -l force -d 'Without asking'
-complete -c tavro -n '__fish_seen_subcommand_from list' -s 0 -l null -d 'Names alone, each ended by a zero byte'
-complete -c tavro -f -n '__fish_seen_subcommand_from restore' -a '(tavro list -0 2>/dev/null | string split0)'
-complete -c tavro -n '__fish_seen_subcommand_from restore' -l keep-both -d 'To a free name'
-complete -c tavro -n '__fish_seen_subcommand_from empty' -l older-than -x -d 'Only what is older than so many days'
-complete -c tavro -n '__fish_seen_subcommand_from doctor' -l mend -x -d 'Mend this finding'
-complete -c tavro -n '__fish_seen_subcommand_from doctor' -l mend-all -d 'Mend every finding'
+function __tavro_lacks_verb
+    set -l words (commandline -opc)
+    test "$words[2]" = plan -a (count $words) -eq 2
+end
+
+# The names in the trash, each ended by a zero byte. Left out are those with a tab, at which a
+# description would begin; those that begin with a tilde, which fish would take for a home directory;
+# and those that begin with a dash, which are options unless they stand behind two dashes.
+function __tavro_trash
+    set -l unwanted '\t|^[~-]'
+    contains -- -- (commandline -opc); and set unwanted '\t|^~'
+    for name in (tavro list -0 2>/dev/null | string split0)
+        string match -q -r -- $unwanted $name; or printf '%s\0' $name
+    end
+end
+
+# Whether fish would offer a name that begins with a dash for an entry, where nothing is typed.
+function __tavro_meets_dashes
+    set -l dashed -*
+    set -l words (commandline -opc)
+    set -l typed (commandline -ct)
+    __tavro_runs copy move plan rename mkdir delete trash size
+    and test -z "$typed" -a (count $dashed) -gt 0
+    and not contains -- -- $words
+end
+
+function __tavro_files
+    for name in *
+        printf '%s\0' (string replace -r -- '^-' './-' $name | string collect)
+    end
+end
+
+complete -c tavro -f -n __tavro_lacks_command -l help -d 'Help'
+complete -c tavro -f -n __tavro_lacks_command -l version -d 'Version'
+complete -c tavro -f -n __tavro_lacks_command -a help -d 'Tell more about a command'
+complete -c tavro -f -n __tavro_lacks_command -a copy -d 'Copy entries to a folder or a new path'
+complete -c tavro -f -n __tavro_lacks_command -a move -d 'Move entries to a folder or a new path'
+complete -c tavro -f -n __tavro_lacks_command -a plan -d 'Show what a copy or a move would do'
+complete -c tavro -f -n __tavro_lacks_command -a rename -d 'Rename an entry, or move it to a new path'
+complete -c tavro -f -n __tavro_lacks_command -a mkdir -d 'Create a folder, with its missing parents'
+complete -c tavro -f -n __tavro_lacks_command -a delete -d 'Delete entries for good, after a question'
+complete -c tavro -f -n __tavro_lacks_command -a trash -d 'Move entries to the trash'
+complete -c tavro -f -n __tavro_lacks_command -a undo -d 'Undo the newest operation'
+complete -c tavro -f -n __tavro_lacks_command -a redo -d 'Do again what was undone last'
+complete -c tavro -f -n __tavro_lacks_command -a resume -d 'Go on with what was interrupted'
+complete -c tavro -f -n __tavro_lacks_command -a history -d 'List what can be undone'
+complete -c tavro -f -n __tavro_lacks_command -a list -d 'List the trash'
+complete -c tavro -f -n __tavro_lacks_command -a restore -d 'Put trashed entries back'
+complete -c tavro -f -n __tavro_lacks_command -a empty -d 'Delete what is in the trash'
+complete -c tavro -f -n __tavro_lacks_command -a doctor -d 'Look for items and records that do not match, and for leftovers'
+complete -c tavro -f -n __tavro_lacks_command -a size -d 'Add up the sizes of the files in folders'
+
+complete -c tavro -f -n '__tavro_runs undo redo resume history list restore empty doctor'
+complete -c tavro -n '__tavro_runs copy move plan mkdir' -l in -x -a '(__fish_complete_directories)' -d 'Relative to this directory'
+complete -c tavro -n '__tavro_runs copy move' -l on-conflict -x -a 'ask overwrite skip keep-both' -d 'What is done about something in the way'
+complete -c tavro -n '__tavro_runs copy move' -l no-keep -d 'Delete what is replaced, which cannot be undone'
+complete -c tavro -n '__tavro_runs copy move' -s n -l dry-run -d 'Show the plan and do nothing'
+complete -c tavro -n '__tavro_runs copy move trash undo redo resume restore empty' -s q -l quiet -d 'No progress, no list'
+complete -c tavro -n '__tavro_runs copy move rename mkdir delete trash undo redo resume restore empty' -l no-sync -d 'Do not wait until everything is on the disk'
+complete -c tavro -n __tavro_lacks_verb -f -a 'copy move'
+complete -c tavro -n '__tavro_runs plan history list' -l json -d 'As JSON'
+complete -c tavro -n '__tavro_runs history' -l drop -d 'Take the newest off the list'
+complete -c tavro -n '__tavro_runs delete empty' -s f -l force -d 'Without asking'
+complete -c tavro -n '__tavro_runs list' -s 0 -l null -d 'Names alone, each ended by a zero byte'
+complete -c tavro -n '__tavro_runs restore' -a '(__tavro_trash | string split0)'
+complete -c tavro -n '__tavro_runs restore' -l keep-both -d 'To a free name'
+complete -c tavro -n '__tavro_runs empty' -l older-than -x -d 'Only what is older than so many days'
+complete -c tavro -n '__tavro_runs doctor' -l mend -x -d 'Mend this finding'
+complete -c tavro -n '__tavro_runs doctor' -l mend-all -d 'Mend every finding'
+complete -c tavro -f -n __tavro_meets_dashes -a '(__tavro_files | string split0)'

@@ -44,7 +44,7 @@ on_own_terminal() { # TEXT KEYS COMMAND…
     touch d/{1..5}
     run --separate-stderr at unlinkat "${signal%:*}" 3 "$TAVRO" delete -f d
     expect "$(ending)" "exited with ${signal#*:}"
-    expect "$stderr" "tavro: Interrupted: what is left of '$PWD/d' and what comes after it stays."
+    expect "$stderr" "tavro: Interrupted: what is left of '$PWD/d' and what comes after it stays"
     expect "$(find d -type f | wc -l)" 2
     rm -r d
   done
@@ -124,7 +124,7 @@ on_own_terminal() { # TEXT KEYS COMMAND…
   run --separate-stderr at renameat2 INT 2 "$TAVRO" move a b c d
   expect "$(ending)" 'exited with 130'
   expect "$output" ''
-  expect "$stderr" 'tavro: Interrupted: everything is as it was.'
+  expect "$stderr" 'tavro: Interrupted: everything is as it was'
   expect "$(ls)" $'a\nb\nc\nd'
   expect "$(ls d)" ''
 }
@@ -139,8 +139,8 @@ on_own_terminal() { # TEXT KEYS COMMAND…
   run --separate-stderr at renameat2 INT 1 "$TAVRO" move a b d --no-keep --on-conflict overwrite
   expect "$(ending)" 'exited with 130'
   expect "$output" "Moved $PWD/a -> $PWD/d/a
-What was replaced is deleted; that cannot be undone."
-  expect "$stderr" 'tavro: Interrupted: what is listed is done.'
+What was replaced is deleted; that cannot be undone"
+  expect "$stderr" 'tavro: Interrupted: what is listed is done'
   expect "$(cat d/a b d/b)" $'new\nnew\nold'
   run -0 tavro undo
   expect "$(cat a)" new
@@ -166,7 +166,7 @@ What was replaced is deleted; that cannot be undone."
   status=0
   wait "$tracer" || status=$?
   expect "$status" 130
-  expect "$(cat errors)" 'tavro: Interrupted: what is listed is done.'
+  expect "$(cat errors)" 'tavro: Interrupted: what is listed is done'
   expect "$(ls d | wc -l)" "$(wc -l <out)"
   expect "$(ls "$HOME/.local/share/Trash/files")" x
 }
@@ -181,7 +181,7 @@ What was replaced is deleted; that cannot be undone."
     -e inject=pwrite64:error=ENOSPC:when=1 -e inject=renameat2:signal=INT:when=2 \
     "$TAVRO" move a b c d
   expect "$(ending)" 'exited with 130'
-  [[ $stderr == *'Interrupted: what is listed is done.' ]]
+  [[ $stderr == *'Interrupted: what is listed is done' ]]
   expect "$(ls "$HOME/.local/share/Trash/files")" x
   expect "$(ls d)" $'a\nb'
 }
@@ -192,7 +192,7 @@ What was replaced is deleted; that cannot be undone."
   touch src/{1..4}
   run --separate-stderr at fchmod INT 2 "$TAVRO" copy src dst
   expect "$(ending)" 'exited with 130'
-  expect "$stderr" 'tavro: Interrupted: everything is as it was.'
+  expect "$stderr" 'tavro: Interrupted: everything is as it was'
   expect "$(ls -A)" src
   run -1 tavro undo
 }
@@ -234,7 +234,7 @@ What was replaced is deleted; that cannot be undone."
   needs_python
   touch a b
   run -130 on_own_terminal '[y/N]' '\x03' "$TAVRO" delete a
-  [[ $output == *'Nothing was deleted.'* ]]
+  [[ $output == *'Nothing was deleted'* ]]
   [ -e a ]
   run -130 on_own_terminal 'for all ' '\x03' "$TAVRO" copy a b
   [[ $output == *Interrupted* ]]

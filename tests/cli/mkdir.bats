@@ -28,11 +28,11 @@ load helpers
 
 @test "mkdir says the module's sentence and exits with 1" {
   run -1 --separate-stderr tavro mkdir '  '
-  expect "$stderr" 'tavro: Directory path cannot be empty.'
+  expect "$stderr" 'tavro: Directory path cannot be empty'
   expect "$output" ''
   touch file
   run -1 --separate-stderr tavro mkdir file
-  expect "$stderr" 'tavro: Failed to create directory: Not a directory'
+  expect "$stderr" "tavro: Failed to create directory: Not a directory: '$PWD/file'"
 }
 
 @test "wrong usage exits with 2 and does nothing" {

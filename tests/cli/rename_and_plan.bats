@@ -23,9 +23,9 @@ load helpers
   mkdir d
   ln -s nowhere dangling
   run -1 --separate-stderr tavro rename a b
-  expect "$stderr" 'tavro: Rename target already exists.'
+  expect "$stderr" 'tavro: Rename target already exists'
   run -1 --separate-stderr tavro rename a d
-  expect "$stderr" 'tavro: Rename target must include a file or directory name.'
+  expect "$stderr" 'tavro: Rename target must include a file or directory name'
   run -1 --separate-stderr tavro rename a dangling
   expect "$stderr" "tavro: Rename target already exists, as a link to nothing: '$PWD/dangling'"
   expect "$(cat a b)" $'mine\nother'
@@ -95,13 +95,13 @@ print(value)' "$output" "$1"
   touch a b file
   mkdir d
   run -1 --separate-stderr tavro plan copy a b file
-  expect "$stderr" 'tavro: Copy Target must be a directory when multiple items are selected.'
+  expect "$stderr" 'tavro: Copy Target must be a directory when multiple items are selected'
   run -1 --separate-stderr tavro plan move a .
-  expect "$stderr" "tavro: Move target matches the source path for 'a'."
+  expect "$stderr" "tavro: Move target matches the source path for 'a'"
   run -1 --separate-stderr tavro plan move d d/sub
   expect "$stderr" 'tavro: Cannot move a directory into itself: d'
   run -1 --separate-stderr tavro plan move cdda:/1.cdda d
-  expect "$stderr" 'tavro: Audio CD tracks can be copied, but not moved.'
+  expect "$stderr" 'tavro: Audio CD tracks can be copied, but not moved'
   run -1 --separate-stderr tavro plan copy missing d
   expect "$stderr" "tavro: No such entry: 'missing'"
 }

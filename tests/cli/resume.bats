@@ -255,7 +255,7 @@ late_at() {
     expect "$status" "${signal#*:}"
     expect "$output" "Copied $PWD/src/a -> $PWD/dst/a
 Copied $PWD/src/b -> $PWD/dst/b"
-    expect "$stderr" "tavro: Interrupted: what is listed is done. 'tavro resume' goes on, 'tavro undo' takes it back."
+    expect "$stderr" "tavro: Interrupted: what is listed is done; 'tavro resume' goes on, 'tavro undo' takes it back"
     expect "$(ls -A dst)" $'a\nb'
     run -0 tavro history
     [[ $output == *'(interrupted, 2 of 4 done)'* ]]
@@ -275,7 +275,7 @@ Copied $PWD/src/b -> $PWD/dst/b"
   touch src/{a,b,c,d}
   run --separate-stderr late_at INT "$TAVRO" copy src/{a,b,c,d} dst
   expect "$status" 130
-  expect "$stderr" 'tavro: Interrupted: everything is as it was.'
+  expect "$stderr" 'tavro: Interrupted: everything is as it was'
   expect "$(ls -A dst)" ''
   run -1 tavro resume
 }
@@ -293,7 +293,7 @@ Copied $PWD/src/b -> $PWD/dst/b"
   for keys in 'r\n' '\x03'; do
     asked "$keys"
     expect "$status" 130
-    [[ $output == *"Interrupted: everything is as it was."* ]]
+    [[ $output == *"Interrupted: everything is as it was"* ]]
     expect "$(ls -A dst)" ''
   done
   asked 'k\n'
@@ -312,10 +312,10 @@ Copied $PWD/src/b -> $PWD/dst/b"
   killed_at utimensat 2 "$TAVRO" copy src/{a,b} dst
   left=$(cd dst && echo .tavro-*)
   run -0 tavro doctor
-  expect "$output" 'The trash is in order.'
+  expect "$output" 'The trash is in order'
   tavro history --drop
   run -0 tavro doctor
-  expect "$output" 'The trash is in order.'
+  expect "$output" 'The trash is in order'
   touch -d '2 minutes ago' dst/.tavro-*
   tavro trash src/a
   tavro copy src/b dst
@@ -324,7 +324,7 @@ Copied $PWD/src/b -> $PWD/dst/b"
   run -0 tavro doctor --mend-all
   expect "$(ls -A dst)" b
   run -0 tavro doctor
-  expect "$output" 'The trash is in order.'
+  expect "$output" 'The trash is in order'
 }
 
 needs_two_file_systems() {

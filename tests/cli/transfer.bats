@@ -135,7 +135,7 @@ load helpers
     echo new >a
     echo old >b
     run -0 --separate-stderr tavro "$act" a b --no-keep --on-conflict overwrite
-    expect "${lines[-1]}" 'What was replaced is deleted; that cannot be undone.'
+    expect "${lines[-1]}" 'What was replaced is deleted; that cannot be undone'
     expect "$(cat b)" new
     expect "$(find "$trash" -type f 2>/dev/null)" ''
     run -0 tavro undo
@@ -313,7 +313,7 @@ PYTHON
   echo old >dst/b
   run -1 timeout 60 python3 "$BATS_TEST_DIRNAME/terminal.py" 'for all ' 'q\n' \
     "$TAVRO" copy src/{a,b,c} dst
-  [[ $output == *"Stopped: what is listed is done, nothing else was touched."* ]]
+  [[ $output == *"Stopped: what is listed is done, and nothing else"* ]]
   [[ $output == *"Copied $PWD/src/a -> $PWD/dst/a"* ]]
   expect "$(ls -A dst)" $'a\nb'
   expect "$(cat dst/b)" old

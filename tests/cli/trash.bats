@@ -110,6 +110,16 @@ $PWD/d -> $HOME/$trash/files/d"
   [[ $stderr == "tavro: "*"'a'"* ]]
 }
 
+@test "restore takes a name or a path with the slash that a shell adds to a directory" {
+  mkdir d e other
+  "$TAVRO" trash d e
+  cd other
+  run -0 tavro restore d/ "$scratch/here/e//"
+  [[ -d ../d && -d ../e ]]
+  run -1 tavro restore ''
+  run -1 tavro restore /
+}
+
 @test "restore refuses an occupied place and offers a free name" {
   echo old >a
   tavro trash a
@@ -166,7 +176,7 @@ $PWD/d -> $HOME/$trash/files/d"
   touch a b
   tavro trash a b
   run -0 tavro doctor
-  expect "$output" 'The trash is in order.'
+  expect "$output" 'The trash is in order'
   rm "$HOME/$trash/info/a.trashinfo"
   rm "$HOME/$trash/files/b"
   run -1 tavro doctor
