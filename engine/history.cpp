@@ -104,12 +104,20 @@ std::int64_t EntriesOf(const TavroOperation& Operation) {
                : count(TavroStepRole::RemovedDirectory);
 }
 
-bool IsValid(const TavroOperation& Operation) {
-    const auto isValid = [&](const TavroStep& step) {
-        return MayHave(Operation.Kind, step.Role) && IsValid(step);
-    };
+/// Whether valid steps can be those of an operation.
+bool IsWhole(const TavroOperation& Operation) {
     return EntriesOf(Operation) > 0 &&
-           std::all_of(Operation.Steps.begin(), Operation.Steps.end(), isValid);
+           std::all_of(Operation.Steps.begin(), Operation.Steps.end(),
+                       [&](const TavroStep& step) { return MayHave(Operation.Kind, step.Role); });
+}
+
+bool IsValid(const std::vector<TavroStep>& Steps) {
+    return std::all_of(Steps.begin(), Steps.end(),
+                       [](const TavroStep& step) { return IsValid(step); });
+}
+
+bool IsValid(const TavroOperation& Operation) {
+    return IsWhole(Operation) && IsValid(Operation.Steps);
 }
 
 } // namespace
@@ -861,8 +869,7 @@ bool TavroHistory::IsRunning(const TavroOperation& Operation) const {
 
 TavroFailure TavroHistory::KeepSteps(std::int64_t Id, std::size_t First,
                                      const std::vector<TavroStep>& Steps) {
-    if (!std::all_of(Steps.begin(), Steps.end(),
-                     [](const TavroStep& step) { return IsValid(step); })) {
+    if (!IsValid(Steps)) {
         return {Kind::HistoryUnrecordable};
     }
     return m_database->Transact(Access::Write, [&] {
@@ -978,7 +985,7 @@ TavroFailure TavroDatabase::ReadNext(const std::string& Which,
             TavroOperation& operation = OutOperation.emplace();
             const std::int64_t count = row.Number(4);
             bValid = ReadOperation(row, operation) && ReadSteps(steps, count + 1, operation) &&
-                     Integer(operation.Steps.size()) == count && IsValid(operation);
+                     Integer(operation.Steps.size()) == count && IsWhole(operation);
         }
     });
     if (failure || !bValid) {

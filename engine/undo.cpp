@@ -1218,9 +1218,12 @@ TavroFailure Going::End(bool bUndo) {
     std::stable_partition(
         operation.Steps.begin(), operation.Steps.end(),
         [&](const TavroStep& step) { return TavroIsMainStep(step, operation.Kind); });
-    TavroOperation kept = operation;
-    kept.Steps = m_bForget ? std::vector<TavroStep>() : kept.Steps;
-    return m_history.EndOperation(kept, kept.Steps == m_before.Steps);
+    if (!m_bForget) {
+        return m_history.EndOperation(operation, operation.Steps == m_before.Steps);
+    }
+    TavroOperation forgotten = operation;
+    forgotten.Steps.clear();
+    return m_history.EndOperation(forgotten, false);
 }
 
 /// An undo that was done, and whose end a power cut took away, is one.
