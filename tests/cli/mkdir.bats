@@ -26,6 +26,17 @@ load helpers
   expect "$output" "$PWD/there"
 }
 
+@test "mkdir creates several, each to be undone by itself, and those beside one that fails" {
+  touch file
+  run -1 --separate-stderr tavro mkdir a file/x 'b/c' --in .
+  expect "$output" "$PWD/a
+$PWD/b/c"
+  expect "$stderr" "tavro: Failed to create directory: Not a directory: '$PWD/file/x'"
+  [[ -d a && -d b/c ]]
+  tavro undo
+  [[ -d a && ! -e b ]]
+}
+
 @test "mkdir says the module's sentence and exits with 1" {
   run -1 --separate-stderr tavro mkdir '  '
   expect "$stderr" 'tavro: Directory path cannot be empty'
@@ -38,7 +49,6 @@ load helpers
 @test "wrong usage exits with 2 and does nothing" {
   run -2 tavro
   run -2 tavro mkdir
-  run -2 tavro mkdir a b
   run -2 tavro mkdir --no-such-option a
   run -2 --separate-stderr tavro make a
   expect "${stderr_lines[0]}" "tavro: Unknown command 'make'"
