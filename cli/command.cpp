@@ -49,6 +49,14 @@ std::string TavroBaseDirectory(const CLI::Option* In) {
     return In->empty() ? current.string() : (current / TavroValue(In)).string();
 }
 
+void TavroCheckNumber(CLI::Option& Option, int Least, int Most, const std::string& What) {
+    const std::string takes =
+        "takes " + What + " from " + std::to_string(Least) + " to " + std::to_string(Most);
+    Option.check([takes, range = CLI::Range(Least, Most)](const std::string& value) {
+        return range(value).empty() ? "" : takes + ", not '" + value + "'";
+    });
+}
+
 // They are not read as anything but raw results: a conversion to a list would turn a name like {}
 // into nothing.
 std::vector<std::string> TavroValues(const CLI::Option* Option) {

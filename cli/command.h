@@ -49,6 +49,9 @@ CLI::Option* TavroAddQuiet(CLI::App& Command);
 CLI::Option* TavroAddBaseDirectory(CLI::App& Command);
 std::string TavroBaseDirectory(const CLI::Option* In);
 
+/// Takes numbers alone. @param What  as its usage error says it: "a number of days".
+void TavroCheckNumber(CLI::Option& Option, int Least, int Most, const std::string& What);
+
 /// The values of an option, or the only one, as they were typed.
 std::vector<std::string> TavroValues(const CLI::Option* Option);
 std::string TavroValue(const CLI::Option* Option);
@@ -73,7 +76,7 @@ bool TavroPlanNames(const CLI::Option* Names, const CLI::Option* In, bool bMove,
 /// @param bOutStopped  set when the answer was to stop.
 TavroConflictJudge::Ask TavroConflictQuestion(TavroProgressBar& Bar, bool& bOutStopped);
 
-/// Writes one line an item: "SOURCE -> DESTINATION".
+/// Writes one line an item: "SOURCE -> DESTINATION", with a mark where something is there.
 void TavroPrintPlan(const TavroTransferPlan& Plan);
 
 #endif

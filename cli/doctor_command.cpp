@@ -52,7 +52,9 @@ bool Deal(const Finding& What, bool bMend) {
     if (bMend && TavroPrintFailure(What.Mend()) != TavroExitDone) {
         return false;
     }
-    TavroPrintLine(stdout, (bMend ? "Mended: " : "") + What.Sentence);
+    TavroPrintLine(stdout, bMend
+                               ? "Mended: " + What.Sentence
+                               : What.Sentence + "; --mend takes '" + TavroNameOf(What.Path) + "'");
     return bMend;
 }
 
@@ -69,6 +71,9 @@ int RunDoctor(const std::vector<std::string>& Mend, bool bMendAll) {
         const std::string name = TavroNameOf(finding.Path);
         bAll = Deal(finding, bMendAll || named.count(name) != 0) && bAll;
         sound.erase(name);
+    }
+    if (!bAll && !bMendAll && !findings.empty() && TavroIsTerminal(stdout)) {
+        TavroPrintLine(stdout, "'tavro doctor --mend-all' mends all that was found");
     }
     for (const std::string& name : sound) {
         TavroPrintError("Nothing is wrong with '" + name + "'");

@@ -61,10 +61,7 @@ void TavroAddEmpty(CLI::App& App, TavroCommandTable& Table) {
         App, "empty", "Delete what is in the trash, after a question", "empty --older-than 30");
     CLI::Option* days = command->add_option("--older-than");
     days->type_name("DAYS")->description("Only what was trashed more than so many days ago");
-    days->check([range = CLI::Range(1, 36500)](const std::string& value) {
-        return range(value).empty() ? ""
-                                    : "takes a number of days from 1 to 36500, not '" + value + "'";
-    });
+    TavroCheckNumber(*days, 1, 36500, "a number of days");
     CLI::Option* force = command->add_flag("-f,--force", "Without asking");
     CLI::Option* quiet = TavroAddQuiet(*command);
     CLI::Option* noSync = TavroAddNoSync(*command);

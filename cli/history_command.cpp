@@ -86,6 +86,8 @@ int RunHistory(bool bJson) {
     }
     if (bJson) {
         TavroPrintJson(json);
+    } else if (operations.empty() && TavroIsTerminal(stdout)) {
+        TavroPrintLine(stdout, "The history is empty: there is nothing to undo");
     }
     return TavroExitDone;
 }

@@ -52,7 +52,11 @@ int RunList(bool bJson, bool bZero) {
         TavroPrintJson(json);
     }
     if (!failure) {
-        TavroPrintUnlisted(TavroCountUnlistedItems(items));
+        const std::uint64_t unlisted = TavroCountUnlistedItems(items);
+        if (items.empty() && unlisted == 0 && !bJson && !bZero && TavroIsTerminal(stdout)) {
+            TavroPrintLine(stdout, "The trash is empty");
+        }
+        TavroPrintUnlisted(unlisted);
     }
     return TavroPrintFailure(failure);
 }

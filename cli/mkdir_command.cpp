@@ -4,13 +4,14 @@
 #include "record.h"
 #include "recording.h"
 
+#include <algorithm>
+
 namespace {
 
-int RunMkdir(const std::string& Text, const std::string& BaseDirectory, bool bSync) {
+int MakeDirectory(const std::string& Text, const std::string& BaseDirectory, bool bSync) {
     if (!TavroCanResolve(Text)) {
         return TavroExitFailed;
     }
-    TavroCatchInterrupts();
     TavroRecording recording;
     const TavroEditReport report =
         TavroMakeDirectory(Text, BaseDirectory, recording.Bind({}, bSync));
@@ -21,17 +22,30 @@ int RunMkdir(const std::string& Text, const std::string& BaseDirectory, bool bSy
     return TavroPrintFailure(report.Failure);
 }
 
+/// Each is an operation of its own; one that fails keeps no other from being created.
+int RunMkdir(const std::vector<std::string>& Texts, const std::string& BaseDirectory, bool bSync) {
+    TavroCatchInterrupts();
+    int exitCode = TavroExitDone;
+    for (const std::string& text : Texts) {
+        const int code = TavroWasInterrupted() ? TavroInterruptedExitCode()
+                                               : MakeDirectory(text, BaseDirectory, bSync);
+        exitCode = std::max(exitCode, code);
+    }
+    return exitCode;
+}
+
 } // namespace
 
 void TavroAddMkdir(CLI::App& App, TavroCommandTable& Table) {
-    CLI::App* command = TavroAddCommand(App, "mkdir", "Create a folder, with its missing parents",
-                                        "mkdir 'Letters/2026'");
-    CLI::Option* text =
-        TavroAddName(*command, "TEXT", "The new folder as a pane takes it: a name, a path, ~/…",
-                     "a name for the new directory");
+    CLI::App* command =
+        TavroAddCommand(App, "mkdir", "Create directories, with their missing parents",
+                        "mkdir Letters/2026 Photos");
+    CLI::Option* texts = TavroAddNames(*command, "TEXT", 1,
+                                       "A new directory as a pane takes it: a name, a path, ~/…",
+                                       "a name for the new directory");
     CLI::Option* in = TavroAddBaseDirectory(*command);
     CLI::Option* noSync = TavroAddNoSync(*command);
     Table[command] = [=] {
-        return RunMkdir(TavroValue(text), TavroBaseDirectory(in), TavroShouldSync(noSync));
+        return RunMkdir(TavroValues(texts), TavroBaseDirectory(in), TavroShouldSync(noSync));
     };
 }

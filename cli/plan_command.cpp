@@ -32,7 +32,9 @@ bool TavroPlanNames(const CLI::Option* Names, const CLI::Option* In, bool bMove,
 
 void TavroPrintPlan(const TavroTransferPlan& Plan) {
     for (const TavroTransferItemPlan& item : Plan.Items) {
-        TavroPrintLine(stdout, item.SourcePath.string() + " -> " + item.DestinationPath.string());
+        const std::string to = item.DestinationPath.string();
+        TavroPrintLine(stdout, item.SourcePath.string() + " -> " + to +
+                                   (TavroIsPresent(to) ? " (exists)" : ""));
     }
 }
 

@@ -8,8 +8,33 @@
 
 namespace {
 
-/// How many bytes the character at `Index` has; 0 when it is a control character or no UTF-8.
-std::size_t PrintableLength(const std::string& Text, std::size_t Index) {
+struct CharacterRange {
+    std::uint32_t First;
+    std::uint32_t Last;
+};
+
+/// Characters that show nothing, and those that turn the direction of what follows.
+constexpr CharacterRange hidden[] = {
+    {0xAD, 0xAD},       {0x34F, 0x34F},     {0x61C, 0x61C},   {0x115F, 0x1160}, {0x17B4, 0x17B5},
+    {0x180B, 0x180F},   {0x200B, 0x200F},   {0x2028, 0x202E}, {0x2060, 0x206F}, {0x3164, 0x3164},
+    {0xFE00, 0xFE0F},   {0xFEFF, 0xFEFF},   {0xFFA0, 0xFFA0}, {0xFFF0, 0xFFFB}, {0x1BCA0, 0x1BCA3},
+    {0x1D173, 0x1D17A}, {0xE0000, 0xE0FFF},
+};
+
+/// Those of them that join or vary what they follow, in many scripts and in emoji.
+constexpr CharacterRange joiners[] = {{0x200C, 0x200D}, {0xFE00, 0xFE0F}, {0xE0100, 0xE01EF}};
+
+template <std::size_t Size>
+bool IsIn(const CharacterRange (&Ranges)[Size], std::uint32_t Character) {
+    return std::any_of(std::begin(Ranges), std::end(Ranges), [&](const CharacterRange& range) {
+        return range.First <= Character && Character <= range.Last;
+    });
+}
+
+/// How many bytes the character at `Index` has; 0 when it is a control character, hidden or no
+/// UTF-8.
+/// @param bJoins  a joiner may stand here: something beyond ASCII is before it.
+std::size_t PrintableLength(const std::string& Text, std::size_t Index, bool bJoins) {
     const auto byteAt = [&](std::size_t at) {
         return at < Text.size() ? static_cast<unsigned char>(Text[at]) : 0U;
     };
@@ -26,7 +51,8 @@ std::size_t PrintableLength(const std::string& Text, std::size_t Index) {
     const bool bSurrogate = character >= 0xD800 && character < 0xE000;
     const bool bLead = first < 0x7F || (first >= 0xC0 && first < 0xF8);
     const bool bInRange = character >= least.at(length) && character <= 0x10FFFF;
-    return bLead && bInRange && !bSurrogate ? length : 0;
+    const bool bShown = !IsIn(hidden, character) || (bJoins && IsIn(joiners, character));
+    return bLead && bInRange && !bSurrogate && bShown ? length : 0;
 }
 
 } // namespace
@@ -38,8 +64,9 @@ bool TavroIsTerminal(std::FILE* Stream) {
 
 std::string TavroPrintableText(const std::string& Text) {
     std::string printable;
+    std::size_t length = 0;
     for (std::size_t i = 0; i < Text.size();) {
-        const std::size_t length = PrintableLength(Text, i);
+        length = PrintableLength(Text, i, length > 1);
         if (length == 0) {
             const auto byte = static_cast<unsigned char>(Text[i]);
             constexpr const char* digits = "0123456789ABCDEF";

@@ -23,8 +23,10 @@ enum TavroExitCode : int {
 /// Whether what is written to (or read from) a standard stream meets a person.
 bool TavroIsTerminal(std::FILE* Stream);
 
-/// `Text` with every byte that a terminal could take for a command shown as \xNN: control
-/// characters of ASCII and of UTF-8's C1 range, and what is not UTF-8 at all.
+/// `Text` with every byte shown as \xNN that a terminal could take for a command, or that a reader
+/// would not see: control characters of ASCII and of UTF-8's C1 range, what is not UTF-8 at all,
+/// characters that turn the direction of the text, and invisible ones, except those that join or
+/// vary a character beyond ASCII.
 std::string TavroPrintableText(const std::string& Text);
 
 /// Writes `Text` and a line feed: printable on a terminal, byte for byte into anything else.

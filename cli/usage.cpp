@@ -76,7 +76,7 @@ std::string DescribeExtra(const CLI::App& Command, const std::string& Extra, boo
 
 /// What is wrong with the value of an option, of which the parser says "--in: WHAT".
 std::string DescribeValue(const CLI::App& Command, const CLI::ParseError& Error) {
-    const std::string what = Error.what();
+    std::string what = Error.what();
     const std::size_t colon = what.find(": ");
     const std::string name = what.substr(0, colon);
     const CLI::Option* option = Command.get_option_no_throw(name);

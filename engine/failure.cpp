@@ -7,7 +7,7 @@ namespace {
 
 using Kind = TavroFailureKind;
 
-/// A sentence: %p is the path in quotes, %P without them, %o and %O the other path, %e the reason,
+/// A sentence: %p is the path in quotes, %o the other path in quotes, %O without, %e the reason,
 /// %h what is held: the other path in quotes after a blank, where there is one.
 struct Sentence {
     Kind What;
@@ -62,12 +62,12 @@ constexpr Sentence sentences[] = {
     {Kind::CreateRecord, "Failed to create trash metadata %p."},
     {Kind::WriteRecord, "Failed to write trash metadata %p."},
     {Kind::NothingToRestore, "No trash entries are available to restore."},
-    {Kind::ItemMissing, "Trash item is missing: %P"},
+    {Kind::ItemMissing, "Trash item is missing: %p"},
     {Kind::OriginUnknown, "It is not known where %p came from"},
-    {Kind::RestoreTargetTaken, "Restore target already exists: %P"},
+    {Kind::RestoreTargetTaken, "Restore target already exists: %p"},
     {Kind::CheckRestoreTarget, "Failed checking restore target %p: %e"},
-    {Kind::ListedTwice, "Trash item is listed twice: %P"},
-    {Kind::RestoreToOnePlace, "Cannot restore two entries to one place: %P"},
+    {Kind::ListedTwice, "Trash item is listed twice: %p"},
+    {Kind::RestoreToOnePlace, "Cannot restore two entries to one place: %p"},
     {Kind::ReadTrash, "Failed to read %p: %e"},
     {Kind::Remove, "Failed to remove %p: %e"},
     {Kind::ItemChanged, "%p changed meanwhile and stays"},
@@ -119,8 +119,6 @@ std::string Placeholder(char Letter, const TavroFailure& Failure) {
     switch (Letter) {
     case 'p':
         return "'" + Failure.Path + "'";
-    case 'P':
-        return Failure.Path;
     case 'o':
         return "'" + Failure.Other + "'";
     case 'O':

@@ -77,7 +77,7 @@ _tavro() {
     compopt -o filenames -o dirnames
     return
     ;;
-  --older-than | --mend) return ;;
+  --older-than | --mend | --depth | -d) return ;;
   esac
   local dashes=''
   [[ " ${words[*]} " == *' -- '* ]] && dashes=1
@@ -93,6 +93,7 @@ _tavro() {
   restore) options+=' --keep-both --quiet --no-sync' ;;
   empty) options+=' --older-than --force --quiet --no-sync' ;;
   doctor) options+=' --mend --mend-all' ;;
+  size) options+=' --sort --depth' ;;
   esac
   if [[ $word == -* && -z $dashes ]]; then
     # shellcheck disable=SC2086 # they are words

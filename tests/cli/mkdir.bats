@@ -26,6 +26,17 @@ load helpers
   expect "$output" "$PWD/there"
 }
 
+@test "mkdir creates several, each to be undone by itself, and those beside one that fails" {
+  touch file
+  run -1 --separate-stderr tavro mkdir a file/x 'b/c' --in .
+  expect "$output" "$PWD/a
+$PWD/b/c"
+  expect "$stderr" "tavro: Failed to create directory: Not a directory: '$PWD/file/x'"
+  [[ -d a && -d b/c ]]
+  tavro undo
+  [[ -d a && ! -e b ]]
+}
+
 @test "mkdir says the module's sentence and exits with 1" {
   run -1 --separate-stderr tavro mkdir '  '
   expect "$stderr" 'tavro: Directory path cannot be empty'
@@ -38,7 +49,6 @@ load helpers
 @test "wrong usage exits with 2 and does nothing" {
   run -2 tavro
   run -2 tavro mkdir
-  run -2 tavro mkdir a b
   run -2 tavro mkdir --no-such-option a
   run -2 --separate-stderr tavro make a
   expect "${stderr_lines[0]}" "tavro: Unknown command 'make'"
@@ -71,6 +81,39 @@ load helpers
 @test "on a terminal names in any script stay readable" {
   run -0 on_terminal "$TAVRO mkdir 'Grüße 世界 😀'"
   expect "$output" "$PWD/Grüße 世界 😀"
+}
+
+@test "on a terminal no name hides a character or turns the direction" {
+  name=$'photo\u202egpj.exe'
+  run -0 on_terminal "$TAVRO mkdir $name"
+  expect "$output" "$PWD/photo\\xE2\\x80\\xAEgpj.exe"
+  expect "$(tavro mkdir "$name")" "$PWD/$name"
+  run -1 on_terminal "$TAVRO delete $name" n
+  [[ $output == *"$PWD/photo\\xE2\\x80\\xAEgpj.exe"* && $output != *$'\u202e'* ]]
+  tavro trash "$name"
+  run -0 on_terminal "$TAVRO list"
+  [[ $output == *'photo\xE2\x80\xAEgpj.exe  from '* && $output != *$'\u202e'* ]]
+  expect "$(tavro list -0 | tr '\0' '\n')" "$name"
+  run -0 on_terminal "$TAVRO list -0"
+  [[ $output == "$name"* ]]
+  run -0 tavro list --json
+  [[ $output == *'photo\u202egpj.exe"'* ]]
+  mkdir "$name"
+  run -1 on_terminal "$TAVRO restore $name" n
+  [[ $output == *"Restore as '$PWD/photo\\xE2\\x80\\xAEgpj copy 1.exe'? "* && $output != *$'\u202e'* ]]
+  for character in $'\u00ad' $'\u034f' $'\u061c' $'\u115f' $'\u180e' $'\u200b' $'\u200c' $'\u200d' $'\u200e' \
+    $'\u2028' $'\u202a' $'\u2060' $'\u2066' $'\u2069' $'\u3164' $'\ufe0f' $'\ufeff' $'\uffa0' $'\U1d173' \
+    $'\Ue0041' $'\Ue0100'; do
+    run -0 on_terminal "$TAVRO mkdir a${character}b"
+    [[ $output =~ /a(\\x[0-9A-F]{2})+b$ ]] || expect "$output" 'an escape'
+  done
+}
+
+@test "on a terminal joiners stay where scripts and emoji need them" {
+  for name in $'❤\ufe0f\u200d🔥' $'می\u200cخواهم' $'क्\u200dष' 'עברית' $'a\u0301'; do
+    run -0 on_terminal "$TAVRO mkdir $name"
+    expect "$output" "$PWD/$name"
+  done
 }
 
 @test "a sentence on a terminal carries no control byte either" {

@@ -72,6 +72,21 @@ $PWD/b c -> $PWD/d/b c"
   [ ! -e renamed ]
 }
 
+@test "plan and a dry run mark what is there already" {
+  touch a b
+  mkdir d
+  touch d/a
+  ln -s nowhere d/b
+  for command in 'plan copy' 'copy -n' 'move -n'; do
+    # shellcheck disable=SC2086 # several words
+    run -0 tavro $command a b d
+    expect "$output" "$PWD/a -> $PWD/d/a (exists)
+$PWD/b -> $PWD/d/b (exists)"
+  done
+  run -0 tavro copy -n a new
+  expect "$output" "$PWD/a -> $PWD/new"
+}
+
 @test "plan as JSON has each path to read and exact to the byte" {
   command -v python3 >/dev/null || skip 'python3 is not installed'
   touch $'\xff z'

@@ -377,7 +377,7 @@ needs_two_file_systems() {
   tavro empty -qf
   for _ in 1 2; do
     run -1 tavro undo
-    expect "$output" "tavro: Trash item is missing: $HOME/.local/share/Trash/files/f"
+    expect "$output" "tavro: Trash item is missing: '$HOME/.local/share/Trash/files/f'"
     expect "$(cat d/f)" new
   done
 }

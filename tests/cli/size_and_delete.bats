@@ -18,13 +18,73 @@ load helpers
   expect "$output" '1.2 MB (1,234,567 bytes)  d'
 }
 
-@test "size of what is no folder fails and measures the others" {
+@test "size takes files, and what is missing keeps it from no other" {
   mkdir d
-  touch file
-  run -1 --separate-stderr tavro size file missing d
-  expect "$output" $'0\td'
-  expect "$stderr" "tavro: Not a directory: 'file'
-tavro: Not a directory: 'missing': No such file or directory"
+  printf 12345 >file
+  ln -s file link
+  mkfifo pipe
+  run -1 --separate-stderr tavro size file missing file/below link pipe d ''
+  expect "$output" $'5\tfile\n5\tlink\n0\tpipe\n0\td'
+  expect "$stderr" "tavro: No such entry: 'missing'
+tavro: No such entry: 'file/below'
+tavro: No such entry: ''"
+}
+
+# Directories of 15,000, 40,000 and 1,000 bytes; the second has 35,000 of them one level below.
+make_sizes() {
+  mkdir -p small large/inner none
+  head -c 15000 /dev/zero >small/a
+  head -c 35000 /dev/zero >large/inner/b
+  head -c 5000 /dev/zero >large/c
+  head -c 1000 /dev/zero >none/d
+}
+
+@test "size -s prints the largest first" {
+  make_sizes
+  run -0 tavro size -s none small large
+  expect "$output" $'40000\tlarge\n15000\tsmall\n1000\tnone'
+}
+
+@test "size -d lists what is below, largest first, and sums up to the same" {
+  make_sizes
+  ln -s inner large/door
+  ln large/c large/inner/again
+  ln -s c large/link
+  run -0 tavro size large
+  expect "$output" $'50000\tlarge'
+  run -0 tavro size -d 1 large
+  expect "$output" $'50000\tlarge\n40000\tlarge/inner\n5000\tlarge/c\n5000\tlarge/link\n0\tlarge/door'
+  run -0 tavro size --depth 2 -s none large/
+  expect "${lines[0]}" $'50000\tlarge/'
+  expect "${lines[2]}" $'35000\tlarge/inner/b'
+  expect "${lines[-1]}" $'1000\tnone/d'
+  run -2 tavro size -d 0 large
+}
+
+@test "size of several has bars and a total on a terminal" {
+  make_sizes
+  run -0 on_terminal "$TAVRO size -s none small large"
+  expect "$output" '   40.0 kB  ##########  large
+   15.0 kB  ####        small
+    1.0 kB              none
+   56.0 kB              in all'
+  run -0 on_terminal "$TAVRO size -d 1 large"
+  expect "$output" '   40.0 kB  ##########  large
+   35.0 kB  #########   large/inner
+    5.0 kB  #           large/c'
+  mkdir e1 e2
+  run -0 on_terminal "$TAVRO size e1 e2"
+  expect "${lines[0]}" '   0 bytes              e1'
+}
+
+@test "size that is interrupted prints what it has, and says so" {
+  command -v strace >/dev/null || skip 'strace is not installed'
+  strace -qq -o "$scratch/probe" true || skip 'strace may not trace here'
+  make_sizes
+  run -130 env --default-signal=INT ASAN_OPTIONS=detect_leaks=0 strace -qq -o "$scratch/calls" \
+    -e trace=getdents64 -e inject=getdents64:signal=INT:when=1 "$TAVRO" size -d 1 large small
+  expect "${lines[0]}" $'0 (partial)\tlarge'
+  expect "${#lines[@]}" 1
 }
 
 @test "delete refuses without a terminal unless it is forced" {

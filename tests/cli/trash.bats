@@ -156,6 +156,25 @@ $PWD/d -> $HOME/$trash/files/d"
   run -2 tavro empty --older-than many
 }
 
+@test "an empty trash and an empty history say so to a person alone" {
+  run -0 on_terminal "$TAVRO list"
+  expect "$output" 'The trash is empty'
+  run -0 on_terminal "$TAVRO history"
+  expect "$output" 'The history is empty: there is nothing to undo'
+  run -0 on_terminal "$TAVRO list -0"
+  expect "$output" ''
+  run -0 on_terminal "$TAVRO list --json"
+  expect "$output" '[]'
+  run -0 on_terminal "$TAVRO history --json"
+  expect "$output" '[]'
+  expect "$(tavro list)$(tavro history)" ''
+  touch a
+  tavro trash a
+  rm "$HOME/$trash/info/a.trashinfo"
+  run -0 on_terminal "$TAVRO list"
+  [[ $output != *empty* ]]
+}
+
 @test "list and empty tell how much has no record" {
   touch a b c
   tavro trash a b c
@@ -180,7 +199,10 @@ $PWD/d -> $HOME/$trash/files/d"
   rm "$HOME/$trash/info/a.trashinfo"
   rm "$HOME/$trash/files/b"
   run -1 tavro doctor
-  expect "${#lines[@]}" 2
+  expect "$output" "'$HOME/$trash/files/a' has no record of where it came from; --mend takes 'a'
+'$HOME/$trash/info/b.trashinfo' is the record of an entry that is not in the trash; --mend takes 'b.trashinfo'"
+  run -1 on_terminal "$TAVRO doctor"
+  expect "${lines[2]}" "'tavro doctor --mend-all' mends all that was found"
   [ ! -e "$HOME/$trash/info/a.trashinfo" ]
   run -1 tavro doctor --mend a
   [ -f "$HOME/$trash/info/a.trashinfo" ]

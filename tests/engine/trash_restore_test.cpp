@@ -33,11 +33,11 @@ TEST_F(RestoreSelection, refuses_two_entries_for_one_place_however_it_is_spelt) 
     list.push_back(trash({doc("a.txt", "new")})[0]);
     const Snapshot before = takeSnapshot(sandbox());
     EXPECT_EQ(TavroDescribe(restoreInVain(list)),
-              "Cannot restore two entries to one place: " + (docs() / "a.txt").string());
+              "Cannot restore two entries to one place: " + inQuotes(docs() / "a.txt"));
     fs::create_directory_symlink(docs(), home() / "way");
     list[1].Entry.OriginalPath = (home() / "way/a.txt").string();
     EXPECT_EQ(TavroDescribe(restoreInVain(list)),
-              "Cannot restore two entries to one place: " + list[1].Entry.OriginalPath);
+              "Cannot restore two entries to one place: " + inQuotes(list[1].Entry.OriginalPath));
     fs::remove(home() / "way");
     EXPECT_EQ(takeSnapshot(sandbox()), before);
 }
@@ -47,13 +47,13 @@ TEST_F(RestoreSelection, refuses_one_entry_twice) {
     list.push_back(list[0]);
     list[1].Entry.OriginalPath += " again";
     EXPECT_EQ(TavroDescribe(restoreInVain(list)),
-              "Trash item is listed twice: " + item("a.txt").string());
+              "Trash item is listed twice: " + inQuotes(item("a.txt")));
     EXPECT_TRUE(isPresent(item("a.txt")));
 }
 
 TEST_F(RestoreSelection, refuses_a_place_that_is_taken_be_it_by_a_dangling_link) {
     const auto list = trash({doc("a.txt"), doc("b.txt")});
-    const std::string sentence = "Restore target already exists: " + (docs() / "b.txt").string();
+    const std::string sentence = "Restore target already exists: " + inQuotes(docs() / "b.txt");
     const std::vector<std::function<void()>> takings = {[&] { doc("b.txt", "other"); },
                                                         [&] { makeDirectory(docs() / "b.txt"); },
                                                         [&] { link("b.txt", "nowhere"); }};
@@ -70,7 +70,7 @@ TEST_F(RestoreSelection, refuses_an_item_that_is_missing) {
     const auto list = trash({doc("a.txt"), doc("b.txt")});
     fs::remove(item("b.txt"));
     EXPECT_EQ(TavroDescribe(restoreInVain(list)),
-              "Trash item is missing: " + item("b.txt").string());
+              "Trash item is missing: " + inQuotes(item("b.txt")));
     EXPECT_TRUE(isPresent(item("a.txt")));
 }
 
@@ -218,7 +218,7 @@ TEST_F(RestoreSelection, neither_replaces_nor_claims_what_came_to_an_original_pl
     });
     const TavroTrashReport report = restoreInVain(list, callbacks);
     EXPECT_EQ(report.Batch.Failure.Kind, TavroFailureKind::RestoreTargetTaken);
-    EXPECT_EQ(TavroDescribe(report), "Restore target already exists: " + (docs() / "2").string());
+    EXPECT_EQ(TavroDescribe(report), "Restore target already exists: " + inQuotes(docs() / "2"));
     EXPECT_EQ(readFile(docs() / "2"), "theirs");
     EXPECT_EQ(fs::read_symlink(item("2")), "nowhere");
     EXPECT_FALSE(isPresent(docs() / "1"));
