@@ -99,7 +99,7 @@ TavroNewEntryTraits& TavroHardLinks::TraitsAt(const TavroPlace& Place) {
 TavroTreeCopy::TavroTreeCopy(const TavroPlace& From, const TavroPlace& To,
                              TavroTreeCopyOptions Options, TavroHardLinks& Links,
                              TavroProgressTeller& Progress)
-    : m_from(From), m_to(To), m_options(Options), m_links(Links), m_progress(Progress),
+    : m_from(From), m_to(To), m_options(std::move(Options)), m_links(Links), m_progress(Progress),
       m_name(TavroStagingName()), m_walk(From.Number(), From.Name), m_target(To.Number()) {}
 
 bool TavroTreeCopy::Run(const struct stat& Source, TavroDescriptor Open) {

@@ -456,6 +456,7 @@ TavroFailure TavroRemoveFromTrash(const std::vector<TavroTrashItem>& Items,
     TavroFailure failure = emptying.Open();
     if (!failure && Callbacks.BeforeActs) {
         std::vector<TavroStep> steps;
+        steps.reserve(Items.size());
         for (const TavroTrashItem& item : Items) {
             steps.push_back(emptying.StepOf(item));
         }
