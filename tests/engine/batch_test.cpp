@@ -326,9 +326,12 @@ TEST_F(Batch, costs_a_step_the_same_however_many_there_are) {
         fs::remove_all(at("to"));
         return made;
     };
-    const int few = callsFor(20);
     // Each is looked at, and its destination; renamed, and looked at again.
-    EXPECT_EQ(callsFor(120) - few, 100 * 4);
+    const int few = callsFor(20);
+    EXPECT_EQ(callsFor(40) - few, 20 * 4);
+    // Of many the names at the destination are read at once.
+    const int many = callsFor(100);
+    EXPECT_EQ(callsFor(200) - many, 100 * 3);
 }
 
 TEST_F(Batch, counts_each_rename_as_one_item) {

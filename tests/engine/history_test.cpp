@@ -495,6 +495,33 @@ TEST_F(History, what_is_undone_comes_first_and_is_dropped_with_the_next_record) 
     EXPECT_FALSE(next);
 }
 
+TEST_F(History, any_number_of_steps_comes_back_in_order) {
+    for (const std::size_t count : {1U, 63U, 64U, 65U, 128U, 131U}) {
+        TavroOperation operation = operationOf(Kind::Trash, {});
+        for (std::size_t i = 0; i < count; ++i) {
+            const std::string name = "file " + std::to_string(i);
+            operation.Steps.push_back(trashedStep("/from/" + name, "/trash", name));
+        }
+        record(operation);
+        EXPECT_EQ(describe(listed().front()), describe(operation)) << count;
+    }
+}
+
+TEST_F(History, the_log_of_an_operation_is_emptied_when_it_has_ended_and_not_before) {
+    const fs::path log = file().string() + "-wal";
+    TavroHistory history;
+    open(history);
+    TavroOperation operation = operationOf(Kind::Trash, {});
+    for (std::size_t i = 0; i < 5000; ++i) {
+        const std::string name = "file " + std::to_string(i);
+        operation.Steps.push_back(trashedStep("/from/" + name, "/trash", name));
+    }
+    ASSERT_EQ(TavroDescribe(history.BeginOperation(operation)), "");
+    EXPECT_GT(fs::file_size(log), 100U * 4096U);
+    ASSERT_EQ(TavroDescribe(history.EndOperation(operation, true)), "");
+    EXPECT_EQ(fs::file_size(log), 0U);
+}
+
 TEST_F(History, an_update_keeps_more_and_fewer_steps) {
     TavroHistory history;
     open(history);

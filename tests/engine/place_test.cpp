@@ -478,3 +478,46 @@ TEST_F(Places, nobody_leads_a_created_directory_elsewhere_by_a_link) {
     EXPECT_GE(tally.Strikes, 5);
     EXPECT_TRUE(fs::is_directory(m_box / "a/b/x")) << "undisturbed, it is created";
 }
+
+// =================================================================================================
+// Many looks into one directory
+// =================================================================================================
+
+TEST(NameSearch, finds_what_is_there_and_nothing_else_however_often_it_looks) {
+    const Sandbox box;
+    TavroPlaces places;
+    TavroNameSearch search;
+    writeFile(box / "a/there");
+    writeFile(box / "b/also");
+    for (int i = 0; i < 200; ++i) {
+        TavroPlace place;
+        struct stat status = {};
+        const std::string name = std::to_string(i);
+        ASSERT_FALSE(places.Find(box / "a" / name, place));
+        EXPECT_EQ(search.Look(place, status), ENOENT) << i;
+        place.Name = "there";
+        EXPECT_EQ(search.Look(place, status), 0) << i;
+        EXPECT_TRUE(S_ISREG(status.st_mode));
+        place.Name = ".";
+        EXPECT_EQ(search.Look(place, status), 0) << i;
+    }
+    TavroPlace other;
+    struct stat status = {};
+    ASSERT_FALSE(places.Find(box / "b/also", other));
+    EXPECT_EQ(search.Look(other, status), 0) << "another directory has other names";
+}
+
+TEST(NameSearch, sees_what_came_later_once_it_was_told_to_forget) {
+    const Sandbox box;
+    TavroPlaces places;
+    TavroNameSearch search;
+    TavroPlace place;
+    struct stat status = {};
+    ASSERT_FALSE(places.Find(box / "late", place));
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_EQ(search.Look(place, status), ENOENT);
+    }
+    writeFile(box / "late");
+    search.Forget();
+    EXPECT_EQ(search.Look(place, status), 0);
+}

@@ -287,7 +287,10 @@ TEST_F(RestoreSelection, costs_an_entry_the_same_however_many_there_are) {
         restore(list);
         return counts.all();
     };
-    const int few = callsFor(20);
     // Item and place are looked at; a rename, a look at what arrived, and the record goes.
-    EXPECT_EQ(callsFor(120) - few, 100 * 5);
+    const int few = callsFor(20);
+    EXPECT_EQ(callsFor(40) - few, 20 * 5);
+    // Of many the names at the original place are read at once.
+    const int many = callsFor(100);
+    EXPECT_EQ(callsFor(200) - many, 100 * 4);
 }
