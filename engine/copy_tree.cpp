@@ -245,25 +245,65 @@ bool TavroTreeCopy::CopyByType(int Source, const struct stat& Status, TavroFileS
     }
 }
 
+/// Opens the directory of the earlier copy in which the entry of the walk would be, without
+/// following a link. @return 0, or the error number.
+int TavroTreeCopy::FindEarlier() {
+    const std::string path = TavroParentOf('/' + m_walk.Below());
+    if (m_earlier.IsOpen() && path == m_earlierPath) {
+        return 0;
+    }
+    TavroDescriptor at;
+    struct stat status = {};
+    int error = TavroOpenDirectoryAt(m_to.Number(), m_options.Earlier.Name.c_str(), at);
+    error = error != 0 ? error : TavroStat(at.Number(), status);
+    error = error == 0 && status.st_ino != m_options.Earlier.Made.Inode ? ESTALE : error;
+    for (std::size_t begin = 1; error == 0 && begin < path.size();) {
+        const std::size_t end = std::min(path.find('/', begin), path.size());
+        TavroDescriptor next;
+        error = TavroOpenDirectoryAt(at.Number(), path.substr(begin, end - begin).c_str(), next);
+        at = std::move(next);
+        begin = end + 1;
+    }
+    m_earlier = std::move(at);
+    m_earlierPath = path;
+    return error;
+}
+
+namespace {
+
+/// Whether something was changed last before a moment. Where times are told in whole seconds, or
+/// two, all of these must have passed.
+bool IsBefore(const struct timespec& Changed, std::int64_t Moment) {
+    constexpr std::int64_t twoSeconds = 2'000'000'000;
+    return TavroNanoseconds(Changed) + (Changed.tv_nsec == 0 ? twoSeconds : 0) < Moment;
+}
+
+} // namespace
+
 /// Takes over a file that was copied before. Its times were given to it last, so it was whole.
+/// Neither its source has changed since it was begun, nor a directory above that, which would be
+/// another one.
 bool TavroTreeCopy::TakeOver(const struct stat& Status, TavroFileState& OutCopy) {
     struct stat copy = {};
     std::int64_t birth = 0;
-    const std::string path = TavroJoin(m_options.Earlier, m_walk.Below());
+    const std::string& name = m_walk.Name();
     const auto is = [&](const struct stat& status) {
         return S_ISREG(status.st_mode) && status.st_nlink == 1 &&
                status.st_size == Status.st_size &&
                TavroNanoseconds(status.st_mtim) == TavroNanoseconds(Status.st_mtim);
     };
-    if (TavroStatWithBirthAt(m_to.Number(), path.c_str(), copy, birth) != 0 || !is(copy) ||
-        TavroNanoseconds(Status.st_ctim) >= birth ||
-        TavroRenameNoReplace(m_to.Number(), path.c_str(), m_target.Top(), TargetName()) != 0) {
+    if (m_source.Identity.Inode != m_options.Earlier.Source.Inode || FindEarlier() != 0 ||
+        TavroStatWithBirthAt(m_earlier.Number(), name.c_str(), copy, birth) != 0 || !is(copy) ||
+        !IsBefore(Status.st_ctim, birth) ||
+        !std::all_of(m_levels.begin(), m_levels.end(),
+                     [&](const Level& level) { return IsBefore(level.Source.st_ctim, birth); })) {
         return false;
     }
     const TavroIdentity identity = TavroIdentityOf(copy);
-    if (TavroStatAt(m_target.Top(), TargetName(), copy) != 0 || !is(copy) ||
+    if (TavroRenameNoReplace(m_earlier.Number(), name.c_str(), m_target.Top(), TargetName()) != 0 ||
+        TavroStatAt(m_target.Top(), TargetName(), copy) != 0 || !is(copy) ||
         TavroIdentityOf(copy) != identity) {
-        return false; // the name is taken now, which is a failure
+        return false; // when another file has the name now, that is a failure
     }
     OutCopy = TavroStateOf(copy);
     m_progress.AddBytes(static_cast<std::uint64_t>(Status.st_size));
@@ -272,7 +312,7 @@ bool TavroTreeCopy::TakeOver(const struct stat& Status, TavroFileState& OutCopy)
 
 bool TavroTreeCopy::CopyFile(int Source, const struct stat& Status, TavroFileState& OutCopy) {
     const bool bFirst = m_levels.empty();
-    if (!m_options.Earlier.empty() && !bFirst && TakeOver(Status, OutCopy)) {
+    if (!m_options.Earlier.Name.empty() && !bFirst && TakeOver(Status, OutCopy)) {
         return true;
     }
     if (Status.st_size > namedSize) {

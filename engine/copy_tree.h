@@ -49,16 +49,21 @@ private:
     TavroNewEntryTraits m_traits;
 };
 
+/// A copy of a directory that was cut off since this system was started.
+struct TavroEarlierCopy {
+    std::string Name = {};     ///< In the directory of the destination; empty: there is none.
+    TavroIdentity Made = {};   ///< Which directory it is; the device may have got another number.
+    TavroIdentity Source = {}; ///< Which one it is of.
+};
+
 /// How an entry is copied.
 struct TavroTreeCopyOptions {
     bool bMove = false;  ///< The source is to go: the copy is whole or fails, and is noted.
     bool bSync = false;  ///< The bytes of a file have reached the disk when it is copied.
     bool bNamed = false; ///< A file is made under a hidden name, not without one.
 
-    /// The hidden name, in the directory of the destination, of an earlier copy that was cut off
-    /// since this system was started. What is whole there is taken over, when its source has not
-    /// changed since. Empty: there is none.
-    std::string Earlier = {};
+    /// What is whole there is taken over, when nothing on the way to its source has changed since.
+    TavroEarlierCopy Earlier = {};
 
     /// Called for a directory when it was made, and nothing is in it, with its hidden name. A
     /// failure ends the copy. May be empty.
@@ -168,6 +173,7 @@ private:
     void CopyLeaf(int Directory, const char* Name, bool bRegular);
     void CopyOpenLeaf(TavroDescriptor Source, const struct stat& Status, bool bRegular);
     bool CopyByType(int Source, const struct stat& Status, TavroFileState& OutCopy);
+    int FindEarlier();
     bool TakeOver(const struct stat& Status, TavroFileState& OutCopy);
     bool CopyFile(int Source, const struct stat& Status, TavroFileState& OutCopy);
     bool CopySpecial(int Source, const struct stat& Status, TavroFileState& OutCopy);
@@ -195,6 +201,8 @@ private:
     const TavroPlace& m_from;
     const TavroPlace& m_to;
     const TavroTreeCopyOptions m_options;
+    TavroDescriptor m_earlier; ///< The directory of the earlier copy that was looked into last,
+    std::string m_earlierPath; ///< and which one.
     TavroHardLinks& m_links;
     TavroProgressTeller& m_progress;
 

@@ -116,10 +116,11 @@ TavroFailure FindTarget(TavroPlaces& Places, const std::string& Target, const Ta
 }
 
 /// Renames, and brings it to the disk. When that fails it is renamed back.
-TavroFailure Rename(const TavroPlace& From, const TavroPlace& To, bool bSync, TavroPlaces& Places,
-                    const std::vector<std::string>& Created) {
-    int error =
-        TavroRenameNoReplace(From.Number(), From.Name.c_str(), To.Number(), To.Name.c_str());
+/// @param Staged  what its name may be begun with on the way to another spelling.
+TavroFailure Rename(const TavroPlace& From, const TavroPlace& To, const std::string& Staged,
+                    bool bSync, TavroPlaces& Places, const std::vector<std::string>& Created) {
+    int error = TavroRenameNoReplace(From.Number(), From.Name.c_str(), To.Number(), To.Name.c_str(),
+                                     Staged);
     if (error != 0) {
         return TavroFail(error == EEXIST ? Kind::RenameTaken : Kind::Rename, error, "");
     }
@@ -145,6 +146,7 @@ TavroEditReport TavroRenameTo(const TavroOperationEntry& Entry, const std::strin
     TavroPlaces places;
     TavroPlace from;
     TavroPlace to;
+    std::string staged;
     struct stat status = {};
     TavroFailure failure = Look(places, Entry.Path, from, status);
     failure = failure ? failure : TavroGuard(TavroAct::Rename).Check(from, status);
@@ -153,6 +155,10 @@ TavroEditReport TavroRenameTo(const TavroOperationEntry& Entry, const std::strin
         std::vector<TavroStep> steps = StepsToCreate(TavroParentOf(target));
         steps.insert(steps.begin(), {TavroStepRole::Moved, Entry.Path, TavroFindOwnPath(target), "",
                                      TavroIdentityOf(status)});
+        const bool bSpelling =
+            !places.Find(target, to) &&
+            TavroIsOtherSpelling(from.Number(), from.Name.c_str(), to.Number(), to.Name.c_str());
+        staged = steps[0].Staged = bSpelling ? TavroStagingName() : "";
         const auto announce = [&] {
             return Announce(Callbacks, TavroOperationKind::Rename, steps);
         };
@@ -160,7 +166,7 @@ TavroEditReport TavroRenameTo(const TavroOperationEntry& Entry, const std::strin
                              report.CreatedDirectories, to);
     }
     if (!failure) {
-        failure = Rename(from, to, Callbacks.bSync, places, report.CreatedDirectories);
+        failure = Rename(from, to, staged, Callbacks.bSync, places, report.CreatedDirectories);
         failure.Path = failure.Path.empty() ? Entry.Path : failure.Path;
     }
     if (failure) {
@@ -243,6 +249,9 @@ std::vector<TavroFailure> Check(const std::vector<TavroOperationEntry>& Entries,
         }
         step.From = place.OwnPath();
         step.Identity = TavroIdentityOf(status);
+        if (!S_ISDIR(status.st_mode) && status.st_nlink == 1) { // else it changes as others go
+            step.ChangeTime = TavroNanoseconds(status.st_ctim);
+        }
         OutSteps.push_back(std::move(step));
     }
     return failures;
@@ -293,6 +302,22 @@ TavroFailure TavroDeleteForGood(const std::vector<TavroOperationEntry>& Entries,
     return failure ? failure : Delete(steps, Callbacks);
 }
 
+namespace {
+
+/// Whether the file system of an entry that is gone is still where it was, so that it is gone
+/// indeed.
+bool IsOnDevice(const TavroStep& Step) {
+    TavroPlaces places;
+    TavroPlace place;
+    std::string path = Step.From;
+    while (places.Find(path, place) && path != "/") {
+        path = TavroParentOf(path);
+    }
+    return place.Directory && place.Directory->Identity.Device == Step.Identity.Device;
+}
+
+} // namespace
+
 TavroFailure TavroFinishDeleting(const std::vector<TavroStep>& Steps,
                                  const TavroCallbacks& Callbacks) {
     std::vector<TavroStep> left;
@@ -305,10 +330,14 @@ TavroFailure TavroFinishDeleting(const std::vector<TavroStep>& Steps,
         TavroFailure failure = Look(places, step.From, place, status, &birth);
         const bool bOther =
             !failure && (step.Identity.Inode != status.st_ino || birth != step.SourceTime);
-        if (failure.Kind == Kind::NoSuchEntry || bOther) {
+        if (bOther || (failure.Kind == Kind::NoSuchEntry && IsOnDevice(step))) {
             continue;
         }
-        failure = failure || birth != 0 ? failure : TavroFailure{Kind::MaybeOther, {}, step.From};
+        const bool bChanged =
+            step.ChangeTime != 0 && step.ChangeTime != TavroNanoseconds(status.st_ctim);
+        if (failure.Kind == Kind::NoSuchEntry || (!failure && (birth == 0 || bChanged))) {
+            failure = {Kind::MaybeOther, {}, step.From};
+        }
         failure = failure ? failure : guard.Check(place, status);
         if (failure) {
             return failure;

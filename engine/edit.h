@@ -52,9 +52,11 @@ TavroFailure TavroDeleteForGood(const std::vector<TavroOperationEntry>& Entries,
                                 const TavroCallbacks& Callbacks);
 
 /// Goes on with a deletion that was interrupted: of its steps, as BeforeActs was told them, what is
-/// still there goes. What else has the name of an entry by now stays.
+/// still there goes, of a directory also what came into it since. What else has the name of an
+/// entry by now stays.
 /// @return as TavroDeleteForGood; MaybeOther for an entry of which nobody can tell whether it is
-///         the same; it stays, and so do those after it.
+/// the
+///         same, or gone, and for a file that was changed since: then nothing more is removed.
 TavroFailure TavroFinishDeleting(const std::vector<TavroStep>& Steps,
                                  const TavroCallbacks& Callbacks);
 

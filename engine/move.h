@@ -34,7 +34,7 @@ struct TavroMoveOptions {
         BeforePublish = {};
 
     /// As TavroTreeCopyOptions has them.
-    std::string Earlier = {};
+    TavroEarlierCopy Earlier = {};
     std::function<TavroFailure(const TavroFileState& Made, const std::string& Staged)> OnMade = {};
 };
 

@@ -343,12 +343,13 @@ int RenameToFree(int FromDirectory, const char* From, int ToDirectory, const cha
 
 } // namespace
 
-int TavroRenameNoReplace(int FromDirectory, const char* From, int ToDirectory, const char* To) {
+int TavroRenameNoReplace(int FromDirectory, const char* From, int ToDirectory, const char* To,
+                         const std::string& Staged) {
     int error = RenameToFree(FromDirectory, From, ToDirectory, To);
     if (error != EEXIST || !TavroIsOtherSpelling(FromDirectory, From, ToDirectory, To)) {
         return error;
     }
-    const std::string aside = TavroAsideName(TavroStagingName());
+    const std::string aside = TavroAsideName(Staged.empty() ? TavroStagingName() : Staged);
     error = RenameToFree(FromDirectory, From, ToDirectory, aside.c_str());
     if (error != 0) {
         return error;

@@ -127,8 +127,10 @@ bool TavroIsOtherSpelling(int FromDirectory, const char* From, int ToDirectory, 
 
 /// Renames without replacing anything: EEXIST when something is at the new name. Where the file
 /// system has no such call, the name is looked at first. To another spelling of its name a file
-/// goes in two steps, by a name that ends in "-old".
-int TavroRenameNoReplace(int FromDirectory, const char* From, int ToDirectory, const char* To);
+/// goes in two steps, by TavroAsideName of a hidden name.
+/// @param Staged  the hidden name; empty: a new one.
+int TavroRenameNoReplace(int FromDirectory, const char* From, int ToDirectory, const char* To,
+                         const std::string& Staged = {});
 
 /// Renames; what is at the new name is replaced.
 int TavroRename(int FromDirectory, const char* From, int ToDirectory, const char* To);

@@ -256,7 +256,7 @@ public:
     TavroFailure TakeExchangesBack(const std::vector<TavroStep>& Steps);
 
     TavroFailure Settle(TavroStep& IoStep, TavroWhereabouts& OutWhere);
-    bool IsEarlier(const std::string& Hidden);
+    bool IsEarlier(const TavroStep& Step);
 
     /// @param NotDone  the steps that are not done.
     TavroFailure Finish(const std::vector<TavroStep>& NotDone) {
@@ -370,8 +370,7 @@ TavroFailure Settlement::SettlePlace(TavroStep& IoStep) {
     }
     const bool bCopy = IoStep.Source.Inode != 0 && InodeAt(m_places, TavroHomeOf(IoStep)) != 0;
     if (bCopy || IoStep.Role == Role::Copied) {
-        const bool bStays =
-            m_bGoOn && !TavroIsTrashed(IoStep) && (IsEarlier(hidden) || Publish(IoStep));
+        const bool bStays = m_bGoOn && (IsEarlier(IoStep) || Publish(IoStep));
         return bStays ? TavroFailure() : Remove(hidden, comes);
     }
     if (TavroIsTrashed(IoStep) && InodeAt(m_places, IoStep.Record) == 0) {
@@ -383,9 +382,10 @@ TavroFailure Settlement::SettlePlace(TavroStep& IoStep) {
     return Bring(hidden, TavroHomeOf(IoStep), home);
 }
 
-/// Whether a directory was copied in part, of which what is whole can be taken over. After a power
-/// cut files could look whole that are not.
-bool Settlement::IsEarlier(const std::string& Hidden) {
+/// Whether what waits is a directory that was copied in part, of which what is whole can be taken
+/// over. After a power cut files could look whole that are not.
+bool Settlement::IsEarlier(const TavroStep& Step) {
+    const std::string hidden = TavroIsTrashed(Step) ? "" : Beside(Step.To, Step.Staged);
     TavroPlace place;
     struct stat status = {};
     std::set<std::string> starts;
@@ -395,8 +395,10 @@ bool Settlement::IsEarlier(const std::string& Hidden) {
             starts.insert(word);
         }
     }
-    return starts == std::set<std::string>{TavroBootMark()} && !m_places.Find(Hidden, place) &&
-           TavroStatAt(place.Number(), place.Name.c_str(), status) == 0 && S_ISDIR(status.st_mode);
+    return m_bGoOn && starts == std::set<std::string>{TavroBootMark()} && !hidden.empty() &&
+           !m_places.Find(hidden, place) &&
+           TavroStatAt(place.Number(), place.Name.c_str(), status) == 0 &&
+           S_ISDIR(status.st_mode) && status.st_ino == Step.Identity.Inode;
 }
 
 /// Its item and its record were taken out by others meanwhile: it becomes an item with a record.
@@ -526,7 +528,8 @@ void Settlement::RemoveLeftovers() {
         told.insert(Beside(step.To, step.Staged));
     };
     for (const TavroStep& step : m_operation.Steps) {
-        if (step.Role != Role::Copied) { // of which a resumption may have made another one
+        // Of what is copied a resumption may have made another copy.
+        if (step.Role != Role::Copied && (step.Source.Inode == 0 || TavroIsTrashed(step))) {
             tell(step);
         }
     }
@@ -545,6 +548,14 @@ bool Settlement::IsOwnCopy(const std::string& Name) const {
     const std::string prefix = ' ' + Name.substr(0, TavroStagingPrefix().size());
     return !TavroIsAsideName(Name) &&
            (m_operation.Staging + ' ').find(prefix + ' ') != std::string::npos;
+}
+
+/// Whether a path, or one above it, is among others.
+bool IsAmong(const std::set<std::string>& Others, std::string Path) {
+    while (Others.count(Path) == 0 && Path.size() > 1) {
+        Path = TavroParentOf(Path);
+    }
+    return Others.count(Path) != 0;
 }
 
 /// Records of which the items are not there, of what was to be trashed and was not, or was
@@ -575,14 +586,6 @@ void Settlement::RemoveRecords(const std::vector<TavroStep>& NotDone) {
     for (const std::string& directory : directories) {
         RemoveRecordsIn(directory, origins, items);
     }
-}
-
-/// Whether a path, or one above it, is among others.
-bool IsAmong(const std::set<std::string>& Others, std::string Path) {
-    while (Others.count(Path) == 0 && Path.size() > 1) {
-        Path = TavroParentOf(Path);
-    }
-    return Others.count(Path) != 0;
 }
 
 /// Others are asked about what was found, and its items looked for, after that: who trashes
@@ -635,7 +638,7 @@ Settlement::FindRecords(const TavroPlace& Info, int Files, const std::set<std::s
         }
         const auto told = TavroReadRecord(Info.Number(), *item, TavroHomeDirectoryPath());
         if (Items.count(*item) != 0 ||
-            (told ? Origins.count(told->Path) != 0 : IsCutShort({Info.Directory, name}))) {
+            (told ? IsAmong(Origins, told->Path) : IsCutShort({Info.Directory, name}))) {
             found[*item] = told ? told->Path : "";
         }
     }
@@ -691,12 +694,12 @@ TavroFailure TavroSettle(TavroHistory& History, const TavroOperation& Operation,
             return failure;
         }
         const bool bDone = where == TavroWhereabouts::AtTo;
+        const bool bEarlier = !bDone && settlement.IsEarlier(step);
+        const TavroIdentity made = step.Identity;
         step.Identity = !bDone && step.Source.Inode != 0 ? step.Source : step.Identity;
-        step.Source = {};
+        step.Source = bEarlier ? made : TavroIdentity();
         step.SourceTime = 0;
-        if (bDone || !bGoOn || !settlement.IsEarlier(Beside(step.To, step.Staged))) {
-            step.Staged.clear();
-        }
+        step.Staged = bEarlier ? step.Staged : "";
         (bDone ? OutDone : OutNotDone).push_back(std::move(step));
     }
     // The rest of a source that went to the trash may have been a step's own file.

@@ -58,7 +58,7 @@ std::vector<std::string> TavroFindOrphans(const std::vector<TavroOperation>& Ope
 /// @param History  has the others.
 /// @param bGoOn    it is resumed as it was begun: copies of files that wait get their names
 ///                 instead, when their sources are unchanged; those of directories stay for the
-///                 resumption, as `Staged` of their steps.
+///                 resumption, as `Staged` and `Source` of their steps.
 /// @param OutDone  the steps whose files are at `To`; of the others, the last argument. What was
 ///                 kept of one step several times counts once.
 /// @return no failure, or why something could not be settled; all can be tried again.

@@ -680,7 +680,7 @@ void Transfer::Prepare(const Route& Way, const struct stat& Source, const struct
         };
     }
     const bool bEarlier = m_callbacks.FindEarlier && S_ISDIR(Source.st_mode) && !entry.bRename;
-    Options.Earlier = bEarlier ? m_callbacks.FindEarlier(entry.OwnTo) : "";
+    Options.Earlier = bEarlier ? m_callbacks.FindEarlier(entry.OwnTo) : TavroEarlierCopy();
     entry.Copy = std::make_unique<TavroStagedCopy>(Way.From, Way.To, std::move(Options), m_links,
                                                    m_progress);
     if (!entry.bRename && !entry.Copy->Stage(Source, std::move(m_source))) {

@@ -9,7 +9,7 @@
 #define TAVRO_ENGINE_TRANSFER_H
 
 #include "conflicts.h"
-#include "copy_file.h"
+#include "copy_tree.h"
 #include "failure.h"
 #include "identity.h"
 #include "operation.h"
@@ -83,9 +83,9 @@ struct TavroTransferCallbacks : TavroCallbacks {
     /// Asked for each source; what is done already is passed over.
     std::function<bool(const std::string& From)> IsDone = {};
 
-    /// Asked for each directory that is copied: the hidden name beside `To` of a copy of it that
-    /// was cut off, of which what is whole is taken over; empty: there is none.
-    std::function<std::string(const std::string& To)> FindEarlier = {};
+    /// Asked for each directory that is copied: a copy of it that was cut off, of which what is
+    /// whole is taken over.
+    std::function<TavroEarlierCopy(const std::string& To)> FindEarlier = {};
 
     /// Asked after a cancel, when something is done or waits to be: whether that is kept, for a
     /// resumption; else what waits goes.

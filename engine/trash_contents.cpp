@@ -347,6 +347,9 @@ std::vector<TavroTrashItem> Emptying::ItemsOf(const std::vector<TavroStep>& Step
                                            : ENOENT;
         item.Identity = error == 0 ? TavroIdentityOf(status) : TavroIdentity();
         item.ChangeTime = TavroNanoseconds(status.st_ctim);
+        if (IsClaimedByOther(item)) {
+            continue; // it was restored, and trashed again
+        }
         if (error != 0 || (status.st_ino == step.Identity.Inode && birth == step.SourceTime)) {
             // Where nobody can tell whether it is the same, it stays.
             item.ChangeTime = error == 0 && birth == 0 ? 0 : item.ChangeTime;

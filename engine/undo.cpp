@@ -1174,22 +1174,23 @@ TavroFailure Going::Transfer(TavroTransferCallbacks Callbacks) {
         return ask ? ask(conflict) : TavroConflictAnswer{TavroConflictChoice::Skip, false};
     };
     Callbacks.IsDone = [&](const std::string& path) { return done.count(path) != 0; };
-    std::unordered_map<std::string, std::string> earlier;
+    std::unordered_map<std::string, TavroEarlierCopy> earlier;
     for (const TavroStep& step : operation.Steps) {
         if (!step.Staged.empty()) {
-            earlier[step.To] = step.Staged;
+            earlier[step.To] = {step.Staged, step.Source, step.Identity};
         }
     }
     Callbacks.FindEarlier = [&](const std::string& to) {
         const auto found = earlier.find(to);
-        return found == earlier.end() ? std::string() : found->second;
+        return found == earlier.end() ? TavroEarlierCopy() : found->second;
     };
     TavroCarryOutTransfer(plan, Callbacks, m_report.Transfer);
-    for (const auto& [to, hidden] : earlier) { // what was not taken over
+    for (const auto& [to, copy] : earlier) { // what was not taken over
         TavroPlaces places;
         TavroPlace place;
-        if (!places.Find(TavroJoin(TavroParentOf(to), hidden), place)) {
-            TavroRemoveTree(place);
+        if (!places.Find(TavroJoin(TavroParentOf(to), copy.Name), place)) {
+            const std::uint64_t device = place.Directory->Identity.Device;
+            TavroRemoveTree(place, {TavroIdentity{device, copy.Made.Inode}});
         }
     }
     m_report.Transfer.bUnsettled = m_report.Transfer.bUnsettled || bOpen;

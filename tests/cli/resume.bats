@@ -76,6 +76,30 @@ sys.stdin.read()
   $PWD/older"
 }
 
+@test "what was restored and trashed again is not what a killed empty was to delete" {
+  needs_strace
+  mkdir a b
+  touch a/x b/y
+  tavro trash -q a b
+  killed_at unlinkat 1 "$TAVRO" empty -f
+  tavro restore -q b
+  tavro trash -q b
+  touch -d '2020-01-01' "$HOME/.local/share/Trash/info/b.trashinfo"
+  run -0 tavro resume
+  expect "$(tavro list -0 | tr '\0' ' ')" 'b '
+}
+
+@test "a file that was changed since is not deleted when a killed delete is gone on with" {
+  needs_strace
+  touch a b
+  killed_at unlinkat 1 "$TAVRO" delete -f a b
+  touch b
+  run -1 tavro resume
+  expect "$output" "tavro: '$PWD/b' may be another one by now and stays"
+  [ -e b ]
+  tavro history --drop
+}
+
 @test "a killed empty is listed, and finished by resume" {
   needs_strace
   for options in -f -fq; do
@@ -462,7 +486,7 @@ failing_at() {
 cut_off_tree() { # COMMAND
   local file
   mkdir -p src/deep
-  for file in src/a src/b src/deep/c src/deep/d; do echo "of $file" >"$file"; done
+  for file in src/a src/b src/deep/c src/deep/d; do [[ -e $file ]] || echo "of $file" >"$file"; done
   killed_at utimensat 3 "$TAVRO" "$1" src dst/
   for file in dst/.tavro-*/{a,b,deep/c,deep/d}; do
     [[ -e $file ]] || continue
@@ -515,6 +539,48 @@ taken_over() {
   done
   run -0 tavro resume
   expect "$(taken_over)" 0
+}
+
+@test "of another tree that has the name by now nothing is taken over" {
+  needs_strace
+  [[ -w /dev/shm && $(stat -c %d /dev/shm) != "$(stat -c %d .)" ]] || skip 'there is no other file system'
+  ln -s "$(mktemp -d /dev/shm/tavro-test-XXXXXX)" dst
+  mkdir -p src/deep src2/deep
+  for file in a b deep/c deep/d; do
+    echo "of src/$file" >"src2/$file"
+    echo "of src/$file" >"src/$file"
+    touch -d 2020-01-01 "src/$file" "src2/$file"
+  done
+  cut_off_tree move
+  mv src old
+  mv src2 src
+  run -0 tavro resume
+  expect "$(taken_over)" 0
+  rm -r "$(readlink dst)"
+}
+
+@test "a link in what was copied in part leads nowhere, and another directory of its name stays" {
+  needs_strace
+  mkdir dst
+  cut_off_tree copy
+  hidden=$(echo dst/.tavro-*)
+  mkdir -p dst/other/deep
+  cp -p src/deep/* src/a src/b dst/other/deep/
+  for file in dst/other/deep/*; do mv "$file" "$file.x" && mv "$file.x" "$file"; done
+  rm -rf "$hidden/deep"
+  ln -s ../other/deep "$hidden/deep"
+  run -0 tavro resume
+  expect "$(ls dst/other/deep)" $'a\nb\nc\nd'
+  rm -r dst/src dst/other
+  tavro history --drop
+  cut_off_tree copy
+  hidden=$(echo dst/.tavro-*)
+  mv "$hidden" away
+  mkdir "$hidden"
+  touch "$hidden/mine"
+  run -0 tavro resume
+  [ -e "$hidden/mine" ]
+  expect "$(diff -r src dst/src)" ''
 }
 
 @test "of a tree nothing is taken over when the system was started anew" {

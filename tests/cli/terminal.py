@@ -10,12 +10,16 @@ exit code is that of the command, and 99 when a signal killed it.
 import os
 import pty
 import sys
+import termios
 
 text, keys, command = os.fsencode(sys.argv[1]), sys.argv[2], sys.argv[3:]
 keys = keys.encode().decode("unicode_escape").encode("latin-1")
 parts = [part for part in keys.split(b"\f") if part]
 child, terminal = pty.fork()
 if child == 0:
+    attributes = termios.tcgetattr(0)
+    attributes[3] |= termios.NOFLSH  # a Ctrl-C takes nothing away that was just shown
+    termios.tcsetattr(0, termios.TCSANOW, attributes)
     os.execvp(command[0], command)
 shown = b""
 seen = 0  # how much of it was answered

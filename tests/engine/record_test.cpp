@@ -71,8 +71,16 @@ TEST(Record, OfACopyHasAllThatArrivedAlsoWhatReplacedSomethingForGood) {
 TEST(Record, OfATransferThatBroughtNothingIsEmpty) {
     TavroTransferReport report = TransferReport();
     report.Done.clear();
+    report.RemovedDirectories.clear();
     EXPECT_TRUE(TavroOperationOf(report, false).Steps.empty());
     EXPECT_TRUE(TavroOperationOf(report, true).Steps.empty());
+}
+
+TEST(Record, OfAMoveThatMergedEmptyDirectoriesHasThese) {
+    TavroTransferReport report = TransferReport();
+    report.Done.clear();
+    report.CreatedDirectories.clear();
+    EXPECT_EQ(RolesOf(TavroOperationOf(report, true)), std::vector<Role>{Role::RemovedDirectory});
 }
 
 TEST(Record, OfTheTrashHasWhereEachItemLiesAndItsRecord) {

@@ -109,6 +109,9 @@ TEST_F(TrashFolders, name_the_directory_that_cannot_be_made) {
 
 TEST_F(TrashFolders, say_when_they_cannot_be_made_private) {
     const FaultInjector fault({{"chmod", EPERM, ""}});
+    EXPECT_EQ(ensure(), "") << "they are already";
+    fs::remove_all(root());
+    umask(0777);
     EXPECT_EQ(ensure(), "Failed to make trash folder " + inQuotes(root()) +
                             " private: " + systemText(std::errc::operation_not_permitted));
     EXPECT_EQ(fault.fired(), 1);

@@ -16,7 +16,7 @@ inline int callStride(int usual = 5) {
 inline int callStride(int usual = 1) {
 #endif
     const char* text = std::getenv("TAVRO_CALL_STRIDE");
-    const int given = text == nullptr ? 0 : std::atoi(text);
+    const int given = text == nullptr ? 0 : static_cast<int>(std::strtol(text, nullptr, 10));
     return given > 0 ? given : usual;
 }
 
