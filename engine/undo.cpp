@@ -1039,6 +1039,7 @@ private:
     TavroFailure Transfer(TavroTransferCallbacks Callbacks);
     TavroFailure Take(FindNext Find, TavroFailureKind Nothing, bool bUndo);
     void Renew(const TavroBatchReport& TakenBack);
+    TavroFailure TurnBack();
     TavroFailure End(bool bUndo);
     TavroUndoReport FinishDeletion(bool bUndo);
     void EndWhatIsUndone();
@@ -1050,8 +1051,9 @@ private:
     TavroOperation m_before;
     std::vector<TavroStep> m_settled; ///< Of an interrupted operation: what is where it is to be.
     Reversal::Directories m_made;     ///< What it has made of those that are to be there.
-    bool m_bForget = false;           ///< It does not stay in the history.
-    bool m_bTransfer = false;         ///< The rest is to be copied or moved.
+    std::optional<TavroOperation> m_turned; ///< What it was before it was turned back.
+    bool m_bForget = false;                 ///< It does not stay in the history.
+    bool m_bTransfer = false;               ///< The rest is to be copied or moved.
 };
 
 /// What was replaced must be somewhere, as long as the new entry, or nothing, is in its place.
@@ -1208,6 +1210,26 @@ void Going::Renew(const TavroBatchReport& TakenBack) {
     }
 }
 
+/// Tells the history that what was interrupted goes back from now on, and what of it there is: were
+/// this interrupted, too, it would be looked at as if it went on.
+TavroFailure Going::TurnBack() {
+    TavroOperation back = m_report.Operation;
+    back.State = TavroOperationState::Undoing;
+    back.Steps.insert(back.Steps.begin(), m_settled.begin(), m_settled.end());
+    const auto isPlanned = [](const TavroStep& step) { return step.Role == Role::Planned; };
+    back.Steps.erase(std::remove_if(back.Steps.begin(), back.Steps.end(), isPlanned),
+                     back.Steps.end());
+    const bool bNothing =
+        std::none_of(back.Steps.begin(), back.Steps.end(),
+                     [&](const TavroStep& step) { return TavroIsMainStep(step, back.Kind); });
+    if (bNothing || m_before.State == TavroOperationState::Undoing || m_bForget) {
+        return {};
+    }
+    TavroFailure failure = m_history.Update(back);
+    m_turned = failure ? std::optional<TavroOperation>() : std::exchange(m_before, back);
+    return failure;
+}
+
 /// Keeps what the operation has come to.
 TavroFailure Going::End(bool bUndo) {
     TavroOperation& operation = m_report.Operation;
@@ -1323,6 +1345,7 @@ TavroUndoReport Going::Run(FindNext Find, TavroFailureKind Nothing, bool bUndo, 
     }
     const bool bInterrupted = TavroIsOnItsWay(m_before);
     failure = bInterrupted ? Settle(bUndo, bResume) : failure;
+    failure = failure || !bInterrupted || !bUndo ? failure : TurnBack();
     m_report.bUndone = bUndo;
     TavroJournal journal(m_history, m_before);
     TavroTransferCallbacks callbacks = m_callbacks;
@@ -1335,6 +1358,9 @@ TavroUndoReport Going::Run(FindNext Find, TavroFailureKind Nothing, bool bUndo, 
     }
     const bool bOpen = failure && (bInterrupted || m_report.bPartly);
     if (bOpen || m_report.Transfer.bUnsettled) {
+        if (m_turned && !m_report.bPartly && m_report.Moves.RollBack.empty()) {
+            m_history.Update(*m_turned); // it can go either way again
+        }
         m_history.LeaveOperation();
     } else if (!failure) {
         failure = End(bUndo);
