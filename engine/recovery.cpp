@@ -242,9 +242,9 @@ namespace {
 /// Settles the steps one by one.
 class Settlement {
 public:
-    Settlement(TavroHistory& History, const TavroOperation& Operation, bool bGoOn,
+    Settlement(TavroHistory& History, TavroOperation& IoOperation, bool bGoOn,
                const TavroCallbacks& Callbacks)
-        : m_history(History), m_operation(Operation), m_bGoOn(bGoOn), m_callbacks(Callbacks),
+        : m_history(History), m_operation(IoOperation), m_bGoOn(bGoOn), m_callbacks(Callbacks),
           m_changes(Callbacks.bSync) {
         m_callbacks.BeforeActs = nullptr;
     }
@@ -276,7 +276,9 @@ private:
     bool Publish(const TavroStep& Step);
     TavroFailure SettleHome(const TavroStep& Step);
     TavroFailure Remove(const std::string& Path, TavroIdentity Identity);
-    TavroFailure Bring(const std::string& From, const std::string& To, TavroIdentity& IoIdentity);
+    TavroFailure Bring(const std::string& From, const std::string& To, TavroIdentity& IoIdentity,
+                       const TavroBatchHooks& Hooks = {});
+    TavroFailure BringHome(const std::string& Hidden, TavroStep& IoStep);
     void TakeOwnDirectory(TavroStep& IoStep);
     void RemoveLeftovers();
     bool IsOwnCopy(const std::string& Name) const;
@@ -290,7 +292,7 @@ private:
     bool ToldByOthers(std::set<std::string>& OutPaths);
 
     TavroHistory& m_history;
-    const TavroOperation& m_operation;
+    TavroOperation& m_operation;
     const bool m_bGoOn;
     TavroCallbacks m_callbacks;
     TavroPlaces m_places;
@@ -376,10 +378,29 @@ TavroFailure Settlement::SettlePlace(TavroStep& IoStep) {
     if (TavroIsTrashed(IoStep) && InodeAt(m_places, IoStep.Record) == 0) {
         return TrashAgain(IoStep, hidden);
     }
-    TavroIdentity& home =
-        IoStep.Source.Inode == 0 || TavroIsTrashed(IoStep) ? IoStep.Identity : IoStep.Source;
-    home = comes;
-    return Bring(hidden, TavroHomeOf(IoStep), home);
+    return BringHome(hidden, IoStep);
+}
+
+/// Brings what is hidden to where it is when it does not show. Where it is copied to there, the
+/// history is told which file it is then: who looks after the next kill would know neither of both.
+TavroFailure Settlement::BringHome(const std::string& Hidden, TavroStep& IoStep) {
+    const bool bTrashed = TavroIsTrashed(IoStep);
+    TavroIdentity& home = IoStep.Source.Inode == 0 || bTrashed ? IoStep.Identity : IoStep.Source;
+    const TavroIdentity hidden = AtPlace(IoStep);
+    home = hidden;
+    TavroBatchHooks hooks;
+    hooks.BeforePublish = [&](std::size_t, const TavroFileState& made, const std::string&) {
+        TavroStep step = IoStep;
+        (bTrashed ? step.Source : step.Identity) = hidden;
+        (bTrashed ? step.Identity : step.Source) = made.Identity;
+        TavroFailure failure =
+            m_history.KeepSteps(m_operation.Id, m_operation.Steps.size(), {step});
+        if (!failure) {
+            m_operation.Steps.push_back(std::move(step));
+        }
+        return failure;
+    };
+    return Bring(Hidden, TavroHomeOf(IoStep), home, hooks);
 }
 
 /// Whether what waits is a directory that was copied in part, of which what is whole can be taken
@@ -509,12 +530,12 @@ TavroFailure Settlement::Remove(const std::string& Path, TavroIdentity Identity)
 
 /// Brings a file from one path to another one, at which nothing is. It may be copied.
 TavroFailure Settlement::Bring(const std::string& From, const std::string& To,
-                               TavroIdentity& IoIdentity) {
+                               TavroIdentity& IoIdentity, const TavroBatchHooks& Hooks) {
     if (From.empty() || InodeAt(m_places, From) != IoIdentity.Inode) {
         return {};
     }
     std::vector<TavroBatchStep> steps = {{From, To}};
-    TavroFailure failure = TavroRunBatch(steps, {}, m_callbacks).Failure;
+    TavroFailure failure = TavroRunBatch(steps, Hooks, m_callbacks).Failure;
     IoIdentity = failure ? IoIdentity : steps[0].Arrived.Identity;
     return failure;
 }
@@ -677,11 +698,11 @@ bool Settlement::IsCutShort(const TavroPlace& Record) const {
 
 } // namespace
 
-TavroFailure TavroSettle(TavroHistory& History, const TavroOperation& Operation, bool bGoOn,
+TavroFailure TavroSettle(TavroHistory& History, TavroOperation& IoOperation, bool bGoOn,
                          const TavroCallbacks& Callbacks, std::vector<TavroStep>& OutDone,
                          std::vector<TavroStep>& OutNotDone) {
-    Settlement settlement(History, Operation, bGoOn, Callbacks);
-    std::vector<TavroStep> steps = LatestOf(Operation.Steps);
+    Settlement settlement(History, IoOperation, bGoOn, Callbacks);
+    std::vector<TavroStep> steps = LatestOf(IoOperation.Steps);
     for (const TavroStep& step : steps) {
         settlement.TakeAsideBack(step);
     }

@@ -1083,6 +1083,7 @@ TavroFailure Going::Settle(bool& IoUndo, bool bResume) {
     const bool bDoing = state == TavroOperationState::Doing;
     TavroFailure failure =
         TavroSettle(m_history, operation, bDoing && bResume, m_callbacks, done, notDone);
+    m_before.Steps = operation.Steps;
     if (operation.Kind == TavroOperationKind::Restore) {
         // Its records need not tell of the places that were chosen.
         for (TavroStep& step : done) {

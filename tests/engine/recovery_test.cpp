@@ -735,6 +735,48 @@ TEST_P(RecoveryOfReplacing, finishes_a_move_and_a_copy) {
     }
 }
 
+/// Killed as it goes on, and as that is taken back.
+TEST_P(RecoveryOfReplacing, of_what_is_killed_twice) {
+    for (const Pair& pair : {filesCopied, filesMoved}) {
+        clear();
+        makeFiles(pair);
+        const Snapshot before = tree();
+        int twice = 0;
+        bool bFirst = true;
+        for (int first = 1; bFirst; first += 6 * stride) {
+            bool bSecond = true;
+            for (int second = 1; bFirst && bSecond; second += 7 * stride) {
+                SCOPED_TRACE((pair.bMove ? "move, calls " : "copy, calls ") +
+                             std::to_string(first) + " and " + std::to_string(second));
+                clear();
+                makeFiles(pair);
+                bFirst = isKilledBefore(first, replace(pair.bMove, "a", "a"));
+                if (!headwayListed()) {
+                    break;
+                }
+                ageRecords();
+                bSecond = isKilledBefore(second, undo);
+                EXPECT_TRUE(isPresent(work("a")));
+                if (headwayListed()) {
+                    ++twice;
+                    ageRecords();
+                    expectDone({undo});
+                }
+                Snapshot undone = treeBut(before);
+                for (auto row = undone.begin(); row != undone.end();) { // a copy that was there
+                    const bool bTrash = row->first.find("/Trash/") != std::string::npos;
+                    row = bTrash && before.count(row->first) == 0 ? undone.erase(row)
+                                                                  : std::next(row);
+                }
+                EXPECT_EQ(undone, before);
+                EXPECT_FALSE(headwayListed());
+                ASSERT_FALSE(HasFailure());
+            }
+        }
+        EXPECT_GT(twice, 20 / stride);
+    }
+}
+
 TEST_P(RecoveryOfReplacing, of_an_undo_and_a_redo_of_a_move) {
     killUndoAndRedo(filesMoved);
     killUndoAndRedo(
