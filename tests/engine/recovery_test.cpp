@@ -735,12 +735,23 @@ TEST_P(RecoveryOfReplacing, finishes_a_move_and_a_copy) {
     }
 }
 
-/// Killed as it goes on, and as that is taken back.
+/// Killed as it goes on, and as that is taken back. Then it is taken back, or gone on with, either
+/// way.
 TEST_P(RecoveryOfReplacing, of_what_is_killed_twice) {
+    const auto shown = [this] { // without the trash, where a copy that was there is
+        Snapshot all = tree();
+        for (auto row = all.begin(); row != all.end();) {
+            const bool bTrash = row->first.find("/Trash/") != std::string::npos;
+            row = bTrash ? all.erase(row) : std::next(row);
+        }
+        return all;
+    };
     for (const Pair& pair : {filesCopied, filesMoved}) {
         clear();
         makeFiles(pair);
-        const Snapshot before = tree();
+        const Snapshot before = shown();
+        expectDone({replace(pair.bMove, "a", "a")});
+        const Snapshot after = shown();
         int twice = 0;
         bool bFirst = true;
         for (int first = 1; bFirst; first += 6 * stride) {
@@ -757,18 +768,13 @@ TEST_P(RecoveryOfReplacing, of_what_is_killed_twice) {
                 ageRecords();
                 bSecond = isKilledBefore(second, undo);
                 EXPECT_TRUE(isPresent(work("a")));
+                const bool bOn = ++twice % 2 == 0;
                 if (headwayListed()) {
-                    ++twice;
                     ageRecords();
-                    expectDone({undo});
+                    expectDone({bOn ? resume : undo});
                 }
-                Snapshot undone = treeBut(before);
-                for (auto row = undone.begin(); row != undone.end();) { // a copy that was there
-                    const bool bTrash = row->first.find("/Trash/") != std::string::npos;
-                    row = bTrash && before.count(row->first) == 0 ? undone.erase(row)
-                                                                  : std::next(row);
-                }
-                EXPECT_EQ(undone, before);
+                const Snapshot now = shown();
+                EXPECT_TRUE(now == before || (bOn && now == after)) << testing::PrintToString(now);
                 EXPECT_FALSE(headwayListed());
                 ASSERT_FALSE(HasFailure());
             }
