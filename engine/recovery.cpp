@@ -247,6 +247,14 @@ public:
         : m_history(History), m_operation(IoOperation), m_bGoOn(bGoOn), m_callbacks(Callbacks),
           m_changes(Callbacks.bSync) {
         m_callbacks.BeforeActs = nullptr;
+        std::set<std::string> starts;
+        std::istringstream words(IoOperation.Staging);
+        for (std::string word; words >> word;) {
+            if (word[0] == '@') {
+                starts.insert(word);
+            }
+        }
+        m_bSameStart = starts == std::set<std::string>{TavroBootMark()};
     }
 
     /// What has stepped aside for an exchange that takes several renames comes back.
@@ -288,12 +296,13 @@ private:
     std::map<std::string, std::string> FindRecords(const TavroPlace& Info, int Files,
                                                    const std::set<std::string>& Origins,
                                                    const std::set<std::string>& Items) const;
-    bool IsCutShort(const TavroPlace& Record) const;
+    bool IsBegun(const TavroPlace& Record) const;
     bool ToldByOthers(std::set<std::string>& OutPaths);
 
     TavroHistory& m_history;
     TavroOperation& m_operation;
     const bool m_bGoOn;
+    bool m_bSameStart = false; ///< The system was not started anew since the operation was begun.
     TavroCallbacks m_callbacks;
     TavroPlaces m_places;
     TavroChanges m_changes;
@@ -409,15 +418,7 @@ bool Settlement::IsEarlier(const TavroStep& Step) {
     const std::string hidden = TavroIsTrashed(Step) ? "" : Beside(Step.To, Step.Staged);
     TavroPlace place;
     struct stat status = {};
-    std::set<std::string> starts;
-    std::istringstream words(m_operation.Staging);
-    for (std::string word; words >> word;) {
-        if (word[0] == '@') {
-            starts.insert(word);
-        }
-    }
-    return m_bGoOn && starts == std::set<std::string>{TavroBootMark()} && !hidden.empty() &&
-           !m_places.Find(hidden, place) &&
+    return m_bGoOn && m_bSameStart && !hidden.empty() && !m_places.Find(hidden, place) &&
            TavroStatAt(place.Number(), place.Name.c_str(), status) == 0 &&
            S_ISDIR(status.st_mode) && status.st_ino == Step.Identity.Inode;
 }
@@ -636,7 +637,9 @@ void Settlement::RemoveRecordsIn(const std::string& Directory, const std::set<st
 }
 
 /// Finds records whose items are not there.
-/// @param Origins  what a record tells that goes; in Items, which goes whatever it tells.
+/// @param Origins  what a record tells that goes, or, when the operation has begun it, holds that;
+/// in
+///                 Items, which goes whatever it tells.
 /// @return the items, and the paths that the records tell.
 std::map<std::string, std::string>
 Settlement::FindRecords(const TavroPlace& Info, int Files, const std::set<std::string>& Origins,
@@ -658,8 +661,8 @@ Settlement::FindRecords(const TavroPlace& Info, int Files, const std::set<std::s
             continue;
         }
         const auto told = TavroReadRecord(Info.Number(), *item, TavroHomeDirectoryPath());
-        if (Items.count(*item) != 0 ||
-            (told ? IsAmong(Origins, told->Path) : IsCutShort({Info.Directory, name}))) {
+        if (Items.count(*item) != 0 || (told && Origins.count(told->Path) != 0) ||
+            ((!told || IsAmong(Origins, told->Path)) && IsBegun({Info.Directory, name}))) {
             found[*item] = told ? told->Path : "";
         }
     }
@@ -684,9 +687,9 @@ bool Settlement::ToldByOthers(std::set<std::string>& OutPaths) {
     return true;
 }
 
-/// Whether a record that tells nothing was begun by the operation. Another program that is about to
-/// write one needs no second for it.
-bool Settlement::IsCutShort(const TavroPlace& Record) const {
+/// Whether a record can have been begun by the operation, and by nobody who is about to use it:
+/// another program needs no second for that.
+bool Settlement::IsBegun(const TavroPlace& Record) const {
     struct stat status = {};
     struct timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);

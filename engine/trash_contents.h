@@ -104,6 +104,7 @@ TavroFailure TavroEmptyTrash(const TavroCallbacks& Callbacks);
 
 /// Goes on with either of these after an interruption, by the steps that BeforeActs was told. What
 /// was trashed since stays.
+/// @return as TavroRemoveFromTrash, NoHome or ReadTrash; NotInTrash when that was another trash.
 TavroFailure TavroFinishEmptying(const std::vector<TavroStep>& Steps,
                                  const TavroCallbacks& Callbacks);
 

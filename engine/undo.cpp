@@ -1039,6 +1039,7 @@ private:
     TavroFailure Transfer(TavroTransferCallbacks Callbacks);
     TavroFailure Take(FindNext Find, TavroFailureKind Nothing, bool bUndo);
     void Renew(const TavroBatchReport& TakenBack);
+    void AddSettled(std::vector<TavroStep>& IoSteps) const;
     TavroFailure TurnBack();
     TavroFailure End(bool bUndo);
     TavroUndoReport FinishDeletion(bool bUndo);
@@ -1211,15 +1212,19 @@ void Going::Renew(const TavroBatchReport& TakenBack) {
     }
 }
 
+/// Makes steps those of the whole operation, without what was only planned.
+void Going::AddSettled(std::vector<TavroStep>& IoSteps) const {
+    const auto isPlanned = [](const TavroStep& step) { return step.Role == Role::Planned; };
+    IoSteps.insert(IoSteps.begin(), m_settled.begin(), m_settled.end());
+    IoSteps.erase(std::remove_if(IoSteps.begin(), IoSteps.end(), isPlanned), IoSteps.end());
+}
+
 /// Tells the history that what was interrupted goes back from now on, and what of it there is: were
 /// this interrupted, too, it would be looked at as if it went on.
 TavroFailure Going::TurnBack() {
     TavroOperation back = m_report.Operation;
     back.State = TavroOperationState::Undoing;
-    back.Steps.insert(back.Steps.begin(), m_settled.begin(), m_settled.end());
-    const auto isPlanned = [](const TavroStep& step) { return step.Role == Role::Planned; };
-    back.Steps.erase(std::remove_if(back.Steps.begin(), back.Steps.end(), isPlanned),
-                     back.Steps.end());
+    AddSettled(back.Steps);
     const bool bNothing =
         std::none_of(back.Steps.begin(), back.Steps.end(),
                      [&](const TavroStep& step) { return TavroIsMainStep(step, back.Kind); });
@@ -1235,10 +1240,7 @@ TavroFailure Going::TurnBack() {
 TavroFailure Going::End(bool bUndo) {
     TavroOperation& operation = m_report.Operation;
     operation.State = bUndo ? TavroOperationState::Undone : TavroOperationState::Done;
-    operation.Steps.insert(operation.Steps.begin(), m_settled.begin(), m_settled.end());
-    const auto isPlanned = [](const TavroStep& step) { return step.Role == Role::Planned; };
-    operation.Steps.erase(std::remove_if(operation.Steps.begin(), operation.Steps.end(), isPlanned),
-                          operation.Steps.end());
+    AddSettled(operation.Steps);
     std::stable_partition(
         operation.Steps.begin(), operation.Steps.end(),
         [&](const TavroStep& step) { return TavroIsMainStep(step, operation.Kind); });

@@ -76,6 +76,31 @@ sys.stdin.read()
   $PWD/older"
 }
 
+@test "a record that a killed merge has claimed goes when that is settled, and no older one" {
+  needs_strace
+  needs_python
+  mkdir -p t dst/t
+  echo new >t/a
+  echo old >dst/t/a
+  touch b
+  tavro trash -q b
+  tavro restore -q b
+  info=$HOME/.local/share/Trash/info
+  killed_at syncfs 1 "$TAVRO" copy --on-conflict overwrite t dst/
+  [ -e "$info/a.trashinfo" ]
+  printf '[Trash Info]\nPath=%s\nDeletionDate=2024-03-05T14:07:09\n' "$PWD/dst/t/b" >"$info/b.trashinfo"
+  touch -d '1 hour ago' "$info/b.trashinfo"
+  touch -d '5 seconds ago' "$info/a.trashinfo"
+  python3 -c 'import sqlite3, sys
+connection = sqlite3.connect(sys.argv[1])
+connection.execute("UPDATE operation SET time = time - 60")
+connection.commit()' "$HOME/.local/state/tavro/history.db"
+  run -0 tavro undo
+  expect "$(ls "$info")" b.trashinfo
+  expect "$(cat dst/t/a)" old
+  expect "$(ls -A dst/t)" a
+}
+
 @test "what was restored and trashed again is not what a killed empty was to delete" {
   needs_strace
   mkdir a b

@@ -113,6 +113,16 @@ protected:
         open(history);
         ASSERT_EQ(TavroDescribe(history.Record(operation)), "");
     }
+
+    /// Two that have the history open, and the operation that the first of them is about to undo.
+    std::optional<TavroOperation> readByOneOf(TavroHistory& one, TavroHistory& other) {
+        record(renameOf("/a", "/b"));
+        open(one);
+        open(other);
+        std::optional<TavroOperation> taken;
+        EXPECT_FALSE(one.NextToUndo(taken));
+        return taken;
+    }
     std::vector<TavroOperation> listed(bool bSteps = true) const {
         TavroHistory history;
         open(history);
@@ -891,13 +901,9 @@ TEST_F(History, no_number_is_given_twice_not_even_that_of_what_has_done_nothing)
 }
 
 TEST_F(History, what_was_undone_and_redone_meanwhile_is_read_again) {
-    record(renameOf("/a", "/b"));
     TavroHistory one;
     TavroHistory other;
-    open(one);
-    open(other);
-    std::optional<TavroOperation> taken;
-    ASSERT_FALSE(one.NextToUndo(taken));
+    std::optional<TavroOperation> taken = readByOneOf(one, other);
     ASSERT_TRUE(taken);
     TavroOperation redone = *taken;
     redone.Steps[0].Identity = {7, 8};
@@ -916,13 +922,9 @@ TEST_F(History, what_was_undone_and_redone_meanwhile_is_read_again) {
 }
 
 TEST_F(History, who_is_refused_an_operation_hides_nothing_in_its_name) {
-    record(renameOf("/a", "/b"));
     TavroHistory one;
     TavroHistory other;
-    open(one);
-    open(other);
-    std::optional<TavroOperation> taken;
-    ASSERT_FALSE(one.NextToUndo(taken));
+    std::optional<TavroOperation> taken = readByOneOf(one, other);
     ASSERT_TRUE(taken);
     bool bChanged = true;
     std::string hides; // what the hidden names of the one that gets it begin with
