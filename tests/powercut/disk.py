@@ -30,7 +30,7 @@ class FileSystem(NamedTuple):
 
 FILE_SYSTEMS = {
     "ext4": FileSystem(24 << 20, ["mkfs.ext4", "-q", "-F", "-J", "size=4", "-E",
-                                  "lazy_itable_init=0,lazy_journal_init=0"], "", ()),
+                                  "lazy_itable_init=0,lazy_journal_init=0"], "", (1 << 10,)),
     "xfs": FileSystem(64 << 20, ["mkfs.xfs", "-q", "-f", "--unsupported"], "nouuid", ()),
     "btrfs": FileSystem(128 << 20, ["mkfs.btrfs", "-q", "-d", "single", "-m", "single"], "",
                         (64 << 10, 64 << 20)),
