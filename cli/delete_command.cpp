@@ -5,6 +5,8 @@
 #include "measure.h"
 #include "recording.h"
 
+#include <algorithm>
+
 namespace {
 
 /// "2 files and 1 folder (1.5 kB)"
@@ -35,7 +37,7 @@ int AgreeToDeleting(const std::vector<TavroOperationEntry>& Entries, std::string
     return TavroConfirm("Delete " + OutContent + " for good?", "Nothing was deleted");
 }
 
-int RunDelete(const std::vector<std::string>& Texts, bool bForce, bool bSync) {
+int RunDelete(const std::vector<std::string>& Texts, bool bForce, TavroKeeping Keeping) {
     std::vector<TavroOperationEntry> entries;
     if (!TavroFindEntries(Texts, entries) || !TavroPrintFailures(TavroCheckDeletable(entries))) {
         return TavroExitFailed;
@@ -55,8 +57,8 @@ int RunDelete(const std::vector<std::string>& Texts, bool bForce, bool bSync) {
     TavroRecording recording;
     TavroCallbacks callbacks;
     callbacks.ShouldCancel = TavroWasInterrupted;
-    const TavroFailure failure = TavroDeleteForGood(entries, recording.Bind(callbacks, bSync));
-    recording.End({}); // it cannot be undone
+    const TavroFailure failure = TavroDeleteForGood(entries, recording.Bind(callbacks, Keeping));
+    const int exitCode = recording.EndDeletion();
     if (failure.Kind == TavroFailureKind::Cancelled) {
         TavroPrintError("Interrupted: what is left of '" + failure.Path +
                         "' and what comes after it stays");
@@ -65,7 +67,7 @@ int RunDelete(const std::vector<std::string>& Texts, bool bForce, bool bSync) {
     if (!failure) {
         TavroPrintLine(stdout, "Deleted " + content);
     }
-    return TavroPrintFailure(failure);
+    return std::max(exitCode, TavroPrintFailure(failure));
 }
 
 } // namespace
@@ -76,8 +78,8 @@ void TavroAddDelete(CLI::App& App, TavroCommandTable& Table) {
     CLI::Option* names =
         TavroAddNames(*command, "ENTRY", 1, "What is deleted", "an entry to delete");
     CLI::Option* force = command->add_flag("-f,--force", "Without asking");
-    CLI::Option* noSync = TavroAddNoSync(*command);
+    const TavroKeepingOptions keeping = TavroAddKeeping(*command);
     Table[command] = [=] {
-        return RunDelete(TavroValues(names), !force->empty(), TavroShouldSync(noSync));
+        return RunDelete(TavroValues(names), !force->empty(), keeping.Keeping());
     };
 }

@@ -4,6 +4,8 @@
 #include "recording.h"
 #include "trash_contents.h"
 
+#include <algorithm>
+
 namespace {
 
 /// "3 items (1.5 kB)"
@@ -16,16 +18,15 @@ std::string ContentText(const std::vector<TavroTrashItem>& Items) {
 }
 
 /// @param OlderThanDays  0 for everything.
-int RunEmpty(int OlderThanDays, bool bForce, bool bQuiet, bool bSync) {
+int RunEmpty(int OlderThanDays, bool bForce, bool bQuiet, TavroKeeping Keeping) {
     TavroCatchInterrupts();
     TavroRecording recording;
     TavroCallbacks callbacks;
     callbacks.ShouldCancel = TavroWasInterrupted;
-    callbacks = recording.Bind(callbacks, bSync);
+    callbacks = recording.Bind(callbacks, Keeping);
     if (bForce && bQuiet && OlderThanDays == 0) {
         const TavroFailure failure = TavroEmptyTrash(callbacks);
-        recording.End({}); // it cannot be undone
-        return TavroPrintFailure(failure);
+        return std::max(recording.EndDeletion(), TavroPrintFailure(failure));
     }
     std::vector<TavroTrashItem> listed;
     TavroFailure failure = TavroListTrash(!bForce || !bQuiet, TavroWasInterrupted, listed);
@@ -46,12 +47,12 @@ int RunEmpty(int OlderThanDays, bool bForce, bool bQuiet, bool bSync) {
         }
     }
     failure = TavroRemoveFromTrash(items, callbacks);
-    recording.End({});
+    const int exitCode = recording.EndDeletion();
     if (!failure && !bQuiet) {
         TavroPrintLine(stdout, "Deleted " + content);
         TavroPrintUnlisted(TavroCountUnlistedItems(listed));
     }
-    return TavroPrintFailure(failure);
+    return std::max(exitCode, TavroPrintFailure(failure));
 }
 
 } // namespace
@@ -64,9 +65,9 @@ void TavroAddEmpty(CLI::App& App, TavroCommandTable& Table) {
     TavroCheckNumber(*days, 1, 36500, "a number of days");
     CLI::Option* force = command->add_flag("-f,--force", "Without asking");
     CLI::Option* quiet = TavroAddQuiet(*command);
-    CLI::Option* noSync = TavroAddNoSync(*command);
+    const TavroKeepingOptions keeping = TavroAddKeeping(*command);
     Table[command] = [=] {
         return RunEmpty(days->empty() ? 0 : days->as<int>(), !force->empty(), !quiet->empty(),
-                        TavroShouldSync(noSync));
+                        keeping.Keeping());
     };
 }

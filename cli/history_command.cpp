@@ -4,6 +4,7 @@
 #include "json.h"
 #include "recording.h"
 #include "recovery.h"
+#include "undo.h"
 
 #include <array>
 #include <ctime>
@@ -19,12 +20,42 @@ std::string LocalTimeText(std::int64_t Time) {
     return text.data();
 }
 
-TavroJson OperationJson(const TavroOperation& Operation, bool bInterrupted) {
+/// Whether an operation that is not undone can be, and why not.
+struct Prospect {
+    TavroFailure Why = {};
+    bool bNothingLeft = false;
+};
+
+Prospect ProspectOf(TavroHistory& History, const TavroOperation& Operation) {
+    Prospect prospect;
+    std::optional<TavroOperation> whole;
+    if (Operation.State != TavroOperationState::Undone) {
+        prospect.Why = History.Read(Operation.Id, whole);
+    }
+    if (whole) {
+        prospect.Why = TavroCheckUndo(*whole, prospect.bNothingLeft);
+    }
+    return prospect;
+}
+
+/// "  (undone)", or why it cannot be; empty for what can be undone.
+std::string ProspectText(const TavroOperation& Operation, const Prospect& Ahead) {
+    if (Operation.State == TavroOperationState::Undone) {
+        return "  (undone)";
+    }
+    return Ahead.bNothingLeft ? "  (nothing is left to undo)"
+           : Ahead.Why        ? "  (cannot be undone: " + TavroDescribe(Ahead.Why) + ")"
+                              : "";
+}
+
+TavroJson OperationJson(const TavroOperation& Operation, const Prospect& Ahead, bool bInterrupted) {
     TavroJson entries = TavroJson::array();
     const auto add = [&](const TavroStep& step, const char* from, const char* to) {
         TavroJson json;
         TavroAddPath(json, from, step.From);
-        TavroAddPath(json, to, step.To);
+        if (!step.To.empty()) {
+            TavroAddPath(json, to, step.To);
+        }
         entries.push_back(json);
     };
     for (const TavroStep* step : TavroTellingSteps(Operation)) {
@@ -36,21 +67,24 @@ TavroJson OperationJson(const TavroOperation& Operation, bool bInterrupted) {
             add(step, "original", "trash");
         }
     }
-    return {{"kind", TavroKindText(Operation.Kind)},
-            {"time", Operation.Time},
-            {"undone", Operation.State == TavroOperationState::Undone},
-            {"interrupted", bInterrupted},
-            {"entries", entries}};
+    const bool bUndone = Operation.State == TavroOperationState::Undone;
+    TavroJson json = {{"id", Operation.Id},          {"kind", TavroKindText(Operation.Kind)},
+                      {"time", Operation.Time},      {"undone", bUndone},
+                      {"interrupted", bInterrupted}, {"undoable", !bUndone && !Ahead.Why},
+                      {"entries", entries}};
+    if (Ahead.Why) {
+        json["reason"] = TavroDescribe(Ahead.Why);
+    }
+    return json;
 }
 
 std::string OperationLine(const TavroOperation& Operation, std::uint64_t EntryCount) {
-    const bool bUndone = Operation.State == TavroOperationState::Undone;
     const std::string first =
         Operation.Steps.empty() ? "" : "  " + TavroStepText(Operation.Steps.front());
     const std::string more =
         EntryCount > 1 ? " and " + TavroGroupedNumber(EntryCount - 1) + " more" : "";
-    return LocalTimeText(Operation.Time) + "  " + TavroKindText(Operation.Kind) + first + more +
-           (bUndone ? "  (undone)" : "");
+    return std::to_string(Operation.Id) + "  " + LocalTimeText(Operation.Time) + "  " +
+           TavroKindText(Operation.Kind) + first + more;
 }
 
 /// "interrupted, 4,231 of 10,000 done": what an operation that has not ended has come to.
@@ -77,11 +111,13 @@ int RunHistory(bool bJson) {
         const TavroOperation& operation = operations[i];
         const bool bOnItsWay = TavroIsOnItsWay(operation);
         const bool bRunning = bOnItsWay && history.IsRunning(operation);
+        const Prospect prospect = ProspectOf(history, operation);
         if (bJson) {
-            json.push_back(OperationJson(operation, bOnItsWay && !bRunning));
+            json.push_back(OperationJson(operation, prospect, bOnItsWay && !bRunning));
         } else {
             TavroPrintLine(stdout, OperationLine(operation, entryCounts[i]) +
-                                       (bOnItsWay ? HeadwayText(operation, bRunning) : ""));
+                                       (bOnItsWay ? HeadwayText(operation, bRunning)
+                                                  : ProspectText(operation, prospect)));
         }
     }
     if (bJson) {
@@ -113,8 +149,9 @@ int RunDrop() {
 } // namespace
 
 void TavroAddHistory(CLI::App& App, TavroCommandTable& Table) {
-    CLI::App* command =
-        TavroAddCommand(App, "history", "List what can be undone, newest first", "history --json");
+    CLI::App* command = TavroAddCommand(
+        App, "history", "List what was done, newest first, and whether it can be undone",
+        "history --json");
     CLI::Option* json = command->add_flag("--json", "As JSON");
     CLI::Option* drop =
         command->add_flag("--drop", "Take the newest operation off the list without undoing it");

@@ -8,27 +8,28 @@
 
 namespace {
 
-int MakeDirectory(const std::string& Text, const std::string& BaseDirectory, bool bSync) {
+int MakeDirectory(const std::string& Text, const std::string& BaseDirectory, TavroKeeping Keeping) {
     if (!TavroCanResolve(Text)) {
         return TavroExitFailed;
     }
     TavroRecording recording;
     const TavroEditReport report =
-        TavroMakeDirectory(Text, BaseDirectory, recording.Bind({}, bSync));
-    recording.End(TavroOperationOf(report));
+        TavroMakeDirectory(Text, BaseDirectory, recording.Bind({}, Keeping));
+    const int exitCode = recording.End(TavroOperationOf(report));
     if (!report.Failure) {
         TavroPrintLine(stdout, report.Path);
     }
-    return TavroPrintFailure(report.Failure);
+    return std::max(exitCode, TavroPrintFailure(report.Failure));
 }
 
 /// Each is an operation of its own; one that fails keeps no other from being created.
-int RunMkdir(const std::vector<std::string>& Texts, const std::string& BaseDirectory, bool bSync) {
+int RunMkdir(const std::vector<std::string>& Texts, const std::string& BaseDirectory,
+             TavroKeeping Keeping) {
     TavroCatchInterrupts();
     int exitCode = TavroExitDone;
     for (const std::string& text : Texts) {
         const int code = TavroWasInterrupted() ? TavroInterruptedExitCode()
-                                               : MakeDirectory(text, BaseDirectory, bSync);
+                                               : MakeDirectory(text, BaseDirectory, Keeping);
         exitCode = std::max(exitCode, code);
     }
     return exitCode;
@@ -44,8 +45,8 @@ void TavroAddMkdir(CLI::App& App, TavroCommandTable& Table) {
                                        "A new directory as a pane takes it: a name, a path, ~/…",
                                        "a name for the new directory");
     CLI::Option* in = TavroAddBaseDirectory(*command);
-    CLI::Option* noSync = TavroAddNoSync(*command);
+    const TavroKeepingOptions keeping = TavroAddKeeping(*command);
     Table[command] = [=] {
-        return RunMkdir(TavroValues(texts), TavroBaseDirectory(in), TavroShouldSync(noSync));
+        return RunMkdir(TavroValues(texts), TavroBaseDirectory(in), keeping.Keeping());
     };
 }

@@ -31,33 +31,67 @@ bool TellOfWaiting(const TavroHistory& History) {
     return TavroWasInterrupted();
 }
 
-} // namespace
-
-TavroFailure TavroOpenHistory(TavroHistory& OutHistory) {
+/// Opens the history. @return its failure, which is not said.
+TavroFailure Open(TavroHistory& OutHistory) {
     TavroFailure failure = OutHistory.Open(TavroHistoryPath(), std::chrono::seconds(10),
                                            [&OutHistory] { return TellOfWaiting(OutHistory); });
-    if (failure) {
-        TavroPrintError("The undo history cannot be used: " + TavroDescribe(failure));
-    } else if (!OutHistory.Notice().empty()) {
+    if (!failure && !OutHistory.Notice().empty()) {
         TavroPrintError(OutHistory.Notice());
     }
     return failure;
 }
 
-TavroCallbacks TavroRecording::Bind(TavroCallbacks Callbacks, bool bSync) {
-    Callbacks.bSync = bSync;
-    return m_journal.Bind(std::move(Callbacks));
+/// @param Failure  of what the history was to be told at last.
+int SayWhatIsNotKept(const TavroFailure& Failure) {
+    if (Failure) {
+        TavroPrintError("It is done, but the history has it as interrupted: " +
+                        TavroDescribe(Failure));
+    }
+    return Failure ? TavroExitFailed : TavroExitDone;
 }
 
-void TavroRecording::End(TavroOperation Operation) {
-    TavroCompleteOperation(Operation);
-    TavroFailure failure = m_journal.End(std::move(Operation));
-    failure = failure || m_journal.Problem().Kind == TavroFailureKind::HistoryOpen
-                  ? failure
-                  : m_journal.Problem();
+} // namespace
+
+TavroFailure TavroOpenHistory(TavroHistory& OutHistory) {
+    TavroFailure failure = Open(OutHistory);
     if (failure) {
-        TavroPrintFailure(failure);
+        TavroPrintError("The undo history cannot be used: " + TavroDescribe(failure));
     }
+    return failure;
+}
+
+TavroRecording::TavroRecording()
+    : m_journal(Open, [](const TavroFailure& failure) {
+          TavroPrintError("This will not stand in the history: " + TavroDescribe(failure));
+      }) {}
+
+TavroCallbacks TavroRecording::Bind(TavroCallbacks Callbacks, TavroKeeping Keeping) {
+    Callbacks.bSync = Keeping.bSync;
+    return Keeping.bHistory ? m_journal.Bind(std::move(Callbacks)) : Callbacks;
+}
+
+int TavroRecording::End(TavroOperation Operation) {
+    const bool bNothing = Operation.Steps.empty();
+    TavroCompleteOperation(Operation);
+    const int exitCode = SayWhatIsNotKept(m_journal.End(std::move(Operation)));
+    if (m_journal.Problem() && bNothing) {
+        TavroPrintError("Nothing was done, as it could not be undone; --no-history does it all the same");
+    }
+    return exitCode;
+}
+
+int TavroRecording::EndDeletion() {
+    return SayWhatIsNotKept(m_journal.EndDeletion());
+}
+
+TavroKeepingOptions TavroAddKeeping(CLI::App& Command) {
+    return {TavroAddNoSync(Command),
+            Command.add_flag("--no-history",
+                             "Do not keep this in the history, nor be able to undo it")};
+}
+
+TavroKeeping TavroKeepingOptions::Keeping() const {
+    return {TavroShouldSync(NoSync), NoHistory->empty()};
 }
 
 CLI::Option* TavroAddNoSync(CLI::App& Command) {
@@ -80,6 +114,13 @@ std::string TavroStepText(const TavroStep& Step) {
         return Step.From;
     }
     return Step.From.empty() ? Step.To : Step.From + " -> " + Step.To;
+}
+
+std::string TavroOperationText(const TavroOperation& Operation, std::uint64_t EntryCount) {
+    const std::string first =
+        Operation.Steps.empty() ? "" : " " + TavroStepText(Operation.Steps.front());
+    return std::to_string(Operation.Id) + " " + TavroKindText(Operation.Kind) + first +
+           (EntryCount > 1 ? " and " + TavroGroupedNumber(EntryCount - 1) + " more" : "");
 }
 
 std::vector<const TavroStep*> TavroTellingSteps(const TavroOperation& Operation) {

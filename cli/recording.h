@@ -12,16 +12,38 @@
 /// another process keeps it, after a second.
 TavroFailure TavroOpenHistory(TavroHistory& OutHistory);
 
-/// Keeps one operation in the user's history, before it acts and when it has ended. That it cannot
-/// be undone is said, and is no failure of the operation.
+/// How an operation is kept.
+struct TavroKeeping {
+    bool bSync;    ///< It waits for the disk.
+    bool bHistory; ///< It stands in the history.
+};
+
+/// --no-sync and --no-history.
+struct TavroKeepingOptions {
+    CLI::Option* NoSync;
+    CLI::Option* NoHistory;
+
+    TavroKeeping Keeping() const;
+};
+TavroKeepingOptions TavroAddKeeping(CLI::App& Command);
+
+/// Keeps one operation in the user's history, before it acts and when it has ended.
 class TavroRecording {
 public:
-    /// The callbacks that the operation gets.
-    /// @param bSync  whether it waits for the disk.
-    TavroCallbacks Bind(TavroCallbacks Callbacks, bool bSync);
+    /// The callbacks that the operation gets. What cannot be kept, and could be undone, does not
+    /// begin; that a deletion or a restore is not kept is said.
+    TavroCallbacks Bind(TavroCallbacks Callbacks, TavroKeeping Keeping);
 
+    /// Says what is wrong with the history: that nothing was done for its sake, or that the end of
+    /// what was done could not be kept.
     /// @param Operation  what was done; nothing when it has no steps.
-    void End(TavroOperation Operation);
+    /// @return an exit code.
+    int End(TavroOperation Operation);
+
+    /// As End, of a deletion.
+    int EndDeletion();
+
+    TavroRecording();
 
     /// It is left as one that was interrupted, for an undo or a resumption.
     void Leave() {
@@ -34,7 +56,7 @@ public:
     }
 
 private:
-    TavroJournal m_journal{&TavroOpenHistory};
+    TavroJournal m_journal;
 };
 
 /// --no-sync, and whether the disk is waited for: not with it, nor with TAVRO_SYNC=no.
@@ -50,6 +72,10 @@ std::vector<const TavroStep*> TavroTellingSteps(const TavroOperation& Operation)
 
 /// What a step is about in one line: "a -> b"; what was created or trashed stands alone.
 std::string TavroStepText(const TavroStep& Step);
+
+/// "12 copy /a -> /b and 3 more": the number of an operation, and what it was about.
+/// @param EntryCount  how many main steps it has.
+std::string TavroOperationText(const TavroOperation& Operation, std::uint64_t EntryCount);
 
 /// Prints `Title`, the kind, and a line for each main step.
 void TavroPrintOperation(const std::string& Title, const TavroOperation& Operation);

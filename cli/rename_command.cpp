@@ -4,22 +4,25 @@
 #include "record.h"
 #include "recording.h"
 
+#include <algorithm>
+
 namespace {
 
-int RunRename(const std::string& Entry, const std::string& Text, bool bSync) {
+int RunRename(const std::string& Entry, const std::string& Text, TavroKeeping Keeping) {
     std::vector<TavroOperationEntry> entries;
     if (!TavroFindEntries({Entry}, entries) || !TavroCanResolve(Text)) {
         return TavroExitFailed;
     }
     TavroCatchInterrupts();
     TavroRecording recording;
-    const TavroEditReport report = TavroRenameTo(entries.front(), Text, recording.Bind({}, bSync));
-    recording.End(report.Failure ? TavroOperation()
-                                 : TavroOperationOf(report, entries.front().Path));
+    const TavroEditReport report =
+        TavroRenameTo(entries.front(), Text, recording.Bind({}, Keeping));
+    const int exitCode = recording.End(
+        report.Failure ? TavroOperation() : TavroOperationOf(report, entries.front().Path));
     if (!report.Failure) {
         TavroPrintLine(stdout, report.Path);
     }
-    return TavroPrintFailure(report.Failure);
+    return std::max(exitCode, TavroPrintFailure(report.Failure));
 }
 
 } // namespace
@@ -31,8 +34,8 @@ void TavroAddRename(CLI::App& App, TavroCommandTable& Table) {
     CLI::Option* text =
         TavroAddName(*command, "TEXT", "The new name, or the full new path; relative to the entry",
                      "a new name");
-    CLI::Option* noSync = TavroAddNoSync(*command);
+    const TavroKeepingOptions keeping = TavroAddKeeping(*command);
     Table[command] = [=] {
-        return RunRename(TavroValue(entry), TavroValue(text), TavroShouldSync(noSync));
+        return RunRename(TavroValue(entry), TavroValue(text), keeping.Keeping());
     };
 }

@@ -15,7 +15,7 @@ namespace {
 struct Restoring {
     bool bKeepBoth;
     bool bQuiet;
-    bool bSync;
+    TavroKeeping Keeping;
     TavroTrashIndex Index = {};
     TavroFreeNames FreeNames = {};
     TavroAttributesLost Lost = {};
@@ -52,9 +52,9 @@ int Restore(Restoring& Run, const std::vector<TavroTrashItem>& Items,
     TavroRecording recording;
     {
         TavroProgressBar bar(Run.bQuiet);
-        report = TavroRestoreSelection(Entries, recording.Bind(bar.Callbacks(), Run.bSync));
+        report = TavroRestoreSelection(Entries, recording.Bind(bar.Callbacks(), Run.Keeping));
     }
-    recording.End({});
+    const int exitCode = recording.End({});
     if (!report) {
         TavroPrintError(TavroDescribe(report));
         return TavroExitCodeOf(report.Batch.Failure);
@@ -68,7 +68,7 @@ int Restore(Restoring& Run, const std::vector<TavroTrashItem>& Items,
     }
     Run.Lost.AccessLists += report.Batch.Lost.AccessLists;
     Run.Lost.ExtendedAttributes += report.Batch.Lost.ExtendedAttributes;
-    return TavroExitDone;
+    return exitCode;
 }
 
 /// Finds what a name means, and where it goes.
@@ -91,9 +91,10 @@ bool AreApart(const std::vector<TavroTrashedEntry>& Entries) {
 }
 
 /// Names that do not stand in each other's way are one operation; else each is one.
-int RunRestore(const std::vector<std::string>& Names, bool bKeepBoth, bool bQuiet, bool bSync) {
+int RunRestore(const std::vector<std::string>& Names, bool bKeepBoth, bool bQuiet,
+               TavroKeeping Keeping) {
     TavroCatchInterrupts();
-    Restoring run{bKeepBoth, bQuiet, bSync};
+    Restoring run{bKeepBoth, bQuiet, Keeping};
     std::vector<TavroTrashItem> items(Names.size());
     std::vector<TavroTrashedEntry> entries(Names.size());
     bool bTogether = Names.size() > 1 && !TavroCanAsk();
@@ -129,9 +130,9 @@ void TavroAddRestore(CLI::App& App, TavroCommandTable& Table) {
     CLI::Option* keepBoth =
         command->add_flag("--keep-both", "To a free name where the original place is taken");
     CLI::Option* quiet = TavroAddQuiet(*command);
-    CLI::Option* noSync = TavroAddNoSync(*command);
+    const TavroKeepingOptions keeping = TavroAddKeeping(*command);
     Table[command] = [=] {
         return RunRestore(TavroValues(names), !keepBoth->empty(), !quiet->empty(),
-                          TavroShouldSync(noSync));
+                          keeping.Keeping());
     };
 }

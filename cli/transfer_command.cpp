@@ -140,7 +140,7 @@ bool ShouldKeep() {
 /// How the command was told to work.
 struct Manner {
     bool bQuiet;
-    bool bSync;
+    TavroKeeping Keeping;
     bool bKeep; ///< What is replaced goes to the trash.
 };
 
@@ -151,21 +151,23 @@ int RunTransfer(TavroTransferPlan& Plan, const OnConflict& What, const Manner& H
     TavroRecording recording;
     {
         TavroProgressBar bar(How.bQuiet);
-        TavroTransferCallbacks callbacks{recording.Bind(bar.Callbacks(), How.bSync),
+        TavroTransferCallbacks callbacks{recording.Bind(bar.Callbacks(), How.Keeping),
                                          TavroConflictQuestion(bar, bStopped)};
         callbacks.bKeepBoth = What.bKeepBoth;
         callbacks.bKeepReplaced = How.bKeep;
-        callbacks.ShouldKeep = [&bar, begin = Clock::now()] {
+        callbacks.ShouldKeep = [&, begin = Clock::now()] {
             bar.Clear();
-            return Clock::now() - begin > std::chrono::seconds(1) && ShouldKeep();
+            return recording.Id() != 0 && Clock::now() - begin > std::chrono::seconds(1) &&
+                   ShouldKeep();
         };
         TavroCarryOutTransfer(Plan, callbacks, report);
     }
+    int exitCode = TavroExitDone;
     // Recorded before it is printed: a reader that goes away must not cost the undo.
     if (report.bUnsettled) {
         recording.Leave();
     } else {
-        recording.End(TavroOperationOf(report, Plan.bMove));
+        exitCode = recording.End(TavroOperationOf(report, Plan.bMove));
     }
     // To take a new entry away where the old one is deleted would leave nothing.
     if (report.bCancelled && !bStopped && !report.bUnsettled && !report.Done.empty() &&
@@ -173,7 +175,7 @@ int RunTransfer(TavroTransferPlan& Plan, const OnConflict& What, const Manner& H
         report.Done.clear();
     }
     PrintReport(report, Plan.bMove, How.bQuiet);
-    return ExitCodeOf(report, What, bStopped);
+    return std::max(exitCode, ExitCodeOf(report, What, bStopped));
 }
 
 void AddTransfer(CLI::App& App, bool bMove, TavroCommandTable& Table) {
@@ -195,7 +197,7 @@ void AddTransfer(CLI::App& App, bool bMove, TavroCommandTable& Table) {
         "--no-keep", "Delete what is replaced, instead of trashing it; that cannot be undone");
     CLI::Option* dryRun = command->add_flag("-n,--dry-run", "Show the plan and do nothing");
     CLI::Option* quiet = TavroAddQuiet(*command);
-    CLI::Option* noSync = TavroAddNoSync(*command);
+    const TavroKeepingOptions keeping = TavroAddKeeping(*command);
     Table[command] = [=]() -> int {
         const OnConflict what =
             onConflict->empty() ? OnConflict() : onConflicts.at(TavroValue(onConflict));
@@ -204,8 +206,7 @@ void AddTransfer(CLI::App& App, bool bMove, TavroCommandTable& Table) {
             return TavroExitFailed;
         }
         if (dryRun->empty()) {
-            return RunTransfer(plan, what,
-                               {!quiet->empty(), TavroShouldSync(noSync), noKeep->empty()});
+            return RunTransfer(plan, what, {!quiet->empty(), keeping.Keeping(), noKeep->empty()});
         }
         TavroPrintPlan(plan);
         return TavroExitDone;

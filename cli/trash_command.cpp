@@ -39,7 +39,7 @@ int PrintRefusal(const TavroTrashReport& Report, const std::vector<std::string>&
     return TavroExitCodeOf(Report.Batch.Failure);
 }
 
-int RunTrash(const std::vector<std::string>& Texts, bool bQuiet, bool bSync) {
+int RunTrash(const std::vector<std::string>& Texts, bool bQuiet, TavroKeeping Keeping) {
     // Each entry is looked at once, when it is trashed; before a question all are checked.
     const std::vector<TavroOperationEntry> entries = TavroNameEntries(Texts);
     TavroCatchInterrupts();
@@ -54,10 +54,10 @@ int RunTrash(const std::vector<std::string>& Texts, bool bQuiet, bool bSync) {
     TavroRecording recording;
     {
         TavroProgressBar bar(bQuiet);
-        report = TavroTrashSelection(entries, recording.Bind(bar.Callbacks(), bSync));
+        report = TavroTrashSelection(entries, recording.Bind(bar.Callbacks(), Keeping));
     }
     // Recorded before it is printed: a reader that goes away must not cost the undo.
-    recording.End(TavroOperationOf(report));
+    const int exitCode = recording.End(TavroOperationOf(report));
     if (!report) {
         return PrintRefusal(report, Texts);
     }
@@ -67,7 +67,7 @@ int RunTrash(const std::vector<std::string>& Texts, bool bQuiet, bool bSync) {
             TavroPrintLine(stdout, trashed.Entry.OriginalPath + " -> " + trashed.Entry.TrashPath);
         }
     }
-    return TavroExitDone;
+    return exitCode;
 }
 
 } // namespace
@@ -78,8 +78,8 @@ void TavroAddTrash(CLI::App& App, TavroCommandTable& Table) {
     CLI::Option* names =
         TavroAddNames(*command, "ENTRY", 1, "What is trashed", "an entry to trash");
     CLI::Option* quiet = TavroAddQuiet(*command);
-    CLI::Option* noSync = TavroAddNoSync(*command);
+    const TavroKeepingOptions keeping = TavroAddKeeping(*command);
     Table[command] = [=] {
-        return RunTrash(TavroValues(names), !quiet->empty(), TavroShouldSync(noSync));
+        return RunTrash(TavroValues(names), !quiet->empty(), keeping.Keeping());
     };
 }

@@ -5,6 +5,10 @@
 #include "recording.h"
 #include "undo.h"
 
+#include <climits>
+#include <set>
+#include <utility>
+
 namespace {
 
 using Act = std::function<TavroUndoReport(TavroHistory&, const TavroTransferCallbacks&)>;
@@ -27,21 +31,118 @@ int PrintReport(const TavroUndoReport& Report, const std::string& Title, bool bQ
                : exitCode;
 }
 
+/// Runs one step with a progress line.
+TavroUndoReport RunShown(const Act& Run, TavroHistory& History, bool bQuiet, bool bSync) {
+    TavroProgressBar bar(bQuiet);
+    bool bStopped = false; // which is told as any other cancel
+    TavroTransferCallbacks callbacks{bar.Callbacks(), TavroConflictQuestion(bar, bStopped)};
+    callbacks.bSync = bSync;
+    return Run(History, callbacks);
+}
+
 int RunStep(const Act& Run, const std::string& Title, bool bQuiet, bool bSync) {
     TavroCatchInterrupts();
     TavroHistory history;
     if (const TavroFailure failure = TavroOpenHistory(history)) {
         return TavroExitCodeOf(failure);
     }
-    TavroUndoReport report;
-    {
-        TavroProgressBar bar(bQuiet);
-        bool bStopped = false; // which is told as any other cancel
-        TavroTransferCallbacks callbacks{bar.Callbacks(), TavroConflictQuestion(bar, bStopped)};
-        callbacks.bSync = bSync;
-        report = Run(history, callbacks);
+    return PrintReport(RunShown(Run, history, bQuiet, bSync), Title, bQuiet);
+}
+
+/// What cannot be undone now, and what can be instead.
+struct Detour {
+    std::vector<std::string> PassedOver;
+    bool bAgreed = true; ///< Nothing is left of what is passed over: nobody need be asked.
+    std::int64_t Id = 0; ///< The newest operation that can be undone; 0: there is none.
+    std::string Text;    ///< What that was.
+};
+
+/// Looks for the newest operation that can be undone, and changes nothing.
+/// @param Newest  why the newest one cannot.
+TavroFailure FindDetour(TavroHistory& History, TavroFailure Newest, Detour& Out) {
+    std::vector<TavroOperation> operations;
+    std::vector<std::uint64_t> counts;
+    TavroFailure failure = History.List(false, operations, counts);
+    for (std::size_t i = 0; i < operations.size() && !failure && Out.Id == 0; ++i) {
+        std::optional<TavroOperation> operation;
+        bool bNothingLeft = false;
+        if (operations[i].State == TavroOperationState::Undone) {
+            continue;
+        }
+        TavroFailure why = History.Read(operations[i].Id, operation);
+        why = why || !operation ? why : TavroCheckUndo(*operation, bNothingLeft);
+        why = Out.PassedOver.empty() ? std::exchange(Newest, {}) : why;
+        Out.Text = TavroOperationText(operations[i], counts[i]);
+        if (why) {
+            Out.bAgreed = Out.bAgreed && bNothingLeft;
+            Out.PassedOver.push_back(Out.Text + ": " + TavroDescribe(why));
+        } else {
+            Out.Id = operations[i].Id;
+        }
     }
-    return PrintReport(report, Title, bQuiet);
+    return failure;
+}
+
+/// Whether what stands in the way of the next undo is to be passed over. It is said what that is.
+/// @return TavroExitDone, or the exit code to end with.
+int AgreeTo(const Detour& What, bool bSkip) {
+    for (const std::string& text : What.PassedOver) {
+        TavroPrintError("Cannot be undone: " + text);
+    }
+    if (What.Id == 0) {
+        TavroPrintError("Nothing else can be undone");
+        return TavroExitFailed;
+    }
+    if (bSkip || What.bAgreed) {
+        return TavroExitDone;
+    }
+    if (TavroCanAsk()) {
+        return TavroConfirm("Undo " + TavroPrintableText(What.Text) + " instead?",
+                            "Nothing was undone");
+    }
+    TavroPrintError("With --skip this is undone instead: " + What.Text);
+    return TavroExitFailed;
+}
+
+/// Whether a failure tells that an operation cannot be undone as things are now, and not that the
+/// undo went wrong.
+bool StandsInTheWay(const TavroUndoReport& Report) {
+    using Kind = TavroFailureKind;
+    static const std::set<Kind> kinds = {Kind::Missing,
+                                         Kind::ItemMissing,
+                                         Kind::Replaced,
+                                         Kind::InTheWay,
+                                         Kind::NotDirectory,
+                                         Kind::NotEmpty,
+                                         Kind::RestoreTargetTaken,
+                                         Kind::DeletionIsFinal,
+                                         Kind::DeletionWasInterrupted,
+                                         Kind::HistoryInvalid};
+    return !Report.bPartly && kinds.count(Report.Failure.Kind) != 0;
+}
+
+/// @param Id  of the operation to undo; 0: the newest that can be undone.
+int RunUndo(std::int64_t Id, bool bSkip, bool bQuiet, bool bSync) {
+    TavroCatchInterrupts();
+    TavroHistory history;
+    if (const TavroFailure failure = TavroOpenHistory(history)) {
+        return TavroExitCodeOf(failure);
+    }
+    const auto undo = [&](std::int64_t id) {
+        const Act only = [id](TavroHistory& all, const TavroTransferCallbacks& callbacks) {
+            return TavroUndoOnly(all, id, callbacks);
+        };
+        return RunShown(only, history, bQuiet, bSync);
+    };
+    TavroUndoReport report = undo(Id);
+    Detour detour;
+    if (Id == 0 && StandsInTheWay(report) && !FindDetour(history, report.Failure, detour)) {
+        if (const int exitCode = AgreeTo(detour, bSkip)) {
+            return exitCode;
+        }
+        report = undo(detour.Id);
+    }
+    return PrintReport(report, "Undone: ", bQuiet);
 }
 
 void AddStep(CLI::App& App, const std::string& Name, const std::string& Description, const Act& Run,
@@ -55,7 +156,20 @@ void AddStep(CLI::App& App, const std::string& Name, const std::string& Descript
 } // namespace
 
 void TavroAddUndo(CLI::App& App, TavroCommandTable& Table) {
-    AddStep(App, "undo", "Undo the newest operation", TavroUndo, "Undone: ", Table);
+    CLI::App* command =
+        TavroAddCommand(App, "undo", "Undo the newest operation, or another one", "undo");
+    CLI::Option* id = command->add_option("ID")->type_name("");
+    id->description("The number of the operation, as 'tavro history' shows it");
+    TavroCheckNumber(*id, 1, INT_MAX, "the number of an operation");
+    CLI::Option* skip =
+        command->add_flag("--skip", "Pass over, without asking, what cannot be undone");
+    skip->excludes(id);
+    CLI::Option* quiet = TavroAddQuiet(*command);
+    CLI::Option* noSync = TavroAddNoSync(*command);
+    Table[command] = [=] {
+        return RunUndo(id->empty() ? 0 : id->as<std::int64_t>(), !skip->empty(), !quiet->empty(),
+                       TavroShouldSync(noSync));
+    };
 }
 
 void TavroAddRedo(CLI::App& App, TavroCommandTable& Table) {

@@ -249,6 +249,7 @@ std::vector<TavroFailure> Check(const std::vector<TavroOperationEntry>& Entries,
         }
         step.From = place.OwnPath();
         step.Identity = TavroIdentityOf(status);
+        step.Source = place.Directory->Identity;
         if (!S_ISDIR(status.st_mode) && status.st_nlink == 1) { // else it changes as others go
             step.ChangeTime = TavroNanoseconds(status.st_ctim);
         }
@@ -304,16 +305,11 @@ TavroFailure TavroDeleteForGood(const std::vector<TavroOperationEntry>& Entries,
 
 namespace {
 
-/// Whether the file system of an entry that is gone is still where it was, so that it is gone
-/// indeed.
-bool IsOnDevice(const TavroStep& Step) {
-    TavroPlaces places;
-    TavroPlace place;
-    std::string path = Step.From;
-    while (places.Find(path, place) && path != "/") {
-        path = TavroParentOf(path);
-    }
-    return place.Directory && place.Directory->Identity.Device == Step.Identity.Device;
+/// Whether an entry that is missing is gone indeed, as its directory, or else the file system is
+/// there. The number of a device can be another one after a restart.
+bool IsGone(const TavroStep& Step, const TavroPlace& Place) {
+    return (Place.Directory && Place.Directory->Identity.Inode == Step.Source.Inode) ||
+           TavroIsBelowDevice(Step.From, Step.Identity.Device);
 }
 
 } // namespace
@@ -330,7 +326,7 @@ TavroFailure TavroFinishDeleting(const std::vector<TavroStep>& Steps,
         TavroFailure failure = Look(places, step.From, place, status, &birth);
         const bool bOther =
             !failure && (step.Identity.Inode != status.st_ino || birth != step.SourceTime);
-        if (bOther || (failure.Kind == Kind::NoSuchEntry && IsOnDevice(step))) {
+        if (bOther || (failure.Kind == Kind::NoSuchEntry && IsGone(step, place))) {
             continue;
         }
         const bool bChanged =

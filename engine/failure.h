@@ -101,6 +101,8 @@ enum class TavroFailureKind {
     NothingToRedo,
     NothingToDrop,
     NothingToResume,
+    NoSuchOperation,
+    DeletionIsFinal,
     DeletionWasInterrupted,
     MaybeOther,
     // The history.

@@ -148,11 +148,13 @@ constexpr std::size_t stepsAtOnce = 64;
 
 /// An operation of the state 2 was taken off the list. It goes bit by bit, with later ones, so that
 /// no command pays for a large one at once.
-const std::string schema =
+const std::string firstSchema =
     "CREATE TABLE operation (id INTEGER PRIMARY KEY, kind INTEGER NOT NULL, state INTEGER NOT "
     "NULL, time INTEGER NOT NULL, steps INTEGER NOT NULL, entries INTEGER NOT NULL, bytes INTEGER "
-    "NOT NULL, staging BLOB NOT NULL DEFAULT x'');"
-    "CREATE INDEX operation_of_state ON operation (state);"
+    "NOT NULL, staging BLOB NOT NULL DEFAULT x''";
+const std::string undoneColumn = "undone INTEGER NOT NULL DEFAULT 0"; ///< Grows with each undo.
+const std::string schemaOfTheRest =
+    ");CREATE INDEX operation_of_state ON operation (state);"
     "CREATE TABLE step (operation INTEGER NOT NULL, number INTEGER NOT NULL, role INTEGER NOT "
     "NULL, source BLOB NOT NULL, target BLOB NOT NULL, record BLOB NOT NULL, device INTEGER NOT "
     "NULL, inode INTEGER NOT NULL, changed INTEGER NOT NULL, mode INTEGER NOT NULL, directory "
@@ -160,7 +162,8 @@ const std::string schema =
     "NULL, source_inode INTEGER "
     "NOT NULL, source_changed INTEGER NOT NULL, PRIMARY KEY (operation, number)) WITHOUT ROWID;";
 const std::string applicationId = "1415668338";
-const std::string schemaVersion = "1";
+const std::string schema = firstSchema + ", " + undoneColumn + schemaOfTheRest;
+const std::string schemaVersion = "2";
 
 const std::string logSuffix = "-wal";
 
@@ -199,6 +202,7 @@ struct TavroDatabase {
     void Connect();
     void CheckSchema();
     void CreateSchema();
+    void BringUpToDate();
     TavroFailure SetAside();
     bool Wait(int Count);
     TavroFailure Failure(Kind What) const;
@@ -475,6 +479,9 @@ void TavroDatabase::Connect() {
     sqlite3_exec(Connection, "COMMIT", nullptr, nullptr, nullptr);
     if (Code == SQLITE_EMPTY) {
         CreateSchema();
+    } else if (Code == SQLITE_SCHEMA) {
+        Code = SQLITE_OK;
+        BringUpToDate();
     }
 }
 
@@ -487,8 +494,22 @@ void TavroDatabase::CheckSchema() {
         found += (row.Next() ? row.Bytes(0) : "") + ';';
     }
     if (found != applicationId + ';' + schemaVersion + ';' + schema) {
-        Keep(found == "0;0;;" ? SQLITE_EMPTY : SQLITE_NOTADB);
+        const bool bFirst = found == applicationId + ";1;" + firstSchema + schemaOfTheRest;
+        Keep(found == "0;0;;" ? SQLITE_EMPTY : bFirst ? SQLITE_SCHEMA : SQLITE_NOTADB);
     }
+}
+
+/// Adds what the first version did not keep: there operations were undone in turn.
+void TavroDatabase::BringUpToDate() {
+    Run("BEGIN IMMEDIATE");
+    CheckSchema();
+    if (Code == SQLITE_SCHEMA) {
+        Code = SQLITE_OK;
+        Execute("ALTER TABLE operation ADD COLUMN " + undoneColumn +
+                ";UPDATE operation SET undone = -id WHERE state = 1;PRAGMA user_version=" +
+                schemaVersion);
+    }
+    Run("COMMIT");
 }
 
 /// Makes an empty file a history, unless another process does.
@@ -882,8 +903,8 @@ TavroFailure TavroHistory::KeepSteps(std::int64_t Id, std::size_t First,
 TavroFailure TavroHistory::EndOperation(const TavroOperation& Operation, bool bSameSteps) {
     const bool bNothing = EntriesOf(Operation) == 0;
     TavroFailure failure = m_database->Transact(Access::WriteLater, [&] {
-        m_database->Run("UPDATE operation SET state = ?, steps = ?, entries = ?, bytes = ? "
-                        "WHERE id = ?",
+        m_database->Run("UPDATE operation SET state = ?, steps = ?, entries = ?, bytes = ?, "
+                        "undone = (SELECT max(undone) + 1 FROM operation) WHERE id = ?",
                         bNothing ? 2 : Integer(Operation.State), Integer(Operation.Steps.size()),
                         EntriesOf(Operation), BytesOf(Operation), Operation.Id);
         m_database->Run("DELETE FROM step WHERE operation = ? AND number >= ?", Operation.Id,
@@ -965,7 +986,9 @@ bool ReadOperation(Statement& Row, TavroOperation& OutOperation) {
     return IsOneOf(Row.Number(1), TavroOperationKind::Empty) &&
            IsOneOf(Row.Number(2), TavroOperationState::Redoing) &&
            (OutOperation.Kind < TavroOperationKind::Restore ||
-            OutOperation.State == TavroOperationState::Doing) &&
+            OutOperation.State == TavroOperationState::Doing ||
+            (OutOperation.State == TavroOperationState::Done &&
+             TavroIsDeletion(OutOperation.Kind))) &&
            IsOneOf(Row.Number(4), INT64_MAX - 1) && IsOneOf(Row.Number(5), Row.Number(4));
 }
 
@@ -999,7 +1022,11 @@ TavroFailure TavroHistory::NextToUndo(std::optional<TavroOperation>& OutOperatio
 }
 
 TavroFailure TavroHistory::NextToRedo(std::optional<TavroOperation>& OutOperation) {
-    return m_database->ReadNext("state = 1 ORDER BY id LIMIT 1", OutOperation);
+    return m_database->ReadNext("state = 1 ORDER BY undone DESC, id LIMIT 1", OutOperation);
+}
+
+TavroFailure TavroHistory::Read(std::int64_t Id, std::optional<TavroOperation>& OutOperation) {
+    return m_database->ReadNext("state <> 2 AND id = " + std::to_string(Id), OutOperation);
 }
 
 TavroFailure TavroHistory::NextToResume(std::optional<TavroOperation>& OutOperation) {
@@ -1012,7 +1039,8 @@ TavroFailure TavroHistory::List(bool bSteps, std::vector<TavroOperation>& OutOpe
         OutOperations.clear();
         OutEntryCounts.clear();
         Statement row(*m_database,
-                      operationsWhere + "state <> 2 ORDER BY state = 1 DESC, id DESC LIMIT ?",
+                      operationsWhere + "state <> 2 ORDER BY state = 1 DESC, "
+                                        "CASE state WHEN 1 THEN undone END, id DESC LIMIT ?",
                       mostOperations);
         Statement steps(*m_database, stepsOfOne);
         while (row.Next()) {

@@ -74,10 +74,13 @@ public:
     TavroFailure List(bool bSteps, std::vector<TavroOperation>& OutOperations,
                       std::vector<std::uint64_t>& OutEntryCounts);
 
-    /// The operation that is undone (redone) next, with its steps; nothing when there is none. One
-    /// that is on its way, or was interrupted, is undone next, too.
+    /// The newest operation that is not undone, and the one that was undone last, with its steps;
+    /// nothing when there is none. One that is on its way, or was interrupted, is not undone.
     TavroFailure NextToUndo(std::optional<TavroOperation>& OutOperation);
     TavroFailure NextToRedo(std::optional<TavroOperation>& OutOperation);
+
+    /// The operation of a number, with its steps; nothing when it is not there.
+    TavroFailure Read(std::int64_t Id, std::optional<TavroOperation>& OutOperation);
 
     /// The newest operation that was begun and has not ended.
     TavroFailure NextToResume(std::optional<TavroOperation>& OutOperation);

@@ -23,9 +23,17 @@ TavroCallbacks TavroJournal::Bind(TavroCallbacks Callbacks) {
     return Callbacks;
 }
 
+namespace {
+
+bool GoesOnWithout(TavroOperationKind What) {
+    return What == TavroOperationKind::Restore || TavroIsDeletion(What);
+}
+
+} // namespace
+
 TavroFailure TavroJournal::Keep(TavroOperationKind Kind, const std::vector<TavroStep>& Steps) {
-    if (m_problem) {
-        return {};
+    if (m_problem || m_bWithout) {
+        return m_problem;
     }
     if (m_id != 0) {
         m_history->WaitForDisk(m_bSync);
@@ -40,8 +48,12 @@ TavroFailure TavroJournal::Keep(TavroOperationKind Kind, const std::vector<Tavro
         failure.Kind == TavroFailureKind::Cancelled) {
         return failure;
     }
-    m_problem = std::move(failure);
-    return {};
+    m_bWithout = GoesOnWithout(Kind);
+    if (m_bWithout && m_onGoWithout) {
+        m_onGoWithout(failure);
+    }
+    m_problem = m_bWithout ? TavroFailure() : std::move(failure);
+    return m_problem;
 }
 
 /// After a failure there is an `m_id` only where the history has the operation all the same.
@@ -54,6 +66,7 @@ TavroFailure TavroJournal::Begin(TavroOperationKind Kind, const std::vector<Tavr
     TavroOperation operation{0, Kind, TavroOperationState::Doing, std::time(nullptr), Steps};
     failure = m_history->BeginOperation(operation);
     m_id = operation.Id;
+    m_kind = Kind;
     if (failure && m_id != 0) {
         operation.Steps.clear();
         m_id = m_history->EndOperation(operation, false) ? m_id : 0;
@@ -81,4 +94,8 @@ TavroFailure TavroJournal::End(TavroOperation Operation) {
     const bool bSame = std::equal(m_kept.begin(), m_kept.end(), Operation.Steps.begin(),
                                   Operation.Steps.end(), IsSame);
     return m_history->EndOperation(Operation, bSame);
+}
+
+TavroFailure TavroJournal::EndDeletion() {
+    return End({0, m_kind, TavroOperationState::Done, 0, m_kept});
 }

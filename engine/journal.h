@@ -6,14 +6,17 @@
 #include "history.h"
 #include "progress.h"
 
-/// Binds one operation to the history. Where that cannot be used the operation goes on without:
-/// `Problem` tells why. When another process keeps it for too long, or a wait was cancelled, the
-/// operation does not begin. Once the history has it, it does nothing that cannot be kept.
+/// Binds one operation to the history. Where that cannot be used, or another process keeps it for
+/// too long, or a wait was cancelled, the operation does not begin, as it could not be undone: but
+/// a restore or a deletion, which could not be anyway, goes on without a history that cannot be
+/// used. Once the history has it, it does nothing that cannot be kept.
 class TavroJournal {
 public:
-    /// @param Open  opens the history, before the first step is kept in it.
-    explicit TavroJournal(std::function<TavroFailure(TavroHistory&)> Open)
-        : m_open(std::move(Open)) {}
+    /// @param Open         opens the history, before the first step is kept in it.
+    /// @param OnGoWithout  is told why, when the operation goes on without. May be empty.
+    explicit TavroJournal(std::function<TavroFailure(TavroHistory&)> Open,
+                          std::function<void(const TavroFailure&)> OnGoWithout = {})
+        : m_open(std::move(Open)), m_onGoWithout(std::move(OnGoWithout)) {}
 
     /// Goes on with an operation that is in an open history already.
     TavroJournal(TavroHistory& History, const TavroOperation& Operation);
@@ -26,6 +29,10 @@ public:
     /// @return why it could not be kept.
     TavroFailure End(TavroOperation Operation);
 
+    /// A deletion has come to its end, or failed after it had begun: it stays in the history as
+    /// what cannot be undone.
+    TavroFailure EndDeletion();
+
     /// It stays as it is, as one that was interrupted.
     void Leave() {
         m_history->LeaveOperation();
@@ -36,7 +43,7 @@ public:
         return m_id;
     }
 
-    /// Why the history cannot be used; none when it can, or was not asked yet.
+    /// Why the operation did not begin, when the history cannot be used; else none.
     const TavroFailure& Problem() const {
         return m_problem;
     }
@@ -46,11 +53,14 @@ private:
     TavroFailure Begin(TavroOperationKind Kind, const std::vector<TavroStep>& Steps);
 
     std::function<TavroFailure(TavroHistory&)> m_open;
+    std::function<void(const TavroFailure&)> m_onGoWithout;
     TavroHistory m_own;
     TavroHistory* m_history = &m_own;
     TavroFailure m_problem;
+    bool m_bWithout = false; ///< It goes on without the history.
     bool m_bSync = true;
     std::int64_t m_id = 0;
+    TavroOperationKind m_kind = {};
     std::vector<TavroStep> m_kept;
 };
 

@@ -15,8 +15,8 @@ enum class TavroOperationKind {
     Move,            ///< Undone by moving back.
     Copy,            ///< Undone by trashing what was copied, redone by restoring that.
     CreateDirectory, ///< Undone by removing the directories, only when they are empty.
-    Restore,         ///< Kept only while it is on its way; as are the next two,
-    Delete,          ///< which cannot be undone, but are gone on with.
+    Restore,         ///< Kept only while it is on its way.
+    Delete,          ///< Cannot be undone, but gone on with; as the next.
     Empty,
 };
 
@@ -62,7 +62,8 @@ struct TavroStep {
     // While the operation is on its way:
 
     std::string Staged = {};     ///< The name under which it waits beside where it goes.
-    TavroIdentity Source = {};   ///< The file at `From`, when that is another one,
+    TavroIdentity Source = {};   ///< The file at `From`, when that is another one; of what is to go
+                                 ///< for good its directory,
     std::int64_t SourceTime = 0; ///< and when it was changed last; when what is to go was created.
 
     bool operator==(const TavroStep& Other) const;

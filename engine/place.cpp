@@ -340,3 +340,12 @@ std::vector<std::string> TavroFindMissing(std::string Path) {
     }
     return missing;
 }
+
+bool TavroIsBelowDevice(const std::string& Path, std::uint64_t Device) {
+    struct stat status = {};
+    std::string path = TavroParentOf(Path);
+    while (TavroStatPath(path, status) != 0 && path != "/") {
+        path = TavroParentOf(path);
+    }
+    return TavroIdentityOf(status).Device == Device;
+}

@@ -150,4 +150,8 @@ std::vector<std::string> TavroFindMissing(std::string Path);
 /// Whether there is something at a path. A dangling link is something.
 bool TavroIsPresent(const std::string& Path);
 
+/// Whether the innermost directory above a path that is there is on a device: if not, what is
+/// missing at the path may be on a file system that is.
+bool TavroIsBelowDevice(const std::string& Path, std::uint64_t Device);
+
 #endif

@@ -723,6 +723,7 @@ TavroFailure TavroSettle(TavroHistory& History, TavroOperation& IoOperation, boo
         step.Identity = !bDone && step.Source.Inode != 0 ? step.Source : step.Identity;
         step.Source = bEarlier ? made : TavroIdentity();
         step.SourceTime = 0;
+        step.ChangeTime = TavroIsTrashed(step) ? step.ChangeTime : 0; // it may be another file
         step.Staged = bEarlier ? step.Staged : "";
         (bDone ? OutDone : OutNotDone).push_back(std::move(step));
     }

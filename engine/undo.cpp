@@ -82,17 +82,23 @@ public:
 
     TavroFailure Run();
 
+    /// Whether the steps of an undo find what they need.
+    TavroFailure Check();
+
 private:
     Steps StepsOf(Role What, bool bReversed = false);
     Steps ToMake();
     Steps ToRemove();
 
     int Look(const std::string& Path, TavroPlace& OutPlace, struct stat& OutStatus);
+    bool IsYounger(const TavroStep& Step, const TavroPlace& Place, const struct stat& Status) const;
     TavroFailure CheckFile(const TavroStep& Step, const std::string& Path, TavroSeenEntry& OutSeen);
     TavroFailure CheckHolder(const std::string& Path);
     TavroFailure CheckFree(const std::string& Path);
     TavroFailure CheckRecord(const TavroStep& Step, const TavroFileState& State);
+    TavroFailure CheckItem(const TavroStep& Step, TavroSeenEntry& OutSeen);
     TavroFailure CheckEmpty(const TavroStep& Step, const std::set<std::string>& Created);
+    TavroFailure CheckCreated();
 
     TavroFailure CheckToMake();
     TavroFailure MakeDirectories();
@@ -198,6 +204,18 @@ int Reversal::Look(const std::string& Path, TavroPlace& OutPlace, struct stat& O
                    : TavroStatAt(OutPlace.Number(), OutPlace.Name.c_str(), OutStatus);
 }
 
+/// Whether a file was created when the operation had ended: the number of the one that it left was
+/// given again.
+bool Reversal::IsYounger(const TavroStep& Step, const TavroPlace& Place,
+                         const struct stat& Status) const {
+    struct stat status = {};
+    std::int64_t birth = 0;
+    return m_bUndo && !TavroIsTrashed(Step) && Step.ChangeTime != 0 &&
+           TavroNanoseconds(Status.st_ctim) > Step.ChangeTime &&
+           TavroStatWithBirthAt(Place.Number(), Place.Name.c_str(), status, birth) == 0 &&
+           birth > Step.ChangeTime;
+}
+
 /// The very file of a step must be at a path. Its times do not count: who goes on working with what
 /// was renamed or copied can still undo that.
 TavroFailure Reversal::CheckFile(const TavroStep& Step, const std::string& Path,
@@ -211,7 +229,8 @@ TavroFailure Reversal::CheckFile(const TavroStep& Step, const std::string& Path,
     if (Step.Role == Role::CreatedDirectory && !S_ISDIR(status.st_mode)) {
         return {Kind::NotDirectory, {}, Path};
     }
-    if (Step.Identity.Inode != 0 && Step.Identity.Inode != status.st_ino) {
+    const bool bOther = Step.Identity.Inode != 0 && Step.Identity.Inode != status.st_ino;
+    if (bOther || IsYounger(Step, place, status)) {
         return {Kind::Replaced, {}, Path, OtherOf(status.st_mode)};
     }
     OutSeen = {place.Directory->Identity, TavroStateOf(status)};
@@ -258,6 +277,14 @@ TavroFailure Reversal::CheckRecord(const TavroStep& Step, const TavroFileState& 
     return !read || read->Path == Step.From
                ? TavroFailure()
                : TavroFailure{Kind::Replaced, {}, Step.To, "what was at '" + read->Path + "'"};
+}
+
+/// What lies in the trash for the operation must be the very file.
+TavroFailure Reversal::CheckItem(const TavroStep& Step, TavroSeenEntry& OutSeen) {
+    TavroFailure failure = CheckFile(Step, Step.To, OutSeen);
+    failure = failure ? failure : CheckRecord(Step, OutSeen.State);
+    failure.Kind = failure.Kind == Kind::Missing ? Kind::ItemMissing : failure.Kind;
+    return failure;
 }
 
 /// Nothing may be in a created directory but other created ones.
@@ -322,6 +349,7 @@ void Reversal::SetModes() {
     for (TavroStep* step : ToMake()) {
         TavroPlace inside;
         step->Identity = m_made[DirectoryOf(*step)];
+        step->ChangeTime = 0; // not known
         if ((step->Mode != 0 || m_bUndo) &&
             !m_places.Find(TavroJoin(DirectoryOf(*step), "x"), inside) &&
             inside.Directory->Identity == step->Identity) {
@@ -375,18 +403,23 @@ TavroFailure Reversal::RemoveDirectories() {
     return failure;
 }
 
-/// Removes all directories of an operation that created nothing else, or none.
-TavroFailure Reversal::RemoveCreated() {
+/// Of an operation that created nothing but directories, the very one must be there, and empty.
+TavroFailure Reversal::CheckCreated() {
     std::set<std::string> created;
     for (const TavroStep& step : m_steps) {
         created.insert(step.To);
     }
-    TavroFailure failure = Each(ToRemove(), [&](TavroStep& step) {
+    return Each(ToRemove(), [&](TavroStep& step) {
         TavroSeenEntry seen;
         TavroFailure wrong = CheckFile(step, step.To, seen);
         step.Identity = seen.State.Identity;
         return wrong ? wrong : CheckEmpty(step, created);
     });
+}
+
+/// Removes all directories of an operation that created nothing else, or none.
+TavroFailure Reversal::RemoveCreated() {
+    TavroFailure failure = CheckCreated();
     if (failure || !(failure = RemoveDirectories())) {
         return failure;
     }
@@ -429,6 +462,7 @@ TavroFailure Reversal::MoveAll() {
     failure = failure ? failure : RunMoves(steps, moves);
     for (std::size_t i = 0; i < steps.size() && !failure; ++i) {
         steps[i]->Identity = moves[i].Arrived.Identity;
+        steps[i]->ChangeTime = std::max(steps[i]->ChangeTime, moves[i].Arrived.ChangeTime);
     }
     return failure;
 }
@@ -565,9 +599,7 @@ TavroFailure Reversal::Restore(Role What) {
     std::vector<TavroTrashedEntry> entries;
     TavroFailure failure = Each(steps, [&](const TavroStep& step) {
         TavroSeenEntry seen;
-        TavroFailure wrong = CheckFile(step, step.To, seen);
-        wrong = wrong ? wrong : CheckRecord(step, seen.State);
-        wrong.Kind = wrong.Kind == Kind::Missing ? Kind::ItemMissing : wrong.Kind;
+        TavroFailure wrong = CheckItem(step, seen);
         entries.push_back(
             {{step.From, step.To, step.Record, step.bDirectory}, seen.State.Identity, seen});
         return wrong;
@@ -604,6 +636,7 @@ TavroFailure Reversal::RestoreCopies() {
     DropTrashed();
     for (TavroStep* step : StepsOf(Role::Copied)) {
         step->Identity = {}; // it may have gone to another file system and back
+        step->ChangeTime = 0;
     }
     TavroCompleteOperation(m_report.Operation);
     return {};
@@ -659,12 +692,8 @@ TavroFailure Reversal::CheckSwap(const TavroStep& Comes, const TavroStep& Goes,
     if (failure) {
         return failure;
     }
-    failure = CheckFile(Comes, TavroHomeOf(Comes), OutComes);
-    if (TavroIsTrashed(Comes)) {
-        failure = failure ? failure : CheckRecord(Comes, OutComes.State);
-        failure.Kind = failure.Kind == Kind::Missing ? Kind::ItemMissing : failure.Kind;
-    }
-    return failure;
+    return TavroIsTrashed(Comes) ? CheckItem(Comes, OutComes)
+                                 : CheckFile(Comes, TavroHomeOf(Comes), OutComes);
 }
 
 /// Of what has replaced something the history was told that it begins, but that may not be on the
@@ -850,6 +879,7 @@ TavroFailure Reversal::Exchange(Swap& IoSwap) {
     if (IoSwap.bDone) {
         m_hidden[to.OwnPath()] = TavroJoin(to.Directory->OwnPath, IoSwap.Hidden);
         IoSwap.Step->Identity = IoSwap.Comes;
+        IoSwap.Step->ChangeTime = 0; // not known
         const int error = TrashOut(IoSwap);
         failure = error == 0 ? failure : TavroFail(Kind::LookAt, error, IoSwap.Goes.From);
     }
@@ -1021,10 +1051,37 @@ TavroFailure Reversal::Run() {
     return failure;
 }
 
+TavroFailure Reversal::Check() {
+    const TavroOperationKind what = m_report.Operation.Kind;
+    TavroSeenEntry seen;
+    Steps goes;
+    WhatComes(goes);
+    const std::set<const TavroStep*> exchanged(goes.begin(), goes.end());
+    const auto comesBack = [&](const TavroStep& step) {
+        TavroFailure wrong =
+            TavroIsTrashed(step) ? CheckItem(step, seen) : CheckFile(step, step.To, seen);
+        return wrong || exchanged.count(&step) != 0 ? wrong : CheckFree(step.From);
+    };
+    if (what == TavroOperationKind::CreateDirectory) {
+        return CheckCreated();
+    }
+    TavroFailure failure =
+        Each(StepsOf(Role::Replaced), [&](const TavroStep& step) { return CheckItem(step, seen); });
+    failure = failure ? failure : CheckToMake();
+    if (what == TavroOperationKind::Copy) {
+        return failure ? failure : Each(OutermostCopies(), [&](const TavroStep& step) {
+            return CheckFile(step, step.To, seen);
+        });
+    }
+    return failure ? failure
+                   : Each(StepsOf(what == TavroOperationKind::Trash ? Role::Trashed : Role::Moved),
+                          comesBack);
+}
+
 /// One undo, redo or resumption, with what the history has to know of it.
 class Going {
 public:
-    /// @param Only  the number that the next operation must have; 0: any.
+    /// @param Only  the number of the operation; 0: the next one.
     Going(TavroHistory& History, const TavroTransferCallbacks& Callbacks, std::int64_t Only = 0)
         : m_history(History), m_callbacks(Callbacks), m_only(Only) {}
 
@@ -1207,7 +1264,10 @@ TavroFailure Going::Transfer(TavroTransferCallbacks Callbacks) {
 void Going::Renew(const TavroBatchReport& TakenBack) {
     for (const auto& [was, is] : TakenBack.Renewed) {
         for (TavroStep& step : m_before.Steps) {
-            step.Identity = step.Identity == was ? is : step.Identity;
+            if (step.Identity == was) {
+                step.Identity = is;
+                step.ChangeTime = 0; // not known
+            }
         }
     }
 }
@@ -1290,9 +1350,12 @@ TavroFailure Going::Take(FindNext Find, TavroFailureKind Nothing, bool bUndo) {
     std::optional<TavroOperation> next;
     TavroFailure failure;
     for (bool bChanged = true; !failure && bChanged;) {
-        failure = (m_history.*Find)(next);
-        if (!failure && (!next || (m_only != 0 && next->Id != m_only))) {
-            return {Nothing};
+        failure = m_only != 0 ? m_history.Read(m_only, next) : (m_history.*Find)(next);
+        if (!failure && (!next || (m_only != 0 && next->State == TavroOperationState::Undone))) {
+            return {m_only != 0 ? Kind::NoSuchOperation : Nothing, {}, "", std::to_string(m_only)};
+        }
+        if (!failure && TavroIsDeletion(next->Kind) && !TavroIsOnItsWay(*next)) {
+            return {Kind::DeletionIsFinal, {}, next->Steps.front().From};
         }
         if (!failure) {
             const auto state = TavroIsOnItsWay(*next) ? next->State
@@ -1328,8 +1391,8 @@ TavroUndoReport Going::FinishDeletion(bool bUndo) {
         return std::move(m_report);
     }
     TavroOperation ended = m_before;
-    ended.Steps.clear();
-    m_report.Failure = m_history.EndOperation(ended, false);
+    ended.State = TavroOperationState::Done;
+    m_report.Failure = m_history.EndOperation(ended, true);
     m_report.bDoneButNotSaved = static_cast<bool>(m_report.Failure);
     return std::move(m_report);
 }
@@ -1387,6 +1450,33 @@ TavroUndoReport TavroUndoOnly(TavroHistory& History, std::int64_t Id,
     const TavroTransferCallbacks callbacks{Callbacks, {}, {}};
     return Going(History, callbacks, Id)
         .Run(&TavroHistory::NextToUndo, Kind::NothingToUndo, true, false);
+}
+
+TavroFailure TavroCheckUndo(const TavroOperation& Operation, bool& bOutNothingLeft) {
+    bOutNothingLeft = false;
+    const bool bOnItsWay = TavroIsOnItsWay(Operation);
+    if (TavroIsDeletion(Operation.Kind)) {
+        return {bOnItsWay ? Kind::DeletionWasInterrupted : Kind::DeletionIsFinal,
+                {},
+                Operation.Steps.front().From};
+    }
+    if (bOnItsWay) {
+        return {};
+    }
+    TavroUndoReport report;
+    report.Operation = Operation;
+    const TavroCallbacks callbacks;
+    TavroFailure failure = Reversal(true, callbacks, report).Check();
+    TavroPlaces places;
+    const auto isThere = [&](const TavroStep& step) {
+        const TavroWhereabouts where = TavroFindStep(step, places);
+        return TavroIsMainStep(step, Operation.Kind) &&
+               (where == TavroWhereabouts::AtTo || where == TavroWhereabouts::InBoth ||
+                !TavroIsBelowDevice(step.To, step.Identity.Device));
+    };
+    bOutNothingLeft =
+        failure && std::none_of(Operation.Steps.begin(), Operation.Steps.end(), isThere);
+    return failure;
 }
 
 TavroUndoReport TavroRedo(TavroHistory& History, const TavroCallbacks& Callbacks) {

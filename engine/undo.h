@@ -33,14 +33,23 @@ struct TavroUndoReport {
 TavroUndoReport TavroUndo(TavroHistory& History, const TavroCallbacks& Callbacks);
 TavroUndoReport TavroRedo(TavroHistory& History, const TavroCallbacks& Callbacks);
 
-/// As TavroUndo, if the newest operation is the one of that number; else NothingToUndo.
+/// As TavroUndo, of the operation of that number, whatever came after it; NoSuchOperation when it is
+/// not there, or undone.
 TavroUndoReport TavroUndoOnly(TavroHistory& History, std::int64_t Id,
                               const TavroCallbacks& Callbacks);
+
+/// Looks whether an operation could be undone now, and changes nothing. One that was interrupted
+/// can, but for a deletion.
+/// @param bOutNothingLeft  whether nothing is left to be undone: what it did was taken back
+///                         already, or is gone, on file systems that are there.
+/// @return no failure, or why it cannot.
+TavroFailure TavroCheckUndo(const TavroOperation& Operation, bool& bOutNothingLeft);
 
 /// Goes on with the newest operation that was interrupted, in the direction that it had;
 /// NothingToResume when there is none. Files that were copied whole are not copied again, when
 /// their sources are unchanged; in directories, unless the system was started anew since. A
-/// deletion goes on. That is all that can be done with one: undone it is DeletionWasInterrupted.
+/// deletion goes on. That is all that can be done with one: undone it is DeletionWasInterrupted, or
+/// DeletionIsFinal when it has ended.
 TavroUndoReport TavroResume(TavroHistory& History, const TavroTransferCallbacks& Callbacks);
 
 /// Looks up, for an operation that is to be recorded, what its steps leave open: which file is at

@@ -82,16 +82,18 @@ _tavro() {
   local dashes=''
   [[ " ${words[*]} " == *' -- '* ]] && dashes=1
   case $command in
-  copy | move) options+=' --in --on-conflict --no-keep --dry-run --quiet --no-sync' ;;
+  copy | move) options+=' --in --on-conflict --no-keep --dry-run --quiet --no-sync --no-history' ;;
   plan) options+=' --in --json' ;;
-  rename) options+=' --no-sync' ;;
-  mkdir) options+=' --in --no-sync' ;;
-  delete) options+=' --force --no-sync' ;;
-  trash | undo | redo | resume) options+=' --quiet --no-sync' ;;
+  rename) options+=' --no-sync --no-history' ;;
+  mkdir) options+=' --in --no-sync --no-history' ;;
+  delete) options+=' --force --no-sync --no-history' ;;
+  trash) options+=' --quiet --no-sync --no-history' ;;
+  undo) options+=' --skip --quiet --no-sync' ;;
+  redo | resume) options+=' --quiet --no-sync' ;;
   history) options+=' --json --drop' ;;
   list) options+=' --json --null' ;;
-  restore) options+=' --keep-both --quiet --no-sync' ;;
-  empty) options+=' --older-than --force --quiet --no-sync' ;;
+  restore) options+=' --keep-both --quiet --no-sync --no-history' ;;
+  empty) options+=' --older-than --force --quiet --no-sync --no-history' ;;
   doctor) options+=' --mend --mend-all' ;;
   size) options+=' --sort --depth' ;;
   esac

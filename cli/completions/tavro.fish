@@ -70,6 +70,8 @@ complete -c tavro -n '__tavro_runs copy move' -l no-keep -d 'Delete what is repl
 complete -c tavro -n '__tavro_runs copy move' -s n -l dry-run -d 'Show the plan and do nothing'
 complete -c tavro -n '__tavro_runs copy move trash undo redo resume restore empty' -s q -l quiet -d 'No progress, no list'
 complete -c tavro -n '__tavro_runs copy move rename mkdir delete trash undo redo resume restore empty' -l no-sync -d 'Do not wait until everything is on the disk'
+complete -c tavro -n '__tavro_runs copy move rename mkdir delete trash restore empty' -l no-history -d 'Do not keep this in the history'
+complete -c tavro -n '__tavro_runs undo' -l skip -d 'Pass over what cannot be undone'
 complete -c tavro -n __tavro_lacks_verb -f -a 'copy move'
 complete -c tavro -n '__tavro_runs plan history list' -l json -d 'As JSON'
 complete -c tavro -n '__tavro_runs history' -l drop -d 'Take the newest off the list'

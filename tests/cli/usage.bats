@@ -24,12 +24,14 @@ Try '$2 --help'"
   refused "'tavro size' needs something to measure" 'tavro size' size
   refused '--older-than needs a value' 'tavro empty' empty --older-than
   refused '--mend needs a value' 'tavro doctor' doctor --mend
+  refused "ID takes the number of an operation from 1 to 2147483647, not 'x'" 'tavro undo' undo x
 }
 
 @test "what is too much, or does not go together, is named" {
   refused "Unexpected argument 'c'" 'tavro rename' rename a b c
   refused "Unexpected argument '-c'" 'tavro rename' rename -- a b -c
-  refused "Unexpected argument 'x'" 'tavro undo' undo x
+  refused "Unexpected argument 'x'" 'tavro redo' redo x
+  refused "Unexpected argument '2'" 'tavro undo' undo 1 2
   refused '--in was given more than once' 'tavro copy' copy --in a --in b c d
   refused '--json cannot be given together with --null' 'tavro list' list --json -0
   refused "Option '--quiet' goes behind 'tavro trash'" 'tavro trash' --quiet trash a

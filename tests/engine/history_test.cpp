@@ -812,9 +812,50 @@ TEST_F(History, an_operation_that_was_not_written_here_is_refused_and_can_be_dro
     }
 }
 
+TEST_F(History, a_file_of_the_first_version_is_brought_up_to_date) {
+    record(renameOf("/a", "/b"));
+    record(renameOf("/c", "/d"));
+    execute(file(), "UPDATE operation SET state = 1; ALTER TABLE operation DROP COLUMN undone; "
+                    "PRAGMA user_version=1");
+    TavroHistory history;
+    open(history);
+    EXPECT_EQ(history.Notice(), "");
+    std::optional<TavroOperation> next;
+    ASSERT_FALSE(history.NextToRedo(next));
+    ASSERT_TRUE(next);
+    EXPECT_EQ(next->Steps[0].From, "/a") << "it was undone last";
+    EXPECT_EQ(listed().size(), 2U);
+}
+
+TEST_F(History, what_was_undone_last_is_redone_first_whatever_its_number) {
+    record(renameOf("/a", "/b"));
+    record(renameOf("/c", "/d"));
+    record(renameOf("/e", "/f"));
+    TavroHistory history;
+    open(history);
+    for (const std::int64_t id : {2, 3, 1}) {
+        std::optional<TavroOperation> operation;
+        ASSERT_FALSE(history.Read(id, operation));
+        ASSERT_TRUE(operation);
+        operation->State = TavroOperationState::Undone;
+        ASSERT_FALSE(history.EndOperation(*operation, true));
+    }
+    std::vector<std::int64_t> order;
+    for (const TavroOperation& operation : listed()) {
+        order.push_back(operation.Id);
+    }
+    EXPECT_EQ(order, (std::vector<std::int64_t>{2, 3, 1}));
+    std::optional<TavroOperation> next;
+    ASSERT_FALSE(history.NextToRedo(next));
+    ASSERT_TRUE(next);
+    EXPECT_EQ(next->Id, 1);
+    ASSERT_FALSE(history.Read(4, next));
+    EXPECT_FALSE(next);
+}
+
 TEST_F(History, an_operation_of_an_unknown_kind_or_count_is_refused_and_not_listed) {
     for (const char* change :
-         {"kind = 5", "kind = 6", "kind = -1", "kind = 4294967296", "steps = -1",
+         {"kind = 5", "kind = 8", "kind = -1", "kind = 4294967296", "steps = -1",
           "steps = 9223372036854775807", "entries = -1", "entries = 2"}) {
         SCOPED_TRACE(change);
         record(renameOf("/a", "/b"));

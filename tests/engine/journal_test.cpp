@@ -96,15 +96,40 @@ TEST_F(Journal, passes_the_other_callbacks_on) {
     EXPECT_TRUE(callbacks.ShouldCancel());
 }
 
-TEST_F(Journal, an_operation_goes_on_without_a_history_that_cannot_be_used) {
+TEST_F(Journal, what_could_be_undone_does_not_begin_without_a_history_that_can_be_used) {
     makeDirectory(file());
     TavroJournal journal = this->journal();
     const TavroCallbacks callbacks = journal.Bind({});
-    EXPECT_FALSE(callbacks.BeforeActs(Kind::Move, {step("a")}));
+    EXPECT_EQ(callbacks.BeforeActs(Kind::Move, {step("a")}).Kind, TavroFailureKind::HistoryOpen);
     EXPECT_EQ(journal.Problem().Kind, TavroFailureKind::HistoryOpen);
-    EXPECT_FALSE(callbacks.BeforeActs(Kind::Move, {step("b")}));
+    EXPECT_EQ(callbacks.BeforeActs(Kind::Move, {step("b")}).Kind, TavroFailureKind::HistoryOpen);
     EXPECT_EQ(m_opened, 1) << "it is not tried again and again";
-    EXPECT_FALSE(journal.End(done({step("a")})));
+    EXPECT_FALSE(journal.End(done({})));
+}
+
+TEST_F(Journal, what_could_not_be_undone_anyway_goes_on_without_a_history) {
+    makeDirectory(file());
+    for (const Kind kind : {Kind::Restore, Kind::Delete, Kind::Empty}) {
+        std::vector<TavroFailureKind> told;
+        TavroJournal journal([this](TavroHistory& history) { return open(history); },
+                             [&](const TavroFailure& why) { told.push_back(why.Kind); });
+        const TavroCallbacks callbacks = journal.Bind({});
+        EXPECT_FALSE(callbacks.BeforeActs(kind, {{Role::Deleted, "/a"}}));
+        EXPECT_FALSE(callbacks.BeforeActs(kind, {{Role::Deleted, "/b"}}));
+        EXPECT_EQ(told, std::vector<TavroFailureKind>{TavroFailureKind::HistoryOpen});
+        EXPECT_FALSE(journal.Problem());
+        EXPECT_FALSE(journal.EndDeletion());
+    }
+}
+
+TEST_F(Journal, a_deletion_stays_in_the_history) {
+    TavroJournal journal = this->journal();
+    ASSERT_FALSE(journal.Bind({}).BeforeActs(Kind::Delete, {{Role::Deleted, "/a"}}));
+    ASSERT_FALSE(journal.EndDeletion());
+    ASSERT_EQ(listed().size(), 1U);
+    EXPECT_EQ(listed()[0].Kind, Kind::Delete);
+    EXPECT_EQ(listed()[0].State, State::Done);
+    EXPECT_EQ(listed()[0].Steps[0].From, "/a");
 }
 
 TEST_F(Journal, an_operation_that_did_not_reach_the_disk_is_not_left_in_the_history) {
@@ -112,11 +137,11 @@ TEST_F(Journal, an_operation_that_did_not_reach_the_disk_is_not_left_in_the_hist
     TavroJournal journal = this->journal();
     const TavroCallbacks callbacks = journal.Bind({});
     const FaultInjector faults({{"fsync", EIO, "history.db-wal"}});
-    EXPECT_FALSE(callbacks.BeforeActs(Kind::Move, {step("a")}));
+    EXPECT_EQ(callbacks.BeforeActs(Kind::Move, {step("a")}).Kind, TavroFailureKind::HistorySave);
     EXPECT_EQ(faults.fired(), 1);
     EXPECT_EQ(journal.Problem().Kind, TavroFailureKind::HistorySave);
-    EXPECT_EQ(listed().size(), 0U) << "an undo would take it for all that was done";
-    EXPECT_FALSE(journal.End(done({step("a")})));
+    EXPECT_EQ(listed().size(), 0U) << "it was not begun";
+    EXPECT_FALSE(journal.End(done({})));
     EXPECT_EQ(listed().size(), 0U);
 }
 

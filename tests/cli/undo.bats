@@ -1,0 +1,188 @@
+#!/usr/bin/env bats
+# What can be undone: any operation, whatever came after it, and never a dead end.
+
+load helpers
+
+# Undo on a terminal, answered with KEYS.
+undo_answered() {
+  timeout 60 python3 "$BATS_TEST_DIRNAME/terminal.py" 'instead? [y/N] ' "$1" "$TAVRO" undo
+}
+
+# What the newest three operations have become in the history, without numbers and times.
+history_lines() {
+  tavro history | sed -E 's/^([0-9]+)  [^ ]+ [^ ]+  ([a-z]+)  /\1 \2 /'
+}
+
+@test "undo takes back any operation by its number, whatever came after it" {
+  touch a b c
+  tavro rename a a2
+  tavro rename b b2
+  tavro rename c c2
+  run -0 tavro undo 2
+  expect "$output" "Undone: rename
+  $PWD/b -> $PWD/b2"
+  expect "$(ls)" $'a2\nb\nc2'
+  run -0 tavro undo 1
+  expect "$(ls)" $'a\nb\nc2'
+  expect "$(history_lines)" "2 rename $PWD/b -> $PWD/b2  (undone)
+1 rename $PWD/a -> $PWD/a2  (undone)
+3 rename $PWD/c -> $PWD/c2"
+  run -0 tavro redo
+  expect "$(ls)" $'a2\nb\nc2' # what was undone last
+  run -0 tavro redo
+  expect "$(ls)" $'a2\nb2\nc2'
+}
+
+@test "undo of a number that is not there, or is undone, is refused" {
+  touch a
+  tavro rename a b
+  tavro undo
+  for id in 1 2; do
+    run -1 tavro undo "$id"
+    expect "$output" "tavro: The history has no operation $id that can be undone"
+  done
+  run -2 tavro undo --skip 1
+  run -2 tavro undo 0
+}
+
+@test "undo of a number refuses what cannot be undone, and says what is there instead" {
+  echo one >a
+  tavro rename a b
+  echo two >b2
+  mv b2 b
+  run -1 tavro undo 1
+  expect "$output" "tavro: '$PWD/b' is not what it was: another file is there now"
+  expect "$(cat b)" two
+}
+
+@test "a file that got the number of the one that an operation left is not taken for it" {
+  touch a
+  tavro rename a b
+  was=$(stat -c %i b)
+  rm b
+  echo two >b
+  [[ $(stat -c %i b) == "$was" ]] || skip 'this file system gives no number again at once'
+  run -1 tavro undo
+  [[ $output == *"'$PWD/b' is not what it was: another file is there now"* ]]
+  expect "$(cat b)" two
+  tavro history --drop
+  tavro copy b c
+  was=$(stat -c %i c)
+  rm c
+  echo three >c
+  [[ $(stat -c %i c) == "$was" ]] || skip 'this file system gives no number again at once'
+  run -1 tavro undo
+  expect "$(cat c)" three
+  echo more >>b # what is only changed can be undone
+  tavro history --drop
+  tavro rename b d
+  echo more >>d
+  run -0 tavro undo
+  [ -e b ]
+}
+
+@test "what is back already, or gone, does not stand in the way of an undo" {
+  touch a b c
+  tavro mkdir older
+  tavro trash a
+  tavro restore a
+  tavro copy b b2
+  rm b2
+  expect "$(history_lines)" "4 copy $PWD/b -> $PWD/b2  (nothing is left to undo)
+2 trash $PWD/a  (nothing is left to undo)
+1 mkdir $PWD/older"
+  run -0 --separate-stderr tavro undo
+  expect "$output" "Undone: mkdir
+  $PWD/older"
+  expect "$stderr" "tavro: Cannot be undone: 4 copy $PWD/b -> $PWD/b2: '$PWD/b2' is missing
+tavro: Cannot be undone: 2 trash $PWD/a: Trash item is missing: '$HOME/.local/share/Trash/files/a'"
+  run -1 tavro undo
+  [[ $output == *'tavro: Nothing else can be undone' ]]
+}
+
+@test "what was deleted is in the history, and no undo goes past it without being told to" {
+  touch a b c
+  tavro mkdir older
+  tavro delete -f a b
+  tavro trash c
+  tavro empty -f
+  run -0 tavro history
+  [[ ${lines[0]} == *"  empty  "*"  (cannot be undone: "*" was deleted for good)" ]]
+  [[ ${lines[1]} == *"  trash  $PWD/c  (nothing is left to undo)" ]]
+  [[ ${lines[2]} == *"  delete  $PWD/a and 1 more  (cannot be undone: '$PWD/a' was deleted for good)" ]]
+  run -1 tavro undo
+  [[ $output == *"tavro: With --skip this is undone instead: 1 mkdir $PWD/older" ]]
+  [ -d older ]
+  run -1 undo_answered 'n\n'
+  [[ $output == *"Undo 1 mkdir $PWD/older instead? [y/N] n"*'Nothing was undone'* ]]
+  [ -d older ]
+  run -0 undo_answered 'y\n'
+  [[ $output == *'Undone: mkdir'* ]]
+  [ ! -e older ]
+  run -0 tavro redo
+  run -0 tavro undo --skip
+  [ ! -e older ]
+}
+
+@test "the history as JSON tells the number, whether it can be undone, and why not" {
+  touch a b
+  tavro rename a c
+  tavro delete -f b
+  tavro history --json | python3 -c '
+import json, sys
+deleted, renamed = json.load(sys.stdin)
+assert (deleted["id"], deleted["undoable"]) == (2, False), deleted
+assert deleted["reason"].endswith("was deleted for good"), deleted
+assert "to" not in deleted["entries"][0], deleted
+assert (renamed["id"], renamed["undoable"], "reason" in renamed) == (1, True, False), renamed'
+}
+
+@test "without a history that can be used nothing begins that could be undone" {
+  mkdir -p "$HOME/.local/state"
+  touch "$HOME/.local/state/tavro" a b
+  for words in 'copy a c' 'move a c' 'rename a c' 'trash a' 'mkdir c'; do
+    # shellcheck disable=SC2086
+    run -1 --separate-stderr tavro $words
+    expect "$output" ''
+    [[ $stderr == *"tavro: Nothing was done, as it could not be undone; --no-history does it all the same"* ]]
+    [[ $stderr == *"tavro: Cannot look at '$HOME/.local/state/tavro/history.db': Not a directory"* ]]
+    expect "$(ls)" $'a\nb'
+  done
+  run -0 --separate-stderr tavro trash --no-history a
+  expect "$stderr" ''
+  run -0 --separate-stderr tavro restore a
+  expect "$stderr" "tavro: This will not stand in the history: \
+Cannot look at '$HOME/.local/state/tavro/history.db': Not a directory"
+  run -0 tavro rename --no-history a c
+  run -0 tavro mkdir --no-history d
+  run -0 tavro copy --no-history c d
+  run -0 tavro move --no-history c e
+  expect "$(ls)" $'b\nd\ne'
+  run -0 --separate-stderr tavro delete -f b
+  [[ $stderr == 'tavro: This will not stand in the history: '* ]]
+  run -0 --separate-stderr tavro empty -f
+  [ ! -e b ]
+}
+
+@test "what is kept out of the history is not in it" {
+  touch a b
+  tavro rename --no-history a c
+  tavro delete --no-history -f b
+  expect "$(tavro history)" ''
+}
+
+@test "an end that the history cannot keep is said, and is a failure" {
+  command -v strace >/dev/null || skip 'strace is not installed'
+  export ASAN_OPTIONS=detect_leaks=0 # which is not for processes that are traced
+  touch a
+  tavro mkdir d
+  # The last write to the log is that of the end.
+  strace -qq -o "$scratch/calls" -e trace=pwrite64 -P "$HOME/.local/state/tavro/history.db-wal" "$TAVRO" rename a b
+  last=$(grep -c '^pwrite64' "$scratch/calls")
+  run -1 strace -qq -o "$scratch/calls" -e trace=pwrite64 -e inject=pwrite64:error=ENOSPC:when="$last" \
+    -P "$HOME/.local/state/tavro/history.db-wal" "$TAVRO" rename b c
+  [[ $output == *"tavro: It is done, but the history has it as interrupted: Cannot save the history"* ]]
+  [ -e c ]
+  run -0 tavro undo
+  [ -e b ]
+}
