@@ -291,7 +291,7 @@ TavroFailure Batch::MoveBack(const TavroBatchStep& Step) {
     if (Step.Arrived.IsDirectory()) {
         m_places.Forget(to.OwnPath());
     }
-    if (!moved.Failure && moved.Arrived.Identity != Step.Seen->State.Identity) {
+    if (!moved.Failure) { // also where its number was given again
         m_report.Renewed.emplace_back(Step.Seen->State.Identity, moved.Arrived.Identity);
     }
     return moved.Failure;

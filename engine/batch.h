@@ -83,7 +83,7 @@ struct TavroBatchReport {
     std::vector<TavroFailure> RollBack = {}; ///< Why steps could not be undone.
     std::vector<std::string> CreatedDirectories = {}; ///< Missing parents; outer ones first.
 
-    /// Of what went back by being copied: the file that it was, and the one that it is now.
+    /// Of what went back: the file that it was, and the one that it is now.
     std::vector<std::pair<TavroIdentity, TavroIdentity>> Renewed = {};
     TavroAttributesLost Lost = {};
 };

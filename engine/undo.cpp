@@ -1262,12 +1262,13 @@ TavroFailure Going::Transfer(TavroTransferCallbacks Callbacks) {
 
 /// What was moved, and moved back between file systems, is another file.
 void Going::Renew(const TavroBatchReport& TakenBack) {
-    for (const auto& [was, is] : TakenBack.Renewed) {
-        for (TavroStep& step : m_before.Steps) {
-            if (step.Identity == was) {
-                step.Identity = is;
-                step.ChangeTime = 0; // not known
-            }
+    const std::unordered_map<TavroIdentity, TavroIdentity> files(TakenBack.Renewed.begin(),
+                                                                 TakenBack.Renewed.end());
+    for (TavroStep& step : m_before.Steps) { // once each: a number may have been given again
+        const auto renewed = files.find(step.Identity);
+        if (renewed != files.end()) {
+            step.Identity = renewed->second;
+            step.ChangeTime = 0; // not known
         }
     }
 }
