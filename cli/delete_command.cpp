@@ -74,8 +74,8 @@ void TavroAddDelete(CLI::App& App, TavroCommandTable& Table) {
     CLI::App* command = TavroAddCommand(App, "delete", "Delete entries for good, after a question",
                                         "delete old.iso");
     CLI::Option* names =
-        TavroAddNames(*command, "ENTRY", 1, "What is deleted", "an entry to delete");
-    CLI::Option* force = command->add_flag("-f,--force", "Without asking");
+        TavroAddNames(*command, "ENTRY", 1, "The entries to delete", "an entry to delete");
+    CLI::Option* force = command->add_flag("-f,--force", "Do not ask");
     CLI::Option* noSync = TavroAddNoSync(*command);
     Table[command] = [=] {
         return RunDelete(TavroValues(names), !force->empty(), TavroShouldSync(noSync));
