@@ -1,5 +1,5 @@
 // What trashing and restoring cost at the least: the system calls alone, without a check, a second
-// look or a way back. The trash folders exist.
+// look or a way back. The trash directories exist.
 //
 //   tavro_bare_loop files FILE…   stat, rename, open, write and close for each file
 //   tavro_bare_loop cycle FILE…   that, then back (two stats, rename, unlink), then that again; it

@@ -120,7 +120,7 @@ one_file() {
 
 # --- Copying, moving, deleting --------------------------------------------------------------------
 
-# A new folder for each copy; the old ones stay until the end, see fresh_home.
+# A new directory for each copy; the old ones stay until the end, see fresh_home.
 copy_tavro() { timed copy_tavro "$tavro" copy -q "${source[@]}" "$(mktemp -d -p "$where")/"; }
 copy_cp() { timed copy_cp cp -a "${source[@]}" "$(mktemp -d -p "$where")/"; }
 
@@ -167,7 +167,7 @@ and_sync() {
 synced_tavro() { timed synced_tavro "$tavro" copy -q "${source[@]}" "$(fresh_synced)/"; }
 synced_cp() { timed synced_cp and_sync cp -a "${source[@]}" "$(fresh_synced)/"; }
 
-# A new folder, when nothing is left to be written that neither of the two has written.
+# A new directory, when nothing is left to be written that neither of the two has written.
 fresh_synced() {
   local folder
   folder=$(mktemp -d -p "$where")

@@ -55,7 +55,7 @@ bare_loop=$build/bench/tavro_bare_loop
 scratch=$(mktemp -d)
 other_device=
 trap 'rm -rf "$scratch" ${other_device:+"$other_device"}' EXIT
-# The folder in other_device is on another file system, where there is one.
+# The directory in other_device is on another file system, where there is one.
 if [[ -d /dev/shm && $(stat -c %d /dev/shm) != $(stat -c %d "$scratch") ]]; then
   other_device=$(mktemp -d -p /dev/shm)
 fi
@@ -265,7 +265,7 @@ same_names() {
   compare 'TavroTrashEntries : gio trash' same_module same_gio -
 }
 
-# across NAME FROM TO: moves a tree from the folder FROM into a trash in a home below TO.
+# across NAME FROM TO: moves a tree from the directory FROM into a trash in a home below TO.
 across() {
   local name=$1 from=$2/tree to=$3
   across_fresh() {

@@ -13,7 +13,7 @@ using tavro_bench::Scratch;
 
 const char* const g_deep = "one/two/three/four/file.txt";
 
-/// The path of a file five levels below the scratch folder.
+/// The path of a file five levels below the scratch directory.
 std::string makeDeepFile(const Scratch& scratch) {
     const fs::path file = scratch.path() / g_deep;
     fs::create_directories(file.parent_path());

@@ -10,7 +10,7 @@ namespace {
 
 using namespace tavro_bench;
 
-/// Files to copy and a folder to copy them to, made once.
+/// Files to copy and a directory to copy them to, made once.
 struct Folders {
     Folders() {
         std::filesystem::create_directory(Source);
@@ -25,7 +25,7 @@ struct Folders {
     const std::filesystem::path Target = Root.path() / "target";
 };
 
-/// Plans the copy of as many files as the argument says, always from the same folder.
+/// Plans the copy of as many files as the argument says, always from the same directory.
 void plan(benchmark::State& state) {
     static const Folders folders;
     const auto entries = selectFiles(folders.Source, static_cast<std::size_t>(state.range(0)));

@@ -4,7 +4,7 @@
 //
 // WHAT is `plan-files`, `plan-folders`, or one of the path comparisons that a plan is made of,
 // `equivalent` and `inside`. The entries FOLDER/source/N exist, and the target FOLDER/target is an
-// empty folder.
+// empty directory.
 
 #include "tavroops.h"
 

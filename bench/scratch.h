@@ -1,4 +1,4 @@
-// A folder for one benchmark, which is the home directory while it exists.
+// A directory for one benchmark, which is the home directory while it exists.
 
 #ifndef TAVRO_BENCH_SCRATCH_H
 #define TAVRO_BENCH_SCRATCH_H
@@ -27,7 +27,7 @@ private:
     std::string m_oldHome;
 };
 
-/// Entries `file-0`, `file-1` and so on of a folder, as a pane selects them. The files need not
+/// Entries `file-0`, `file-1` and so on of a directory, as a pane selects them. The files need not
 /// exist.
 std::vector<TavroOperationEntry> selectFiles(const std::filesystem::path& folder,
                                              std::size_t count);

@@ -9,15 +9,15 @@
 
 namespace {
 
-/// "2 files and 1 folder (1.5 kB)"
+/// "2 files and 1 directory (1.5 kB)"
 std::string ContentText(const TavroMeasurement& Measurement) {
     const std::string files = TavroCountText(Measurement.FileCount, "file");
-    const std::string folders = TavroCountText(Measurement.DirectoryCount, "folder");
+    const std::string directories = TavroCountText(Measurement.DirectoryCount, "directory");
     const std::string size = " (" + TavroHumanSize(Measurement.ByteCount) + ")";
     if (Measurement.DirectoryCount == 0) {
         return files + size;
     }
-    return (Measurement.FileCount == 0 ? folders : files + " and " + folders) + size;
+    return (Measurement.FileCount == 0 ? directories : files + " and " + directories) + size;
 }
 
 /// Asks whether all this is to be deleted.
@@ -76,8 +76,8 @@ void TavroAddDelete(CLI::App& App, TavroCommandTable& Table) {
     CLI::App* command = TavroAddCommand(App, "delete", "Delete entries for good, after a question",
                                         "delete old.iso");
     CLI::Option* names =
-        TavroAddNames(*command, "ENTRY", 1, "What is deleted", "an entry to delete");
-    CLI::Option* force = command->add_flag("-f,--force", "Without asking");
+        TavroAddNames(*command, "ENTRY", 1, "The entries to delete", "an entry to delete");
+    CLI::Option* force = command->add_flag("-f,--force", "Do not ask");
     const TavroKeepingOptions keeping = TavroAddKeeping(*command);
     Table[command] = [=] {
         return RunDelete(TavroValues(names), !force->empty(), keeping.Keeping());

@@ -41,8 +41,7 @@ void TavroAddMkdir(CLI::App& App, TavroCommandTable& Table) {
     CLI::App* command =
         TavroAddCommand(App, "mkdir", "Create directories, with their missing parents",
                         "mkdir Letters/2026 Photos");
-    CLI::Option* texts = TavroAddNames(*command, "TEXT", 1,
-                                       "A new directory as a pane takes it: a name, a path, ~/…",
+    CLI::Option* texts = TavroAddNames(*command, "TEXT", 1, "A new directory: a name, a path, ~/…",
                                        "a name for the new directory");
     CLI::Option* in = TavroAddBaseDirectory(*command);
     const TavroKeepingOptions keeping = TavroAddKeeping(*command);

@@ -6,7 +6,7 @@
 
 CLI::Option* TavroAddTransferNames(CLI::App& Command) {
     return TavroAddNames(Command, "ENTRY... TEXT", 2,
-                         "The entries, and last the target as a pane takes it",
+                         "The entries, then the target: a directory, a new path, ~/…",
                          "at least one entry and a target");
 }
 

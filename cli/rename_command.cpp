@@ -30,7 +30,8 @@ int RunRename(const std::string& Entry, const std::string& Text, TavroKeeping Ke
 void TavroAddRename(CLI::App& App, TavroCommandTable& Table) {
     CLI::App* command = TavroAddCommand(App, "rename", "Rename an entry, or move it to a new path",
                                         "rename report.txt final.txt");
-    CLI::Option* entry = TavroAddName(*command, "ENTRY", "What is renamed", "an entry to rename");
+    CLI::Option* entry =
+        TavroAddName(*command, "ENTRY", "The entry to rename", "an entry to rename");
     CLI::Option* text =
         TavroAddName(*command, "TEXT", "The new name, or the full new path; relative to the entry",
                      "a new name");

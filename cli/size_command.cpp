@@ -175,14 +175,14 @@ int RunSize(const std::vector<std::string>& Paths, int Depth, bool bSort) {
 } // namespace
 
 void TavroAddSize(CLI::App& App, TavroCommandTable& Table) {
-    CLI::App* command =
-        TavroAddCommand(App, "size", "Add up the sizes of files and of what directories hold",
-                        "size -s ~/Music ~/Videos");
+    CLI::App* command = TavroAddCommand(App, "size", "Add up the sizes of files and directories",
+                                        "size -s ~/Music ~/Videos");
     CLI::Option* names =
-        TavroAddNames(*command, "ENTRY", 1, "What is measured", "something to measure");
-    CLI::Option* sort = command->add_flag("-s,--sort", "Largest first");
+        TavroAddNames(*command, "ENTRY", 1, "The entries to measure", "something to measure");
+    CLI::Option* sort = command->add_flag("-s,--sort", "Print the largest entry first");
     CLI::Option* depth = command->add_option("-d,--depth");
-    depth->type_name("DEPTH")->description("List what is so many levels below, too, largest first");
+    depth->type_name("DEPTH")->description(
+        "Also list what is up to so many levels below, largest first");
     TavroCheckNumber(*depth, 1, 100, "a number of levels");
     Table[command] = [=] {
         return RunSize(TavroValues(names), depth->empty() ? 0 : depth->as<int>(), !sort->empty());

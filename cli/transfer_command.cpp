@@ -31,8 +31,8 @@ const std::map<std::string, OnConflict> onConflicts = {
 /// Asks what is done about a conflict. A capital letter answers all later ones too.
 /// @return nothing after an interrupt.
 std::optional<TavroConflictAnswer> AskAbout(const TavroTransferConflict& Conflict) {
-    const std::string what = Conflict.bDestinationDirectory ? "Folder" : "File";
-    const std::string by = Conflict.bSourceDirectory ? "the folder" : "the file";
+    const std::string what = Conflict.bDestinationDirectory ? "Directory" : "File";
+    const std::string by = Conflict.bSourceDirectory ? "the directory" : "the file";
     const std::string question =
         what + " exists: " + TavroPrintableText(Conflict.DestinationPath) + "\nReplace it by " +
         by + " " + TavroPrintableText(Conflict.SourcePath) +
@@ -180,8 +180,8 @@ int RunTransfer(TavroTransferPlan& Plan, const OnConflict& What, const Manner& H
 
 void AddTransfer(CLI::App& App, bool bMove, TavroCommandTable& Table) {
     CLI::App* command = TavroAddCommand(App, bMove ? "move" : "copy",
-                                        bMove ? "Move entries to a folder or a new path"
-                                              : "Copy entries to a folder or a new path",
+                                        bMove ? "Move entries to a directory or a new path"
+                                              : "Copy entries to a directory or a new path",
                                         bMove ? "move *.log ~/Logs/" : "copy photos /media/stick/");
     CLI::Option* names = TavroAddTransferNames(*command);
     CLI::Option* in = TavroAddBaseDirectory(*command);

@@ -3,7 +3,7 @@
 
 # -- Where Debian wants things other than elsewhere --
 
-# compress(OUT_FILE FILE NAME): NAME.gz in the build folder, with no time in it.
+# compress(OUT_FILE FILE NAME): NAME.gz in the build directory, with no time in it.
 function(compress out_file file name)
   execute_process(COMMAND gzip -9nc ${PROJECT_SOURCE_DIR}/${file}
     OUTPUT_FILE ${PROJECT_BINARY_DIR}/${name}.gz COMMAND_ERROR_IS_FATAL ANY)
@@ -34,7 +34,7 @@ endif()
 
 set(CPACK_DEBIAN_PACKAGE_RELEASE ${CMAKE_MATCH_1})
 set(CPACK_DEBIAN_PACKAGE_SOURCE tavro)
-set(CPACK_DEBIAN_PACKAGE_MAINTAINER "The Tavro authors <tavro@example.org>")
+set(CPACK_DEBIAN_PACKAGE_MAINTAINER "The Tavro authors") # who have no address of their own
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
@@ -52,16 +52,16 @@ set(CPACK_DEBIAN_COMMAND_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_COMMAND_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_COMMAND_DESCRIPTION [[file operations that lose nothing
 Copies, moves, renames, creates, trashes, restores, deletes and measures files
-from the command line. Each operation does exactly what was asked for or says
-in one sentence why it did not; the newest 1,000 can be undone and redone.
-It shares the trash in the home directory with the other programs of the
-desktop.]])
+from the command line. It does what was asked for, or says in one sentence why
+it did not. The newest 1,000 operations can be undone and redone. The trash in
+the home directory is the one that the desktop's other programs use.]])
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libtavroops-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION [[file operations of a dual-pane file manager, for C++17
 Typed text becomes a path, copies and moves are planned, entries are renamed,
-created, deleted, moved to the home trash and back, and folders are measured.
+created, deleted, moved to the home trash and back, and directories are
+measured.
 Every operation does exactly what its contract says or returns one sentence
 that tells why it did not.
 .

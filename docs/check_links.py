@@ -4,7 +4,7 @@
 A link is relative to its page, and the part behind # is a heading there. A file of the project is
 named in backticks, from the root of the project.
 
-Usage: check_links.py ROOT    looks at README.md, CONTRIBUTING.md, CHANGELOG.md and docs/*.md
+Usage: check_links.py ROOT    looks at the pages in ROOT and in ROOT/docs
 """
 
 import pathlib
@@ -12,8 +12,8 @@ import re
 import sys
 
 root = pathlib.Path(sys.argv[1])
-folders = "|".join(p.name for p in root.iterdir() if p.is_dir() and p.name not in (".git", "build"))
-mentioned = re.compile(rf"`((?:{folders.replace('.', '[.]')})/[\w./-]*|[\w-]+\.(?:md|sh|py|txt))`")
+directories = "|".join(p.name for p in root.iterdir() if p.is_dir() and p.name not in (".git", "build"))
+mentioned = re.compile(rf"`((?:{directories.replace('.', '[.]')})/[\w./-]*|[\w-]+\.(?:md|sh|py|txt))`")
 
 
 def headings(page):
@@ -23,7 +23,7 @@ def headings(page):
 
 
 wrong, seen = [], 0
-for page in [root / f"{name}.md" for name in ("README", "CONTRIBUTING", "CHANGELOG")] + sorted(root.glob("docs/*.md")):
+for page in sorted([*root.glob("*.md"), *root.glob("docs/*.md")]):
     text = re.sub(r"^```.*?^```$", "", page.read_text(), flags=re.S | re.M)
     for target, anchor in re.findall(r"\]\((?!https?:)([^)#\s]*)#?([^)\s]*)\)", text):
         seen += 1

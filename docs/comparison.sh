@@ -10,7 +10,7 @@ set -euo pipefail
 
 rows=(
   'undo|Undoes the last trashing, and trashes again, with one command each'
-  'undo_all|Undoes copies, moves, renames and new folders'
+  'undo_all|Undoes copies, moves, renames and new directories'
   'all_or_nothing|Of several entries, trashes all or none'
   'restore_name|Restores by name, without a session bus'
   'restore_original|Restores by the original path'
@@ -59,7 +59,7 @@ empty() {
   trash-cli) trash-empty </dev/null ;;
   esac
 }
-# restore NAME: what was trashed from the current folder under that name.
+# restore NAME: what was trashed from the current directory under that name.
 restore() {
   case $tool in
   tavro) "$tavro" restore -q -- "$1" ;;

@@ -1,4 +1,4 @@
-// Replays the committed inputs of a target: each file in the folder that is named. It fails when
+// Replays the committed inputs of a target: each file in the directory that is named. It fails when
 // the target does, and when there is nothing to replay.
 
 #include <cstddef>

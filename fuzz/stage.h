@@ -10,7 +10,8 @@
 
 namespace tavro_fuzz {
 
-/// Folders, files, links to both, a dangling link and one in a circle. The home directory is in it.
+/// Directories, files, links to both, a dangling link and one in a circle. The home directory is in
+/// it.
 class Stage {
 public:
     Stage();

@@ -28,7 +28,7 @@ public:
         return m_trash / "info/item.trashinfo";
     }
 
-    /// Some file in the `info` folder has these bytes.
+    /// Some file in the `info` directory has these bytes.
     bool hasRecordOf(const std::string& bytes) const {
         for (const fs::directory_entry& file : fs::directory_iterator(m_trash / "info")) {
             if (tavro_test::readFile(file.path()) == bytes) {

@@ -2,8 +2,8 @@
 /// The file operations of the Tavro pane.
 ///
 /// Typed text becomes a path, copies and moves are planned, entries are renamed, created, deleted,
-/// moved to the home trash and back, and folders are measured. Every operation is a free function
-/// that does its work on the calling thread and has finished when it returns.
+/// moved to the home trash and back, and directories are measured. Every operation is a free
+/// function that does its work on the calling thread and has finished when it returns.
 ///
 /// What holds for all of them:
 ///
@@ -57,9 +57,12 @@ struct TavroOperationEntry {
     /// The full path.
     std::string Path;
 
-    /// The entry is a directory. Operations believe this flag and do not look at the disk for it. A
-    /// symbolic link is best flagged true, whatever it points to: it then moves between file
-    /// systems as a link, and is removed as a link.
+    /// The entry is a directory. Operations believe this flag and do not look at the disk for it.
+    ///
+    /// Flag every symbolic link true, whatever it points to: it then moves between file systems as
+    /// a link, and is removed as a link. The price: such a link to a directory cannot be planned
+    /// into that directory. Flagged false, it is copied between file systems as the file that it
+    /// points to, and a dangling link cannot be copied.
     bool bDirectory = false;
 };
 
@@ -69,10 +72,10 @@ struct TavroTrashEntry {
     /// Where the entry was, and where a restore puts it back.
     std::string OriginalPath;
 
-    /// Where the entry lies in the trash's `files` folder.
+    /// Where the entry lies in the trash's `files` directory.
     std::string TrashPath;
 
-    /// Where the entry's record lies in the trash's `info` folder.
+    /// Where the entry's record lies in the trash's `info` directory.
     std::string InfoPath;
 
     /// The entry is a directory, as the selection said.
@@ -113,7 +116,7 @@ std::string TavroCanonicalizePath(const std::string& Path);
 ///         or empty. Read anew on each call. Whether the directory exists is not checked.
 std::string TavroHomeDirectoryPath();
 
-/// Whether a typed text ends in a separator, by which the user means "into this folder".
+/// Whether a typed text ends in a separator, by which the user means "into this directory".
 ///
 /// @param Text  any bytes.
 /// @return true exactly when the last byte is `/` or `\`; false for empty text.
@@ -205,13 +208,14 @@ bool TavroBuildTransferPlan(const std::vector<TavroOperationEntry>& Entries,
 
 /// Renames one entry, or moves it within its file system, to a typed path.
 ///
-/// Missing parent folders of the target are created first; they stay when the rename then fails. An
+/// Missing parents of the target are created first; they stay when the rename then fails. An
 /// existing target is refused, but the check and the rename are two steps: what another process
 /// creates in between may be replaced. A dangling link counts as free: anything but a directory
 /// replaces it.
 ///
 /// @param Entry            only `Path` is read.
-/// @param TargetText       the full new name or path as typed, never just the folder to move into.
+/// @param TargetText       the full new name or path as typed, never just the directory to move
+///                         into.
 /// @param BaseDirectory    the directory that relative text is taken against: for a bare new name,
 ///                         the directory that holds the entry. When it is empty, a bare name that
 ///                         is not in the current directory goes beside the entry.
@@ -229,7 +233,7 @@ bool TavroBuildTransferPlan(const std::vector<TavroOperationEntry>& Entries,
 ///         - "Failed to create rename target directory: REASON"
 ///         - "Rename failed: REASON" (across file systems too: nothing is copied)
 /// @throws std::filesystem::filesystem_error when the target cannot be examined for another reason
-///         than that it or its folder is missing (no search permission, a name too long);
+///         than that it or its parent is missing (no search permission, a name too long);
 ///         `OutSelectedPath` is empty then, `ErrorMessage` untouched, and nothing on disk has
 ///         changed.
 bool TavroRenameEntry(const TavroOperationEntry& Entry, const std::string& TargetText,
@@ -264,7 +268,7 @@ bool TavroCreateDirectory(const std::string& TargetText, const std::filesystem::
 /// of `Path`, empty when that ends in `/`. A taken name gets " copy 1" to " copy 9999" before its
 /// extension, and after those " copy " and the local time, taken or not. A dangling link in the
 /// trash counts as free: an entry that gets its name replaces it, or fails to move, as told above.
-/// When an entry fails, the entries before it are restored. Parent folders created on the way stay.
+/// When an entry fails, the entries before it are restored. Parents created on the way stay.
 ///
 /// A copy keeps the bytes, the names, the targets of links and the modes (of directories: less the
 /// umask and the set-group-ID bit). It loses the times, access control lists and extended
@@ -311,11 +315,11 @@ bool TavroTrashEntries(const std::vector<TavroOperationEntry>& Entries,
 
 /// Decides where a selection will go in the home trash, for a caller that moves the entries itself.
 ///
-/// The trash folders are created; nothing is moved and no record is written. The caller then moves
-/// each entry to its `TrashPath` and calls TavroWriteTrashInfoEntries. Whether the entries exist is
-/// not checked, and the names are not held on disk: a second call before the moves gives the same.
-/// Entries of the same name get different trash names, the second with " copy" after its whole
-/// name.
+/// The directories of the trash are created; nothing is moved and no record is written. The caller
+/// then moves each entry to its `TrashPath` and calls TavroWriteTrashInfoEntries. Whether the
+/// entries exist is not checked, and the names are not held on disk: a second call before the moves
+/// gives the same. Entries of the same name get different trash names, the second with " copy"
+/// after its whole name.
 ///
 /// `OriginalPath` is canonical, taken before the move: for a symbolic link it names what the link
 /// points to. A caller that trashes links corrects it to the link's own path.
@@ -338,7 +342,7 @@ bool TavroPrepareTrashEntries(const std::vector<TavroOperationEntry>& Entries,
 /// with every byte but A-Z a-z 0-9 - . / _ ~ as % and two upper-case hexadecimal digits;
 /// "DeletionDate=" and the local time of writing as 2024-03-05T14:07:09. An existing file at
 /// `InfoPath` is cut to nothing and written anew in its place; a symbolic link there is followed.
-/// The folder of `InfoPath` must exist.
+/// The directory of `InfoPath` must exist.
 ///
 /// @param Entries       `OriginalPath` and `InfoPath` are used. May be empty.
 /// @param ErrorMessage  set on failure only.
@@ -354,13 +358,13 @@ bool TavroWriteTrashInfoEntries(const std::vector<TavroTrashEntry>& Entries,
 /// Removes the trash records of entries. The entries in the trash are not touched.
 ///
 /// @param Entries  `InfoPath` is used. A record that is missing or cannot be removed is passed over
-///                 without a word.
+///                 silently.
 void TavroRemoveTrashInfoEntries(const std::vector<TavroTrashEntry>& Entries);
 
 /// Puts trashed entries back where they were, all or nothing.
 ///
 /// Everything is checked before anything is moved. Each record is removed after its entry came
-/// back; one that cannot be removed stays and is no failure. Missing parent folders of an original
+/// back; one that cannot be removed stays and is no failure. Missing parents of an original
 /// place are created, and stay. When a move fails, the entries before it go back to the trash under
 /// the same names, from the last restored back to the first, with records that carry the new time
 /// where they can be written.

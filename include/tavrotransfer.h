@@ -28,17 +28,17 @@ struct TavroTransferItemPlan {
     /// What is copied or moved.
     std::filesystem::path SourcePath;
 
-    /// The full path that the item will have afterwards, not the folder that it goes into.
+    /// The full path that the item will have afterwards, not the directory that it goes into.
     std::filesystem::path DestinationPath;
 
     /// The item goes to another name than its own. Never set by the module; whoever carries the
     /// plan out sets it when a conflict is solved by a free name.
     bool bDestinationRenamed = false;
 
-    /// The source is a directory.
+    /// The source is a directory, or a symbolic link: as the selection said.
     bool bDirectory = false;
 
-    /// How many files and folders the item covers, for progress. Planning leaves it 0; whoever
+    /// How many files and directories the item covers, for progress. Planning leaves it 0; whoever
     /// carries the plan out measures.
     std::uint64_t ItemCount = 0;
 

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Builds the Debian packages tavro and libtavroops-dev into a folder of their own.
+# Builds the Debian packages tavro and libtavroops-dev into a directory of their own.
 # Usage: build_packages.sh BUILD_DIRECTORY
 #
 # The same sources give the same bytes, wherever and whenever they are built: the only time in the

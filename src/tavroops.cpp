@@ -83,7 +83,7 @@ std::string TavroTrimText(const std::string& Text) {
 namespace {
 
 /// As `weakly_canonical`, which looks at every leading part of a path that does not exist. Mostly
-/// only the last name is missing, of a target or of what was just moved away; then its folder is
+/// only the last name is missing, of a target or of what was just moved away; then its directory is
 /// enough. Not of a relative path: one that begins with a zero byte is nothing to the system, but
 /// `canonical`, which makes it absolute first, takes it for the current directory.
 fs::path WeaklyCanonical(const fs::path& Path, std::error_code& ec) {
@@ -318,10 +318,10 @@ fs::path CddaCopyDestinationName(const TavroOperationEntry& Entry) {
 struct TransferTarget {
     fs::path Path;     ///< The typed target, resolved.
     bool bSingleEntry; ///< One entry is selected: the target may be its new path.
-    bool bTypedInto;   ///< The typed text ends in a separator: the target is a folder to go into.
+    bool bTypedInto;   ///< The text ends in a separator: the target is a directory to go into.
 };
 
-/// The name that `Entry` gets inside a folder.
+/// The name that `Entry` gets inside a directory.
 fs::path DestinationName(const TavroOperationEntry& Entry, bool bCddaSource) {
     if (bCddaSource) {
         return CddaCopyDestinationName(Entry);

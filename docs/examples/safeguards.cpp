@@ -69,8 +69,8 @@ bool MakePrivateTrash() {
 //! [private-trash]
 
 //! [device]
-/// Whether an entry lies on the file system of the trash, so that trashing it is a rename. Of a
-/// second mount of that file system this is not the whole truth: a rename refuses that, too.
+/// Whether an entry lies on the file system of the trash, so that trashing it is a rename. A second
+/// mount of that file system looks the same here, but a rename between the two fails.
 bool IsOnTrashFileSystem(const std::string& Path) {
     const std::string trash = TavroHomeDirectoryPath() + "/.local/share/Trash";
     struct stat ofEntry = {}, ofTrash = {};
@@ -80,7 +80,7 @@ bool IsOnTrashFileSystem(const std::string& Path) {
 //! [device]
 
 //! [sync]
-/// The record of a trashed entry is whole, which a full disk can prevent without a word.
+/// Whether the record of a trashed entry is whole. A full disk can cut it short silently.
 bool RecordIsWhole(const TavroTrashEntry& Entry) {
     std::ifstream record(Entry.InfoPath, std::ios::binary);
     std::string header, path, date;
@@ -91,15 +91,15 @@ bool RecordIsWhole(const TavroTrashEntry& Entry) {
            date.size() == std::string("DeletionDate=2024-03-05T14:07:09").size() && record.good();
 }
 
-/// What was trashed and its records have reached the disk.
+/// Brings what was trashed, and its records, to the disk.
 bool SyncTrash(const TavroTrashEntry& Entry) {
     const fs::path files = fs::path(Entry.TrashPath).parent_path();
-    const int folder = open(files.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (folder < 0) {
+    const int directory = open(files.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (directory < 0) {
         return false;
     }
-    const bool bSynced = syncfs(folder) == 0;
-    return close(folder) == 0 && bSynced;
+    const bool bSynced = syncfs(directory) == 0;
+    return close(directory) == 0 && bSynced;
 }
 //! [sync]
 
@@ -119,10 +119,10 @@ bool WithoutThrowing(const std::function<bool(std::string&)>& Operation,
 //! [exceptions]
 
 //! [threads]
-/// Measures a folder on a thread of its own until someone sets `bCancelled`.
-std::future<std::uintmax_t> Measure(const fs::path& Folder, const std::atomic<bool>& bCancelled) {
-    return std::async(std::launch::async, [Folder, &bCancelled] {
-        return TavroCalculateDirectorySize(Folder, [&bCancelled] { return bCancelled.load(); });
+/// Measures a directory on a thread of its own until someone sets `bCancelled`.
+std::future<std::uintmax_t> Measure(const fs::path& Root, const std::atomic<bool>& bCancelled) {
+    return std::async(std::launch::async, [Root, &bCancelled] {
+        return TavroCalculateDirectorySize(Root, [&bCancelled] { return bCancelled.load(); });
     });
 }
 //! [threads]
@@ -284,7 +284,7 @@ TEST_F(Safeguards, what_is_thrown_becomes_a_sentence) {
               systemText(std::errc::filename_too_long));
 }
 
-TEST_F(Safeguards, a_folder_is_measured_on_another_thread_until_cancelled) {
+TEST_F(Safeguards, a_directory_is_measured_on_another_thread_until_cancelled) {
     writeFile(m_sandbox / "folder/file", "12345");
     writeFile(m_sandbox / "folder/below/file", "678");
     std::atomic<bool> bCancelled(false);

@@ -22,7 +22,7 @@ bool TavroIsCddaPath(const std::string&) {
 /// The record of what is at `Path`; nothing for a path that no operation should be given.
 std::optional<TavroOperationEntry> SelectEntry(std::string Path) {
     while (!Path.empty() && Path.back() == '/') {
-        Path.pop_back(); // "link/" is not the link, and "folder/" has no last component
+        Path.pop_back(); // "link/" is not the link, and "photos/" has no last component
     }
     const std::string name = fs::path(Path).filename().string();
     if (name.empty() || name == "." || name == "..") {
@@ -91,7 +91,7 @@ TEST(Selection, what_is_no_entry_is_not_selected) {
     }
 }
 
-TEST(Selection, a_folder_is_a_directory_and_a_file_is_none) {
+TEST(Selection, a_directory_is_flagged_and_a_file_is_not) {
     const Sandbox sandbox;
     writeFile(sandbox / "folder/file");
     EXPECT_TRUE(SelectEntry((sandbox / "folder/").string()).value().bDirectory);
@@ -111,7 +111,7 @@ TEST(Selection, a_link_with_a_separator_loses_what_is_in_its_target_when_deleted
     EXPECT_FALSE(isPresent(sandbox / "folder/file"));
 }
 
-TEST(Selection, a_folder_with_a_separator_loses_its_name_in_the_trash) {
+TEST(Selection, a_directory_with_a_separator_loses_its_name_in_the_trash) {
     const Sandbox sandbox;
     const ScopedEnvironment home("HOME", (sandbox / "home").string());
     writeFile(sandbox / "folder/file");
@@ -123,7 +123,7 @@ TEST(Selection, a_folder_with_a_separator_loses_its_name_in_the_trash) {
     EXPECT_EQ(fs::path(trashed.at(0).TrashPath).filename(), " copy 1");
 }
 
-TEST(Selection, a_link_to_a_folder_cannot_be_planned_into_that_folder) {
+TEST(Selection, a_link_to_a_directory_cannot_be_planned_into_it) {
     const Sandbox sandbox;
     makeDirectory(sandbox / "folder");
     fs::create_directory_symlink("folder", sandbox / "link");
@@ -175,7 +175,7 @@ TEST(Request, a_refused_plan_is_told_in_one_sentence) {
     EXPECT_EQ(shown.str(), "Copy target matches the source path for 'a.txt'.\n");
 }
 
-TEST(Request, one_entry_goes_into_a_folder_or_becomes_the_target) {
+TEST(Request, one_entry_goes_into_a_directory_or_becomes_the_target) {
     const Sandbox sandbox;
     writeFile(sandbox / "name/name");
     writeFile(sandbox / "file");

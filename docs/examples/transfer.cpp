@@ -226,7 +226,7 @@ TEST_F(CarryOutPlan, the_policies_answer_without_asking) {
     EXPECT_EQ(m_asked, 0);
 }
 
-TEST_F(CarryOutPlan, does_not_replace_the_folder_that_holds_the_source) {
+TEST_F(CarryOutPlan, does_not_replace_the_directory_that_holds_the_source) {
     writeFile(m_sandbox / "name/name", "bytes");
     plan({"name/name"}, path("name"), true, TavroTransferConflictPolicy::Overwrite);
     ASSERT_EQ(m_plan.Items.at(0).DestinationPath, m_sandbox / "name");

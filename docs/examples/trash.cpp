@@ -71,8 +71,8 @@ bool TrashInTwoPhases(const std::vector<TavroOperationEntry>& Selection,
     }
     for (std::size_t i = 0; i < entries.size(); ++i) {
         const fs::path path(Selection[i].Path);
-        const fs::path folder = TavroCanonicalizePath(path.parent_path().string());
-        entries[i].OriginalPath = (folder / path.filename()).string();
+        const fs::path parent = TavroCanonicalizePath(path.parent_path().string());
+        entries[i].OriginalPath = (parent / path.filename()).string();
         if (!ClaimTrashName(entries[i])) {
             ErrorMessage = "Cannot write " + entries[i].InfoPath;
             entries.resize(i);

@@ -20,7 +20,7 @@ load helpers
   expect "$output" "$HOME/made"
 }
 
-@test "mkdir of a folder that exists succeeds" {
+@test "mkdir of a directory that exists succeeds" {
   mkdir there
   run -0 tavro mkdir there
   expect "$output" "$PWD/there"

@@ -2,7 +2,7 @@
 
 load helpers
 
-@test "size prints bytes, a tab and the folder for a script" {
+@test "size prints bytes, a tab and the directory for a script" {
   mkdir -p d/e
   printf '12345' >d/a
   printf '1234567' >d/e/b
@@ -101,10 +101,10 @@ make_sizes() {
   mkdir -p d/e
   printf '12345' >d/a
   run -1 on_terminal "$TAVRO delete d" n
-  [[ $output == *"$PWD/d"*'Delete 1 file and 2 folders (5 bytes) for good? [y/N]'* ]]
+  [[ $output == *"$PWD/d"*'Delete 1 file and 2 directories (5 bytes) for good? [y/N]'* ]]
   [ -f d/a ]
   run -0 on_terminal "$TAVRO delete d" y
-  [[ $output == *'Deleted 1 file and 2 folders (5 bytes)' ]]
+  [[ $output == *'Deleted 1 file and 2 directories (5 bytes)' ]]
   [ ! -e d ]
 }
 
@@ -136,7 +136,7 @@ make_sizes() {
   [ -d "$HOME" ]
 }
 
-@test "delete refuses the trash and the folder that one stands in" {
+@test "delete refuses the trash and the directory that one stands in" {
   touch a
   tavro trash a
   for path in "$HOME/.local/share/Trash/files" "$HOME/.local/share/Trash" . ..; do
@@ -146,8 +146,8 @@ make_sizes() {
   [ -f "$HOME/.local/share/Trash/files/a" ]
 }
 
-@test "size of a folder that cannot be read says so" {
-  [ "$EUID" -ne 0 ] || skip 'root reads every folder'
+@test "size of a directory that cannot be read says so" {
+  [ "$EUID" -ne 0 ] || skip 'root reads every directory'
   mkdir -m 0 d
   run -1 --separate-stderr tavro size d
   expect "$stderr" "tavro: Cannot read 'd': Permission denied"

@@ -13,7 +13,7 @@ load helpers
   [ ! -e a ]
 }
 
-@test "a target folder that is missing is made" {
+@test "a target directory that is missing is made" {
   touch a b
   run -0 tavro copy a b new/folder
   expect "$(ls new/folder)" $'a\nb'
@@ -39,7 +39,7 @@ load helpers
   expect "$(cat e/a)" one
 }
 
-@test "mkdir and rename are undone; a folder in use is not" {
+@test "mkdir and rename are undone; a directory in use is not" {
   tavro mkdir x/y
   touch x/y/file
   run -1 --separate-stderr tavro undo
@@ -59,7 +59,7 @@ load helpers
   tavro copy a d
   run -0 tavro history
   [[ ${lines[0]} == *"  copy  $PWD/a -> $PWD/d/a" ]]
-  [[ ${lines[1]} == *"  mkdir  $PWD/d  (cannot be undone: The folder '$PWD/d' is not empty)" ]]
+  [[ ${lines[1]} == *"  mkdir  $PWD/d  (cannot be undone: The directory '$PWD/d' is not empty)" ]]
   tavro undo
   run -0 tavro history
   [[ ${lines[0]} == *'(undone)' ]]
@@ -174,14 +174,14 @@ load helpers
   expect "$(cat b)" new
 }
 
-@test "a file never replaces a folder without being asked, not even to overwrite" {
+@test "a file never replaces a directory without being asked, not even to overwrite" {
   mkdir -p d/a/kept
   touch a
   run -1 tavro copy a d --on-conflict overwrite
   [ -d d/a/kept ]
 }
 
-@test "folders merge" {
+@test "directories merge" {
   mkdir -p a/sub d/a/sub
   echo 1 >a/sub/one
   echo 2 >d/a/sub/two
@@ -192,7 +192,7 @@ load helpers
   expect "$(cat a/sub/one)" 1
 }
 
-@test "undoing a merge gives a folder back as private as it was" {
+@test "undoing a merge gives a directory back as private as it was" {
   mkdir -p s d/s
   chmod 700 s
   touch s/f

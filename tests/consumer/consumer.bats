@@ -95,6 +95,16 @@ compilation_of() { # SOURCE
   run -0 diff -r "$PREFIX" development
 }
 
+@test "what was installed goes again by the command in the README" {
+  local line
+  line=$(sed -n 's/^\$ \(xargs [^#]*\)# uninstalls it$/\1/p' "$TAVRO_SOURCE/README.md")
+  [[ -n $line ]]
+  cmake --install "$TAVRO_BUILD" --prefix "$PWD/a prefix" --component command
+  [[ -x 'a prefix/bin/tavro' ]]
+  run -0 bash -c "${line/build\/release/"'$TAVRO_BUILD'"}"
+  [[ -z $output && -z $(find 'a prefix' -type f) ]]
+}
+
 @test "the installed headers compile, each alone" {
   bash "$here/../operations/headers_alone.sh" "$PREFIX/include"
 }

@@ -23,7 +23,8 @@ if ((EUID != 0)); then
 fi
 
 # The other user gets copies: of the sources, and of what the installation reads in the build
-# folder. Its scripts name both folders, and write a list of what they installed beside themselves.
+# directory. Its scripts name both directories, and write a list of what they installed beside
+# themselves.
 nobody=65534
 scratch=$(cd "$(mktemp -d)" && pwd -P)
 trap 'rm -rf "$scratch"' EXIT

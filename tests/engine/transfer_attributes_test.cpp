@@ -46,6 +46,21 @@ TEST_F(CarryOutTransfer, the_umask_does_not_matter) {
     });
 }
 
+TEST_F(CarryOutTransfer, a_directory_that_is_merged_into_keeps_its_mode_and_new_ones_get_theirs) {
+    writeFile(source("tree/new/file"));
+    writeFile(target("tree/old"));
+    fs::permissions(source("tree"), static_cast<fs::perms>(0700));
+    fs::permissions(source("tree/new"), static_cast<fs::perms>(0750));
+    fs::permissions(target("tree"), static_cast<fs::perms>(0775));
+    const auto modeAt = [&](const char* name) { return statusOf(target(name)).st_mode & 07777U; };
+    EXPECT_TRUE(copy({"tree"})) << report();
+    EXPECT_EQ(0775U, modeAt("tree"));
+    EXPECT_EQ(0750U, modeAt("tree/new"));
+    writeFile(source("tree/another"));
+    EXPECT_TRUE(move({"tree"})) << report();
+    EXPECT_EQ(0775U, modeAt("tree"));
+}
+
 TEST_F(CarryOutTransfer, keeps_times_before_1970) {
     writeFile(source("old"), "bytes");
     setTimes(source("old"), -86400, 999999999);

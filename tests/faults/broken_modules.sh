@@ -25,7 +25,7 @@ if ((EUID == 0)); then
   confined+=(setpriv --reuid=65534 --regid=65534 --clear-groups)
 fi
 
-# Full disks need root, which then can write nowhere but in the scratch folder.
+# Full disks need root, which then can write nowhere but in the scratch directory.
 # shellcheck disable=SC2016 # the inner shell expands them
 caged=(prlimit --as=1000000000 timeout 300 unshare --mount bash -c '
   mount --make-rprivate / && mount --bind "$0" "$0" || exit 99

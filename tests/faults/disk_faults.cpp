@@ -103,7 +103,7 @@ std::vector<Point> pointsOf(const Sweep& sweep, bool bLong) {
         return points;
     }
     if (sweep.Where == OnDisk::Both) {
-        // Nothing large is written: only records and folders.
+        // Nothing large is written: only records and directories.
         for (std::uintmax_t blocks = 0; blocks <= 8; ++blocks) {
             points.push_back({blocks * block, 100});
         }
@@ -389,8 +389,8 @@ Run Case::act() {
 // The judgement
 //
 // A full disk leaves less open than any fault does: nothing is given up but that a part of a copy
-// and new folders stay, and that a record whose bytes find no room counts as written. What moves
-// back moves away from the full disk, so no roll-back may fail.
+// and new directories stay, and that a record whose bytes find no room counts as written. What
+// moves back moves away from the full disk, so no roll-back may fail.
 // -------------------------------------------------------------------------------------------------
 
 /// The original place, the destination and the record.
@@ -489,14 +489,14 @@ std::string Case::complaintAfterFalse(const Run& run, std::set<Exception>& used)
     return complaintAboutList(run.Result);
 }
 
-/// A folder that an operation may create: above the trash or above where it leads.
+/// A directory that an operation may create: above the trash or above where it leads.
 bool Case::isOnTheWay(const std::string& folder) const {
     const fs::path ends[] = {m_files, m_info, m_work / "in", m_disk.path() / "work/new/name"};
     return std::any_of(std::begin(ends), std::end(ends),
                        [&](const fs::path& end) { return liesIn(end.string(), folder); });
 }
 
-/// Nothing else is changed, but that folders were created on the way.
+/// Nothing else is changed, but that directories were created on the way.
 bool Case::isRestKept(const Snapshot& after, bool& bFoldersStay) const {
     const Snapshot before = restOf(m_before, m_items);
     const Snapshot rest = restOf(after, m_items);
@@ -570,7 +570,7 @@ constexpr Sweep sweeps[] = {
     {"restore/batch", Act::Restore, Selection::Batch, OnDisk::Work, Resource::Bytes},
     {"restore/many-inodes", Act::Restore, Selection::Many, OnDisk::Work, Resource::Inodes},
     {"restore/batch-inodes", Act::Restore, Selection::Batch, OnDisk::Work, Resource::Inodes},
-    // Everything lies on the full disk: there is no room for records and folders.
+    // Everything lies on the full disk: there is no room for records and directories.
     {"trash/record", Act::Trash, Selection::Batch, OnDisk::Both, Resource::Bytes},
     {"trash/long-record", Act::Trash, Selection::Deep, OnDisk::Both, Resource::Bytes},
     {"trash/record-inodes", Act::Trash, Selection::Batch, OnDisk::Both, Resource::Inodes},

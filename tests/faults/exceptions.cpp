@@ -43,7 +43,7 @@ std::string describe(Exception exception) {
         return "link-becomes-file: a link flagged as a file went across devices as what it points "
                "to, and came back as that";
     case Exception::FoldersStay:
-        return "folders-stay: folders that were created on the way stay after a failure";
+        return "directories-stay: directories that were created on the way stay after a failure";
     case Exception::DeleteStopsHalfWay:
         return "delete-stops-half-way: a delete for good stops at the first failure and undoes "
                "nothing";

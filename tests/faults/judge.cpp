@@ -296,7 +296,7 @@ bool Judgement::fits(const Hypothesis& hypothesis, std::set<Exception>& used) co
     return true;
 }
 
-/// Nothing else is changed, but for folders on the way.
+/// Nothing else is changed, but for directories on the way.
 bool Judgement::restFits(std::set<Exception>& used) const {
     // The names that the items got in a clean run, and those that they got in this one.
     std::vector<Item> items = m_scenario.items();

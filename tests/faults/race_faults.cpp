@@ -43,7 +43,7 @@ struct Trashed {
     std::string Original;
 };
 
-/// Folders for the entries and a home with a trash, on one device or on two.
+/// Directories for the entries and a home with a trash, on one device or on two.
 class Arena {
 public:
     explicit Arena(bool bAcross)
@@ -62,7 +62,7 @@ public:
     TavroTrashEntry entry(const Trashed& trashed) const;
     Snapshot snapshot() const;
 
-    /// A text in which {work} and {trash} stand for the folders.
+    /// A text in which {work} and {trash} stand for the directories.
     std::string expand(std::string text) const;
 
     /// The names in the trash of which there is only an item or only a record.
@@ -762,7 +762,7 @@ struct Hold {
     const char* Path = "";
 };
 
-/// A failure of the engine, in which the folders have names. None by default.
+/// A failure of the engine, in which the directories have names. None by default.
 struct Why {
     TavroFailureKind Kind = TavroFailureKind::None;
     int Error = 0;
@@ -770,7 +770,7 @@ struct Why {
     const char* Other = "";
 };
 
-/// One course of a contest and its exact end. {work} and {trash} stand for the folders.
+/// One course of a contest and its exact end. {work} and {trash} stand for the directories.
 struct Pin {
     const char* Contest;
     Hold First;              ///< Process 0 comes to here,

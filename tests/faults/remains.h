@@ -29,7 +29,7 @@ char recordState(const Item& item, const Snapshot& before, const Snapshot& after
 /// Everything that belongs to no item.
 Snapshot restOf(const Snapshot& all, const std::vector<Item>& items);
 
-/// The rest is as before, but for folders on the way.
+/// The rest is as before, but for directories on the way.
 bool isRestKept(const Scenario& scenario, const Snapshot& before, const Snapshot& after,
                 bool& bFoldersStay);
 

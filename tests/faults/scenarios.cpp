@@ -30,7 +30,7 @@ struct World {
     bool bTaken = false;         ///< The names are taken where the entries are to go.
     bool bBlockedRecord = false; ///< A directory with contents lies where the last record goes.
     bool bSizeLimit = false;     ///< No file may grow over 8,000 bytes, and sendfile is unknown.
-    bool bParentsGone = false;   ///< The folder of the entries goes away once they are trashed.
+    bool bParentsGone = false;   ///< The directory of the entries goes away once they are trashed.
     bool bInTheWay = false;      ///< The place that the last entry came from is taken.
 };
 

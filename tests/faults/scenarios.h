@@ -110,7 +110,7 @@ public:
     const std::vector<Item>& items() const {
         return m_items;
     }
-    /// Folders that the operation may create on its way.
+    /// Directories that the operation may create on its way.
     const std::vector<std::filesystem::path>& foldersOnTheWay() const {
         return m_foldersOnTheWay;
     }

@@ -126,7 +126,7 @@ const Consequence consequences[] = {
     {Says::Copy, EIO, examining},
     {Says::Copy, EIO, listing},
     {Says::Copy, EIO, writing}, // a stream does not say that a write failed
-    // A folder that cannot be examined is not created, so the one in it cannot be.
+    // A directory that cannot be examined is not created, so the one in it cannot be.
     {Says::FilesFolder, ENOENT, examining},
     {Says::InfoFolder, ENOENT, examining},
     {Says::DestinationFolder, ENOENT, examining},

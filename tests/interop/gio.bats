@@ -78,7 +78,7 @@ show_date() {
   expect_folder_empty
   on_bus list_trash
   # Each line is the item's URI, a tab, and the original path with some bytes as \xNN. What other
-  # volumes have in their trash folders is not this test's.
+  # volumes have in their trash directories is not this test's.
   local uri path
   while IFS=$'\t' read -r uri path; do
     [[ $path == "$folder/"* ]] || continue

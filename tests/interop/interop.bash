@@ -43,7 +43,7 @@ odd_names=("${plain_names[@]}" '100% sure' '%41' 'dou"ble' 'back\slash' $'tab\th
   $'caf\xc3\xa9 \xe2\x98\x83' "$long_name")
 undecodable_name=$'bad\xff\xfebytes'
 
-# make_entries NAME…: files of these names with bytes of their own, in the folder, and besides a
+# make_entries NAME…: files of these names with bytes of their own, in the directory, and besides a
 # tree, links and an empty file.
 make_entries() {
   local name
@@ -60,7 +60,7 @@ make_entries() {
   : >"$folder/empty"
 }
 
-# Everything in the folder, as full paths in `entries`.
+# Everything in the directory, as full paths in `entries`.
 select_entries() {
   local options
   options=$(shopt -p nullglob dotglob || :)
@@ -79,7 +79,7 @@ snapshot() {
   )
 }
 
-# Remembers the folder as it is, and compares it with that later.
+# Remembers the directory as it is, and compares it with that later.
 remember_folder() {
   snapshot "$folder" >"$sandbox/before"
 }

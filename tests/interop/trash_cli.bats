@@ -32,7 +32,7 @@ replaced_name=$'bad\xef\xbf\xbd\xef\xbf\xbdbytes'
   driver trash "${entries[@]}"
   expect_folder_empty
   printf '%s\n' "${entries[@]}" >"$sandbox/expected"
-  # Trash folders of other volumes, which it also lists, are not this test's.
+  # Trash directories of other volumes, which it also lists, are not this test's.
   trash-list >"$sandbox/all"
   sed -E 's/^[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} //' "$sandbox/all" |
     grep -v '^/' >"$sandbox/listed" || :

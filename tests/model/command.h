@@ -44,8 +44,8 @@ struct Pick {
     bool bLie = false; ///< The flag for directories is the wrong one.
 };
 
-/// The places of the universe: the first are two folders with what is in them, the last are in the
-/// trash. Relative to the root; an audio track is among them.
+/// The places of the universe: the first are two directories with what is in them, the last are in
+/// the trash. Relative to the root; an audio track is among them.
 const std::vector<std::string>& places();
 constexpr int ordinaryPlaceCount = 10;
 constexpr int placeCount = 14;

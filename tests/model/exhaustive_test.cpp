@@ -1,4 +1,4 @@
-// Every short sequence over a small universe: two folders, three names, and the four types that
+// Every short sequence over a small universe: two directories, three names, and the four types that
 // entries have. Random sequences may miss a case of three commands; these do not.
 //
 // TAVRO_MODEL_LENGTH=3 sets how long sequences get; 2 when it is unset.

@@ -323,7 +323,7 @@ std::errc InMemoryFileSystem::rename(const std::string& from, const std::string&
     if (source.Path.empty()) {
         return source.Error;
     }
-    // Folders are looked up before names.
+    // Directories are looked up before names.
     const bool bNameTooLong = target.Error == std::errc::filename_too_long;
     if (target.Path.empty() && !bNameTooLong) {
         return target.Error;
@@ -421,7 +421,7 @@ std::errc InMemoryFileSystem::copyTree(const std::string& from, const std::strin
     }
     const Entry entry = at(source.Path);
     if (entry.EntryKind == Kind::File && isDirectory(to)) {
-        // It goes into the folder of its name, so the tree does not arrive as it was.
+        // It goes into the directory of its name, so the tree does not arrive as it was.
         const std::errc error = copyFile(from, child(to, fs::path(from).filename().string()));
         return error == success ? std::errc::io_error : error;
     }

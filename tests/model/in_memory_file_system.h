@@ -104,8 +104,9 @@ public:
     /// known here.
     bool leftRoot() const;
 
-    /// A copy failed in a folder of several entries: which of the others were copied before depends
-    /// on the order in which a disk lists them, so what is here now may not be what is there.
+    /// A copy failed in a directory of several entries: which of the others were copied before
+    /// depends on the order in which a disk lists them, so what is here now may not be what is
+    /// there.
     bool isUncertain() const {
         return m_bUncertain;
     }

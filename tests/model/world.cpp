@@ -447,7 +447,7 @@ void World::makeInModel(const std::string& path, Type type) {
 
 namespace {
 
-/// Without what would make the outcome depend on the order in which a disk lists a folder.
+/// Without what would make the outcome depend on the order in which a disk lists a directory.
 Command sane(Command command) {
     if (command.InjectedFailure.FailingCall == Call::MakeDirectory) {
         command.bOtherDevice = false;
@@ -504,7 +504,7 @@ void count(Tally& tally, const Command& command, const Outcome& outcome) {
 
 } // namespace
 
-/// A folder would be copied into itself, which ends only where names get too long.
+/// A directory would be copied into itself, which ends only where names get too long.
 bool World::wouldCopyIntoItself(const Command& command) const {
     const std::string trash = m_root + "/home/.local/share/Trash/files";
     for (const TavroOperationEntry& entry : selectionOf(command)) {

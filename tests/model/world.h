@@ -39,13 +39,13 @@ std::filesystem::path fastFolder();
 /// What is at places (by their indices) at first.
 using Contents = std::vector<std::pair<int, Type>>;
 
-/// A file in each of the folders, and a folder in the first.
+/// A file in each of the directories, and a directory in the first.
 const Contents& usualContents();
 
 /// One at a time: the environment and the current directory are those of the process.
 class World {
 public:
-    /// Two folders, an empty home, and `contents`.
+    /// Two directories, an empty home, and `contents`.
     explicit World(const Contents& contents = usualContents());
     ~World();
     World(const World&) = delete;

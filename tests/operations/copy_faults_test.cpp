@@ -203,7 +203,7 @@ TEST_F(CopyFaults, a_place_that_cannot_be_written_is_told_with_its_reason) {
 }
 
 TEST_F(CopyFaults, a_tree_that_cannot_be_read_to_its_end_is_not_copied) {
-    // The folder is read four times: both dot names, one entry and the end.
+    // The directory is read four times: both dot names, one entry and the end.
     for (const int when : {1, 2, 3, 4}) {
         EXPECT_FALSE(
             trashAcross(directory(m_tree), {whole("readdir", EBADF, m_tree / "deep", when)}));

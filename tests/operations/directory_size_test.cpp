@@ -252,7 +252,7 @@ TEST_F(DirectorySize, counts_files_whose_names_are_any_bytes) {
 // ---------------------------------------------------------------------------------------------
 
 TEST_F(DirectorySize, passes_over_folders_that_may_not_be_read) {
-    // Several of each, so that some readable folder follows an unreadable one in any order.
+    // Several of each, so that some readable directory follows an unreadable one in any order.
     for (const std::string number : {"1", "2", "3", "4"}) {
         file("tree/closed " + number + "/a", 1000);
         file("tree/open " + number + "/a", 10);
@@ -293,8 +293,8 @@ TEST_F(DirectorySize, counts_nothing_for_files_that_can_be_listed_but_not_examin
     });
 }
 
-// Folders are opened one from the other, so their depth has no limit; files are examined by their
-// whole path, which the system takes up to PATH_MAX with the byte that ends it.
+// Directories are opened one from the other, so their depth has no limit; files are examined by
+// their whole path, which the system takes up to PATH_MAX with the byte that ends it.
 TEST_F(DirectorySize, walks_folders_that_are_too_deep_for_a_path_and_counts_no_files_there) {
     constexpr std::size_t levels = 40;
     const std::string name(200, 'd');

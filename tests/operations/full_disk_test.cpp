@@ -21,8 +21,8 @@ constexpr unsigned inodes = 64;
 constexpr std::size_t fileSize = 3000000;
 
 // The standard library copies in pieces of sixteen blocks. Where the disk takes only a part of one,
-// it goes on with smaller ones and may not tell that these end, too. The folders of a tree take two
-// or three blocks of this room; what they leave still ends within a piece.
+// it goes on with smaller ones and may not tell that these end, too. The directories of a tree take
+// two or three blocks of this room; what they leave still ends within a piece.
 constexpr std::uintmax_t room = 24 * SmallDisk::blockSize;
 
 /// A home on a small disk that is full. It is mounted where only a child process sees it, so it is

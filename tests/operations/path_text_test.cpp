@@ -65,8 +65,8 @@ protected:
         });
     }
 
-    /// Runs `body` in a child that may not search the folder `dir/closed`, which holds a folder
-    /// `inside`.
+    /// Runs `body` in a child that may not search the directory `dir/closed`, which holds a
+    /// directory `inside`.
     void runBesideClosedFolder(const std::function<void()>& body) const {
         makeDirectory(m_sandbox / "dir/closed/inside");
         fs::permissions(m_sandbox / "dir/closed", fs::perms::none);
@@ -617,8 +617,8 @@ fs::path byTheLibrary(const fs::path& path) {
     return ec ? path.lexically_normal() : resolved;
 }
 
-/// A folder in which every component is at home, and again in the folders that `a`, `link` and
-/// `closed` lead to.
+/// A directory in which every component is at home, and again in the directories that `a`, `link`
+/// and `closed` lead to.
 class EveryPath : public testing::Test {
 protected:
     EveryPath() {
@@ -841,7 +841,7 @@ TEST_F(PathIsInside, a_separator_at_the_end_of_an_existing_parent_changes_nothin
     EXPECT_TRUE(TavroPathIsInside(at("dir/"), at("dir/new")));
 }
 
-// A missing folder keeps its separator in the canonical text, and texts are what is compared.
+// A missing directory keeps its separator in the canonical text, and texts are what is compared.
 TEST_F(PathIsInside, a_separator_at_the_end_of_a_missing_path_counts_as_text) {
     EXPECT_FALSE(TavroPathIsInside("/gone/", "/gone/x"));
     EXPECT_TRUE(TavroPathIsInside("/gone", "/gone/"));

@@ -26,7 +26,7 @@ protected:
         return TavroPrepareTrashEntries(entries, trashed, error);
     }
 
-    /// Files with these names, each in a folder of its own, none of which is on the disk.
+    /// Files with these names, each in a directory of its own, none of which is on the disk.
     std::vector<TavroOperationEntry> selection(const std::vector<std::string>& names) const {
         std::vector<TavroOperationEntry> entries;
         for (const std::string& name : names) {

@@ -598,7 +598,7 @@ namespace {
 
 class RestoreTrashEntriesAcrossDevices : public AcrossDevices {
 protected:
-    /// Two files of one name from two folders, and a tree, all in the trash.
+    /// Two files of one name from two directories, and a tree, all in the trash.
     void trashThree() {
         makeTree(documents / "tree");
         writeFile(documents / "one/a.txt", "1");

@@ -1,4 +1,5 @@
-// Several threads use the operations at once, each on folders of its own, with one trash for all.
+// Several threads use the operations at once, each on directories of its own, with one trash for
+// all.
 
 #include "sandbox.h"
 #include "snapshot.h"

@@ -26,8 +26,8 @@ namespace {
 
 const std::string trash = "home/.local/share/Trash";
 
-/// Three entries in a folder of the sandbox: the files "a" and "c", and the directory "b". The home
-/// trash is in the sandbox too and has its folders.
+/// Three entries in a directory of the sandbox: the files "a" and "c", and the directory "b". The
+/// home trash is in the sandbox too and has its directories.
 class TrashFaults : public testing::Test {
 protected:
     TrashFaults() : m_oldMask(umask(022)) {
@@ -280,7 +280,7 @@ TEST_F(TrashEntries, the_folder_of_an_entry_that_moves_back_is_made_again) {
 }
 
 TEST_F(TrashEntries, a_folder_that_cannot_be_made_again_is_told_as_the_rollback) {
-    // The only look at the folder itself is that of the move back.
+    // The only look at the directory itself is that of the move back.
     expectTrashingOneFails("a", m_work / "a", {noRecord("a"), whole("stat", EACCES, m_work)},
                            recordFailure("a") +
                                rollback("Failed to create destination directory: " +
@@ -378,7 +378,7 @@ TEST_F(TrashEntries, a_dangling_link_cannot_be_restored_by_the_rollback) {
 
 // Records that fail while they are written.
 
-/// A folder so deep, and of such bytes, that the record of an entry in it is longer than what a
+/// A directory so deep, and of such bytes, that the record of an entry in it is longer than what a
 /// stream keeps back until it is closed.
 fs::path makeDeepFolder(const fs::path& parent) {
     fs::path folder = parent;
@@ -437,13 +437,13 @@ TEST_F(TrashEntries, there_is_no_record_before_its_entry_has_moved) {
     EXPECT_TRUE(bNoRecord);
 }
 
-// The folders of the trash.
+// The directories of the trash.
 
 TEST_F(TrashEntries, the_folders_are_ensured_for_each_entry) {
     const std::string reason = systemText(std::errc::permission_denied);
     for (int entry = 1; entry <= 3; ++entry) {
         SCOPED_TRACE(entry);
-        // Each entry asks for a folder once, and once more for its parent when it moves there.
+        // Each entry asks for a directory once, and once more for its parent when it moves there.
         expectTrashingFails({whole("stat", EACCES, m_info.string(), entry)},
                             "Failed to create trash info directory: " + reason, m_before);
     }

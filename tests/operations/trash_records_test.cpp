@@ -147,7 +147,8 @@ private:
     void (*m_oldHandler)(int);
 };
 
-/// A folder `info` for the records, and a folder beside it that the operations have no business in.
+/// A directory `info` for the records, and a directory beside it that the operations have no
+/// business in.
 class TrashRecords : public testing::Test {
 protected:
     TrashRecords() {
@@ -163,7 +164,7 @@ protected:
         return {originalPath, (sandbox / "files" / name).string(), infoPath(name).string(), false};
     }
 
-    /// An entry whose record cannot be created, because its folder is missing.
+    /// An entry whose record cannot be created, because its directory is missing.
     TavroTrashEntry unwritable() {
         return entry("missing/c");
     }

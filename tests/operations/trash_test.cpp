@@ -36,8 +36,8 @@ protected:
         EXPECT_EQ(everything().count("home/.local/share/Trash/files/" + name), 1U);
     }
 
-    /// The selection is refused with this sentence, and apart from the trash's folders nothing has
-    /// changed.
+    /// The selection is refused with this sentence, and apart from the trash's directories nothing
+    /// has changed.
     void expectRefused(const std::vector<TavroOperationEntry>& entries,
                        const std::string& sentence) {
         Snapshot expected = everything();
@@ -349,7 +349,7 @@ TEST_F(TrashEntries, paths_without_a_name_that_can_be_moved_are_refused_as_given
 }
 
 // -------------------------------------------------------------------------------------------------
-// The home and the trash's folders
+// The home and the trash's directories
 // -------------------------------------------------------------------------------------------------
 
 TEST_F(TrashEntries, an_empty_selection_is_the_first_thing_refused) {
@@ -648,8 +648,8 @@ protected:
         return TavroTrashEntries(entries, trashed, error);
     }
 
-    /// The move fails with this sentence. The documents are as before, and in the trash's folders
-    /// lies nothing but these rows.
+    /// The move fails with this sentence. The documents are as before, and in the trash's
+    /// directories lies nothing but these rows.
     void expectFailed(const TavroOperationEntry& entry, const std::string& sentence,
                       const Snapshot& left = {}) {
         Snapshot expected = everything();

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs the Debian packages in a folder on a machine that has nothing else, uses them and removes
-# them; then builds an application there. The machine is a folder with a Debian of its own, made by
+# Installs the Debian packages in a directory on a machine that has nothing else, uses them and removes
+# them; then builds an application there. The machine is a directory with a Debian of its own, made by
 # debootstrap from where this machine gets its packages.
 # Usage: bare_machine.sh DIRECTORY
 #
@@ -32,7 +32,7 @@ quietly() {
 command -v debootstrap >/dev/null || skip 'debootstrap is not installed'
 unshare --mount true 2>/dev/null || skip 'mounting is not permitted here'
 
-# The work is done in a mount namespace of its own: nothing stays mounted when the scratch folder is
+# The work is done in a mount namespace of its own: nothing stays mounted when the scratch directory is
 # removed, however that work ended.
 if [[ -z ${2-} ]]; then
   scratch=$(cd "$(mktemp -d)" && pwd -P)

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Looks into the Debian packages in a folder: lintian, and what lintian does not ask.
+# Looks into the Debian packages in a directory: lintian, and what lintian does not ask.
 # Usage: check_packages.sh DIRECTORY
 # shellcheck disable=SC2317 # the functions are called by check
 set -euo pipefail
@@ -40,7 +40,7 @@ lint() {
   }
 }
 
-# The files of a package, with the folder of the architecture as ARCH.
+# The files of a package, with the directory of the architecture as ARCH.
 files_of() {
   dpkg-deb --fsys-tarfile "$1" | tar -t | grep -v '/$' |
     sed "s|/$(gcc -print-multiarch)/|/ARCH/|" | LC_ALL=C sort
@@ -81,11 +81,18 @@ is_hardened() {
   [[ $symbols == *__stack_chk_fail* && $symbols == *_chk@GLIBC* ]] && [[ $symbols != *.symtab* ]]
 }
 
-names_no_folder_of_the_builder() {
+names_no_directory_of_the_builder() {
   ! grep -rlF -e "$PWD" -e "$(realpath "$here/../..")" "$scratch"
 }
 
+# Addresses that lead nowhere.
+has_no_placeholder() {
+  ! { dpkg-deb -f "$1" && dpkg-deb --fsys-tarfile "$1" | tar -xO --wildcards '*/changelog.Debian.gz' |
+    gunzip; } | grep -E '@|example[.]|localhost|[.]invalid'
+}
+
 for package in "$command_package" "$development_package"; do
+  check "$package: no placeholder in what it says of itself" has_no_placeholder "$package"
   check "$package: lintian" lint "$package"
   check "$package: its files" same_files "$package" "${package%%_*}.files"
   check "$package: owned by root, changed by nobody else" owned_by_root "$package"
@@ -93,5 +100,5 @@ for package in "$command_package" "$development_package"; do
 done
 check 'tavro depends on what it links' depends_on_what_it_links
 check 'tavro is hardened and stripped' is_hardened
-check 'no folder of the builder is named' names_no_folder_of_the_builder
+check 'no directory of the builder is named' names_no_directory_of_the_builder
 exit "$failed"

@@ -23,6 +23,34 @@ check() { # PAGE ARGUMENT…
   check tavro.1 "$TAVRO"
 }
 
+# The commands of the examples of tavro(1), one a line.
+examples() {
+  sed -e '1,/^\.SH EXAMPLES/d' -e '/^\.SH/,$d' "$man/tavro.1" |
+    awk '/^\.EE/ { inside = 0 } inside; /^\.EX/ { inside = 1 }' |
+    sed -e 's/\\(ti/~/g' -e 's/\\-/-/g'
+}
+
+@test "the examples of tavro(1) work, the same with an empty trash" {
+  # shellcheck disable=SC2030 # for this test alone
+  export HOME=$PWD/home PATH=${TAVRO%/*}:$PATH
+  unset XDG_STATE_HOME
+  mkdir home photos stick
+  touch a.log b.log ./-x.txt
+  local line count=0
+  while IFS= read -r line; do
+    line=${line//\/media\/stick/$PWD/stick}
+    run -0 script --quiet --return --command "$line" /dev/null <<<y
+    count=$((count + 1))
+  done < <(examples)
+  ((count >= 7))
+  [[ -d stick/photos && -e a.log && ! -e home/Logs/a.log && ! -e -x.txt ]]
+  line=$(examples | grep 'tavro restore')
+  run -0 bash -c "$line"
+  [[ -e -x.txt ]]
+  run -0 bash -c "$line"
+  [[ -z $output ]]
+}
+
 @test "tavroops(3) declares what the headers declare" {
   check tavroops.3 "$TAVRO_SOURCE"/include/*.h
 }
@@ -34,12 +62,13 @@ check() { # PAGE ARGUMENT…
   # shellcheck disable=SC2086 # several flags
   $CXX -std=c++17 -Wall -Wextra -Wpedantic -Werror $CXXFLAGS -I "$TAVRO_SOURCE/include" \
     example.cpp "$TAVRO_LIBRARY" -o example
-  mkdir home folder
+  mkdir home directory
   touch file
+  # shellcheck disable=SC2031 # for this test alone
   export HOME=$PWD/home
-  run -0 ./example file folder
-  [[ $output == "$(pwd -P)/file was in the trash"$'\n'"$(pwd -P)/folder was in the trash" ]]
-  [[ -f file && -d folder && -d home/.local/share/Trash/files ]]
+  run -0 ./example file directory
+  [[ $output == "$(pwd -P)/file was in the trash"$'\n'"$(pwd -P)/directory was in the trash" ]]
+  [[ -f file && -d directory && -d home/.local/share/Trash/files ]]
   run -1 ./example missing
   [[ $output == "Failed to move '"*"/missing': No such file or directory" ]]
 }

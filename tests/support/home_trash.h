@@ -20,7 +20,7 @@ namespace tavro_test {
 
 namespace fs = std::filesystem;
 
-/// A home that has no trash yet, and a folder of documents.
+/// A home that has no trash yet, and a directory of documents.
 class HomeTrash : public testing::Test {
 protected:
     HomeTrash() : m_oldMask(umask(022)) {
@@ -47,7 +47,7 @@ protected:
         makeDirectory(info);
     }
 
-    /// A folder that holds one of everything that may lie in a folder.
+    /// A directory that holds one of everything that may lie in a directory.
     static void makeTree(const fs::path& root) {
         makeDirectory(root / "empty");
         makeDirectory(root / "deep/er");
@@ -97,7 +97,7 @@ protected:
         return all;
     }
 
-    /// In `tree`: the trash's folders, as they are made on demand.
+    /// In `tree`: the trash's directories, as they are made on demand.
     static void addTrashFolders(Snapshot& tree) {
         for (const char* name :
              {"", "/share", "/share/Trash", "/share/Trash/files", "/share/Trash/info"}) {

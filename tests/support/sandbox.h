@@ -1,4 +1,4 @@
-// Folders of a test's own, an environment of its own, and children without privileges.
+// Directories of a test's own, an environment of its own, and children without privileges.
 
 #ifndef TAVRO_TESTS_SANDBOX_H
 #define TAVRO_TESTS_SANDBOX_H
@@ -11,20 +11,20 @@
 
 namespace tavro_test {
 
-/// A fresh folder, removed with everything in it at the end, whatever its permissions by then.
+/// A fresh directory, removed with everything in it at the end, whatever its permissions by then.
 class Sandbox {
 public:
     /// In the temporary directory.
     Sandbox();
 
-    /// Below `parent`, for a folder on another file system.
+    /// Below `parent`, for a directory on another file system.
     explicit Sandbox(const std::filesystem::path& parent);
 
     ~Sandbox();
     Sandbox(const Sandbox&) = delete;
     Sandbox& operator=(const Sandbox&) = delete;
 
-    /// The canonical path of the folder.
+    /// The canonical path of the directory.
     const std::filesystem::path& path() const {
         return m_path;
     }
