@@ -1,6 +1,7 @@
 // `tavro list`.
 
 #include "command.h"
+#include "format.h"
 #include "json.h"
 #include "trash_contents.h"
 
@@ -23,7 +24,8 @@ std::string ItemLine(const TavroTrashItem& Item) {
     std::replace(date.begin(), date.end(), 'T', ' ');
     const std::string size = TavroHumanSize(Item.ByteCount);
     const std::string padding(size.size() < 10 ? 10 - size.size() : 0, ' ');
-    return date + "  " + padding + size + "  " + Item.Name + "  from " + Item.OriginalPath;
+    return date + "  " + padding + size + "  " + Item.Name + "  from " +
+           TavroShownPath(stdout, Item.OriginalPath);
 }
 
 void PrintItem(const TavroTrashItem& Item, bool bZero) {

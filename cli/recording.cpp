@@ -1,5 +1,6 @@
 #include "recording.h"
 
+#include "format.h"
 #include "interrupt.h"
 #include "terminal.h"
 #include "undo.h"
@@ -77,9 +78,9 @@ std::string TavroKindText(TavroOperationKind Kind) {
 
 std::string TavroStepText(const TavroStep& Step) {
     if (Step.Role == TavroStepRole::Trashed || Step.To.empty()) {
-        return Step.From;
+        return TavroShownPath(stdout, Step.From);
     }
-    return Step.From.empty() ? Step.To : Step.From + " -> " + Step.To;
+    return Step.From.empty() ? TavroShownPath(stdout, Step.To) : TavroShownStep(Step.From, Step.To);
 }
 
 std::vector<const TavroStep*> TavroTellingSteps(const TavroOperation& Operation) {

@@ -48,7 +48,8 @@ std::string TavroKindText(TavroOperationKind Kind);
 /// empty directories those.
 std::vector<const TavroStep*> TavroTellingSteps(const TavroOperation& Operation);
 
-/// What a step is about in one line: "a -> b"; what was created or trashed stands alone.
+/// What a step is about in one line of standard output: "a -> b"; what was created or trashed
+/// stands alone.
 std::string TavroStepText(const TavroStep& Step);
 
 /// Prints `Title`, the kind, and a line for each main step.

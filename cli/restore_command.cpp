@@ -1,6 +1,7 @@
 // `tavro restore`.
 
 #include "command.h"
+#include "format.h"
 #include "names.h"
 #include "progress_bar.h"
 #include "recording.h"
@@ -37,7 +38,8 @@ int ChoosePlace(Restoring& Run, std::string& Place) {
         return TavroExitDone;
     }
     if (TavroCanAsk()) {
-        return TavroConfirm("Something is at '" + taken + "'. Restore as '" + Place + "'?",
+        return TavroConfirm("Something is at '" + TavroShownPath(stderr, taken) +
+                                "'. Restore as '" + TavroShownPath(stderr, Place) + "'?",
                             "Nothing was restored to '" + taken + "'");
     }
     TavroPrintError("Something is at '" + taken + "': with --keep-both it would be restored as '" +
@@ -62,8 +64,8 @@ int Restore(Restoring& Run, const std::vector<TavroTrashItem>& Items,
     for (std::size_t i = 0; i < Entries.size(); ++i) {
         Run.Index.Drop(Items[i]);
         if (!Run.bQuiet) {
-            TavroPrintLine(stdout,
-                           Entries[i].Entry.TrashPath + " -> " + Entries[i].Entry.OriginalPath);
+            TavroPrintLine(
+                stdout, TavroShownStep(Entries[i].Entry.TrashPath, Entries[i].Entry.OriginalPath));
         }
     }
     Run.Lost.AccessLists += report.Batch.Lost.AccessLists;

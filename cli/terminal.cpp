@@ -1,5 +1,6 @@
 #include "terminal.h"
 
+#include "format.h"
 #include "interrupt.h"
 
 #include <algorithm>
@@ -84,7 +85,8 @@ void TavroPrintLine(std::FILE* Stream, const std::string& Text) {
 }
 
 void TavroPrintError(const std::string& Sentence) {
-    TavroPrintLine(stderr, "tavro: " + Sentence.substr(0, Sentence.find_last_not_of('.') + 1));
+    const std::string shown = TavroShownSentence(stderr, Sentence);
+    TavroPrintLine(stderr, "tavro: " + shown.substr(0, shown.find_last_not_of('.') + 1));
 }
 
 void TavroPrintSkipped(const std::vector<std::string>& Paths) {

@@ -32,7 +32,8 @@ std::string TavroPrintableText(const std::string& Text);
 /// Writes `Text` and a line feed: printable on a terminal, byte for byte into anything else.
 void TavroPrintLine(std::FILE* Stream, const std::string& Text);
 
-/// Writes "tavro: SENTENCE" to standard error, without the full stop that the module's have.
+/// Writes "tavro: SENTENCE" to standard error, without the full stop that the module's have, and
+/// with its paths as they are shown.
 void TavroPrintError(const std::string& Sentence);
 
 /// Says of each path that it was skipped.

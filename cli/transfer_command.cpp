@@ -1,6 +1,7 @@
 // `tavro copy` and `tavro move`.
 
 #include "command.h"
+#include "format.h"
 #include "interrupt.h"
 #include "progress_bar.h"
 #include "record.h"
@@ -81,7 +82,8 @@ void PrintReport(const TavroTransferReport& Report, bool bMove, bool bQuiet) {
     TavroPrintLost(Report.Lost);
     for (const TavroTransferredEntry& entry : Report.Done) {
         if (!bQuiet) {
-            TavroPrintLine(stdout, (bMove ? "Moved " : "Copied ") + entry.From + " -> " + entry.To);
+            TavroPrintLine(stdout,
+                           (bMove ? "Moved " : "Copied ") + TavroShownStep(entry.From, entry.To));
         }
     }
     if (!bQuiet && HasDeleted(Report)) {

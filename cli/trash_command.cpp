@@ -1,6 +1,7 @@
 // `tavro trash`.
 
 #include "command.h"
+#include "format.h"
 #include "measure.h"
 #include "progress_bar.h"
 #include "record.h"
@@ -64,7 +65,8 @@ int RunTrash(const std::vector<std::string>& Texts, bool bQuiet, bool bSync) {
     TavroPrintLost(report.Batch.Lost);
     for (const TavroTrashedEntry& trashed : report.Entries) {
         if (!bQuiet) {
-            TavroPrintLine(stdout, trashed.Entry.OriginalPath + " -> " + trashed.Entry.TrashPath);
+            TavroPrintLine(stdout,
+                           TavroShownStep(trashed.Entry.OriginalPath, trashed.Entry.TrashPath));
         }
     }
     return TavroExitDone;
