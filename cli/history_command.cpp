@@ -1,23 +1,12 @@
 // `tavro history`.
 
 #include "command.h"
+#include "format.h"
 #include "json.h"
 #include "recording.h"
 #include "recovery.h"
 
-#include <array>
-#include <ctime>
-
 namespace {
-
-std::string LocalTimeText(std::int64_t Time) {
-    const auto seconds = static_cast<std::time_t>(Time);
-    std::tm local = {};
-    std::array<char, 32> text = {};
-    localtime_r(&seconds, &local);
-    std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &local);
-    return text.data();
-}
 
 TavroJson OperationJson(const TavroOperation& Operation, bool bInterrupted) {
     TavroJson entries = TavroJson::array();
@@ -37,32 +26,40 @@ TavroJson OperationJson(const TavroOperation& Operation, bool bInterrupted) {
         }
     }
     return {{"kind", TavroKindText(Operation.Kind)},
-            {"time", Operation.Time},
+            {"time", TavroTimeText(Operation.Time)},
             {"undone", Operation.State == TavroOperationState::Undone},
             {"interrupted", bInterrupted},
             {"entries", entries}};
-}
-
-std::string OperationLine(const TavroOperation& Operation, std::uint64_t EntryCount) {
-    const bool bUndone = Operation.State == TavroOperationState::Undone;
-    const std::string first =
-        Operation.Steps.empty() ? "" : "  " + TavroStepText(Operation.Steps.front());
-    const std::string more =
-        EntryCount > 1 ? " and " + TavroGroupedNumber(EntryCount - 1) + " more" : "";
-    return LocalTimeText(Operation.Time) + "  " + TavroKindText(Operation.Kind) + first + more +
-           (bUndone ? "  (undone)" : "");
 }
 
 /// "interrupted, 4,231 of 10,000 done": what an operation that has not ended has come to.
 std::string HeadwayText(const TavroOperation& Operation, bool bRunning) {
     const TavroHeadway headway = TavroFindHeadway(Operation);
     const char* deed = Operation.State == TavroOperationState::Undoing ? " undone" : " done";
-    return std::string("  (") + (bRunning ? "going on" : "interrupted") + ", " +
+    return std::string(bRunning ? "  (going on, " : "  (interrupted, ") +
            TavroGroupedNumber(headway.Done) + " of " + TavroGroupedNumber(headway.Count) + deed +
            ")";
 }
 
-int RunHistory(bool bJson) {
+/// @param Mark  how far it has come, of one that has not ended.
+std::vector<TavroCell> OperationRow(const TavroOperation& Operation, std::uint64_t EntryCount,
+                                    const std::string& Mark) {
+    const bool bUndone = Operation.State == TavroOperationState::Undone;
+    const std::string time = TavroTimeText(Operation.Time);
+    const std::string first = Operation.Steps.empty() ? "" : TavroStepText(Operation.Steps.front());
+    const std::string more =
+        EntryCount > 1 ? " and " + TavroGroupedNumber(EntryCount - 1) + " more" : "";
+    return {{TavroIsTerminal(stdout) ? TavroShownTime(Operation.Time)
+                                     : time.substr(0, 10) + " " + time.substr(11, 8),
+             TavroStyle::Dim},
+            {TavroKindText(Operation.Kind)},
+            {first + more + (bUndone ? "  (undone)" : "") + Mark, bUndone ? TavroStyle::Dim
+                                                                  : !Mark.empty()
+                                                                      ? TavroStyle::Yellow
+                                                                      : TavroStyle::Plain}};
+}
+
+int RunHistory(bool bJson, bool bColor) {
     TavroHistory history;
     std::vector<TavroOperation> operations;
     std::vector<std::uint64_t> entryCounts;
@@ -73,6 +70,7 @@ int RunHistory(bool bJson) {
         return TavroPrintFailure(failure);
     }
     TavroJson json = TavroJson::array();
+    std::vector<std::vector<TavroCell>> rows;
     for (std::size_t i = 0; i < operations.size(); ++i) {
         const TavroOperation& operation = operations[i];
         const bool bOnItsWay = TavroIsOnItsWay(operation);
@@ -80,8 +78,8 @@ int RunHistory(bool bJson) {
         if (bJson) {
             json.push_back(OperationJson(operation, bOnItsWay && !bRunning));
         } else {
-            TavroPrintLine(stdout, OperationLine(operation, entryCounts[i]) +
-                                       (bOnItsWay ? HeadwayText(operation, bRunning) : ""));
+            rows.push_back(OperationRow(operation, entryCounts[i],
+                                        bOnItsWay ? HeadwayText(operation, bRunning) : ""));
         }
     }
     if (bJson) {
@@ -89,6 +87,7 @@ int RunHistory(bool bJson) {
     } else if (operations.empty() && TavroIsTerminal(stdout)) {
         TavroPrintLine(stdout, "The history is empty: there is nothing to undo");
     }
+    TavroPrintColumns(rows, "  ", bColor);
     return TavroExitDone;
 }
 
@@ -119,5 +118,8 @@ void TavroAddHistory(CLI::App& App, TavroCommandTable& Table) {
     CLI::Option* drop =
         command->add_flag("--drop", "Take the newest operation off the list without undoing it");
     drop->excludes(json);
-    Table[command] = [=] { return drop->empty() ? RunHistory(!json->empty()) : RunDrop(); };
+    CLI::Option* color = TavroAddColor(*command);
+    Table[command] = [=] {
+        return drop->empty() ? RunHistory(!json->empty(), TavroHasColor(color)) : RunDrop();
+    };
 }

@@ -98,7 +98,13 @@ std::vector<const TavroStep*> TavroTellingSteps(const TavroOperation& Operation)
 
 void TavroPrintOperation(const std::string& Title, const TavroOperation& Operation) {
     TavroPrintLine(stdout, Title + TavroKindText(Operation.Kind));
-    for (const TavroStep* step : TavroTellingSteps(Operation)) {
+    const std::vector<const TavroStep*> steps = TavroTellingSteps(Operation);
+    if (!TavroTellsEach(steps.size(), false)) {
+        TavroPrintLine(stdout, "  " + TavroStepText(*steps.front()) + " and " +
+                                   TavroGroupedNumber(steps.size() - 1) + " more");
+        return;
+    }
+    for (const TavroStep* step : steps) {
         TavroPrintLine(stdout, "  " + TavroStepText(*step));
     }
 }

@@ -52,7 +52,8 @@ std::vector<const TavroStep*> TavroTellingSteps(const TavroOperation& Operation)
 /// stands alone.
 std::string TavroStepText(const TavroStep& Step);
 
-/// Prints `Title`, the kind, and a line for each main step.
+/// Prints `Title`, the kind, and a line for each main step, on a terminal for a
+/// few.
 void TavroPrintOperation(const std::string& Title, const TavroOperation& Operation);
 
 #endif

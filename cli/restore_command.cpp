@@ -16,6 +16,7 @@ namespace {
 struct Restoring {
     bool bKeepBoth;
     bool bQuiet;
+    bool bVerbose;
     bool bSync;
     TavroTrashIndex Index = {};
     TavroFreeNames FreeNames = {};
@@ -61,12 +62,16 @@ int Restore(Restoring& Run, const std::vector<TavroTrashItem>& Items,
         TavroPrintError(TavroDescribe(report));
         return TavroExitCodeOf(report.Batch.Failure);
     }
+    const bool bEach = TavroTellsEach(Entries.size(), Run.bVerbose);
     for (std::size_t i = 0; i < Entries.size(); ++i) {
         Run.Index.Drop(Items[i]);
-        if (!Run.bQuiet) {
+        if (!Run.bQuiet && bEach) {
             TavroPrintLine(
                 stdout, TavroShownStep(Entries[i].Entry.TrashPath, Entries[i].Entry.OriginalPath));
         }
+    }
+    if (!Run.bQuiet && !bEach) {
+        TavroPrintLine(stdout, "Restored " + TavroCountText(Entries.size(), "entry"));
     }
     Run.Lost.AccessLists += report.Batch.Lost.AccessLists;
     Run.Lost.ExtendedAttributes += report.Batch.Lost.ExtendedAttributes;
@@ -93,9 +98,10 @@ bool AreApart(const std::vector<TavroTrashedEntry>& Entries) {
 }
 
 /// Names that do not stand in each other's way are one operation; else each is one.
-int RunRestore(const std::vector<std::string>& Names, bool bKeepBoth, bool bQuiet, bool bSync) {
+int RunRestore(const std::vector<std::string>& Names, bool bKeepBoth, bool bQuiet, bool bVerbose,
+               bool bSync) {
     TavroCatchInterrupts();
-    Restoring run{bKeepBoth, bQuiet, bSync};
+    Restoring run{bKeepBoth, bQuiet, bVerbose, bSync};
     std::vector<TavroTrashItem> items(Names.size());
     std::vector<TavroTrashedEntry> entries(Names.size());
     bool bTogether = Names.size() > 1 && !TavroCanAsk();
@@ -131,9 +137,10 @@ void TavroAddRestore(CLI::App& App, TavroCommandTable& Table) {
     CLI::Option* keepBoth =
         command->add_flag("--keep-both", "To a free name where the original place is taken");
     CLI::Option* quiet = TavroAddQuiet(*command);
+    CLI::Option* verbose = TavroAddVerbose(*command);
     CLI::Option* noSync = TavroAddNoSync(*command);
     Table[command] = [=] {
         return RunRestore(TavroValues(names), !keepBoth->empty(), !quiet->empty(),
-                          TavroShouldSync(noSync));
+                          !verbose->empty(), TavroShouldSync(noSync));
     };
 }

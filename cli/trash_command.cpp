@@ -40,7 +40,7 @@ int PrintRefusal(const TavroTrashReport& Report, const std::vector<std::string>&
     return TavroExitCodeOf(Report.Batch.Failure);
 }
 
-int RunTrash(const std::vector<std::string>& Texts, bool bQuiet, bool bSync) {
+int RunTrash(const std::vector<std::string>& Texts, bool bQuiet, bool bVerbose, bool bSync) {
     // Each entry is looked at once, when it is trashed; before a question all are checked.
     const std::vector<TavroOperationEntry> entries = TavroNameEntries(Texts);
     TavroCatchInterrupts();
@@ -63,11 +63,16 @@ int RunTrash(const std::vector<std::string>& Texts, bool bQuiet, bool bSync) {
         return PrintRefusal(report, Texts);
     }
     TavroPrintLost(report.Batch.Lost);
+    const bool bEach = TavroTellsEach(report.Entries.size(), bVerbose);
     for (const TavroTrashedEntry& trashed : report.Entries) {
-        if (!bQuiet) {
+        if (!bQuiet && bEach) {
             TavroPrintLine(stdout,
                            TavroShownStep(trashed.Entry.OriginalPath, trashed.Entry.TrashPath));
         }
+    }
+    if (!bQuiet && !bEach) {
+        TavroPrintLine(stdout,
+                       "Moved " + TavroCountText(report.Entries.size(), "entry") + " to the trash");
     }
     return TavroExitDone;
 }
@@ -80,8 +85,10 @@ void TavroAddTrash(CLI::App& App, TavroCommandTable& Table) {
     CLI::Option* names =
         TavroAddNames(*command, "ENTRY", 1, "What is trashed", "an entry to trash");
     CLI::Option* quiet = TavroAddQuiet(*command);
+    CLI::Option* verbose = TavroAddVerbose(*command);
     CLI::Option* noSync = TavroAddNoSync(*command);
     Table[command] = [=] {
-        return RunTrash(TavroValues(names), !quiet->empty(), TavroShouldSync(noSync));
+        return RunTrash(TavroValues(names), !quiet->empty(), !verbose->empty(),
+                        TavroShouldSync(noSync));
     };
 }

@@ -73,6 +73,10 @@ _tavro() {
     _tavro_offer "$value"{ask,overwrite,skip,keep-both}
     return
     ;;
+  --color)
+    _tavro_offer "$value"{auto,always,never}
+    return
+    ;;
   --in)
     compopt -o filenames -o dirnames
     return
@@ -82,15 +86,16 @@ _tavro() {
   local dashes=''
   [[ " ${words[*]} " == *' -- '* ]] && dashes=1
   case $command in
-  copy | move) options+=' --in --on-conflict --no-keep --dry-run --quiet --no-sync' ;;
+  copy | move) options+=' --in --on-conflict --no-keep --dry-run --quiet --verbose --no-sync' ;;
   plan) options+=' --in --json' ;;
   rename) options+=' --no-sync' ;;
   mkdir) options+=' --in --no-sync' ;;
   delete) options+=' --force --no-sync' ;;
-  trash | undo | redo | resume) options+=' --quiet --no-sync' ;;
-  history) options+=' --json --drop' ;;
-  list) options+=' --json --null' ;;
-  restore) options+=' --keep-both --quiet --no-sync' ;;
+  trash) options+=' --quiet --verbose --no-sync' ;;
+  undo | redo | resume) options+=' --quiet --no-sync' ;;
+  history) options+=' --json --drop --color' ;;
+  list) options+=' --json --null --color' ;;
+  restore) options+=' --keep-both --quiet --verbose --no-sync' ;;
   empty) options+=' --older-than --force --quiet --no-sync' ;;
   doctor) options+=' --mend --mend-all' ;;
   size) options+=' --sort --depth' ;;

@@ -105,7 +105,7 @@ $PWD/b/c"
     $'\u2028' $'\u202a' $'\u2060' $'\u2066' $'\u2069' $'\u3164' $'\ufe0f' $'\ufeff' $'\uffa0' $'\U1d173' \
     $'\Ue0041' $'\Ue0100'; do
     run -0 on_terminal "$TAVRO mkdir a${character}b"
-    [[ $output =~ /a(\\x[0-9A-F]{2})+b$ ]] || expect "$output" 'an escape'
+    [[ $output =~ ^a(\\x[0-9A-F]{2})+b$ ]] || expect "$output" 'an escape'
   done
 }
 

@@ -10,7 +10,7 @@ screen() { # COLUMNS [TEXT KEYS]… -- COMMAND…
   local python
   for python in python3 /usr/bin/python3; do
     if "$python" -c 'import pyte' 2>/dev/null; then
-      timeout 60 "$python" -B "$BATS_TEST_DIRNAME/screen.py" "$@"
+      TERM=xterm timeout 60 "$python" -B "$BATS_TEST_DIRNAME/screen.py" "$@"
       return
     fi
   done
@@ -45,4 +45,96 @@ shows() { # TEXT COMMAND…
   expect "$output" "$PWD/a -> $HOME/music/a"
   run -0 screen 80 -- "$TAVRO" mkdir "$HOME/new" made
   expect "$output" $'~/new\nmade'
+}
+
+@test "many entries are summed up, a few are named, and -v names all" {
+  mkdir from to
+  for i in {1..60}; do
+    head -c 3000000 /dev/zero >"from/$i"
+  done
+  for columns in $widths; do
+    rm -r to && mkdir to
+    run -0 screen "$columns" -- "$TAVRO" copy --no-sync from/* to
+    expect "$(tr -d '\n' <<<"${output% in * s}")" "$(wrapped "$columns" 'Copied 60 files (180 MB)' | tr -d '\n')"
+  done
+  run -0 screen 80 -- "$TAVRO" copy --on-conflict skip from/* to
+  expect "$output" "tavro: Skipped 60 entries, as something is in their places: 'from/1' and 59 more"
+  run -0 tavro copy --on-conflict overwrite from/* to
+  expect "${#lines[@]}" 60
+  tavro empty -fq
+  mkdir from/sub
+  run -0 screen 80 -- "$TAVRO" trash from/*
+  expect "$output" 'Moved 61 entries to the trash'
+  run -0 screen 80 -- "$TAVRO" undo
+  expect "$output" 'Undone: trash
+  from/1 and 60 more'
+  run -0 screen 80 -- "$TAVRO" trash from/{1..10}
+  expect "${lines[9]}" 'from/10 -> ~/.local/share/Trash/files/10'
+  run -0 screen 80 -- "$TAVRO" trash -v from/{11..25}
+  expect "${lines[14]}" 'from/25 -> ~/.local/share/Trash/files/25'
+  run -0 screen 80 -- bash -c '"$TAVRO" list -0 | xargs -0 "$TAVRO" restore --'
+  expect "$output" 'Restored 25 entries'
+  run -0 screen 80 -- "$TAVRO" move from/* to/new/
+  expect "$output" 'Moved 61 entries'
+}
+
+# Makes a record say that its item was trashed at that time.
+trashed_at() { # NAME DATE
+  printf '[Trash Info]\nPath=%s\nDeletionDate=%s\n' "$PWD/$1" "$(date -d "$2" +%Y-%m-%dT%H:%M:%S)" \
+    >"$HOME/.local/share/Trash/info/$1.trashinfo"
+}
+
+@test "the trash and the history are columns with the time that has passed" {
+  head -c 1234567 /dev/zero >'世界 tour'
+  mkdir d
+  touch small
+  tavro trash -q d small '世界 tour'
+  trashed_at small '2 minutes ago'
+  trashed_at d '3 days ago'
+  trashed_at '世界 tour' '2001-02-03 04:05:06'
+  list='2 min ago   0 bytes  small      from small
+3 days ago  0 bytes  d          from d
+2001-02-03   1.2 MB  世界 tour  from 世界 tour'
+  for columns in 80 200; do
+    run -0 screen "$columns" -- "$TAVRO" list
+    expect "$output" "$list"
+  done
+  run -0 screen 20 -- "$TAVRO" list
+  expect "${lines[0]}" '2 min ago   0 bytes'
+  run -0 screen 40 -- "$TAVRO" list
+  expect "${lines[0]}" '2 min ago   0 bytes  small      from sma'
+  touch a
+  tavro rename -- a b
+  tavro copy b c
+  tavro undo -q
+  shows 'just now  copy    b -> c  (undone)
+just now  rename  a -> b
+just now  trash   d and 2 more' "$TAVRO" history
+}
+
+@test "colours are for terminals that have some, and as --color says" {
+  mkdir d
+  tavro trash -q d
+  has() { # COMMAND… : with escapes or without
+    run -0 on_terminal "$*"
+    [[ $output == *$'\e['* ]] && echo colour || echo none
+  }
+  for command in list history; do
+    expect "$(TERM=xterm has "$TAVRO $command")" colour
+    expect "$(TERM=xterm NO_COLOR=1 has "$TAVRO $command")" none
+    expect "$(TERM=dumb has "$TAVRO $command")" none
+    expect "$(TERM=xterm has "$TAVRO $command --color=never")" none
+    expect "$(TERM=dumb has "$TAVRO $command --color always")" colour
+    run -0 tavro "$command"
+    [[ $output != *$'\e['* ]]
+    run -0 tavro "$command" --color=always
+    [[ $output == $'\e[2m'*$'\e[0m'* ]]
+    run -2 --separate-stderr tavro "$command" --color=perhaps
+    expect "${stderr_lines[0]}" "tavro: --color takes auto, always or never, not 'perhaps'"
+  done
+}
+
+@test "an empty trash and an empty history say so in a window of any width" {
+  shows 'The trash is empty' "$TAVRO" list
+  shows 'The history is empty: there is nothing to undo' "$TAVRO" history
 }
