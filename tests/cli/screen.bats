@@ -138,3 +138,34 @@ just now  trash   d and 2 more' "$TAVRO" history
   shows 'The trash is empty' "$TAVRO" list
   shows 'The history is empty: there is nothing to undo' "$TAVRO" history
 }
+
+# Copies a file of this name so slowly that progress is shown, and looks at the screen then.
+slow_copy() { # COLUMNS NAME [TEXT KEYS]…
+  command -v strace >/dev/null || skip 'strace is not installed'
+  strace -qq -o "$scratch/probe" true || skip 'strace may not trace here'
+  [ -e "$2" ] || head -c 200000000 /dev/zero | tr "\0" x >"$2"
+  run screen "$1" "${@:3}" ' left' '' $'\e[K' look -- env --default-signal=INT \
+    ASAN_OPTIONS=detect_leaks=0 strace -qq -o "$scratch/calls" -e trace=copy_file_range,pwrite64 \
+    -e inject=copy_file_range,pwrite64:delay_enter=40000 "$TAVRO" copy "$2" copied
+  [ "$status" -eq 130 ]
+}
+
+@test "progress is one line that the window holds, with name, rate and time left" {
+  local number='[0-9]+(\.[0-9])?' shown='é世界界界界界界界界界界界界界界界界界界 in the evening.mkv'
+  local name=${shown/é/$'e\u0301'} # a combining accent, which the screen joins
+  local left='[0-9]+:[0-9]{2} left' rate="$number [kM]B/s"
+  local middle="^[0-9]+ %  $rate  $left  é世界+…$"
+  matches() {
+    [[ $output =~ $1 ]] || expect "$output" "$1"
+  }
+  slow_copy 20 "$name"
+  matches "^[0-9]+ %  $left$"
+  slow_copy 40 "$name"
+  matches "$middle"
+  slow_copy 80 "$name"
+  matches "^\[#*-*\]  [0-9]+ %  $number [kM]B of 200 MB  $rate  $left  é世界+…$"
+  slow_copy 200 "$name"
+  [[ $output == *" left  $shown" ]] || expect "$output" 'the whole name'
+  slow_copy 200 "$name" ' left' 40
+  matches "$middle"
+}

@@ -2,15 +2,14 @@
 
 Usage: screen.py COLUMNS [TEXT KEYS]… -- COMMAND [ARGUMENT…]
 
-KEYS are typed when TEXT has come. They may have escapes as Python has them. For the keys "wait" the
-screen is printed then, and the command ended; "COLUMNS wait" makes the window that wide before, and
-waits for the TEXT once more. Needs python3-pyte. The exit code is that of the command.
+KEYS are typed when TEXT has come. They may have escapes as Python has them. For the keys "look" the
+screen is printed as it is then, and Ctrl-C is typed; a number makes the window so many columns wide.
+Needs python3-pyte. The exit code is that of the command.
 """
 
 import fcntl
 import os
 import pty
-import signal
 import struct
 import sys
 import termios
@@ -42,8 +41,8 @@ os.write(terminal, b"\n")
 screen = pyte.Screen(columns, lines)
 stream = pyte.ByteStream(screen)
 shown = b""
-ended = False
-while not ended:
+look = None
+while True:
     try:
         read = os.read(terminal, 4096)
     except OSError:  # nobody has the terminal open any more
@@ -53,18 +52,15 @@ while not ended:
     while steps and os.fsencode(steps[0][0]) in shown:
         text, keys = steps.pop(0)
         shown = shown.split(os.fsencode(text), 1)[1]
-        if keys == "wait":
-            os.kill(child, signal.SIGKILL)
-            ended = True
-        elif keys.endswith(" wait"):
-            columns = int(keys.split()[0])
-            screen.resize(lines, columns)
+        if keys == "look":
+            look = list(screen.display)
+            os.write(terminal, b"\x03")
+        elif keys.isdigit():
+            screen.resize(lines, int(keys))
             screen.reset()
-            set_size(terminal, columns)
-            steps.insert(0, (text, "wait"))
-            break
+            set_size(terminal, int(keys))
         else:
             os.write(terminal, keys.encode().decode("unicode_escape").encode("latin-1"))
 _, status = os.waitpid(child, 0)
-print("\n".join(line.rstrip() for line in screen.display).rstrip())
+print("\n".join(line.rstrip() for line in look or screen.display).rstrip())
 sys.exit(os.WEXITSTATUS(status) if os.WIFEXITED(status) else 99)
