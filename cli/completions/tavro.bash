@@ -70,7 +70,7 @@ _tavro() {
   [[ $word == --*=* ]] && previous=${word%%=*} value=${word%%=*}=
   case $previous in
   --on-conflict)
-    _tavro_offer "$value"{ask,overwrite,skip,keep-both}
+    _tavro_offer "$value"{ask,overwrite,newer,skip,keep-both}
     return
     ;;
   --color)

@@ -65,7 +65,7 @@ complete -c tavro -f -n __tavro_lacks_command -a size -d 'Add up the sizes of fi
 
 complete -c tavro -f -n '__tavro_runs undo redo resume history list restore empty doctor'
 complete -c tavro -n '__tavro_runs copy move plan mkdir' -l in -x -a '(__fish_complete_directories)' -d 'Relative to this directory'
-complete -c tavro -n '__tavro_runs copy move' -l on-conflict -x -a 'ask overwrite skip keep-both' -d 'What is done about something in the way'
+complete -c tavro -n '__tavro_runs copy move' -l on-conflict -x -a 'ask overwrite newer skip keep-both' -d 'What is done about something in the way'
 complete -c tavro -n '__tavro_runs copy move' -l no-keep -d 'Delete what is replaced, which cannot be undone'
 complete -c tavro -n '__tavro_runs copy move' -s n -l dry-run -d 'Show the plan and do nothing'
 complete -c tavro -n '__tavro_runs copy move trash undo redo resume restore empty' -s q -l quiet -d 'Print only errors'

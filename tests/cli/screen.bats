@@ -169,3 +169,87 @@ slow_copy() { # COLUMNS NAME [TEXT KEYS]…
   slow_copy 200 "$name" ' left' 40
   matches "$middle"
 }
+
+# Lets a file be in the way of another, which is three days newer.
+conflict() {
+  mkdir -p d
+  head -c 1234567 /dev/zero >d/a
+  echo new >a
+  touch -d '2001-02-03' d/a
+  touch -d '3 days ago' a
+}
+
+question="'d/a' exists, and is in the way of 'a'
+  there  1.2 MB     2001-02-03
+  new    4 bytes    3 days ago  newer
+[o]verwrite, overwrite if [n]ewer, [s]kip, keep [b]oth as 'a copy 1', [r]ename, [q]uit; a capital letter: for all"
+
+@test "a question about a conflict shows both sides, and the name that a copy would get" {
+  conflict
+  for columns in $widths; do
+    run -1 screen "$columns" 'all ' 'q\n' -- "$TAVRO" copy a d
+    expect "$(tr -d ' \n' <<<"$output")" "$(tr -d ' \n' <<<"$question q
+tavro: Stopped: nothing was done")"
+    [ "$columns" -lt 200 ] || expect "${output%%$' q\n'*}" "$question"
+  done
+}
+
+@test "each answer to a conflict does what it says" {
+  conflict
+  run -0 screen 200 'all ' 'b\n' -- "$TAVRO" copy a d
+  expect "${lines[-1]}" 'Copied a -> d/a copy 1'
+  run -0 screen 200 'all ' 'x\n' 'all ' 'R\n' 'all ' 's\n' -- "$TAVRO" copy a d
+  expect "${lines[4]}" "tavro: Type one of the letters in brackets, not 'x'"
+  expect "${lines[6]}" "tavro: Type one of the letters in brackets, not 'R'"
+  expect "${lines[-1]}" "tavro: Skipped, as something is in its place: 'a'"
+  run -0 screen 200 'all ' 'r\n' 'name: ' 'x/y\n' 'name: ' '\n' 'all ' 'r\n' 'name: ' 'a copy 1\n' \
+    'all ' 'r\n' 'name: ' 'fresh\n' -- "$TAVRO" copy a d
+  expect "${lines[5]}" "tavro: 'x/y' is a path; a name is wanted"
+  [[ $output == *"'d/a copy 1' exists, and is in the way of 'a'"* ]]
+  expect "${lines[-1]}" 'Copied a -> d/fresh'
+  expect "$(cat d/fresh)" new
+  run -0 screen 200 'all ' 'n\n' -- "$TAVRO" move a d
+  expect "$(cat d/a)" new
+  tavro undo -q
+  touch -d '1999-01-01' a
+  run -0 screen 200 'all ' 'n\n' -- "$TAVRO" move a d
+  expect "${lines[-1]}" "tavro: Skipped, as something is in its place: 'a'"
+  run -0 screen 200 'all ' 'o\n' -- "$TAVRO" move a d
+  expect "$(cat d/a)" new
+}
+
+@test "a capital letter answers for all" {
+  mkdir d
+  for name in a b c; do
+    echo new >$name
+    echo old >d/$name
+  done
+  touch -d '2001-02-03' b
+  touch -d '2002-02-03' d/{a,b,c}
+  run -0 screen 200 'all ' 'N\n' -- "$TAVRO" copy a b c d
+  expect "$(cat d/a d/b d/c)" $'new\nold\nnew'
+  for name in a b c; do
+    mkdir "of $name"
+    echo "$name" >"of $name/a"
+  done
+  run -0 screen 200 'all ' 'b\n' 'all ' 'b\n' 'all ' 'b\n' -- "$TAVRO" copy 'of a/a' 'of b/a' 'of c/a' d
+  [[ $output == *"keep [b]oth as 'a copy 3'"*'Copied of c/a -> d/a copy 3' ]]
+  run -0 screen 200 'all ' 'B\n' -- "$TAVRO" copy 'of a/a' 'of b/a' d
+  [[ $output == *'Copied of b/a -> d/a copy 5' ]]
+}
+
+@test "--on-conflict newer overwrites what is older, and leaves the rest" {
+  conflict
+  echo old >b
+  echo newer >d/b
+  touch -d '2001-02-03' b
+  mkdir -p c d/c2 c2
+  touch c/in d/c c2/in
+  run -0 tavro copy --on-conflict newer a b d
+  expect "$output" "tavro: Skipped, as something is in its place: '$PWD/b'
+Copied $PWD/a -> $PWD/d/a"
+  expect "$(cat d/a d/b)" $'new\nnewer'
+  run -1 tavro copy --on-conflict newer c c2 d
+  expect "$output" "tavro: Skipped, as something is in its place: '$PWD/c'
+Copied $PWD/c2/in -> $PWD/d/c2/in"
+}

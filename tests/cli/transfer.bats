@@ -166,7 +166,7 @@ load helpers
   echo new >a
   echo old >b
   run -1 on_terminal "$TAVRO copy a b" q
-  [[ $output == *"File exists: $PWD/b"* ]]
+  [[ $output == *"'b' exists, and is in the way of 'a'"* ]]
   expect "$(cat b)" old
   run -0 on_terminal "$TAVRO copy a b" b
   expect "$(cat 'b copy 1')" new
