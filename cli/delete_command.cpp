@@ -8,15 +8,15 @@
 
 namespace {
 
-/// "2 files and 1 folder (1.5 kB)"
+/// "2 files and 1 directory (1.5 kB)"
 std::string ContentText(const TavroMeasurement& Measurement) {
     const std::string files = TavroCountText(Measurement.FileCount, "file");
-    const std::string folders = TavroCountText(Measurement.DirectoryCount, "folder");
+    const std::string directories = TavroCountText(Measurement.DirectoryCount, "directory");
     const std::string size = " (" + TavroHumanSize(Measurement.ByteCount) + ")";
     if (Measurement.DirectoryCount == 0) {
         return files + size;
     }
-    return (Measurement.FileCount == 0 ? folders : files + " and " + folders) + size;
+    return (Measurement.FileCount == 0 ? directories : files + " and " + directories) + size;
 }
 
 /// Asks whether all this is to be deleted.

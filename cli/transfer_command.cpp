@@ -257,8 +257,8 @@ int RunTransfer(TavroTransferPlan& Plan, const OnConflict& What, const Manner& H
 
 void AddTransfer(CLI::App& App, bool bMove, TavroCommandTable& Table) {
     CLI::App* command = TavroAddCommand(App, bMove ? "move" : "copy",
-                                        bMove ? "Move entries to a folder or a new path"
-                                              : "Copy entries to a folder or a new path",
+                                        bMove ? "Move entries to a directory or a new path"
+                                              : "Copy entries to a directory or a new path",
                                         bMove ? "move *.log ~/Logs/" : "copy photos /media/stick/");
     CLI::Option* names = TavroAddTransferNames(*command);
     CLI::Option* in = TavroAddBaseDirectory(*command);

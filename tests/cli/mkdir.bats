@@ -31,7 +31,7 @@ load helpers
   run -1 --separate-stderr tavro mkdir a file/x 'b/c' --in .
   expect "$output" "$PWD/a
 $PWD/b/c"
-  expect "$stderr" "tavro: Failed to create directory: Not a directory: '$PWD/file/x'"
+  expect "$stderr" "tavro: Cannot create the directory '$PWD/file/x': Not a directory"
   [[ -d a && -d b/c ]]
   tavro undo
   [[ -d a && ! -e b ]]
@@ -39,11 +39,11 @@ $PWD/b/c"
 
 @test "mkdir says the module's sentence and exits with 1" {
   run -1 --separate-stderr tavro mkdir '  '
-  expect "$stderr" 'tavro: Directory path cannot be empty'
+  expect "$stderr" 'tavro: The name of the new directory is empty'
   expect "$output" ''
   touch file
   run -1 --separate-stderr tavro mkdir file
-  expect "$stderr" "tavro: Failed to create directory: Not a directory: '$PWD/file'"
+  expect "$stderr" "tavro: Cannot create the directory '$PWD/file': Not a directory"
 }
 
 @test "wrong usage exits with 2 and does nothing" {

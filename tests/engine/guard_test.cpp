@@ -61,8 +61,8 @@ TEST_F(Guard, refuses_the_home_directory_the_trash_and_what_holds_them) {
         {home() / ".local", "it holds the trash"},
         {root().parent_path(), "it holds the trash"},
         {root(), "it is the trash"},
-        {root() / "files", "it is a folder of the trash"},
-        {root() / "info", "it is a folder of the trash"},
+        {root() / "files", "it is a directory of the trash"},
+        {root() / "info", "it is a directory of the trash"},
     };
     for (const auto& [path, why] : refused) {
         EXPECT_EQ(reason(path), why) << path;
@@ -151,7 +151,7 @@ TEST_F(Guard, refuses_a_trash_elsewhere_and_what_leads_to_it) {
     EXPECT_EQ(reason(root()), "it is the trash");
     EXPECT_EQ(reason(sandbox() / "big disk"), "it holds the trash");
     EXPECT_EQ(reason(sandbox() / "big disk/can"), "it is the trash");
-    EXPECT_EQ(reason(sandbox() / "more"), "it holds a folder of the trash");
+    EXPECT_EQ(reason(sandbox() / "more"), "it holds a directory of the trash");
     writeFile(sandbox() / "big disk/can/files/a");
     writeFile(sandbox() / "more/info/a.trashinfo");
     for (const char* path : {"big disk/can/files/a", "more/info/a.trashinfo"}) {
@@ -194,7 +194,7 @@ TEST_F(Guard, knows_home_and_trash_by_another_mount_of_what_holds_them) {
         EXPECT_EQ(reason(mounted / "home"), "it is the home directory");
         EXPECT_EQ(reason(mounted / "home/.local"), "it holds the trash");
         const fs::path files = mounted / "home/.local/share/Trash/files";
-        EXPECT_EQ(reason(files), "it is a folder of the trash");
+        EXPECT_EQ(reason(files), "it is a directory of the trash");
         EXPECT_EQ(check(TavroAct::Trash, files / "a.txt").Error, TavroRefusal::InTrash);
     });
     if (!bRan) {

@@ -143,7 +143,7 @@ TEST_F(CarryOutTransfer, says_when_a_parent_cannot_be_created) {
     writeFile(target("taken"), "in the way");
     add("file", "taken/file");
     EXPECT_FALSE(copy());
-    EXPECT_EQ("failed: Cannot create the folder '/target/taken': " +
+    EXPECT_EQ("failed: Cannot create the directory '/target/taken': " +
                   systemText(std::errc::not_a_directory) + "\n",
               report());
     EXPECT_EQ("in the way", readFile(target("taken")));

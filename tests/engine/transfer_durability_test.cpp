@@ -352,7 +352,7 @@ TEST_F(CarryOutTransfer, an_emptied_directory_that_cannot_be_removed_is_named) {
     runUnprivileged(m_box.path(), [&] {
         EXPECT_FALSE(move());
         EXPECT_EQ("done /source/outer/tree/a -> /target/tree/a\n"
-                  "failed: Cannot remove the emptied folder "
+                  "failed: Cannot remove the emptied directory "
                   "'/source/outer/tree': " +
                       systemText(std::errc::permission_denied) + "\n",
                   report());

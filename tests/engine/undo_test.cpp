@@ -796,7 +796,7 @@ TEST_F(MergingMove, is_not_undone_onto_anything) {
 
 TEST_F(MergingMove, an_undo_that_fails_leaves_no_directory_behind) {
     const FaultInjector injector({{"mkdirat", ENOSPC, work("tree/private/empty"), 1, false, true}});
-    expectRefused(&Undo::undo, "Cannot create the folder '" + work("tree/private/empty") +
+    expectRefused(&Undo::undo, "Cannot create the directory '" + work("tree/private/empty") +
                                    "': " + systemText(std::errc::no_space_on_device));
     EXPECT_TRUE(injector.eachFired());
 }
@@ -857,7 +857,7 @@ TEST_F(Undo, a_taken_original_place_keeps_everything_in_the_trash) {
     writeFile(work("b"), "b");
     trashAndRecord({"a", "b"});
     writeFile(work("b"), "other");
-    expectRefused(&Undo::undo, "Restore target already exists: '" + work("b") + "'");
+    expectRefused(&Undo::undo, "Cannot restore '" + work("b") + "': something is there");
     fs::remove(work("b"));
     EXPECT_TRUE(undo().bDone);
     EXPECT_EQ(readFile(work("b")), "b");
@@ -869,7 +869,7 @@ TEST_F(Undo, an_entry_gone_from_the_trash_is_named) {
     trashAndRecord({"a", "b"});
     const fs::path item = trash() / "files/b";
     fs::remove(item);
-    expectRefused(&Undo::undo, "Trash item is missing: '" + item.string() + "'");
+    expectRefused(&Undo::undo, "'" + item.string() + "' is not in the trash any more");
 }
 
 TEST_F(Undo, an_item_that_another_program_put_there_meanwhile_stays_there) {
@@ -999,7 +999,8 @@ TEST_F(Undo, directories_that_a_copy_created_go_when_they_are_empty_and_come_wit
     expectRefused(&Undo::redo, inTheWay(work("new")));
     fs::remove(work("new"));
     fs::remove(trash() / "files/a");
-    expectRefused(&Undo::redo, "Trash item is missing: '" + (trash() / "files/a").string() + "'");
+    expectRefused(&Undo::redo,
+                  "'" + (trash() / "files/a").string() + "' is not in the trash any more");
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -1019,7 +1020,7 @@ TEST_F(Undo, a_created_directory_that_is_not_empty_stays_with_all_others) {
         SCOPED_TRACE(name);
         for (const auto& putItem : obstacles()) {
             putItem(work(name + "/item"));
-            expectRefused(&Undo::undo, "The folder '" + work(name) + "' is not empty");
+            expectRefused(&Undo::undo, "The directory '" + work(name) + "' is not empty");
             fs::remove(work(name + "/item"));
         }
     }
@@ -1033,11 +1034,11 @@ TEST_F(Undo, a_created_directory_that_is_gone_or_replaced_is_named) {
     fs::remove(work("one"));
     expectRefused(&Undo::undo, missing(work("one")));
     writeFile(work("one"), "bytes");
-    expectRefused(&Undo::undo, "'" + work("one") + "' is not a folder any more");
+    expectRefused(&Undo::undo, "'" + work("one") + "' is not a directory any more");
     fs::remove(work("one"));
     makeDirectory(work("elsewhere"));
     fs::create_symlink("elsewhere", work("one"));
-    expectRefused(&Undo::undo, "'" + work("one") + "' is not a folder any more");
+    expectRefused(&Undo::undo, "'" + work("one") + "' is not a directory any more");
 }
 
 TEST_F(Undo, directories_are_not_created_again_onto_anything) {
@@ -1057,7 +1058,7 @@ TEST_F(Undo, directories_that_could_not_all_be_created_again_are_removed) {
     createAndRecord({"one", "one/two", "one/two/three"});
     ASSERT_TRUE(undo().bDone);
     const FaultInjector injector({{"mkdirat", ENOSPC, work("one/two/three"), 1, false, true}});
-    expectRefused(&Undo::redo, "Cannot create the folder '" + work("one/two/three") +
+    expectRefused(&Undo::redo, "Cannot create the directory '" + work("one/two/three") +
                                    "': " + systemText(std::errc::no_space_on_device));
     EXPECT_TRUE(injector.eachFired());
 }
@@ -1069,7 +1070,7 @@ TEST_F(Undo, directories_that_could_not_all_be_removed_are_created_again_with_th
     fs::permissions(work("closed/one/two/three"), fs::perms(0705));
     runUnprivileged(m_sandbox.path(), [&] {
         fs::permissions(work("closed"), fs::perms(0500));
-        expectRefused(&Undo::undo, "Cannot remove the folder '" + work("closed/one") +
+        expectRefused(&Undo::undo, "Cannot remove the directory '" + work("closed/one") +
                                        "': " + systemText(std::errc::permission_denied));
     });
 }
@@ -1078,7 +1079,7 @@ TEST_F(Undo, a_created_directory_that_cannot_be_read_stays) {
     createAndRecord({"one"});
     runUnprivileged(m_sandbox.path(), [&] {
         fs::permissions(work("one"), fs::perms::none);
-        EXPECT_EQ(undo().Message, "Cannot read the folder '" + work("one") +
+        EXPECT_EQ(undo().Message, "Cannot read the directory '" + work("one") +
                                       "': " + systemText(std::errc::permission_denied));
         EXPECT_TRUE(isPresent(work("one")));
     });
