@@ -34,7 +34,11 @@ CLI::Option* TavroAddName(CLI::App& Command, const std::string& Name,
 }
 
 CLI::Option* TavroAddQuiet(CLI::App& Command) {
-    return Command.add_flag("-q,--quiet", "No progress, no list of what was done");
+    return Command.add_flag("-q,--quiet", "Print only errors");
+}
+
+CLI::Option* TavroAddVerbose(CLI::App& Command) {
+    return Command.add_flag("-v,--verbose", "Name every entry, however many there are");
 }
 
 CLI::Option* TavroAddBaseDirectory(CLI::App& Command) {

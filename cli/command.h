@@ -44,6 +44,7 @@ CLI::Option* TavroAddName(CLI::App& Command, const std::string& Name,
                           const std::string& Description, const std::string& Need);
 
 CLI::Option* TavroAddQuiet(CLI::App& Command);
+CLI::Option* TavroAddVerbose(CLI::App& Command);
 
 /// --in, and the directory that it means: absolute, the current one when it is not given.
 CLI::Option* TavroAddBaseDirectory(CLI::App& Command);

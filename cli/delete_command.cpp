@@ -2,6 +2,7 @@
 
 #include "command.h"
 #include "edit.h"
+#include "format.h"
 #include "measure.h"
 #include "recording.h"
 
@@ -32,7 +33,7 @@ int AgreeToDeleting(const std::vector<TavroOperationEntry>& Entries, std::string
     }
     OutContent = ContentText(measurement);
     for (const TavroOperationEntry& entry : Entries) {
-        TavroPrintLine(stderr, entry.Path);
+        TavroPrintLine(stderr, TavroShownPath(stderr, entry.Path));
     }
     return TavroConfirm("Delete " + OutContent + " for good?", "Nothing was deleted");
 }

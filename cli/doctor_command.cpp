@@ -1,6 +1,7 @@
 // `tavro doctor`.
 
 #include "command.h"
+#include "format.h"
 #include "names.h"
 #include "recording.h"
 #include "recovery.h"
@@ -52,9 +53,9 @@ bool Deal(const Finding& What, bool bMend) {
     if (bMend && TavroPrintFailure(What.Mend()) != TavroExitDone) {
         return false;
     }
-    TavroPrintLine(stdout, bMend
-                               ? "Mended: " + What.Sentence
-                               : What.Sentence + "; --mend takes '" + TavroNameOf(What.Path) + "'");
+    const std::string sentence = TavroShownSentence(stdout, What.Sentence);
+    TavroPrintLine(stdout, bMend ? "Mended: " + sentence
+                                 : sentence + "; --mend takes '" + TavroNameOf(What.Path) + "'");
     return bMend;
 }
 

@@ -1,24 +1,13 @@
 // `tavro history`.
 
 #include "command.h"
+#include "format.h"
 #include "json.h"
 #include "recording.h"
 #include "recovery.h"
 #include "undo.h"
 
-#include <array>
-#include <ctime>
-
 namespace {
-
-std::string LocalTimeText(std::int64_t Time) {
-    const auto seconds = static_cast<std::time_t>(Time);
-    std::tm local = {};
-    std::array<char, 32> text = {};
-    localtime_r(&seconds, &local);
-    std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &local);
-    return text.data();
-}
 
 /// Whether an operation that is not undone can be, and why not.
 struct Prospect {
@@ -44,8 +33,10 @@ std::string ProspectText(const TavroOperation& Operation, const Prospect& Ahead)
         return "  (undone)";
     }
     return Ahead.bNothingLeft ? "  (nothing is left to undo)"
-           : Ahead.Why        ? "  (cannot be undone: " + TavroDescribe(Ahead.Why) + ")"
-                              : "";
+           : Ahead.Why
+               ? "  (cannot be undone: " + TavroShownSentence(stdout, TavroDescribe(Ahead.Why)) +
+                     ")"
+               : "";
 }
 
 TavroJson OperationJson(const TavroOperation& Operation, const Prospect& Ahead, bool bInterrupted) {
@@ -68,9 +59,12 @@ TavroJson OperationJson(const TavroOperation& Operation, const Prospect& Ahead, 
         }
     }
     const bool bUndone = Operation.State == TavroOperationState::Undone;
-    TavroJson json = {{"id", Operation.Id},          {"kind", TavroKindText(Operation.Kind)},
-                      {"time", Operation.Time},      {"undone", bUndone},
-                      {"interrupted", bInterrupted}, {"undoable", !bUndone && !Ahead.Why},
+    TavroJson json = {{"id", Operation.Id},
+                      {"kind", TavroKindText(Operation.Kind)},
+                      {"time", TavroTimeText(Operation.Time)},
+                      {"undone", bUndone},
+                      {"interrupted", bInterrupted},
+                      {"undoable", !bUndone && !Ahead.Why},
                       {"entries", entries}};
     if (Ahead.Why) {
         json["reason"] = TavroDescribe(Ahead.Why);
@@ -78,25 +72,34 @@ TavroJson OperationJson(const TavroOperation& Operation, const Prospect& Ahead, 
     return json;
 }
 
-std::string OperationLine(const TavroOperation& Operation, std::uint64_t EntryCount) {
-    const std::string first =
-        Operation.Steps.empty() ? "" : "  " + TavroStepText(Operation.Steps.front());
-    const std::string more =
-        EntryCount > 1 ? " and " + TavroGroupedNumber(EntryCount - 1) + " more" : "";
-    return std::to_string(Operation.Id) + "  " + LocalTimeText(Operation.Time) + "  " +
-           TavroKindText(Operation.Kind) + first + more;
-}
-
 /// "interrupted, 4,231 of 10,000 done": what an operation that has not ended has come to.
 std::string HeadwayText(const TavroOperation& Operation, bool bRunning) {
     const TavroHeadway headway = TavroFindHeadway(Operation);
     const char* deed = Operation.State == TavroOperationState::Undoing ? " undone" : " done";
-    return std::string("  (") + (bRunning ? "going on" : "interrupted") + ", " +
+    return std::string(bRunning ? "  (going on, " : "  (interrupted, ") +
            TavroGroupedNumber(headway.Done) + " of " + TavroGroupedNumber(headway.Count) + deed +
            ")";
 }
 
-int RunHistory(bool bJson) {
+/// @param Mark  how far it has come, or why it cannot be undone.
+std::vector<TavroCell> OperationRow(const TavroOperation& Operation, std::uint64_t EntryCount,
+                                    const std::string& Mark) {
+    const std::string time = TavroTimeText(Operation.Time);
+    const std::string first = Operation.Steps.empty() ? "" : TavroStepText(Operation.Steps.front());
+    const std::string more =
+        EntryCount > 1 ? " and " + TavroGroupedNumber(EntryCount - 1) + " more" : "";
+    const bool bOpen = TavroIsOnItsWay(Operation);
+    return {{std::to_string(Operation.Id), TavroStyle::Plain, true},
+            {TavroIsTerminal(stdout) ? TavroShownTime(Operation.Time)
+                                     : time.substr(0, 10) + " " + time.substr(11, 8),
+             TavroStyle::Dim},
+            {TavroKindText(Operation.Kind)},
+            {first + more + Mark, bOpen          ? TavroStyle::Yellow
+                                  : Mark.empty() ? TavroStyle::Plain
+                                                 : TavroStyle::Dim}};
+}
+
+int RunHistory(bool bJson, bool bColor) {
     TavroHistory history;
     std::vector<TavroOperation> operations;
     std::vector<std::uint64_t> entryCounts;
@@ -107,6 +110,7 @@ int RunHistory(bool bJson) {
         return TavroPrintFailure(failure);
     }
     TavroJson json = TavroJson::array();
+    std::vector<std::vector<TavroCell>> rows;
     for (std::size_t i = 0; i < operations.size(); ++i) {
         const TavroOperation& operation = operations[i];
         const bool bOnItsWay = TavroIsOnItsWay(operation);
@@ -115,8 +119,8 @@ int RunHistory(bool bJson) {
         if (bJson) {
             json.push_back(OperationJson(operation, prospect, bOnItsWay && !bRunning));
         } else {
-            TavroPrintLine(stdout, OperationLine(operation, entryCounts[i]) +
-                                       (bOnItsWay ? HeadwayText(operation, bRunning)
+            rows.push_back(OperationRow(operation, entryCounts[i],
+                                        bOnItsWay ? HeadwayText(operation, bRunning)
                                                   : ProspectText(operation, prospect)));
         }
     }
@@ -125,6 +129,7 @@ int RunHistory(bool bJson) {
     } else if (operations.empty() && TavroIsTerminal(stdout)) {
         TavroPrintLine(stdout, "The history is empty: there is nothing to undo");
     }
+    TavroPrintColumns(rows, "  ", bColor);
     return TavroExitDone;
 }
 
@@ -156,5 +161,8 @@ void TavroAddHistory(CLI::App& App, TavroCommandTable& Table) {
     CLI::Option* drop =
         command->add_flag("--drop", "Take the newest operation off the list without undoing it");
     drop->excludes(json);
-    Table[command] = [=] { return drop->empty() ? RunHistory(!json->empty()) : RunDrop(); };
+    CLI::Option* color = TavroAddColor(*command);
+    Table[command] = [=] {
+        return drop->empty() ? RunHistory(!json->empty(), TavroHasColor(color)) : RunDrop();
+    };
 }

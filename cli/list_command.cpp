@@ -1,55 +1,84 @@
 // `tavro list`.
 
 #include "command.h"
+#include "format.h"
 #include "json.h"
 #include "trash_contents.h"
 
-#include <algorithm>
+#include <ctime>
+#include <optional>
 
 namespace {
+
+/// When it was trashed, in seconds since 1970; its record has the local time.
+std::optional<std::int64_t> DeletionTime(const TavroTrashItem& Item) {
+    std::tm local = {};
+    local.tm_isdst = -1;
+    if (strptime(Item.DeletionDate.c_str(), "%Y-%m-%dT%H:%M:%S", &local) == nullptr) {
+        return std::nullopt;
+    }
+    return std::mktime(&local);
+}
 
 TavroJson ItemJson(const TavroTrashItem& Item) {
     TavroJson json;
     TavroAddPath(json, "trash", Item.TrashPath());
     TavroAddPath(json, "original", Item.OriginalPath);
-    json["deletionDate"] = Item.DeletionDate;
+    const std::optional<std::int64_t> time = DeletionTime(Item);
+    json["deletionDate"] = time ? TavroJson(TavroTimeText(*time)) : TavroJson();
     json["byteCount"] = Item.ByteCount;
     json["directory"] = Item.bDirectory;
     return json;
 }
 
-std::string ItemLine(const TavroTrashItem& Item) {
-    std::string date = Item.DeletionDate.empty() ? std::string(19, '-') : Item.DeletionDate;
-    std::replace(date.begin(), date.end(), 'T', ' ');
-    const std::string size = TavroHumanSize(Item.ByteCount);
-    const std::string padding(size.size() < 10 ? 10 - size.size() : 0, ' ');
-    return date + "  " + padding + size + "  " + Item.Name + "  from " + Item.OriginalPath;
+std::vector<TavroCell> ItemRow(const TavroTrashItem& Item) {
+    if (!TavroIsTerminal(stdout)) {
+        return {{Item.DeletionDate, TavroStyle::Dim},
+                {std::to_string(Item.ByteCount)},
+                {Item.Name},
+                {Item.OriginalPath}};
+    }
+    const std::optional<std::int64_t> time = DeletionTime(Item);
+    return {{time ? TavroShownTime(*time) : "-", TavroStyle::Dim},
+            {TavroHumanSize(Item.ByteCount), TavroStyle::Plain, true},
+            {Item.Name, Item.bDirectory ? TavroStyle::Bold : TavroStyle::Plain},
+            {"from " + TavroShownPath(stdout, Item.OriginalPath)}};
 }
 
-void PrintItem(const TavroTrashItem& Item, bool bZero) {
-    if (bZero) {
-        std::fwrite(Item.Name.c_str(), 1, Item.Name.size() + 1, stdout);
-    } else if (TavroIsTerminal(stdout)) {
-        TavroPrintLine(stdout, ItemLine(Item));
-    } else {
-        TavroPrintLine(stdout, Item.DeletionDate + "\t" + std::to_string(Item.ByteCount) + "\t" +
-                                   Item.Name + "\t" + Item.OriginalPath);
+void PrintItems(const std::vector<TavroTrashItem>& Items, bool bColor) {
+    std::vector<std::vector<TavroCell>> rows;
+    rows.reserve(Items.size());
+    for (const TavroTrashItem& item : Items) {
+        rows.push_back(ItemRow(item));
+    }
+    TavroPrintColumns(rows, "\t", bColor);
+}
+
+void PrintNames(const std::vector<TavroTrashItem>& Items) {
+    for (const TavroTrashItem& item : Items) {
+        std::fwrite(item.Name.c_str(), 1, item.Name.size() + 1, stdout);
     }
 }
 
-int RunList(bool bJson, bool bZero) {
+void PrintJson(const std::vector<TavroTrashItem>& Items) {
+    TavroJson json = TavroJson::array();
+    for (const TavroTrashItem& item : Items) {
+        json.push_back(ItemJson(item));
+    }
+    TavroPrintJson(json);
+}
+
+int RunList(bool bJson, bool bZero, bool bColor) {
     TavroCatchInterrupts();
     std::vector<TavroTrashItem> items;
     const TavroFailure failure = TavroListTrash(!bZero, TavroWasInterrupted, items);
     if (failure && failure.Kind != TavroFailureKind::Cancelled) {
         return TavroPrintFailure(failure);
     }
-    TavroJson json = TavroJson::array();
-    for (const TavroTrashItem& item : items) {
-        bJson ? json.push_back(ItemJson(item)) : PrintItem(item, bZero);
-    }
     if (bJson) {
-        TavroPrintJson(json);
+        PrintJson(items);
+    } else {
+        bZero ? PrintNames(items) : PrintItems(items, bColor);
     }
     if (!failure) {
         const std::uint64_t unlisted = TavroCountUnlistedItems(items);
@@ -69,5 +98,6 @@ void TavroAddList(CLI::App& App, TavroCommandTable& Table) {
     CLI::Option* json = command->add_flag("--json", "As JSON");
     CLI::Option* zero = command->add_flag("-0,--null", "Names alone, each ended by a zero byte");
     zero->excludes(json);
-    Table[command] = [=] { return RunList(!json->empty(), !zero->empty()); };
+    CLI::Option* color = TavroAddColor(*command);
+    Table[command] = [=] { return RunList(!json->empty(), !zero->empty(), TavroHasColor(color)); };
 }

@@ -1,6 +1,7 @@
 // `tavro mkdir`.
 
 #include "command.h"
+#include "format.h"
 #include "record.h"
 #include "recording.h"
 
@@ -17,7 +18,7 @@ int MakeDirectory(const std::string& Text, const std::string& BaseDirectory, Tav
         TavroMakeDirectory(Text, BaseDirectory, recording.Bind({}, Keeping));
     const int exitCode = recording.End(TavroOperationOf(report));
     if (!report.Failure) {
-        TavroPrintLine(stdout, report.Path);
+        TavroPrintLine(stdout, TavroShownPath(stdout, report.Path));
     }
     return std::max(exitCode, TavroPrintFailure(report.Failure));
 }

@@ -1,6 +1,7 @@
 // `tavro plan copy` and `tavro plan move`.
 
 #include "command.h"
+#include "format.h"
 #include "json.h"
 #include "plan.h"
 
@@ -33,7 +34,7 @@ bool TavroPlanNames(const CLI::Option* Names, const CLI::Option* In, bool bMove,
 void TavroPrintPlan(const TavroTransferPlan& Plan) {
     for (const TavroTransferItemPlan& item : Plan.Items) {
         const std::string to = item.DestinationPath.string();
-        TavroPrintLine(stdout, item.SourcePath.string() + " -> " + to +
+        TavroPrintLine(stdout, TavroShownStep(item.SourcePath.string(), to) +
                                    (TavroIsPresent(to) ? " (exists)" : ""));
     }
 }

@@ -8,9 +8,9 @@
 #include <chrono>
 #include <string>
 
-/// Shows progress in one line of standard error: how much, how fast, how long it will take. Nothing
-/// is shown for work of less than half a second, into a pipe, or when it is to be quiet. The line
-/// is gone when the bar is.
+/// Shows progress in one line of standard error, as wide as the window is at the time: how much,
+/// how fast, how long it will take, and what is worked on. Nothing is shown for work of less than
+/// half a second, into a pipe, or when it is to be quiet. The line is gone when the bar is.
 class TavroProgressBar {
 public:
     explicit TavroProgressBar(bool bQuiet);

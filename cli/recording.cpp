@@ -1,5 +1,6 @@
 #include "recording.h"
 
+#include "format.h"
 #include "interrupt.h"
 #include "terminal.h"
 #include "undo.h"
@@ -75,7 +76,8 @@ int TavroRecording::End(TavroOperation Operation) {
     TavroCompleteOperation(Operation);
     const int exitCode = SayWhatIsNotKept(m_journal.End(std::move(Operation)));
     if (m_journal.Problem() && bNothing) {
-        TavroPrintError("Nothing was done, as it could not be undone; --no-history does it all the same");
+        TavroPrintError(
+            "Nothing was done, as it could not be undone; --no-history does it all the same");
     }
     return exitCode;
 }
@@ -111,9 +113,9 @@ std::string TavroKindText(TavroOperationKind Kind) {
 
 std::string TavroStepText(const TavroStep& Step) {
     if (Step.Role == TavroStepRole::Trashed || Step.To.empty()) {
-        return Step.From;
+        return TavroShownPath(stdout, Step.From);
     }
-    return Step.From.empty() ? Step.To : Step.From + " -> " + Step.To;
+    return Step.From.empty() ? TavroShownPath(stdout, Step.To) : TavroShownStep(Step.From, Step.To);
 }
 
 std::string TavroOperationText(const TavroOperation& Operation, std::uint64_t EntryCount) {
@@ -138,7 +140,13 @@ std::vector<const TavroStep*> TavroTellingSteps(const TavroOperation& Operation)
 
 void TavroPrintOperation(const std::string& Title, const TavroOperation& Operation) {
     TavroPrintLine(stdout, Title + TavroKindText(Operation.Kind));
-    for (const TavroStep* step : TavroTellingSteps(Operation)) {
+    const std::vector<const TavroStep*> steps = TavroTellingSteps(Operation);
+    if (!TavroTellsEach(steps.size(), false)) {
+        TavroPrintLine(stdout, "  " + TavroStepText(*steps.front()) + " and " +
+                                   TavroGroupedNumber(steps.size() - 1) + " more");
+        return;
+    }
+    for (const TavroStep* step : steps) {
         TavroPrintLine(stdout, "  " + TavroStepText(*step));
     }
 }

@@ -70,14 +70,17 @@ std::string TavroKindText(TavroOperationKind Kind);
 /// empty directories those.
 std::vector<const TavroStep*> TavroTellingSteps(const TavroOperation& Operation);
 
-/// What a step is about in one line: "a -> b"; what was created or trashed stands alone.
+/// What a step is about in one line of standard output: "a -> b"; what was created or trashed
+/// stands alone.
 std::string TavroStepText(const TavroStep& Step);
 
-/// "12 copy /a -> /b and 3 more": the number of an operation, and what it was about.
+/// "12 copy /a -> /b and 3 more": the number of an operation, and what it was about, in a line of
+/// standard error.
 /// @param EntryCount  how many main steps it has.
 std::string TavroOperationText(const TavroOperation& Operation, std::uint64_t EntryCount);
 
-/// Prints `Title`, the kind, and a line for each main step.
+/// Prints `Title`, the kind, and a line for each main step, on a terminal for a
+/// few.
 void TavroPrintOperation(const std::string& Title, const TavroOperation& Operation);
 
 #endif

@@ -1,6 +1,7 @@
 // `tavro rename`.
 
 #include "command.h"
+#include "format.h"
 #include "record.h"
 #include "recording.h"
 
@@ -20,7 +21,7 @@ int RunRename(const std::string& Entry, const std::string& Text, TavroKeeping Ke
     const int exitCode = recording.End(
         report.Failure ? TavroOperation() : TavroOperationOf(report, entries.front().Path));
     if (!report.Failure) {
-        TavroPrintLine(stdout, report.Path);
+        TavroPrintLine(stdout, TavroShownPath(stdout, report.Path));
     }
     return std::max(exitCode, TavroPrintFailure(report.Failure));
 }

@@ -1,6 +1,7 @@
 // `tavro restore`.
 
 #include "command.h"
+#include "format.h"
 #include "names.h"
 #include "progress_bar.h"
 #include "recording.h"
@@ -15,6 +16,7 @@ namespace {
 struct Restoring {
     bool bKeepBoth;
     bool bQuiet;
+    bool bVerbose;
     TavroKeeping Keeping;
     TavroTrashIndex Index = {};
     TavroFreeNames FreeNames = {};
@@ -37,7 +39,8 @@ int ChoosePlace(Restoring& Run, std::string& Place) {
         return TavroExitDone;
     }
     if (TavroCanAsk()) {
-        return TavroConfirm("Something is at '" + taken + "'. Restore as '" + Place + "'?",
+        return TavroConfirm("Something is at '" + TavroShownPath(stderr, taken) +
+                                "'. Restore as '" + TavroShownPath(stderr, Place) + "'?",
                             "Nothing was restored to '" + taken + "'");
     }
     TavroPrintError("Something is at '" + taken + "': with --keep-both it would be restored as '" +
@@ -59,12 +62,16 @@ int Restore(Restoring& Run, const std::vector<TavroTrashItem>& Items,
         TavroPrintError(TavroDescribe(report));
         return TavroExitCodeOf(report.Batch.Failure);
     }
+    const bool bEach = TavroTellsEach(Entries.size(), Run.bVerbose);
     for (std::size_t i = 0; i < Entries.size(); ++i) {
         Run.Index.Drop(Items[i]);
-        if (!Run.bQuiet) {
-            TavroPrintLine(stdout,
-                           Entries[i].Entry.TrashPath + " -> " + Entries[i].Entry.OriginalPath);
+        if (!Run.bQuiet && bEach) {
+            TavroPrintLine(
+                stdout, TavroShownStep(Entries[i].Entry.TrashPath, Entries[i].Entry.OriginalPath));
         }
+    }
+    if (!Run.bQuiet && !bEach) {
+        TavroPrintLine(stdout, "Restored " + TavroCountText(Entries.size(), "entry"));
     }
     Run.Lost.AccessLists += report.Batch.Lost.AccessLists;
     Run.Lost.ExtendedAttributes += report.Batch.Lost.ExtendedAttributes;
@@ -91,10 +98,10 @@ bool AreApart(const std::vector<TavroTrashedEntry>& Entries) {
 }
 
 /// Names that do not stand in each other's way are one operation; else each is one.
-int RunRestore(const std::vector<std::string>& Names, bool bKeepBoth, bool bQuiet,
+int RunRestore(const std::vector<std::string>& Names, bool bKeepBoth, bool bQuiet, bool bVerbose,
                TavroKeeping Keeping) {
     TavroCatchInterrupts();
-    Restoring run{bKeepBoth, bQuiet, Keeping};
+    Restoring run{bKeepBoth, bQuiet, bVerbose, Keeping};
     std::vector<TavroTrashItem> items(Names.size());
     std::vector<TavroTrashedEntry> entries(Names.size());
     bool bTogether = Names.size() > 1 && !TavroCanAsk();
@@ -130,9 +137,10 @@ void TavroAddRestore(CLI::App& App, TavroCommandTable& Table) {
     CLI::Option* keepBoth =
         command->add_flag("--keep-both", "To a free name where the original place is taken");
     CLI::Option* quiet = TavroAddQuiet(*command);
+    CLI::Option* verbose = TavroAddVerbose(*command);
     const TavroKeepingOptions keeping = TavroAddKeeping(*command);
     Table[command] = [=] {
         return RunRestore(TavroValues(names), !keepBoth->empty(), !quiet->empty(),
-                          keeping.Keeping());
+                          !verbose->empty(), keeping.Keeping());
     };
 }

@@ -1,5 +1,6 @@
 #include "terminal.h"
 
+#include "format.h"
 #include "interrupt.h"
 
 #include <algorithm>
@@ -84,10 +85,17 @@ void TavroPrintLine(std::FILE* Stream, const std::string& Text) {
 }
 
 void TavroPrintError(const std::string& Sentence) {
-    TavroPrintLine(stderr, "tavro: " + Sentence.substr(0, Sentence.find_last_not_of('.') + 1));
+    const std::string shown = TavroShownSentence(stderr, Sentence);
+    TavroPrintLine(stderr, "tavro: " + shown.substr(0, shown.find_last_not_of('.') + 1));
 }
 
-void TavroPrintSkipped(const std::vector<std::string>& Paths) {
+void TavroPrintSkipped(const std::vector<std::string>& Paths, bool bVerbose) {
+    if (Paths.size() > 1 && !bVerbose) {
+        TavroPrintError("Skipped " + TavroCountText(Paths.size(), "entry") +
+                        ", as something is in their places: '" + Paths.front() + "' and " +
+                        TavroGroupedNumber(Paths.size() - 1) + " more");
+        return;
+    }
     for (const std::string& path : Paths) {
         TavroPrintError("Skipped, as something is in its place: '" + path + "'");
     }
@@ -146,7 +154,7 @@ std::string TavroGroupedNumber(std::uint64_t Number) {
 }
 
 std::string TavroCountText(std::uint64_t Count, const std::string& Singular) {
-    const bool bIes = !Singular.empty() && Singular.back() == 'y';
+    const bool bIes = !Singular.empty() && Singular.back() == 'y' && Singular != "day";
     const std::string plural =
         bIes ? Singular.substr(0, Singular.size() - 1) + "ies" : Singular + "s";
     return TavroGroupedNumber(Count) + " " + (Count == 1 ? Singular : plural);
@@ -159,13 +167,14 @@ std::string TavroHumanSize(std::uint64_t Bytes) {
     static constexpr std::array<const char*, 6> units = {"kB", "MB", "GB", "TB", "PB", "EB"};
     double value = static_cast<double>(Bytes) / 1000;
     std::size_t unit = 0;
-    // 999.95 would be shown as 1000.0, so the next unit begins there.
-    while (value >= 999.95 && unit + 1 < units.size()) {
+    // 999.5 would be shown as 1000, so the next unit begins there.
+    while (value >= 999.5 && unit + 1 < units.size()) {
         value /= 1000;
         ++unit;
     }
     std::array<char, 32> text = {};
-    std::snprintf(text.data(), text.size(), "%.1f %s", value, units.at(unit));
+    std::snprintf(text.data(), text.size(), "%.*f %s", value < 99.95 ? 1 : 0, value,
+                  units.at(unit));
     return text.data();
 }
 

@@ -32,11 +32,12 @@ std::string TavroPrintableText(const std::string& Text);
 /// Writes `Text` and a line feed: printable on a terminal, byte for byte into anything else.
 void TavroPrintLine(std::FILE* Stream, const std::string& Text);
 
-/// Writes "tavro: SENTENCE" to standard error, without the full stop that the module's have.
+/// Writes "tavro: SENTENCE" to standard error, without the full stop that the module's have, and
+/// with its paths as they are shown.
 void TavroPrintError(const std::string& Sentence);
 
-/// Says of each path that it was skipped.
-void TavroPrintSkipped(const std::vector<std::string>& Paths);
+/// Says in one sentence what was skipped, or when `bVerbose` in one for each path.
+void TavroPrintSkipped(const std::vector<std::string>& Paths, bool bVerbose = false);
 
 /// Writes a sentence for each failure. @return whether there was none.
 bool TavroPrintFailures(const std::vector<TavroFailure>& Failures);
@@ -61,7 +62,8 @@ std::string TavroGroupedNumber(std::uint64_t Number);
 /// "3 files", "1 file".
 std::string TavroCountText(std::uint64_t Count, const std::string& Singular);
 
-/// A size as people read it: "1 byte", "999 bytes", "1.2 kB", "34 MB", in powers of 1,000.
+/// A size as people read it: "1 byte", "999 bytes", "1.2 kB", "34.5 MB", "180 MB", in powers of
+/// 1,000.
 std::string TavroHumanSize(std::uint64_t Bytes);
 
 /// Whether a question can be asked: somebody reads standard error and types standard input.

@@ -1,6 +1,7 @@
 // `tavro copy` and `tavro move`.
 
 #include "command.h"
+#include "format.h"
 #include "interrupt.h"
 #include "progress_bar.h"
 #include "record.h"
@@ -19,6 +20,7 @@ namespace {
 struct OnConflict {
     TavroTransferConflictPolicy Policy = TavroTransferConflictPolicy::Ask;
     bool bKeepBoth = false;
+    bool bOverwriteOlder = false;
 };
 
 const std::map<std::string, OnConflict> onConflicts = {
@@ -26,28 +28,78 @@ const std::map<std::string, OnConflict> onConflicts = {
     {"overwrite", {TavroTransferConflictPolicy::Overwrite}},
     {"skip", {TavroTransferConflictPolicy::Skip}},
     {"keep-both", {TavroTransferConflictPolicy::Ask, true}},
+    {"newer", {TavroTransferConflictPolicy::Ask, false, true}},
 };
 
-/// Asks what is done about a conflict. A capital letter answers all later ones too.
-/// @return nothing after an interrupt.
-std::optional<TavroConflictAnswer> AskAbout(const TavroTransferConflict& Conflict) {
-    const std::string what = Conflict.bDestinationDirectory ? "Directory" : "File";
-    const std::string by = Conflict.bSourceDirectory ? "the directory" : "the file";
-    const std::string question =
-        what + " exists: " + TavroPrintableText(Conflict.DestinationPath) + "\nReplace it by " +
-        by + " " + TavroPrintableText(Conflict.SourcePath) +
-        "? [o]verwrite, [s]kip, keep [b]oth, [q]uit; a capital letter: for all ";
+/// "  there  1.2 MB     3 days ago"
+std::string SideText(const std::string& Side, const TavroFileState& State, bool bNewer) {
+    const std::string size =
+        State.IsDirectory() ? "directory" : TavroHumanSize(static_cast<std::uint64_t>(State.Size));
+    return "  " + Side + "  " + size + std::string(size.size() < 9 ? 9 - size.size() : 0, ' ') +
+           "  " + TavroShownTime(State.ModificationTime / 1000000000) + (bNewer ? "  newer" : "");
+}
+
+/// Says what is in the way of what.
+void ShowConflict(const TavroTransferConflict& Conflict) {
+    const std::int64_t there = Conflict.Destination.ModificationTime;
+    const std::int64_t coming = Conflict.Source.ModificationTime;
+    TavroPrintLine(stderr, "'" + TavroShownPath(stderr, Conflict.DestinationPath) +
+                               "' exists, and is in the way of '" +
+                               TavroShownPath(stderr, Conflict.SourcePath) + "'");
+    TavroPrintLine(stderr, SideText("there", Conflict.Destination, there > coming));
+    TavroPrintLine(stderr, SideText("new  ", Conflict.Source, coming > there));
+}
+
+/// @return empty when nothing was typed; nothing after an interrupt.
+std::optional<std::string> AskName() {
     for (;;) {
-        const std::optional<std::string> answer = TavroAsk(question);
-        if (!answer) {
+        std::optional<std::string> name = TavroAsk("New name: ");
+        const bool bOdd =
+            name && (*name == "." || *name == ".." || name->find('/') != std::string::npos);
+        if (!bOdd) {
+            return name;
+        }
+        TavroPrintError("'" + *name + "' is a path; a name is wanted");
+    }
+}
+
+/// The answer that a letter stands for. A capital letter answers all later conflicts too, but a new
+/// name is for one.
+std::optional<TavroConflictAnswer> AnswerOf(const std::string& Letter) {
+    constexpr std::array<TavroConflictChoice, 6> choices = {
+        TavroConflictChoice::Overwrite, TavroConflictChoice::OverwriteOlder,
+        TavroConflictChoice::Skip,      TavroConflictChoice::KeepBoth,
+        TavroConflictChoice::Stop,      TavroConflictChoice::Rename};
+    const std::size_t index = std::string("onsbqrONSBQ").find(Letter.empty() ? "q" : Letter);
+    if (index == std::string::npos || Letter.size() > 1) {
+        return std::nullopt;
+    }
+    return {{choices.at(index % choices.size()), index >= choices.size()}};
+}
+
+/// Asks what is done about a conflict. @return nothing after an interrupt.
+std::optional<TavroConflictAnswer> AskAbout(const TavroTransferConflict& Conflict) {
+    ShowConflict(Conflict);
+    const std::string question = "[o]verwrite, overwrite if [n]ewer, [s]kip, keep [b]oth as '" +
+                                 TavroPrintableText(Conflict.FreeName()) +
+                                 "', [r]ename, [q]uit; a capital letter: for all ";
+    for (;;) {
+        const std::optional<std::string> letter = TavroAsk(question);
+        if (!letter) {
             return std::nullopt;
         }
-        constexpr std::array<TavroConflictChoice, 4> choices = {
-            TavroConflictChoice::Overwrite, TavroConflictChoice::Skip,
-            TavroConflictChoice::KeepBoth, TavroConflictChoice::Stop};
-        const std::size_t letter = std::string("osbqOSBQ").find(answer->empty() ? "q" : *answer);
-        if (letter != std::string::npos && answer->size() < 2) {
-            return {{choices.at(letter % 4), letter >= 4}};
+        std::optional<TavroConflictAnswer> answer = AnswerOf(*letter);
+        if (answer && answer->Choice == TavroConflictChoice::Rename) {
+            const std::optional<std::string> name = AskName();
+            if (!name) {
+                return std::nullopt;
+            }
+            answer->NewName = *name;
+        }
+        if (!answer) {
+            TavroPrintError("Type one of the letters in brackets, not '" + *letter + "'");
+        } else if (answer->Choice != TavroConflictChoice::Rename || !answer->NewName.empty()) {
+            return answer;
         }
     }
 }
@@ -75,21 +127,52 @@ bool HasDeleted(const TavroTransferReport& Report) {
            std::any_of(Report.Done.begin(), Report.Done.end(), isReplaced);
 }
 
-void PrintReport(const TavroTransferReport& Report, bool bMove, bool bQuiet) {
-    TavroPrintSkipped(Report.Skipped);
+using Clock = std::chrono::steady_clock;
+
+/// How the command was told to work.
+struct Manner {
+    bool bQuiet;
+    bool bVerbose;
+    TavroKeeping Keeping;
+    bool bKeep; ///< What is replaced goes to the trash.
+    Clock::time_point Begin = Clock::now();
+};
+
+/// "Copied 60 files (180 MB) in 2 s". Of directories no size is told: nobody has added them up.
+std::string SummaryOf(const TavroTransferReport& Report, bool bMove, const Manner& How) {
+    std::uint64_t bytes = 0;
+    bool bFiles = true;
+    for (const TavroTransferredEntry& entry : Report.Done) {
+        bFiles = bFiles && !entry.Arrived.IsDirectory();
+        bytes += S_ISREG(entry.Arrived.Mode) ? static_cast<std::uint64_t>(entry.Arrived.Size) : 0;
+    }
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - How.Begin);
+    return TavroSummary(bMove ? "Moved" : "Copied",
+                        TavroCountText(Report.Done.size(), bFiles ? "file" : "entry"),
+                        bFiles ? bytes : 0, static_cast<std::uint64_t>(seconds.count()));
+}
+
+void PrintReport(const TavroTransferReport& Report, bool bMove, const Manner& How) {
+    TavroPrintSkipped(Report.Skipped, How.bVerbose);
     TavroPrintFailures(Report.Failed);
     TavroPrintLost(Report.Lost);
+    const bool bEach = TavroTellsEach(Report.Done.size(), How.bVerbose || Report.bCancelled);
     for (const TavroTransferredEntry& entry : Report.Done) {
-        if (!bQuiet) {
-            TavroPrintLine(stdout, (bMove ? "Moved " : "Copied ") + entry.From + " -> " + entry.To);
+        if (!How.bQuiet && bEach) {
+            TavroPrintLine(stdout,
+                           (bMove ? "Moved " : "Copied ") + TavroShownStep(entry.From, entry.To));
         }
     }
-    if (!bQuiet && HasDeleted(Report)) {
+    if (!How.bQuiet && !bEach) {
+        TavroPrintLine(stdout, SummaryOf(Report, bMove, How));
+    }
+    if (!How.bQuiet && HasDeleted(Report)) {
         TavroPrintLine(stdout, "What was replaced is deleted; that cannot be undone");
     }
 }
 
-int ExitCodeOf(const TavroTransferReport& Report, const OnConflict& What, bool bStopped) {
+/// @param bOpen  something was skipped because nobody could be asked.
+int ExitCodeOf(const TavroTransferReport& Report, bool bStopped, bool bOpen) {
     if (Report.bCancelled && !bStopped) {
         TavroPrintError(Report.bUnsettled
                             ? "Interrupted: what is listed is done; 'tavro resume' goes "
@@ -102,10 +185,7 @@ int ExitCodeOf(const TavroTransferReport& Report, const OnConflict& What, bool b
         TavroPrintError(Report.Done.empty() ? "Stopped: nothing was done"
                                             : "Stopped: what is listed is done, and nothing else");
     }
-    const bool bSkippedUnasked = !Report.Skipped.empty() &&
-                                 What.Policy != TavroTransferConflictPolicy::Skip && !TavroCanAsk();
-    return Report.Failed.empty() && !Report.bCancelled && !bSkippedUnasked ? TavroExitDone
-                                                                           : TavroExitFailed;
+    return Report.Failed.empty() && !Report.bCancelled && !bOpen ? TavroExitDone : TavroExitFailed;
 }
 
 /// Undoes what was done of a transfer before it was interrupted, and nothing else: another process
@@ -119,8 +199,6 @@ bool TakeBack(std::int64_t Id) {
     return failure.Kind != TavroFailureKind::NothingToUndo &&
            TavroPrintFailure(failure) == TavroExitDone;
 }
-
-using Clock = std::chrono::steady_clock;
 
 /// Whether what an interrupted transfer has done is kept. Only a person at the keyboard is asked; a
 /// second Ctrl-C is an answer, too.
@@ -137,27 +215,28 @@ bool ShouldKeep() {
     return bKeep;
 }
 
-/// How the command was told to work.
-struct Manner {
-    bool bQuiet;
-    TavroKeeping Keeping;
-    bool bKeep; ///< What is replaced goes to the trash.
-};
-
 int RunTransfer(TavroTransferPlan& Plan, const OnConflict& What, const Manner& How) {
     TavroCatchInterrupts();
     TavroTransferReport report;
     bool bStopped = false;
+    bool bOpen = false;
     TavroRecording recording;
     {
         TavroProgressBar bar(How.bQuiet);
         TavroTransferCallbacks callbacks{recording.Bind(bar.Callbacks(), How.Keeping),
                                          TavroConflictQuestion(bar, bStopped)};
+        if (!callbacks.OnConflict) {
+            callbacks.OnConflict = [&](const TavroTransferConflict&) {
+                bOpen = true;
+                return TavroConflictAnswer{TavroConflictChoice::Skip};
+            };
+        }
         callbacks.bKeepBoth = What.bKeepBoth;
+        callbacks.bOverwriteOlder = What.bOverwriteOlder;
         callbacks.bKeepReplaced = How.bKeep;
-        callbacks.ShouldKeep = [&, begin = Clock::now()] {
+        callbacks.ShouldKeep = [&] {
             bar.Clear();
-            return recording.Id() != 0 && Clock::now() - begin > std::chrono::seconds(1) &&
+            return recording.Id() != 0 && Clock::now() - How.Begin > std::chrono::seconds(1) &&
                    ShouldKeep();
         };
         TavroCarryOutTransfer(Plan, callbacks, report);
@@ -174,8 +253,8 @@ int RunTransfer(TavroTransferPlan& Plan, const OnConflict& What, const Manner& H
         !HasDeleted(report) && TakeBack(recording.Id())) {
         report.Done.clear();
     }
-    PrintReport(report, Plan.bMove, How.bQuiet);
-    return std::max(exitCode, ExitCodeOf(report, What, bStopped));
+    PrintReport(report, Plan.bMove, How);
+    return std::max(exitCode, ExitCodeOf(report, bStopped, bOpen));
 }
 
 void AddTransfer(CLI::App& App, bool bMove, TavroCommandTable& Table) {
@@ -186,17 +265,18 @@ void AddTransfer(CLI::App& App, bool bMove, TavroCommandTable& Table) {
     CLI::Option* names = TavroAddTransferNames(*command);
     CLI::Option* in = TavroAddBaseDirectory(*command);
     CLI::Option* onConflict = command->add_option("--on-conflict");
-    onConflict->type_name("ask|overwrite|skip|keep-both")
+    onConflict->type_name("ask|overwrite|newer|skip|keep-both")
         ->description("What is done about something in the way; without a terminal, ask skips")
         ->check([](const std::string& value) {
             return onConflicts.count(value) != 0
                        ? ""
-                       : "takes ask, overwrite, skip or keep-both, not '" + value + "'";
+                       : "takes ask, overwrite, newer, skip or keep-both, not '" + value + "'";
         });
     CLI::Option* noKeep = command->add_flag(
         "--no-keep", "Delete what is replaced, instead of trashing it; that cannot be undone");
     CLI::Option* dryRun = command->add_flag("-n,--dry-run", "Show the plan and do nothing");
     CLI::Option* quiet = TavroAddQuiet(*command);
+    CLI::Option* verbose = TavroAddVerbose(*command);
     const TavroKeepingOptions keeping = TavroAddKeeping(*command);
     Table[command] = [=]() -> int {
         const OnConflict what =
@@ -206,7 +286,9 @@ void AddTransfer(CLI::App& App, bool bMove, TavroCommandTable& Table) {
             return TavroExitFailed;
         }
         if (dryRun->empty()) {
-            return RunTransfer(plan, what, {!quiet->empty(), keeping.Keeping(), noKeep->empty()});
+            return RunTransfer(
+                plan, what,
+                {!quiet->empty(), !verbose->empty(), keeping.Keeping(), noKeep->empty()});
         }
         TavroPrintPlan(plan);
         return TavroExitDone;

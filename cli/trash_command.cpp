@@ -1,6 +1,7 @@
 // `tavro trash`.
 
 #include "command.h"
+#include "format.h"
 #include "measure.h"
 #include "progress_bar.h"
 #include "record.h"
@@ -39,7 +40,8 @@ int PrintRefusal(const TavroTrashReport& Report, const std::vector<std::string>&
     return TavroExitCodeOf(Report.Batch.Failure);
 }
 
-int RunTrash(const std::vector<std::string>& Texts, bool bQuiet, TavroKeeping Keeping) {
+int RunTrash(const std::vector<std::string>& Texts, bool bQuiet, bool bVerbose,
+             TavroKeeping Keeping) {
     // Each entry is looked at once, when it is trashed; before a question all are checked.
     const std::vector<TavroOperationEntry> entries = TavroNameEntries(Texts);
     TavroCatchInterrupts();
@@ -62,10 +64,16 @@ int RunTrash(const std::vector<std::string>& Texts, bool bQuiet, TavroKeeping Ke
         return PrintRefusal(report, Texts);
     }
     TavroPrintLost(report.Batch.Lost);
+    const bool bEach = TavroTellsEach(report.Entries.size(), bVerbose);
     for (const TavroTrashedEntry& trashed : report.Entries) {
-        if (!bQuiet) {
-            TavroPrintLine(stdout, trashed.Entry.OriginalPath + " -> " + trashed.Entry.TrashPath);
+        if (!bQuiet && bEach) {
+            TavroPrintLine(stdout,
+                           TavroShownStep(trashed.Entry.OriginalPath, trashed.Entry.TrashPath));
         }
+    }
+    if (!bQuiet && !bEach) {
+        TavroPrintLine(stdout,
+                       "Moved " + TavroCountText(report.Entries.size(), "entry") + " to the trash");
     }
     return exitCode;
 }
@@ -78,8 +86,9 @@ void TavroAddTrash(CLI::App& App, TavroCommandTable& Table) {
     CLI::Option* names =
         TavroAddNames(*command, "ENTRY", 1, "What is trashed", "an entry to trash");
     CLI::Option* quiet = TavroAddQuiet(*command);
+    CLI::Option* verbose = TavroAddVerbose(*command);
     const TavroKeepingOptions keeping = TavroAddKeeping(*command);
     Table[command] = [=] {
-        return RunTrash(TavroValues(names), !quiet->empty(), keeping.Keeping());
+        return RunTrash(TavroValues(names), !quiet->empty(), !verbose->empty(), keeping.Keeping());
     };
 }

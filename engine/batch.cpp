@@ -328,7 +328,7 @@ std::string TavroDescribe(const TavroBatchReport& Report) {
     std::string text = TavroDescribe(Report.Failure);
     text += Report.Why ? "; " + TavroDescribe(Report.Why) : "";
     for (const TavroFailure& failure : Report.RollBack) {
-        text += " Rollback failed: " + TavroDescribe(failure);
+        text += "; moving back failed: " + TavroDescribe(failure);
     }
     return text;
 }

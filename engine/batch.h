@@ -103,7 +103,7 @@ struct TavroBatchReport {
 TavroBatchReport TavroRunBatch(std::vector<TavroBatchStep>& Steps, const TavroBatchHooks& Hooks,
                                const TavroCallbacks& Callbacks);
 
-/// The sentence of a report: that of its failure and why, then " Rollback failed: " and why for
+/// The sentence of a report: that of its failure and why, then "; moving back failed: " and why for
 /// each step that could not be undone.
 std::string TavroDescribe(const TavroBatchReport& Report);
 

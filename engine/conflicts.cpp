@@ -1,23 +1,38 @@
 #include "conflicts.h"
 
-TavroConflictChoice TavroConflictJudge::Judge(const TavroTransferConflict& Conflict) {
+namespace {
+
+using Choice = TavroConflictChoice;
+
+Choice Decided(Choice Wanted, const TavroTransferConflict& Conflict) {
+    if (Wanted != Choice::OverwriteOlder) {
+        return Wanted;
+    }
+    const bool bOlder = Conflict.Destination.ModificationTime < Conflict.Source.ModificationTime;
+    return bOlder ? Choice::Overwrite : Choice::Skip;
+}
+
+} // namespace
+
+TavroConflictAnswer TavroConflictJudge::Judge(const TavroTransferConflict& Conflict) {
     const bool bKindsDiffer = Conflict.bSourceDirectory != Conflict.bDestinationDirectory;
     if (m_policy == TavroTransferConflictPolicy::Skip) {
-        return TavroConflictChoice::Skip;
+        return {Choice::Skip};
     }
     if (m_policy == TavroTransferConflictPolicy::Overwrite && !bKindsDiffer) {
-        return TavroConflictChoice::Overwrite;
+        return {Choice::Overwrite};
     }
-    std::optional<TavroConflictChoice>& forAll = bKindsDiffer ? m_forAllKinds : m_forAll;
-    if (forAll) {
-        return *forAll;
+    if (m_bOverwriteOlder && !bKindsDiffer) {
+        return {Decided(Choice::OverwriteOlder, Conflict)};
     }
-    if (!m_onConflict) {
-        return TavroConflictChoice::Skip;
+    std::optional<Choice>& forAll = bKindsDiffer ? m_forAllKinds : m_forAll;
+    if (!forAll && !m_onConflict) {
+        return {Choice::Skip};
     }
-    const TavroConflictAnswer answer = m_onConflict(Conflict);
+    TavroConflictAnswer answer = forAll ? TavroConflictAnswer{*forAll} : m_onConflict(Conflict);
     if (answer.bForAll) {
         forAll = answer.Choice;
     }
-    return answer.Choice;
+    answer.Choice = Decided(answer.Choice, Conflict);
+    return answer;
 }

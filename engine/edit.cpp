@@ -81,11 +81,12 @@ TavroFailure Taken(const TavroPlace& From, const TavroPlace& To) {
         return {Kind::RenameTakenByLink, {}, To.Path()};
     }
     if (S_ISDIR(target.st_mode)) {
-        return {Kind::RenameTargetNoName};
+        return {Kind::RenameTargetNoName, {}, To.Path()};
     }
     const bool bSame = TavroStatTargetAt(From.Number(), From.Name.c_str(), source) == 0 &&
                        TavroIdentityOf(source) == TavroIdentityOf(target);
-    return {bSame ? Kind::RenameSame : Kind::RenameTaken};
+    return bSame ? TavroFailure{Kind::RenameSame, {}, From.Path(), To.Path()}
+                 : TavroFailure{Kind::RenameTaken, {}, To.Path()};
 }
 
 /// Finds the place to which an entry is to go, and creates what is missing above it.
@@ -105,13 +106,16 @@ TavroFailure FindTarget(TavroPlaces& Places, const std::string& Target, const Ta
         return failure;
     }
     if (!bDirectory && TavroNameOf(Target).empty()) {
-        return TavroFail(Kind::Rename, ENOTDIR, Target);
+        return TavroFail(Kind::Rename, ENOTDIR, From.Path(), Target);
     }
     if ((failure = BeforeActs())) {
         return failure;
     }
     failure = Places.FindOrCreate(Target, 0777, OutCreated, OutTo);
-    failure.Kind = failure ? Kind::CreateRenameDirectory : Kind::None;
+    if (failure) {
+        failure.Path = failure.Kind == Kind::LookAt ? TavroParentOf(Target) : failure.Path;
+        failure.Kind = Kind::CreateRenameDirectory;
+    }
     return failure;
 }
 
@@ -122,7 +126,8 @@ TavroFailure Rename(const TavroPlace& From, const TavroPlace& To, const std::str
     int error = TavroRenameNoReplace(From.Number(), From.Name.c_str(), To.Number(), To.Name.c_str(),
                                      Staged);
     if (error != 0) {
-        return TavroFail(error == EEXIST ? Kind::RenameTaken : Kind::Rename, error, "");
+        return error == EEXIST ? TavroFail(Kind::RenameTaken, error, To.Path())
+                               : TavroFail(Kind::Rename, error, From.Path(), To.Path());
     }
     TavroChanges changes(bSync);
     changes.Add(To.Directory);
@@ -140,7 +145,7 @@ TavroEditReport TavroRenameTo(const TavroOperationEntry& Entry, const std::strin
                               const TavroCallbacks& Callbacks) {
     const std::string text = TavroTrimText(Text);
     if (TavroIsCddaPath(Entry.Path) || text.empty()) {
-        return {{text.empty() ? Kind::RenameTargetEmpty : Kind::RenameAudioTrack}};
+        return {{text.empty() ? Kind::RenameTargetEmpty : Kind::RenameAudioTrack, {}, Entry.Path}};
     }
     TavroEditReport report;
     TavroPlaces places;
@@ -167,7 +172,6 @@ TavroEditReport TavroRenameTo(const TavroOperationEntry& Entry, const std::strin
     }
     if (!failure) {
         failure = Rename(from, to, staged, Callbacks.bSync, places, report.CreatedDirectories);
-        failure.Path = failure.Path.empty() ? Entry.Path : failure.Path;
     }
     if (failure) {
         return Failed(std::move(failure), report.CreatedDirectories);

@@ -229,7 +229,8 @@ public:
              TavroTransferReport& OutReport)
         : m_bMove(Plan.bMove), m_policy(Plan.ConflictPolicy), m_callbacks(Callbacks),
           m_report(OutReport), m_progress(Callbacks),
-          m_judge(Plan.ConflictPolicy, Callbacks.OnConflict), m_changes(Callbacks.bSync) {}
+          m_judge(Plan.ConflictPolicy, Callbacks.OnConflict, Callbacks.bOverwriteOlder),
+          m_changes(Callbacks.bSync) {}
 
     void Run(std::vector<TavroTransferItemPlan>& Items);
 
@@ -248,6 +249,7 @@ private:
     void TransferEntry(const Route& Way, TavroTransferItemPlan* Item = nullptr);
     void SettleConflict(const Route& Way, const struct stat& Source, const struct stat& There,
                         TavroTransferItemPlan* Item);
+    static std::string FreeName(TavroFreeNames& Names, const TavroPlace& To);
     void KeepBoth(const Route& Way, const struct stat& Source, TavroTransferItemPlan* Item);
     void Replace(const Route& Way, const struct stat& Source, const struct stat& Old,
                  TavroTransferItemPlan* Item);
@@ -420,14 +422,15 @@ bool Transfer::Announce(const std::vector<TavroTransferItemPlan>& Items) {
     std::vector<TavroStep> steps;
     steps.reserve(Items.size());
     for (const TavroTransferItemPlan& item : Items) {
-        steps.push_back(
-            {TavroStepRole::Planned,
-             OwnPathOf(item.SourcePath.string()),
-             OwnPathOf(item.DestinationPath.string()),
-             "",
-             {},
-             0,
-             m_callbacks.bKeepBoth ? TavroKeepBothMode : static_cast<std::uint32_t>(m_policy)});
+        steps.push_back({TavroStepRole::Planned,
+                         OwnPathOf(item.SourcePath.string()),
+                         OwnPathOf(item.DestinationPath.string()),
+                         "",
+                         {},
+                         0,
+                         m_callbacks.bKeepBoth         ? TavroKeepBothMode
+                         : m_callbacks.bOverwriteOlder ? TavroOverwriteOlderMode
+                                                       : static_cast<std::uint32_t>(m_policy)});
     }
     const std::string parent = steps.empty() ? "/" : TavroParentOf(steps.front().To);
     TavroPlace place;
@@ -585,12 +588,32 @@ bool Transfer::IsEntangled(const Route& Way, const struct stat& Source) {
 
 void Transfer::SettleConflict(const Route& Way, const struct stat& Source, const struct stat& There,
                               TavroTransferItemPlan* Item) {
-    const TavroTransferConflict conflict = {Way.From.Path(), Way.To.Path(), S_ISDIR(Source.st_mode),
-                                            S_ISDIR(There.st_mode)};
-    switch (m_callbacks.bKeepBoth ? TavroConflictChoice::KeepBoth : m_judge.Judge(conflict)) {
+    const auto freeName = [&] {
+        TavroFreeNames names = m_freeNames; // none is given yet
+        return FreeName(names, Way.To);
+    };
+    const TavroTransferConflict conflict = {Way.From.Path(),
+                                            Way.To.Path(),
+                                            S_ISDIR(Source.st_mode),
+                                            S_ISDIR(There.st_mode),
+                                            TavroStateOf(Source),
+                                            TavroStateOf(There),
+                                            freeName};
+    const TavroConflictAnswer answer = m_callbacks.bKeepBoth
+                                           ? TavroConflictAnswer{TavroConflictChoice::KeepBoth}
+                                           : m_judge.Judge(conflict);
+    switch (answer.Choice) {
     case TavroConflictChoice::Overwrite:
         Replace(Way, Source, There, Item);
         break;
+    case TavroConflictChoice::Rename:
+        if (Item != nullptr) {
+            Item->DestinationPath = TavroJoin(TavroParentOf(Way.To.Path()), answer.NewName);
+            Item->bDestinationRenamed = true;
+        }
+        TransferEntry({Way.From, {Way.To.Directory, answer.NewName}}, Item);
+        break;
+    case TavroConflictChoice::OverwriteOlder: // the judge has decided
     case TavroConflictChoice::Skip:
         m_report.Skipped.push_back(Way.From.Path());
         break;
@@ -603,18 +626,20 @@ void Transfer::SettleConflict(const Route& Way, const struct stat& Source, const
     }
 }
 
+/// The next free name beside a place.
+std::string Transfer::FreeName(TavroFreeNames& Names, const TavroPlace& To) {
+    const TavroIdentity& which = To.Directory->Identity;
+    const std::string place = std::to_string(which.Device) + ':' + std::to_string(which.Inode);
+    return Names.Choose(place, To.Name, [&](const std::string& name) {
+        struct stat status = {};
+        return Look({To.Directory, name}, status) == 0;
+    });
+}
+
 /// To the next free name beside a place, as often as one is taken.
 void Transfer::KeepBoth(const Route& Way, const struct stat& Source, TavroTransferItemPlan* Item) {
     TavroMoveOptions options;
-    const TavroIdentity& which = Way.To.Directory->Identity;
-    const std::string place = std::to_string(which.Device) + ':' + std::to_string(which.Inode);
-    const TavroPlace to = Way.To;
-    options.NextName = [this, to, place] {
-        return m_freeNames.Choose(place, to.Name, [&](const std::string& name) {
-            struct stat status = {};
-            return Look({to.Directory, name}, status) == 0;
-        });
-    };
+    options.NextName = [this, to = Way.To] { return FreeName(m_freeNames, to); };
     const Route free = {Way.From, {Way.To.Directory, options.NextName()}};
     Prepare(free, Source, nullptr, std::move(options), Item);
 }

@@ -71,6 +71,9 @@ struct TavroTransferReport {
 /// What planned steps keep as their mode, beside the policies, where both are kept.
 constexpr std::uint32_t TavroKeepBothMode = 3;
 
+/// As above, where what is older is overwritten.
+constexpr std::uint32_t TavroOverwriteOlderMode = 4;
+
 /// What a transfer tells and asks, beside what every operation does.
 struct TavroTransferCallbacks : TavroCallbacks {
     /// Asked for each conflict under the policy `Ask`, and whenever a directory is to replace
@@ -79,6 +82,10 @@ struct TavroTransferCallbacks : TavroCallbacks {
 
     /// Whether all that finds something in its way goes to a free name, and nobody is asked.
     bool bKeepBoth = false;
+
+    /// Whether what is older is overwritten and the rest skipped, and nobody is asked, except
+    /// whenever a directory is to replace something else or the reverse.
+    bool bOverwriteOlder = false;
 
     /// Asked for each source; what is done already is passed over.
     std::function<bool(const std::string& From)> IsDone = {};

@@ -1215,6 +1215,9 @@ TavroFailure Going::Transfer(TavroTransferCallbacks Callbacks) {
         }
         Callbacks.bKeepBoth =
             Callbacks.bKeepBoth || (step.Role == Role::Planned && step.Mode == TavroKeepBothMode);
+        Callbacks.bOverwriteOlder =
+            Callbacks.bOverwriteOlder ||
+            (step.Role == Role::Planned && step.Mode == TavroOverwriteOlderMode);
         // What was planned leads to all that it consists of.
         if ((bPlanned ? step.Role == Role::Planned : TavroIsMainStep(step, operation.Kind)) &&
             done.count(step.From) == 0) {

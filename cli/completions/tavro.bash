@@ -70,7 +70,11 @@ _tavro() {
   [[ $word == --*=* ]] && previous=${word%%=*} value=${word%%=*}=
   case $previous in
   --on-conflict)
-    _tavro_offer "$value"{ask,overwrite,skip,keep-both}
+    _tavro_offer "$value"{ask,overwrite,newer,skip,keep-both}
+    return
+    ;;
+  --color)
+    _tavro_offer "$value"{auto,always,never}
     return
     ;;
   --in)
@@ -82,17 +86,17 @@ _tavro() {
   local dashes=''
   [[ " ${words[*]} " == *' -- '* ]] && dashes=1
   case $command in
-  copy | move) options+=' --in --on-conflict --no-keep --dry-run --quiet --no-sync --no-history' ;;
+  copy | move) options+=' --in --on-conflict --no-keep --dry-run --quiet --verbose --no-sync --no-history' ;;
   plan) options+=' --in --json' ;;
   rename) options+=' --no-sync --no-history' ;;
   mkdir) options+=' --in --no-sync --no-history' ;;
   delete) options+=' --force --no-sync --no-history' ;;
-  trash) options+=' --quiet --no-sync --no-history' ;;
+  trash) options+=' --quiet --verbose --no-sync --no-history' ;;
   undo) options+=' --skip --quiet --no-sync' ;;
   redo | resume) options+=' --quiet --no-sync' ;;
-  history) options+=' --json --drop' ;;
-  list) options+=' --json --null' ;;
-  restore) options+=' --keep-both --quiet --no-sync --no-history' ;;
+  history) options+=' --json --drop --color' ;;
+  list) options+=' --json --null --color' ;;
+  restore) options+=' --keep-both --quiet --verbose --no-sync --no-history' ;;
   empty) options+=' --older-than --force --quiet --no-sync --no-history' ;;
   doctor) options+=' --mend --mend-all' ;;
   size) options+=' --sort --depth' ;;

@@ -7,7 +7,8 @@ setup() {
   export HOME=$scratch/home
   mkdir "$HOME" "$scratch/here"
   unset XDG_STATE_HOME XDG_DATA_HOME
-  export LC_ALL=C.UTF-8 SHELL=$BASH # the shell that a terminal gets
+  unset NO_COLOR
+  export LC_ALL=C.UTF-8 TERM=dumb SHELL=$BASH # the shell that a terminal gets
   cd "$scratch/here" || return 1
 }
 

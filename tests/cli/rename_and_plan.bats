@@ -23,11 +23,11 @@ load helpers
   mkdir d
   ln -s nowhere dangling
   run -1 --separate-stderr tavro rename a b
-  expect "$stderr" 'tavro: Rename target already exists'
+  expect "$stderr" "tavro: '$PWD/b' exists already"
   run -1 --separate-stderr tavro rename a d
-  expect "$stderr" 'tavro: Rename target must include a file or directory name'
+  expect "$stderr" "tavro: '$PWD/d' is a directory; a name in it is wanted"
   run -1 --separate-stderr tavro rename a dangling
-  expect "$stderr" "tavro: Rename target already exists, as a link to nothing: '$PWD/dangling'"
+  expect "$stderr" "tavro: '$PWD/dangling' exists already, as a link to nothing"
   expect "$(cat a b)" $'mine\nother'
   [ -L dangling ]
 }
@@ -44,7 +44,7 @@ load helpers
   touch a
   name=$(printf 'x%.0s' {1..300})
   run -1 --separate-stderr tavro rename a "$name"
-  expect "$stderr" "tavro: Cannot examine the rename target '$PWD/$name': File name too long"
+  expect "$stderr" "tavro: Cannot look at '$PWD/$name': File name too long"
   [ -f a ]
 }
 

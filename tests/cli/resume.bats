@@ -430,7 +430,7 @@ needs_two_file_systems() {
   tavro empty -qf
   for _ in 1 2; do
     run -1 tavro undo
-    [[ $output == *": Trash item is missing: '$HOME/.local/share/Trash/files/f'
+    [[ $output == *": '$HOME/.local/share/Trash/files/f' is not in the trash any more
 tavro: Nothing else can be undone" ]]
     expect "$(cat d/f)" new
   done
@@ -443,7 +443,7 @@ tavro: Nothing else can be undone" ]]
   killed_at renameat2 4 "$TAVRO" copy --on-conflict overwrite a b d
   rm "$HOME"/.local/share/Trash/files/*
   run -1 tavro undo
-  [[ $output == 'tavro: Cannot be undone: 1 copy '*': Trash item is missing: '* ]]
+  [[ $output == *' is not in the trash any more'* ]]
   expect "$(cat d/a)" new
   run -0 tavro history
   [[ $output == *interrupted* ]]
@@ -681,6 +681,22 @@ connection.commit()' "$HOME/.local/state/tavro/history.db"
   expect "$(ls -A d)" $'f1\nf2\nf3\nf4\nf5'
 }
 
+@test "resume overwrites what is older where the interrupted copy did" {
+  needs_strace
+  mkdir d
+  for name in f1 f2 f3; do
+    echo "new $name" >"$name"
+    echo "old $name" >"d/$name"
+    touch -d 2001-02-03 "d/$name"
+  done
+  touch -d 1999-01-01 f3
+  killed_at renameat2 1 "$TAVRO" copy --on-conflict newer f1 f2 f3 d/
+  run -0 tavro resume
+  expect "$(cat d/*)" $'new f1\nnew f2\nold f3'
+  run -0 tavro undo
+  expect "$(cat d/*)" $'old f1\nold f2\nold f3'
+}
+
 @test "what nobody decided on is said by resume, and can still be resumed or undone" {
   needs_strace
   mkdir d
@@ -707,7 +723,7 @@ tavro: Not finished: 'tavro resume' goes on, 'tavro undo' takes it back"
   echo old >d/f
   killed_at renameat2 1 "$TAVRO" copy --no-keep --on-conflict overwrite f d/
   run -0 timeout 60 python3 "$BATS_TEST_DIRNAME/terminal.py" 'for all ' 'o\n' "$TAVRO" resume
-  [[ $output == *"Replace it by the file $PWD/f?"* ]]
+  [[ $output == *"'d/f' exists, and is in the way of 'f'"* ]]
   expect "$(cat d/f)" new
   run -0 tavro undo
   expect "$(cat d/f)" old

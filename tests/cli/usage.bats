@@ -38,7 +38,7 @@ Try '$2 --help'"
 }
 
 @test "a value that is not taken is told with those that are" {
-  refused "--on-conflict takes ask, overwrite, skip or keep-both, not 'never'" 'tavro move' \
+  refused "--on-conflict takes ask, overwrite, newer, skip or keep-both, not 'never'" 'tavro move' \
     move --on-conflict never a b
   for days in 0 36501 x 3x -1; do
     refused "--older-than takes a number of days from 1 to 36500, not '$days'" 'tavro empty' \
@@ -105,7 +105,7 @@ Try '$2 --help'"
   [[ $output == *'Nothing was deleted' ]]
   echo new >a
   run -1 on_terminal "$TAVRO restore a" n
-  [[ $output == *"Nothing was restored to '$PWD/a'" ]]
+  [[ $output == *"Nothing was restored to 'a'" ]]
   run -1 on_terminal "$TAVRO copy b a" q
   [[ $output == *'Stopped: nothing was done' ]]
   expect "$(cat a)" new

@@ -135,7 +135,7 @@ TEST_F(Batch, undoes_in_reverse_what_was_done_before_a_failure) {
     file("3");
     file("new/3");
     EXPECT_EQ(runInVain({step("1", "new/1"), step("2", "new/2"), step("3", "new/3")}, hooks),
-              "Failed to create trash metadata 'a record'.");
+              "Cannot create the trash record 'a record': No space left on device");
     EXPECT_EQ(undone, (std::vector<std::string>{"2", "1", "0"}));
     EXPECT_EQ(prepared, 1);
 }
@@ -145,7 +145,7 @@ TEST_F(Batch, moves_nothing_when_it_cannot_be_prepared) {
     TavroBatchHooks hooks;
     hooks.Prepare = [] { return TavroFail(TavroFailureKind::CreateRecord, ENOSPC, "a record"); };
     EXPECT_EQ(runInVain({step("1", "new/1")}, hooks),
-              "Failed to create trash metadata 'a record'.");
+              "Cannot create the trash record 'a record': No space left on device");
 }
 
 TEST_F(Batch, is_undone_when_it_is_cancelled_between_any_two_moves) {
@@ -191,7 +191,7 @@ TEST_F(Batch, moves_back_nothing_but_what_it_moved) {
     const TavroBatchReport report = run({step("1", "to/1"), step("2", "to/2")}, {}, callbacks);
     EXPECT_EQ(report.Failure.Kind, TavroFailureKind::Cancelled);
     ASSERT_EQ(report.RollBack.size(), 1U);
-    EXPECT_EQ(TavroDescribe(report).rfind("Cancelled Rollback failed: ", 0), 0U);
+    EXPECT_EQ(TavroDescribe(report).rfind("Cancelled; moving back failed: ", 0), 0U);
     EXPECT_EQ(readFile(at("to/1")), "theirs");
     EXPECT_EQ(readFile(at("elsewhere")), "1");
     EXPECT_FALSE(isPresent(at("1")));

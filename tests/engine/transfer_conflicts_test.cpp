@@ -291,6 +291,47 @@ TEST_F(TransferConflicts, keeping_both_goes_to_a_free_name_and_says_so_in_the_pl
     EXPECT_EQ("done /source/a.txt -> /target/a copy 4.txt\n", report());
 }
 
+TEST_F(TransferConflicts, a_new_name_is_taken_and_asked_about_again_when_that_is_taken) {
+    writeFile(target("taken"), "older");
+    add("file", "file");
+    m_callbacks.OnConflict = [this](const TavroTransferConflict& conflict) {
+        m_asked += shortened(conflict.DestinationPath + "\n");
+        const bool bFirst = conflict.DestinationPath == target("file");
+        return TavroConflictAnswer{TavroConflictChoice::Rename, false, bFirst ? "taken" : "fresh"};
+    };
+    EXPECT_TRUE(TavroCarryOutTransfer(m_plan, m_callbacks, m_report));
+    EXPECT_EQ("/target/file\n/target/taken\n", m_asked);
+    EXPECT_EQ("done /source/file -> /target/fresh\n", report());
+    EXPECT_EQ(target("fresh"), m_plan.Items.front().DestinationPath);
+    EXPECT_TRUE(m_plan.Items.front().bDestinationRenamed);
+    EXPECT_EQ("new", readFile(target("fresh")));
+    EXPECT_EQ("older", readFile(target("taken")));
+}
+
+TEST_F(TransferConflicts, what_is_older_is_overwritten_alone) {
+    writeFile(source("late"), "new");
+    writeFile(target("late"), "newer");
+    const auto now = fs::last_write_time(source("late"));
+    fs::last_write_time(target("late"), now); // no older
+    fs::last_write_time(target("file"), now - std::chrono::hours(1));
+    fs::last_write_time(source("file"), now);
+    for (const bool bAnswered : {false, true}) {
+        writeFile(target("file"), "old");
+        fs::last_write_time(target("file"), now - std::chrono::hours(1));
+        m_callbacks.bOverwriteOlder = !bAnswered;
+        answer(bAnswered ? TavroConflictChoice::OverwriteOlder : TavroConflictChoice::Skip, true);
+        EXPECT_TRUE(copy({"file", "late", "kind"}));
+        EXPECT_EQ("done /source/file -> /target/file replaced\n"
+                  "skipped /source/late\nskipped /source/kind\n",
+                  report());
+        EXPECT_EQ("newer", readFile(target("late")));
+    }
+    EXPECT_EQ("/source/kind -> /target/kind onto directory\n"
+              "/source/file -> /target/file\n"
+              "/source/kind -> /target/kind onto directory\n",
+              m_asked);
+}
+
 TEST_F(TransferConflicts, keeping_both_inside_a_merge_does_not_rename_the_item) {
     add("tree", "tree");
     answer(TavroConflictChoice::KeepBoth);

@@ -151,13 +151,13 @@ TEST_F(ListTrash, needs_a_home_directory) {
     const ScopedEnvironment environment("HOME", std::nullopt);
     std::vector<TavroTrashItem> items(1);
     EXPECT_EQ(TavroDescribe(TavroListTrash(false, {}, items)),
-              "Trash is unavailable because HOME is not set.");
+              "There is no trash: HOME is not set");
     EXPECT_TRUE(items.empty());
 }
 
 TEST_F(ListTrash, says_why_the_trash_cannot_be_read) {
     std::vector<TavroTrashItem> items;
-    const std::string sentence = "Failed to read " + inQuotes(root() / "info") + ": ";
+    const std::string sentence = "Cannot read " + inQuotes(root() / "info") + ": ";
     fs::remove(root() / "info");
     writeFile(root() / "info");
     EXPECT_EQ(TavroDescribe(TavroListTrash(false, {}, items)),
@@ -350,7 +350,7 @@ TEST_F(FindTrashItem, says_that_there_is_none) {
 
 TEST_F(FindTrashItem, says_why_the_trash_cannot_be_read) {
     const ScopedEnvironment environment("HOME", std::nullopt);
-    EXPECT_EQ(foundBy("a"), "Trash is unavailable because HOME is not set.");
+    EXPECT_EQ(foundBy("a"), "There is no trash: HOME is not set");
 }
 
 TEST_F(FindTrashItem, is_not_misled_by_what_was_there_before) {
@@ -477,7 +477,7 @@ TEST_F(RemoveFromTrash, goes_on_after_a_failure_and_tells_the_first) {
     const FaultInjector fault(
         {{"unlinkat", EIO, "a", 1, true, true}, {"unlinkat", EPERM, "b", 1, true, true}});
     EXPECT_EQ(remove({named("a"), named("b"), named("c")}),
-              "Failed to remove " + inQuotes(item("a")) + ": " + systemText(std::errc::io_error));
+              "Cannot remove " + inQuotes(item("a")) + ": " + systemText(std::errc::io_error));
     EXPECT_TRUE(fault.eachFired());
     EXPECT_EQ(names(list()), (Names{"a", "b"}));
 }
@@ -485,7 +485,7 @@ TEST_F(RemoveFromTrash, goes_on_after_a_failure_and_tells_the_first) {
 TEST_F(RemoveFromTrash, says_which_record_could_not_be_removed) {
     put("a", "/a", "2024-01-01T00:00:00");
     const FaultInjector fault({{"unlinkat", EACCES, "a.trashinfo"}});
-    EXPECT_EQ(remove({named("a")}), "Failed to remove " + inQuotes(record("a")) + ": " +
+    EXPECT_EQ(remove({named("a")}), "Cannot remove " + inQuotes(record("a")) + ": " +
                                         systemText(std::errc::permission_denied));
     EXPECT_EQ(fault.fired(), 1);
 }
@@ -597,7 +597,7 @@ TEST_F(RemoveFromTrash, needs_a_home_directory) {
     const ScopedEnvironment environment("HOME", "");
     const ScopedCurrentDirectory there(root());
     put("a", "/a", "2024-01-01T00:00:00");
-    EXPECT_EQ(remove({named("a")}), "Trash is unavailable because HOME is not set.");
+    EXPECT_EQ(remove({named("a")}), "There is no trash: HOME is not set");
     EXPECT_TRUE(isPresent(item("a")));
 }
 
@@ -653,7 +653,7 @@ TEST_F(EmptyTrash, goes_on_after_a_failure_and_keeps_the_record_of_what_stays) {
     put("b", "/b", "2024-01-01T00:00:00");
     const FaultInjector fault({{"unlinkat", EIO, "a", 1, true, true}});
     EXPECT_EQ(empty(),
-              "Failed to remove " + inQuotes(item("a")) + ": " + systemText(std::errc::io_error));
+              "Cannot remove " + inQuotes(item("a")) + ": " + systemText(std::errc::io_error));
     EXPECT_TRUE(fault.eachFired());
     EXPECT_EQ(names(list()), Names{"a"});
 }
@@ -670,12 +670,12 @@ TEST_F(EmptyTrash, says_why_it_cannot_be_read_and_needs_a_home_directory) {
     put("a", "/a", "2024-01-01T00:00:00");
     {
         const FaultInjector fault({{"getdents64", EIO, "info"}});
-        EXPECT_EQ(empty(), "Failed to read " + inQuotes(root() / "info") + ": " +
+        EXPECT_EQ(empty(), "Cannot read " + inQuotes(root() / "info") + ": " +
                                systemText(std::errc::io_error));
         EXPECT_EQ(fault.fired(), 1);
     }
     const ScopedEnvironment environment("HOME", "");
-    EXPECT_EQ(empty(), "Trash is unavailable because HOME is not set.");
+    EXPECT_EQ(empty(), "There is no trash: HOME is not set");
     EXPECT_TRUE(isPresent(item("a")) && isPresent(record("a")));
 }
 
@@ -777,11 +777,10 @@ TEST_F(ExamineTrash, says_why_the_trash_cannot_be_read) {
     writeFile(root() / "files");
     std::vector<TavroTrashFinding> findings;
     EXPECT_EQ(TavroDescribe(TavroExamineTrash(findings)),
-              "Failed to read " + inQuotes(root() / "files") + ": " +
+              "Cannot read " + inQuotes(root() / "files") + ": " +
                   systemText(std::errc::not_a_directory));
     const ScopedEnvironment environment("HOME", std::nullopt);
-    EXPECT_EQ(TavroDescribe(TavroExamineTrash(findings)),
-              "Trash is unavailable because HOME is not set.");
+    EXPECT_EQ(TavroDescribe(TavroExamineTrash(findings)), "There is no trash: HOME is not set");
 }
 
 // -------------------------------------------------------------------------------------------------
@@ -820,7 +819,8 @@ TEST_F(MendTrash, keeps_the_whole_name_when_the_record_cannot_be_written) {
     writeFile(item(name), "bytes");
     const FaultInjector fault({{"openat", ENOSPC, ".trashinfo"}});
     EXPECT_EQ(mend(TavroTrashFault::ItemWithoutRecord, item(name)),
-              "Failed to create trash metadata " + inQuotes(record(std::string(245, 'x'))) + ".");
+              "Cannot create the trash record " + inQuotes(record(std::string(245, 'x'))) + ": " +
+                  systemText(std::errc::no_space_on_device));
     EXPECT_EQ(fault.fired(), 1);
     EXPECT_EQ(readFile(item(name)), "bytes");
 }
@@ -829,7 +829,8 @@ TEST_F(MendTrash, leaves_no_record_that_could_not_be_written_whole) {
     writeFile(item("a"), "bytes");
     const FaultInjector fault({{"pwrite", ENOSPC, ".trashinfo"}});
     EXPECT_EQ(mend(TavroTrashFault::ItemWithoutRecord, item("a")),
-              "Failed to write trash metadata " + inQuotes(record("a")) + ".");
+              "Cannot write the trash record " + inQuotes(record("a")) + ": " +
+                  systemText(std::errc::no_space_on_device));
     EXPECT_GT(fault.fired(), 0);
     EXPECT_FALSE(isPresent(record("a")));
 }
@@ -913,7 +914,7 @@ TEST_F(MendTrash, says_why_a_record_cannot_be_mended) {
     runUnprivileged(sandbox(), [&] {
         fs::permissions(root() / "info", fs::perms(0555));
         EXPECT_EQ(mend(TavroTrashFault::UnreadableRecord, record("a")),
-                  "Failed to set " + inQuotes(record("a")) +
+                  "Cannot set " + inQuotes(record("a")) +
                       " aside: " + systemText(std::errc::permission_denied));
     });
 }

@@ -34,7 +34,7 @@ TEST_F(TrashFolders, are_none_without_a_home_directory) {
         EXPECT_TRUE(TavroFindTrashFolders().Root.empty());
         EXPECT_TRUE(TavroFindTrashFolders().Files.empty());
         EXPECT_EQ(TavroEnsurePrivateTrash().Kind, TavroFailureKind::NoHome);
-        EXPECT_EQ(ensure(), "Trash is unavailable because HOME is not set.");
+        EXPECT_EQ(ensure(), "There is no trash: HOME is not set");
     }
 }
 
@@ -102,7 +102,7 @@ TEST_F(TrashFolders, take_a_dangling_link_for_being_in_their_way) {
 TEST_F(TrashFolders, name_the_directory_that_cannot_be_made) {
     runUnprivileged(sandbox(), [&] {
         fs::permissions(home(), fs::perms(0500));
-        EXPECT_EQ(ensure(), "Failed to create trash directory " + inQuotes(home() / ".local") +
+        EXPECT_EQ(ensure(), "Cannot create the trash directory " + inQuotes(home() / ".local") +
                                 ": " + systemText(std::errc::permission_denied));
     });
 }
@@ -112,7 +112,7 @@ TEST_F(TrashFolders, say_when_they_cannot_be_made_private) {
     EXPECT_EQ(ensure(), "") << "they are already";
     fs::remove_all(root());
     umask(0777);
-    EXPECT_EQ(ensure(), "Failed to make trash directory " + inQuotes(root()) +
+    EXPECT_EQ(ensure(), "Cannot make the trash directory " + inQuotes(root()) +
                             " private: " + systemText(std::errc::operation_not_permitted));
     EXPECT_EQ(fault.fired(), 1);
 }
@@ -124,7 +124,7 @@ TEST_F(TrashFolders, are_opened_as_far_as_they_are_there) {
     makeDirectory(root() / "files");
     writeFile(root() / "info");
     TavroOpenTrash broken;
-    EXPECT_EQ(TavroDescribe(broken.Open()), "Failed to read " + inQuotes(root() / "info") + ": " +
+    EXPECT_EQ(TavroDescribe(broken.Open()), "Cannot read " + inQuotes(root() / "info") + ": " +
                                                 systemText(std::errc::not_a_directory));
     EXPECT_TRUE(broken.Files.IsOpen());
 }

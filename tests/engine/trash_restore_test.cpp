@@ -25,7 +25,7 @@ TEST_F(RestoreSelection, brings_everything_back_and_drops_the_records) {
 }
 
 TEST_F(RestoreSelection, refuses_an_empty_list) {
-    EXPECT_EQ(TavroDescribe(restoreInVain({})), "No trash entries are available to restore.");
+    EXPECT_EQ(TavroDescribe(restoreInVain({})), "Nothing to restore");
 }
 
 TEST_F(RestoreSelection, refuses_two_entries_for_one_place_however_it_is_spelt) {
@@ -33,11 +33,11 @@ TEST_F(RestoreSelection, refuses_two_entries_for_one_place_however_it_is_spelt) 
     list.push_back(trash({doc("a.txt", "new")})[0]);
     const Snapshot before = takeSnapshot(sandbox());
     EXPECT_EQ(TavroDescribe(restoreInVain(list)),
-              "Cannot restore two entries to one place: " + inQuotes(docs() / "a.txt"));
+              "Cannot restore two entries to " + inQuotes(docs() / "a.txt"));
     fs::create_directory_symlink(docs(), home() / "way");
     list[1].Entry.OriginalPath = (home() / "way/a.txt").string();
     EXPECT_EQ(TavroDescribe(restoreInVain(list)),
-              "Cannot restore two entries to one place: " + inQuotes(list[1].Entry.OriginalPath));
+              "Cannot restore two entries to " + inQuotes(list[1].Entry.OriginalPath));
     fs::remove(home() / "way");
     EXPECT_EQ(takeSnapshot(sandbox()), before);
 }
@@ -46,14 +46,14 @@ TEST_F(RestoreSelection, refuses_one_entry_twice) {
     auto list = trash({doc("a.txt")});
     list.push_back(list[0]);
     list[1].Entry.OriginalPath += " again";
-    EXPECT_EQ(TavroDescribe(restoreInVain(list)),
-              "Trash item is listed twice: " + inQuotes(item("a.txt")));
+    EXPECT_EQ(TavroDescribe(restoreInVain(list)), inQuotes(item("a.txt")) + " is listed twice");
     EXPECT_TRUE(isPresent(item("a.txt")));
 }
 
 TEST_F(RestoreSelection, refuses_a_place_that_is_taken_be_it_by_a_dangling_link) {
     const auto list = trash({doc("a.txt"), doc("b.txt")});
-    const std::string sentence = "Restore target already exists: " + inQuotes(docs() / "b.txt");
+    const std::string sentence =
+        "Cannot restore " + inQuotes(docs() / "b.txt") + ": something is there";
     const std::vector<std::function<void()>> takings = {[&] { doc("b.txt", "other"); },
                                                         [&] { makeDirectory(docs() / "b.txt"); },
                                                         [&] { link("b.txt", "nowhere"); }};
@@ -70,7 +70,7 @@ TEST_F(RestoreSelection, refuses_an_item_that_is_missing) {
     const auto list = trash({doc("a.txt"), doc("b.txt")});
     fs::remove(item("b.txt"));
     EXPECT_EQ(TavroDescribe(restoreInVain(list)),
-              "Trash item is missing: " + inQuotes(item("b.txt")));
+              inQuotes(item("b.txt")) + " is not in the trash any more");
     EXPECT_TRUE(isPresent(item("a.txt")));
 }
 
@@ -103,7 +103,7 @@ TEST_F(RestoreSelection, says_why_a_place_cannot_be_examined) {
     runUnprivileged(sandbox(), [&] {
         const auto list = trash({docs() / "locked/a.txt"});
         fs::permissions(docs() / "locked", fs::perms(0));
-        EXPECT_EQ(TavroDescribe(restoreInVain(list)), "Failed checking restore target " +
+        EXPECT_EQ(TavroDescribe(restoreInVain(list)), "Cannot look at " +
                                                           inQuotes(docs() / "locked/a.txt") + ": " +
                                                           systemText(std::errc::permission_denied));
         EXPECT_TRUE(isPresent(item("a.txt")));
@@ -202,7 +202,7 @@ TEST_F(RestoreSelection, says_what_stays_restored_and_drops_its_record) {
     const TavroTrashReport report = restoreInVain(list, callbacks);
     const std::string text = TavroDescribe(report);
     const std::string end = "; " + inQuotes(docs() / "1") + " stays restored";
-    EXPECT_EQ(text.rfind("Cancelled Rollback failed: ", 0), 0U) << text;
+    EXPECT_EQ(text.rfind("Cancelled; moving back failed: ", 0), 0U) << text;
     EXPECT_EQ(text.substr(text.size() - std::min(text.size(), end.size())), end) << text;
     EXPECT_EQ(fs::read_symlink(docs() / "1"), "nowhere");
     EXPECT_EQ(readFile(item("1")), "theirs");
@@ -218,7 +218,8 @@ TEST_F(RestoreSelection, neither_replaces_nor_claims_what_came_to_an_original_pl
     });
     const TavroTrashReport report = restoreInVain(list, callbacks);
     EXPECT_EQ(report.Batch.Failure.Kind, TavroFailureKind::RestoreTargetTaken);
-    EXPECT_EQ(TavroDescribe(report), "Restore target already exists: " + inQuotes(docs() / "2"));
+    EXPECT_EQ(TavroDescribe(report),
+              "Cannot restore " + inQuotes(docs() / "2") + ": something is there");
     EXPECT_EQ(readFile(docs() / "2"), "theirs");
     EXPECT_EQ(fs::read_symlink(item("2")), "nowhere");
     EXPECT_FALSE(isPresent(docs() / "1"));

@@ -173,13 +173,12 @@ TEST_F(TrashSelection, makes_the_trash_private) {
 }
 
 TEST_F(TrashSelection, refuses_an_empty_selection) {
-    EXPECT_EQ(TavroDescribe(trashInVain({})), "Nothing selected to delete.");
+    EXPECT_EQ(TavroDescribe(trashInVain({})), "Nothing is selected");
 }
 
 TEST_F(TrashSelection, says_that_there_is_no_home_directory) {
     const ScopedEnvironment environment("HOME", "");
-    EXPECT_EQ(TavroDescribe(trashInVain({doc("a.txt")})),
-              "Trash is unavailable because HOME is not set.");
+    EXPECT_EQ(TavroDescribe(trashInVain({doc("a.txt")})), "There is no trash: HOME is not set");
     EXPECT_TRUE(isPresent(docs() / "a.txt"));
 }
 
@@ -328,7 +327,7 @@ TEST_F(TrashSelection, says_where_that_is_which_cannot_be_put_back_and_keeps_its
     const TavroTrashReport report = trashInVain(paths, callbacks);
     const std::string text = TavroDescribe(report);
     const std::string end = "; " + inQuotes(paths[0]) + " is now " + inQuotes(item("1"));
-    EXPECT_EQ(text.rfind("Cancelled Rollback failed: ", 0), 0U) << text;
+    EXPECT_EQ(text.rfind("Cancelled; moving back failed: ", 0), 0U) << text;
     EXPECT_EQ(text.substr(text.size() - std::min(text.size(), end.size())), end) << text;
     ASSERT_EQ(report.Left.size(), 1U);
     EXPECT_EQ(report.Left[0].Item, identityOf(item("1")));
@@ -349,7 +348,8 @@ TEST_F(TrashSelection, whose_record_cannot_be_written_is_undone) {
             const Snapshot before = takeSnapshot(docs());
             const FaultInjector injector({fault});
             EXPECT_EQ(TavroDescribe(trashInVain(paths)),
-                      "Failed to " + act + " trash metadata " + inQuotes(record("2")) + ".");
+                      "Cannot " + act + " the trash record " + inQuotes(record("2")) + ": " +
+                          std::generic_category().message(fault.Errno));
             EXPECT_EQ(injector.fired(), 1);
             EXPECT_EQ(takeSnapshot(docs()), before);
             expectEmptyTrash();

@@ -857,7 +857,7 @@ TEST_F(Undo, a_taken_original_place_keeps_everything_in_the_trash) {
     writeFile(work("b"), "b");
     trashAndRecord({"a", "b"});
     writeFile(work("b"), "other");
-    expectRefused(&Undo::undo, "Restore target already exists: '" + work("b") + "'");
+    expectRefused(&Undo::undo, "Cannot restore '" + work("b") + "': something is there");
     fs::remove(work("b"));
     EXPECT_TRUE(undo().bDone);
     EXPECT_EQ(readFile(work("b")), "b");
@@ -869,7 +869,7 @@ TEST_F(Undo, an_entry_gone_from_the_trash_is_named) {
     trashAndRecord({"a", "b"});
     const fs::path item = trash() / "files/b";
     fs::remove(item);
-    expectRefused(&Undo::undo, "Trash item is missing: '" + item.string() + "'");
+    expectRefused(&Undo::undo, "'" + item.string() + "' is not in the trash any more");
 }
 
 TEST_F(Undo, an_item_that_another_program_put_there_meanwhile_stays_there) {
@@ -999,7 +999,8 @@ TEST_F(Undo, directories_that_a_copy_created_go_when_they_are_empty_and_come_wit
     expectRefused(&Undo::redo, inTheWay(work("new")));
     fs::remove(work("new"));
     fs::remove(trash() / "files/a");
-    expectRefused(&Undo::redo, "Trash item is missing: '" + (trash() / "files/a").string() + "'");
+    expectRefused(&Undo::redo,
+                  "'" + (trash() / "files/a").string() + "' is not in the trash any more");
 }
 
 // ---------------------------------------------------------------------------------------------
