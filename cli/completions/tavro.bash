@@ -73,11 +73,12 @@ _tavro() {
     _tavro_offer "$value"{ask,overwrite,skip,keep-both}
     return
     ;;
-  --in)
+  --in | --to)
     compopt -o filenames -o dirnames
     return
     ;;
-  --older-than | --mend | --depth | -d) return ;;
+  --older-than | --since | --keep | --free | --mend | --depth) return ;;
+  -d) [[ $command != size ]] || return ;;
   esac
   local dashes=''
   [[ " ${words[*]} " == *' -- '* ]] && dashes=1
@@ -87,11 +88,12 @@ _tavro() {
   rename) options+=' --no-sync' ;;
   mkdir) options+=' --in --no-sync' ;;
   delete) options+=' --force --no-sync' ;;
-  trash | undo | redo | resume) options+=' --quiet --no-sync' ;;
+  trash) options+=' --recursive --dir --force --interactive --verbose --quiet --no-sync' ;;
+  undo | redo | resume) options+=' --quiet --no-sync' ;;
   history) options+=' --json --drop' ;;
-  list) options+=' --json --null' ;;
-  restore) options+=' --keep-both --quiet --no-sync' ;;
-  empty) options+=' --older-than --force --quiet --no-sync' ;;
+  list) options+=' --here --since --older-than --json --null' ;;
+  restore) options+=' --here --since --older-than --to --keep-both --quiet --no-sync' ;;
+  empty) options+=' --here --since --older-than --keep --free --force --quiet --no-sync' ;;
   doctor) options+=' --mend --mend-all' ;;
   size) options+=' --sort --depth' ;;
   esac
@@ -104,7 +106,7 @@ _tavro() {
   plan) if ((${#words[@]} == 2)); then _tavro_offer copy move; else _tavro_files default; fi ;;
   copy | move | rename | delete | trash | size) _tavro_files default ;;
   mkdir) _tavro_files dirnames ;;
-  restore)
+  list | restore | empty)
     compopt -o filenames
     local names
     mapfile -d '' -t names < <(tavro list -0 2>/dev/null)
