@@ -1,56 +1,93 @@
 // `tavro empty`.
 
-#include "command.h"
+#include "choosing.h"
+#include "format.h"
 #include "recording.h"
-#include "trash_contents.h"
 
 #include <algorithm>
+#include <optional>
 
 namespace {
 
-/// "3 items (1.5 kB)"
-std::string ContentText(const std::vector<TavroTrashItem>& Items) {
-    std::uint64_t bytes = 0;
-    for (const TavroTrashItem& item : Items) {
-        bytes += item.ByteCount;
+/// What goes: what is chosen, and of that the oldest alone where there is a size.
+struct Emptied {
+    TavroChoice Choice;
+    std::optional<std::uint64_t> Keep; ///< So many bytes may stay in the trash.
+    std::optional<std::uint64_t> Free; ///< So many bytes are to go at least.
+    bool IsEverything() const {
+        return Choice.IsEverything() && !Keep && !Free;
     }
-    return TavroCountText(Items.size(), "item") + " (" + TavroHumanSize(bytes) + ")";
+};
+
+/// Leaves of all that is listed what goes.
+/// @param bMeasure  whether sizes are wanted, too.
+/// @return TavroExitDone, or the exit code to end with.
+int Select(const Emptied& What, bool bMeasure, std::vector<TavroTrashItem>& Items) {
+    std::uint64_t bytes = What.Free.value_or(0);
+    TavroFailure failure;
+    if (What.Keep) { // all of the trash counts
+        failure = TavroMeasureItems(Items, TavroWasInterrupted);
+        const std::uint64_t all = TavroCountBytes(Items);
+        bytes = all - std::min(all, *What.Keep);
+    }
+    if (!TavroPrintFailures(TavroChooseItems(What.Choice, Items))) {
+        return TavroExitFailed;
+    }
+    if (!failure && !What.Keep && (bMeasure || What.Free)) {
+        failure = TavroMeasureItems(Items, TavroWasInterrupted);
+    }
+    if (What.Keep || What.Free) {
+        Items = TavroOldestItems(std::move(Items), bytes);
+    }
+    return TavroPrintFailure(failure);
 }
 
-/// @param OlderThanDays  0 for everything.
-int RunEmpty(int OlderThanDays, bool bForce, bool bQuiet, TavroKeeping Keeping) {
+/// Shows where the first of them were, and asks whether all are to be deleted.
+int AgreeToDeleting(const std::vector<TavroTrashItem>& Items, bool bEverything) {
+    if (!TavroCanAsk()) {
+        TavroPrintError("Refusing to empty the trash without asking: use -f, or a terminal");
+        return TavroExitUsage;
+    }
+    constexpr std::size_t most = 20;
+    for (std::size_t i = 0; i < std::min(Items.size(), most) && !bEverything; ++i) {
+        TavroPrintLine(stderr, TavroShownPath(stderr, Items[i].OriginalPath));
+    }
+    if (Items.size() > most && !bEverything) {
+        TavroPrintLine(stderr, "and " + TavroCountText(Items.size() - most, "item") + " more");
+    }
+    return TavroConfirm("Delete " + TavroContentText(Items) + " in the trash for good?",
+                        "Nothing was deleted");
+}
+
+int RunEmpty(const Emptied& What, bool bForce, bool bQuiet, TavroKeeping Keeping) {
     TavroCatchInterrupts();
     TavroRecording recording;
     TavroCallbacks callbacks;
     callbacks.ShouldCancel = TavroWasInterrupted;
     callbacks = recording.Bind(callbacks, Keeping);
-    if (bForce && bQuiet && OlderThanDays == 0) {
+    if (bForce && bQuiet && What.IsEverything()) {
         const TavroFailure failure = TavroEmptyTrash(callbacks);
         return std::max(recording.EndDeletion(), TavroPrintFailure(failure));
     }
-    std::vector<TavroTrashItem> listed;
-    TavroFailure failure = TavroListTrash(!bForce || !bQuiet, TavroWasInterrupted, listed);
+    std::vector<TavroTrashItem> items;
+    TavroFailure failure = TavroListTrash(false, TavroWasInterrupted, items);
     if (failure) {
         return TavroPrintFailure(failure);
     }
-    const std::vector<TavroTrashItem> items =
-        OlderThanDays > 0 ? TavroItemsOlderThan(listed, OlderThanDays) : listed;
-    const std::string content = ContentText(items);
-    if (!bForce && !items.empty()) {
-        if (!TavroCanAsk()) {
-            TavroPrintError("Refusing to empty the trash without asking: use -f, or a terminal");
-            return TavroExitUsage;
-        }
-        if (const int exitCode = TavroConfirm("Delete " + content + " in the trash for good?",
-                                              "Nothing was deleted")) {
-            return exitCode;
-        }
+    const std::uint64_t unlisted =
+        bQuiet || !What.Choice.Words.empty() ? std::uint64_t{0} : TavroCountUnlistedItems(items);
+    int exitCode = Select(What, !bForce || !bQuiet, items);
+    if (exitCode == TavroExitDone && !bForce && !items.empty()) {
+        exitCode = AgreeToDeleting(items, What.IsEverything());
+    }
+    if (exitCode != TavroExitDone) {
+        return exitCode;
     }
     failure = TavroRemoveFromTrash(items, callbacks);
-    const int exitCode = recording.EndDeletion();
+    exitCode = recording.EndDeletion();
     if (!failure && !bQuiet) {
-        TavroPrintLine(stdout, "Deleted " + content);
-        TavroPrintUnlisted(TavroCountUnlistedItems(listed));
+        TavroPrintLine(stdout, "Deleted " + TavroContentText(items));
+        TavroPrintUnlisted(unlisted);
     }
     return std::max(exitCode, TavroPrintFailure(failure));
 }
@@ -58,16 +95,20 @@ int RunEmpty(int OlderThanDays, bool bForce, bool bQuiet, TavroKeeping Keeping) 
 } // namespace
 
 void TavroAddEmpty(CLI::App& App, TavroCommandTable& Table) {
-    CLI::App* command = TavroAddCommand(
-        App, "empty", "Delete what is in the trash, after a question", "empty --older-than 30");
-    CLI::Option* days = command->add_option("--older-than");
-    days->type_name("DAYS")->description("Only what was trashed more than so many days ago");
-    TavroCheckNumber(*days, 1, 36500, "a number of days");
+    CLI::App* command =
+        TavroAddCommand(App, "empty", "Delete what is in the trash, after a question",
+                        "empty '*.iso' --older-than 30");
+    const TavroChoiceOptions choice = TavroAddChoice(*command, "");
+    CLI::Option* keep = TavroAddSizeOption(
+        *command, "--keep", "Only the oldest, until the trash holds so much at most: 2G, 500M");
+    CLI::Option* free =
+        TavroAddSizeOption(*command, "--free", "Only the oldest, until they hold so much together");
+    free->excludes(keep);
     CLI::Option* force = command->add_flag("-f,--force", "Without asking");
     CLI::Option* quiet = TavroAddQuiet(*command);
     const TavroKeepingOptions keeping = TavroAddKeeping(*command);
     Table[command] = [=] {
-        return RunEmpty(days->empty() ? 0 : days->as<int>(), !force->empty(), !quiet->empty(),
-                        keeping.Keeping());
+        return RunEmpty({TavroReadChoice(choice), TavroReadSize(keep), TavroReadSize(free)},
+                        !force->empty(), !quiet->empty(), keeping.Keeping());
     };
 }

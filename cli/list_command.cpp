@@ -1,9 +1,8 @@
 // `tavro list`.
 
-#include "command.h"
+#include "choosing.h"
 #include "format.h"
 #include "json.h"
-#include "trash_contents.h"
 
 #include <ctime>
 #include <optional>
@@ -68,26 +67,37 @@ void PrintJson(const std::vector<TavroTrashItem>& Items) {
     TavroPrintJson(json);
 }
 
-int RunList(bool bJson, bool bZero, bool bColor) {
+/// What a person wants to know at the end of a list.
+void PrintTotal(const std::vector<TavroTrashItem>& Items, bool bEverything) {
+    const bool bEmpty = Items.empty() && bEverything;
+    TavroPrintLine(stdout, bEmpty ? "The trash is empty" : TavroContentText(Items));
+}
+
+int RunList(const TavroChoice& Choice, bool bJson, bool bZero, bool bColor) {
     TavroCatchInterrupts();
     std::vector<TavroTrashItem> items;
-    const TavroFailure failure = TavroListTrash(!bZero, TavroWasInterrupted, items);
+    TavroFailure failure = TavroListTrash(false, TavroWasInterrupted, items);
     if (failure && failure.Kind != TavroFailureKind::Cancelled) {
         return TavroPrintFailure(failure);
+    }
+    const bool bEverything = Choice.IsEverything();
+    const std::uint64_t unlisted =
+        bEverything && !failure ? TavroCountUnlistedItems(items) : std::uint64_t{0};
+    const std::vector<TavroFailure> missed = TavroChooseItems(Choice, items);
+    if (!failure && !bZero) {
+        failure = TavroMeasureItems(items, TavroWasInterrupted);
     }
     if (bJson) {
         PrintJson(items);
     } else {
         bZero ? PrintNames(items) : PrintItems(items, bColor);
     }
-    if (!failure) {
-        const std::uint64_t unlisted = TavroCountUnlistedItems(items);
-        if (items.empty() && unlisted == 0 && !bJson && !bZero && TavroIsTerminal(stdout)) {
-            TavroPrintLine(stdout, "The trash is empty");
-        }
-        TavroPrintUnlisted(unlisted);
+    if (!bJson && !bZero && !failure && missed.empty() && TavroIsTerminal(stdout) &&
+        (!items.empty() || unlisted == 0)) {
+        PrintTotal(items, bEverything);
     }
-    return TavroPrintFailure(failure);
+    TavroPrintUnlisted(unlisted);
+    return TavroPrintFailures(missed) ? TavroPrintFailure(failure) : TavroExitFailed;
 }
 
 } // namespace
@@ -95,9 +105,13 @@ int RunList(bool bJson, bool bZero, bool bColor) {
 void TavroAddList(CLI::App& App, TavroCommandTable& Table) {
     CLI::App* command = TavroAddCommand(App, "list", "List the trash, newest first",
                                         "list -0 | xargs -0 tavro restore --keep-both --");
+    const TavroChoiceOptions choice = TavroAddChoice(*command, "");
     CLI::Option* json = command->add_flag("--json", "As JSON");
     CLI::Option* zero = command->add_flag("-0,--null", "Names alone, each ended by a zero byte");
     zero->excludes(json);
     CLI::Option* color = TavroAddColor(*command);
-    Table[command] = [=] { return RunList(!json->empty(), !zero->empty(), TavroHasColor(color)); };
+    Table[command] = [=] {
+        return RunList(TavroReadChoice(choice), !json->empty(), !zero->empty(),
+                       TavroHasColor(color));
+    };
 }

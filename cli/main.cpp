@@ -49,10 +49,11 @@ public:
     }
 
     std::string make_option_usage(const CLI::Option* option) const override {
-        const std::string name = make_option_name(option, true);
-        return option->get_expected_max() > 1 && name.find("...") == std::string::npos
-                   ? name + "..."
-                   : name;
+        std::string name = make_option_name(option, true);
+        if (option->get_expected_max() > 1 && name.find("...") == std::string::npos) {
+            name += "...";
+        }
+        return option->get_required() ? name : "[" + name + "]";
     }
 };
 

@@ -1,11 +1,11 @@
 // `tavro restore`.
 
-#include "command.h"
+#include "choosing.h"
 #include "format.h"
 #include "names.h"
+#include "posix.h"
 #include "progress_bar.h"
 #include "recording.h"
-#include "trash_contents.h"
 
 #include <algorithm>
 #include <set>
@@ -14,6 +14,7 @@ namespace {
 
 /// What is kept from one name to the next.
 struct Restoring {
+    std::string To; ///< Where all go; empty: each to its place.
     bool bKeepBoth;
     bool bQuiet;
     bool bVerbose;
@@ -78,13 +79,70 @@ int Restore(Restoring& Run, const std::vector<TavroTrashItem>& Items,
     return exitCode;
 }
 
-/// Finds what a name means, and where it goes.
-int Find(Restoring& Run, const std::string& Name, TavroTrashItem& OutItem,
-         TavroTrashedEntry& OutEntry) {
-    if (const TavroFailure failure = Run.Index.Find(Name, OutItem)) {
+/// A word that is still to be looked up, or an item.
+struct Wanted {
+    std::string Word;
+    bool bWord;
+    TavroTrashItem Item = {};
+};
+
+/// The entry of an item, with where it goes unless that is taken.
+TavroTrashedEntry EntryOf(const Restoring& Run, const TavroTrashItem& Item) {
+    TavroTrashedEntry entry = Item.Trashed();
+    if (!Run.To.empty()) {
+        const std::string name = TavroNameOf(Item.OriginalPath);
+        const bool bName = !name.empty() && name != "." && name != "..";
+        entry.Entry.OriginalPath = TavroJoin(Run.To, bName ? name : Item.Name);
+    }
+    return entry;
+}
+
+/// Puts items in the place of patterns, and of all words where there are limits. Other words stay
+/// words, which are looked up one by one.
+int ChooseItems(Restoring& Run, TavroChoice Choice, std::vector<Wanted>& OutWanted) {
+    if (!Choice.IsLimited()) {
+        const auto isName = [&](const std::string& word) {
+            TavroTrashItem item;
+            return !TavroIsPattern(word) ||
+                   Run.Index.Find(word, item).Kind != TavroFailureKind::NotInTrash;
+        };
+        const auto patterns =
+            std::stable_partition(Choice.Words.begin(), Choice.Words.end(), isName);
+        for (auto word = Choice.Words.begin(); word != patterns; ++word) {
+            OutWanted.push_back({*word, true});
+        }
+        Choice.Words.erase(Choice.Words.begin(), patterns);
+        if (Choice.Words.empty()) {
+            return TavroExitDone;
+        }
+    }
+    std::vector<TavroTrashItem> items;
+    if (const TavroFailure failure = TavroListTrash(false, TavroWasInterrupted, items)) {
         return TavroPrintFailure(failure);
     }
-    OutEntry = OutItem.Trashed();
+    Choice.bNewestAlone = true;
+    const bool bAll = TavroPrintFailures(TavroChooseItems(Choice, items));
+    std::set<std::string> named;
+    for (const Wanted& wanted : OutWanted) {
+        TavroTrashItem item;
+        named.insert(Run.Index.Find(wanted.Word, item) ? "" : item.TrashPath());
+    }
+    for (TavroTrashItem& item : items) {
+        if (named.count(item.TrashPath()) == 0) {
+            OutWanted.push_back({"", false, std::move(item)});
+        }
+    }
+    return bAll ? TavroExitDone : TavroExitFailed;
+}
+
+/// Finds what a word means, unless that is known, and where it goes.
+int Find(Restoring& Run, Wanted& Wanted, TavroTrashedEntry& OutEntry) {
+    const TavroFailure failure =
+        Wanted.bWord ? Run.Index.Find(Wanted.Word, Wanted.Item) : TavroFailure();
+    if (failure) {
+        return TavroPrintFailure(failure);
+    }
+    OutEntry = EntryOf(Run, Wanted.Item);
     return ChoosePlace(Run, OutEntry.Entry.OriginalPath);
 }
 
@@ -97,50 +155,78 @@ bool AreApart(const std::vector<TavroTrashedEntry>& Entries) {
     });
 }
 
-/// Names that do not stand in each other's way are one operation; else each is one.
-int RunRestore(const std::vector<std::string>& Names, bool bKeepBoth, bool bQuiet, bool bVerbose,
-               TavroKeeping Keeping) {
-    TavroCatchInterrupts();
-    Restoring run{bKeepBoth, bQuiet, bVerbose, Keeping};
-    std::vector<TavroTrashItem> items(Names.size());
-    std::vector<TavroTrashedEntry> entries(Names.size());
-    bool bTogether = Names.size() > 1 && !TavroCanAsk();
-    for (std::size_t i = 0; i < Names.size() && bTogether; ++i) {
-        bTogether = !run.Index.Find(Names[i], items[i]);
-        entries[i] = items[i].Folders ? items[i].Trashed() : entries[i];
-        bTogether = bTogether && !TavroIsPresent(entries[i].Entry.OriginalPath);
+/// Restores all that is wanted as one operation.
+/// @return nothing, and nothing is done, when they stand in each other's way or anything else does.
+std::optional<int> RestoreTogether(Restoring& Run, const std::vector<Wanted>& All) {
+    std::vector<TavroTrashItem> items;
+    std::vector<TavroTrashedEntry> entries;
+    for (const Wanted& wanted : All) {
+        items.push_back(wanted.Item);
+        if (wanted.bWord && Run.Index.Find(wanted.Word, items.back())) {
+            return std::nullopt;
+        }
+        entries.push_back(EntryOf(Run, items.back()));
+        if (TavroIsPresent(entries.back().Entry.OriginalPath)) {
+            return std::nullopt;
+        }
     }
-    if (bTogether && AreApart(entries)) {
-        const int exitCode = Restore(run, items, entries);
-        TavroPrintLost(run.Lost);
-        return exitCode;
-    }
+    return AreApart(entries) ? std::optional(Restore(Run, items, entries)) : std::nullopt;
+}
+
+/// Restores one after the other.
+int RestoreEach(Restoring& Run, std::vector<Wanted>& All) {
     int exitCode = TavroExitDone;
-    for (std::size_t i = 0; i < Names.size() && exitCode <= TavroExitUsage; ++i) {
-        int code = TavroWasInterrupted() ? TavroInterruptedExitCode()
-                                         : Find(run, Names[i], items[i], entries[i]);
-        code = code == TavroExitDone ? Restore(run, {items[i]}, {entries[i]}) : code;
+    for (std::size_t i = 0; i < All.size() && exitCode <= TavroExitUsage; ++i) {
+        TavroTrashedEntry entry;
+        int code = TavroWasInterrupted() ? TavroInterruptedExitCode() : Find(Run, All[i], entry);
+        code = code == TavroExitDone ? Restore(Run, {All[i].Item}, {entry}) : code;
         exitCode = std::max(exitCode, code);
     }
-    TavroPrintLost(run.Lost);
     return exitCode;
+}
+
+/// What does not stand in each other's way is one operation; else each is one.
+int RunRestore(const TavroChoice& Choice, Restoring Run) {
+    TavroCatchInterrupts();
+    TavroDescriptor directory;
+    const int error = Run.To.empty() ? 0 : TavroOpenDirectory(Run.To, directory);
+    if (error != 0) {
+        return TavroPrintFailure(TavroFail(TavroFailureKind::LookAt, error, Run.To));
+    }
+    std::vector<Wanted> wanted;
+    const int chosen = ChooseItems(Run, Choice, wanted);
+    if (wanted.empty()) {
+        return chosen != TavroExitDone ? chosen
+                                       : TavroPrintFailure({TavroFailureKind::NothingToRestore});
+    }
+    const std::optional<int> together =
+        wanted.size() > 1 ? RestoreTogether(Run, wanted) : std::nullopt;
+    const int exitCode = together ? *together : RestoreEach(Run, wanted);
+    TavroPrintLost(Run.Lost);
+    return std::max(exitCode, chosen);
 }
 
 } // namespace
 
 void TavroAddRestore(CLI::App& App, TavroCommandTable& Table) {
-    CLI::App* command =
-        TavroAddCommand(App, "restore", "Put trashed entries back", "restore old.iso");
-    CLI::Option* names =
-        TavroAddNames(*command, "NAME", 1, "A name in the trash, or an original path",
-                      "the name of something in the trash");
+    CLI::App* command = TavroAddCommand(App, "restore", "Put trashed entries back",
+                                        "restore old.iso '*.log' --to ~/again");
+    const TavroChoiceOptions choice =
+        TavroAddChoice(*command, "the name of something in the trash");
+    CLI::Option* to = command->add_option("--to")->type_name("DIRECTORY");
+    to->description("Into this directory instead of the original places");
+    to->check([](const std::string& text) {
+        return std::string(text.empty() ? "takes a directory, not ''" : "");
+    });
     CLI::Option* keepBoth =
         command->add_flag("--keep-both", "To a free name where the original place is taken");
     CLI::Option* quiet = TavroAddQuiet(*command);
     CLI::Option* verbose = TavroAddVerbose(*command);
     const TavroKeepingOptions keeping = TavroAddKeeping(*command);
     Table[command] = [=] {
-        return RunRestore(TavroValues(names), !keepBoth->empty(), !quiet->empty(),
-                          !verbose->empty(), keeping.Keeping());
+        return RunRestore(TavroReadChoice(choice),
+                          {to->empty() ? "" : TavroNameEntry(TavroValue(to)).Path,
+                           !keepBoth->empty(), !quiet->empty(), !verbose->empty(),
+                           keeping.Keeping()});
     };
 }

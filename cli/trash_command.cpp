@@ -8,12 +8,124 @@
 #include "recording.h"
 #include "trash.h"
 
+#include <algorithm>
+#include <cerrno>
+
 namespace {
+
+enum class When { AboutCopying, Never, Once, Each };
+
+/// What is asked before anything is moved: of -f, -i, -I and --interactive the last one counts.
+struct Asking {
+    When Ask = When::AboutCopying;
+    bool bForgiving = false; ///< What does not exist is no error.
+};
+
+/// The options of `rm`. Those that need nothing are not kept.
+struct Options {
+    CLI::Option* Force;
+    CLI::Option* Each;
+    CLI::Option* Once;
+    CLI::Option* Interactive;
+    CLI::Option* Verbose;
+};
+
+Options AddOptions(CLI::App& Command, CLI::Option& Names) {
+    Command.add_flag("-r,-R,--recursive", "As for rm: directories go with what is in them anyway");
+    Command.add_flag("-d,--dir", "As for rm");
+    const Options options = {
+        Command.add_flag("-f,--force", "What does not exist is no error; ask and list nothing"),
+        Command.add_flag("-i", "Ask about each entry"),
+        Command.add_flag("-I", "Ask once, about more than three entries or a directory"),
+        Command.add_flag("--interactive", "As -i; or =never, =once (-I), =always"),
+        Command.add_flag("-v,--verbose", "List each entry, also with -f or -q")};
+    options.Force->each([&Names](const std::string&) { Names.required(false); });
+    options.Interactive->check([](const std::string& when) {
+        const bool bKnown = when == "true" || when == "never" || when == "once" || when == "always";
+        return bKnown ? "" : "takes never, once or always, not '" + when + "'";
+    });
+    return options;
+}
+
+Asking ReadAsking(const CLI::App& Command, const Options& Options) {
+    Asking asking;
+    std::size_t met = 0;
+    for (const CLI::Option* option : Command.parse_order()) {
+        if (option == Options.Force) {
+            asking = {When::Never, true};
+        } else if (option == Options.Each || option == Options.Once) {
+            asking = {option == Options.Each ? When::Each : When::Once, false};
+        } else if (option == Options.Interactive) {
+            const std::string when = option->results().at(met++);
+            asking.Ask = when == "never" ? When::Never : when == "once" ? When::Once : When::Each;
+        }
+    }
+    return asking;
+}
+
+void ForgetMissing(std::vector<TavroOperationEntry>& Entries) {
+    std::vector<TavroOperationEntry> present;
+    for (TavroOperationEntry& entry : Entries) {
+        struct stat status = {};
+        const int error = TavroStatPath(entry.Path, status);
+        if (error != ENOENT && error != ENOTDIR) {
+            entry.bDirectory = S_ISDIR(status.st_mode);
+            present.push_back(std::move(entry));
+        }
+    }
+    Entries = std::move(present);
+}
+
+/// Asks about each entry, or once where that is called for; those that are refused are left out.
+/// @return TavroExitDone, or the exit code to end with.
+int AgreeToTrashing(bool bEach, std::vector<TavroOperationEntry>& Entries) {
+    const auto isDirectory = [](const TavroOperationEntry& entry) { return entry.bDirectory; };
+    if (!bEach && Entries.size() <= 3 &&
+        std::none_of(Entries.begin(), Entries.end(), isDirectory)) {
+        return TavroExitDone;
+    }
+    if (!TavroCanAsk()) {
+        TavroPrintError("Refusing to move to the trash without asking: use -f, or a terminal");
+        return TavroExitUsage;
+    }
+    if (!bEach) {
+        return TavroConfirm("Move " + TavroCountText(Entries.size(), "entry") + " to the trash?",
+                            "Nothing was moved to the trash");
+    }
+    std::vector<TavroOperationEntry> agreed;
+    for (TavroOperationEntry& entry : Entries) {
+        const int exitCode =
+            TavroConfirm("Move '" + entry.Path + "' to the trash?", "'" + entry.Path + "' stays");
+        if (TavroWasInterrupted()) {
+            return exitCode;
+        }
+        if (exitCode == TavroExitDone) {
+            agreed.push_back(std::move(entry));
+        }
+    }
+    Entries = std::move(agreed);
+    return TavroExitDone;
+}
+
+/// Leaves the entries that are to be trashed.
+/// @return TavroExitDone, or the exit code to end with.
+int Agree(const std::vector<std::string>& Texts, const Asking& Asking,
+          std::vector<TavroOperationEntry>& Entries) {
+    if (Asking.bForgiving) {
+        ForgetMissing(Entries);
+    }
+    if (Asking.Ask == When::AboutCopying || Asking.Ask == When::Never) {
+        return TavroExitDone;
+    }
+    return Asking.bForgiving || TavroFindEntries(Texts, Entries)
+               ? AgreeToTrashing(Asking.Ask == When::Each, Entries)
+               : TavroExitFailed;
+}
 
 /// Copying into the trash takes time and space, so it is said, with the size, before it begins.
 /// @return TavroExitDone; or the exit code to end with, when the person was asked and said no, or
 ///         interrupted the count.
-int AgreeToCopying(const std::vector<TavroOperationEntry>& Others) {
+int AgreeToCopying(const std::vector<TavroOperationEntry>& Others, bool bAsk) {
     TavroMeasurement measurement;
     for (const TavroOperationEntry& entry : Others) {
         if (!TavroMeasureEntry(entry.Path, TavroWasInterrupted, measurement)) {
@@ -23,7 +135,7 @@ int AgreeToCopying(const std::vector<TavroOperationEntry>& Others) {
     const std::string text = TavroCountText(Others.size(), "entry") +
                              " on another file system will be copied to the trash (" +
                              TavroHumanSize(measurement.ByteCount) + ")";
-    if (TavroCanAsk()) {
+    if (bAsk && TavroCanAsk()) {
         return TavroConfirm(text + ". Go on?", "Nothing was moved to the trash");
     }
     TavroPrintError(text);
@@ -40,38 +152,50 @@ int PrintRefusal(const TavroTrashReport& Report, const std::vector<std::string>&
     return TavroExitCodeOf(Report.Batch.Failure);
 }
 
-int RunTrash(const std::vector<std::string>& Texts, bool bQuiet, bool bVerbose,
+/// How much is told of what was done.
+struct Telling {
+    bool bQuiet;
+    bool bVerbose;
+    bool bResult; ///< Whether what was done is told at all.
+};
+
+int RunTrash(const std::vector<std::string>& Texts, const Asking& Asking, const Telling& Telling,
              TavroKeeping Keeping) {
     // Each entry is looked at once, when it is trashed; before a question all are checked.
-    const std::vector<TavroOperationEntry> entries = TavroNameEntries(Texts);
+    std::vector<TavroOperationEntry> entries = TavroNameEntries(Texts);
     TavroCatchInterrupts();
+    int exitCode = Agree(Texts, Asking, entries);
+    const bool bNone = entries.empty() && Asking.Ask != When::AboutCopying;
+    if (exitCode != TavroExitDone || bNone) {
+        return exitCode;
+    }
     const std::vector<TavroOperationEntry> others =
-        bQuiet ? std::vector<TavroOperationEntry>() : TavroEntriesOnOtherDevices(entries);
+        Telling.bQuiet ? std::vector<TavroOperationEntry>() : TavroEntriesOnOtherDevices(entries);
     if (!others.empty() && TavroCheckTrashable(entries).empty()) {
-        if (const int exitCode = AgreeToCopying(others)) {
-            return exitCode;
+        if (const int code = AgreeToCopying(others, Asking.Ask != When::Never)) {
+            return code;
         }
     }
     TavroTrashReport report;
     TavroRecording recording;
     {
-        TavroProgressBar bar(bQuiet);
+        TavroProgressBar bar(Telling.bQuiet);
         report = TavroTrashSelection(entries, recording.Bind(bar.Callbacks(), Keeping));
     }
     // Recorded before it is printed: a reader that goes away must not cost the undo.
-    const int exitCode = recording.End(TavroOperationOf(report));
+    exitCode = recording.End(TavroOperationOf(report));
     if (!report) {
-        return PrintRefusal(report, Texts);
+        return PrintRefusal(report, Asking.bForgiving ? std::vector<std::string>() : Texts);
     }
     TavroPrintLost(report.Batch.Lost);
-    const bool bEach = TavroTellsEach(report.Entries.size(), bVerbose);
+    const bool bEach = TavroTellsEach(report.Entries.size(), Telling.bVerbose);
     for (const TavroTrashedEntry& trashed : report.Entries) {
-        if (!bQuiet && bEach) {
+        if (Telling.bResult && bEach) {
             TavroPrintLine(stdout,
                            TavroShownStep(trashed.Entry.OriginalPath, trashed.Entry.TrashPath));
         }
     }
-    if (!bQuiet && !bEach) {
+    if (Telling.bResult && !bEach) {
         TavroPrintLine(stdout,
                        "Moved " + TavroCountText(report.Entries.size(), "entry") + " to the trash");
     }
@@ -85,10 +209,14 @@ void TavroAddTrash(CLI::App& App, TavroCommandTable& Table) {
         TavroAddCommand(App, "trash", "Move entries to the trash, all or nothing", "trash old.iso");
     CLI::Option* names =
         TavroAddNames(*command, "ENTRY", 1, "What is trashed", "an entry to trash");
+    const Options options = AddOptions(*command, *names);
     CLI::Option* quiet = TavroAddQuiet(*command);
-    CLI::Option* verbose = TavroAddVerbose(*command);
     const TavroKeepingOptions keeping = TavroAddKeeping(*command);
     Table[command] = [=] {
-        return RunTrash(TavroValues(names), !quiet->empty(), !verbose->empty(), keeping.Keeping());
+        const Asking asking = ReadAsking(*command, options);
+        const bool bVerbose = !options.Verbose->empty();
+        const bool bResult = bVerbose || (quiet->empty() && !asking.bForgiving);
+        return RunTrash(TavroValues(names), asking, {!quiet->empty(), bVerbose, bResult},
+                        keeping.Keeping());
     };
 }

@@ -73,6 +73,8 @@ constexpr Sentence sentences[] = {
     {Kind::ItemChanged, "%p changed meanwhile and stays"},
     {Kind::NoItemName, "%p is no name of an entry in the trash"},
     {Kind::NotInTrash, "%p is not in the trash"},
+    {Kind::NothingMatches, "Nothing in the trash matches %p"},
+    {Kind::NothingWithin, "Nothing in the trash matches %p and is of the place and age asked for"},
     {Kind::SeveralNamed, "Several entries named %p are in the trash, from %O"},
     {Kind::ShortenName, "Cannot shorten the name of %p: %e"},
     {Kind::SetRecordAside, "Cannot set %p aside: %e"},

@@ -73,6 +73,8 @@ enum class TavroFailureKind {
     ItemChanged,
     NoItemName,
     NotInTrash,
+    NothingMatches,
+    NothingWithin,
     SeveralNamed,
     ShortenName,
     SetRecordAside,

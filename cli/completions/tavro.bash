@@ -77,11 +77,12 @@ _tavro() {
     _tavro_offer "$value"{auto,always,never}
     return
     ;;
-  --in)
+  --in | --to)
     compopt -o filenames -o dirnames
     return
     ;;
-  --older-than | --mend | --depth | -d) return ;;
+  --older-than | --since | --keep | --free | --mend | --depth) return ;;
+  -d) [[ $command != size ]] || return ;;
   esac
   local dashes=''
   [[ " ${words[*]} " == *' -- '* ]] && dashes=1
@@ -91,13 +92,13 @@ _tavro() {
   rename) options+=' --no-sync --no-history' ;;
   mkdir) options+=' --in --no-sync --no-history' ;;
   delete) options+=' --force --no-sync --no-history' ;;
-  trash) options+=' --quiet --verbose --no-sync --no-history' ;;
+  trash) options+=' --recursive --dir --force --interactive --verbose --quiet --no-sync --no-history' ;;
   undo) options+=' --skip --quiet --no-sync' ;;
   redo | resume) options+=' --quiet --no-sync' ;;
   history) options+=' --json --drop --color' ;;
-  list) options+=' --json --null --color' ;;
-  restore) options+=' --keep-both --quiet --verbose --no-sync --no-history' ;;
-  empty) options+=' --older-than --force --quiet --no-sync --no-history' ;;
+  list) options+=' --here --since --older-than --json --null --color' ;;
+  restore) options+=' --here --since --older-than --to --keep-both --quiet --verbose --no-sync --no-history' ;;
+  empty) options+=' --here --since --older-than --keep --free --force --quiet --no-sync --no-history' ;;
   doctor) options+=' --mend --mend-all' ;;
   size) options+=' --sort --depth' ;;
   esac
@@ -110,7 +111,7 @@ _tavro() {
   plan) if ((${#words[@]} == 2)); then _tavro_offer copy move; else _tavro_files default; fi ;;
   copy | move | rename | delete | trash | size) _tavro_files default ;;
   mkdir) _tavro_files dirnames ;;
-  restore)
+  list | restore | empty)
     compopt -o filenames
     local names
     mapfile -d '' -t names < <(tavro list -0 2>/dev/null)

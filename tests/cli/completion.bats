@@ -134,7 +134,8 @@ completes_lines() {
     'tavro copy --in=di\t' 'tavro restore a:\t' 'tavro restore a:b=\t' 'tavro restore "a:b\t' \
     'tavro restore x\\ \t' "tavro restore 'x 'y\\t" 'tavro restore "q\\$\t' 'tavro restore -- -d\t' \
     'tavro trash g\t' 'tavro size dir/../g\t' 'tavro copy list e\t' 'true; tavro delete g\t' \
-    'tavro help resu\t'
+    'tavro help resu\t' 'tavro list a:b=\t' 'tavro empty --here x\\ \t' 'tavro restore --to di\t' \
+    'tavro empty --ke\t' 'tavro trash -d --recu\t' 'tavro trash -d g\t'
   expect "$(typed)" "mkdir
 undo --quiet
 copy --no-keep
@@ -154,7 +155,13 @@ trash g\\\$\\(x\\)
 size dir/../g\\\$\\(x\\)
 copy list e\\ f
 delete g\\\$\\(x\\)
-help resume"
+help resume
+list a:b=c@d
+empty --here x\\ y\\ z
+restore --to dir
+empty --keep
+trash -d --recursive
+trash -d g\\\$\\(x\\)"
 }
 
 @test "bash completes commands, options, their values, files and what is in the trash" {

@@ -56,7 +56,7 @@ Try '$2 --help'"
     copy --on-conflcit=skip a b
   refused "Unknown option '--jsno'; did you mean '--json'?" 'tavro list' list --jsno
   refused "Unknown option '--verson'; did you mean '--version'?" tavro --verson
-  refused "Unknown option '-x'" 'tavro list' list -x
+  refused "Unknown option '-x'" 'tavro history' history -x
   refused "Unknown command '++'" tavro ++
 }
 
