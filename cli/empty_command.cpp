@@ -16,19 +16,23 @@ std::string ContentText(const std::vector<TavroTrashItem>& Items) {
 }
 
 /// @param OlderThanDays  0 for everything.
-int RunEmpty(int OlderThanDays, bool bForce, bool bQuiet, bool bSync) {
+int RunEmpty(const std::string& Volume, int OlderThanDays, bool bForce, bool bQuiet, bool bSync) {
     TavroCatchInterrupts();
+    TavroWhichTrashes trashes;
+    if (const TavroFailure failure = TavroSeeTrashes(Volume, trashes)) {
+        return TavroPrintFailure(failure);
+    }
     TavroRecording recording;
     TavroCallbacks callbacks;
     callbacks.ShouldCancel = TavroWasInterrupted;
     callbacks = recording.Bind(callbacks, bSync);
     if (bForce && bQuiet && OlderThanDays == 0) {
-        const TavroFailure failure = TavroEmptyTrash(callbacks);
+        const TavroFailure failure = TavroEmptyTrash(callbacks, trashes);
         recording.End({}); // it cannot be undone
         return TavroPrintFailure(failure);
     }
     std::vector<TavroTrashItem> listed;
-    TavroFailure failure = TavroListTrash(!bForce || !bQuiet, TavroWasInterrupted, listed);
+    TavroFailure failure = TavroListTrash(!bForce || !bQuiet, TavroWasInterrupted, listed, trashes);
     if (failure) {
         return TavroPrintFailure(failure);
     }
@@ -49,7 +53,7 @@ int RunEmpty(int OlderThanDays, bool bForce, bool bQuiet, bool bSync) {
     recording.End({});
     if (!failure && !bQuiet) {
         TavroPrintLine(stdout, "Deleted " + content);
-        TavroPrintUnlisted(TavroCountUnlistedItems(listed));
+        TavroPrintUnlisted(TavroCountUnlistedItems(listed, trashes));
     }
     return TavroPrintFailure(failure);
 }
@@ -65,8 +69,9 @@ void TavroAddEmpty(CLI::App& App, TavroCommandTable& Table) {
     CLI::Option* force = command->add_flag("-f,--force", "Without asking");
     CLI::Option* quiet = TavroAddQuiet(*command);
     CLI::Option* noSync = TavroAddNoSync(*command);
+    CLI::Option* volume = TavroAddVolume(*command);
     Table[command] = [=] {
-        return RunEmpty(days->empty() ? 0 : days->as<int>(), !force->empty(), !quiet->empty(),
-                        TavroShouldSync(noSync));
+        return RunEmpty(TavroValue(volume), days->empty() ? 0 : days->as<int>(), !force->empty(),
+                        !quiet->empty(), TavroShouldSync(noSync));
     };
 }

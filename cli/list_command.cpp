@@ -37,10 +37,12 @@ void PrintItem(const TavroTrashItem& Item, bool bZero) {
     }
 }
 
-int RunList(bool bJson, bool bZero) {
+int RunList(const std::string& Volume, bool bJson, bool bZero) {
     TavroCatchInterrupts();
+    TavroWhichTrashes trashes;
     std::vector<TavroTrashItem> items;
-    const TavroFailure failure = TavroListTrash(!bZero, TavroWasInterrupted, items);
+    TavroFailure failure = TavroSeeTrashes(Volume, trashes);
+    failure = failure ? failure : TavroListTrash(!bZero, TavroWasInterrupted, items, trashes);
     if (failure && failure.Kind != TavroFailureKind::Cancelled) {
         return TavroPrintFailure(failure);
     }
@@ -52,7 +54,7 @@ int RunList(bool bJson, bool bZero) {
         TavroPrintJson(json);
     }
     if (!failure) {
-        const std::uint64_t unlisted = TavroCountUnlistedItems(items);
+        const std::uint64_t unlisted = TavroCountUnlistedItems(items, trashes);
         if (items.empty() && unlisted == 0 && !bJson && !bZero && TavroIsTerminal(stdout)) {
             TavroPrintLine(stdout, "The trash is empty");
         }
@@ -69,5 +71,6 @@ void TavroAddList(CLI::App& App, TavroCommandTable& Table) {
     CLI::Option* json = command->add_flag("--json", "As JSON");
     CLI::Option* zero = command->add_flag("-0,--null", "Names alone, each ended by a zero byte");
     zero->excludes(json);
-    Table[command] = [=] { return RunList(!json->empty(), !zero->empty()); };
+    CLI::Option* volume = TavroAddVolume(*command);
+    Table[command] = [=] { return RunList(TavroValue(volume), !json->empty(), !zero->empty()); };
 }

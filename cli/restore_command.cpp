@@ -16,7 +16,7 @@ struct Restoring {
     bool bKeepBoth;
     bool bQuiet;
     bool bSync;
-    TavroTrashIndex Index = {};
+    TavroTrashIndex Index;
     TavroFreeNames FreeNames = {};
     TavroAttributesLost Lost = {};
 };
@@ -91,9 +91,14 @@ bool AreApart(const std::vector<TavroTrashedEntry>& Entries) {
 }
 
 /// Names that do not stand in each other's way are one operation; else each is one.
-int RunRestore(const std::vector<std::string>& Names, bool bKeepBoth, bool bQuiet, bool bSync) {
+int RunRestore(const std::vector<std::string>& Names, const std::string& Volume, bool bKeepBoth,
+               bool bQuiet, bool bSync) {
     TavroCatchInterrupts();
-    Restoring run{bKeepBoth, bQuiet, bSync};
+    TavroWhichTrashes trashes;
+    if (const TavroFailure failure = TavroSeeTrashes(Volume, trashes)) {
+        return TavroPrintFailure(failure);
+    }
+    Restoring run{bKeepBoth, bQuiet, bSync, TavroTrashIndex(std::move(trashes))};
     std::vector<TavroTrashItem> items(Names.size());
     std::vector<TavroTrashedEntry> entries(Names.size());
     bool bTogether = Names.size() > 1 && !TavroCanAsk();
@@ -130,8 +135,9 @@ void TavroAddRestore(CLI::App& App, TavroCommandTable& Table) {
         command->add_flag("--keep-both", "To a free name where the original place is taken");
     CLI::Option* quiet = TavroAddQuiet(*command);
     CLI::Option* noSync = TavroAddNoSync(*command);
+    CLI::Option* volume = TavroAddVolume(*command);
     Table[command] = [=] {
-        return RunRestore(TavroValues(names), !keepBoth->empty(), !quiet->empty(),
-                          TavroShouldSync(noSync));
+        return RunRestore(TavroValues(names), TavroValue(volume), !keepBoth->empty(),
+                          !quiet->empty(), TavroShouldSync(noSync));
     };
 }

@@ -39,14 +39,16 @@ int PrintRefusal(const TavroTrashReport& Report, const std::vector<std::string>&
     return TavroExitCodeOf(Report.Batch.Failure);
 }
 
-int RunTrash(const std::vector<std::string>& Texts, bool bQuiet, bool bSync) {
+int RunTrash(const std::vector<std::string>& Texts, const TavroTrashOptions& Options, bool bQuiet,
+             bool bSync) {
     // Each entry is looked at once, when it is trashed; before a question all are checked.
     const std::vector<TavroOperationEntry> entries = TavroNameEntries(Texts);
     TavroCatchInterrupts();
-    const std::vector<TavroOperationEntry> others =
-        bQuiet ? std::vector<TavroOperationEntry>() : TavroEntriesOnOtherDevices(entries);
-    if (!others.empty() && TavroCheckTrashable(entries).empty()) {
-        if (const int exitCode = AgreeToCopying(others)) {
+    const std::vector<TavroOperationEntry> copied = bQuiet || Options.bNeverCopy
+                                                        ? std::vector<TavroOperationEntry>()
+                                                        : TavroEntriesToCopy(entries, Options);
+    if (!copied.empty()) {
+        if (const int exitCode = AgreeToCopying(copied)) {
             return exitCode;
         }
     }
@@ -54,7 +56,8 @@ int RunTrash(const std::vector<std::string>& Texts, bool bQuiet, bool bSync) {
     TavroRecording recording;
     {
         TavroProgressBar bar(bQuiet);
-        report = TavroTrashSelection(entries, recording.Bind(bar.Callbacks(), bSync));
+        report =
+            TavroTrashSelection(entries, recording.Bind(bar.Callbacks(), bSync), {}, {}, Options);
     }
     // Recorded before it is printed: a reader that goes away must not cost the undo.
     recording.End(TavroOperationOf(report));
@@ -77,9 +80,12 @@ void TavroAddTrash(CLI::App& App, TavroCommandTable& Table) {
         TavroAddCommand(App, "trash", "Move entries to the trash, all or nothing", "trash old.iso");
     CLI::Option* names =
         TavroAddNames(*command, "ENTRY", 1, "What is trashed", "an entry to trash");
+    CLI::Option* home = command->add_flag("--home", "To the home trash from other volumes too");
+    CLI::Option* noCopy = command->add_flag("--no-copy", "Fail instead of copying to the trash");
     CLI::Option* quiet = TavroAddQuiet(*command);
     CLI::Option* noSync = TavroAddNoSync(*command);
     Table[command] = [=] {
-        return RunTrash(TavroValues(names), !quiet->empty(), TavroShouldSync(noSync));
+        return RunTrash(TavroValues(names), {!home->empty(), !noCopy->empty()}, !quiet->empty(),
+                        TavroShouldSync(noSync));
     };
 }

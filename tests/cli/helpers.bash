@@ -7,6 +7,7 @@ setup() {
   export HOME=$scratch/home
   mkdir "$HOME" "$scratch/here"
   unset XDG_STATE_HOME XDG_DATA_HOME
+  export TAVRO_TRASH=home # never the trash of whoever runs the tests, on his other volumes
   export LC_ALL=C.UTF-8 SHELL=$BASH # the shell that a terminal gets
   cd "$scratch/here" || return 1
 }

@@ -106,14 +106,14 @@ TEST_F(OtherDevices, are_told_by_the_directory_of_the_entry_itself) {
     writeFile(other / "far.txt");
     const fs::path here = link("link to far", other / "far.txt");
     const auto others =
-        TavroEntriesOnOtherDevices(select({doc("near.txt"), other / "far.txt", here}));
+        TavroEntriesToCopy(select({doc("near.txt"), other / "far.txt", here}));
     ASSERT_EQ(others.size(), 1U);
     EXPECT_EQ(others[0].Path, (other / "far.txt").string());
 }
 
 TEST_F(OtherDevices, are_none_without_a_home_directory) {
     const ScopedEnvironment environment("HOME", std::nullopt);
-    EXPECT_TRUE(TavroEntriesOnOtherDevices(select({doc("a.txt")})).empty());
+    EXPECT_TRUE(TavroEntriesToCopy(select({doc("a.txt")})).empty());
 }
 
 TEST_F(OtherDevices, include_other_mounts_of_the_same_file_system) {
@@ -121,8 +121,8 @@ TEST_F(OtherDevices, include_other_mounts_of_the_same_file_system) {
     makeDirectory(mounted);
     doc("a.txt");
     const bool bRan = runWithMount(docs(), mounted, [&] {
-        EXPECT_EQ(TavroEntriesOnOtherDevices(select({mounted / "a.txt"})).size(), 1U);
-        EXPECT_EQ(TavroEntriesOnOtherDevices(select({docs() / "a.txt"})).size(), 0U);
+        EXPECT_EQ(TavroEntriesToCopy(select({mounted / "a.txt"})).size(), 1U);
+        EXPECT_EQ(TavroEntriesToCopy(select({docs() / "a.txt"})).size(), 0U);
     });
     if (!bRan) {
         GTEST_SKIP() << "nothing can be mounted here";
@@ -137,7 +137,7 @@ TEST_F(OtherDevices, cost_no_call_for_an_entry_beside_another) {
         }
         const auto entries = select(paths);
         CallCounts counts;
-        EXPECT_TRUE(TavroEntriesOnOtherDevices(entries).empty());
+        EXPECT_TRUE(TavroEntriesToCopy(entries).empty());
         return counts.all();
     };
     EXPECT_EQ(callsFor(1), callsFor(50));
