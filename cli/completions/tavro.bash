@@ -73,7 +73,7 @@ _tavro() {
     _tavro_offer "$value"{ask,overwrite,skip,keep-both}
     return
     ;;
-  --in)
+  --in | --volume)
     compopt -o filenames -o dirnames
     return
     ;;
@@ -87,12 +87,13 @@ _tavro() {
   rename) options+=' --no-sync' ;;
   mkdir) options+=' --in --no-sync' ;;
   delete) options+=' --force --no-sync' ;;
-  trash | undo | redo | resume) options+=' --quiet --no-sync' ;;
+  trash) options+=' --home --no-copy --quiet --no-sync' ;;
+  undo | redo | resume) options+=' --quiet --no-sync' ;;
   history) options+=' --json --drop' ;;
-  list) options+=' --json --null' ;;
-  restore) options+=' --keep-both --quiet --no-sync' ;;
-  empty) options+=' --older-than --force --quiet --no-sync' ;;
-  doctor) options+=' --mend --mend-all' ;;
+  list) options+=' --json --null --volume' ;;
+  restore) options+=' --keep-both --volume --quiet --no-sync' ;;
+  empty) options+=' --older-than --volume --force --quiet --no-sync' ;;
+  doctor) options+=' --mend --mend-all --volume' ;;
   size) options+=' --sort --depth' ;;
   esac
   if [[ $word == -* && -z $dashes ]]; then

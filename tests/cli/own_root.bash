@@ -16,8 +16,16 @@ in_own_root() {
     exec bash -c \"\$0\"" "set -euo pipefail
     tavro() { \$TAVRO \"\$@\"; }
     fails() { ! \"\$@\"; }
-    $(declare -f expect)
+    $(declare -f expect_in_own_root)
+    expect() { expect_in_own_root \"\$@\"; }
     $1"
+}
+
+expect_in_own_root() {
+  [[ $1 == "$2" ]] || {
+    printf 'expected: %q\n but got: %q\n' "$2" "$1"
+    return 1
+  }
 }
 
 make_own_root() { # ROOT DIRECTORY-OF-TAVRO
@@ -43,10 +51,10 @@ make_own_root() { # ROOT DIRECTORY-OF-TAVRO
 }
 
 enter_own_root() { # ROOT
-  cd "$1"
+  cd "$1" || return 1
   pivot_root . old
   umount -l /old
-  cd /here
+  cd /here || return 1
   unset TAVRO_TRASH XDG_DATA_HOME XDG_STATE_HOME
   export HOME=/home TAVRO=/tavro/tavro LC_ALL=C.UTF-8
 }
