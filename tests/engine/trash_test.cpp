@@ -105,8 +105,7 @@ TEST_F(OtherDevices, are_told_by_the_directory_of_the_entry_itself) {
     }
     writeFile(other / "far.txt");
     const fs::path here = link("link to far", other / "far.txt");
-    const auto others =
-        TavroEntriesToCopy(select({doc("near.txt"), other / "far.txt", here}));
+    const auto others = TavroEntriesToCopy(select({doc("near.txt"), other / "far.txt", here}));
     ASSERT_EQ(others.size(), 1U);
     EXPECT_EQ(others[0].Path, (other / "far.txt").string());
 }
@@ -591,6 +590,17 @@ TEST_F(TrashFromAfar, copies_everything_as_it_is_and_removes_it) {
         EXPECT_EQ(trashed[i].Item, identityOf(trashed[i].Entry.TrashPath));
     }
     EXPECT_TRUE(fs::is_empty(farDirectory()));
+}
+
+TEST_F(TrashFromAfar, is_refused_where_it_must_not_be_copied_and_nothing_stays_moved) {
+    const TavroTrashReport report = TavroTrashSelection(select({doc("near.txt"), far("big.bin")}),
+                                                        {}, {}, {}, TavroTrashOptions{false, true});
+    EXPECT_EQ(TavroDescribe(report), "Cannot move " + inQuotes(far("big.bin")) +
+                                         " to the trash without copying it: its volume takes no "
+                                         "trash");
+    EXPECT_EQ(readFile(docs() / "near.txt"), "bytes");
+    EXPECT_TRUE(isPresent(far("big.bin")));
+    expectEmptyTrash();
 }
 
 TEST_F(TrashFromAfar, has_the_record_before_the_copy) {
