@@ -5,7 +5,7 @@
 # hardly changes; the best elapsed times stand beside it.
 # shellcheck shell=bash disable=SC2154 # the three are set by whoever sources this
 
-export LC_ALL=C GIO_USE_VFS=local
+export LC_ALL=C GIO_USE_VFS=local TAVRO_TRASH=home # what is across devices is copied
 unset XDG_DATA_HOME XDG_STATE_HOME XDG_RUNTIME_DIR DBUS_SESSION_BUS_ADDRESS DISPLAY WAYLAND_DISPLAY
 
 over=0

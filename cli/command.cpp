@@ -53,6 +53,23 @@ std::string TavroBaseDirectory(const CLI::Option* In) {
     return In->empty() ? current.string() : (current / TavroValue(In)).string();
 }
 
+CLI::Option* TavroAddVolume(CLI::App& Command) {
+    CLI::Option* volume = Command.add_option("--volume");
+    return volume->type_name("PATH")->description(
+        "Only the trash of the volume that has this path");
+}
+
+TavroFailure TavroSeeTrashes(const std::string& OnVolume,
+                             std::vector<TavroTrashFolders>& OutTrashes) {
+    TavroTrashes trashes;
+    TavroFailure failure = TavroFindTrashes(OnVolume, trashes);
+    for (const std::string& silent : trashes.Silent) {
+        TavroPrintError("'" + silent + "' does not answer and is passed over");
+    }
+    OutTrashes = std::move(trashes.Folders);
+    return failure;
+}
+
 void TavroCheckNumber(CLI::Option& Option, int Least, int Most, const std::string& What) {
     const std::string takes =
         "takes " + What + " from " + std::to_string(Least) + " to " + std::to_string(Most);
@@ -74,7 +91,8 @@ std::vector<std::string> TavroValues(const CLI::Option* Option) {
 }
 
 std::string TavroValue(const CLI::Option* Option) {
-    return TavroValues(Option).at(0);
+    const std::vector<std::string> values = TavroValues(Option);
+    return values.empty() ? "" : values.front();
 }
 
 bool TavroCanResolve(const std::string& Text) {

@@ -9,6 +9,7 @@
 #include "place.h"
 #include "tavrotransfer.h"
 #include "terminal.h"
+#include "trash_folders.h"
 
 #include <CLI/CLI.hpp>
 
@@ -49,6 +50,12 @@ CLI::Option* TavroAddVerbose(CLI::App& Command);
 /// --in, and the directory that it means: absolute, the current one when it is not given.
 CLI::Option* TavroAddBaseDirectory(CLI::App& Command);
 std::string TavroBaseDirectory(const CLI::Option* In);
+
+/// --volume, and the trashes that a command sees by it. Of what does not answer it is said that it
+/// is passed over.
+CLI::Option* TavroAddVolume(CLI::App& Command);
+TavroFailure TavroSeeTrashes(const std::string& OnVolume,
+                             std::vector<TavroTrashFolders>& OutTrashes);
 
 /// Takes numbers alone. @param What  as its usage error says it: "a number of days".
 void TavroCheckNumber(CLI::Option& Option, int Least, int Most, const std::string& What);

@@ -19,9 +19,11 @@ struct Finding {
     std::function<TavroFailure()> Mend;
 };
 
-TavroFailure FindInTrash(std::vector<Finding>& OutFindings) {
+TavroFailure FindInTrash(const std::string& Volume, std::vector<Finding>& OutFindings) {
     std::vector<TavroTrashFinding> findings;
-    TavroFailure failure = TavroExamineTrash(findings);
+    TavroWhichTrashes trashes;
+    TavroFailure failure = TavroSeeTrashes(Volume, trashes);
+    failure = failure ? failure : TavroExamineTrash(findings, trashes);
     for (const TavroTrashFinding& finding : findings) {
         OutFindings.push_back(
             {finding.Path, TavroDescribe(finding), [=] { return TavroMendTrash(finding); }});
@@ -60,9 +62,9 @@ bool Deal(const Finding& What, bool bMend) {
 }
 
 /// @param Mend  the names of the findings that are mended.
-int RunDoctor(const std::vector<std::string>& Mend, bool bMendAll) {
+int RunDoctor(const std::vector<std::string>& Mend, const std::string& Volume, bool bMendAll) {
     std::vector<Finding> findings;
-    if (const TavroFailure failure = FindInTrash(findings)) {
+    if (const TavroFailure failure = FindInTrash(Volume, findings)) {
         return TavroPrintFailure(failure);
     }
     bool bAll = FindLeftovers(findings);
@@ -95,5 +97,8 @@ void TavroAddDoctor(CLI::App& App, TavroCommandTable& Table) {
         TavroAddNames(*command, "--mend", 1, "Mend the findings with these names", "NAME...");
     mend->required(false);
     CLI::Option* all = command->add_flag("--mend-all", "Mend every finding");
-    Table[command] = [=] { return RunDoctor(TavroValues(mend), !all->empty()); };
+    CLI::Option* volume = TavroAddVolume(*command);
+    Table[command] = [=] {
+        return RunDoctor(TavroValues(mend), TavroValue(volume), !all->empty());
+    };
 }

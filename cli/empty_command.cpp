@@ -59,23 +59,29 @@ int AgreeToDeleting(const std::vector<TavroTrashItem>& Items, bool bEverything) 
                         "Nothing was deleted");
 }
 
-int RunEmpty(const Emptied& What, bool bForce, bool bQuiet, TavroKeeping Keeping) {
+int RunEmpty(const Emptied& What, const std::string& Volume, bool bForce, bool bQuiet,
+             TavroKeeping Keeping) {
     TavroCatchInterrupts();
+    TavroWhichTrashes trashes;
+    if (const TavroFailure failure = TavroSeeTrashes(Volume, trashes)) {
+        return TavroPrintFailure(failure);
+    }
     TavroRecording recording;
     TavroCallbacks callbacks;
     callbacks.ShouldCancel = TavroWasInterrupted;
     callbacks = recording.Bind(callbacks, Keeping);
     if (bForce && bQuiet && What.IsEverything()) {
-        const TavroFailure failure = TavroEmptyTrash(callbacks);
+        const TavroFailure failure = TavroEmptyTrash(callbacks, trashes);
         return std::max(recording.EndDeletion(), TavroPrintFailure(failure));
     }
     std::vector<TavroTrashItem> items;
-    TavroFailure failure = TavroListTrash(false, TavroWasInterrupted, items);
+    TavroFailure failure = TavroListTrash(false, TavroWasInterrupted, items, trashes);
     if (failure) {
         return TavroPrintFailure(failure);
     }
-    const std::uint64_t unlisted =
-        bQuiet || !What.Choice.Words.empty() ? std::uint64_t{0} : TavroCountUnlistedItems(items);
+    const std::uint64_t unlisted = bQuiet || !What.Choice.Words.empty()
+                                       ? std::uint64_t{0}
+                                       : TavroCountUnlistedItems(items, trashes);
     int exitCode = Select(What, !bForce || !bQuiet, items);
     if (exitCode == TavroExitDone && !bForce && !items.empty()) {
         exitCode = AgreeToDeleting(items, What.IsEverything());
@@ -107,8 +113,9 @@ void TavroAddEmpty(CLI::App& App, TavroCommandTable& Table) {
     CLI::Option* force = command->add_flag("-f,--force", "Without asking");
     CLI::Option* quiet = TavroAddQuiet(*command);
     const TavroKeepingOptions keeping = TavroAddKeeping(*command);
+    CLI::Option* volume = TavroAddVolume(*command);
     Table[command] = [=] {
         return RunEmpty({TavroReadChoice(choice), TavroReadSize(keep), TavroReadSize(free)},
-                        !force->empty(), !quiet->empty(), keeping.Keeping());
+                        TavroValue(volume), !force->empty(), !quiet->empty(), keeping.Keeping());
     };
 }

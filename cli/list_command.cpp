@@ -73,16 +73,19 @@ void PrintTotal(const std::vector<TavroTrashItem>& Items, bool bEverything) {
     TavroPrintLine(stdout, bEmpty ? "The trash is empty" : TavroContentText(Items));
 }
 
-int RunList(const TavroChoice& Choice, bool bJson, bool bZero, bool bColor) {
+int RunList(const TavroChoice& Choice, const std::string& Volume, bool bJson, bool bZero,
+            bool bColor) {
     TavroCatchInterrupts();
+    TavroWhichTrashes trashes;
     std::vector<TavroTrashItem> items;
-    TavroFailure failure = TavroListTrash(false, TavroWasInterrupted, items);
+    TavroFailure failure = TavroSeeTrashes(Volume, trashes);
+    failure = failure ? failure : TavroListTrash(false, TavroWasInterrupted, items, trashes);
     if (failure && failure.Kind != TavroFailureKind::Cancelled) {
         return TavroPrintFailure(failure);
     }
     const bool bEverything = Choice.IsEverything();
     const std::uint64_t unlisted =
-        bEverything && !failure ? TavroCountUnlistedItems(items) : std::uint64_t{0};
+        bEverything && !failure ? TavroCountUnlistedItems(items, trashes) : std::uint64_t{0};
     const std::vector<TavroFailure> missed = TavroChooseItems(Choice, items);
     if (!failure && !bZero) {
         failure = TavroMeasureItems(items, TavroWasInterrupted);
@@ -110,8 +113,9 @@ void TavroAddList(CLI::App& App, TavroCommandTable& Table) {
     CLI::Option* zero = command->add_flag("-0,--null", "Names alone, each ended by a zero byte");
     zero->excludes(json);
     CLI::Option* color = TavroAddColor(*command);
+    CLI::Option* volume = TavroAddVolume(*command);
     Table[command] = [=] {
-        return RunList(TavroReadChoice(choice), !json->empty(), !zero->empty(),
+        return RunList(TavroReadChoice(choice), TavroValue(volume), !json->empty(), !zero->empty(),
                        TavroHasColor(color));
     };
 }

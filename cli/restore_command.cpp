@@ -19,7 +19,8 @@ struct Restoring {
     bool bQuiet;
     bool bVerbose;
     TavroKeeping Keeping;
-    TavroTrashIndex Index = {};
+    TavroWhichTrashes Trashes = {};
+    TavroTrashIndex Index = TavroTrashIndex(TavroWhichTrashes());
     TavroFreeNames FreeNames = {};
     TavroAttributesLost Lost = {};
 };
@@ -117,7 +118,8 @@ int ChooseItems(Restoring& Run, TavroChoice Choice, std::vector<Wanted>& OutWant
         }
     }
     std::vector<TavroTrashItem> items;
-    if (const TavroFailure failure = TavroListTrash(false, TavroWasInterrupted, items)) {
+    if (const TavroFailure failure =
+            TavroListTrash(false, TavroWasInterrupted, items, Run.Trashes)) {
         return TavroPrintFailure(failure);
     }
     Choice.bNewestAlone = true;
@@ -186,8 +188,12 @@ int RestoreEach(Restoring& Run, std::vector<Wanted>& All) {
 }
 
 /// What does not stand in each other's way is one operation; else each is one.
-int RunRestore(const TavroChoice& Choice, Restoring Run) {
+int RunRestore(const TavroChoice& Choice, const std::string& Volume, Restoring Run) {
     TavroCatchInterrupts();
+    if (const TavroFailure failure = TavroSeeTrashes(Volume, Run.Trashes)) {
+        return TavroPrintFailure(failure);
+    }
+    Run.Index = TavroTrashIndex(Run.Trashes);
     TavroDescriptor directory;
     const int error = Run.To.empty() ? 0 : TavroOpenDirectory(Run.To, directory);
     if (error != 0) {
@@ -223,8 +229,9 @@ void TavroAddRestore(CLI::App& App, TavroCommandTable& Table) {
     CLI::Option* quiet = TavroAddQuiet(*command);
     CLI::Option* verbose = TavroAddVerbose(*command);
     const TavroKeepingOptions keeping = TavroAddKeeping(*command);
+    CLI::Option* volume = TavroAddVolume(*command);
     Table[command] = [=] {
-        return RunRestore(TavroReadChoice(choice),
+        return RunRestore(TavroReadChoice(choice), TavroValue(volume),
                           {to->empty() ? "" : TavroNameEntry(TavroValue(to)).Path,
                            !keepBoth->empty(), !quiet->empty(), !verbose->empty(),
                            keeping.Keeping()});

@@ -160,7 +160,7 @@ struct Telling {
 };
 
 int RunTrash(const std::vector<std::string>& Texts, const Asking& Asking, const Telling& Telling,
-             TavroKeeping Keeping) {
+             const TavroTrashOptions& Where, TavroKeeping Keeping) {
     // Each entry is looked at once, when it is trashed; before a question all are checked.
     std::vector<TavroOperationEntry> entries = TavroNameEntries(Texts);
     TavroCatchInterrupts();
@@ -169,10 +169,11 @@ int RunTrash(const std::vector<std::string>& Texts, const Asking& Asking, const 
     if (exitCode != TavroExitDone || bNone) {
         return exitCode;
     }
-    const std::vector<TavroOperationEntry> others =
-        Telling.bQuiet ? std::vector<TavroOperationEntry>() : TavroEntriesOnOtherDevices(entries);
-    if (!others.empty() && TavroCheckTrashable(entries).empty()) {
-        if (const int code = AgreeToCopying(others, Asking.Ask != When::Never)) {
+    const std::vector<TavroOperationEntry> copied = Telling.bQuiet || Where.bNeverCopy
+                                                        ? std::vector<TavroOperationEntry>()
+                                                        : TavroEntriesToCopy(entries, Where);
+    if (!copied.empty()) {
+        if (const int code = AgreeToCopying(copied, Asking.Ask != When::Never)) {
             return code;
         }
     }
@@ -180,7 +181,8 @@ int RunTrash(const std::vector<std::string>& Texts, const Asking& Asking, const 
     TavroRecording recording;
     {
         TavroProgressBar bar(Telling.bQuiet);
-        report = TavroTrashSelection(entries, recording.Bind(bar.Callbacks(), Keeping));
+        report =
+            TavroTrashSelection(entries, recording.Bind(bar.Callbacks(), Keeping), {}, {}, Where);
     }
     // Recorded before it is printed: a reader that goes away must not cost the undo.
     exitCode = recording.End(TavroOperationOf(report));
@@ -210,6 +212,8 @@ void TavroAddTrash(CLI::App& App, TavroCommandTable& Table) {
     CLI::Option* names =
         TavroAddNames(*command, "ENTRY", 1, "What is trashed", "an entry to trash");
     const Options options = AddOptions(*command, *names);
+    CLI::Option* home = command->add_flag("--home", "To the home trash from other volumes too");
+    CLI::Option* noCopy = command->add_flag("--no-copy", "Fail instead of copying to the trash");
     CLI::Option* quiet = TavroAddQuiet(*command);
     const TavroKeepingOptions keeping = TavroAddKeeping(*command);
     Table[command] = [=] {
@@ -217,6 +221,6 @@ void TavroAddTrash(CLI::App& App, TavroCommandTable& Table) {
         const bool bVerbose = !options.Verbose->empty();
         const bool bResult = bVerbose || (quiet->empty() && !asking.bForgiving);
         return RunTrash(TavroValues(names), asking, {!quiet->empty(), bVerbose, bResult},
-                        keeping.Keeping());
+                        {!home->empty(), !noCopy->empty()}, keeping.Keeping());
     };
 }

@@ -206,6 +206,9 @@ TavroFailure Batch::Move(TavroBatchStep& Step) {
     }
     const int error =
         TavroRenameNoReplace(from.Number(), from.Name.c_str(), to.Number(), to.Name.c_str());
+    if (error == EXDEV && m_hooks.bNeverCopy) {
+        return {TavroFailureKind::MustCopy, {}, Step.KnownAs()};
+    }
     failure = error == 0 ? Verify(Step, from, to) : MoveByCopying(Step, from, to);
     m_changes.Add(to.Directory);
     m_changes.Add(from.Directory);

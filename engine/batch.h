@@ -57,6 +57,8 @@ struct TavroBatchStep {
 
 /// What a batch does beside moving. Each may be empty.
 struct TavroBatchHooks {
+    bool bNeverCopy = false; ///< What would have to be copied is the failure MustCopy.
+
     /// Called once, when all is checked and before anything is moved; may change each `To`. A
     /// failure ends the batch.
     std::function<TavroFailure()> Prepare = {};

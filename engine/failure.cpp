@@ -55,6 +55,7 @@ constexpr Sentence sentences[] = {
     {Kind::RefuseMove, "Cannot move %p: %e%h"},
     {Kind::RefuseRename, "Cannot rename %p: %e%h"},
     {Kind::SelectedInside, "Cannot move %p to the trash: it is inside %o, which is selected too"},
+    {Kind::MustCopy, "Cannot move %p to the trash without copying it: its volume takes no trash"},
     {Kind::NoHome, "There is no trash: HOME is not set"},
     {Kind::TrashNeedsDirectory, "The trash needs a directory where %p is"},
     {Kind::CreateTrashDirectory, "Cannot create the trash directory %p: %e"},

@@ -54,6 +54,7 @@ enum class TavroFailureKind {
     RefuseMove,
     RefuseRename,
     SelectedInside,
+    MustCopy,
     // The trash.
     NoHome,
     TrashNeedsDirectory,

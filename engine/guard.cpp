@@ -1,5 +1,6 @@
 #include "guard.h"
 
+#include "mounts.h"
 #include "names.h"
 #include "trash_folders.h"
 
@@ -7,7 +8,6 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
-#include <limits>
 
 namespace {
 
@@ -105,41 +105,10 @@ std::string TavroGuard::ProtectWay(const std::string& Path, TavroRefusal Is, Tav
     return {};
 }
 
-namespace {
-
-/// The mount point of a line of /proc/self/mountinfo: its fifth field, where blanks and the like
-/// are a backslash and three octal digits.
-std::string MountPointOf(const std::string& Line) {
-    std::size_t at = 0;
-    for (int field = 1; field < 5; ++field) {
-        at = std::min(Line.find(' ', at), Line.size() - 1) + 1;
-    }
-    std::string path;
-    for (; at < Line.size() && Line[at] != ' '; ++at) {
-        if (Line[at] != '\\' || at + 3 >= Line.size()) {
-            path += Line[at];
-            continue;
-        }
-        const int value = (Line[at + 1] - '0') * 64 + (Line[at + 2] - '0') * 8 + Line[at + 3] - '0';
-        path += static_cast<char>(value);
-        at += 3;
-    }
-    return path;
-}
-
-} // namespace
-
 void TavroGuard::ReadMountPoints() {
-    TavroDescriptor file;
-    std::string lines;
     m_bMountPointsRead = true;
-    if (TavroOpenFile("/proc/self/mountinfo", file) != 0 ||
-        TavroReadFile(file.Number(), std::numeric_limits<std::size_t>::max(), lines) != 0) {
-        return;
-    }
-    for (std::size_t at = 0, end = 0; at < lines.size(); at = end + 1) {
-        end = std::min(lines.find('\n', at), lines.size());
-        m_mountPoints.push_back(MountPointOf(lines.substr(at, end - at)));
+    for (TavroMount& mount : TavroReadMounts()) {
+        m_mountPoints.push_back(std::move(mount.Point));
     }
     std::sort(m_mountPoints.begin(), m_mountPoints.end());
 }
@@ -177,6 +146,33 @@ TavroFailure TavroGuard::Refuse(const TavroPlace& Place, TavroRefusal Why,
     return {kinds[static_cast<int>(m_act)], Why, Place.Path(), std::move(Other)};
 }
 
+/// The trash of a volume is at its mount point.
+TavroFailure TavroGuard::CheckVolumeTrash(const TavroPlace& Place, bool bDirectory) {
+    static const std::string name = "/.Trash";
+    const std::string own = Place.OwnPath();
+    for (std::size_t at = own.find(name); at != std::string::npos; at = own.find(name, at + 1)) {
+        const std::string top = at == 0 ? "/" : own.substr(0, at);
+        if (!std::binary_search(m_mountPoints.begin(), m_mountPoints.end(), top)) {
+            continue;
+        }
+        for (const TavroTrashFolders& folders : TavroTrashFoldersOnVolume(top)) {
+            if (m_act == TavroAct::Trash && TavroIsBelow(folders.Root, own) &&
+                own != folders.Files && own != folders.Info) {
+                return Refuse(Place, TavroRefusal::InTrash);
+            }
+            if (bDirectory && (own == folders.Files || own == folders.Info)) {
+                return Refuse(Place, TavroRefusal::IsTrashDirectory);
+            }
+            if (bDirectory && (own == folders.Root || (own == TavroParentOf(folders.Root) &&
+                                                       TavroIsPresent(folders.Root)))) {
+                return Refuse(Place, own == folders.Root ? TavroRefusal::IsTrash
+                                                         : TavroRefusal::HoldsTrash);
+            }
+        }
+    }
+    return {};
+}
+
 TavroFailure TavroGuard::Check(const TavroPlace& Place, const struct stat& Status) {
     const bool bDirectory = S_ISDIR(Status.st_mode);
     const auto found = bDirectory || S_ISLNK(Status.st_mode)
@@ -188,11 +184,17 @@ TavroFailure TavroGuard::Check(const TavroPlace& Place, const struct stat& Statu
     if (m_act == TavroAct::Trash && IsInTrash(*Place.Directory)) {
         return Refuse(Place, TavroRefusal::InTrash);
     }
-    if (!bDirectory) {
+    const bool bMaybeTrash = Place.Name.rfind(".Trash", 0) == 0 ||
+                             Place.Directory->OwnPath.find("/.Trash") != std::string::npos;
+    if (!bDirectory && !bMaybeTrash) {
         return {};
     }
     if (!m_bMountPointsRead) {
         ReadMountPoints();
+    }
+    TavroFailure failure = bMaybeTrash ? CheckVolumeTrash(Place, bDirectory) : TavroFailure();
+    if (failure || !bDirectory) {
+        return failure;
     }
     const std::string own = Place.OwnPath();
     const std::string* const mounted = MountPointIn(own);

@@ -1,7 +1,7 @@
 /// What is never trashed, moved, renamed or deleted, for every command: the root directory, the
 /// home directory, the trash, mount points, and whatever holds one of them. Directories are known
-/// by device and inode, so that no other path to them (a link, a bind mount) helps; mount points by
-/// their paths, as the kernel knows them.
+/// by device and inode, so that no other path to them (a link, a bind mount) helps; mount points,
+/// and the trashes at them, by their paths, as the kernel knows them.
 
 #ifndef TAVRO_ENGINE_GUARD_H
 #define TAVRO_ENGINE_GUARD_H
@@ -69,12 +69,13 @@ private:
     void ReadMountPoints();
     const std::string* MountPointIn(const std::string& Path) const;
     bool IsInTrash(const TavroDirectory& Directory) const;
+    TavroFailure CheckVolumeTrash(const TavroPlace& Place, bool bDirectory);
     TavroFailure Refuse(const TavroPlace& Place, TavroRefusal Why, std::string Other = "") const;
 
     TavroAct m_act;
     std::unordered_map<TavroIdentity, Protection> m_protected;
     std::vector<std::string> m_trash;       ///< The canonical paths of its directories.
-    std::vector<std::string> m_mountPoints; ///< In order, without the root.
+    std::vector<std::string> m_mountPoints; ///< In order.
     bool m_bMountPointsRead = false;
 };
 

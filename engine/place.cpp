@@ -173,7 +173,7 @@ int TavroPlaces::Keep(TavroDescriptor Opened, const std::string& Path,
                       std::shared_ptr<const TavroDirectory>& OutDirectory) {
     auto directory = std::make_shared<TavroDirectory>();
     struct stat status = {};
-    const int error = TavroStat(Opened.Number(), status);
+    const int error = TavroStatWithMount(Opened.Number(), status, directory->Mount);
     if (error != 0) {
         return error;
     }

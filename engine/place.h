@@ -20,8 +20,9 @@
 struct TavroDirectory {
     TavroDescriptor Descriptor;
     TavroIdentity Identity;
-    std::string Path;    ///< As it was asked for, for messages.
-    std::string OwnPath; ///< Absolute, with links resolved as far as they could be.
+    std::uint64_t Mount = 0; ///< The number of the mount on which it was opened.
+    std::string Path;        ///< As it was asked for, for messages.
+    std::string OwnPath;     ///< Absolute, with links resolved as far as they could be.
 
     /// The same, closed, for whoever knew it; TavroClosed makes it.
     mutable std::shared_ptr<const TavroDirectory> Closed = {};

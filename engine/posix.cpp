@@ -7,15 +7,18 @@
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <linux/magic.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/sysmacros.h>
 #include <sys/vfs.h>
+#include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -226,6 +229,79 @@ int TavroStatWithBirthAt(int Directory, const char* Name, struct stat& OutStatus
         OutBirth = bKnown ? TavroNanoseconds(TimeOf(more.stx_btime)) : 0;
     }
     return error;
+}
+
+namespace {
+
+/// By opening it: what is only looked at may be answered from memory.
+TavroPresence Look(const std::string& Path) {
+    const int opened = open(Path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (opened >= 0) {
+        close(opened);
+    }
+    return opened >= 0 || (errno != ENOENT && errno != ENOTDIR) || access(Path.c_str(), F_OK) == 0
+               ? TavroPresence::Present
+               : TavroPresence::Missing;
+}
+
+/// The child's work. It may outlive this process, so it keeps nothing open, no pipe to a reader and
+/// no lock.
+[[noreturn]] void LookAtEach(const std::vector<std::string>& Paths, std::size_t First,
+                             int Answers) {
+    dup2(Answers, 0);
+    close_range(1, ~0U, 0);
+    for (std::size_t i = First; i < Paths.size(); ++i) {
+        const TavroPresence found = Look(Paths[i]);
+        if (write(0, &found, sizeof found) != sizeof found) {
+            break;
+        }
+    }
+    _exit(0);
+}
+
+/// Reads answers until there are enough of them, or none comes in time.
+void ReadAnswers(int Answers, int Milliseconds, std::size_t Count,
+                 std::vector<TavroPresence>& OutFound) {
+    struct pollfd poll = {Answers, POLLIN, 0};
+    TavroPresence found = TavroPresence::Missing;
+    while (OutFound.size() < Count &&
+           Uninterrupted([&] { return ::poll(&poll, 1, Milliseconds); }) > 0 &&
+           Uninterrupted([&] { return read(Answers, &found, sizeof found); }) == sizeof found) {
+        OutFound.push_back(found);
+    }
+}
+
+} // namespace
+
+std::vector<TavroPresence> TavroLookInTime(const std::vector<std::string>& Paths,
+                                           int Milliseconds) {
+    std::vector<TavroPresence> found;
+    while (found.size() < Paths.size()) {
+        int ends[2] = {-1, -1};
+        if (pipe2(ends, O_CLOEXEC) != 0) {
+            found.push_back(Look(Paths[found.size()]));
+            continue;
+        }
+        TavroDescriptor answers(ends[0]);
+        TavroDescriptor child(ends[1]);
+        const pid_t process = fork();
+        if (process == 0) {
+            LookAtEach(Paths, found.size(), ends[1]);
+        }
+        child.Close();
+        if (process < 0) {
+            found.push_back(Look(Paths[found.size()]));
+            continue;
+        }
+        ReadAnswers(answers.Number(), Milliseconds, Paths.size(), found);
+        const bool bSilent = found.size() < Paths.size();
+        if (bSilent) {
+            kill(process, SIGKILL);
+            found.push_back(TavroPresence::Silent);
+        }
+        waitpid(process, nullptr, bSilent ? WNOHANG : 0);
+    }
+    return found;
 }
 
 int TavroAccessAt(int Directory, const char* Name, int Mode) {

@@ -81,6 +81,14 @@ int TavroStatWithMount(int Descriptor, struct stat& OutStatus, std::uint64_t& Ou
 int TavroStatWithBirthAt(int Directory, const char* Name, struct stat& OutStatus,
                          std::int64_t& OutBirth);
 
+/// What a look at a path told in time.
+enum class TavroPresence { Missing, Present, Silent };
+
+/// Looks whether there is something at each path, by a child process, which is left to itself when
+/// a file system does not answer it: nothing waits for it, not even the end of this process. A path
+/// after such a one has its own time.
+std::vector<TavroPresence> TavroLookInTime(const std::vector<std::string>& Paths, int Milliseconds);
+
 /// Whether this process may do so with a name: `Mode` is of R_OK, W_OK, X_OK. "." is the directory.
 /// A link is asked itself, and always says yes.
 int TavroAccessAt(int Directory, const char* Name, int Mode);

@@ -655,12 +655,13 @@ Settlement::FindRecords(const TavroPlace& Info, int Files, const std::set<std::s
     }
     TavroListing records;
     TavroListDirectory(Info.Number(), records);
+    const std::string base = TavroTrashFoldersOf(Info.Path()).Base;
     while (const char* name = records.Next()) {
         const std::optional<std::string> item = TavroItemOfRecord(name);
         if (!item || there.count(*item) != 0) {
             continue;
         }
-        const auto told = TavroReadRecord(Info.Number(), *item, TavroHomeDirectoryPath());
+        const auto told = TavroReadRecord(Info.Number(), *item, base);
         if (Items.count(*item) != 0 || (told && Origins.count(told->Path) != 0) ||
             ((!told || IsAmong(Origins, told->Path)) && IsBegun({Info.Directory, name}))) {
             found[*item] = told ? told->Path : "";

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <memory>
 #include <set>
 #include <string_view>
 #include <unordered_map>
@@ -19,6 +20,27 @@
 
 namespace {
 
+/// What a rename cannot leave: a device, and one of the mounts of it.
+struct Mount {
+    std::uint64_t Device = 0;
+    std::uint64_t Number = 0;
+
+    bool operator==(const Mount& Other) const {
+        return Device == Other.Device && Number == Other.Number;
+    }
+};
+
+/// That of an entry. It is the one of the directory that holds it; of one that is still to be made,
+/// where it will be.
+Mount MountOf(TavroPlaces& Places, std::string Path) {
+    TavroPlace place;
+    while (Places.Find(Path, place) && Path != TavroParentOf(Path)) {
+        Path = TavroParentOf(Path);
+    }
+    return place.Directory ? Mount{place.Directory->Identity.Device, place.Directory->Mount}
+                           : Mount();
+}
+
 /// Looks once at each entry of a selection, and says why it must not go.
 class SelectionCheck {
 public:
@@ -29,6 +51,7 @@ public:
 
     /// One an entry, in order, from its own path to nowhere; complete when there was no reason.
     std::vector<TavroBatchStep> Steps;
+    std::vector<Mount> Mounts; ///< Those on which they are.
 
 private:
     TavroFailure Look(const TavroOperationEntry& Entry);
@@ -50,6 +73,7 @@ std::vector<TavroFailure> SelectionCheck::Run() {
     Steps.reserve(m_entries.size());
     for (std::size_t i = 0; i < m_entries.size(); ++i) {
         Steps.push_back({});
+        Mounts.push_back({});
         reasons[i] = Look(m_entries[i]);
     }
     for (std::size_t i = 0; i < m_entries.size(); ++i) {
@@ -76,6 +100,7 @@ TavroFailure SelectionCheck::Look(const TavroOperationEntry& Entry) {
     TavroBatchStep& step = Steps.back();
     step.From = place.OwnPath();
     step.Seen = {place.Directory->Identity, TavroStateOf(status)};
+    Mounts.back() = {place.Directory->Identity.Device, place.Directory->Mount};
     if (S_ISDIR(status.st_mode)) {
         m_directories.insert(step.From);
     }
@@ -118,52 +143,100 @@ std::vector<TavroFailure> TavroCheckTrashable(const std::vector<TavroOperationEn
 
 namespace {
 
-/// What a rename cannot leave: a device, and one of the mounts of it.
-struct Mount {
-    std::uint64_t Device = 0;
-    std::uint64_t Number = 0;
+/// A trash that entries of an operation go to, and the names that they get there.
+struct Destination {
+    TavroOpenTrash Trash;
+    TavroTrashClaims Claims{Trash};
+    std::size_t Count = 0; ///< Of new records, and the item of one of them.
+    std::string Item;
 };
 
-/// The mount of the directory that holds an entry; of one that is still to be made, where it will
-/// be.
-Mount MountOf(TavroPlaces& Places, std::string Path) {
-    TavroPlace place;
-    while (Places.Find(Path, place) && Path != TavroParentOf(Path)) {
-        Path = TavroParentOf(Path);
+/// Finds the trash for what is on a mount.
+class Destinations {
+public:
+    explicit Destinations(bool bHome) : m_bHome(bHome) {}
+
+    TavroFailure Find(const Mount& Of, Destination*& OutTrash);
+    bool IsCopied(const Mount& Of) {
+        return !IsOfHome(Of) && OnVolume(Of) == nullptr;
     }
-    struct stat status = {};
-    Mount mount;
-    if (place.Directory) {
-        TavroStatWithMount(place.Number(), status, mount.Number);
-        mount.Device = status.st_dev;
+    bool IsOfHome(const Mount& Of);
+
+    std::vector<std::unique_ptr<Destination>> All;
+
+private:
+    Destination* OnVolume(const Mount& Of);
+
+    const bool m_bHome;
+    Mount m_homeMount;
+    Destination* m_home = nullptr;
+    std::vector<std::pair<Mount, Destination*>> m_volumes; ///< Null: it takes no trash.
+};
+
+bool Destinations::IsOfHome(const Mount& Of) {
+    if (m_homeMount == Mount()) {
+        TavroPlaces places;
+        m_homeMount = MountOf(places, TavroJoin(TavroFindTrashFolders().Files, "x"));
     }
-    return mount;
+    return Of == m_homeMount;
+}
+
+/// Null when the home trash takes it.
+Destination* Destinations::OnVolume(const Mount& Of) {
+    if (m_bHome || IsOfHome(Of)) {
+        return nullptr;
+    }
+    for (const auto& [mount, destination] : m_volumes) {
+        if (mount == Of) {
+            return destination;
+        }
+    }
+    auto found = std::make_unique<Destination>();
+    const bool bFound = found->Trash.OpenOnVolume(Of.Number, Of.Device);
+    m_volumes.emplace_back(Of, bFound ? found.get() : nullptr);
+    if (bFound) {
+        All.push_back(std::move(found));
+    }
+    return m_volumes.back().second;
+}
+
+TavroFailure Destinations::Find(const Mount& Of, Destination*& OutTrash) {
+    OutTrash = OnVolume(Of);
+    OutTrash = OutTrash != nullptr ? OutTrash : m_home;
+    if (OutTrash != nullptr) {
+        return {};
+    }
+    All.push_back(std::make_unique<Destination>());
+    OutTrash = m_home = All.back().get();
+    TavroFailure failure = TavroEnsurePrivateTrash();
+    return failure ? failure : m_home->Trash.Open();
 }
 
 } // namespace
 
-std::vector<TavroOperationEntry>
-TavroEntriesOnOtherDevices(const std::vector<TavroOperationEntry>& Entries) {
-    std::vector<TavroOperationEntry> others;
-    const TavroTrashFolders folders = TavroFindTrashFolders();
-    if (folders.Files.empty()) {
-        return others;
-    }
+std::vector<TavroOperationEntry> TavroEntriesToCopy(const std::vector<TavroOperationEntry>& Entries,
+                                                    const TavroTrashOptions& Options) {
+    Destinations destinations(Options.bHome);
+    std::vector<TavroOperationEntry> copied;
     TavroPlaces places;
-    const Mount trash = MountOf(places, TavroJoin(folders.Files, "x"));
-    Mount last;
-    std::string lastParent;
-    for (const TavroOperationEntry& entry : Entries) {
-        const std::string parent = TavroParentOf(entry.Path);
-        if (parent != lastParent) {
-            last = MountOf(places, entry.Path);
-            lastParent = parent;
-        }
-        if (last.Device != trash.Device || last.Number != trash.Number) {
-            others.push_back(entry);
+    std::string parent;
+    const auto isElsewhere = [&](const TavroOperationEntry& entry) {
+        const bool bSame = parent == TavroParentOf(entry.Path); // as that before
+        parent = TavroParentOf(entry.Path);
+        return !bSame && !destinations.IsOfHome(MountOf(places, entry.Path));
+    };
+    if (TavroFindTrashFolders().Root.empty() ||
+        std::none_of(Entries.begin(), Entries.end(), isElsewhere)) {
+        return copied;
+    }
+    SelectionCheck check(Entries);
+    const bool bMayGo = check.Run().empty();
+    for (std::size_t i = 0; i < Entries.size() && bMayGo; ++i) {
+        if (destinations.IsCopied(check.Mounts[i])) {
+            copied.push_back(Entries[i]);
         }
     }
-    return others;
+    return copied;
 }
 
 // =================================================================================================
@@ -191,22 +264,25 @@ void TellWhatIsLeft(const std::vector<TavroBatchStep>& Steps, EntryOf GiveEntry,
     }
 }
 
+/// The record of an item.
+std::string RecordOf(const std::string& Item) {
+    const std::string info = TavroJoin(TavroParentOf(TavroParentOf(Item)), "info");
+    return TavroJoin(info, TavroRecordName(TavroNameOf(Item)));
+}
+
 /// An entry as it lies in the trash.
-TavroTrashedEntry InTrash(const TavroTrashFolders& Folders, const TavroBatchStep& Step) {
-    const std::string record = TavroRecordName(TavroNameOf(Step.To));
+TavroTrashedEntry InTrash(const TavroBatchStep& Step) {
     const mode_t mode = Step.Seen->State.Mode;
-    return {
-        {Step.KnownAs(), Step.To, TavroJoin(Folders.Info, record), S_ISDIR(mode) || S_ISLNK(mode)},
-        Step.Arrived.Identity};
+    return {{Step.KnownAs(), Step.To, RecordOf(Step.To), S_ISDIR(mode) || S_ISLNK(mode)},
+            Step.Arrived.Identity};
 }
 
 /// What is trashed, as the history keeps it.
-std::vector<TavroStep> StepsOf(const TavroTrashFolders& Folders,
-                               const std::vector<TavroBatchStep>& Steps) {
+std::vector<TavroStep> StepsOf(const std::vector<TavroBatchStep>& Steps) {
     std::vector<TavroStep> steps;
     steps.reserve(Steps.size());
     for (const TavroBatchStep& step : Steps) {
-        TavroTrashEntry entry = InTrash(Folders, step).Entry;
+        TavroTrashEntry entry = InTrash(step).Entry;
         steps.push_back({TavroStepRole::Trashed, std::move(entry.OriginalPath),
                          std::move(entry.TrashPath), std::move(entry.InfoPath),
                          step.Seen->State.Identity, 0, 0, entry.bDirectory});
@@ -217,10 +293,10 @@ std::vector<TavroStep> StepsOf(const TavroTrashFolders& Folders,
 /// Entries on their way into the trash, each under a name that its record holds.
 class Trashing {
 public:
-    Trashing(const TavroOpenTrash& Trash, std::vector<TavroBatchStep>& Steps,
-             const TavroCallbacks& Callbacks)
-        : m_trash(Trash), m_claims(Trash), m_steps(Steps), m_callbacks(Callbacks) {}
+    Trashing(std::vector<TavroBatchStep>& Steps, bool bHome, const TavroCallbacks& Callbacks)
+        : m_all(bHome), m_steps(Steps), m_callbacks(Callbacks) {}
 
+    TavroFailure ChooseTrash(const std::vector<Mount>& Mounts);
     TavroFailure Prepare();
     TavroFailure Retry(std::size_t Index);
     TavroFailure AnnounceCopy(std::size_t Index, const TavroFileState& Made,
@@ -228,42 +304,58 @@ public:
     void Drop(std::size_t Index);
 
 private:
-    std::string Guess(const TavroBatchStep& Step) const;
+    std::string Guess(std::size_t Index) const;
     TavroFailure Claim(std::size_t Index);
-    TavroFailure Sync(std::size_t Count, std::size_t Last) const;
+    TavroFailure Sync() const;
     TavroFailure Announce(const std::vector<TavroBatchStep>& Steps) const;
 
-    const TavroOpenTrash& m_trash;
-    TavroTrashClaims m_claims;
+    Destinations m_all;
+    std::vector<Destination*> m_trashes; ///< One a step.
     std::vector<TavroBatchStep>& m_steps;
     const TavroCallbacks& m_callbacks;
 };
 
+TavroFailure Trashing::ChooseTrash(const std::vector<Mount>& Mounts) {
+    TavroFailure failure;
+    m_trashes.resize(m_steps.size());
+    for (std::size_t i = 0; i < m_steps.size() && !failure; ++i) {
+        TavroBatchStep& step = m_steps[i];
+        failure = m_all.Find(Mounts[i], m_trashes[i]);
+        const TavroTrashFolders& folders = m_trashes[i]->Trash.Folders;
+        step.To = TavroJoin(folders.Files, TavroNameOf(step.KnownAs()));
+        if (folders.bVolume) {
+            step.Holder = folders.Files;
+        }
+    }
+    return failure;
+}
+
 /// The name that an entry gets unless that is taken. For a single one it is looked up, so that
 /// nothing has to be told twice.
-std::string Trashing::Guess(const TavroBatchStep& Step) const {
+std::string Trashing::Guess(std::size_t Index) const {
     constexpr std::uint64_t enough = 100;
-    const std::string name = TavroNameOf(Step.KnownAs());
+    const TavroOpenTrash& trash = m_trashes[Index]->Trash;
+    const std::string name = TavroNameOf(m_steps[Index].KnownAs());
     struct stat status = {};
     std::string item;
     std::uint64_t number = 0;
     do {
         item = TavroNumberedName(name, number++, TavroLongestTrashName);
     } while (m_steps.size() == 1 && number < enough &&
-             TavroStatAt(m_trash.Info.Number(), TavroRecordName(item).c_str(), status) == 0);
-    return item;
+             TavroStatAt(trash.Info.Number(), TavroRecordName(item).c_str(), status) == 0);
+    return TavroJoin(trash.Folders.Files, item);
 }
 
 TavroFailure Trashing::Announce(const std::vector<TavroBatchStep>& Steps) const {
     return m_callbacks.BeforeActs && !Steps.empty()
-               ? m_callbacks.BeforeActs(TavroOperationKind::Trash, StepsOf(m_trash.Folders, Steps))
+               ? m_callbacks.BeforeActs(TavroOperationKind::Trash, StepsOf(Steps))
                : TavroFailure();
 }
 
 /// Tells of an entry that was copied into the trash and waits there under a hidden name.
 TavroFailure Trashing::AnnounceCopy(std::size_t Index, const TavroFileState& Made,
                                     const std::string& Staged) const {
-    std::vector<TavroStep> steps = StepsOf(m_trash.Folders, {m_steps[Index]});
+    std::vector<TavroStep> steps = StepsOf({m_steps[Index]});
     steps[0].Source = std::exchange(steps[0].Identity, Made.Identity);
     steps[0].Staged = Staged;
     return m_callbacks.BeforeActs ? m_callbacks.BeforeActs(TavroOperationKind::Trash, steps)
@@ -272,26 +364,34 @@ TavroFailure Trashing::AnnounceCopy(std::size_t Index, const TavroFileState& Mad
 
 TavroFailure Trashing::Claim(std::size_t Index) {
     TavroBatchStep& step = m_steps[Index];
-    std::string name;
-    TavroFailure failure = m_claims.Claim(TavroNameOf(step.KnownAs()), step.KnownAs(), name);
-    step.To = failure ? "" : TavroJoin(m_trash.Folders.Files, name);
+    Destination& trash = *m_trashes[Index];
+    TavroFailure failure =
+        trash.Claims.Claim(TavroNameOf(step.KnownAs()), step.KnownAs(), trash.Item);
+    step.To = failure ? "" : TavroJoin(trash.Trash.Folders.Files, trash.Item);
+    trash.Count += failure ? 0U : 1U;
     return failure;
 }
 
-TavroFailure Trashing::Sync(std::size_t Count, std::size_t Last) const {
-    const int error =
-        m_callbacks.bSync ? TavroSyncRecords(m_trash, Count, TavroNameOf(m_steps[Last].To)) : 0;
-    return error == 0 ? TavroFailure()
-                      : TavroFail(TavroFailureKind::WriteRecord, error, m_trash.Folders.Info);
+/// Brings the records that are new to the disk.
+TavroFailure Trashing::Sync() const {
+    for (const std::unique_ptr<Destination>& each : m_all.All) {
+        const std::size_t count = std::exchange(each->Count, 0);
+        const int error =
+            m_callbacks.bSync && count != 0 ? TavroSyncRecords(each->Trash, count, each->Item) : 0;
+        if (error != 0) {
+            return TavroFail(TavroFailureKind::WriteRecord, error, each->Trash.Folders.Info);
+        }
+    }
+    return {};
 }
 
 /// Tells what is going to be done, and claims a name for each entry. The records are on the disk
 /// before anything is moved.
 TavroFailure Trashing::Prepare() {
     std::vector<std::string> guesses;
-    for (TavroBatchStep& step : m_steps) {
-        guesses.push_back(TavroJoin(m_trash.Folders.Files, Guess(step)));
-        step.To = guesses.back();
+    for (std::size_t i = 0; i < m_steps.size(); ++i) {
+        guesses.push_back(Guess(i));
+        m_steps[i].To = guesses.back();
     }
     TavroFailure failure = Announce(m_steps);
     std::vector<TavroBatchStep> others;
@@ -304,7 +404,7 @@ TavroFailure Trashing::Prepare() {
             others.push_back(m_steps[i]);
         }
     }
-    failure = failure ? failure : Sync(m_steps.size(), 0);
+    failure = failure ? failure : Sync();
     return failure ? failure : Announce(others);
 }
 
@@ -312,13 +412,14 @@ TavroFailure Trashing::Prepare() {
 TavroFailure Trashing::Retry(std::size_t Index) {
     Drop(Index);
     TavroFailure failure = Claim(Index);
-    failure = failure ? failure : Sync(1, Index);
+    failure = failure ? failure : Sync();
     return failure ? failure : Announce({m_steps[Index]});
 }
 
 void Trashing::Drop(std::size_t Index) {
     if (!m_steps[Index].To.empty()) {
-        m_claims.Drop(TavroNameOf(m_steps[Index].KnownAs()), TavroNameOf(m_steps[Index].To));
+        m_trashes[Index]->Claims.Drop(TavroNameOf(m_steps[Index].KnownAs()),
+                                      TavroNameOf(m_steps[Index].To));
     }
 }
 
@@ -327,30 +428,29 @@ void Trashing::Drop(std::size_t Index) {
 TavroTrashReport TavroTrashSelection(const std::vector<TavroOperationEntry>& Entries,
                                      const TavroCallbacks& Callbacks,
                                      const std::vector<TavroIdentity>& Expected,
-                                     const std::vector<std::string>& Origins) {
+                                     const std::vector<std::string>& Origins,
+                                     const TavroTrashOptions& Options) {
     if (Entries.empty()) {
         return Failed({TavroFailureKind::NothingSelected});
     }
     SelectionCheck check(Entries);
     const std::vector<TavroFailure> reasons = check.Run();
-    TavroOpenTrash trash;
-    TavroFailure failure = reasons.empty() ? TavroEnsurePrivateTrash() : reasons.front();
-    failure = failure ? failure : trash.Open();
-    if (failure) {
-        return Failed(std::move(failure));
+    if (!reasons.empty() || TavroFindTrashFolders().Root.empty()) {
+        return Failed(reasons.empty() ? TavroFailure{TavroFailureKind::NoHome} : reasons.front());
     }
     std::vector<TavroBatchStep>& steps = check.Steps;
     for (std::size_t i = 0; i < Origins.size(); ++i) {
         steps[i].Origin = Origins[i];
     }
-    for (TavroBatchStep& step : steps) {
-        step.To = TavroJoin(trash.Folders.Files, TavroNameOf(step.KnownAs()));
-    }
     for (std::size_t i = 0; i < Expected.size(); ++i) {
         steps[i].Expected = Expected[i];
     }
-    Trashing trashing(trash, steps, Callbacks);
+    Trashing trashing(steps, Options.bHome, Callbacks);
+    if (TavroFailure failure = trashing.ChooseTrash(check.Mounts)) {
+        return Failed(std::move(failure));
+    }
     TavroBatchHooks hooks;
+    hooks.bNeverCopy = Options.bNeverCopy;
     hooks.Prepare = [&] { return trashing.Prepare(); };
     hooks.Retry = [&](std::size_t i) { return trashing.Retry(i); };
     hooks.Undone = [&](std::size_t i) { trashing.Drop(i); };
@@ -360,13 +460,13 @@ TavroTrashReport TavroTrashSelection(const std::vector<TavroOperationEntry>& Ent
     TavroTrashReport report;
     report.Batch = TavroRunBatch(steps, hooks, Callbacks);
     if (!report) {
-        const auto entryOf = [&](std::size_t i) { return InTrash(trash.Folders, steps[i]); };
-        TellWhatIsLeft(steps, entryOf, report);
+        TellWhatIsLeft(
+            steps, [&](std::size_t i) { return InTrash(steps[i]); }, report);
         return report;
     }
     report.Entries.reserve(steps.size());
     for (const TavroBatchStep& step : steps) {
-        report.Entries.push_back(InTrash(trash.Folders, step));
+        report.Entries.push_back(InTrash(step));
     }
     return report;
 }
@@ -429,11 +529,9 @@ TavroFailure AsOfTrash(TavroFailure Failure, const std::vector<TavroBatchStep>& 
 void RemoveRecords(const std::vector<TavroBatchStep>& Steps, TavroChanges& Changes) {
     TavroPlaces places;
     for (const TavroBatchStep& step : Steps) {
-        const std::string info = TavroJoin(TavroParentOf(TavroParentOf(step.From)), "info");
-        const std::string file = TavroRecordName(TavroNameOf(step.From));
         TavroPlace record;
         if (step.Arrived.Identity.Inode != 0 && !step.bCopyStays &&
-            !places.Find(TavroJoin(info, file), record)) {
+            !places.Find(RecordOf(step.From), record)) {
             TavroUnlinkAt(record.Number(), record.Name.c_str());
             Changes.Add(record.Directory);
         }
@@ -448,9 +546,7 @@ std::vector<TavroStep> StepsToRestore(const std::vector<TavroBatchStep>& Steps) 
     std::set<std::string, std::greater<>> missing; // inner ones first
     std::string present; // the directory that was there last: neighbours have the same
     for (const TavroBatchStep& step : Steps) {
-        const std::string info = TavroJoin(TavroParentOf(TavroParentOf(step.From)), "info");
-        steps.push_back({TavroStepRole::Trashed, step.To, step.From,
-                         TavroJoin(info, TavroRecordName(TavroNameOf(step.From))),
+        steps.push_back({TavroStepRole::Trashed, step.To, step.From, RecordOf(step.From),
                          step.Seen->State.Identity, 0, 0, step.Seen->State.IsDirectory()});
         std::string parent = TavroParentOf(step.To);
         while (parent != present && missing.count(parent) == 0 && !TavroIsPresent(parent)) {

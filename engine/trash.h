@@ -43,12 +43,21 @@ struct TavroTrashReport {
 /// @return one reason an entry that must not go, in order; empty when the selection may go.
 std::vector<TavroFailure> TavroCheckTrashable(const std::vector<TavroOperationEntry>& Entries);
 
-/// The entries of a selection that a rename cannot bring to the home trash, because they lie on
-/// another mount, so that trashing copies them. None when there is no home directory.
-std::vector<TavroOperationEntry>
-TavroEntriesOnOtherDevices(const std::vector<TavroOperationEntry>& Entries);
+/// Which trash takes what is on another mount than the home trash. That of its own volume, unless
+/// there can be none.
+struct TavroTrashOptions {
+    bool bHome = false;      ///< The home trash in any case.
+    bool bNeverCopy = false; ///< What cannot be renamed into the trash is the failure MustCopy.
+};
 
-/// Moves a selection to the home trash, all or nothing.
+/// The entries of a selection that no rename brings to a trash, so that trashing copies them to the
+/// home trash. Creates the trashes of volumes that the others go to. None when there is no home
+/// directory, or the selection may not go.
+std::vector<TavroOperationEntry> TavroEntriesToCopy(const std::vector<TavroOperationEntry>& Entries,
+                                                    const TavroTrashOptions& Options = {});
+
+/// Moves a selection to the trash, all or nothing: what is on the home trash's mount to that, and
+/// the rest each to the trash of its own volume, where there can be one.
 ///
 /// For each entry the record is created first, whole, and so holds its name for every program that
 /// keeps to the convention; then the entry is renamed into the trash without replacing anything. A
@@ -62,7 +71,8 @@ TavroEntriesOnOtherDevices(const std::vector<TavroOperationEntry>& Entries);
 TavroTrashReport TavroTrashSelection(const std::vector<TavroOperationEntry>& Entries,
                                      const TavroCallbacks& Callbacks,
                                      const std::vector<TavroIdentity>& Expected = {},
-                                     const std::vector<std::string>& Origins = {});
+                                     const std::vector<std::string>& Origins = {},
+                                     const TavroTrashOptions& Options = {});
 
 /// Puts trashed entries back, all or nothing, and removes their records when all are back.
 ///

@@ -61,7 +61,7 @@ std::optional<TavroTrashItem> ReadItem(const TavroOpenTrash& Trash,
         return std::nullopt;
     }
     std::optional<TavroTrashRecord> record =
-        TavroReadRecord(Trash.Info.Number(), Name, Trash.Folders.Home);
+        TavroReadRecord(Trash.Info.Number(), Name, Trash.Folders.Base);
     if (!record) {
         return std::nullopt;
     }
@@ -80,8 +80,8 @@ std::optional<TavroTrashItem> ReadItem(const TavroOpenTrash& Trash,
 }
 
 bool IsListedBefore(const TavroTrashItem& A, const TavroTrashItem& B) {
-    return std::tie(B.DeletionDate, B.RecordTime, A.Name) <
-           std::tie(A.DeletionDate, A.RecordTime, B.Name);
+    return std::tie(B.DeletionDate, B.RecordTime, A.Name, A.Folders->Root) <
+           std::tie(A.DeletionDate, A.RecordTime, B.Name, B.Folders->Root);
 }
 
 TavroFailure ListItems(const TavroOpenTrash& Trash, bool bMeasure,
@@ -90,7 +90,7 @@ TavroFailure ListItems(const TavroOpenTrash& Trash, bool bMeasure,
     const auto folders = std::make_shared<const TavroTrashFolders>(Trash.Folders);
     std::vector<std::string> names;
     TavroFailure failure = ListRecords(Trash, names);
-    OutItems.reserve(names.size());
+    OutItems.reserve(OutItems.size() + names.size());
     for (const std::string& name : names) {
         if (ShouldCancel && ShouldCancel()) {
             failure = {TavroFailureKind::Cancelled};
@@ -110,14 +110,13 @@ TavroFailure ListItems(const TavroOpenTrash& Trash, bool bMeasure,
         }
         OutItems.push_back(std::move(*item));
     }
-    std::sort(OutItems.begin(), OutItems.end(), IsListedBefore);
     return failure;
 }
 
 } // namespace
 
 std::string TavroTrashItem::TrashPath() const {
-    return TavroJoin(Folders->Files, Name);
+    return TavroJoin(Folders ? Folders->Files : TavroFindTrashFolders().Files, Name);
 }
 
 TavroTrashedEntry TavroTrashItem::Trashed() const {
@@ -126,26 +125,42 @@ TavroTrashedEntry TavroTrashItem::Trashed() const {
 }
 
 TavroFailure TavroListTrash(bool bMeasure, const std::function<bool()>& ShouldCancel,
-                            std::vector<TavroTrashItem>& OutItems) {
-    TavroOpenTrash trash;
+                            std::vector<TavroTrashItem>& OutItems,
+                            const TavroWhichTrashes& Trashes) {
+    TavroFailure first;
     OutItems.clear();
-    TavroFailure failure = trash.Open();
-    return failure ? failure : ListItems(trash, bMeasure, ShouldCancel, OutItems);
+    for (const TavroTrashFolders& folders : Trashes) {
+        TavroOpenTrash trash;
+        TavroFailure failure = trash.Open(folders);
+        failure = failure ? failure : ListItems(trash, bMeasure, ShouldCancel, OutItems);
+        first = first ? first : failure;
+        if (failure.Kind == TavroFailureKind::Cancelled) {
+            first = std::move(failure);
+            break;
+        }
+    }
+    std::sort(OutItems.begin(), OutItems.end(), IsListedBefore);
+    return first;
 }
 
-std::uint64_t TavroCountUnlistedItems(const std::vector<TavroTrashItem>& Listed) {
-    TavroOpenTrash trash;
-    std::vector<std::string> names;
-    if (trash.Open() || ListNames(trash.Files, trash.Folders.Files, names)) {
-        return 0;
-    }
+std::uint64_t TavroCountUnlistedItems(const std::vector<TavroTrashItem>& Listed,
+                                      const TavroWhichTrashes& Trashes) {
     std::unordered_set<std::string> listed;
     for (const TavroTrashItem& item : Listed) {
-        listed.insert(item.Name);
+        listed.insert(item.TrashPath());
     }
-    return static_cast<std::uint64_t>(
-        std::count_if(names.begin(), names.end(),
-                      [&](const std::string& name) { return listed.count(name) == 0; }));
+    std::uint64_t count = 0;
+    for (const TavroTrashFolders& folders : Trashes) {
+        TavroOpenTrash trash;
+        std::vector<std::string> names;
+        if (!trash.Open(folders)) {
+            ListNames(trash.Files, folders.Files, names);
+        }
+        for (const std::string& name : names) {
+            count += 1 - listed.count(TavroJoin(folders.Files, name));
+        }
+    }
+    return count;
 }
 
 // =================================================================================================
@@ -154,10 +169,10 @@ std::uint64_t TavroCountUnlistedItems(const std::vector<TavroTrashItem>& Listed)
 
 TavroFailure TavroTrashIndex::List() {
     m_bListed = true;
-    TavroFailure failure = ListItems(m_trash, false, {}, m_items);
+    TavroFailure failure = TavroListTrash(false, {}, m_items, m_trashes);
     for (std::size_t i = 0; i < m_items.size(); ++i) {
         const TavroTrashItem& item = m_items[i];
-        m_byName[item.Name] = i;
+        m_byTrashPath[item.TrashPath()] = i;
         m_byPath[item.OriginalPath].insert(i);
         m_pathsByName[TavroNameOf(item.OriginalPath)].insert(item.OriginalPath);
     }
@@ -165,8 +180,8 @@ TavroFailure TavroTrashIndex::List() {
 }
 
 void TavroTrashIndex::Drop(const TavroTrashItem& Item) {
-    const auto known = m_byName.find(Item.Name);
-    if (known == m_byName.end()) {
+    const auto known = m_byTrashPath.find(Item.TrashPath());
+    if (known == m_byTrashPath.end()) {
         return;
     }
     const std::string& path = m_items[known->second].OriginalPath;
@@ -176,7 +191,44 @@ void TavroTrashIndex::Drop(const TavroTrashItem& Item) {
         m_byPath.erase(samePath);
         m_pathsByName[TavroNameOf(path)].erase(path);
     }
-    m_byName.erase(known);
+    m_byTrashPath.erase(known);
+}
+
+namespace {
+
+/// "'a', 'b'"
+std::string Listed(const std::set<std::string>& Paths) {
+    std::string text;
+    for (const std::string& path : Paths) {
+        text += (text.empty() ? "'" : ", '") + path + "'";
+    }
+    return text;
+}
+
+} // namespace
+
+/// The item of a name in the trash. Several trashes can have one.
+TavroFailure TavroTrashIndex::FindByName(const std::string& Name,
+                                         std::optional<TavroTrashItem>& OutItem) {
+    std::set<std::string> places;
+    for (const TavroTrashFolders& folders : m_trashes) {
+        if (m_open.size() < m_trashes.size()) {
+            m_open.emplace_back();
+            if (TavroFailure failure = m_open.back().Open(folders)) {
+                return failure;
+            }
+        }
+    }
+    for (const TavroOpenTrash& trash : m_open) {
+        const auto folders = std::make_shared<const TavroTrashFolders>(trash.Folders);
+        if (std::optional<TavroTrashItem> item = ReadItem(trash, folders, Name)) {
+            places.insert(item->OriginalPath);
+            OutItem = std::move(item);
+        }
+    }
+    return places.size() < 2
+               ? TavroFailure()
+               : TavroFailure{TavroFailureKind::SeveralNamed, {}, Name, Listed(places)};
 }
 
 /// The newest one from any of the paths that a text can mean.
@@ -190,37 +242,38 @@ const TavroTrashItem* TavroTrashIndex::FindByPath(const std::string& Text) const
 }
 
 TavroFailure TavroTrashIndex::Find(const std::string& Text, TavroTrashItem& OutItem) {
-    TavroFailure failure = m_trash.Files.IsOpen() ? TavroFailure() : m_trash.Open();
-    if (!failure) {
-        const auto folders = std::make_shared<const TavroTrashFolders>(m_trash.Folders);
-        if (std::optional<TavroTrashItem> item = ReadItem(m_trash, folders, Text)) {
-            OutItem = std::move(*item);
-            return {};
-        }
-        failure = m_bListed ? TavroFailure() : List();
+    std::optional<TavroTrashItem> named;
+    TavroFailure failure = FindByName(Text, named);
+    if (!failure && named) {
+        OutItem = std::move(*named);
+        return {};
     }
+    failure = failure || m_bListed ? failure : List();
     if (failure) {
         return failure;
     }
     const TavroTrashItem* found = FindByPath(Text);
-    const auto named = m_pathsByName.find(Text.substr(0, Text.find_last_not_of('/') + 1));
-    if (found == nullptr && named != m_pathsByName.end() && named->second.size() == 1) {
-        found = &m_items[*m_byPath.at(*named->second.begin()).begin()];
+    const auto paths = m_pathsByName.find(Text.substr(0, Text.find_last_not_of('/') + 1));
+    const std::set<std::string> places =
+        paths == m_pathsByName.end() ? std::set<std::string>() : paths->second;
+    if (found == nullptr && places.size() == 1) {
+        found = &m_items[*m_byPath.at(*places.begin()).begin()];
     }
     if (found != nullptr) {
         OutItem = *found;
         return {};
     }
-    std::string places;
-    if (named != m_pathsByName.end()) {
-        for (const std::string& place : named->second) {
-            places += (places.empty() ? "'" : ", '") + place + "'";
+    for (const TavroOpenTrash& trash : m_open) {
+        struct stat status = {};
+        if (places.empty() && IsPlainName(Text) &&
+            TavroStatAt(trash.Files.Number(), Text.c_str(), status) == 0) {
+            return {TavroFailureKind::OriginUnknown, {}, TavroJoin(trash.Folders.Files, Text)};
         }
     }
     return {places.empty() ? TavroFailureKind::NotInTrash : TavroFailureKind::SeveralNamed,
             {},
             Text,
-            places};
+            Listed(places)};
 }
 
 // =================================================================================================
@@ -246,9 +299,8 @@ public:
     explicit Emptying(const TavroCallbacks& Callbacks, bool bGoesOn = false)
         : m_callbacks(Callbacks), m_bGoesOn(bGoesOn) {}
 
-    TavroFailure Open();
+    TavroFailure Open(const TavroTrashFolders& Which);
     TavroFailure ListRecorded(std::vector<std::string>& OutNames) const;
-    TavroFailure Announce(std::vector<TavroStep> Steps) const;
     TavroStep StepOf(const TavroTrashItem& Item) const;
     TavroStep StepOfAll() const;
     std::vector<TavroTrashItem> ItemsOf(const std::vector<TavroStep>& Steps) const;
@@ -272,27 +324,24 @@ private:
     TavroGuard m_guard{TavroAct::Delete};
 };
 
-TavroFailure Emptying::Open() {
+TavroFailure Emptying::Open(const TavroTrashFolders& Which) {
     TavroPlaces places;
-    TavroFailure failure = m_trash.Open();
+    struct stat status = {};
+    TavroFailure failure = m_trash.Open(Which);
     if (!failure && m_trash.Files.IsOpen()) {
         failure = places.Find(TavroJoin(m_trash.Folders.Files, "item"), m_item);
         failure.Path = m_trash.Folders.Files;
+    }
+    if (!failure && m_item.Directory &&
+        (TavroStat(m_trash.Files.Number(), status) != 0 ||
+         TavroIdentityOf(status) != m_item.Directory->Identity)) {
+        failure = TavroFail(TavroFailureKind::ReadTrash, ESTALE, m_trash.Folders.Files);
     }
     return failure;
 }
 
 TavroFailure Emptying::ListRecorded(std::vector<std::string>& OutNames) const {
     return ListRecords(m_trash, OutNames);
-}
-
-/// Tells what goes, unless it is nothing.
-TavroFailure Emptying::Announce(std::vector<TavroStep> Steps) const {
-    const auto isNothing = [](const TavroStep& step) { return step.Identity.Inode == 0; };
-    Steps.erase(std::remove_if(Steps.begin(), Steps.end(), isNothing), Steps.end());
-    return m_callbacks.BeforeActs && !Steps.empty()
-               ? m_callbacks.BeforeActs(TavroOperationKind::Empty, Steps)
-               : TavroFailure();
 }
 
 TavroStep Emptying::StepOf(const TavroTrashItem& Item) const {
@@ -325,7 +374,7 @@ std::vector<std::string> Emptying::NamesFrom(std::int64_t Before) const {
     std::vector<std::string> names;
     ListRecorded(names);
     const auto isLater = [&](const std::string& name) {
-        const auto record = TavroReadRecord(m_trash.Info.Number(), name, m_trash.Folders.Home);
+        const auto record = TavroReadRecord(m_trash.Info.Number(), name, m_trash.Folders.Base);
         return !record || record->WrittenAt >= Before;
     };
     names.erase(std::remove_if(names.begin(), names.end(), isLater), names.end());
@@ -372,9 +421,8 @@ template <typename Items> TavroFailure Emptying::RemoveEach(const Items& All) {
         first = first ? first : failure;
     }
     const int error = m_callbacks.bSync ? Sync() : 0;
-    return first || error == 0
-               ? first
-               : TavroFail(TavroFailureKind::Remove, error, TavroFindTrashFolders().Files);
+    return first || error == 0 ? first
+                               : TavroFail(TavroFailureKind::Remove, error, m_trash.Folders.Files);
 }
 
 TavroFailure Emptying::Remove(const TavroTrashItem& Item) {
@@ -405,7 +453,7 @@ TavroFailure Emptying::Remove(const TavroTrashItem& Item) {
 TavroFailure Emptying::Remove(const std::string& Name) {
     struct stat status = {};
     if (!m_item.Directory || !IsPlainName(Name) ||
-        !TavroReadRecord(m_trash.Info.Number(), Name, m_trash.Folders.Home)) {
+        !TavroReadRecord(m_trash.Info.Number(), Name, m_trash.Folders.Base)) {
         return {};
     }
     m_item.Name = Name;
@@ -451,46 +499,130 @@ bool Emptying::IsClaimedByOther(const TavroTrashItem& Item) const {
            TavroNanoseconds(status.st_mtim) != Item.RecordTime;
 }
 
+/// Tells what goes, unless it is nothing.
+TavroFailure Announce(const TavroCallbacks& Callbacks, std::vector<TavroStep> Steps) {
+    const auto isNothing = [](const TavroStep& step) { return step.Identity.Inode == 0; };
+    Steps.erase(std::remove_if(Steps.begin(), Steps.end(), isNothing), Steps.end());
+    return Callbacks.BeforeActs && !Steps.empty()
+               ? Callbacks.BeforeActs(TavroOperationKind::Empty, Steps)
+               : TavroFailure();
+}
+
+/// One trash, and what goes from it.
+template <typename Item> struct Part {
+    TavroTrashFolders Folders;
+    std::vector<Item> Items = {};
+    std::unique_ptr<Emptying> Work = {};
+};
+
+/// The part of a trash among others.
+template <typename Item>
+Part<Item>& PartOf(std::vector<Part<Item>>& Parts, const TavroTrashFolders& Folders) {
+    const auto found = std::find_if(Parts.begin(), Parts.end(), [&](const Part<Item>& part) {
+        return part.Folders.Root == Folders.Root;
+    });
+    return found != Parts.end() ? *found : (Parts.push_back({Folders}), Parts.back());
+}
+
+template <typename Item>
+TavroFailure OpenEach(std::vector<Part<Item>>& Parts, const TavroCallbacks& Callbacks,
+                      bool bGoesOn = false) {
+    TavroFailure failure;
+    for (Part<Item>& part : Parts) {
+        part.Work = std::make_unique<Emptying>(Callbacks, bGoesOn);
+        failure = failure ? failure : part.Work->Open(part.Folders);
+    }
+    return failure;
+}
+
+template <typename Item> TavroFailure RemoveAll(const std::vector<Part<Item>>& Parts) {
+    TavroFailure first;
+    for (const Part<Item>& part : Parts) {
+        TavroFailure failure = part.Work->RemoveEach(part.Items);
+        first = first ? first : failure;
+        if (failure.Kind == TavroFailureKind::Cancelled) {
+            return failure;
+        }
+    }
+    return first;
+}
+
 } // namespace
 
 TavroFailure TavroRemoveFromTrash(const std::vector<TavroTrashItem>& Items,
                                   const TavroCallbacks& Callbacks) {
-    Emptying emptying(Callbacks);
-    TavroFailure failure = emptying.Open();
+    std::vector<Part<std::reference_wrapper<const TavroTrashItem>>> parts;
+    for (const TavroTrashItem& item : Items) {
+        PartOf(parts, item.Folders ? *item.Folders : TavroFindTrashFolders())
+            .Items.emplace_back(item);
+    }
+    TavroFailure failure = OpenEach(parts, Callbacks);
     if (!failure && Callbacks.BeforeActs) {
         std::vector<TavroStep> steps;
         steps.reserve(Items.size());
-        for (const TavroTrashItem& item : Items) {
-            steps.push_back(emptying.StepOf(item));
+        for (const auto& part : parts) {
+            for (const TavroTrashItem& item : part.Items) {
+                steps.push_back(part.Work->StepOf(item));
+            }
         }
-        failure = emptying.Announce(std::move(steps));
+        failure = Announce(Callbacks, std::move(steps));
     }
-    return failure ? failure : emptying.RemoveEach(Items);
+    return failure ? failure : RemoveAll(parts);
 }
 
-TavroFailure TavroEmptyTrash(const TavroCallbacks& Callbacks) {
-    Emptying emptying(Callbacks);
-    std::vector<std::string> names;
-    TavroFailure failure = emptying.Open();
-    failure = failure ? failure : emptying.ListRecorded(names);
-    failure = failure || names.empty() ? failure : emptying.Announce({emptying.StepOfAll()});
-    return failure ? failure : emptying.RemoveEach(names);
+TavroFailure TavroEmptyTrash(const TavroCallbacks& Callbacks, const TavroWhichTrashes& Trashes) {
+    std::vector<Part<std::string>> parts;
+    std::vector<TavroStep> steps;
+    for (const TavroTrashFolders& folders : Trashes) {
+        parts.push_back({folders});
+    }
+    TavroFailure failure = OpenEach(parts, Callbacks);
+    for (Part<std::string>& part : parts) {
+        failure = failure ? failure : part.Work->ListRecorded(part.Items);
+        if (!failure && !part.Items.empty()) {
+            steps.push_back(part.Work->StepOfAll());
+        }
+    }
+    failure = failure ? failure : Announce(Callbacks, std::move(steps));
+    return failure ? failure : RemoveAll(parts);
 }
+
+namespace {
+
+/// The trash of a step, which is about an item, or about all.
+TavroTrashFolders FoldersOf(const TavroStep& Step) {
+    TavroTrashFolders folders = TavroTrashFoldersOf(Step.From);
+    return folders.bVolume ? folders : TavroTrashFoldersOf(TavroJoin(Step.From, "item"));
+}
+
+/// Goes on in one trash.
+TavroFailure FinishPart(Emptying& Work, const std::vector<TavroStep>& Steps) {
+    const std::string all = Work.StepOfAll().From;
+    if (all.empty()) {
+        return {};
+    }
+    if (Steps[0].From == all) {
+        return Work.RemoveEach(Work.NamesFrom(Steps[0].ChangeTime));
+    }
+    return TavroParentOf(Steps[0].From) == all
+               ? Work.RemoveEach(Work.ItemsOf(Steps))
+               : TavroFailure{TavroFailureKind::NotInTrash, {}, Steps[0].From};
+}
+
+} // namespace
 
 TavroFailure TavroFinishEmptying(const std::vector<TavroStep>& Steps,
                                  const TavroCallbacks& Callbacks) {
-    Emptying emptying(Callbacks, true);
-    TavroFailure failure = emptying.Open();
-    const std::string all = emptying.StepOfAll().From;
-    if (failure || Steps.empty() || all.empty()) {
-        return failure;
+    std::vector<Part<TavroStep>> parts;
+    for (const TavroStep& step : Steps) {
+        PartOf(parts, FoldersOf(step)).Items.push_back(step);
     }
-    if (Steps[0].From == all) {
-        return emptying.RemoveEach(emptying.NamesFrom(Steps[0].ChangeTime));
+    TavroFailure first = OpenEach(parts, Callbacks, true);
+    for (const Part<TavroStep>& part : parts) {
+        TavroFailure failure = first ? first : FinishPart(*part.Work, part.Items);
+        first = first ? first : failure;
     }
-    return TavroParentOf(Steps[0].From) == all
-               ? emptying.RemoveEach(emptying.ItemsOf(Steps))
-               : TavroFailure{TavroFailureKind::NotInTrash, {}, Steps[0].From};
+    return first;
 }
 
 std::vector<TavroTrashItem> TavroItemsOlderThan(std::vector<TavroTrashItem> Items, int Days) {
@@ -508,12 +640,14 @@ std::vector<TavroTrashItem> TavroItemsOlderThan(std::vector<TavroTrashItem> Item
 // Examining and mending
 // =================================================================================================
 
-TavroFailure TavroExamineTrash(std::vector<TavroTrashFinding>& OutFindings) {
+namespace {
+
+TavroFailure Examine(const TavroTrashFolders& Folders,
+                     std::vector<TavroTrashFinding>& OutFindings) {
     TavroOpenTrash trash;
     std::vector<std::string> records;
     std::vector<std::string> items;
-    OutFindings.clear();
-    TavroFailure failure = trash.Open();
+    TavroFailure failure = trash.Open(Folders);
     failure = failure ? failure : ListRecords(trash, records);
     failure = failure ? failure : ListNames(trash.Files, trash.Folders.Files, items);
     if (failure) {
@@ -529,13 +663,25 @@ TavroFailure TavroExamineTrash(std::vector<TavroTrashFinding>& OutFindings) {
     }
     for (const std::string& name : records) {
         const std::string path = TavroJoin(trash.Folders.Info, TavroRecordName(name));
-        if (!TavroReadRecord(trash.Info.Number(), name, trash.Folders.Home)) {
+        if (!TavroReadRecord(trash.Info.Number(), name, trash.Folders.Base)) {
             OutFindings.push_back({TavroTrashFault::UnreadableRecord, path});
         } else if (!std::binary_search(items.begin(), items.end(), name)) {
             OutFindings.push_back({TavroTrashFault::RecordWithoutItem, path});
         }
     }
     return {};
+}
+
+} // namespace
+
+TavroFailure TavroExamineTrash(std::vector<TavroTrashFinding>& OutFindings,
+                               const TavroWhichTrashes& Trashes) {
+    TavroFailure failure;
+    OutFindings.clear();
+    for (const TavroTrashFolders& folders : Trashes) {
+        failure = failure ? failure : Examine(folders, OutFindings);
+    }
+    return failure;
 }
 
 std::string TavroDescribe(const TavroTrashFinding& Finding) {
@@ -562,10 +708,12 @@ std::optional<std::string> ItemNameOf(const TavroTrashFinding& Finding,
 /// Gives an item a record as of the home directory, and before that, if need be, a name that leaves
 /// room for the record's.
 TavroFailure RecordAnew(const TavroOpenTrash& Trash, const std::string& Name) {
-    const std::string original = TavroJoin(Trash.Folders.Home, Name);
+    const std::string original = TavroJoin(Trash.Folders.Base, Name);
     mode_t mode = 0;
     if (Name.size() <= TavroLongestTrashName) {
-        return TavroCreateRecord(Trash, Name, TavroRecordText(original, std::time(nullptr)), mode);
+        const std::string text =
+            TavroRecordText(TavroRecordedPath(Trash.Folders, original), std::time(nullptr));
+        return TavroCreateRecord(Trash, Name, text, mode);
     }
     TavroTrashClaims claims(Trash);
     std::string shorter;
@@ -602,7 +750,7 @@ TavroFailure SetAside(const TavroOpenTrash& Trash, const std::string& Name) {
 
 TavroFailure TavroMendTrash(const TavroTrashFinding& Finding) {
     TavroOpenTrash trash;
-    TavroFailure failure = trash.Open();
+    TavroFailure failure = trash.Open(TavroTrashFoldersOf(Finding.Path));
     const std::optional<std::string> name = ItemNameOf(Finding, trash.Folders);
     if (!name || failure.Kind == TavroFailureKind::NoHome) {
         return {TavroFailureKind::NotInTrash, {}, Finding.Path};
@@ -622,7 +770,7 @@ TavroFailure TavroMendTrash(const TavroTrashFinding& Finding) {
         return error != 0 || bRecord ? TavroFailure() : RecordAnew(trash, *name);
     }
     if (!bRecord ||
-        (error == 0 && TavroReadRecord(trash.Info.Number(), *name, trash.Folders.Home))) {
+        (error == 0 && TavroReadRecord(trash.Info.Number(), *name, trash.Folders.Base))) {
         return {};
     }
     if (error != 0) {

@@ -1,4 +1,4 @@
-/// Looking into the home trash, whoever put something there.
+/// Looking into the trash, whoever put something there: the home trash unless other ones are given.
 
 #ifndef TAVRO_ENGINE_TRASH_CONTENTS_H
 #define TAVRO_ENGINE_TRASH_CONTENTS_H
@@ -19,7 +19,7 @@ struct TavroTrashItem {
     std::string Name; ///< Its name in the trash's `files` directory.
 
     /// Where it was: the record's path, decoded. Absolute: a relative one is taken against the home
-    /// directory.
+    /// directory, or the mount point of the volume.
     std::string OriginalPath;
 
     /// Local time, 2024-03-05T14:07:09. Empty when the record has no date that can be read.
@@ -33,11 +33,14 @@ struct TavroTrashItem {
     std::int64_t ChangeTime = 0; ///< In nanoseconds since 1970, as is the next.
     std::int64_t RecordTime = 0; ///< When its record was written.
 
-    std::shared_ptr<const TavroTrashFolders> Folders; ///< The trash that it is in.
+    std::shared_ptr<const TavroTrashFolders> Folders; ///< Of its trash; none: the home trash.
 
     std::string TrashPath() const;
     TavroTrashedEntry Trashed() const; ///< For TavroRestoreSelection.
 };
+
+/// Which trashes are meant.
+using TavroWhichTrashes = std::vector<TavroTrashFolders>;
 
 /// Lists the trash, newest first; of entries of the same second the one whose record was written
 /// last is the first, then they go by name. Those without a date are last.
@@ -46,25 +49,32 @@ struct TavroTrashItem {
 /// @param ShouldCancel  as for TavroMeasureEntry; a cancelled list is returned as far as it got,
 ///                      without an item that is measured in part.
 /// @param OutItems      cleared first. A trash that does not exist is empty.
-/// @return no failure, NoHome, ReadTrash, or Cancelled.
+/// @return no failure, NoHome, ReadTrash with the others in the list, or Cancelled.
 TavroFailure TavroListTrash(bool bMeasure, const std::function<bool()>& ShouldCancel,
-                            std::vector<TavroTrashItem>& OutItems);
+                            std::vector<TavroTrashItem>& OutItems,
+                            const TavroWhichTrashes& Trashes = {TavroFindTrashFolders()});
 
 /// How many items are in the trash that are not among these: those that a list passes over, because
 /// they have no record that can be read. 0 when the trash cannot be read.
-std::uint64_t TavroCountUnlistedItems(const std::vector<TavroTrashItem>& Listed);
+std::uint64_t TavroCountUnlistedItems(const std::vector<TavroTrashItem>& Listed,
+                                      const TavroWhichTrashes& Trashes = {TavroFindTrashFolders()});
 
 /// Finds items by what a person types. Names in the trash are looked up; the trash is listed once,
 /// for the first text that is none.
 class TavroTrashIndex {
 public:
+    explicit TavroTrashIndex(TavroWhichTrashes Trashes = {TavroFindTrashFolders()})
+        : m_trashes(std::move(Trashes)) {}
+
     /// Finds the item of that name in the trash; or the newest one whose original path that is
     /// (absolute, or relative to the current directory); or the only one whose original name that
     /// is. Of several of that name from one place, it is the newest.
     ///
     /// @param OutItem  set after success only.
-    /// @return no failure; NotInTrash; SeveralNamed, when items of that original name came from
-    ///         different places, with these as `Other`; or as TavroListTrash.
+    /// @return no failure; NotInTrash; OriginUnknown, for one without a record that can be read;
+    ///         SeveralNamed, when items of that original name, or of that
+    ///         name in several trashes, came from different places, with these as `Other`; or as
+    ///         TavroListTrash.
     TavroFailure Find(const std::string& Text, TavroTrashItem& OutItem);
 
     /// An item is not in the trash any more.
@@ -72,12 +82,14 @@ public:
 
 private:
     TavroFailure List();
+    TavroFailure FindByName(const std::string& Name, std::optional<TavroTrashItem>& OutItem);
     const TavroTrashItem* FindByPath(const std::string& Text) const;
 
-    TavroOpenTrash m_trash;
+    TavroWhichTrashes m_trashes;
+    std::vector<TavroOpenTrash> m_open;
     bool m_bListed = false;
     std::vector<TavroTrashItem> m_items; ///< Newest first.
-    std::unordered_map<std::string, std::size_t> m_byName;
+    std::unordered_map<std::string, std::size_t> m_byTrashPath;
     std::unordered_map<std::string, std::set<std::size_t>> m_byPath;
     std::unordered_map<std::string, std::set<std::string>> m_pathsByName; ///< By original names.
 };
@@ -100,7 +112,8 @@ TavroFailure TavroRemoveFromTrash(const std::vector<TavroTrashItem>& Items,
 /// Removes every item that TavroListTrash would list, as TavroRemoveFromTrash does, but looks at
 /// none before: what takes the name of an item meanwhile goes in its place.
 /// @return as TavroRemoveFromTrash, or as TavroListTrash.
-TavroFailure TavroEmptyTrash(const TavroCallbacks& Callbacks);
+TavroFailure TavroEmptyTrash(const TavroCallbacks& Callbacks,
+                             const TavroWhichTrashes& Trashes = {TavroFindTrashFolders()});
 
 /// Goes on with either of these after an interruption, by the steps that BeforeActs was told. What
 /// was trashed since stays.
@@ -116,7 +129,8 @@ std::vector<TavroTrashItem> TavroItemsOlderThan(std::vector<TavroTrashItem> Item
 enum class TavroTrashFault {
     ItemWithoutRecord,
     RecordWithoutItem,
-    UnreadableRecord, ///< Empty, without a path, or not to be opened; its item may exist.
+    UnreadableRecord, ///< Without a path, or with `..` in it, or not to be opened; its item may
+                      ///< exist.
 };
 
 struct TavroTrashFinding {
@@ -126,16 +140,18 @@ struct TavroTrashFinding {
 
 /// Compares items and records. Changes nothing.
 ///
-/// @param OutFindings  cleared first; items before records, in the order of their names.
+/// @param OutFindings  cleared first; of each trash items before records, in the order of their
+///                     names.
 /// @return no failure, NoHome, or ReadTrash.
-TavroFailure TavroExamineTrash(std::vector<TavroTrashFinding>& OutFindings);
+TavroFailure TavroExamineTrash(std::vector<TavroTrashFinding>& OutFindings,
+                               const TavroWhichTrashes& Trashes = {TavroFindTrashFolders()});
 
 /// The sentence of a finding.
 std::string TavroDescribe(const TavroTrashFinding& Finding);
 
 /// Mends one finding without losing a byte of an item: an item without a record (or with an
-/// unreadable one) gets a record whose original path is NAME in the home directory; a record
-/// without an item is removed.
+/// unreadable one) gets a record whose original path is NAME in the home directory, or at the mount
+/// point of the volume; a record without an item is removed.
 ///
 /// An unreadable record that holds anything is set aside in the `info` directory under a name that
 /// no program reads. An item whose name leaves no room for a record's gets a shorter one, while the

@@ -1,4 +1,5 @@
-/// Where the home trash is, and that it is there.
+/// Where the trashes of this user are, at home and on other volumes, and that they are there. With
+/// TAVRO_TRASH=home those on other volumes are neither used nor looked for.
 
 #ifndef TAVRO_ENGINE_TRASH_FOLDERS_H
 #define TAVRO_ENGINE_TRASH_FOLDERS_H
@@ -7,33 +8,70 @@
 #include "posix.h"
 
 #include <string>
+#include <vector>
 
 /// The directories of a trash. Empty paths when there is none: `HOME` is unset or empty.
 struct TavroTrashFolders {
-    std::string Home;
+    std::string Base; ///< What relative paths in its records begin at: the home directory, or the
+                      ///< mount point of its volume.
     std::string Root;
     std::string Files;
     std::string Info;
+    bool bVolume = false; ///< Its records tell relative paths, and no link leads to it.
 };
 
+/// The home trash: `Trash` below `XDG_DATA_HOME` (when that is set and absolute) or else below
+/// `HOME/.local/share`.
 TavroTrashFolders TavroFindTrashFolders();
 
-/// Creates the directories of the home trash that are missing, readable by the user alone (mode
-/// 0700, whatever the umask). Directories above the trash get the mode that any new directory gets.
-/// Those that exist keep their mode.
+/// The trashes that this user may have on the volume with a mount point, the one to be used first.
+std::vector<TavroTrashFolders> TavroTrashFoldersOnVolume(const std::string& Top);
+
+/// The trash that has a file at `ROOT/files/NAME` or `ROOT/info/NAME`, by the path alone: the one
+/// of a volume, or else the home trash.
+TavroTrashFolders TavroTrashFoldersOf(const std::string& Path);
+
+/// Creates the directories of the home trash that are missing, and those above them, for the user
+/// alone (mode 0700, the trash itself whatever the umask). Those that exist keep their mode.
 ///
 /// @return no failure when they exist; NoHome, TrashNeedsDirectory, CreateTrashDirectory or
 ///         MakeTrashPrivate, with the path that is in the way or could not be created.
 TavroFailure TavroEnsurePrivateTrash();
 
-/// The home trash, open. Nothing is ever created here.
+/// A trash, open.
 struct TavroOpenTrash {
     TavroTrashFolders Folders;
     TavroDescriptor Files; ///< A directory that does not exist is not open.
     TavroDescriptor Info;
 
+    /// Creates nothing. The directories of a volume's trash are opened when they are the user's
+    /// own and no links: anybody can have prepared a volume.
+    ///
     /// @return no failure, NoHome, or ReadTrash with the path of what cannot be opened.
-    TavroFailure Open();
+    TavroFailure Open(TavroTrashFolders Which = TavroFindTrashFolders());
+
+    /// Opens the trash for what is on a mount other than the home trash's, and creates what is
+    /// missing of it: `.Trash/UID` at the mount point, where `.Trash` is a real directory with the
+    /// sticky bit, else `.Trash-UID`.
+    ///
+    /// @param Device  of what is to be renamed into it: a mount can show several.
+    /// @return false when there can be none.
+    bool OpenOnVolume(std::uint64_t Mount, std::uint64_t Device);
+
+private:
+    TavroFailure OpenOwn(bool bCreate);
 };
+
+/// The trashes that a person sees.
+struct TavroTrashes {
+    std::vector<TavroTrashFolders> Folders; ///< The home trash first, each trash once.
+    std::vector<std::string> Silent;        ///< Mount points that did not answer within a second.
+};
+
+/// Finds the home trash, there or not, and those of all other volumes that can be reached.
+///
+/// @param OnVolume  a path: only those on its mount. Empty: all.
+/// @return no failure, NoHome, or LookAt when there is nothing at that path.
+TavroFailure TavroFindTrashes(const std::string& OnVolume, TavroTrashes& OutTrashes);
 
 #endif

@@ -32,6 +32,11 @@ std::optional<std::string> TavroItemOfRecord(const std::string& File) {
 // Writing
 // =================================================================================================
 
+std::string TavroRecordedPath(const TavroTrashFolders& Trash, const std::string& Path) {
+    const bool bRelative = Trash.bVolume && TavroIsBelow(Trash.Base, Path);
+    return bRelative ? Path.substr(TavroJoin(Trash.Base, "").size()) : Path;
+}
+
 std::string TavroRecordText(const std::string& OriginalPath, std::time_t Time) {
     std::tm fields = {};
     std::array<char, 32> date = {};
@@ -92,7 +97,8 @@ constexpr int tries = 100;
 
 TavroFailure TavroTrashClaims::Claim(const std::string& Wanted, const std::string& OriginalPath,
                                      std::string& OutItem) {
-    const std::string text = TavroRecordText(OriginalPath, std::time(nullptr));
+    const std::string text =
+        TavroRecordText(TavroRecordedPath(m_trash.Folders, OriginalPath), std::time(nullptr));
     TavroFailure failure;
     for (int i = 0; i < tries; ++i) {
         const auto next = m_next.find(Wanted);
@@ -200,23 +206,24 @@ RawRecord SplitRecord(std::string_view Bytes) {
 } // namespace
 
 std::optional<TavroTrashRecord> TavroParseRecord(const std::string& Bytes,
-                                                 const std::string& Home) {
+                                                 const std::string& Base) {
     const RawRecord raw = SplitRecord(Bytes);
     std::string path = TavroPercentDecode(raw.Path.value_or(""));
     while (path.size() > 1 && path.back() == '/') {
         path.pop_back();
     }
     // No path holds a zero byte; what is before it would name another entry.
-    if (path.empty() || path.find('\0') != std::string::npos) {
+    const bool bUp = ('/' + path + '/').find("/../") != std::string::npos;
+    if (path.empty() || bUp || path.find('\0') != std::string::npos) {
         return std::nullopt;
     }
     const std::string date = raw.Date.value_or("");
-    return TavroTrashRecord{path.front() == '/' ? path : TavroJoin(Home, path),
+    return TavroTrashRecord{path.front() == '/' ? path : TavroJoin(Base, path),
                             FieldsOfDate(date) ? date.substr(0, 19) : std::string()};
 }
 
 std::optional<TavroTrashRecord> TavroReadRecord(int Info, const std::string& Item,
-                                                const std::string& Home) {
+                                                const std::string& Base) {
     constexpr std::size_t limit = std::size_t{64} << 10U;
     TavroDescriptor file;
     struct stat status = {};
@@ -234,7 +241,7 @@ std::optional<TavroTrashRecord> TavroReadRecord(int Info, const std::string& Ite
     }
     // Of a longer file the last line may be only a part of itself.
     bytes.resize(bytes.size() < limit ? bytes.size() : bytes.rfind('\n') + 1);
-    std::optional<TavroTrashRecord> record = TavroParseRecord(bytes, Home);
+    std::optional<TavroTrashRecord> record = TavroParseRecord(bytes, Base);
     if (record) {
         record->WrittenAt = TavroNanoseconds(status.st_mtim);
     }

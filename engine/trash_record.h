@@ -25,10 +25,13 @@ std::optional<std::string> TavroItemOfRecord(const std::string& File);
 
 /// What a record tells.
 struct TavroTrashRecord {
-    std::string Path;           ///< Where the entry was. Absolute.
+    std::string Path;           ///< Where the entry was. Absolute, without `..`.
     std::string Date;           ///< Local time, 2024-03-05T14:07:09. Empty when it cannot be read.
     std::int64_t WrittenAt = 0; ///< In nanoseconds since 1970.
 };
+
+/// The path of an entry as a record in a trash tells it: on a volume relative to that.
+std::string TavroRecordedPath(const TavroTrashFolders& Trash, const std::string& Path);
 
 /// The text of a record: byte for byte what the module writes.
 std::string TavroRecordText(const std::string& OriginalPath, std::time_t Time);
@@ -77,15 +80,15 @@ private:
 
 /// Reads what a record's bytes tell: the first `Path` and `DeletionDate` in the group [Trash Info].
 ///
-/// @param Home  what a relative path is taken against.
-/// @return nothing when they tell no path.
-std::optional<TavroTrashRecord> TavroParseRecord(const std::string& Bytes, const std::string& Home);
+/// @param Base  what a relative path is taken against.
+/// @return nothing when they tell no path, or one with `..` in it, which could lead anywhere.
+std::optional<TavroTrashRecord> TavroParseRecord(const std::string& Bytes, const std::string& Base);
 
 /// Reads a record, of which only the first 64 KiB count. A link is followed; a FIFO is not waited
 /// for.
 /// @return nothing when it cannot be read or tells no path.
 std::optional<TavroTrashRecord> TavroReadRecord(int Info, const std::string& Item,
-                                                const std::string& Home);
+                                                const std::string& Base);
 
 /// The time that a record's date means, in the local time zone; nothing when it is none.
 std::optional<std::time_t> TavroTimeOfDate(const std::string& Date);

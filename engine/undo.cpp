@@ -154,7 +154,6 @@ private:
     std::vector<TavroStep>& m_steps;
     TavroPlaces m_places;
     TavroGuard m_guard{TavroAct::Move};
-    const std::string m_home = TavroHomeDirectoryPath();
     Directories m_made;
     TavroChanges m_changes;
     TavroProgressTeller m_progress;
@@ -273,7 +272,8 @@ TavroFailure Reversal::CheckRecord(const TavroStep& Step, const TavroFileState& 
     if (State.ChangeTime <= Step.ChangeTime || m_places.Find(Step.Record, record)) {
         return {};
     }
-    const auto read = TavroReadRecord(record.Number(), TavroNameOf(Step.To), m_home);
+    const auto read = TavroReadRecord(record.Number(), TavroNameOf(Step.To),
+                                      TavroTrashFoldersOf(Step.Record).Base);
     return !read || read->Path == Step.From
                ? TavroFailure()
                : TavroFailure{Kind::Replaced, {}, Step.To, "what was at '" + read->Path + "'"};

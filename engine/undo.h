@@ -33,8 +33,8 @@ struct TavroUndoReport {
 TavroUndoReport TavroUndo(TavroHistory& History, const TavroCallbacks& Callbacks);
 TavroUndoReport TavroRedo(TavroHistory& History, const TavroCallbacks& Callbacks);
 
-/// As TavroUndo, of the operation of that number, whatever came after it; NoSuchOperation when it is
-/// not there, or undone.
+/// As TavroUndo, of the operation of that number, whatever came after it; NoSuchOperation when it
+/// is not there, or undone.
 TavroUndoReport TavroUndoOnly(TavroHistory& History, std::int64_t Id,
                               const TavroCallbacks& Callbacks);
 

@@ -77,7 +77,7 @@ _tavro() {
     _tavro_offer "$value"{auto,always,never}
     return
     ;;
-  --in | --to)
+  --in | --to | --volume)
     compopt -o filenames -o dirnames
     return
     ;;
@@ -92,14 +92,14 @@ _tavro() {
   rename) options+=' --no-sync --no-history' ;;
   mkdir) options+=' --in --no-sync --no-history' ;;
   delete) options+=' --force --no-sync --no-history' ;;
-  trash) options+=' --recursive --dir --force --interactive --verbose --quiet --no-sync --no-history' ;;
+  trash) options+=' --home --no-copy --recursive --dir --force --interactive --verbose --quiet --no-sync --no-history' ;;
   undo) options+=' --skip --quiet --no-sync' ;;
   redo | resume) options+=' --quiet --no-sync' ;;
   history) options+=' --json --drop --color' ;;
-  list) options+=' --here --since --older-than --json --null --color' ;;
-  restore) options+=' --here --since --older-than --to --keep-both --quiet --verbose --no-sync --no-history' ;;
-  empty) options+=' --here --since --older-than --keep --free --force --quiet --no-sync --no-history' ;;
-  doctor) options+=' --mend --mend-all' ;;
+  list) options+=' --volume --here --since --older-than --json --null --color' ;;
+  restore) options+=' --volume --here --since --older-than --to --keep-both --quiet --verbose --no-sync --no-history' ;;
+  empty) options+=' --volume --here --since --older-than --keep --free --force --quiet --no-sync --no-history' ;;
+  doctor) options+=' --mend --mend-all --volume' ;;
   size) options+=' --sort --depth' ;;
   esac
   if [[ $word == -* && -z $dashes ]]; then

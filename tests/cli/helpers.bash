@@ -8,6 +8,7 @@ setup() {
   mkdir "$HOME" "$scratch/here"
   unset XDG_STATE_HOME XDG_DATA_HOME
   unset NO_COLOR
+  export TAVRO_TRASH=home # never the trash of whoever runs the tests, on his other volumes
   export LC_ALL=C.UTF-8 TERM=dumb SHELL=$BASH # the shell that a terminal gets
   cd "$scratch/here" || return 1
 }

@@ -15,7 +15,7 @@ setup_file() {
 }
 
 setup() {
-  export HOME=$BATS_TEST_TMPDIR/home
+  export HOME=$BATS_TEST_TMPDIR/home TAVRO_TRASH=home
   mkdir "$HOME" "$BATS_TEST_TMPDIR/here"
   cd "$BATS_TEST_TMPDIR/here" || return 1
 }

@@ -250,7 +250,7 @@ TEST_F(Places, know_the_path_of_what_was_opened_and_not_of_what_has_its_name_sin
     makeDirectory(m_box / "folder");
     makeDirectory(m_box / "victim");
     const CallObserver observer([&](const std::string& call, const std::string& path) {
-        if (call == "fstat" && path == at("folder")) {
+        if (call == "statx" && path == at("folder")) {
             fs::rename(m_box / "folder", m_box / "moved");
             fs::create_directory_symlink("victim", m_box / "folder");
         }
@@ -270,7 +270,7 @@ TEST_F(Places, an_open_directory_makes_no_name_of_what_is_none) {
 }
 
 TEST_F(Places, a_directory_that_cannot_be_looked_at_is_no_place) {
-    const FaultInjector injector({{"fstat", EIO, "", 1, true}});
+    const FaultInjector injector({{"statx", EIO, "", 1, true}});
     TavroPlace place;
     EXPECT_EQ(EIO, m_places.Find(at("x"), place).Error.value());
 }

@@ -238,6 +238,32 @@ TEST_F(Posix, looks_at_a_link_or_at_its_target) {
     EXPECT_EQ(ENOENT, TavroStatAt(at(), "missing", status));
 }
 
+TEST_F(Posix, looks_at_many_paths_in_one_child_process_and_passes_over_what_does_not_answer) {
+    using P = TavroPresence;
+    writeFile(m_box / "file");
+    makeFifo(m_box / "pipe");
+    const auto at = [&](const char* name) { return (m_box / name).string(); };
+    EXPECT_EQ(TavroLookInTime({at("file"), at("missing"), at("pipe"), at(""), at("file/x")}, 20000),
+              (std::vector<P>{P::Present, P::Missing, P::Present, P::Present, P::Missing}));
+    makeDirectory(m_box / "silent");
+    runInChild([&] {
+        const int served = open("/dev/fuse", O_RDWR | O_CLOEXEC);
+        const std::string options =
+            "rootmode=40000,user_id=0,group_id=0,fd=" + std::to_string(served);
+        if (served < 0 || unshare(CLONE_NEWNS) != 0 ||
+            mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("silent", at("silent").c_str(), "fuse", 0, options.c_str()) != 0) {
+            return;
+        }
+        writeFile(m_box / "mounted");
+        EXPECT_EQ(TavroLookInTime({at("file"), at("silent/x"), at("missing")}, 100),
+                  (std::vector<P>{P::Present, P::Silent, P::Missing}));
+    });
+    if (!isPresent(m_box / "mounted")) {
+        GTEST_SKIP() << "no file system of this process can be mounted here";
+    }
+}
+
 TEST_F(Posix, the_status_with_the_mount_is_the_same_status) {
     writeFile(m_box / "file", std::string(100000, 'x'));
     fs::create_hard_link(m_box / "file", m_box / "other");

@@ -212,6 +212,7 @@ private:
     Sandbox m_sandbox;
     fs::path m_home;
     ScopedEnvironment m_environment;
+    ScopedEnvironment m_data{"XDG_DATA_HOME", std::nullopt};
 };
 
 } // namespace tavro_trash_test

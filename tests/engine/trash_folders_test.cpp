@@ -22,10 +22,21 @@ protected:
 
 TEST_F(TrashFolders, are_three_below_the_home_directory) {
     const TavroTrashFolders found = TavroFindTrashFolders();
-    EXPECT_EQ(found.Home, home());
+    EXPECT_EQ(found.Base, home());
     EXPECT_EQ(found.Root, root());
     EXPECT_EQ(found.Files, root() / "files");
     EXPECT_EQ(found.Info, root() / "info");
+}
+
+TEST_F(TrashFolders, are_in_the_data_directory_of_the_user_when_it_is_absolute) {
+    for (const auto& [data, wanted] : {std::pair{sandbox() / "data", sandbox() / "data/Trash"},
+                                       std::pair{fs::path("data"), root()},
+                                       std::pair{fs::path(""), root()}}) {
+        const ScopedEnvironment environment("XDG_DATA_HOME", data.string());
+        EXPECT_EQ(TavroFindTrashFolders().Root, wanted);
+        ASSERT_EQ(ensure(), "");
+        EXPECT_TRUE(fs::is_directory(wanted / "info"));
+    }
 }
 
 TEST_F(TrashFolders, are_none_without_a_home_directory) {
@@ -38,14 +49,14 @@ TEST_F(TrashFolders, are_none_without_a_home_directory) {
     }
 }
 
-TEST_F(TrashFolders, are_made_private_under_an_open_umask_and_their_parents_are_not) {
+TEST_F(TrashFolders, are_made_private_under_an_open_umask_and_so_are_their_parents) {
     const ScopedUmask open(0);
     ASSERT_EQ(ensure(), "");
     for (const fs::path& folder : folders()) {
         EXPECT_EQ(modeOf(folder), 0700U) << folder;
     }
-    EXPECT_EQ(modeOf(home() / ".local"), 0777U);
-    EXPECT_EQ(modeOf(home() / ".local/share"), 0777U);
+    EXPECT_EQ(modeOf(home() / ".local"), 0700U);
+    EXPECT_EQ(modeOf(home() / ".local/share"), 0700U);
 }
 
 TEST_F(TrashFolders, can_be_used_by_their_owner_under_a_closed_umask) {

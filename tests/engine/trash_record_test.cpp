@@ -253,6 +253,13 @@ TEST_F(ReadRecord, heeds_only_the_group_of_the_trash) {
     EXPECT_EQ(pathOf("[trash info]\nPath=/1\n"), "none");
 }
 
+TEST_F(ReadRecord, refuses_a_path_that_leads_upwards) {
+    for (const std::string path : {"..", "../a", "/a/../b", "a/%2E%2e", "/a/%2E./"}) {
+        EXPECT_EQ(pathOf("[Trash Info]\nPath=" + path + "\n"), "none") << path;
+    }
+    EXPECT_EQ(pathOf("[Trash Info]\nPath=/..a/b../.../..c\n"), "/..a/b../.../..c");
+}
+
 TEST_F(ReadRecord, takes_the_first_of_several_values) {
     EXPECT_EQ(pathOf("[Trash Info]\nPath=/1\nPath=/2\n"), "/1");
     EXPECT_EQ(dateOf("[Trash Info]\nPath=/1\nDeletionDate=2024-03-05T14:07:09\n"

@@ -105,15 +105,14 @@ TEST_F(OtherDevices, are_told_by_the_directory_of_the_entry_itself) {
     }
     writeFile(other / "far.txt");
     const fs::path here = link("link to far", other / "far.txt");
-    const auto others =
-        TavroEntriesOnOtherDevices(select({doc("near.txt"), other / "far.txt", here}));
+    const auto others = TavroEntriesToCopy(select({doc("near.txt"), other / "far.txt", here}));
     ASSERT_EQ(others.size(), 1U);
     EXPECT_EQ(others[0].Path, (other / "far.txt").string());
 }
 
 TEST_F(OtherDevices, are_none_without_a_home_directory) {
     const ScopedEnvironment environment("HOME", std::nullopt);
-    EXPECT_TRUE(TavroEntriesOnOtherDevices(select({doc("a.txt")})).empty());
+    EXPECT_TRUE(TavroEntriesToCopy(select({doc("a.txt")})).empty());
 }
 
 TEST_F(OtherDevices, include_other_mounts_of_the_same_file_system) {
@@ -121,8 +120,8 @@ TEST_F(OtherDevices, include_other_mounts_of_the_same_file_system) {
     makeDirectory(mounted);
     doc("a.txt");
     const bool bRan = runWithMount(docs(), mounted, [&] {
-        EXPECT_EQ(TavroEntriesOnOtherDevices(select({mounted / "a.txt"})).size(), 1U);
-        EXPECT_EQ(TavroEntriesOnOtherDevices(select({docs() / "a.txt"})).size(), 0U);
+        EXPECT_EQ(TavroEntriesToCopy(select({mounted / "a.txt"})).size(), 1U);
+        EXPECT_EQ(TavroEntriesToCopy(select({docs() / "a.txt"})).size(), 0U);
     });
     if (!bRan) {
         GTEST_SKIP() << "nothing can be mounted here";
@@ -137,7 +136,7 @@ TEST_F(OtherDevices, cost_no_call_for_an_entry_beside_another) {
         }
         const auto entries = select(paths);
         CallCounts counts;
-        EXPECT_TRUE(TavroEntriesOnOtherDevices(entries).empty());
+        EXPECT_TRUE(TavroEntriesToCopy(entries).empty());
         return counts.all();
     };
     EXPECT_EQ(callsFor(1), callsFor(50));
@@ -591,6 +590,17 @@ TEST_F(TrashFromAfar, copies_everything_as_it_is_and_removes_it) {
         EXPECT_EQ(trashed[i].Item, identityOf(trashed[i].Entry.TrashPath));
     }
     EXPECT_TRUE(fs::is_empty(farDirectory()));
+}
+
+TEST_F(TrashFromAfar, is_refused_where_it_must_not_be_copied_and_nothing_stays_moved) {
+    const TavroTrashReport report = TavroTrashSelection(select({doc("near.txt"), far("big.bin")}),
+                                                        {}, {}, {}, TavroTrashOptions{false, true});
+    EXPECT_EQ(TavroDescribe(report), "Cannot move " + inQuotes(far("big.bin")) +
+                                         " to the trash without copying it: its volume takes no "
+                                         "trash");
+    EXPECT_EQ(readFile(docs() / "near.txt"), "bytes");
+    EXPECT_TRUE(isPresent(far("big.bin")));
+    expectEmptyTrash();
 }
 
 TEST_F(TrashFromAfar, has_the_record_before_the_copy) {

@@ -286,7 +286,7 @@ class World:
         process = subprocess.Popen(
             [self.m_tavro, *command.split()], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
             stderr=subprocess.STDOUT, user=NOBODY, group=NOBODY, extra_groups=[], cwd=SCRATCH,
-            env={"HOME": f"{SCRATCH}/{scenario.Home}", "LC_ALL": "C.UTF-8",
+            env={"HOME": f"{SCRATCH}/{scenario.Home}", "LC_ALL": "C.UTF-8", "TAVRO_TRASH": "home",
                  "XDG_STATE_HOME": f"{SCRATCH}/plain/state"})
         try:
             return Told(0, process.communicate(timeout=30)[0].decode(errors="replace")) \

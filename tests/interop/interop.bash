@@ -19,6 +19,7 @@ set_up_home() {
   export HOME=$sandbox/home LC_ALL=C.UTF-8 TZ=XXX-5:45
   unset XDG_DATA_HOME XDG_CACHE_HOME XDG_CONFIG_HOME XDG_RUNTIME_DIR
   unset DBUS_SESSION_BUS_ADDRESS DISPLAY WAYLAND_DISPLAY
+  export TAVRO_TRASH=home
   mkdir "$HOME"
   trash=$HOME/.local/share/Trash
   folder=$HOME/folder

@@ -57,7 +57,7 @@ class Try:
             os.makedirs(f"{self.m_top}/{name}")
         self.m_home = f"{self.m_root}/{judge.HOME}"
         self.m_environment = {"HOME": self.m_home, "PATH": "/usr/bin:/bin", "TZ": "UTC",
-                              "LC_ALL": "C.UTF-8", "GIO_USE_VFS": "local"}
+                              "LC_ALL": "C.UTF-8", "GIO_USE_VFS": "local", "TAVRO_TRASH": "home"}
 
     # Running
 

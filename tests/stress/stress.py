@@ -123,7 +123,8 @@ class World:
         self.Faults = []
         self.Log = []
         self.Slowest = 0.0
-        self.Environment = {**os.environ, "HOME": self.Home, "LC_ALL": "C.UTF-8"}
+        self.Environment = {**os.environ, "HOME": self.Home, "LC_ALL": "C.UTF-8",
+                            "TAVRO_TRASH": "home"}  # across file systems it is copied
         for name in ("XDG_STATE_HOME", "XDG_DATA_HOME", "TAVRO_SYNC"):
             self.Environment.pop(name, None)
 

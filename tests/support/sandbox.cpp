@@ -20,6 +20,9 @@ namespace {
 
 constexpr unsigned ordinaryUser = 65534;
 
+/// No test sees the trash of whoever runs it on other volumes, nor leaves one there.
+const int homeTrashOnly = setenv("TAVRO_TRASH", "home", 1);
+
 void require(bool held, const std::string& what) {
     if (!held) {
         throw std::runtime_error("the test cannot be set up: " + what);

@@ -1,0 +1,272 @@
+#!/usr/bin/env bats
+# The trash on other volumes than the home directory's.
+
+load helpers
+load own_root
+
+@test "an entry goes to the trash of its own volume, by a rename" {
+  in_own_root '
+    echo 1 >/one/a
+    inode=$(stat -c %i /one/a)
+    run=$(tavro trash /one/a)
+    expect "$run" "/one/a -> /one/.Trash-0/files/a"
+    expect "$(stat -c %i /one/.Trash-0/files/a)" "$inode"
+    expect "$(stat -c %a /one/.Trash-0 /one/.Trash-0/files /one/.Trash-0/info)" "700
+700
+700"
+    [[ ! -e /home/.local/share/Trash ]]
+    expect "$(tavro list)" "$(tavro list --volume /one)"
+    tavro undo
+    expect "$(cat /one/a)" 1
+    expect "$(stat -c %i /one/a)" "$inode"
+    [[ ! $(ls /one/.Trash-0/info) ]]
+    tavro redo
+    [[ ! -e /one/a && -f /one/.Trash-0/files/a && -f /one/.Trash-0/info/a.trashinfo ]]'
+}
+
+@test "a shared trash directory is used when it is sticky and no link" {
+  in_own_root '
+    mkdir -m 1777 /one/.Trash
+    touch /one/a
+    expect "$(tavro trash /one/a)" "/one/a -> /one/.Trash/0/files/a"
+    expect "$(stat -c %a /one/.Trash/0)" 700
+    mkdir /two/real
+    chmod 1777 /two/real
+    ln -s real /two/.Trash
+    touch /two/a /two/b
+    expect "$(tavro trash /two/a)" "/two/a -> /two/.Trash-0/files/a"
+    [[ ! $(ls /two/real) ]]
+    rm /two/.Trash
+    mkdir -m 777 /two/.Trash
+    expect "$(tavro trash /two/b)" "/two/b -> /two/.Trash-0/files/b"
+    [[ ! $(ls /two/.Trash) ]]
+    expect "$(tavro list -0 | tr "\0" " ")" "b a a "'
+}
+
+@test "a prepared trash that is a link, leads elsewhere or is another user's is not used" {
+  in_own_root '
+    mkdir -p /tmp/kept/files /tmp/kept/info /one/.Trash-0
+    echo kept >/tmp/kept/files/a
+    printf "[Trash Info]\nPath=a\n" >/tmp/kept/info/a.trashinfo
+    ln -s /tmp/kept /two/.Trash-0
+    ln -s /tmp/kept/files /one/.Trash-0/files
+    ln -s /tmp/kept/info /one/.Trash-0/info
+    expect "$(tavro list)" ""
+    tavro empty -f
+    [[ -f /tmp/kept/files/a && -f /tmp/kept/info/a.trashinfo ]]
+    touch /one/b /two/c
+    expect "$(tavro trash /one/b 2>/dev/null)" "/one/b -> /home/.local/share/Trash/files/b"
+    expect "$(tavro trash /two/c 2>/dev/null)" "/two/c -> /home/.local/share/Trash/files/c"
+    rm /two/.Trash-0
+    mkdir /two/.Trash-0
+    chown 1000 /two/.Trash-0
+    touch /two/d
+    expect "$(tavro trash /two/d 2>/dev/null)" "/two/d -> /home/.local/share/Trash/files/d"
+    [[ ! $(ls /two/.Trash-0) ]]'
+}
+
+@test "a record on a volume has a relative path, and one at home an absolute one" {
+  in_own_root '
+    mkdir -p "/one/d é"
+    touch "/one/d é/50% \$" /one/.Trash-x /here/a
+    tavro trash -q "/one/d é/50% \$" /one/.Trash-x /here/a
+    expect "$(sed 2q /one/.Trash-0/info/50*)" "[Trash Info]
+Path=d%20%C3%A9/50%25%20%24"
+    expect "$(sed -n 2p /one/.Trash-0/info/.Trash-x.trashinfo)" Path=.Trash-x
+    expect "$(sed -n 2p /home/.local/share/Trash/info/a.trashinfo)" Path=/here/a
+    tavro restore "/one/d é/50% \$" .Trash-x
+    [[ -f "/one/d é/50% \$" && -f /one/.Trash-x ]]
+    touch "/one/d é/x"
+    tavro trash -q "/one/d é/x"
+    rm -r "/one/d é"
+    tavro restore -q x
+    expect "$(stat -c %a "/one/d é")" 700'
+}
+
+@test "a record that leads upwards is refused by its name, and its item stays" {
+  in_own_root '
+    mkdir -p /one/.Trash-0/files /one/.Trash-0/info
+    echo evil >/one/.Trash-0/files/a
+    printf "[Trash Info]\nPath=../home/a\nDeletionDate=2024-01-01T00:00:00\n" >/one/.Trash-0/info/a.trashinfo
+    expect "$(tavro list 2>&1)" "tavro: 1 item in the trash has no record that can be read: see '"'tavro doctor'"'"
+    expect "$(tavro restore a 2>&1 || :)" "tavro: It is not known where '"'/one/.Trash-0/files/a'"' came from"
+    fails tavro doctor >/dev/null
+    found=$(tavro doctor || :)
+    [[ $found == *"/one/.Trash-0/info/a.trashinfo"*"does not tell where its entry came from"* ]]
+    tavro empty -f
+    [[ -f /one/.Trash-0/files/a && ! -e /home/a ]]'
+}
+
+@test "a volume that takes no trash is copied from, or refused, as it is asked for" {
+  in_own_root '
+    mkdir -m 777 /one/d /here/nobody
+    chmod 755 /one
+    touch /one/d/a /one/d/b
+    as_nobody() { HOME=/here/nobody setpriv --reuid 65534 --regid 65534 --clear-groups $TAVRO "$@"; }
+    status=0
+    said=$(as_nobody trash --no-copy /one/d/a 2>&1) || status=$?
+    expect "$status: $said" "1: tavro: Cannot move '"'/one/d/a'"' to the trash without copying it: its volume takes no trash"
+    [[ -f /one/d/a ]]
+    expect "$(as_nobody trash /one/d/a 2>&1)" "tavro: 1 entry on another file system will be copied to the trash (0 bytes)
+/one/d/a -> /here/nobody/.local/share/Trash/files/a"
+    expect "$(sed -n 2p /here/nobody/.local/share/Trash/info/a.trashinfo)" Path=/one/d/a
+    expect "$(ls -A /one)" d
+    as_nobody undo
+    [[ -f /one/d/a ]]'
+}
+
+@test "--home copies to the home trash, and TAVRO_TRASH=home always does" {
+  in_own_root '
+    touch /one/a /one/b /one/c
+    expect "$(tavro trash --home /one/a 2>&1)" "tavro: 1 entry on another file system will be copied to the trash (0 bytes)
+/one/a -> /home/.local/share/Trash/files/a"
+    expect "$(TAVRO_TRASH=home tavro trash /one/b 2>&1)" "tavro: 1 entry on another file system will be copied to the trash (0 bytes)
+/one/b -> /home/.local/share/Trash/files/b"
+    fails tavro trash --home --no-copy /one/c
+    [[ -f /one/c && ! -e /one/.Trash-0 ]]
+    tavro trash -q /one/c
+    expect "$(tavro list -0 | tr "\0" " ")" "c b a "
+    expect "$(TAVRO_TRASH=home tavro list -0 | tr "\0" " ")" "b a "
+    TAVRO_TRASH=home tavro empty -f
+    [[ -f /one/.Trash-0/files/c ]]'
+}
+
+@test "what is trashed at once can lie on several volumes, and goes back as one" {
+  in_own_root '
+    for place in /one /two /here; do echo $place >$place/a; done
+    tavro trash -q /one/a /two/a /here/a
+    expect "$(tavro list | cut -f 4 | sort)" "/here/a
+/one/a
+/two/a"
+    status=0
+    said=$(tavro restore a 2>&1) || status=$?
+    expect "$status: $said" "1: tavro: Several entries named '"'a' are in the trash, from '/here/a', '/one/a', '/two/a'"'"
+    tavro restore -q --volume /two a
+    expect "$(cat /two/a)" /two
+    fails tavro restore --volume /two a
+    tavro trash -q /two/a
+    tavro restore -q /one/a /two/a
+    expect "$(cat /one/a /two/a)" "/one
+/two"'
+}
+
+@test "list, empty and doctor see all volumes, and --volume one" {
+  in_own_root '
+    for place in /one /two /here; do
+      mkdir $place/d
+      head -c 1000 /dev/zero >$place/d/f
+      tavro trash -q $place/d
+    done
+    expect "$(tavro list --volume /one | cut -f 2-)" "1000	d	/one/d"
+    expect "$(tavro list --volume /home | cut -f 2-)" "1000	d	/here/d"
+    expect "$(tavro list --volume /two/.Trash-0/info/d.trashinfo | cut -f 2-)" "1000	d	/two/d"
+    fails tavro list --volume /missing
+    expect "$(tavro empty -f --volume /two)" "Deleted 1 item (1.0 kB)"
+    [[ ! $(ls /two/.Trash-0/files /two/.Trash-0/info | grep d$) ]]
+    touch /one/.Trash-0/files/stray
+    fails tavro doctor
+    expect "$(tavro doctor --volume /two)" "The trash is in order"
+    tavro doctor --mend stray
+    expect "$(sed -n 2p /one/.Trash-0/info/stray.trashinfo)" Path=stray
+    expect "$(tavro list | cut -f 4 | sort)" "/here/d
+/one/d
+/one/stray"
+    tavro empty -f -q
+    [[ ! $(find /one /two /home/.local/share/Trash -type f) ]]
+    expect "$(tavro list)" ""'
+}
+
+@test "a volume that is mounted twice has one trash, and a bind mount one of its own" {
+  in_own_root '
+    mkdir /here/again /one/sub /here/sub
+    mount --bind /one /here/again
+    mount --bind /one/sub /here/sub
+    touch /here/again/a /here/sub/b
+    expect "$(tavro trash /here/again/a)" "/here/again/a -> /here/again/.Trash-0/files/a"
+    expect "$(tavro trash /here/sub/b)" "/here/sub/b -> /here/sub/.Trash-0/files/b"
+    [[ -f /one/.Trash-0/files/a && -f /one/sub/.Trash-0/files/b ]]
+    expect "$(tavro list | cut -f 4 | sort)" "/here/sub/b
+/one/a"
+    tavro undo
+    [[ -f /one/sub/b ]]
+    tavro undo
+    [[ -f /one/a ]]'
+}
+
+@test "a volume that does not answer is passed over within a second, and that is said" {
+  [[ -c /dev/fuse ]] || skip 'there is no /dev/fuse'
+  in_own_root '
+    touch /one/a
+    tavro trash -q /one/a
+    mkdir /silent
+    exec 9<>/dev/fuse
+    mount -i -t fuse -o fd=9,rootmode=40000,user_id=0,group_id=0 silent /silent
+    for command in list doctor "empty -f --older-than 1" "restore a" "list --volume /silent"; do
+      begin=$(date +%s%N)
+      said=$(timeout -s KILL 20 $TAVRO $command 2>&1 9>&-) || exit
+      (($(date +%s%N) - begin < 4000000000))
+      expect "${said%%$'"'\\n'"'*}" "tavro: '"'/silent'"' does not answer and is passed over"
+    done
+    [[ -f /one/a ]]'
+}
+
+@test "the trash of a volume is neither trashed nor moved nor deleted" {
+  in_own_root '
+    mkdir -m 1777 /two/.Trash
+    mkdir -p /one/d/.Trash-0/files
+    touch /one/a /two/a
+    tavro trash -q /one/a /two/a
+    for trash in /one/.Trash-0 /one/.Trash-0/files /one/.Trash-0/info /two/.Trash /two/.Trash/0 /two/.Trash/0/files; do
+      fails tavro trash $trash
+      fails tavro delete -f $trash
+      fails tavro rename $trash x
+      fails tavro move -q $trash /home
+      [[ -d $trash ]]
+    done 2>/tmp/said
+    fails tavro trash /one/.Trash-0/files/a 2>>/tmp/said
+    expect "$(grep -c "it is the trash$" /tmp/said)" 8
+    expect "$(grep -c "it is a folder of the trash$" /tmp/said)" 12
+    expect "$(grep -c "it holds the trash$" /tmp/said)" 4
+    expect "$(grep -c "it is in the trash already$" /tmp/said)" 1
+    tavro trash -q /one/d/.Trash-0/files
+    tavro delete -f /one/.Trash-0/files/a'
+}
+
+@test "what was cut off on a volume is undone or resumed" {
+  command -v strace >/dev/null || skip 'strace is not installed'
+  strace -qq -o "$scratch/probe" true || skip 'strace may not trace here'
+  in_own_root '
+    for after in undo resume; do
+      for cut in syncfs:signal=KILL:when=1 renameat2:signal=KILL:when=1 renameat2:signal=KILL:when=2; do
+        echo 1 >/one/a
+        echo 2 >/one/b
+        fails strace -qq -o /dev/null -e inject=$cut $TAVRO trash -q /one/a /one/b
+        tavro history | grep -q interrupted
+        tavro $after -q
+        if [[ $after = resume ]]; then
+          expect "$(find /one -type f | sort)" "/one/.Trash-0/files/a
+/one/.Trash-0/files/b
+/one/.Trash-0/info/a.trashinfo
+/one/.Trash-0/info/b.trashinfo"
+          tavro undo -q
+        fi
+        expect "$(cat /one/a /one/b)" "1
+2"
+        expect "$(find /one/.Trash-0 -type f)" ""
+      done
+    done'
+}
+
+@test "an emptying of several volumes that was cut off is finished" {
+  command -v strace >/dev/null || skip 'strace is not installed'
+  strace -qq -o "$scratch/probe" true || skip 'strace may not trace here'
+  in_own_root '
+    for way in "empty -f" "empty -f -q"; do
+      touch /one/a /two/a /here/a
+      tavro trash -q /one/a /two/a /here/a
+      fails strace -qq -o /dev/null -e trace=unlinkat -e inject=unlinkat:signal=KILL:when=3 $TAVRO $way
+      [[ $(find /one /two /home/.local/share/Trash -type f) ]]
+      tavro resume -q
+      expect "$(find /one /two /home/.local/share/Trash -type f)" ""
+    done'
+}
