@@ -101,9 +101,8 @@ public:
 
     /// Gives the copy its name, unless its source changed.
     /// @param bExchange  something is there; it gets the hidden name in the same moment.
-    /// @return whether it is there; if not, the report says why, and the copy is removed. After
-    /// Taken
-    ///         it waits instead.
+    /// @return whether it is there; if not, the report says why. The copy is removed then, but
+    ///         after Taken it waits on.
     bool Publish(bool bExchange);
 
     /// Of a move: removes the source, when the copy has reached the disk. When nothing of it can be

@@ -71,7 +71,7 @@ struct TavroTransferReport {
 /// What planned steps keep as their mode, beside the policies, where both are kept.
 constexpr std::uint32_t TavroKeepBothMode = 3;
 
-/// What a transfer reports and asks, beyond what every operation does.
+/// What a transfer tells and asks, beside what every operation does.
 struct TavroTransferCallbacks : TavroCallbacks {
     /// Asked for each conflict under the policy `Ask`, and whenever a directory is to replace
     /// something else or the reverse. Empty: such an item is skipped.
@@ -103,7 +103,7 @@ struct TavroTransferCallbacks : TavroCallbacks {
 /// @param Plan       when progress is told, `ItemCount` and `ByteCount` of each item are filled in
 ///                   first, by measuring; `DestinationPath` and `bDestinationRenamed` change where
 ///                   an item goes to a free name.
-/// @param OutReport  cleared first; says what was done, also when the transfer was cancelled.
+/// @param OutReport  cleared first; tells what was done, also when the transfer was cancelled.
 /// @return true when all items arrived or were skipped by the policy or an answer; false when
 ///         something failed or the transfer was cancelled.
 ///
