@@ -1,6 +1,6 @@
 /// One mover for everything that is done to many entries or to none: trashing, restoring, undoing
 /// and redoing. All is checked, then done in order; when one step fails, what was done is undone in
-/// reverse, and what could not be undone is told.
+/// reverse, and what could not be undone is reported.
 
 #ifndef TAVRO_ENGINE_BATCH_H
 #define TAVRO_ENGINE_BATCH_H
@@ -81,7 +81,7 @@ struct TavroBatchHooks {
 
 struct TavroBatchReport {
     TavroFailure Failure = {};               ///< None: every step is done.
-    TavroFailure Why = {};                   ///< Of the failure, where there is more to tell.
+    TavroFailure Why = {};                   ///< The cause of the failure, where it has one.
     std::vector<TavroFailure> RollBack = {}; ///< Why steps could not be undone.
     std::vector<std::string> CreatedDirectories = {}; ///< Missing parents; outer ones first.
 

@@ -48,8 +48,8 @@ struct TavroMoveOptions {
 ///     set      yes         yes           It is at the destination. What `Failure` and `Below` name
 ///                                        is at the source too.
 struct TavroMoveReport {
-    /// Taken: something was at the destination. CopyStays: `Below` tells why the source was not
-    /// removed. All that is to be told is this, and then `Below`.
+    /// Taken: something was at the destination. CopyStays: `Below` says why the source was not
+    /// removed. Report this one, then those in `Below`.
     TavroFailure Failure = {};
     std::vector<TavroFailure> Below = {};
 
@@ -85,7 +85,7 @@ public:
     /// Makes the copy, whole, under a hidden name.
     /// @param Source  the status of the entry, by a look at it a moment ago.
     /// @param Open    the entry, when it is a regular file that was opened then.
-    /// @return whether there is one; else the report tells why.
+    /// @return whether there is one; if not, the report says why.
     bool Stage(const struct stat& Source, TavroDescriptor Open = TavroDescriptor());
 
     /// Closes the directories while it waits, and opens them again.
@@ -101,8 +101,8 @@ public:
 
     /// Gives the copy its name, unless its source changed.
     /// @param bExchange  something is there; it gets the hidden name in the same moment.
-    /// @return whether it is there; else the report tells why, and nothing is left of it but after
-    ///         Taken, when it waits on.
+    /// @return whether it is there; if not, the report says why. The copy is removed then, but
+    ///         after Taken it waits on.
     bool Publish(bool bExchange);
 
     /// Of a move: removes the source, when the copy has reached the disk. When nothing of it can be

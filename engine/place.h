@@ -74,8 +74,8 @@ public:
     /// As Find, for the directory of a place: the one that it was, or ESTALE.
     TavroFailure FindAgain(TavroPlace& IoPlace);
 
-    /// Closes a directory and what is below it, because it has gone from its path: whoever finds
-    /// that path again is to get what is there by then.
+    /// Closes a directory and what is below it, because it has gone from its path. The next search
+    /// for that path finds what is there then.
     void Forget(const std::string& OwnPath);
 
 private:

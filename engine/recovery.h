@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-/// Whether a step tells of something that goes to the trash.
+/// Whether a step moves something to the trash.
 bool TavroIsTrashed(const TavroStep& Step);
 
 /// Where the file of a step shows to the user, and where it is when it does not: in the trash, or
@@ -31,8 +31,8 @@ enum class TavroWhereabouts {
     InBoth, ///< It was copied, and the source is still there, in part at least.
 };
 
-/// Where what a step tells of is. A directory that was created or removed is at its path or
-/// nowhere; what was to go for good is at `From` or, when it is gone, counts as where it was to go.
+/// Finds where the entry of a step is now. A directory that was created or removed is at its path
+/// or nowhere. What was to be deleted is at `From`; once it is gone, it counts as arrived.
 TavroWhereabouts TavroFindStep(const TavroStep& Step, TavroPlaces& Places);
 
 /// How far an operation on its way has come.
@@ -47,16 +47,16 @@ TavroHeadway TavroFindHeadway(const TavroOperation& Operation);
 /// Hidden names, left by an operation on its way, with their full paths.
 std::vector<std::string> TavroFindLeftovers(const TavroOperation& Operation);
 
-/// Hidden names beside what operations tell of, but not in the trash, that belong to none on its
-/// way, and that nobody has written to for a minute.
+/// Finds hidden names beside the paths of operations, outside the trash, that belong to no
+/// interrupted operation and that nobody has written to for a minute.
 std::vector<std::string> TavroFindOrphans(const std::vector<TavroOperation>& Operations);
 
 /// Settles an interrupted operation: removes copies that were not published, and records of what
 /// was not trashed; what is left of a source whose copy is in its place goes to the trash. Then
 /// each step is done or not. Records that another operation on its way may need stay.
 ///
-/// @param History      has the others.
-/// @param IoOperation  gets the steps that the history is told of on the way.
+/// @param History      holds the other operations.
+/// @param IoOperation  gets the steps that are written to the history on the way.
 /// @param bGoOn    it is resumed as it was begun: copies of files that wait get their names
 ///                 instead, when their sources are unchanged; those of directories stay for the
 ///                 resumption, as `Staged` and `Source` of their steps.

@@ -28,7 +28,7 @@ struct TavroTrashReport {
     /// After success: one an entry, in order. `Item` is the file that arrived.
     std::vector<TavroTrashedEntry> Entries = {};
 
-    bool bRestoring = false; ///< What the report is about; TavroDescribe tells it by that.
+    bool bRestoring = false; ///< The report is of a restore, not of a trashing.
 
     explicit operator bool() const {
         return !Batch.Failure;

@@ -90,8 +90,8 @@ public:
         return m_name;
     }
 
-    /// Of a Leaf: DT_REG, DT_LNK …, as the listing told or, where it does not tell, as it was
-    /// looked up. Never DT_UNKNOWN.
+    /// Of a Leaf: DT_REG, DT_LNK …, from the listing or, where the listing does not say, from a
+    /// look at the entry. Never DT_UNKNOWN.
     unsigned char Type() const {
         return m_type;
     }
