@@ -27,7 +27,7 @@ constexpr Command commands[] = {
 };
 
 constexpr const char* examples = R"(Examples:
-  tavro copy photos /media/stick/        copy a folder into another
+  tavro copy photos /media/stick/        copy a directory into another
   tavro move *.log ~/Logs/ -n            show what a move would do
   tavro rename report.txt final.txt      rename beside the file
   tavro trash old.iso                    to the trash; 'tavro undo' brings it back

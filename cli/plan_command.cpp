@@ -11,6 +11,24 @@ CLI::Option* TavroAddTransferNames(CLI::App& Command) {
                          "at least one entry and a target");
 }
 
+namespace {
+
+/// What the module says, with the path named and in quotes.
+std::string InOwnWords(const std::string& Sentence, const std::string& Target) {
+    const std::size_t colon = Sentence.find(" into itself: ");
+    if (colon != std::string::npos) {
+        const std::size_t path = colon + std::string(" into itself: ").size();
+        return Sentence.substr(0, path) + "'" + Sentence.substr(path) + "'";
+    }
+    if (Sentence.find("must be a directory when") != std::string::npos) {
+        return "'" + Target + "' is not a directory, and several entries are to go there";
+    }
+    const bool bEmpty = Sentence.find("target cannot be empty") != std::string::npos;
+    return bEmpty ? "The target is empty" : Sentence;
+}
+
+} // namespace
+
 bool TavroPlanNames(const CLI::Option* Names, const CLI::Option* In, bool bMove,
                     TavroTransferConflictPolicy Policy, TavroTransferPlan& OutPlan) {
     std::vector<std::string> names = TavroValues(Names);
@@ -27,7 +45,7 @@ bool TavroPlanNames(const CLI::Option* Names, const CLI::Option* In, bool bMove,
     if (TavroPlanTransfer(entries, target, TavroBaseDirectory(In), bMove, Policy, OutPlan, error)) {
         return true;
     }
-    TavroPrintError(error);
+    TavroPrintError(InOwnWords(error, target));
     return false;
 }
 
@@ -49,6 +67,7 @@ void PrintPlanJson(const TavroTransferPlan& Plan) {
         TavroAddPath(itemJson, "source", item.SourcePath.string());
         TavroAddPath(itemJson, "destination", item.DestinationPath.string());
         itemJson["directory"] = item.bDirectory;
+        itemJson["exists"] = TavroIsPresent(item.DestinationPath.string());
         json["items"].push_back(itemJson);
     }
     TavroPrintJson(json);
