@@ -280,7 +280,7 @@ void AddTransfer(CLI::App& App, bool bMove, TavroCommandTable& Table) {
         const OnConflict what =
             onConflict->empty() ? OnConflict() : onConflicts.at(TavroValue(onConflict));
         TavroTransferPlan plan;
-        if (!TavroPlanNames(names, in, bMove, what.Policy, plan)) {
+        if (!TavroPlanNames(names, in, bMove, what.Policy, plan, what.bKeepBoth)) {
             return TavroExitFailed;
         }
         if (dryRun->empty()) {
