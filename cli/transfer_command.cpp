@@ -59,7 +59,7 @@ std::optional<std::string> AskName() {
         if (!bOdd) {
             return name;
         }
-        TavroPrintError("'" + *name + "' is a path; a name is wanted");
+        TavroPrintError("Type a name, not a path: '" + *name + "'");
     }
 }
 

@@ -25,7 +25,7 @@ load helpers
   run -1 --separate-stderr tavro rename a b
   expect "$stderr" "tavro: '$PWD/b' exists already"
   run -1 --separate-stderr tavro rename a d
-  expect "$stderr" "tavro: '$PWD/d' is a directory; a name in it is wanted"
+  expect "$stderr" "tavro: '$PWD/d' exists already, as a directory"
   run -1 --separate-stderr tavro rename a dangling
   expect "$stderr" "tavro: '$PWD/dangling' exists already, as a link to nothing"
   expect "$(cat a b)" $'mine\nother'
