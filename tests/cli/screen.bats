@@ -293,7 +293,15 @@ Undone: copy
   shows 'Moved c -> a/c
 Undone: move
   c -> a/c' bash -c '"$TAVRO" move c a && "$TAVRO" undo'
-  shows '2 bytes  c' "$TAVRO" size c
+  mkdir -p tree/below
+  echo 12345 | tee tree/f >tree/below/g
+  shows 'Copied tree -> a/tree, 3 entries (12 bytes)
+Undone: copy
+  tree -> a/tree' bash -c '"$TAVRO" copy tree a && "$TAVRO" undo'
+  shows 'Moved tree -> a/tree, 3 entries (12 bytes)
+Undone: move
+  tree -> a/tree' bash -c '"$TAVRO" move tree a && "$TAVRO" undo'
+  shows '2 bytes  c' "$TAVRO" size "$PWD/c"
   shows "tavro: No such entry: 'none'" bash -c '! "$TAVRO" trash none'
   tavro trash -q c
   rm "$HOME/.local/share/Trash/info/c.trashinfo"
