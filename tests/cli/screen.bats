@@ -90,7 +90,7 @@ trashed_at() { # NAME DATE
   touch small
   tavro trash -q d small '世界 tour'
   trashed_at small '2 minutes ago'
-  trashed_at d '3 days ago'
+  trashed_at d '75 hours ago'
   trashed_at '世界 tour' '2001-02-03 04:05:06'
   list='2 min ago   0 bytes  small      from small
 3 days ago  0 bytes  d          from d
@@ -176,7 +176,7 @@ conflict() {
   head -c 1234567 /dev/zero >d/a
   echo new >a
   touch -d '2001-02-03' d/a
-  touch -d '3 days ago' a
+  touch -d '75 hours ago' a
 }
 
 question="'d/a' exists, and is in the way of 'a'
