@@ -75,9 +75,11 @@ bool TavroFindEntries(const std::vector<std::string>& Texts,
                       std::vector<TavroOperationEntry>& OutEntries);
 
 /// "ENTRY... TEXT", planned as a transfer. What is wrong is said on standard error.
+/// @param bKeepBoth  a copy onto itself gets a free name.
 CLI::Option* TavroAddTransferNames(CLI::App& Command);
 bool TavroPlanNames(const CLI::Option* Names, const CLI::Option* In, bool bMove,
-                    TavroTransferConflictPolicy Policy, TavroTransferPlan& OutPlan);
+                    TavroTransferConflictPolicy Policy, TavroTransferPlan& OutPlan,
+                    bool bKeepBoth = false);
 
 /// Asks a person about each conflict; empty where nobody can be asked: what is in the way stays,
 /// and is reported then.

@@ -3,7 +3,9 @@
 #include "command.h"
 #include "format.h"
 #include "json.h"
+#include "names.h"
 #include "plan.h"
+#include "transfer.h"
 
 CLI::Option* TavroAddTransferNames(CLI::App& Command) {
     return TavroAddNames(Command, "ENTRY... TEXT", 2,
@@ -11,8 +13,55 @@ CLI::Option* TavroAddTransferNames(CLI::App& Command) {
                          "at least one entry and a target");
 }
 
+namespace {
+
+/// What the module says, with the path named and in quotes.
+std::string InOwnWords(const std::string& Sentence, const std::string& Target) {
+    const std::size_t colon = Sentence.find(" into itself: ");
+    if (colon != std::string::npos) {
+        const std::size_t path = colon + std::string(" into itself: ").size();
+        return Sentence.substr(0, path) + "'" + Sentence.substr(path) + "'";
+    }
+    if (Sentence.find("must be a directory when") != std::string::npos) {
+        return "'" + Target + "' is not a directory, and several entries are to go there";
+    }
+    const bool bEmpty = Sentence.find("target cannot be empty") != std::string::npos;
+    return bEmpty ? "The target is empty" : Sentence;
+}
+
+/// Takes out of the entries those that would be copied onto themselves, and plans free names for
+/// them.
+std::vector<TavroTransferItemPlan> TakeDuplicates(std::vector<TavroOperationEntry>& IoEntries,
+                                                  const std::string& Text,
+                                                  const std::string& BaseDirectory) {
+    const std::string target = TavroResolveUserPath(Text, BaseDirectory).string();
+    const bool bInto = !Text.empty() && Text.back() == '/';
+    std::vector<TavroTransferItemPlan> duplicates;
+    std::vector<TavroOperationEntry> others;
+    for (TavroOperationEntry& entry : IoEntries) {
+        const std::string own = TavroFindOwnPath(entry.Path);
+        const std::string inside = TavroFindOwnPath(TavroJoin(target, TavroNameOf(own)));
+        if (own != inside && (bInto || own != TavroFindOwnPath(target))) {
+            others.push_back(std::move(entry));
+            continue;
+        }
+        TavroTransferItemPlan item;
+        item.Name = entry.Name;
+        item.SourcePath = entry.Path;
+        item.DestinationPath = TavroFreePathBeside(own);
+        item.bDestinationRenamed = true;
+        item.bDirectory = entry.bDirectory;
+        duplicates.push_back(std::move(item));
+    }
+    IoEntries = std::move(others);
+    return duplicates;
+}
+
+} // namespace
+
 bool TavroPlanNames(const CLI::Option* Names, const CLI::Option* In, bool bMove,
-                    TavroTransferConflictPolicy Policy, TavroTransferPlan& OutPlan) {
+                    TavroTransferConflictPolicy Policy, TavroTransferPlan& OutPlan,
+                    bool bKeepBoth) {
     std::vector<std::string> names = TavroValues(Names);
     const std::string target = std::move(names.back());
     names.pop_back();
@@ -23,12 +72,20 @@ bool TavroPlanNames(const CLI::Option* Names, const CLI::Option* In, bool bMove,
     if (!TavroCanResolve(target)) {
         return false;
     }
-    std::string error;
-    if (TavroPlanTransfer(entries, target, TavroBaseDirectory(In), bMove, Policy, OutPlan, error)) {
-        return true;
+    const std::string base = TavroBaseDirectory(In);
+    std::vector<TavroTransferItemPlan> duplicates;
+    if (bKeepBoth && !bMove) {
+        duplicates = TakeDuplicates(entries, TavroTrimText(target), base);
     }
-    TavroPrintError(error);
-    return false;
+    std::string error;
+    OutPlan.SourceLabel = "Tavro";
+    const bool bAll = entries.empty() && !duplicates.empty();
+    if (!bAll && !TavroPlanTransfer(entries, target, base, bMove, Policy, OutPlan, error)) {
+        TavroPrintError(InOwnWords(error, target));
+        return false;
+    }
+    OutPlan.Items.insert(OutPlan.Items.end(), duplicates.begin(), duplicates.end());
+    return true;
 }
 
 void TavroPrintPlan(const TavroTransferPlan& Plan) {
@@ -49,6 +106,7 @@ void PrintPlanJson(const TavroTransferPlan& Plan) {
         TavroAddPath(itemJson, "source", item.SourcePath.string());
         TavroAddPath(itemJson, "destination", item.DestinationPath.string());
         itemJson["directory"] = item.bDirectory;
+        itemJson["exists"] = TavroIsPresent(item.DestinationPath.string());
         json["items"].push_back(itemJson);
     }
     TavroPrintJson(json);

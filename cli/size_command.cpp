@@ -1,6 +1,7 @@
 // `tavro size`.
 
 #include "command.h"
+#include "format.h"
 #include "measure.h"
 #include "names.h"
 #include "posix.h"
@@ -109,8 +110,8 @@ void PrintTable(const std::vector<Size>& Sizes, std::uint64_t Total, bool bTotal
         const std::string human = TavroHumanSize(size.Bytes);
         TavroPrintLine(stdout, std::string(10 - std::min<std::size_t>(human.size(), 10), ' ') +
                                    human + "  " + std::string(filled, '#') +
-                                   std::string(barWidth - filled, ' ') + "  " + size.Path +
-                                   size.Mark);
+                                   std::string(barWidth - filled, ' ') + "  " +
+                                   TavroShownPath(stdout, size.Path) + size.Mark);
     };
     for (const Size& size : Sizes) {
         const auto part = static_cast<double>(size.Bytes) / static_cast<double>(most);
@@ -143,8 +144,8 @@ void Print(const std::vector<std::vector<Size>>& Groups) {
         PrintTable(sizes, total, Groups.size() > 1);
     } else if (sizes.size() == 1) {
         const std::string exact = total < 1000 ? "" : " (" + TavroCountText(total, "byte") + ")";
-        TavroPrintLine(stdout,
-                       TavroHumanSize(total) + exact + sizes[0].Mark + "  " + sizes[0].Path);
+        TavroPrintLine(stdout, TavroHumanSize(total) + exact + sizes[0].Mark + "  " +
+                                   TavroShownPath(stdout, sizes[0].Path));
     }
 }
 

@@ -59,7 +59,7 @@ std::optional<std::string> AskName() {
         if (!bOdd) {
             return name;
         }
-        TavroPrintError("'" + *name + "' is a path; a name is wanted");
+        TavroPrintError("Type a name, not a path: '" + *name + "'");
     }
 }
 
@@ -152,19 +152,34 @@ std::string SummaryOf(const TavroTransferReport& Report, bool bMove, const Manne
                         bFiles ? bytes : 0, static_cast<std::uint64_t>(seconds.count()));
 }
 
-void PrintReport(const TavroTransferReport& Report, bool bMove, const Manner& How) {
+/// ", 60 entries (180 MB)": what is in a directory that arrived, where somebody has added it up.
+std::string ContentText(const TavroTransferPlan& Plan, const TavroTransferredEntry& Entry) {
+    for (const TavroTransferItemPlan& item : Plan.Items) {
+        if (item.ItemCount > 1 && item.SourcePath == Entry.From) {
+            return ", " + TavroCountText(item.ItemCount - 1, "entry") + " (" +
+                   TavroHumanSize(item.ByteCount) + ")";
+        }
+    }
+    return "";
+}
+
+void PrintReport(const TavroTransferReport& Report, const TavroTransferPlan& Plan,
+                 const Manner& How) {
+    const std::string deed = Plan.bMove ? "Moved " : "Copied ";
     TavroPrintSkipped(Report.Skipped, How.bVerbose);
     TavroPrintFailures(Report.Failed);
     TavroPrintLost(Report.Lost);
     const bool bEach = TavroTellsEach(Report.Done.size(), How.bVerbose || Report.bCancelled);
+    const bool bFew = TavroIsTerminal(stdout) && TavroTellsEach(Report.Done.size(), false);
     for (const TavroTransferredEntry& entry : Report.Done) {
         if (!How.bQuiet && bEach) {
-            TavroPrintLine(stdout,
-                           (bMove ? "Moved " : "Copied ") + TavroShownStep(entry.From, entry.To));
+            const bool bTold = bFew && Report.Failed.empty() && entry.Arrived.IsDirectory();
+            TavroPrintLine(stdout, deed + TavroShownStep(entry.From, entry.To) +
+                                       (bTold ? ContentText(Plan, entry) : ""));
         }
     }
     if (!How.bQuiet && !bEach) {
-        TavroPrintLine(stdout, SummaryOf(Report, bMove, How));
+        TavroPrintLine(stdout, SummaryOf(Report, Plan.bMove, How));
     }
     if (!How.bQuiet && HasDeleted(Report)) {
         TavroPrintLine(stdout, "What was replaced is deleted; that cannot be undone");
@@ -253,7 +268,7 @@ int RunTransfer(TavroTransferPlan& Plan, const OnConflict& What, const Manner& H
         !HasDeleted(report) && TakeBack(recording.Id())) {
         report.Done.clear();
     }
-    PrintReport(report, Plan.bMove, How);
+    PrintReport(report, Plan, How);
     return std::max(exitCode, ExitCodeOf(report, bStopped, bOpen));
 }
 
@@ -282,7 +297,7 @@ void AddTransfer(CLI::App& App, bool bMove, TavroCommandTable& Table) {
         const OnConflict what =
             onConflict->empty() ? OnConflict() : onConflicts.at(TavroValue(onConflict));
         TavroTransferPlan plan;
-        if (!TavroPlanNames(names, in, bMove, what.Policy, plan)) {
+        if (!TavroPlanNames(names, in, bMove, what.Policy, plan, what.bKeepBoth)) {
             return TavroExitFailed;
         }
         if (dryRun->empty()) {

@@ -80,7 +80,7 @@ constexpr Sentence sentences[] = {
     {Kind::ShortenName, "Cannot shorten the name of %p: %e"},
     {Kind::SetRecordAside, "Cannot set %p aside: %e"},
     {Kind::RenameTargetEmpty, "The new name is empty"},
-    {Kind::RenameTargetNoName, "%p is a directory; a name in it is wanted"},
+    {Kind::RenameTargetNoName, "%p exists already, as a directory"},
     {Kind::RenameSame, "%p and %o are the same"},
     {Kind::RenameTaken, "%p exists already"},
     {Kind::RenameTakenByLink, "%p exists already, as a link to nothing"},

@@ -25,7 +25,7 @@ load helpers
   run -1 --separate-stderr tavro rename a b
   expect "$stderr" "tavro: '$PWD/b' exists already"
   run -1 --separate-stderr tavro rename a d
-  expect "$stderr" "tavro: '$PWD/d' is a directory; a name in it is wanted"
+  expect "$stderr" "tavro: '$PWD/d' exists already, as a directory"
   run -1 --separate-stderr tavro rename a dangling
   expect "$stderr" "tavro: '$PWD/dangling' exists already, as a link to nothing"
   expect "$(cat a b)" $'mine\nother'
@@ -106,17 +106,19 @@ for key, index in re.findall(r"\.(\w+)|\[(\d+)\]", sys.argv[2]):
 print(value)' "$output" "$1"
 }
 
-@test "plan says the module's sentence" {
+@test "what cannot be planned is said with the path" {
   touch a b file
   mkdir d
   run -1 --separate-stderr tavro plan copy a b file
-  expect "$stderr" 'tavro: Copy Target must be a directory when multiple items are selected'
+  expect "$stderr" "tavro: 'file' is not a directory, and several entries are to go there"
   run -1 --separate-stderr tavro plan move a .
   expect "$stderr" "tavro: Move target matches the source path for 'a'"
   run -1 --separate-stderr tavro plan move d d/sub
-  expect "$stderr" 'tavro: Cannot move a directory into itself: d'
+  expect "$stderr" "tavro: Cannot move a directory into itself: 'd'"
   run -1 --separate-stderr tavro plan move cdda:/1.cdda d
   expect "$stderr" 'tavro: Audio CD tracks can be copied, but not moved'
+  run -1 --separate-stderr tavro plan copy a ' '
+  expect "$stderr" 'tavro: The target is empty'
   run -1 --separate-stderr tavro plan copy missing d
   expect "$stderr" "tavro: No such entry: 'missing'"
 }

@@ -90,7 +90,7 @@ trashed_at() { # NAME DATE
   touch small
   tavro trash -q d small '世界 tour'
   trashed_at small '2 minutes ago'
-  trashed_at d '3 days ago'
+  trashed_at d '75 hours ago'
   trashed_at '世界 tour' '2001-02-03 04:05:06'
   list='2 min ago   0 bytes  small      from small
 3 days ago  0 bytes  d          from d
@@ -176,7 +176,7 @@ conflict() {
   head -c 1234567 /dev/zero >d/a
   echo new >a
   touch -d '2001-02-03' d/a
-  touch -d '3 days ago' a
+  touch -d '75 hours ago' a
 }
 
 question="'d/a' exists, and is in the way of 'a'
@@ -204,7 +204,7 @@ tavro: Stopped: nothing was done")"
   expect "${lines[-1]}" "tavro: Skipped, as something is in its place: 'a'"
   run -0 screen 200 'all ' 'r\n' 'name: ' 'x/y\n' 'name: ' '\n' 'all ' 'r\n' 'name: ' 'a copy 1\n' \
     'all ' 'r\n' 'name: ' 'fresh\n' -- "$TAVRO" copy a d
-  expect "${lines[5]}" "tavro: 'x/y' is a path; a name is wanted"
+  expect "${lines[5]}" "tavro: Type a name, not a path: 'x/y'"
   [[ $output == *"'d/a copy 1' exists, and is in the way of 'a'"* ]]
   expect "${lines[-1]}" 'Copied a -> d/fresh'
   expect "$(cat d/fresh)" new
@@ -252,4 +252,59 @@ Copied $PWD/a -> $PWD/d/a"
   run -1 tavro copy --on-conflict newer c c2 d
   expect "$output" "tavro: Skipped, as something is in its place: '$PWD/c'
 Copied $PWD/c2/in -> $PWD/d/c2/in"
+}
+
+# Expects a question, which wraps as any text, and what follows when it is answered by no.
+asks() { # TEXT COMMAND…
+  local columns
+  for columns in $widths; do
+    run -1 screen "$columns" '[y/N] ' 'n\n' -- "${@:2}"
+    expect "$(tr -d ' \n' <<<"$output")" "$(tr -d ' \n' <<<"$1")"
+  done
+}
+
+@test "questions name what they are about, and a no says that nothing was done" {
+  mkdir -p d/e
+  echo one >d/a
+  echo two >"$HOME/b"
+  asks 'd
+~/b
+Delete 2 files and 2 directories (8 bytes) for good? [y/N] n
+tavro: Nothing was deleted' "$TAVRO" delete d "$HOME/b"
+  tavro trash -q d/a
+  asks 'Delete 1 item (4 bytes) in the trash for good? [y/N] n
+tavro: Nothing was deleted' "$TAVRO" empty
+  echo new >d/a
+  asks "Something is at 'd/a'. Restore as 'd/a copy 1'? [y/N] n
+tavro: Nothing was restored to 'd/a'" "$TAVRO" restore a
+}
+
+@test "what was done is shown in a window of any width" {
+  shows 'a' "$TAVRO" mkdir a
+  shows 'a -> ~/.local/share/Trash/files/a
+~/.local/share/Trash/files/a -> a' bash -c '"$TAVRO" trash a && "$TAVRO" restore a'
+  shows 'b
+Undone: rename
+  a -> b' bash -c '"$TAVRO" rename a b && "$TAVRO" undo'
+  echo 1 >c
+  shows 'Copied c -> a/c
+Undone: copy
+  c -> a/c' bash -c '"$TAVRO" copy c a && "$TAVRO" undo'
+  shows 'Moved c -> a/c
+Undone: move
+  c -> a/c' bash -c '"$TAVRO" move c a && "$TAVRO" undo'
+  mkdir -p tree/below
+  echo 12345 | tee tree/f >tree/below/g
+  shows 'Copied tree -> a/tree, 3 entries (12 bytes)
+Undone: copy
+  tree -> a/tree' bash -c '"$TAVRO" copy tree a && "$TAVRO" undo'
+  shows 'Moved tree -> a/tree, 3 entries (12 bytes)
+Undone: move
+  tree -> a/tree' bash -c '"$TAVRO" move tree a && "$TAVRO" undo'
+  shows '2 bytes  c' "$TAVRO" size "$PWD/c"
+  shows "tavro: No such entry: 'none'" bash -c '! "$TAVRO" trash none'
+  tavro trash -q c
+  rm "$HOME/.local/share/Trash/info/c.trashinfo"
+  run -1 screen 200 -- "$TAVRO" doctor
+  expect "${lines[0]}" "'~/.local/share/Trash/files/c' has no record of where it came from; --mend takes 'c'"
 }

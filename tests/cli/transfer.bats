@@ -368,3 +368,27 @@ for path in sys.argv[1:]:
   [ ! -e a ]
   expect "$(find b)" $'b\nb/a\nb/a/x\nb/a/x/y'
 }
+
+@test "keep-both duplicates an entry in its own directory" {
+  mkdir d e
+  echo one >a
+  echo two >d/b
+  echo three >e/c
+  for target in . "$PWD" a ./a; do
+    run -0 tavro copy --on-conflict keep-both a "$target"
+    expect "$output" "Copied $PWD/a -> $PWD/a copy 1"
+    expect "$(cat 'a copy 1')" one
+    run -0 tavro undo -q
+    [ ! -e 'a copy 1' ]
+  done
+  run -0 tavro copy --on-conflict keep-both a d e/c .
+  expect "$output" "Copied $PWD/e/c -> $PWD/c
+Copied $PWD/a -> $PWD/a copy 1
+Copied $PWD/d -> $PWD/d copy 1"
+  expect "$(cat 'd copy 1/b' c)" $'two\nthree'
+  run -0 tavro copy --on-conflict keep-both d d
+  [ -f 'd copy 2/b' ]
+  run -1 tavro copy --on-conflict keep-both d d/
+  run -1 tavro move --on-conflict keep-both a .
+  run -1 tavro copy a .
+}

@@ -67,7 +67,7 @@ std::string inOwnWords(const std::string& sentence, const std::string& from,
     const std::map<std::string, std::string> words = {
         {"Rename target cannot be empty.", "The new name is empty"},
         {"Rename target must include a file or directory name.",
-         "'" + to + "' is a directory; a name in it is wanted"},
+         "'" + to + "' exists already, as a directory"},
         {"Rename target matches the current path.", "'" + from + "' and '" + to + "' are the same"},
         {"Rename target already exists.", "'" + to + "' exists already"}};
     const auto found = words.find(sentence);
