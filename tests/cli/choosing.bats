@@ -140,6 +140,13 @@ tavro: 'b' is not in the trash"
   expect "$(listed --here)" ''
 }
 
+@test "an item that is meant twice is restored once" {
+  put a.log b.log
+  run -0 --separate-stderr tavro restore -q a.log '*.log' '[ab].*'
+  expect "$stderr" ''
+  expect "$(ls)" $'a.log\nb.log'
+}
+
 @test "--since and --older-than count days, and go together with words" {
   put a b c d
   age 3 b
@@ -170,6 +177,8 @@ Delete 1 item (1.5 kB) in the trash for good? [y/N] tavro: Nothing was deleted"
   run -0 on_terminal "$TAVRO empty '*.log'" y
   expect "${lines[-1]}" 'Delete 1 item (1.5 kB) in the trash for good? [y/N] Deleted 1 item (1.5 kB)'
   expect "$(listed)" 'b.txt '
+  run -1 on_terminal "$TAVRO empty" n
+  expect "$output" 'Delete 1 item (0 bytes) in the trash for good? [y/N] tavro: Nothing was deleted'
   put {1..22}
   run -1 on_terminal "$TAVRO empty '[0-9]*'" n
   expect "${lines[20]}" 'and 2 items more'
@@ -202,7 +211,9 @@ put_sizes() {
   expect "$output" "$PWD/b
 $PWD/d
 Delete 2 items (3.0 kB) in the trash for good? [y/N] tavro: Nothing was deleted"
-  run -0 tavro empty -fq --keep 1.5K
+  run -0 tavro empty -fq --keep 3.99K
+  expect "$(listed)" 'c d '
+  run -0 tavro empty -fq --keep 1.5kB
   expect "$(listed)" 'c '
 }
 
@@ -220,8 +231,15 @@ Delete 2 items (3.0 kB) in the trash for good? [y/N] tavro: Nothing was deleted"
   run -0 tavro empty -f --free 1001
   expect "$output" 'Deleted 2 items (3.0 kB)'
   expect "$(listed)" 'b c '
-  run -0 tavro empty -f --free 1G
+  run -0 tavro empty -fq --free 1G
   expect "$(listed)" ''
+  mkdir d
+  head -c 2000 /dev/zero >d/x
+  touch e
+  tavro trash -q d e
+  age 2 d
+  tavro empty -fq --free 1k
+  expect "$(listed)" 'e '
 }
 
 @test "a size is a number with a unit of powers of 1,000" {

@@ -79,6 +79,8 @@ $PWD/d -> $HOME/$trash/files/d"
 @test "an interrupted question moves nothing" {
   touch a b
   run -130 python3 "$BATS_TEST_DIRNAME/terminal.py" '[y/N]' 'y\n\f\x03' "$TAVRO" trash -i a b
+  [[ $output != *Cancelled* ]]
+  [[ $output == *"tavro: '$PWD/b' stays" ]]
   expect "$(ls)" $'a\nb'
 }
 
