@@ -53,8 +53,8 @@ set(CPACK_DEBIAN_COMMAND_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_COMMAND_DESCRIPTION [[file operations that lose nothing
 Copies, moves, renames, creates, trashes, restores, deletes and measures files
 from the command line. It does what was asked for, or says in one sentence why
-it did not. The newest 1,000 operations can be undone and redone. The trash in
-the home directory is the one that the desktop's other programs use.]])
+it did not. The newest 1,000 operations can be undone and redone. The trash is
+the one that the desktop's other programs use, on other volumes too.]])
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libtavroops-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)

@@ -193,6 +193,20 @@ Path=d%20%C3%A9/50%25%20%24"
     [[ -f /one/a ]]'
 }
 
+@test "the undo of a copy to a volume moves it to the trash of that, and a redo back" {
+  in_own_root '
+    mkdir d
+    echo 1 >d/a
+    tavro copy -q d /one/
+    inode=$(stat -c %i /one/d/a)
+    tavro undo -q
+    [[ ! -e /one/d && ! -e /home/.local/share/Trash ]]
+    expect "$(stat -c %i /one/.Trash-0/files/d/a)" "$inode"
+    tavro redo -q
+    expect "$(stat -c %i /one/d/a)" "$inode"
+    expect "$(find /one/.Trash-0 -mindepth 2)" ""'
+}
+
 @test "a volume that does not answer is passed over within a second, and that is said" {
   [[ -c /dev/fuse ]] || skip 'there is no /dev/fuse'
   in_own_root '
