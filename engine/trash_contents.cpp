@@ -332,10 +332,12 @@ TavroFailure Emptying::Open(const TavroTrashFolders& Which) {
         failure = places.Find(TavroJoin(m_trash.Folders.Files, "item"), m_item);
         failure.Path = m_trash.Folders.Files;
     }
-    if (!failure && m_item.Directory &&
-        (TavroStat(m_trash.Files.Number(), status) != 0 ||
-         TavroIdentityOf(status) != m_item.Directory->Identity)) {
-        failure = TavroFail(TavroFailureKind::ReadTrash, ESTALE, m_trash.Folders.Files);
+    if (!failure && m_item.Directory) {
+        const int error = TavroStat(m_trash.Files.Number(), status);
+        if (error != 0 || TavroIdentityOf(status) != m_item.Directory->Identity) {
+            failure = TavroFail(TavroFailureKind::ReadTrash, error != 0 ? error : ESTALE,
+                                m_trash.Folders.Files);
+        }
     }
     return failure;
 }
