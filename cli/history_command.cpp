@@ -44,9 +44,7 @@ TavroJson OperationJson(const TavroOperation& Operation, const Prospect& Ahead, 
     const auto add = [&](const TavroStep& step, const char* from, const char* to) {
         TavroJson json;
         TavroAddPath(json, from, step.From);
-        if (!step.To.empty()) {
-            TavroAddPath(json, to, step.To);
-        }
+        TavroAddPath(json, to, step.To);
         entries.push_back(json);
     };
     for (const TavroStep* step : TavroTellingSteps(Operation)) {

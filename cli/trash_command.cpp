@@ -95,7 +95,8 @@ int AgreeToTrashing(bool bEach, std::vector<TavroOperationEntry>& Entries) {
     std::vector<TavroOperationEntry> agreed;
     for (TavroOperationEntry& entry : Entries) {
         const int exitCode =
-            TavroConfirm("Move '" + entry.Path + "' to the trash?", "'" + entry.Path + "' stays");
+            TavroConfirm("Move '" + TavroShownPath(stderr, entry.Path) + "' to the trash?",
+                         "'" + entry.Path + "' stays");
         if (TavroWasInterrupted()) {
             return exitCode;
         }

@@ -80,13 +80,13 @@ elif sys.argv[1] == "list":
     date = {"deletionDate": lambda date: date is None or time(date)}
     check_all(value, paths("trash", "original") | date | {"byteCount": count, "directory": boolean})
 else:
-    check_all(
-        value,
-        {
-            "kind": lambda kind: kind in ("trash", "rename", "move", "copy", "mkdir", "restore", "delete", "empty"),
-            "time": time,
-            "undone": boolean,
-            "interrupted": boolean,
-            "entries": lambda all: check_all(all, *entries),
-        },
-    )
+    known = {
+        "id": count,
+        "kind": lambda kind: kind in ("trash", "rename", "move", "copy", "mkdir", "restore", "delete", "empty"),
+        "time": time,
+        "undone": boolean,
+        "interrupted": boolean,
+        "undoable": boolean,
+        "entries": lambda all: check_all(all, *entries),
+    }
+    check_all(value, known, known | {"reason": text})

@@ -63,9 +63,9 @@ answered() { # COMMAND
   touch a b
   mkdir d
   run -0 answered "$TAVRO trash -i a b d"
-  expect "$output" "Move '$PWD/a' to the trash? [y/N] tavro: '$PWD/a' stays
-Move '$PWD/b' to the trash? [y/N] Move '$PWD/d' to the trash? [y/N] $PWD/b -> $HOME/$trash/files/b
-$PWD/d -> $HOME/$trash/files/d"
+  expect "$output" "Move 'a' to the trash? [y/N] tavro: 'a' stays
+Move 'b' to the trash? [y/N] Move 'd' to the trash? [y/N] b -> ~/$trash/files/b
+d -> ~/$trash/files/d"
   expect "$(ls)" a
   run -0 on_terminal "$TAVRO trash -i a" n
   expect "$(ls)" a
@@ -80,7 +80,7 @@ $PWD/d -> $HOME/$trash/files/d"
   touch a b
   run -130 python3 "$BATS_TEST_DIRNAME/terminal.py" '[y/N]' 'y\n\f\x03' "$TAVRO" trash -i a b
   [[ $output != *Cancelled* ]]
-  [[ $output == *"tavro: '$PWD/b' stays" ]]
+  [[ $output == *"tavro: 'b' stays" ]]
   expect "$(ls)" $'a\nb'
 }
 
@@ -105,7 +105,7 @@ $PWD/d -> $HOME/$trash/files/d"
   for options in -fi '-f -i' '-I -f -i' '-f --interactive' '--interactive=never -i' \
     '--interactive=once --interactive=always' '-f --interactive=always'; do
     run -0 on_terminal "$TAVRO trash $options a" n
-    [[ $output == "Move '$PWD/a'"* ]] || expect "$options: $output" 'a question'
+    [[ $output == "Move 'a'"* ]] || expect "$options: $output" 'a question'
   done
   for options in -if -If '-i --interactive=never' '--interactive -f' '-i -I' '-i --interactive=once'; do
     touch a

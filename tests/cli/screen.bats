@@ -94,7 +94,8 @@ trashed_at() { # NAME DATE
   trashed_at '世界 tour' '2001-02-03 04:05:06'
   list='2 min ago   0 bytes  small      from small
 3 days ago  0 bytes  d          from d
-2001-02-03   1.2 MB  世界 tour  from 世界 tour'
+2001-02-03   1.2 MB  世界 tour  from 世界 tour
+3 items (1.2 MB)'
   for columns in 80 200; do
     run -0 screen "$columns" -- "$TAVRO" list
     expect "$output" "$list"
@@ -107,9 +108,9 @@ trashed_at() { # NAME DATE
   tavro rename -- a b
   tavro copy b c
   tavro undo -q
-  shows 'just now  copy    b -> c  (undone)
-just now  rename  a -> b
-just now  trash   d and 2 more' "$TAVRO" history
+  shows '3  just now  copy    b -> c  (undone)
+2  just now  rename  a -> b
+1  just now  trash   d and 2 more' "$TAVRO" history
 }
 
 @test "colours are for terminals that have some, and as --color says" {
@@ -128,7 +129,7 @@ just now  trash   d and 2 more' "$TAVRO" history
     run -0 tavro "$command"
     [[ $output != *$'\e['* ]]
     run -0 tavro "$command" --color=always
-    [[ $output == $'\e[2m'*$'\e[0m'* ]]
+    [[ $output == *$'\e[2m'*$'\e[0m'* ]]
     run -2 --separate-stderr tavro "$command" --color=perhaps
     expect "${stderr_lines[0]}" "tavro: --color takes auto, always or never, not 'perhaps'"
   done

@@ -95,7 +95,7 @@ history_lines() {
   expect "$output" "Undone: mkdir
   $PWD/older"
   expect "$stderr" "tavro: Cannot be undone: 4 copy $PWD/b -> $PWD/b2: '$PWD/b2' is missing
-tavro: Cannot be undone: 2 trash $PWD/a: Trash item is missing: '$HOME/.local/share/Trash/files/a'"
+tavro: Cannot be undone: 2 trash $PWD/a: '$HOME/.local/share/Trash/files/a' is not in the trash any more"
   run -1 tavro undo
   [[ $output == *'tavro: Nothing else can be undone' ]]
 }
@@ -114,7 +114,7 @@ tavro: Cannot be undone: 2 trash $PWD/a: Trash item is missing: '$HOME/.local/sh
   [[ $output == *"tavro: With --skip this is undone instead: 1 mkdir $PWD/older" ]]
   [ -d older ]
   run -1 undo_answered 'n\n'
-  [[ $output == *"Undo 1 mkdir $PWD/older instead? [y/N] n"*'Nothing was undone'* ]]
+  [[ $output == *"Undo 1 mkdir older instead? [y/N] n"*'Nothing was undone'* ]]
   [ -d older ]
   run -0 undo_answered 'y\n'
   [[ $output == *'Undone: mkdir'* ]]
@@ -133,7 +133,7 @@ import json, sys
 deleted, renamed = json.load(sys.stdin)
 assert (deleted["id"], deleted["undoable"]) == (2, False), deleted
 assert deleted["reason"].endswith("was deleted for good"), deleted
-assert "to" not in deleted["entries"][0], deleted
+assert deleted["entries"][0]["toPath"] is None, deleted
 assert (renamed["id"], renamed["undoable"], "reason" in renamed) == (1, True, False), renamed'
 }
 

@@ -239,7 +239,7 @@ Path=d%20%C3%A9/50%25%20%24"
     done 2>/tmp/said
     fails tavro trash /one/.Trash-0/files/a 2>>/tmp/said
     expect "$(grep -c "it is the trash$" /tmp/said)" 8
-    expect "$(grep -c "it is a folder of the trash$" /tmp/said)" 12
+    expect "$(grep -c "it is a directory of the trash$" /tmp/said)" 12
     expect "$(grep -c "it holds the trash$" /tmp/said)" 4
     expect "$(grep -c "it is in the trash already$" /tmp/said)" 1
     tavro trash -q /one/d/.Trash-0/files
