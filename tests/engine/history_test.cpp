@@ -644,7 +644,7 @@ TEST_F(DamagedHistory, an_empty_file_is_an_empty_history) {
 
 TEST_F(DamagedHistory, a_database_of_another_form_is_set_aside) {
     for (const char* sql :
-         {"PRAGMA application_id=1", "PRAGMA user_version=0", "PRAGMA user_version=2",
+         {"PRAGMA application_id=1", "PRAGMA user_version=0", "PRAGMA user_version=3",
           "DROP INDEX operation_of_state", "ALTER TABLE step ADD COLUMN more",
           "CREATE TABLE more(a)", "CREATE VIEW more AS SELECT 1",
           "CREATE TRIGGER t AFTER INSERT ON operation BEGIN DELETE FROM step; END",

@@ -39,12 +39,17 @@ examples() {
   local line count=0
   while IFS= read -r line; do
     line=${line//\/media\/stick/$PWD/stick}
+    if [[ $line == 'tavro restore'* ]]; then
+      mkdir -p home/Logs
+      touch c.log
+      tavro trash -q c.log
+    fi
     run -0 script --quiet --return --command "$line" /dev/null <<<y
     count=$((count + 1))
   done < <(examples)
   ((count >= 7))
   [[ -d stick/photos && -e a.log && ! -e home/Logs/a.log && ! -e -x.txt ]]
-  line=$(examples | grep 'tavro restore')
+  line=$(examples | grep xargs)
   run -0 bash -c "$line"
   [[ -e -x.txt ]]
   run -0 bash -c "$line"
