@@ -29,9 +29,9 @@ TEST_F(TrashFolders, are_three_below_the_home_directory) {
 }
 
 TEST_F(TrashFolders, are_in_the_data_directory_of_the_user_when_it_is_absolute) {
-    for (const auto& [data, wanted] : {std::pair{sandbox() / "data", sandbox() / "data/Trash"},
-                                       std::pair{fs::path("data"), root()},
-                                       std::pair{fs::path(""), root()}}) {
+    for (const auto& [data, wanted] :
+         {std::pair{sandbox() / "data", sandbox() / "data/Trash"},
+          std::pair{fs::path("data"), root()}, std::pair{fs::path(""), root()}}) {
         const ScopedEnvironment environment("XDG_DATA_HOME", data.string());
         EXPECT_EQ(TavroFindTrashFolders().Root, wanted);
         ASSERT_EQ(ensure(), "");

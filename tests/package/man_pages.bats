@@ -27,7 +27,7 @@ check() { # PAGE ARGUMENT…
 examples() {
   sed -e '1,/^\.SH EXAMPLES/d' -e '/^\.SH/,$d' "$man/tavro.1" |
     awk '/^\.EE/ { inside = 0 } inside; /^\.EX/ { inside = 1 }' |
-    sed -e 's/\\(ti/~/g' -e 's/\\-/-/g'
+    sed -e 's/\\(ti/~/g' -e 's/\\-/-/g' -e "s/\\\\\[aq]/'/g"
 }
 
 @test "the examples of tavro(1) work, the same with an empty trash" {
