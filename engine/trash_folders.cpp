@@ -41,9 +41,9 @@ TavroTrashFolders TavroTrashFoldersOf(const std::string& Path) {
     const std::string root = TavroParentOf(TavroParentOf(Path));
     const std::string above = TavroParentOf(root);
     for (const std::string& top : {above, TavroParentOf(above)}) {
-        for (TavroTrashFolders& folders : TavroTrashFoldersOnVolume(top)) {
+        for (const TavroTrashFolders& folders : TavroTrashFoldersOnVolume(top)) {
             if (folders.Root == root) {
-                return std::move(folders);
+                return folders;
             }
         }
     }
