@@ -226,7 +226,9 @@ class Try:
         verb, expected = self.next_verb(scenario, case, done, interrupted, resume)
         if not verb:
             return faults, ""
-        told = self.run("tavro", [verb])
+        # Who was asked before is asked again, when the power went before the answer was kept.
+        answer = scenario.Step.Answer if verb == "resume" else ""
+        told = self.run("tavro", [verb], answer)
         third = eyes.look()
         # What is in neither world any more may be gone; what an undo brings back is in the old one.
         faults += judge.judge(case, third, False, settled=True)
