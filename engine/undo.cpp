@@ -1053,29 +1053,23 @@ TavroFailure Reversal::Run() {
 
 TavroFailure Reversal::Check() {
     const TavroOperationKind what = m_report.Operation.Kind;
+    const Role main = what == TavroOperationKind::Trash ? Role::Trashed : Role::Moved;
     TavroSeenEntry seen;
-    Steps goes;
-    WhatComes(goes);
-    const std::set<const TavroStep*> exchanged(goes.begin(), goes.end());
+    const auto isThere = [&](const TavroStep& step) {
+        return TavroIsTrashed(step) ? CheckItem(step, seen) : CheckFile(step, step.To, seen);
+    };
     const auto comesBack = [&](const TavroStep& step) {
-        TavroFailure wrong =
-            TavroIsTrashed(step) ? CheckItem(step, seen) : CheckFile(step, step.To, seen);
-        return wrong || exchanged.count(&step) != 0 ? wrong : CheckFree(step.From);
+        TavroFailure wrong = isThere(step);
+        return wrong ? wrong : CheckFree(step.From);
     };
     if (what == TavroOperationKind::CreateDirectory) {
         return CheckCreated();
     }
-    TavroFailure failure =
-        Each(StepsOf(Role::Replaced), [&](const TavroStep& step) { return CheckItem(step, seen); });
+    TavroFailure failure = Each(StepsOf(Role::Replaced), isThere);
     failure = failure ? failure : CheckToMake();
-    if (what == TavroOperationKind::Copy) {
-        return failure ? failure : Each(OutermostCopies(), [&](const TavroStep& step) {
-            return CheckFile(step, step.To, seen);
-        });
-    }
-    return failure ? failure
-                   : Each(StepsOf(what == TavroOperationKind::Trash ? Role::Trashed : Role::Moved),
-                          comesBack);
+    return failure                            ? failure
+           : what == TavroOperationKind::Copy ? Each(OutermostCopies(), isThere)
+                                              : Each(StepsOf(main), comesBack);
 }
 
 /// One undo, redo or resumption, with what the history has to know of it.

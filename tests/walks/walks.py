@@ -42,7 +42,8 @@ class World:
             os.mkdir(path)
         self.m_count = 0
         self.m_gone = set()  # bytes that were deleted for good
-        self.m_changes = {}  # of operations that can be undone, by their numbers
+        # Of operations that can be undone, by their numbers: all that was, and what was changed.
+        self.m_changes = {}
         self.m_log = []
 
     def remove(self):
@@ -130,11 +131,12 @@ class World:
                 expected.update((source + path[len(target):], one) for path, one in before.items()
                                 if is_in(path, [target]))
         back = [source for source, _ in pairs] if known["kind"] in ("move", "rename") else []
-        for path, (was, _) in change.items():
-            if was is not None and not is_in(path, back):
+        then, changed = change
+        for path in changed.difference(then):
+            expected.pop(path, None)
+        for path, was in then.items():
+            if path in changed and not is_in(path, back) or is_in(path, bases):
                 expected[path] = was
-            elif was is None:
-                expected.pop(path, None)
         wrong = {path for path in expected.keys() | after.keys()
                  if expected.get(path) != after.get(path)}
         for path in sorted(wrong):
@@ -221,9 +223,9 @@ class World:
             self.m_gone |= was - there
         for one in self.history():
             if one["id"] not in known and one["kind"] not in ("delete", "empty"):
-                self.m_changes[one["id"]] = {
-                    path: (before.get(path), after.get(path))
-                    for path in before.keys() | after.keys() if before.get(path) != after.get(path)}
+                changed = {path for path in before.keys() | after.keys()
+                           if before.get(path) != after.get(path)}
+                self.m_changes[one["id"]] = before, changed
         self.check_nothing_lost(after)
 
     def undo(self, number, before, known):
@@ -254,7 +256,7 @@ def main():
             for _ in range(world.m_rng.randrange(5, 41)):
                 world.step()
         except Wrong as wrong:
-            print("\n".join(world.m_log[-12:]))
+            print("\n".join(world.m_log[-40:]))
             sys.exit(f"walk {seed}: {wrong}")
         finally:
             commands += len(world.m_log)
