@@ -35,13 +35,15 @@ std::vector<TavroTransferItemPlan> TakeDuplicates(std::vector<TavroOperationEntr
                                                   const std::string& Text,
                                                   const std::string& BaseDirectory) {
     const std::string target = TavroResolveUserPath(Text, BaseDirectory).string();
-    const bool bInto = !Text.empty() && Text.back() == '/';
+    const std::string ownTarget = TavroFindOwnPath(target);
+    // Several entries, or a slash, mean a directory.
+    const bool bInto = IoEntries.size() > 1 || (!Text.empty() && Text.back() == '/');
     std::vector<TavroTransferItemPlan> duplicates;
     std::vector<TavroOperationEntry> others;
     for (TavroOperationEntry& entry : IoEntries) {
         const std::string own = TavroFindOwnPath(entry.Path);
         const std::string inside = TavroFindOwnPath(TavroJoin(target, TavroNameOf(own)));
-        if (own != inside && (bInto || own != TavroFindOwnPath(target))) {
+        if (own != inside && (bInto || own != ownTarget)) {
             others.push_back(std::move(entry));
             continue;
         }

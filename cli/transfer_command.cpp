@@ -211,7 +211,7 @@ bool TakeBack(std::int64_t Id) {
         return false;
     }
     const TavroFailure failure = TavroUndoOnly(history, Id, {}).Failure;
-    return failure.Kind != TavroFailureKind::NothingToUndo &&
+    return failure.Kind != TavroFailureKind::NoSuchOperation &&
            TavroPrintFailure(failure) == TavroExitDone;
 }
 

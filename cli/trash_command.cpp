@@ -57,6 +57,7 @@ Asking ReadAsking(const CLI::App& Command, const Options& Options) {
             asking = {option == Options.Each ? When::Each : When::Once, false};
         } else if (option == Options.Interactive) {
             const std::string when = option->results().at(met++);
+            asking.bForgiving = asking.bForgiving && when == "never";
             asking.Ask = when == "never" ? When::Never : when == "once" ? When::Once : When::Each;
         }
     }

@@ -115,6 +115,11 @@ bool StandsInTheWay(const TavroUndoReport& Report) {
                                          Kind::NotDirectory,
                                          Kind::NotEmpty,
                                          Kind::RestoreTargetTaken,
+                                         Kind::CheckRestoreTarget,
+                                         Kind::LookAt,
+                                         Kind::ReadForUndo,
+                                         Kind::RefuseMove,
+                                         Kind::RefuseTrash,
                                          Kind::DeletionIsFinal,
                                          Kind::DeletionWasInterrupted,
                                          Kind::HistoryInvalid};

@@ -153,6 +153,9 @@ void Chooser::ChooseAll() {
 /// @return no failure; NotInTrash, when that is nothing; or SeveralNamed.
 TavroFailure Chooser::Choose(const std::string& Word) {
     Indices found = Find(m_byName, Word);
+    if (TavroFailure failure = CheckOnePath(Word, found)) { // in several trashes
+        return failure;
+    }
     if (found.empty()) {
         for (const std::string& path : {Word, TavroNameEntry(Word).Path, TavroFindOwnPath(Word)}) {
             found = found.empty() ? Find(m_byPath, path) : found;

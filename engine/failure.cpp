@@ -103,7 +103,7 @@ constexpr Sentence sentences[] = {
     {Kind::NothingToDrop, "Nothing to drop"},
     {Kind::NothingToResume, "Nothing was interrupted"},
     {Kind::NoSuchOperation, "The history has no operation %O that can be undone"},
-    {Kind::DeletionIsFinal, "%p was deleted for good"},
+    {Kind::DeletionIsFinal, "A deletion is final"},
     {Kind::DeletionWasInterrupted,
      "The deletion of %p was interrupted and cannot be undone: 'tavro resume' finishes it, "
      "'tavro history --drop' leaves what is left"},

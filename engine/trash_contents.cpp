@@ -211,13 +211,14 @@ std::string Listed(const std::set<std::string>& Paths) {
 TavroFailure TavroTrashIndex::FindByName(const std::string& Name,
                                          std::optional<TavroTrashItem>& OutItem) {
     std::set<std::string> places;
-    for (const TavroTrashFolders& folders : m_trashes) {
-        if (m_open.size() < m_trashes.size()) {
-            m_open.emplace_back();
-            if (TavroFailure failure = m_open.back().Open(folders)) {
+    if (m_open.empty()) {
+        std::vector<TavroOpenTrash> open(m_trashes.size());
+        for (std::size_t i = 0; i < open.size(); ++i) {
+            if (TavroFailure failure = open[i].Open(m_trashes[i])) {
                 return failure;
             }
         }
+        m_open = std::move(open);
     }
     for (const TavroOpenTrash& trash : m_open) {
         const auto folders = std::make_shared<const TavroTrashFolders>(trash.Folders);
@@ -365,6 +366,8 @@ TavroStep Emptying::StepOfAll() const {
     clock_gettime(CLOCK_REALTIME_COARSE, &now); // the clock of records' times
     if (m_item.Directory) {
         step.From = m_item.Directory->OwnPath;
+        struct stat status = {};
+        TavroStatWithBirthAt(m_trash.Files.Number(), ".", status, step.SourceTime);
         step.Identity = m_item.Directory->Identity;
         step.ChangeTime = TavroNanoseconds(now);
     }
@@ -599,16 +602,21 @@ TavroTrashFolders FoldersOf(const TavroStep& Step) {
 
 /// Goes on in one trash.
 TavroFailure FinishPart(Emptying& Work, const std::vector<TavroStep>& Steps) {
-    const std::string all = Work.StepOfAll().From;
-    if (all.empty()) {
-        return {};
+    const TavroStep all = Work.StepOfAll();
+    const TavroStep& first = Steps[0];
+    if (all.From.empty()) { // it is gone, or its volume is
+        return TavroIsBelowDevice(first.From, first.Identity.Device)
+                   ? TavroFailure()
+                   : TavroFailure{TavroFailureKind::MaybeOther, {}, first.From};
     }
-    if (Steps[0].From == all) {
-        return Work.RemoveEach(Work.NamesFrom(Steps[0].ChangeTime));
+    if (first.From == all.From) { // another volume may be at the same place
+        return all.Identity.Inode == first.Identity.Inode && all.SourceTime == first.SourceTime
+                   ? Work.RemoveEach(Work.NamesFrom(first.ChangeTime))
+                   : TavroFailure{TavroFailureKind::MaybeOther, {}, first.From};
     }
-    return TavroParentOf(Steps[0].From) == all
+    return TavroParentOf(first.From) == all.From
                ? Work.RemoveEach(Work.ItemsOf(Steps))
-               : TavroFailure{TavroFailureKind::NotInTrash, {}, Steps[0].From};
+               : TavroFailure{TavroFailureKind::NotInTrash, {}, first.From};
 }
 
 } // namespace

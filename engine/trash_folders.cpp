@@ -211,7 +211,8 @@ bool TavroOpenTrash::OpenOnVolume(std::uint64_t Mount, std::uint64_t Device) {
         TavroDescriptor top;
         struct stat status = {};
         std::uint64_t number = 0;
-        if (mount.Number != Mount || TavroOpenDirectory(mount.Point, top) != 0 ||
+        if (mount.Number != Mount || !mount.HoldsFiles() ||
+            TavroOpenDirectory(mount.Point, top) != 0 ||
             TavroStatWithMount(top.Number(), status, number) != 0 || number != Mount ||
             status.st_dev != Device) {
             continue;
@@ -265,16 +266,16 @@ TavroFailure TavroFindTrashes(const std::string& OnVolume, TavroTrashes& OutTras
     }
     const TavroPresence asked =
         OnVolume.empty() ? TavroPresence::Present : TavroLookInTime({OnVolume}, patience).front();
-    if (asked == TavroPresence::Silent) {
-        OutTrashes.Silent.push_back(OnVolume);
-    }
     std::uint64_t wanted = 0;
     std::uint64_t ofHome = 0;
-    if (asked != TavroPresence::Present ||
-        (!OnVolume.empty() && FindMount(OnVolume, wanted) != 0)) {
-        return asked == TavroPresence::Silent
-                   ? TavroFailure()
-                   : TavroFailure{TavroFailureKind::NoSuchEntry, {}, OnVolume};
+    if (asked == TavroPresence::Missing) {
+        return {TavroFailureKind::NoSuchEntry, {}, OnVolume};
+    }
+    const int error = asked == TavroPresence::Silent ? ETIMEDOUT
+                      : OnVolume.empty()             ? 0
+                                                     : FindMount(OnVolume, wanted);
+    if (error != 0) {
+        return TavroFail(TavroFailureKind::LookAt, error, OnVolume);
     }
     if (OnVolume.empty() || (FindMount(home.Root, ofHome) == 0 && ofHome == wanted)) {
         OutTrashes.Folders.push_back(home);

@@ -71,7 +71,8 @@ struct TavroTrashes {
 /// Finds the home trash, there or not, and those of all other volumes that can be reached.
 ///
 /// @param OnVolume  a path: only those on its mount. Empty: all.
-/// @return no failure, NoHome, or LookAt when there is nothing at that path.
+/// @return no failure, NoHome, NoSuchEntry when there is nothing at that path, or LookAt when it
+///         cannot be looked at, or does not answer within a second.
 TavroFailure TavroFindTrashes(const std::string& OnVolume, TavroTrashes& OutTrashes);
 
 #endif

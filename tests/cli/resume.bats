@@ -143,7 +143,7 @@ connection.commit()' "$HOME/.local/state/tavro/history.db"
     [[ $output == 'Finished: empty'* ]]
     expect "$(find "$HOME/.local/share/Trash" -mindepth 2)" "$HOME/.local/share/Trash/info/x.trashinfo"
     run -0 tavro history
-    [[ $output == *'  empty  '*"was deleted for good)" ]]
+    [[ $output == *'  empty  '*": A deletion is final)" ]]
     tavro history --drop
   done
 }

@@ -115,7 +115,7 @@ d -> ~/$trash/files/d"
   done
   mkdir e
   run -1 on_terminal "$TAVRO trash -f --interactive=once missing e" n
-  expect "$output" 'Move 1 entry to the trash? [y/N] tavro: Nothing was moved to the trash'
+  expect "$output" "tavro: No such entry: 'missing'"
   run -1 on_terminal "$TAVRO trash -f -i missing" n
   expect "$output" "tavro: No such entry: 'missing'"
   run -2 --separate-stderr tavro trash --interactive=some e

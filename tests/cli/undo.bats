@@ -107,9 +107,9 @@ tavro: Cannot be undone: 2 trash $PWD/a: '$HOME/.local/share/Trash/files/a' is n
   tavro trash c
   tavro empty -f
   run -0 tavro history
-  [[ ${lines[0]} == *"  empty  "*"  (cannot be undone: "*" was deleted for good)" ]]
+  [[ ${lines[0]} == *"  empty  "*"  (cannot be undone: A deletion is final)" ]]
   [[ ${lines[1]} == *"  trash  $PWD/c  (nothing is left to undo)" ]]
-  [[ ${lines[2]} == *"  delete  $PWD/a and 1 more  (cannot be undone: '$PWD/a' was deleted for good)" ]]
+  [[ ${lines[2]} == *"  delete  $PWD/a and 1 more  (cannot be undone: A deletion is final)" ]]
   run -1 tavro undo
   [[ $output == *"tavro: With --skip this is undone instead: 1 mkdir $PWD/older" ]]
   [ -d older ]
@@ -132,7 +132,7 @@ tavro: Cannot be undone: 2 trash $PWD/a: '$HOME/.local/share/Trash/files/a' is n
 import json, sys
 deleted, renamed = json.load(sys.stdin)
 assert (deleted["id"], deleted["undoable"]) == (2, False), deleted
-assert deleted["reason"].endswith("was deleted for good"), deleted
+assert deleted["reason"] == "A deletion is final", deleted
 assert deleted["entries"][0]["toPath"] is None, deleted
 assert (renamed["id"], renamed["undoable"], "reason" in renamed) == (1, True, False), renamed'
 }

@@ -76,6 +76,11 @@ TEST(ChooseItems, takes_the_name_in_the_trash_before_paths_and_original_names) {
     EXPECT_EQ(chosen({"b 1.txt", "a.log"}, some), (Names{"a.log", "b 1.txt"}));
 }
 
+TEST(ChooseItems, refuses_a_name_that_several_trashes_have) {
+    EXPECT_EQ(chosen({"a"}, {made("a", "/home/a"), made("a", "/stick/b"), made("c", "/c")}),
+              (Names{"Several entries named 'a' are in the trash, from '/home/a', '/stick/b'"}));
+}
+
 TEST(ChooseItems, takes_an_original_name_from_one_path_alone) {
     EXPECT_EQ(chosen({"c.log"}, some),
               Names{"Several entries named 'c.log' are in the trash, from '/y/c.log', '/z/c.log'"});
