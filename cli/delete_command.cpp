@@ -59,7 +59,7 @@ int RunDelete(const std::vector<std::string>& Texts, bool bForce, TavroKeeping K
     TavroCallbacks callbacks;
     callbacks.ShouldCancel = TavroWasInterrupted;
     const TavroFailure failure = TavroDeleteForGood(entries, recording.Bind(callbacks, Keeping));
-    const int exitCode = recording.EndDeletion();
+    const int exitCode = recording.EndDeletion(failure);
     if (failure.Kind == TavroFailureKind::Cancelled) {
         TavroPrintError("Interrupted: what is left of '" + failure.Path +
                         "' and what comes after it stays");

@@ -72,7 +72,7 @@ int RunEmpty(const Emptied& What, const std::string& Volume, bool bForce, bool b
     callbacks = recording.Bind(callbacks, Keeping);
     if (bForce && bQuiet && What.IsEverything()) {
         const TavroFailure failure = TavroEmptyTrash(callbacks, trashes);
-        return std::max(recording.EndDeletion(), TavroPrintFailure(failure));
+        return std::max(recording.EndDeletion(failure), TavroPrintFailure(failure));
     }
     std::vector<TavroTrashItem> items;
     TavroFailure failure = TavroListTrash(false, TavroWasInterrupted, items, trashes);
@@ -90,7 +90,7 @@ int RunEmpty(const Emptied& What, const std::string& Volume, bool bForce, bool b
         return exitCode;
     }
     failure = TavroRemoveFromTrash(items, callbacks);
-    exitCode = recording.EndDeletion();
+    exitCode = recording.EndDeletion(failure);
     if (!failure && !bQuiet) {
         TavroPrintLine(stdout, "Deleted " + TavroContentText(items));
         TavroPrintUnlisted(unlisted);

@@ -82,8 +82,8 @@ int TavroRecording::End(TavroOperation Operation) {
     return exitCode;
 }
 
-int TavroRecording::EndDeletion() {
-    return SayWhatIsNotKept(m_journal.EndDeletion());
+int TavroRecording::EndDeletion(const TavroFailure& Failure) {
+    return SayWhatIsNotKept(m_journal.EndDeletion(static_cast<bool>(Failure)));
 }
 
 TavroKeepingOptions TavroAddKeeping(CLI::App& Command) {

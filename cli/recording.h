@@ -40,8 +40,8 @@ public:
     /// @return an exit code.
     int End(TavroOperation Operation);
 
-    /// As End, of a deletion.
-    int EndDeletion();
+    /// As End, of a deletion. @param Failure  what it came to.
+    int EndDeletion(const TavroFailure& Failure);
 
     TavroRecording();
 

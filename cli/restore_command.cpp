@@ -194,6 +194,13 @@ int RunRestore(const TavroChoice& Choice, const std::string& Volume, Restoring R
         return TavroPrintFailure(failure);
     }
     Run.Index = TavroTrashIndex(Run.Trashes);
+    for (const TavroTrashFolders& folders : Run.Trashes) {
+        const std::string own = TavroFindOwnPath(TavroJoin(Run.To, "x"));
+        if (!Run.To.empty() && TavroIsBelow(TavroFindOwnPath(folders.Root), own)) {
+            TavroPrintError("'" + Run.To + "' is in the trash");
+            return TavroExitFailed;
+        }
+    }
     TavroDescriptor directory;
     const int error = Run.To.empty() ? 0 : TavroOpenDirectory(Run.To, directory);
     if (error != 0) {

@@ -153,7 +153,10 @@ void Chooser::ChooseAll() {
 /// @return no failure; NotInTrash, when that is nothing; or SeveralNamed.
 TavroFailure Chooser::Choose(const std::string& Word) {
     Indices found = Find(m_byName, Word);
-    if (TavroFailure failure = CheckOnePath(Word, found)) { // in several trashes
+    // Several trashes may have it, and a person may mean what was here.
+    Indices either = found.empty() ? found : Find(m_byPath, TavroNameEntry(Word).Path);
+    either.insert(either.end(), found.begin(), found.end());
+    if (TavroFailure failure = CheckOnePath(Word, either)) {
         return failure;
     }
     if (found.empty()) {

@@ -1,5 +1,7 @@
 #include "journal.h"
 
+#include "place.h"
+
 #include <algorithm>
 #include <ctime>
 #include <utility>
@@ -96,6 +98,17 @@ TavroFailure TavroJournal::End(TavroOperation Operation) {
     return m_history->EndOperation(Operation, bSame);
 }
 
-TavroFailure TavroJournal::EndDeletion() {
-    return End({0, m_kind, TavroOperationState::Done, 0, m_kept});
+TavroFailure TavroJournal::EndDeletion(bool bFailed) {
+    TavroPlaces places;
+    const auto mayBeGone = [&](const TavroStep& step) { // of a directory some of what is in it
+        TavroPlace place;
+        struct stat status = {};
+        const bool bThere = !places.Find(step.From, place) &&
+                            TavroStatAt(place.Number(), place.Name.c_str(), status) == 0 &&
+                            status.st_ino == step.Identity.Inode;
+        return !bThere || S_ISDIR(status.st_mode);
+    };
+    const bool bNothing = bFailed && std::none_of(m_kept.begin(), m_kept.end(), mayBeGone);
+    return End(
+        {0, m_kind, TavroOperationState::Done, 0, bNothing ? std::vector<TavroStep>() : m_kept});
 }

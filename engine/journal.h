@@ -29,9 +29,9 @@ public:
     /// @return why it could not be kept.
     TavroFailure End(TavroOperation Operation);
 
-    /// A deletion has come to its end, or failed after it had begun: it stays in the history as
-    /// what cannot be undone.
-    TavroFailure EndDeletion();
+    /// A deletion has come to its end: it stays in the history as what cannot be undone, unless it
+    /// failed, and nothing can be gone.
+    TavroFailure EndDeletion(bool bFailed);
 
     /// It stays as it is, as one that was interrupted.
     void Leave() {

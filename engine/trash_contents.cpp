@@ -61,7 +61,7 @@ std::optional<TavroTrashItem> ReadItem(const TavroOpenTrash& Trash,
         return std::nullopt;
     }
     std::optional<TavroTrashRecord> record =
-        TavroReadRecord(Trash.Info.Number(), Name, Trash.Folders.Base);
+        TavroReadRecord(Trash.Info.Number(), Name, Trash.Folders.Base, Trash.Folders.bVolume);
     if (!record) {
         return std::nullopt;
     }
@@ -379,7 +379,8 @@ std::vector<std::string> Emptying::NamesFrom(std::int64_t Before) const {
     std::vector<std::string> names;
     ListRecorded(names);
     const auto isLater = [&](const std::string& name) {
-        const auto record = TavroReadRecord(m_trash.Info.Number(), name, m_trash.Folders.Base);
+        const auto record = TavroReadRecord(m_trash.Info.Number(), name, m_trash.Folders.Base,
+                                            m_trash.Folders.bVolume);
         return !record || record->WrittenAt >= Before;
     };
     names.erase(std::remove_if(names.begin(), names.end(), isLater), names.end());
@@ -458,7 +459,8 @@ TavroFailure Emptying::Remove(const TavroTrashItem& Item) {
 TavroFailure Emptying::Remove(const std::string& Name) {
     struct stat status = {};
     if (!m_item.Directory || !IsPlainName(Name) ||
-        !TavroReadRecord(m_trash.Info.Number(), Name, m_trash.Folders.Base)) {
+        !TavroReadRecord(m_trash.Info.Number(), Name, m_trash.Folders.Base,
+                         m_trash.Folders.bVolume)) {
         return {};
     }
     m_item.Name = Name;
@@ -673,7 +675,8 @@ TavroFailure Examine(const TavroTrashFolders& Folders,
     }
     for (const std::string& name : records) {
         const std::string path = TavroJoin(trash.Folders.Info, TavroRecordName(name));
-        if (!TavroReadRecord(trash.Info.Number(), name, trash.Folders.Base)) {
+        if (!TavroReadRecord(trash.Info.Number(), name, trash.Folders.Base,
+                             trash.Folders.bVolume)) {
             OutFindings.push_back({TavroTrashFault::UnreadableRecord, path});
         } else if (!std::binary_search(items.begin(), items.end(), name)) {
             OutFindings.push_back({TavroTrashFault::RecordWithoutItem, path});
@@ -779,8 +782,8 @@ TavroFailure TavroMendTrash(const TavroTrashFinding& Finding) {
     if (Finding.Fault == TavroTrashFault::ItemWithoutRecord) {
         return error != 0 || bRecord ? TavroFailure() : RecordAnew(trash, *name);
     }
-    if (!bRecord ||
-        (error == 0 && TavroReadRecord(trash.Info.Number(), *name, trash.Folders.Base))) {
+    if (!bRecord || (error == 0 && TavroReadRecord(trash.Info.Number(), *name, trash.Folders.Base,
+                                                   trash.Folders.bVolume))) {
         return {};
     }
     if (error != 0) {

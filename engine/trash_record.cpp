@@ -205,8 +205,8 @@ RawRecord SplitRecord(std::string_view Bytes) {
 
 } // namespace
 
-std::optional<TavroTrashRecord> TavroParseRecord(const std::string& Bytes,
-                                                 const std::string& Base) {
+std::optional<TavroTrashRecord> TavroParseRecord(const std::string& Bytes, const std::string& Base,
+                                                 bool bBelow) {
     const RawRecord raw = SplitRecord(Bytes);
     std::string path = TavroPercentDecode(raw.Path.value_or(""));
     while (path.size() > 1 && path.back() == '/') {
@@ -218,12 +218,15 @@ std::optional<TavroTrashRecord> TavroParseRecord(const std::string& Bytes,
         return std::nullopt;
     }
     const std::string date = raw.Date.value_or("");
-    return TavroTrashRecord{path.front() == '/' ? path : TavroJoin(Base, path),
-                            FieldsOfDate(date) ? date.substr(0, 19) : std::string()};
+    path = path.front() == '/' ? path : TavroJoin(Base, path);
+    if (bBelow && !TavroIsBelow(Base, path)) {
+        return std::nullopt;
+    }
+    return TavroTrashRecord{path, FieldsOfDate(date) ? date.substr(0, 19) : std::string()};
 }
 
 std::optional<TavroTrashRecord> TavroReadRecord(int Info, const std::string& Item,
-                                                const std::string& Base) {
+                                                const std::string& Base, bool bBelow) {
     constexpr std::size_t limit = std::size_t{64} << 10U;
     TavroDescriptor file;
     struct stat status = {};
@@ -241,7 +244,7 @@ std::optional<TavroTrashRecord> TavroReadRecord(int Info, const std::string& Ite
     }
     // Of a longer file the last line may be only a part of itself.
     bytes.resize(bytes.size() < limit ? bytes.size() : bytes.rfind('\n') + 1);
-    std::optional<TavroTrashRecord> record = TavroParseRecord(bytes, Base);
+    std::optional<TavroTrashRecord> record = TavroParseRecord(bytes, Base, bBelow);
     if (record) {
         record->WrittenAt = TavroNanoseconds(status.st_mtim);
     }

@@ -82,13 +82,14 @@ private:
 ///
 /// @param Base  what a relative path is taken against.
 /// @return nothing when they tell no path, or one with `..` in it, which could lead anywhere.
-std::optional<TavroTrashRecord> TavroParseRecord(const std::string& Bytes, const std::string& Base);
+std::optional<TavroTrashRecord> TavroParseRecord(const std::string& Bytes, const std::string& Base,
+                                                 bool bBelow = false);
 
 /// Reads a record, of which only the first 64 KiB count. A link is followed; a FIFO is not waited
 /// for.
 /// @return nothing when it cannot be read or tells no path.
 std::optional<TavroTrashRecord> TavroReadRecord(int Info, const std::string& Item,
-                                                const std::string& Base);
+                                                const std::string& Base, bool bBelow = false);
 
 /// The time that a record's date means, in the local time zone; nothing when it is none.
 std::optional<std::time_t> TavroTimeOfDate(const std::string& Date);

@@ -91,7 +91,8 @@ private:
     Steps ToRemove();
 
     int Look(const std::string& Path, TavroPlace& OutPlace, struct stat& OutStatus);
-    bool IsYounger(const TavroStep& Step, const TavroPlace& Place, const struct stat& Status) const;
+    static bool IsNamesake(const TavroStep& Step, const TavroPlace& Place,
+                           const struct stat& Status);
     TavroFailure CheckFile(const TavroStep& Step, const std::string& Path, TavroSeenEntry& OutSeen);
     TavroFailure CheckHolder(const std::string& Path);
     TavroFailure CheckFree(const std::string& Path);
@@ -203,14 +204,25 @@ int Reversal::Look(const std::string& Path, TavroPlace& OutPlace, struct stat& O
                    : TavroStatAt(OutPlace.Number(), OutPlace.Name.c_str(), OutStatus);
 }
 
-/// Whether a file was created when the operation had ended: the number of the one that it left was
-/// given again.
-bool Reversal::IsYounger(const TavroStep& Step, const TavroPlace& Place,
-                         const struct stat& Status) const {
+/// Whether a file that has the number of the one that the operation left is another one all the
+/// same: it was created when the operation had ended, or is of another volume at the same place,
+/// where nobody has touched it since. After a restart a device can have another number.
+bool Reversal::IsNamesake(const TavroStep& Step, const TavroPlace& Place,
+                          const struct stat& Status) {
     struct stat status = {};
     std::int64_t birth = 0;
-    return m_bUndo && !TavroIsTrashed(Step) && Step.ChangeTime != 0 &&
-           TavroNanoseconds(Status.st_ctim) > Step.ChangeTime &&
+    const std::int64_t changed = TavroNanoseconds(Status.st_ctim);
+    if (Step.ChangeTime == 0 || Step.ChangeTime == INT64_MAX || Step.Identity.Inode == 0) {
+        return false; // nothing is known of it
+    }
+    // Of a new directory the end of the operation is known.
+    constexpr std::int64_t hour = 3'600'000'000'000;
+    const std::int64_t earliest =
+        Step.ChangeTime - (Step.Role == Role::CreatedDirectory ? hour : 0);
+    if (Step.Identity.Device != Status.st_dev && changed < earliest) {
+        return true;
+    }
+    return !TavroIsTrashed(Step) && changed > Step.ChangeTime &&
            TavroStatWithBirthAt(Place.Number(), Place.Name.c_str(), status, birth) == 0 &&
            birth > Step.ChangeTime;
 }
@@ -229,7 +241,7 @@ TavroFailure Reversal::CheckFile(const TavroStep& Step, const std::string& Path,
         return {Kind::NotDirectory, {}, Path};
     }
     const bool bOther = Step.Identity.Inode != 0 && Step.Identity.Inode != status.st_ino;
-    if (bOther || IsYounger(Step, place, status)) {
+    if (bOther || IsNamesake(Step, place, status)) {
         return {Kind::Replaced, {}, Path, OtherOf(status.st_mode)};
     }
     OutSeen = {place.Directory->Identity, TavroStateOf(status)};

@@ -307,6 +307,27 @@ Delete 2 items (3.0 kB) in the trash for good? [y/N] tavro: Nothing was deleted"
   [[ $output != *items* ]]
 }
 
+@test "restore --to leads into no trash" {
+  mkdir dir
+  put a
+  tavro trash -q dir
+  for to in "$HOME/$trash" "$HOME/$trash/info" "$HOME/$trash/files/dir"; do
+    run -1 --separate-stderr tavro restore --to "$to" a
+    expect "$stderr" "tavro: '$to' is in the trash"
+  done
+  expect "$(ls "$HOME/$trash/files")" $'a\ndir'
+}
+
+@test "a name in the trash that could mean what was here is not taken for granted" {
+  mkdir p q
+  put q/x
+  put p/x
+  cd p
+  run -1 tavro empty -f x
+  [[ $output == *"Several entries named 'x' are in the trash"* ]]
+  expect "$(ls "$HOME/$trash/files" | wc -l)" 2
+}
+
 @test "thousands of names that look like patterns are restored at once" {
   mkdir d
   seq -f 'd/[%.0f]*' 3000 | tr '\n' '\0' | xargs -0 touch

@@ -186,3 +186,16 @@ Cannot look at '$HOME/.local/state/tavro/history.db': Not a directory"
   run -0 tavro undo
   [ -e b ]
 }
+
+@test "a deletion that deleted nothing is not in the history" {
+  touch a b
+  mkdir d
+  touch d/c
+  tavro rename a a2
+  command -v chattr >/dev/null && chattr +i b 2>/dev/null || skip 'no file can be made immutable here'
+  run -1 tavro delete -f b
+  chattr -i b
+  [ -e b ]
+  expect "$(tavro history | wc -l)" 1
+  run -0 tavro undo
+}

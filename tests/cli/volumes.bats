@@ -288,3 +288,40 @@ Path=d%20%C3%A9/50%25%20%24"
       expect "$(find /one /two /home/.local/share/Trash -type f)" ""
     done'
 }
+
+@test "an undo takes nothing from another volume at the same place" {
+  in_own_root '
+    mkdir /v /A /B
+    mount -t tmpfs A /A
+    mount -t tmpfs B /B
+    echo precious >/B/a
+    mount --bind /A /v
+    cd /home
+    echo mine >a
+    tavro move -q a /v/
+    umount /v
+    mount --bind /B /v
+    expect "$(stat -c %i /A/a)" "$(stat -c %i /B/a)"
+    fails tavro undo 2>/tmp/said
+    grep -q "is not what it was: another file is there now" /tmp/said
+    expect "$(cat /B/a)" precious
+    umount /v
+    mount --bind /A /v
+    tavro undo -q
+    expect "$(cat a)" mine'
+}
+
+@test "a record on a volume leads nowhere else" {
+  in_own_root '
+    mkdir -p -m 700 /one/.Trash-0/files /one/.Trash-0/info
+    chmod 700 /one/.Trash-0
+    echo evil >/one/.Trash-0/files/photo.jpg
+    printf "[Trash Info]\nPath=/home/.bashrc\nDeletionDate=2026-01-01T00:00:00\n" >/one/.Trash-0/info/photo.jpg.trashinfo
+    fails tavro restore "*.jpg"
+    fails tavro restore photo.jpg
+    [[ ! -e /home/.bashrc ]]
+    fails tavro doctor >/dev/null
+    printf "[Trash Info]\nPath=/one/photo.jpg\nDeletionDate=2026-01-01T00:00:00\n" >/one/.Trash-0/info/photo.jpg.trashinfo
+    tavro restore -q photo.jpg
+    [[ -e /one/photo.jpg ]]'
+}

@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <optional>
+#include <sys/stat.h>
 
 using namespace tavro_test;
 
@@ -118,14 +119,30 @@ TEST_F(Journal, what_could_not_be_undone_anyway_goes_on_without_a_history) {
         EXPECT_FALSE(callbacks.BeforeActs(kind, {{Role::Deleted, "/b"}}));
         EXPECT_EQ(told, std::vector<TavroFailureKind>{TavroFailureKind::HistoryOpen});
         EXPECT_FALSE(journal.Problem());
-        EXPECT_FALSE(journal.EndDeletion());
+        EXPECT_FALSE(journal.EndDeletion(false));
+    }
+}
+
+TEST_F(Journal, a_deletion_that_failed_stays_only_where_something_can_be_gone) {
+    writeFile(m_sandbox / "file", "bytes");
+    makeDirectory(m_sandbox / "directory");
+    for (const auto& [name, expected] :
+         {std::pair("file", 0U), std::pair("directory", 1U), std::pair("gone", 2U)}) {
+        TavroStep step{Role::Deleted, (m_sandbox / name).string()};
+        struct stat status = {};
+        lstat(step.From.c_str(), &status);
+        step.Identity = TavroIdentityOf(status);
+        TavroJournal journal = this->journal();
+        ASSERT_FALSE(journal.Bind({}).BeforeActs(Kind::Delete, {step}));
+        ASSERT_FALSE(journal.EndDeletion(true));
+        EXPECT_EQ(listed().size(), expected) << name;
     }
 }
 
 TEST_F(Journal, a_deletion_stays_in_the_history) {
     TavroJournal journal = this->journal();
     ASSERT_FALSE(journal.Bind({}).BeforeActs(Kind::Delete, {{Role::Deleted, "/a"}}));
-    ASSERT_FALSE(journal.EndDeletion());
+    ASSERT_FALSE(journal.EndDeletion(false));
     ASSERT_EQ(listed().size(), 1U);
     EXPECT_EQ(listed()[0].Kind, Kind::Delete);
     EXPECT_EQ(listed()[0].State, State::Done);
