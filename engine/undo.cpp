@@ -215,10 +215,9 @@ bool Reversal::IsNamesake(const TavroStep& Step, const TavroPlace& Place,
     if (Step.ChangeTime == 0 || Step.ChangeTime == INT64_MAX || Step.Identity.Inode == 0) {
         return false; // nothing is known of it
     }
-    // Of a new directory the end of the operation is known.
+    // Of what was moved its own time is known, of all else the end of the operation.
     constexpr std::int64_t hour = 3'600'000'000'000;
-    const std::int64_t earliest =
-        Step.ChangeTime - (Step.Role == Role::CreatedDirectory ? hour : 0);
+    const std::int64_t earliest = Step.ChangeTime - (Step.Role == Role::Moved ? 0 : hour);
     if (Step.Identity.Device != Status.st_dev && changed < earliest) {
         return true;
     }
