@@ -77,18 +77,23 @@ bool TavroTellsEach(std::size_t Count, bool bVerbose) {
     return bVerbose || Count <= few || !TavroIsTerminal(stdout);
 }
 
-std::string TavroSummary(const std::string& Deed, const std::string& What, std::uint64_t Bytes,
-                         std::uint64_t Seconds) {
-    return Deed + " " + What + (Bytes > 0 ? " (" + TavroHumanSize(Bytes) + ")" : "") +
-           (Seconds > 0 ? " in " + TavroDurationText(Seconds) : "");
-}
+namespace {
 
-std::string TavroDurationText(std::uint64_t Seconds) {
+/// A length of time as people say it: "5 s", "2 min", "3 h".
+std::string DurationText(std::uint64_t Seconds) {
     if (Seconds < 60) {
         return std::to_string(Seconds) + " s";
     }
     return Seconds < 3600 ? std::to_string(Seconds / 60) + " min"
                           : std::to_string(Seconds / 3600) + " h";
+}
+
+} // namespace
+
+std::string TavroSummary(const std::string& Deed, const std::string& What, std::uint64_t Bytes,
+                         std::uint64_t Seconds) {
+    return Deed + " " + What + (Bytes > 0 ? " (" + TavroHumanSize(Bytes) + ")" : "") +
+           (Seconds > 0 ? " in " + DurationText(Seconds) : "");
 }
 
 namespace {
@@ -114,7 +119,7 @@ std::string TavroShownTime(std::int64_t Time) {
         return "just now";
     }
     const auto seconds = static_cast<std::uint64_t>(age);
-    return (age < day ? TavroDurationText(seconds) : TavroCountText(seconds / day, "day")) + " ago";
+    return (age < day ? DurationText(seconds) : TavroCountText(seconds / day, "day")) + " ago";
 }
 
 std::string TavroTimeText(std::int64_t Time) {

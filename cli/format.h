@@ -29,9 +29,6 @@ bool TavroTellsEach(std::size_t Count, bool bVerbose);
 std::string TavroSummary(const std::string& Deed, const std::string& What, std::uint64_t Bytes,
                          std::uint64_t Seconds);
 
-/// A length of time as people say it: "5 s", "2 min", "3 h".
-std::string TavroDurationText(std::uint64_t Seconds);
-
 /// A time as people say it: "2 min ago", "3 days ago"; after a week, or in the future, the date.
 std::string TavroShownTime(std::int64_t Time);
 

@@ -3,27 +3,18 @@
 #include "choosing.h"
 #include "format.h"
 #include "json.h"
+#include "trash_record.h"
 
 #include <ctime>
 #include <optional>
 
 namespace {
 
-/// When it was trashed, in seconds since 1970; its record has the local time.
-std::optional<std::int64_t> DeletionTime(const TavroTrashItem& Item) {
-    std::tm local = {};
-    local.tm_isdst = -1;
-    if (strptime(Item.DeletionDate.c_str(), "%Y-%m-%dT%H:%M:%S", &local) == nullptr) {
-        return std::nullopt;
-    }
-    return std::mktime(&local);
-}
-
 TavroJson ItemJson(const TavroTrashItem& Item) {
     TavroJson json;
     TavroAddPath(json, "trash", Item.TrashPath());
     TavroAddPath(json, "original", Item.OriginalPath);
-    const std::optional<std::int64_t> time = DeletionTime(Item);
+    const std::optional<std::time_t> time = TavroTimeOfDate(Item.DeletionDate);
     json["deletionDate"] = time ? TavroJson(TavroTimeText(*time)) : TavroJson();
     json["byteCount"] = Item.ByteCount;
     json["directory"] = Item.bDirectory;
@@ -37,7 +28,7 @@ std::vector<TavroCell> ItemRow(const TavroTrashItem& Item) {
                 {Item.Name},
                 {Item.OriginalPath}};
     }
-    const std::optional<std::int64_t> time = DeletionTime(Item);
+    const std::optional<std::time_t> time = TavroTimeOfDate(Item.DeletionDate);
     return {{time ? TavroShownTime(*time) : "-", TavroStyle::Dim},
             {TavroHumanSize(Item.ByteCount), TavroStyle::Plain, true},
             {Item.Name, Item.bDirectory ? TavroStyle::Bold : TavroStyle::Plain},

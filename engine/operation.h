@@ -52,7 +52,8 @@ struct TavroStep {
     /// known, or of a directory that the operation found there. What is to go for good is at
     /// `From`.
     TavroIdentity Identity = {};
-    std::int64_t ChangeTime = 0; ///< Of that file when the operation ended, or that moment.
+    std::int64_t ChangeTime = 0; ///< Of that file when the operation ended, or that moment; 0: not
+                                 ///< known.
     std::uint32_t Mode = 0;      ///< Of a created or removed directory; of a plan, its policy.
     bool bDirectory = false;     ///< As the trash record of a Trashed step has it.
 

@@ -718,7 +718,7 @@ std::optional<std::string> ItemNameOf(const TavroTrashFinding& Finding,
                                                            : std::nullopt;
 }
 
-/// Gives an item a record as of the home directory, and before that, if need be, a name that leaves
+/// Gives an item a record as of the base of its trash, and before that, if need be, a name that leaves
 /// room for the record's.
 TavroFailure RecordAnew(const TavroOpenTrash& Trash, const std::string& Name) {
     const std::string original = TavroJoin(Trash.Folders.Base, Name);

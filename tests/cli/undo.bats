@@ -199,3 +199,16 @@ Cannot look at '$HOME/.local/state/tavro/history.db': Not a directory"
   expect "$(tavro history | wc -l)" 1
   run -0 tavro undo
 }
+
+@test "a redo takes no file that got the number of the one that was there" {
+  touch a
+  tavro rename a b
+  tavro undo
+  was=$(stat -c %i a)
+  rm a
+  echo other >a
+  [[ $(stat -c %i a) == "$was" ]] || skip 'this file system gives no number again at once'
+  run -1 tavro redo
+  expect "$output" "tavro: '$PWD/a' is not what it was: another file is there now"
+  expect "$(cat a)" other
+}
