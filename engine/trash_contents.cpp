@@ -718,8 +718,8 @@ std::optional<std::string> ItemNameOf(const TavroTrashFinding& Finding,
                                                            : std::nullopt;
 }
 
-/// Gives an item a record as of the base of its trash, and before that, if need be, a name that leaves
-/// room for the record's.
+/// Gives an item a record as of the base of its trash, and before that, if need be, a name that
+/// leaves room for the record's.
 TavroFailure RecordAnew(const TavroOpenTrash& Trash, const std::string& Name) {
     const std::string original = TavroJoin(Trash.Folders.Base, Name);
     mode_t mode = 0;
