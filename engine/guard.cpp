@@ -54,8 +54,10 @@ TavroGuard::TavroGuard(TavroAct Act) : m_act(Act) {
     Protect("/", Why::IsRoot, Why::IsRoot);
     const TavroTrashFolders trash = TavroFindTrashFolders();
     const char* home = std::getenv("HOME");
-    if (home != nullptr && !trash.Root.empty()) {
+    if (home != nullptr && *home != '\0') {
         Protect(home, Why::IsHome, Why::HoldsHome);
+    }
+    if (!trash.Root.empty()) {
         Protect(trash.Root, Why::IsTrash, Why::HoldsTrash);
         Protect(trash.Files, Why::IsTrashDirectory, Why::HoldsTrashDirectory);
         Protect(trash.Info, Why::IsTrashDirectory, Why::HoldsTrashDirectory);

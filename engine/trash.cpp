@@ -1,5 +1,6 @@
 #include "trash.h"
 
+#include "directory_sizes.h"
 #include "guard.h"
 #include "names.h"
 #include "tavropane.h"
@@ -7,6 +8,7 @@
 #include "trash_record.h"
 
 #include <algorithm>
+#include <climits>
 #include <functional>
 #include <memory>
 #include <set>
@@ -154,7 +156,7 @@ struct Destination {
 /// Finds the trash for what is on a mount.
 class Destinations {
 public:
-    explicit Destinations(bool bHome) : m_bHome(bHome) {}
+    Destinations(bool bHome, bool bSync) : m_bHome(bHome), m_bSync(bSync) {}
 
     TavroFailure Find(const Mount& Of, Destination*& OutTrash);
     bool IsCopied(const Mount& Of) {
@@ -168,6 +170,7 @@ private:
     Destination* OnVolume(const Mount& Of);
 
     const bool m_bHome;
+    const bool m_bSync;
     Mount m_homeMount;
     Destination* m_home = nullptr;
     std::vector<std::pair<Mount, Destination*>> m_volumes; ///< Null: it takes no trash.
@@ -192,7 +195,7 @@ Destination* Destinations::OnVolume(const Mount& Of) {
         }
     }
     auto found = std::make_unique<Destination>();
-    const bool bFound = found->Trash.OpenOnVolume(Of.Number, Of.Device);
+    const bool bFound = found->Trash.OpenOnVolume(Of.Number, Of.Device, m_bSync);
     m_volumes.emplace_back(Of, bFound ? found.get() : nullptr);
     if (bFound) {
         All.push_back(std::move(found));
@@ -216,7 +219,7 @@ TavroFailure Destinations::Find(const Mount& Of, Destination*& OutTrash) {
 
 std::vector<TavroOperationEntry> TavroEntriesToCopy(const std::vector<TavroOperationEntry>& Entries,
                                                     const TavroTrashOptions& Options) {
-    Destinations destinations(Options.bHome);
+    Destinations destinations(Options.bHome, Options.bSync);
     std::vector<TavroOperationEntry> copied;
     TavroPlaces places;
     std::string parent;
@@ -294,7 +297,7 @@ std::vector<TavroStep> StepsOf(const std::vector<TavroBatchStep>& Steps) {
 class Trashing {
 public:
     Trashing(std::vector<TavroBatchStep>& Steps, bool bHome, const TavroCallbacks& Callbacks)
-        : m_all(bHome), m_steps(Steps), m_callbacks(Callbacks) {}
+        : m_all(bHome, Callbacks.bSync), m_steps(Steps), m_callbacks(Callbacks) {}
 
     TavroFailure ChooseTrash(const std::vector<Mount>& Mounts);
     TavroFailure Prepare();
@@ -483,6 +486,19 @@ struct Restoration {
     std::string Place;
 };
 
+/// Whether a place is on a volume. What is too long for links to be resolved in it leads through
+/// none.
+bool IsOnVolume(const std::string& Volume, const std::string& Place) {
+    std::size_t end = Place.size() < PATH_MAX ? std::string::npos : Volume.size() + 1;
+    struct stat status = {};
+    while ((end = Place.find('/', end)) != std::string::npos) {
+        if (TavroStatPath(Place.substr(0, end++), status) == 0 && S_ISLNK(status.st_mode)) {
+            return false;
+        }
+    }
+    return TavroIsBelow(Volume, Place);
+}
+
 /// Checks what the list itself can tell: each entry once, to a place of its own.
 TavroFailure CheckRestoreList(const std::vector<TavroTrashedEntry>& Entries,
                               std::vector<Restoration>& OutRestorations) {
@@ -502,7 +518,11 @@ TavroFailure CheckRestoreList(const std::vector<TavroTrashedEntry>& Entries,
         const bool bFound = !places.Find(entry.OriginalPath, place);
         OutRestorations.push_back(
             {&trashed, bFound ? place.OwnPath() : TavroFindOwnPath(entry.OriginalPath)});
-        if (!ownPlaces.insert(OutRestorations.back().Place).second) {
+        const std::string& own = OutRestorations.back().Place;
+        if (!trashed.Volume.empty() && !IsOnVolume(trashed.Volume, own)) {
+            return {TavroFailureKind::LeavesVolume, {}, entry.OriginalPath, trashed.Volume};
+        }
+        if (!ownPlaces.insert(own).second) {
             return {TavroFailureKind::RestoreToOnePlace, {}, entry.OriginalPath};
         }
     }
@@ -524,16 +544,26 @@ TavroFailure AsOfTrash(TavroFailure Failure, const std::vector<TavroBatchStep>& 
     return Failure;
 }
 
-/// Removes the records of what has left the trash: each beside its item, whatever else the entry
-/// says.
+/// Removes the records of what has left the trash, each beside its item, whatever else the entry
+/// says; and forgets the sizes of the directories.
 void RemoveRecords(const std::vector<TavroBatchStep>& Steps, TavroChanges& Changes) {
     TavroPlaces places;
+    std::set<std::string> held; // items of trashes that held directories: one of each
     for (const TavroBatchStep& step : Steps) {
         TavroPlace record;
         if (step.Arrived.Identity.Inode != 0 && !step.bCopyStays &&
             !places.Find(RecordOf(step.From), record)) {
             TavroUnlinkAt(record.Number(), record.Name.c_str());
             Changes.Add(record.Directory);
+            if (step.Seen->State.IsDirectory()) {
+                held.insert(TavroJoin(TavroParentOf(step.From), "item"));
+            }
+        }
+    }
+    for (const std::string& item : held) {
+        TavroOpenTrash trash;
+        if (!trash.Open(TavroTrashFoldersOf(item))) {
+            TavroKeepDirectorySizes(trash);
         }
     }
 }

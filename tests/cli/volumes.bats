@@ -311,6 +311,51 @@ Path=d%20%C3%A9/50%25%20%24"
     expect "$(cat a)" mine'
 }
 
+@test "no link on a volume leads a restore out of it" {
+  in_own_root '
+    mkdir /one/link /one/real
+    touch /one/link/x /one/link/y /one/link/z
+    tavro trash -q /one/link/x /one/link/y /one/link/z
+    rmdir /one/link
+    ln -s /home /one/link
+    long=$(printf "%0200d/%.0s" {1..21})
+    sed "s|^Path=.*|Path=link/${long}x|" /one/.Trash-0/info/x.trashinfo >/one/.Trash-0/info/deep.trashinfo
+    touch /one/.Trash-0/files/deep
+    expect "$(tavro restore x 2>&1 || :)" "tavro: Cannot restore '"'/one/link/x'"': a link on the way leads out of '"'/one'"'"
+    for how in "x y" "/one/link/x" "--here *" deep; do
+      cd /one
+      fails tavro restore $how 2>/dev/null
+    done
+    fails tavro restore --keep-both y
+    expect "$(ls /home)" ""
+    tavro restore -q --to /one/link x
+    [[ -f /home/x ]]
+    rm /one/link
+    ln -s real /one/link
+    tavro restore -q y
+    [[ -f /one/real/y ]]'
+}
+
+@test "a new trash of a volume is on the disk before anything goes there" {
+  command -v strace >/dev/null || skip 'strace is not installed'
+  strace -qq -o "$scratch/probe" true || skip 'strace may not trace here'
+  in_own_root '
+    touch /one/a /one/b
+    waits() { strace -f -y -qq -o /tmp/calls -e trace=fsync,syncfs,renameat2 $TAVRO trash -q $1; }
+    waits /one/a
+    expect "$(grep -o "fsync([0-9]*</one[^>]*\|renameat2(.*/one/.Trash-0/files>" /tmp/calls | sed "s/.*</</;s/>$//")" "</one
+</one/.Trash-0
+</one/.Trash-0
+</one/.Trash-0/info/a.trashinfo
+</one/.Trash-0/files
+</one"
+    waits /one/b
+    expect "$(grep -c "</one/.Trash-0>" /tmp/calls)" 0
+    touch /two/a /two/b
+    TAVRO_SYNC=no waits /two/a
+    expect "$(grep -c sync /tmp/calls)" 0'
+}
+
 @test "a record on a volume leads nowhere else" {
   in_own_root '
     mkdir -p -m 700 /one/.Trash-0/files /one/.Trash-0/info
