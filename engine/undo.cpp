@@ -9,6 +9,7 @@
 #include "record.h"
 #include "recovery.h"
 #include "remove.h"
+#include "settlement.h"
 #include "trash_contents.h"
 #include "trash_record.h"
 
