@@ -72,6 +72,10 @@ const std::string& TavroHomeOf(const TavroStep& Step) {
     return TavroIsTrashed(Step) ? Step.To : Step.From;
 }
 
+const std::string& TavroDirectoryOf(const TavroStep& Step) {
+    return Step.Role == Role::CreatedDirectory ? Step.To : Step.From;
+}
+
 bool TavroIsOnItsWay(const TavroOperation& Operation) {
     return Operation.State != TavroOperationState::Done &&
            Operation.State != TavroOperationState::Undone;

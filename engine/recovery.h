@@ -18,6 +18,9 @@ bool TavroIsTrashed(const TavroStep& Step);
 const std::string& TavroPlaceOf(const TavroStep& Step);
 const std::string& TavroHomeOf(const TavroStep& Step);
 
+/// The path of the directory that a step creates or removes.
+const std::string& TavroDirectoryOf(const TavroStep& Step);
+
 /// Whether an operation was begun and has not ended.
 bool TavroIsOnItsWay(const TavroOperation& Operation);
 
