@@ -33,8 +33,7 @@ void RenewCopies(std::vector<TavroStep>& IoSteps) {
 TavroIdentity TavroIdentityAt(TavroPlaces& Places, const std::string& Path) {
     TavroPlace place;
     struct stat status = {};
-    return !Path.empty() && !Places.Find(Path, place) &&
-                   TavroStatAt(place.Number(), place.Name.c_str(), status) == 0
+    return !Path.empty() && !Places.Find(Path, place) && TavroLookAt(place, status) == 0
                ? TavroIdentityOf(status)
                : TavroIdentity();
 }
@@ -151,8 +150,8 @@ void AddLeftoversBelow(const std::string& Directory, std::set<std::string>& OutP
     TavroPlaces places;
     TavroPlace place;
     struct stat status = {};
-    if (places.Find(Directory, place) ||
-        TavroStatAt(place.Number(), place.Name.c_str(), status) != 0 || !S_ISDIR(status.st_mode)) {
+    if (places.Find(Directory, place) || TavroLookAt(place, status) != 0 ||
+        !S_ISDIR(status.st_mode)) {
         return;
     }
     TavroTreeWalk walk(place.Number(), place.Name);

@@ -79,8 +79,7 @@ Steps TavroReversal::ToRemove() {
 /// @return the error number of looking at an entry.
 int TavroReversal::Look(const std::string& Path, TavroPlace& OutPlace, struct stat& OutStatus) {
     const TavroFailure failure = m_places.Find(Path, OutPlace);
-    return failure ? failure.Error.value()
-                   : TavroStatAt(OutPlace.Number(), OutPlace.Name.c_str(), OutStatus);
+    return failure ? failure.Error.value() : TavroLookAt(OutPlace, OutStatus);
 }
 
 /// Whether a file that has the number of the one that the operation left is another one all the

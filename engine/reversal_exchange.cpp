@@ -92,7 +92,7 @@ TavroFailure TavroReversal::Stage(TavroStep& Comes, const TavroStep& Goes) {
         return failure;
     }
     struct stat status = {};
-    const int error = TavroStatAt(from.Number(), from.Name.c_str(), status);
+    const int error = TavroLookAt(from, status);
     if (error != 0 || TavroIdentityOf(status) != seen.State.Identity) {
         return TavroFail(Kind::LookAt, error != 0 ? error : ESTALE, TavroHomeOf(Comes));
     }

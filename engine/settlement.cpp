@@ -127,8 +127,7 @@ TavroFailure Settlement::SettleBoth(const TavroStep& Step, TavroWhereabouts& Out
     }
     struct stat source = {};
     TavroPlace place;
-    const bool bFile = !m_places.Find(Step.From, place) &&
-                       TavroStatAt(place.Number(), place.Name.c_str(), source) == 0 &&
+    const bool bFile = !m_places.Find(Step.From, place) && TavroLookAt(place, source) == 0 &&
                        !S_ISDIR(source.st_mode); // which is whole
     if (bFile && Step.SourceTime != 0 && TavroNanoseconds(source.st_ctim) != Step.SourceTime) {
         return RemoveCopy(Step); // somebody has gone on working with it
@@ -219,8 +218,8 @@ bool Settlement::IsEarlier(const TavroStep& Step) {
     TavroPlace place;
     struct stat status = {};
     return m_bGoOn && m_bSameStart && !hidden.empty() && !m_places.Find(hidden, place) &&
-           TavroStatAt(place.Number(), place.Name.c_str(), status) == 0 &&
-           S_ISDIR(status.st_mode) && status.st_ino == Step.Identity.Inode;
+           TavroLookAt(place, status) == 0 && S_ISDIR(status.st_mode) &&
+           status.st_ino == Step.Identity.Inode;
 }
 
 /// Its item and its record were taken out by others meanwhile: it becomes an item with a record.
@@ -242,7 +241,7 @@ bool Settlement::Publish(const TavroStep& Step) {
     TavroPlace to;
     struct stat status = {};
     if (TavroIsTrashed(Step) || m_places.Find(Step.From, from) || m_places.Find(Step.To, to) ||
-        TavroStatAt(from.Number(), from.Name.c_str(), status) != 0 || S_ISDIR(status.st_mode) ||
+        TavroLookAt(from, status) != 0 || S_ISDIR(status.st_mode) ||
         status.st_ino != Step.Source.Inode || TavroNanoseconds(status.st_ctim) != Step.SourceTime) {
         return false;
     }
@@ -495,8 +494,7 @@ bool Settlement::IsBegun(const TavroPlace& Record) const {
     struct timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
     constexpr std::int64_t second = 1'000'000'000;
-    return TavroStatAt(Record.Number(), Record.Name.c_str(), status) == 0 &&
-           status.st_mtim.tv_sec >= m_operation.Time &&
+    return TavroLookAt(Record, status) == 0 && status.st_mtim.tv_sec >= m_operation.Time &&
            TavroNanoseconds(status.st_mtim) + second < TavroNanoseconds(now);
 }
 

@@ -443,8 +443,7 @@ void TavroCompleteOperation(TavroOperation& Operation) {
         struct stat status = {};
         step.ChangeTime = step.ChangeTime != 0 ? step.ChangeTime : TavroNanoseconds(now);
         if (step.Identity.Inode == 0 && step.Role != Role::RemovedDirectory &&
-            !places.Find(step.To, place) &&
-            TavroStatAt(place.Number(), place.Name.c_str(), status) == 0) {
+            !places.Find(step.To, place) && TavroLookAt(place, status) == 0) {
             step.Identity = TavroIdentityOf(status);
             step.Mode = step.Role == Role::CreatedDirectory ? status.st_mode & 07777U : step.Mode;
         }
