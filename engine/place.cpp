@@ -106,6 +106,10 @@ TavroOperationEntry TavroNameEntry(const std::string& Path) {
     return TavroNameEntries({Path}).front();
 }
 
+int TavroLookAt(const TavroPlace& Place, struct stat& OutStatus) {
+    return TavroStatAt(Place.Number(), Place.Name.c_str(), OutStatus);
+}
+
 TavroOperationEntry TavroSelectEntry(const std::string& Path) {
     std::vector<TavroOperationEntry> entries;
     TavroSelectEntries({Path}, entries);

@@ -113,6 +113,9 @@ private:
     std::unordered_set<std::string_view> m_names; ///< Once it was listed.
 };
 
+/// Looks at an entry, and at no target of a link. @return 0, or the error number.
+int TavroLookAt(const TavroPlace& Place, struct stat& OutStatus);
+
 /// The record of the entry at a path, as a pane that lists it would fill it.
 ///
 /// @param Path  absolute, or relative to the current directory of the process. Links are not

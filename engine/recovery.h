@@ -5,7 +5,6 @@
 
 #include "history.h"
 #include "place.h"
-#include "progress.h"
 
 #include <cstdint>
 #include <string>
@@ -19,8 +18,20 @@ bool TavroIsTrashed(const TavroStep& Step);
 const std::string& TavroPlaceOf(const TavroStep& Step);
 const std::string& TavroHomeOf(const TavroStep& Step);
 
+/// The path of the directory that a step creates or removes.
+const std::string& TavroDirectoryOf(const TavroStep& Step);
+
 /// Whether an operation was begun and has not ended.
 bool TavroIsOnItsWay(const TavroOperation& Operation);
+
+/// What is at a path; an inode of 0 when nothing is there.
+TavroIdentity TavroIdentityAt(TavroPlaces& Places, const std::string& Path);
+
+/// Whether an operation leads from `To` to `From`.
+bool TavroGoesBack(const TavroOperation& Operation);
+
+/// Of steps that were kept several times, the last.
+std::vector<TavroStep> TavroLatestOf(const std::vector<TavroStep>& Steps);
 
 /// Where the file of a step is now. Files are known by their inodes: the number of a device can be
 /// another one after a restart.
@@ -50,21 +61,5 @@ std::vector<std::string> TavroFindLeftovers(const TavroOperation& Operation);
 /// Finds hidden names beside the paths of operations, outside the trash, that belong to no
 /// interrupted operation and that nobody has written to for a minute.
 std::vector<std::string> TavroFindOrphans(const std::vector<TavroOperation>& Operations);
-
-/// Settles an interrupted operation: removes copies that were not published, and records of what
-/// was not trashed; what is left of a source whose copy is in its place goes to the trash. Then
-/// each step is done or not. Records that another operation on its way may need stay.
-///
-/// @param History      holds the other operations.
-/// @param IoOperation  gets the steps that are written to the history on the way.
-/// @param bGoOn    it is resumed as it was begun: copies of files that wait get their names
-///                 instead, when their sources are unchanged; those of directories stay for the
-///                 resumption, as `Staged` and `Source` of their steps.
-/// @param OutDone  the steps whose files are at `To`; of the others, the last argument. What was
-///                 kept of one step several times counts once.
-/// @return no failure, or why something could not be settled; all can be tried again.
-TavroFailure TavroSettle(TavroHistory& History, TavroOperation& IoOperation, bool bGoOn,
-                         const TavroCallbacks& Callbacks, std::vector<TavroStep>& OutDone,
-                         std::vector<TavroStep>& OutNotDone);
 
 #endif
