@@ -110,7 +110,7 @@ constexpr Sentence sentences[] = {
      "The deletion of %p was interrupted and cannot be undone: 'tavro resume' finishes it, "
      "'tavro history --drop' leaves what is left"},
     {Kind::MaybeOther, "%p may be another one by now and stays"},
-    {Kind::HistoryNoHome, "There is no place for the history: HOME is not set"},
+    {Kind::HistoryNoHome, "There is no place for the history: HOME is not set to an absolute path"},
     {Kind::HistoryOpen, "Cannot open the history %p: %e"},
     {Kind::HistoryRead, "Cannot read the history %p: %e"},
     {Kind::HistorySave, "Cannot save the history %p: %e"},

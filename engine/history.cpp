@@ -3,7 +3,6 @@
 #include "database.h"
 #include "names.h"
 #include "place.h"
-#include "tavroops.h"
 #include "trash_record.h"
 
 #include <algorithm>
@@ -21,7 +20,7 @@ std::string TavroHistoryPath() {
     if (state != nullptr && state[0] == '/') {
         return TavroJoin(state, "tavro/history.db");
     }
-    const std::string home = TavroHomeDirectoryPath();
+    const std::string home = TavroFindHome();
     return home.empty() ? home : TavroJoin(home, ".local/state/tavro/history.db");
 }
 
@@ -250,6 +249,10 @@ bool ReadSteps(TavroStatement& Row, std::int64_t Count, TavroOperation& OutOpera
             !IsOneOf(Row.Number(1), TavroStepRole::Deleted) || !IsValid(step)) {
             return false;
         }
+        const bool bAsFirst = step.Role == TavroStepRole::Trashed && step.ChangeTime == 0 &&
+                              !OutOperation.Steps.empty() &&
+                              OutOperation.Steps.front().Role == TavroStepRole::Trashed;
+        step.ChangeTime = bAsFirst ? OutOperation.Steps.front().ChangeTime : step.ChangeTime;
         OutOperation.Steps.push_back(std::move(step));
     }
     return true;
@@ -571,6 +574,11 @@ TavroFailure TavroHistory::EndOperation(const TavroOperation& Operation, bool bS
                         bSameSteps ? Integer(Operation.Steps.size()) : 0);
         if (!bSameSteps) {
             InsertSteps(*m_database, Operation.Id, 0, Operation.Steps);
+        } else if (!Operation.Steps.empty()) { // it tells for all when they were trashed
+            m_database->Run("UPDATE step SET changed = ? WHERE operation = ? AND number = 0 AND "
+                            "role = ? AND changed = 0",
+                            Operation.Steps.front().ChangeTime, Operation.Id,
+                            Integer(TavroStepRole::Trashed));
         }
         DropSurplus(*m_database);
         RemoveDropped(*m_database, Integer(Operation.Steps.size()) + droppedAtOnce);

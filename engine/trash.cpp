@@ -4,8 +4,8 @@
 #include "guard.h"
 #include "names.h"
 #include "tavropane.h"
+#include "trash_destinations.h"
 #include "trash_folders.h"
-#include "trash_record.h"
 
 #include <algorithm>
 #include <climits>
@@ -22,27 +22,6 @@
 
 namespace {
 
-/// What a rename cannot leave: a device, and one of the mounts of it.
-struct Mount {
-    std::uint64_t Device = 0;
-    std::uint64_t Number = 0;
-
-    bool operator==(const Mount& Other) const {
-        return Device == Other.Device && Number == Other.Number;
-    }
-};
-
-/// That of an entry. It is the one of the directory that holds it; of one that is still to be made,
-/// where it will be.
-Mount MountOf(TavroPlaces& Places, std::string Path) {
-    TavroPlace place;
-    while (Places.Find(Path, place) && Path != TavroParentOf(Path)) {
-        Path = TavroParentOf(Path);
-    }
-    return place.Directory ? Mount{place.Directory->Identity.Device, place.Directory->Mount}
-                           : Mount();
-}
-
 /// Looks once at each entry of a selection, and says why it must not go.
 class SelectionCheck {
 public:
@@ -53,7 +32,7 @@ public:
 
     /// One an entry, in order, from its own path to nowhere; complete when there was no reason.
     std::vector<TavroBatchStep> Steps;
-    std::vector<Mount> Mounts; ///< Those on which they are.
+    std::vector<TavroVolume> Volumes; ///< Those on which they are.
 
 private:
     TavroFailure Look(const TavroOperationEntry& Entry);
@@ -75,7 +54,7 @@ std::vector<TavroFailure> SelectionCheck::Run() {
     Steps.reserve(m_entries.size());
     for (std::size_t i = 0; i < m_entries.size(); ++i) {
         Steps.push_back({});
-        Mounts.push_back({});
+        Volumes.push_back({});
         reasons[i] = Look(m_entries[i]);
     }
     for (std::size_t i = 0; i < m_entries.size(); ++i) {
@@ -102,7 +81,7 @@ TavroFailure SelectionCheck::Look(const TavroOperationEntry& Entry) {
     TavroBatchStep& step = Steps.back();
     step.From = place.OwnPath();
     step.Seen = {place.Directory->Identity, TavroStateOf(status)};
-    Mounts.back() = {place.Directory->Identity.Device, place.Directory->Mount};
+    Volumes.back() = TavroVolumeOf(*place.Directory);
     if (S_ISDIR(status.st_mode)) {
         m_directories.insert(step.From);
     }
@@ -143,90 +122,16 @@ std::vector<TavroFailure> TavroCheckTrashable(const std::vector<TavroOperationEn
     return SelectionCheck(Entries).Run();
 }
 
-namespace {
-
-/// A trash that entries of an operation go to, and the names that they get there.
-struct Destination {
-    TavroOpenTrash Trash;
-    TavroTrashClaims Claims{Trash};
-    std::size_t Count = 0; ///< Of new records, and the item of one of them.
-    std::string Item;
-};
-
-/// Finds the trash for what is on a mount.
-class Destinations {
-public:
-    Destinations(bool bHome, bool bSync) : m_bHome(bHome), m_bSync(bSync) {}
-
-    TavroFailure Find(const Mount& Of, Destination*& OutTrash);
-    bool IsCopied(const Mount& Of) {
-        return !IsOfHome(Of) && OnVolume(Of) == nullptr;
-    }
-    bool IsOfHome(const Mount& Of);
-
-    std::vector<std::unique_ptr<Destination>> All;
-
-private:
-    Destination* OnVolume(const Mount& Of);
-
-    const bool m_bHome;
-    const bool m_bSync;
-    Mount m_homeMount;
-    Destination* m_home = nullptr;
-    std::vector<std::pair<Mount, Destination*>> m_volumes; ///< Null: it takes no trash.
-};
-
-bool Destinations::IsOfHome(const Mount& Of) {
-    if (m_homeMount == Mount()) {
-        TavroPlaces places;
-        m_homeMount = MountOf(places, TavroJoin(TavroFindTrashFolders().Files, "x"));
-    }
-    return Of == m_homeMount;
-}
-
-/// Null when the home trash takes it.
-Destination* Destinations::OnVolume(const Mount& Of) {
-    if (m_bHome || IsOfHome(Of)) {
-        return nullptr;
-    }
-    for (const auto& [mount, destination] : m_volumes) {
-        if (mount == Of) {
-            return destination;
-        }
-    }
-    auto found = std::make_unique<Destination>();
-    const bool bFound = found->Trash.OpenOnVolume(Of.Number, Of.Device, m_bSync);
-    m_volumes.emplace_back(Of, bFound ? found.get() : nullptr);
-    if (bFound) {
-        All.push_back(std::move(found));
-    }
-    return m_volumes.back().second;
-}
-
-TavroFailure Destinations::Find(const Mount& Of, Destination*& OutTrash) {
-    OutTrash = OnVolume(Of);
-    OutTrash = OutTrash != nullptr ? OutTrash : m_home;
-    if (OutTrash != nullptr) {
-        return {};
-    }
-    All.push_back(std::make_unique<Destination>());
-    OutTrash = m_home = All.back().get();
-    TavroFailure failure = TavroEnsurePrivateTrash();
-    return failure ? failure : m_home->Trash.Open();
-}
-
-} // namespace
-
 std::vector<TavroOperationEntry> TavroEntriesToCopy(const std::vector<TavroOperationEntry>& Entries,
                                                     const TavroTrashOptions& Options) {
-    Destinations destinations(Options.bHome, Options.bSync);
+    TavroTrashDestinations destinations(Options.bHome, Options.bSync);
     std::vector<TavroOperationEntry> copied;
     TavroPlaces places;
     std::string parent;
     const auto isElsewhere = [&](const TavroOperationEntry& entry) {
         const bool bSame = parent == TavroParentOf(entry.Path); // as that before
         parent = TavroParentOf(entry.Path);
-        return !bSame && !destinations.IsOfHome(MountOf(places, entry.Path));
+        return !bSame && !destinations.IsOfHome(TavroVolumeOf(places, entry.Path));
     };
     if (TavroFindTrashFolders().Root.empty() ||
         std::none_of(Entries.begin(), Entries.end(), isElsewhere)) {
@@ -235,7 +140,7 @@ std::vector<TavroOperationEntry> TavroEntriesToCopy(const std::vector<TavroOpera
     SelectionCheck check(Entries);
     const bool bMayGo = check.Run().empty();
     for (std::size_t i = 0; i < Entries.size() && bMayGo; ++i) {
-        if (destinations.IsCopied(check.Mounts[i])) {
+        if (destinations.IsCopied(check.Volumes[i])) {
             copied.push_back(Entries[i]);
         }
     }
@@ -299,7 +204,7 @@ public:
     Trashing(std::vector<TavroBatchStep>& Steps, bool bHome, const TavroCallbacks& Callbacks)
         : m_all(bHome, Callbacks.bSync), m_steps(Steps), m_callbacks(Callbacks) {}
 
-    TavroFailure ChooseTrash(const std::vector<Mount>& Mounts);
+    TavroFailure ChooseTrash(const std::vector<TavroVolume>& Volumes);
     TavroFailure Prepare();
     TavroFailure Retry(std::size_t Index);
     TavroFailure AnnounceCopy(std::size_t Index, const TavroFileState& Made,
@@ -309,21 +214,20 @@ public:
 private:
     std::string Guess(std::size_t Index) const;
     TavroFailure Claim(std::size_t Index);
-    TavroFailure Sync() const;
     TavroFailure Announce(const std::vector<TavroBatchStep>& Steps) const;
 
-    Destinations m_all;
-    std::vector<Destination*> m_trashes; ///< One a step.
+    TavroTrashDestinations m_all;
+    std::vector<TavroTrashDestination*> m_trashes; ///< One a step.
     std::vector<TavroBatchStep>& m_steps;
     const TavroCallbacks& m_callbacks;
 };
 
-TavroFailure Trashing::ChooseTrash(const std::vector<Mount>& Mounts) {
+TavroFailure Trashing::ChooseTrash(const std::vector<TavroVolume>& Volumes) {
     TavroFailure failure;
     m_trashes.resize(m_steps.size());
     for (std::size_t i = 0; i < m_steps.size() && !failure; ++i) {
         TavroBatchStep& step = m_steps[i];
-        failure = m_all.Find(Mounts[i], m_trashes[i]);
+        failure = m_all.Find(Volumes[i], m_trashes[i]);
         const TavroTrashFolders& folders = m_trashes[i]->Trash.Folders;
         step.To = TavroJoin(folders.Files, TavroNameOf(step.KnownAs()));
         if (folders.bVolume) {
@@ -367,25 +271,10 @@ TavroFailure Trashing::AnnounceCopy(std::size_t Index, const TavroFileState& Mad
 
 TavroFailure Trashing::Claim(std::size_t Index) {
     TavroBatchStep& step = m_steps[Index];
-    Destination& trash = *m_trashes[Index];
-    TavroFailure failure =
-        trash.Claims.Claim(TavroNameOf(step.KnownAs()), step.KnownAs(), trash.Item);
-    step.To = failure ? "" : TavroJoin(trash.Trash.Folders.Files, trash.Item);
-    trash.Count += failure ? 0U : 1U;
+    std::string item;
+    TavroFailure failure = m_trashes[Index]->Claim(step.KnownAs(), item);
+    step.To = failure ? "" : m_trashes[Index]->ItemPath(item);
     return failure;
-}
-
-/// Brings the records that are new to the disk.
-TavroFailure Trashing::Sync() const {
-    for (const std::unique_ptr<Destination>& each : m_all.All) {
-        const std::size_t count = std::exchange(each->Count, 0);
-        const int error =
-            m_callbacks.bSync && count != 0 ? TavroSyncRecords(each->Trash, count, each->Item) : 0;
-        if (error != 0) {
-            return TavroFail(TavroFailureKind::WriteRecord, error, each->Trash.Folders.Info);
-        }
-    }
-    return {};
 }
 
 /// Tells what is going to be done, and claims a name for each entry. The records are on the disk
@@ -407,7 +296,7 @@ TavroFailure Trashing::Prepare() {
             others.push_back(m_steps[i]);
         }
     }
-    failure = failure ? failure : Sync();
+    failure = failure ? failure : m_all.Sync();
     return failure ? failure : Announce(others);
 }
 
@@ -415,7 +304,7 @@ TavroFailure Trashing::Prepare() {
 TavroFailure Trashing::Retry(std::size_t Index) {
     Drop(Index);
     TavroFailure failure = Claim(Index);
-    failure = failure ? failure : Sync();
+    failure = failure ? failure : m_all.Sync();
     return failure ? failure : Announce({m_steps[Index]});
 }
 
@@ -449,7 +338,7 @@ TavroTrashReport TavroTrashSelection(const std::vector<TavroOperationEntry>& Ent
         steps[i].Expected = Expected[i];
     }
     Trashing trashing(steps, Options.bHome, Callbacks);
-    if (TavroFailure failure = trashing.ChooseTrash(check.Mounts)) {
+    if (TavroFailure failure = trashing.ChooseTrash(check.Volumes)) {
         return Failed(std::move(failure));
     }
     TavroBatchHooks hooks;
