@@ -225,6 +225,19 @@ template <typename Value> bool IsOneOf(std::int64_t Number, Value Largest) {
     return Number >= 0 && Number <= Integer(Largest);
 }
 
+/// The first step tells for all when they were trashed. While the operation goes on they may have
+/// been trashed again.
+void TellWhenTrashed(TavroOperation& Operation) {
+    const bool bEnded = Operation.State == TavroOperationState::Done ||
+                        Operation.State == TavroOperationState::Undone;
+    for (TavroStep& step : Operation.Steps) {
+        if (bEnded && step.ChangeTime == 0 && step.Role == TavroStepRole::Trashed &&
+            Operation.Steps.front().Role == TavroStepRole::Trashed) {
+            step.ChangeTime = Operation.Steps.front().ChangeTime;
+        }
+    }
+}
+
 /// Reads the first steps of an operation.
 /// @return whether all that were read could have been written here.
 bool ReadSteps(TavroStatement& Row, std::int64_t Count, TavroOperation& OutOperation) {
@@ -249,12 +262,9 @@ bool ReadSteps(TavroStatement& Row, std::int64_t Count, TavroOperation& OutOpera
             !IsOneOf(Row.Number(1), TavroStepRole::Deleted) || !IsValid(step)) {
             return false;
         }
-        const bool bAsFirst = step.Role == TavroStepRole::Trashed && step.ChangeTime == 0 &&
-                              !OutOperation.Steps.empty() &&
-                              OutOperation.Steps.front().Role == TavroStepRole::Trashed;
-        step.ChangeTime = bAsFirst ? OutOperation.Steps.front().ChangeTime : step.ChangeTime;
         OutOperation.Steps.push_back(std::move(step));
     }
+    TellWhenTrashed(OutOperation);
     return true;
 }
 
