@@ -1,6 +1,7 @@
 // What becomes of operations that were killed: at every call that they make, and what the next
 // process makes of it.
 
+#include "history_support.h"
 #include "recovery.h"
 
 #include "edit.h"
@@ -93,14 +94,6 @@ TavroFailure resume() {
     TavroHistory history;
     TavroFailure failure = openHistory(history);
     return failure ? failure : TavroResume(history, {callbacksOfAll(), {}, {}}).Failure;
-}
-
-/// Runs SQL on a database as another program would.
-void execute(const fs::path& file, const std::string& sql) {
-    sqlite3* connection = nullptr;
-    ASSERT_EQ(sqlite3_open(file.c_str(), &connection), SQLITE_OK);
-    EXPECT_EQ(sqlite3_exec(connection, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
-    sqlite3_close(connection);
 }
 
 /// What the history says of the newest operation, where that was interrupted.
@@ -290,7 +283,7 @@ protected:
         TavroCompleteOperation(operation);
         TavroHistory history;
         ASSERT_EQ(TavroDescribe(openHistory(history)), "");
-        ASSERT_EQ(TavroDescribe(history.Record(operation)), "");
+        ASSERT_EQ(TavroDescribe(recordDone(history, operation)), "");
     }
 
     static void expectDone(const std::vector<Act>& acts) {
@@ -359,7 +352,8 @@ protected:
                 fs::last_write_time(entry, entry.last_write_time() - std::chrono::seconds(2));
             }
         }
-        execute(m_box / "state/tavro/history.db", "UPDATE operation SET time = time - 10");
+        OtherProgram(m_box / "state/tavro/history.db")
+            .execute("UPDATE operation SET time = time - 10");
     }
 
 private:
@@ -933,8 +927,8 @@ TEST_P(Settling, of_a_deletion_leaves_a_later_file_of_the_same_inode) {
     interruptDeletion(Kind::Delete, [&](const TavroCallbacks& callbacks) {
         return TavroDeleteForGood(select({work("a")}), callbacks);
     });
-    execute(m_box / "state/tavro/history.db",
-            "UPDATE step SET source_changed = source_changed - 1");
+    OtherProgram(m_box / "state/tavro/history.db")
+        .execute("UPDATE step SET source_changed = source_changed - 1");
     ASSERT_EQ(TavroDescribe(resume()), "");
     EXPECT_EQ(readFile(work("a")), "a");
 }

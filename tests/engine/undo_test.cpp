@@ -1,6 +1,7 @@
 // What undoing and redoing make of the disk. Whatever is refused or fails must leave the whole
 // sandbox, history included, as it was.
 
+#include "history_support.h"
 #include "undo.h"
 
 #include "transfer.h"
@@ -106,7 +107,7 @@ public: // the steps are passed on as pointers to members
         TavroCompleteOperation(operation);
         TavroHistory history;
         open(history);
-        ASSERT_EQ(TavroDescribe(history.Record(operation)), "");
+        ASSERT_EQ(TavroDescribe(recordDone(history, operation)), "");
     }
 
     Outcome undo(const TavroCallbacks& callbacks = {}) const {
