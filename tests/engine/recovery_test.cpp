@@ -360,6 +360,7 @@ private:
     void killEverywhere(const Plan& plan, const Act& next, const Snapshot& goal,
                         const Snapshot& done) {
         std::set<std::uint64_t> headways;
+        int killsAgain = 0; // of the process that goes on with it
         bool bEverInterrupted = false;
         for (int call = 1;; call += stride) {
             clear();
@@ -380,7 +381,13 @@ private:
                 headways.insert(headway->Done);
                 bEverInterrupted = true;
                 ageRecords();
-                EXPECT_EQ(TavroDescribe(next()), "");
+                const int again = 1 + call * 7 % 37;
+                SCOPED_TRACE("and then before call " + std::to_string(again));
+                if (call % 4 == 1 && isKilledBefore(again, next) && headwayListed()) {
+                    ++killsAgain;
+                    ageRecords();
+                    EXPECT_EQ(TavroDescribe(next()), "");
+                }
                 EXPECT_EQ(treeBut(goal), goal);
                 EXPECT_FALSE(headwayListed());
             } else if (cut != done || !bEverInterrupted) {
@@ -390,6 +397,7 @@ private:
             expectTidy();
             ASSERT_FALSE(HasFailure());
         }
+        EXPECT_GT(killsAgain, 0);
         for (std::uint64_t count = 0; stride == 1 && plan.bCounted && count <= plan.Count;
              ++count) {
             EXPECT_EQ(headways.count(count), 1U) << count << " done was never seen";
