@@ -75,7 +75,7 @@ int RunEmpty(const Emptied& What, const std::string& Volume, bool bForce, bool b
         return std::max(recording.EndDeletion(failure), TavroPrintFailure(failure));
     }
     std::vector<TavroTrashItem> items;
-    TavroFailure failure = TavroListTrash(false, TavroWasInterrupted, items, trashes);
+    TavroFailure failure = TavroListTrash(TavroWasInterrupted, items, trashes);
     if (failure) {
         return TavroPrintFailure(failure);
     }

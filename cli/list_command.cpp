@@ -70,7 +70,7 @@ int RunList(const TavroChoice& Choice, const std::string& Volume, bool bJson, bo
     TavroWhichTrashes trashes;
     std::vector<TavroTrashItem> items;
     TavroFailure failure = TavroSeeTrashes(Volume, trashes);
-    failure = failure ? failure : TavroListTrash(false, TavroWasInterrupted, items, trashes);
+    failure = failure ? failure : TavroListTrash(TavroWasInterrupted, items, trashes);
     if (failure && failure.Kind != TavroFailureKind::Cancelled) {
         return TavroPrintFailure(failure);
     }

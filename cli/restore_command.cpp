@@ -94,6 +94,7 @@ TavroTrashedEntry EntryOf(const Restoring& Run, const TavroTrashItem& Item) {
         const std::string name = TavroNameOf(Item.OriginalPath);
         const bool bName = !name.empty() && name != "." && name != "..";
         entry.Entry.OriginalPath = TavroJoin(Run.To, bName ? name : Item.Name);
+        entry.Volume.clear();
     }
     return entry;
 }
@@ -118,8 +119,7 @@ int ChooseItems(Restoring& Run, TavroChoice Choice, std::vector<Wanted>& OutWant
         }
     }
     std::vector<TavroTrashItem> items;
-    if (const TavroFailure failure =
-            TavroListTrash(false, TavroWasInterrupted, items, Run.Trashes)) {
+    if (const TavroFailure failure = TavroListTrash(TavroWasInterrupted, items, Run.Trashes)) {
         return TavroPrintFailure(failure);
     }
     Choice.bNewestAlone = true;

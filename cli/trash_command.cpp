@@ -3,6 +3,7 @@
 #include "command.h"
 #include "format.h"
 #include "measure.h"
+#include "names.h"
 #include "progress_bar.h"
 #include "record.h"
 #include "recording.h"
@@ -161,8 +162,24 @@ struct Telling {
     bool bResult; ///< Whether what was done is told at all.
 };
 
+/// `rm` refuses a path that ends in `.` or `..`, whatever it leads to: hardly anybody means it.
+/// @return whether there is none, after saying which there are.
+bool CheckEnds(const std::vector<std::string>& Texts) {
+    std::vector<TavroFailure> refusals;
+    for (const std::string& text : Texts) {
+        const std::string name = TavroNameOf(text.substr(0, text.find_last_not_of('/') + 1));
+        if (name == "." || name == "..") {
+            refusals.push_back({TavroFailureKind::RefuseDots, {}, text});
+        }
+    }
+    return TavroPrintFailures(refusals);
+}
+
 int RunTrash(const std::vector<std::string>& Texts, const Asking& Asking, const Telling& Telling,
              const TavroTrashOptions& Where, TavroKeeping Keeping) {
+    if (!CheckEnds(Texts)) {
+        return TavroExitFailed;
+    }
     // Each entry is looked at once, when it is trashed; before a question all are checked.
     std::vector<TavroOperationEntry> entries = TavroNameEntries(Texts);
     TavroCatchInterrupts();
@@ -223,6 +240,7 @@ void TavroAddTrash(CLI::App& App, TavroCommandTable& Table) {
         const bool bVerbose = !options.Verbose->empty();
         const bool bResult = bVerbose || (quiet->empty() && !asking.bForgiving);
         return RunTrash(TavroValues(names), asking, {!quiet->empty(), bVerbose, bResult},
-                        {!home->empty(), !noCopy->empty()}, keeping.Keeping());
+                        {!home->empty(), !noCopy->empty(), keeping.Keeping().bSync},
+                        keeping.Keeping());
     };
 }

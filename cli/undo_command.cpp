@@ -1,6 +1,8 @@
 // `tavro undo`, `tavro redo` and `tavro resume`.
 
 #include "command.h"
+#include "format.h"
+#include "measure.h"
 #include "progress_bar.h"
 #include "recording.h"
 #include "undo.h"
@@ -13,6 +15,38 @@ namespace {
 
 using Act = std::function<TavroUndoReport(TavroHistory&, const TavroTransferCallbacks&)>;
 
+/// How much entries in the trash hold: " (3 MB)". Nothing where a count would take long: nobody
+/// waits for what is only told.
+std::string SizeText(const std::vector<const TavroStep*>& Trashed) {
+    constexpr int mostEntries = 10000;
+    int count = 0;
+    TavroMeasurement measured;
+    const auto isEnough = [&] { return ++count > mostEntries || TavroWasInterrupted(); };
+    for (const TavroStep* step : Trashed) {
+        if (!TavroMeasureEntry(step->To, isEnough, measured)) {
+            return "";
+        }
+    }
+    return " (" + TavroHumanSize(measured.ByteCount) + ")";
+}
+
+/// Says what was undone, of a copy where it is now.
+void PrintDone(const TavroUndoReport& Report, const std::string& Title) {
+    std::vector<const TavroStep*> trashed;
+    for (const TavroStep& step : Report.Operation.Steps) {
+        if (step.Role == TavroStepRole::Trashed) {
+            trashed.push_back(&step);
+        }
+    }
+    if (!Report.bUndone || Report.Operation.Kind != TavroOperationKind::Copy || trashed.empty()) {
+        TavroPrintOperation(Title, Report.Operation);
+        return;
+    }
+    const std::string what = trashed.size() == 1 ? TavroShownPath(stdout, trashed[0]->From)
+                                                 : TavroCountText(trashed.size(), "entry");
+    TavroPrintLine(stdout, "Undid copy: moved " + what + " to the trash" + SizeText(trashed));
+}
+
 /// Says what became of it, of what failed, and what could not be kept.
 int PrintReport(const TavroUndoReport& Report, const std::string& Title, bool bQuiet) {
     TavroPrintSkipped(Report.Transfer.Skipped);
@@ -23,7 +57,7 @@ int PrintReport(const TavroUndoReport& Report, const std::string& Title, bool bQ
     } else if (bUnsettled) {
         TavroPrintError("Not finished: 'tavro resume' goes on, 'tavro undo' takes it back");
     } else if (!bQuiet) {
-        TavroPrintOperation(Title, Report.Operation);
+        PrintDone(Report, Title);
     }
     const int exitCode = TavroExitCodeOf(Report.Failure);
     return exitCode == TavroExitDone && (bUnsettled || !Report.Transfer.Failed.empty())

@@ -1,5 +1,6 @@
 #include "choice.h"
 
+#include "directory_sizes.h"
 #include "measure.h"
 #include "names.h"
 #include "place.h"
@@ -8,6 +9,7 @@
 #include <algorithm>
 #include <ctime>
 #include <fnmatch.h>
+#include <map>
 #include <numeric>
 #include <set>
 #include <unordered_map>
@@ -32,13 +34,14 @@ void KeepBelow(const std::string& Directory, std::vector<TavroTrashItem>& IoItem
     IoItems.erase(std::remove_if(IoItems.begin(), IoItems.end(), isElsewhere), IoItems.end());
 }
 
-void KeepSince(int Days, std::vector<TavroTrashItem>& IoItems) {
+/// Keeps what was trashed at most so many days ago, or what was not. What has no date goes.
+void KeepOfAge(int Days, bool bOlder, std::vector<TavroTrashItem>& IoItems) {
     const std::time_t now = std::time(nullptr);
-    const auto isOld = [&](const TavroTrashItem& item) {
+    const auto isOther = [&](const TavroTrashItem& item) {
         const std::optional<std::time_t> time = TavroTimeOfDate(item.DeletionDate);
-        return !time || std::difftime(now, *time) > 86400.0 * Days;
+        return !time || (std::difftime(now, *time) > 86400.0 * Days) != bOlder;
     };
-    IoItems.erase(std::remove_if(IoItems.begin(), IoItems.end(), isOld), IoItems.end());
+    IoItems.erase(std::remove_if(IoItems.begin(), IoItems.end(), isOther), IoItems.end());
 }
 
 // =================================================================================================
@@ -106,16 +109,11 @@ Chooser::Indices Chooser::Find(const Table& Known, const std::string& Text) {
 TavroFailure Chooser::CheckOnePath(const std::string& Word, const Indices& Found) const {
     std::set<std::string> paths;
     for (const std::size_t i : Found) {
-        paths.insert("'" + m_items[i].OriginalPath + "'");
+        paths.insert(m_items[i].OriginalPath);
     }
-    if (paths.size() < 2) {
-        return {};
-    }
-    const auto joined = [](const std::string& a, const std::string& b) { return a + ", " + b; };
-    return {TavroFailureKind::SeveralNamed,
-            {},
-            Word,
-            std::accumulate(std::next(paths.begin()), paths.end(), *paths.begin(), joined)};
+    return paths.size() < 2
+               ? TavroFailure()
+               : TavroFailure{TavroFailureKind::SeveralNamed, {}, Word, TavroListPaths(paths)};
 }
 
 Chooser::Indices Chooser::Match(const std::string& Word) const {
@@ -185,10 +183,10 @@ std::vector<TavroFailure> TavroChooseItems(const TavroChoice& Choice,
                                            std::vector<TavroTrashItem>& IoItems) {
     std::vector<TavroFailure> failures;
     if (Choice.OlderThanDays > 0) {
-        IoItems = TavroItemsOlderThan(std::move(IoItems), Choice.OlderThanDays);
+        KeepOfAge(Choice.OlderThanDays, true, IoItems);
     }
     if (Choice.SinceDays > 0) {
-        KeepSince(Choice.SinceDays, IoItems);
+        KeepOfAge(Choice.SinceDays, false, IoItems);
     }
     if (!Choice.Below.empty()) {
         KeepBelow(Choice.Below, IoItems);
@@ -225,18 +223,38 @@ std::vector<TavroFailure> TavroChooseItems(const TavroChoice& Choice,
 // Sizes
 // =================================================================================================
 
+namespace {
+
+constexpr std::int64_t nanosecondsInSecond = 1000000000;
+
+} // namespace
+
 TavroFailure TavroMeasureItems(std::vector<TavroTrashItem>& IoItems,
                                const std::function<bool()>& ShouldCancel) {
+    std::map<std::shared_ptr<const TavroTrashFolders>, std::vector<TavroDirectorySize>> sizes;
+    TavroFailure failure;
     for (std::size_t i = 0; i < IoItems.size(); ++i) {
+        TavroTrashItem& item = IoItems[i];
         TavroMeasurement measured;
-        if (IoItems[i].bDirectory &&
-            !TavroMeasureEntry(IoItems[i].TrashPath(), ShouldCancel, measured)) {
-            IoItems.resize(i);
-            return {TavroFailureKind::Cancelled};
+        if (!item.bDirectory) {
+            continue;
         }
-        IoItems[i].ByteCount = IoItems[i].bDirectory ? measured.ByteCount : IoItems[i].ByteCount;
+        if (!TavroMeasureEntry(item.TrashPath(), ShouldCancel, measured)) {
+            failure = {TavroFailureKind::Cancelled};
+            IoItems.resize(i);
+            break;
+        }
+        item.ByteCount = measured.ByteCount;
+        sizes[item.Folders].push_back(
+            {item.Name, measured.DiskBytes, item.RecordTime / nanosecondsInSecond});
     }
-    return {};
+    for (const auto& [folders, measured] : sizes) {
+        TavroOpenTrash trash;
+        if (folders && !trash.Open(*folders)) {
+            TavroKeepDirectorySizes(trash, measured);
+        }
+    }
+    return failure;
 }
 
 std::uint64_t TavroCountBytes(const std::vector<TavroTrashItem>& Items) {

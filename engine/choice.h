@@ -16,8 +16,8 @@ struct TavroChoice {
     std::vector<std::string> Words = {};
 
     std::string Below = {}; ///< Was in this directory, or below it; links in it are resolved.
-    int SinceDays = 0;      ///< Was trashed at most so many days ago (of 24 hours).
-    int OlderThanDays = 0;  ///< As TavroItemsOlderThan, where it is not 0.
+    int SinceDays = 0;      ///< Was trashed at most so many days ago (of 24 hours, local time).
+    int OlderThanDays = 0;  ///< Was trashed longer ago. Without a readable date it is of no age.
 
     /// Of several from one path that a word means the newest; without words, of all from one.
     bool bNewestAlone = false;
@@ -49,7 +49,8 @@ bool TavroIsPattern(const std::string& Word);
 std::vector<TavroFailure> TavroChooseItems(const TavroChoice& Choice,
                                            std::vector<TavroTrashItem>& IoItems);
 
-/// Fills in `ByteCount` of directories that were listed without it.
+/// Fills in `ByteCount` of directories, all files in them together, and remembers for other
+/// programs what they take on the disk.
 /// @return no failure; or Cancelled: what was not measured whole, and all after it, is taken away.
 TavroFailure TavroMeasureItems(std::vector<TavroTrashItem>& IoItems,
                                const std::function<bool()>& ShouldCancel);

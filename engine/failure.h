@@ -53,6 +53,7 @@ enum class TavroFailureKind {
     RefuseDelete,
     RefuseMove,
     RefuseRename,
+    RefuseDots,
     SelectedInside,
     MustCopy,
     // The trash.
@@ -65,6 +66,7 @@ enum class TavroFailureKind {
     NothingToRestore,
     ItemMissing,
     OriginUnknown,
+    LeavesVolume,
     RestoreTargetTaken,
     CheckRestoreTarget,
     ListedTwice,

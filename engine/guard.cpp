@@ -1,5 +1,6 @@
 #include "guard.h"
 
+#include "history.h"
 #include "mounts.h"
 #include "names.h"
 #include "trash_folders.h"
@@ -26,6 +27,8 @@ public:
             "it holds the trash",
             "it is a directory of the trash",
             "it holds a directory of the trash",
+            "it is the directory of the history",
+            "it holds the history",
             "it is the current directory",
             "it holds the current directory",
             "it is a mount point",
@@ -54,14 +57,20 @@ TavroGuard::TavroGuard(TavroAct Act) : m_act(Act) {
     Protect("/", Why::IsRoot, Why::IsRoot);
     const TavroTrashFolders trash = TavroFindTrashFolders();
     const char* home = std::getenv("HOME");
-    if (home != nullptr && !trash.Root.empty()) {
+    if (home != nullptr && *home != '\0') {
         Protect(home, Why::IsHome, Why::HoldsHome);
+    }
+    if (!trash.Root.empty()) {
         Protect(trash.Root, Why::IsTrash, Why::HoldsTrash);
         Protect(trash.Files, Why::IsTrashDirectory, Why::HoldsTrashDirectory);
         Protect(trash.Info, Why::IsTrashDirectory, Why::HoldsTrashDirectory);
         for (const std::string& path : {trash.Root, trash.Files, trash.Info}) {
             m_trash.push_back(TavroCanonicalizePath(path));
         }
+    }
+    const std::string history = TavroHistoryPath();
+    if (!history.empty()) {
+        Protect(TavroParentOf(history), Why::IsHistory, Why::HoldsHistory);
     }
     std::error_code ec;
     const std::string current = std::filesystem::current_path(ec).string();

@@ -31,6 +31,8 @@ enum class TavroRefusal {
     HoldsTrash,
     IsTrashDirectory,
     HoldsTrashDirectory,
+    IsHistory,
+    HoldsHistory,
     IsCurrent,
     HoldsCurrent,
     IsMountPoint,

@@ -3,7 +3,6 @@
 #include "database.h"
 #include "names.h"
 #include "place.h"
-#include "tavroops.h"
 #include "trash_record.h"
 
 #include <algorithm>
@@ -21,7 +20,7 @@ std::string TavroHistoryPath() {
     if (state != nullptr && state[0] == '/') {
         return TavroJoin(state, "tavro/history.db");
     }
-    const std::string home = TavroHomeDirectoryPath();
+    const std::string home = TavroFindHome();
     return home.empty() ? home : TavroJoin(home, ".local/state/tavro/history.db");
 }
 
@@ -212,6 +211,19 @@ template <typename Value> bool IsOneOf(std::int64_t Number, Value Largest) {
     return Number >= 0 && Number <= Integer(Largest);
 }
 
+/// The first step tells for all when they were trashed. While the operation goes on they may have
+/// been trashed again.
+void TellWhenTrashed(TavroOperation& Operation) {
+    const bool bEnded = Operation.State == TavroOperationState::Done ||
+                        Operation.State == TavroOperationState::Undone;
+    for (TavroStep& step : Operation.Steps) {
+        if (bEnded && step.ChangeTime == 0 && step.Role == TavroStepRole::Trashed &&
+            Operation.Steps.front().Role == TavroStepRole::Trashed) {
+            step.ChangeTime = Operation.Steps.front().ChangeTime;
+        }
+    }
+}
+
 /// Reads the first steps of an operation.
 /// @return whether all that were read could have been written here.
 bool ReadSteps(TavroStatement& Row, std::int64_t Count, TavroOperation& OutOperation) {
@@ -238,6 +250,7 @@ bool ReadSteps(TavroStatement& Row, std::int64_t Count, TavroOperation& OutOpera
         }
         OutOperation.Steps.push_back(std::move(step));
     }
+    TellWhenTrashed(OutOperation);
     return true;
 }
 
@@ -551,6 +564,11 @@ TavroFailure TavroHistory::EndOperation(const TavroOperation& Operation, bool bS
                         bSameSteps ? Integer(Operation.Steps.size()) : 0);
         if (!bSameSteps) {
             InsertSteps(*m_database, Operation.Id, 0, Operation.Steps);
+        } else if (!Operation.Steps.empty()) { // it tells for all when they were trashed
+            m_database->Run("UPDATE step SET changed = ? WHERE operation = ? AND number = 0 AND "
+                            "role = ? AND changed = 0",
+                            Operation.Steps.front().ChangeTime, Operation.Id,
+                            Integer(TavroStepRole::Trashed));
         }
         DropSurplus(*m_database);
         RemoveDropped(*m_database, Integer(Operation.Steps.size()) + droppedAtOnce);

@@ -3,15 +3,42 @@
 #include "place.h"
 #include "walk.h"
 
-#include <dirent.h>
+#include <unordered_set>
 
 namespace {
 
-std::uint64_t SizeAt(const TavroTreeWalk& Walk, bool bFollow) {
+/// Counts an entry itself.
+class Sizes {
+public:
+    explicit Sizes(TavroMeasurement& Sum) : m_sum(Sum) {}
+
+    void AddDirectory(const struct stat& Status) {
+        ++m_sum.DirectoryCount;
+        AddBlocks(Status);
+    }
+    void AddLeaf(const TavroTreeWalk& Walk, bool bFollow);
+
+private:
+    void AddBlocks(const struct stat& Status) {
+        m_sum.DiskBytes += static_cast<std::uint64_t>(Status.st_blocks) * 512;
+    }
+
+    TavroMeasurement& m_sum;
+    std::unordered_set<TavroIdentity> m_linked; ///< Files with several names.
+};
+
+void Sizes::AddLeaf(const TavroTreeWalk& Walk, bool bFollow) {
     struct stat status = {};
     const int error = bFollow ? TavroStatTargetAt(Walk.Directory(), Walk.Name().c_str(), status)
                               : TavroStatAt(Walk.Directory(), Walk.Name().c_str(), status);
-    return error == 0 && S_ISREG(status.st_mode) ? static_cast<std::uint64_t>(status.st_size) : 0;
+    ++m_sum.FileCount;
+    if (error != 0) {
+        return;
+    }
+    m_sum.ByteCount += S_ISREG(status.st_mode) ? static_cast<std::uint64_t>(status.st_size) : 0;
+    if (status.st_nlink < 2 || m_linked.insert(TavroIdentityOf(status)).second) {
+        AddBlocks(status);
+    }
 }
 
 bool Measure(TavroTreeWalk& Walk, bool bFollowLinks, const std::function<bool()>& ShouldCancel,
@@ -19,6 +46,8 @@ bool Measure(TavroTreeWalk& Walk, bool bFollowLinks, const std::function<bool()>
     if (ShouldCancel && ShouldCancel()) {
         return false;
     }
+    Sizes sizes(OutMeasurement);
+    const struct stat unknown = {};
     for (TavroWalkEvent event = Walk.Next(); event != TavroWalkEvent::End; event = Walk.Next()) {
         if (event == TavroWalkEvent::Leave || event == TavroWalkEvent::CannotLook ||
             event == TavroWalkEvent::CannotList || event == TavroWalkEvent::LostWay) {
@@ -27,13 +56,10 @@ bool Measure(TavroTreeWalk& Walk, bool bFollowLinks, const std::function<bool()>
         if (!Walk.IsFirst() && ShouldCancel && ShouldCancel()) {
             return false;
         }
-        if (event != TavroWalkEvent::Leaf) {
-            ++OutMeasurement.DirectoryCount;
-            continue;
-        }
-        ++OutMeasurement.FileCount;
-        if (Walk.Type() == DT_REG || (bFollowLinks && Walk.Type() == DT_LNK)) {
-            OutMeasurement.ByteCount += SizeAt(Walk, bFollowLinks);
+        if (event == TavroWalkEvent::Leaf) {
+            sizes.AddLeaf(Walk, bFollowLinks);
+        } else {
+            sizes.AddDirectory(event == TavroWalkEvent::Enter ? Walk.Status() : unknown);
         }
     }
     return true;

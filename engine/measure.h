@@ -12,6 +12,9 @@ struct TavroMeasurement {
     std::uint64_t FileCount = 0;      ///< Everything that is not a directory.
     std::uint64_t DirectoryCount = 0; ///< Directories, the measured one included.
     std::uint64_t ByteCount = 0;      ///< Bytes in regular files, by their apparent size.
+
+    /// What all of it takes on the disk; a file with several names counts once an entry measured.
+    std::uint64_t DiskBytes = 0;
 };
 
 /// Adds an entry, with everything below it when it is a directory, to a measurement. Links are

@@ -142,6 +142,7 @@ TavroClosed(const std::shared_ptr<const TavroDirectory>& Directory) {
     if (!Directory->Closed) {
         auto closed = std::make_shared<TavroDirectory>();
         closed->Identity = Directory->Identity;
+        closed->Mount = Directory->Mount;
         closed->Path = Directory->Path;
         closed->OwnPath = Directory->OwnPath;
         Directory->Closed = std::move(closed);

@@ -461,10 +461,6 @@ int TavroExchange(int FromDirectory, const char* From, int ToDirectory, const ch
     return TavroRenameNoReplace(FromDirectory, aside.c_str(), FromDirectory, From);
 }
 
-int TavroLinkAt(int FromDirectory, const char* From, int ToDirectory, const char* To) {
-    return ErrorOf([&] { return linkat(FromDirectory, From, ToDirectory, To, 0); });
-}
-
 int TavroLinkOpenAt(int Descriptor, int ToDirectory, const char* To) {
     const int error =
         ErrorOf([&] { return linkat(Descriptor, "", ToDirectory, To, AT_EMPTY_PATH); });

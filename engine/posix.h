@@ -147,8 +147,6 @@ int TavroRename(int FromDirectory, const char* From, int ToDirectory, const char
 /// `From` and "-old". After an error each has its own name.
 int TavroExchange(int FromDirectory, const char* From, int ToDirectory, const char* To);
 
-int TavroLinkAt(int FromDirectory, const char* From, int ToDirectory, const char* To);
-
 /// Gives an open file one more name, or its first: what becomes of its other names does not matter.
 int TavroLinkOpenAt(int Descriptor, int ToDirectory, const char* To);
 

@@ -2,7 +2,6 @@
 #include "place.h"
 #include "remove.h"
 #include "transfer_run.h"
-#include "trash_record.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -115,8 +114,7 @@ void TavroTransferRun::Flush() {
 /// Claims a name in the trash for each entry that will be replaced. The records are on the disk
 /// before that, by themselves or with what is brought there next.
 TavroFailure TavroTransferRun::ClaimTrash(std::vector<TavroPendingEntry>& Entries) {
-    std::size_t claimed = 0;
-    std::string last;
+    TavroFailure failure;
     for (TavroPendingEntry& entry : Entries) {
         if (!entry.bExchange || !entry.OldName.empty()) {
             continue;
@@ -125,35 +123,22 @@ TavroFailure TavroTransferRun::ClaimTrash(std::vector<TavroPendingEntry>& Entrie
         if (!m_callbacks.bKeepReplaced) {
             continue;
         }
-        TavroFailure failure;
-        if (!m_trash) {
-            m_trash = std::make_unique<TavroOpenTrash>();
-            m_claims = std::make_unique<TavroTrashClaims>(*m_trash);
-            failure = TellBeforeSync(std::exchange(m_plan, {}));
-            failure = failure ? failure : TavroEnsurePrivateTrash();
-            failure = failure ? failure : m_trash->Open();
-        }
+        failure = TellBeforeSync(std::exchange(m_plan, {}));
         failure = failure ? failure
-                          : m_claims->Claim(TavroNameOf(entry.OwnTo), entry.OwnTo, entry.OldName);
+                          : m_trashes.Find(TavroVolumeOf(*entry.Copy->To().Directory), entry.Trash);
+        failure = failure ? failure : entry.Trash->Claim(entry.OwnTo, entry.OldName);
         if (failure) {
             return failure;
         }
-        last = entry.OldName;
-        ++claimed;
     }
-    struct stat info = {};
-    const bool bLater =
-        claimed == 0 || !m_callbacks.bSync ||
-        (TavroStat(m_trash->Info.Number(), info) == 0 && m_changes.Covers(info.st_dev));
-    const int error = bLater ? 0 : TavroSyncRecords(*m_trash, claimed, last);
-    return error == 0 ? TavroFailure() : TavroFail(Kind::WriteRecord, error, m_trash->Folders.Info);
+    return m_trashes.Sync(&m_changes);
 }
 
 TavroStep TavroTransferRun::ReplacedStep(const TavroPendingEntry& Entry) const {
     return {TavroStepRole::Replaced,
             Entry.OwnTo,
-            TavroJoin(m_trash->Folders.Files, Entry.OldName),
-            TavroJoin(m_trash->Folders.Info, TavroRecordName(Entry.OldName)),
+            Entry.Trash->ItemPath(Entry.OldName),
+            Entry.Trash->RecordPath(Entry.OldName),
             Entry.Old.Identity,
             0,
             0,
@@ -332,7 +317,7 @@ void TavroTransferRun::RenameByCopying(TavroPendingEntry& Entry) {
 void TavroTransferRun::TrashReplaced(TavroPendingEntry& Entry) {
     const TavroPlace old = {Entry.Copy->To().Directory, Entry.Hidden};
     TavroPlace item;
-    TavroFailure failure = m_places.Find(TavroJoin(m_trash->Folders.Files, Entry.OldName), item);
+    TavroFailure failure = Entry.Trash->Find(m_places, Entry.OldName, item);
     if (!failure) {
         TavroMoveOptions options;
         options.bSync = m_callbacks.bSync;
@@ -481,7 +466,7 @@ void TavroTransferRun::Discard() {
 /// Nothing goes to the name in the trash that was claimed for what is replaced.
 void TavroTransferRun::DropClaim(TavroPendingEntry& Entry) {
     if (!Entry.OldName.empty()) {
-        m_claims->Drop(TavroNameOf(Entry.OwnTo), Entry.OldName);
+        Entry.Trash->Claims.Drop(TavroNameOf(Entry.OwnTo), Entry.OldName);
         Entry.OldName.clear();
     }
 }

@@ -15,6 +15,8 @@ using Kind = TavroFailureKind;
 using Role = TavroStepRole;
 using Steps = TavroReversal::Steps;
 
+constexpr std::int64_t second = 1'000'000'000; // in nanoseconds
+
 bool IsMissing(int Error) {
     return Error == ENOENT || Error == ENOTDIR;
 }
@@ -94,12 +96,11 @@ bool TavroReversal::IsNamesake(const TavroStep& Step, const TavroPlace& Place,
         return false; // nothing is known of it
     }
     // Of what was moved its own time is known, of all else the end of the operation.
-    constexpr std::int64_t hour = 3'600'000'000'000;
-    const std::int64_t earliest = Step.ChangeTime - (Step.Role == Role::Moved ? 0 : hour);
-    if (Step.Identity.Device != Status.st_dev && changed < earliest) {
-        return true;
+    const std::int64_t earliest = Step.ChangeTime - (Step.Role == Role::Moved ? 0 : 3600 * second);
+    if (Step.Identity.Device != Status.st_dev && !TavroIsTrashed(Step) && changed < earliest) {
+        return true; // of what is trashed the record tells
     }
-    return !TavroIsTrashed(Step) && changed > Step.ChangeTime &&
+    return changed > Step.ChangeTime &&
            TavroStatWithBirthAt(Place.Number(), Place.Name.c_str(), status, birth) == 0 &&
            birth > Step.ChangeTime;
 }
@@ -154,18 +155,34 @@ TavroFailure TavroReversal::CheckFree(const std::string& Path) {
     return TavroFail(error == 0 ? Kind::InTheWay : Kind::LookAt, error, Path);
 }
 
-/// An item that changed since may be another one with the same inode. It is not when its record
-/// tells of the same place, or is lost.
+/// An item that changed since, or is on a device of another number, may be another one with the
+/// same inode. It is not when its record tells of the same place and time, or is lost. It tells of
+/// another time only when both its date and its file do: the one is of a time zone, and the other
+/// may be a copy.
 TavroFailure TavroReversal::CheckRecord(const TavroStep& Step, const TavroFileState& State) {
     TavroPlace record;
-    if (State.ChangeTime <= Step.ChangeTime || m_places.Find(Step.Record, record)) {
+    const bool bElsewhere =
+        State.Identity.Device != Step.Identity.Device && Step.ChangeTime != INT64_MAX;
+    if ((State.ChangeTime <= Step.ChangeTime && !bElsewhere) ||
+        m_places.Find(Step.Record, record)) {
         return {};
     }
     const auto read = TavroReadRecord(record.Number(), TavroNameOf(Step.To),
                                       TavroTrashFoldersOf(Step.Record).Base);
-    return !read || read->Path == Step.From
+    if (!read) {
+        return {};
+    }
+    const std::time_t written = read->WrittenAt / second;
+    const std::time_t date = TavroTimeOfDate(read->Date).value_or(written);
+    const std::time_t earliest = m_report.Operation.Time - 3600;
+    const bool bLater = Step.ChangeTime != 0 && read->WrittenAt > Step.ChangeTime &&
+                        date > Step.ChangeTime / second;
+    const bool bEarlier = bElsewhere && std::max(written, date) < earliest;
+    const std::string when = bLater || bEarlier ? " at another time" : "";
+    return read->Path == Step.From && when.empty()
                ? TavroFailure()
-               : TavroFailure{Kind::Replaced, {}, Step.To, "what was at '" + read->Path + "'"};
+               : TavroFailure{
+                     Kind::Replaced, {}, Step.To, "what was at '" + read->Path + "'" + when};
 }
 
 /// What lies in the trash for the operation must be the very file.
@@ -401,6 +418,8 @@ TavroFailure TavroReversal::Trash(const Steps& Entries, std::vector<TavroStep>& 
     std::vector<TavroOperationEntry> entries;
     std::vector<TavroIdentity> expected;
     std::vector<std::string> origins;
+    TavroTrashOptions options;
+    options.bHome = !Entries.empty(); // where all of it was
     TavroFailure failure = Each(Entries, [&](const TavroStep& step) {
         const std::string& origin = m_bUndo ? step.To : step.From;
         const auto there = m_trashed.find(origin);
@@ -409,6 +428,8 @@ TavroFailure TavroReversal::Trash(const Steps& Entries, std::vector<TavroStep>& 
             return TavroFailure();
         }
         origins.push_back(origin);
+        options.bHome =
+            options.bHome && TavroIsTrashed(step) && !TavroTrashFoldersOf(step.To).bVolume;
         const std::string& path = Leaving(origin);
         TavroSeenEntry seen;
         TavroFailure wrong = CheckFile(step, path, seen);
@@ -424,7 +445,7 @@ TavroFailure TavroReversal::Trash(const Steps& Entries, std::vector<TavroStep>& 
         return m_callbacks.BeforeActs ? m_callbacks.BeforeActs(kind, told) : TavroFailure();
     };
     if (!failure && !entries.empty()) {
-        m_report.Trash = TavroTrashSelection(entries, callbacks, expected, origins);
+        m_report.Trash = TavroTrashSelection(entries, callbacks, expected, origins, options);
         failure = m_report.Trash.Batch.Failure;
         const TavroOperation more = TavroOperationOf(m_report.Trash);
         trashed.Steps.insert(trashed.Steps.end(), more.Steps.begin(), more.Steps.end());
@@ -501,8 +522,13 @@ TavroFailure TavroReversal::Restore(Role What) {
         return m_callbacks.BeforeActs(kind, more);
     };
     m_report.Trash = TavroRestoreSelection(entries, callbacks);
+    struct timespec now = {}; // until when files may have come from other file systems
+    clock_gettime(CLOCK_REALTIME, &now);
     for (std::size_t i = 0; i < m_report.Trash.Entries.size(); ++i) {
-        steps[i]->Identity = m_report.Trash.Entries[i].Item;
+        const TavroIdentity& item = m_report.Trash.Entries[i].Item;
+        const bool bSame = steps[i]->Identity == item;
+        steps[i]->ChangeTime = bSame ? steps[i]->ChangeTime : TavroNanoseconds(now);
+        steps[i]->Identity = item;
     }
     return m_report.Trash.Batch.Failure;
 }
@@ -543,6 +569,7 @@ TavroFailure TavroReversal::TrashReplaced() {
             step->To = found->second->To;
             step->Record = found->second->Record;
             step->Identity = found->second->Identity;
+            step->ChangeTime = found->second->ChangeTime;
         }
     }
     return failure;

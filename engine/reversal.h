@@ -8,7 +8,7 @@
 #include "guard.h"
 #include "record.h"
 #include "recovery.h"
-#include "trash_record.h"
+#include "trash_destinations.h"
 #include "undo.h"
 
 #include <map>
@@ -30,9 +30,9 @@ struct TavroSwap {
     bool bRename = false;
     bool bDone = false;
 
-    /// Of what goes, when a rename brings it to the trash: as it will lie there.
+    /// Of what goes, when a rename brings it to a trash: as it will lie there.
     TavroStep Goes = {};
-    bool bGoesToTrash = false;
+    TavroTrashDestination* Trash = nullptr;
     bool bTrashed = false;
 };
 
@@ -86,7 +86,7 @@ private:
                            TavroSeenEntry& OutGoes);
     TavroFailure Stage(TavroStep& Comes, const TavroStep& Goes);
     TavroFailure TellThatItBegins();
-    bool GoesToTrash(const TavroPlace& Place);
+    TavroTrashDestination* FindTrash(const TavroPlace& Place);
     TavroFailure Claim();
     TavroFailure TellOfExchange();
     int RenameIn(const TavroSwap& What);
@@ -131,8 +131,8 @@ private:
     bool m_bTold = false; ///< What the history was told is on the disk.
     std::vector<TavroSwap> m_swaps;
     std::unordered_map<std::string, std::string> m_hidden; ///< What has left a path, and is to go.
-    TavroOpenTrash m_trash; ///< Once something goes to it for what comes.
-    TavroTrashClaims m_claims{m_trash};
+    TavroTrashDestinations m_trashes{false,
+                                     m_callbacks.bSync};  ///< For what goes where something comes.
     std::unordered_map<std::string, TavroStep> m_trashed; ///< By paths, what went there so.
 
     /// Of directories that something goes to: where they were when all was checked.

@@ -70,13 +70,15 @@ TavroFailure TavroReversal::TellThatItBegins() {
                  : m_callbacks.BeforeActs(m_report.Operation.Kind, {m_steps.front()});
 }
 
-/// Whether a rename brings to the trash what something else takes the place of. What was moved
-/// there is moved back.
-bool TavroReversal::GoesToTrash(const TavroPlace& Place) {
+/// The trash to which a rename brings what something else takes the place of; null when there is
+/// none. What was moved there is moved back.
+TavroTrashDestination* TavroReversal::FindTrash(const TavroPlace& Place) {
+    TavroTrashDestination* trash = nullptr;
     TavroPlace item;
-    return (m_report.Operation.Kind == TavroOperationKind::Copy || !m_bUndo) &&
-           (m_trash.Files.IsOpen() || (!TavroEnsurePrivateTrash() && !m_trash.Open())) &&
-           !m_places.Find(TavroJoin(m_trash.Folders.Files, "x"), item) && IsOneMount(Place, item);
+    const bool bGoes = (m_report.Operation.Kind == TavroOperationKind::Copy || !m_bUndo) &&
+                       !m_trashes.Find(TavroVolumeOf(*Place.Directory), trash) &&
+                       !trash->Find(m_places, "x", item) && IsOneMount(Place, item);
+    return bGoes ? trash : nullptr;
 }
 
 /// Checks both files, and copies what comes from another mount.
@@ -98,7 +100,7 @@ TavroFailure TavroReversal::Stage(TavroStep& Comes, const TavroStep& Goes) {
     }
     TavroSwap swap{&Comes, nullptr, TavroStagingName(), seen.State.Identity, Comes.Record};
     swap.bRename = IsOneMount(from, to);
-    swap.bGoesToTrash = GoesToTrash(to);
+    swap.Trash = FindTrash(to);
     swap.Goes = {m_bUndo ? Role::Trashed : Role::Replaced, TavroPlaceOf(Comes)};
     swap.Goes.Identity = old.State.Identity;
     swap.Goes.bDirectory = S_ISDIR(old.State.Mode) || S_ISLNK(old.State.Mode);
@@ -125,31 +127,23 @@ TavroFailure TavroReversal::Stage(TavroStep& Comes, const TavroStep& Goes) {
 /// Claims names in the trash for what goes there. The records reach the disk by themselves, or with
 /// what is brought there next.
 TavroFailure TavroReversal::Claim() {
-    std::size_t claimed = 0;
-    std::string item;
-    TavroFailure failure;
     for (TavroSwap& swap : m_swaps) {
-        if (!swap.bGoesToTrash || failure) {
+        std::string item;
+        if (swap.Trash == nullptr) {
             continue;
         }
-        failure = m_claims.Claim(TavroNameOf(swap.Goes.From), swap.Goes.From, item);
-        if (!failure) {
-            swap.Goes.To = TavroJoin(m_trash.Folders.Files, item);
-            swap.Goes.Record = TavroJoin(m_trash.Folders.Info, TavroRecordName(item));
-            ++claimed;
+        if (TavroFailure failure = swap.Trash->Claim(swap.Goes.From, item)) {
+            return failure;
         }
+        swap.Goes.To = swap.Trash->ItemPath(item);
+        swap.Goes.Record = swap.Trash->RecordPath(item);
     }
-    struct stat info = {};
-    const bool bLater =
-        claimed == 0 || failure || !m_callbacks.bSync ||
-        (TavroStat(m_trash.Info.Number(), info) == 0 && m_changes.Covers(info.st_dev));
-    const int error = bLater ? 0 : TavroSyncRecords(m_trash, claimed, item);
-    return error == 0 ? failure : TavroFail(Kind::WriteRecord, error, m_trash.Folders.Info);
+    return m_trashes.Sync(&m_changes);
 }
 
 void TavroReversal::DropClaim(TavroSwap& IoSwap) {
     if (!IoSwap.Goes.To.empty()) {
-        m_claims.Drop(TavroNameOf(IoSwap.Goes.From), TavroNameOf(IoSwap.Goes.To));
+        IoSwap.Trash->Claims.Drop(TavroNameOf(IoSwap.Goes.From), TavroNameOf(IoSwap.Goes.To));
         IoSwap.Goes.To.clear();
     }
 }
@@ -207,7 +201,7 @@ int TavroReversal::TrashOut(TavroSwap& IoSwap) {
     if (IoSwap.Goes.To.empty()) {
         return 0;
     }
-    int error = m_places.Find(IoSwap.Goes.To, item).Error.value();
+    int error = IoSwap.Trash->Find(m_places, TavroNameOf(IoSwap.Goes.To), item).Error.value();
     error = error != 0 ? error : TavroStatAt(to.Number(), hidden, status);
     if (error == 0 && TavroIdentityOf(status) != IoSwap.Goes.Identity) {
         return ESTALE;
@@ -286,7 +280,7 @@ TavroFailure TavroReversal::ExchangeAll() {
 int TavroReversal::TakeOut(const TavroSwap& What) {
     const TavroPlace& to = What.Copy->To();
     TavroPlace item;
-    const int error = m_places.Find(What.Goes.To, item).Error.value();
+    const int error = What.Trash->Find(m_places, TavroNameOf(What.Goes.To), item).Error.value();
     return error != 0 ? error
                       : TavroRenameNoReplace(item.Number(), item.Name.c_str(), to.Number(),
                                              What.Hidden.c_str());

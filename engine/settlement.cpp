@@ -2,12 +2,13 @@
 
 #include "batch.h"
 #include "changes.h"
+#include "mounts.h"
 #include "names.h"
 #include "recovery.h"
 #include "remove.h"
 #include "trash.h"
+#include "trash_destinations.h"
 #include "trash_folders.h"
-#include "trash_record.h"
 
 #include <algorithm>
 #include <ctime>
@@ -397,13 +398,21 @@ void Settlement::RemoveRecords(const std::vector<TavroStep>& NotDone) {
     }
     const bool bMayReplace = m_operation.Kind == TavroOperationKind::Copy ||
                              m_operation.Kind == TavroOperationKind::Move;
+    std::set<std::uint64_t> mounts;
     for (const TavroStep& step : m_operation.Steps) {
         if (bMayReplace && step.Role != Role::CreatedDirectory &&
             step.Role != Role::RemovedDirectory) {
             directories.insert(TavroFindTrashFolders().Info);
             origins.insert(TavroPlaceOf(step));
+            mounts.insert(TavroVolumeOf(m_places, TavroPlaceOf(step)).Mount);
         }
     }
+    for (const TavroMount& mount : mounts.empty() ? std::vector<TavroMount>() : TavroReadMounts()) {
+        for (const TavroTrashFolders& folders : TavroTrashFoldersOnVolume(mount.Point)) {
+            directories.insert(mounts.count(mount.Number) != 0 ? folders.Info : "");
+        }
+    }
+    directories.erase("");
     for (const std::string& directory : directories) {
         RemoveRecordsIn(directory, origins, items);
     }
@@ -415,7 +424,9 @@ void Settlement::RemoveRecordsIn(const std::string& Directory, const std::set<st
                                  const std::set<std::string>& Items) {
     TavroPlace info;
     TavroDescriptor files;
-    if (m_places.Find(TavroJoin(Directory, "x"), info) ||
+    const std::string inside = TavroJoin(Directory, "x");
+    if (m_places.Find(inside, info) ||
+        (TavroTrashFoldersOf(inside).bVolume && info.Directory->OwnPath != Directory) ||
         TavroOpenDirectoryAt(info.Number(), "../files", files) != 0) {
         return;
     }
@@ -522,7 +533,8 @@ TavroFailure TavroSettle(TavroHistory& History, TavroOperation& IoOperation, boo
         step.Identity = !bDone && step.Source.Inode != 0 ? step.Source : step.Identity;
         step.Source = bEarlier ? made : TavroIdentity();
         step.SourceTime = 0;
-        step.ChangeTime = TavroIsTrashed(step) ? step.ChangeTime : 0; // it may be another file
+        // Otherwise it may be another file.
+        step.ChangeTime = bDone && TavroIsTrashed(step) ? step.ChangeTime : 0;
         step.Staged = bEarlier ? step.Staged : "";
         (bDone ? OutDone : OutNotDone).push_back(std::move(step));
     }

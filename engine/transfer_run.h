@@ -10,7 +10,7 @@
 #include "names.h"
 #include "own_work.h"
 #include "transfer.h"
-#include "trash_record.h"
+#include "trash_destinations.h"
 
 #include <cstdint>
 #include <functional>
@@ -54,6 +54,7 @@ struct TavroPendingEntry {
 
     // Of what is replaced:
 
+    TavroTrashDestination* Trash = nullptr;
     std::string OldName; ///< Its name in the trash; empty: it does not go there.
     std::string Hidden;  ///< The name that it gets first.
 };
@@ -75,7 +76,7 @@ public:
         : m_bMove(Plan.bMove), m_policy(Plan.ConflictPolicy), m_callbacks(Callbacks),
           m_report(OutReport), m_progress(Callbacks),
           m_judge(Plan.ConflictPolicy, Callbacks.OnConflict, Callbacks.bOverwriteOlder),
-          m_changes(Callbacks.bSync) {}
+          m_changes(Callbacks.bSync), m_trashes(false, Callbacks.bSync) {}
 
     void Run(std::vector<TavroTransferItemPlan>& Items);
 
@@ -182,8 +183,7 @@ private:
     std::uint64_t m_toldOn = 0;    ///< when this device was synced.
     int m_tries = 0;               ///< More than 0: what was taken is tried again.
     TavroChanges m_changes;
-    std::unique_ptr<TavroOpenTrash> m_trash; ///< Once something is replaced.
-    std::unique_ptr<TavroTrashClaims> m_claims;
+    TavroTrashDestinations m_trashes; ///< For what is replaced.
 };
 
 #endif

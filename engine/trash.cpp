@@ -1,12 +1,14 @@
 #include "trash.h"
 
+#include "directory_sizes.h"
 #include "guard.h"
 #include "names.h"
 #include "tavropane.h"
+#include "trash_destinations.h"
 #include "trash_folders.h"
-#include "trash_record.h"
 
 #include <algorithm>
+#include <climits>
 #include <functional>
 #include <memory>
 #include <set>
@@ -20,27 +22,6 @@
 
 namespace {
 
-/// What a rename cannot leave: a device, and one of the mounts of it.
-struct Mount {
-    std::uint64_t Device = 0;
-    std::uint64_t Number = 0;
-
-    bool operator==(const Mount& Other) const {
-        return Device == Other.Device && Number == Other.Number;
-    }
-};
-
-/// That of an entry. It is the one of the directory that holds it; of one that is still to be made,
-/// where it will be.
-Mount MountOf(TavroPlaces& Places, std::string Path) {
-    TavroPlace place;
-    while (Places.Find(Path, place) && Path != TavroParentOf(Path)) {
-        Path = TavroParentOf(Path);
-    }
-    return place.Directory ? Mount{place.Directory->Identity.Device, place.Directory->Mount}
-                           : Mount();
-}
-
 /// Looks once at each entry of a selection, and says why it must not go.
 class SelectionCheck {
 public:
@@ -51,7 +32,7 @@ public:
 
     /// One an entry, in order, from its own path to nowhere; complete when there was no reason.
     std::vector<TavroBatchStep> Steps;
-    std::vector<Mount> Mounts; ///< Those on which they are.
+    std::vector<TavroVolume> Volumes; ///< Those on which they are.
 
 private:
     TavroFailure Look(const TavroOperationEntry& Entry);
@@ -73,7 +54,7 @@ std::vector<TavroFailure> SelectionCheck::Run() {
     Steps.reserve(m_entries.size());
     for (std::size_t i = 0; i < m_entries.size(); ++i) {
         Steps.push_back({});
-        Mounts.push_back({});
+        Volumes.push_back({});
         reasons[i] = Look(m_entries[i]);
     }
     for (std::size_t i = 0; i < m_entries.size(); ++i) {
@@ -100,7 +81,7 @@ TavroFailure SelectionCheck::Look(const TavroOperationEntry& Entry) {
     TavroBatchStep& step = Steps.back();
     step.From = place.OwnPath();
     step.Seen = {place.Directory->Identity, TavroStateOf(status)};
-    Mounts.back() = {place.Directory->Identity.Device, place.Directory->Mount};
+    Volumes.back() = TavroVolumeOf(*place.Directory);
     if (S_ISDIR(status.st_mode)) {
         m_directories.insert(step.From);
     }
@@ -141,89 +122,16 @@ std::vector<TavroFailure> TavroCheckTrashable(const std::vector<TavroOperationEn
     return SelectionCheck(Entries).Run();
 }
 
-namespace {
-
-/// A trash that entries of an operation go to, and the names that they get there.
-struct Destination {
-    TavroOpenTrash Trash;
-    TavroTrashClaims Claims{Trash};
-    std::size_t Count = 0; ///< Of new records, and the item of one of them.
-    std::string Item;
-};
-
-/// Finds the trash for what is on a mount.
-class Destinations {
-public:
-    explicit Destinations(bool bHome) : m_bHome(bHome) {}
-
-    TavroFailure Find(const Mount& Of, Destination*& OutTrash);
-    bool IsCopied(const Mount& Of) {
-        return !IsOfHome(Of) && OnVolume(Of) == nullptr;
-    }
-    bool IsOfHome(const Mount& Of);
-
-    std::vector<std::unique_ptr<Destination>> All;
-
-private:
-    Destination* OnVolume(const Mount& Of);
-
-    const bool m_bHome;
-    Mount m_homeMount;
-    Destination* m_home = nullptr;
-    std::vector<std::pair<Mount, Destination*>> m_volumes; ///< Null: it takes no trash.
-};
-
-bool Destinations::IsOfHome(const Mount& Of) {
-    if (m_homeMount == Mount()) {
-        TavroPlaces places;
-        m_homeMount = MountOf(places, TavroJoin(TavroFindTrashFolders().Files, "x"));
-    }
-    return Of == m_homeMount;
-}
-
-/// Null when the home trash takes it.
-Destination* Destinations::OnVolume(const Mount& Of) {
-    if (m_bHome || IsOfHome(Of)) {
-        return nullptr;
-    }
-    for (const auto& [mount, destination] : m_volumes) {
-        if (mount == Of) {
-            return destination;
-        }
-    }
-    auto found = std::make_unique<Destination>();
-    const bool bFound = found->Trash.OpenOnVolume(Of.Number, Of.Device);
-    m_volumes.emplace_back(Of, bFound ? found.get() : nullptr);
-    if (bFound) {
-        All.push_back(std::move(found));
-    }
-    return m_volumes.back().second;
-}
-
-TavroFailure Destinations::Find(const Mount& Of, Destination*& OutTrash) {
-    OutTrash = OnVolume(Of);
-    OutTrash = OutTrash != nullptr ? OutTrash : m_home;
-    if (OutTrash != nullptr) {
-        return {};
-    }
-    All.push_back(std::make_unique<Destination>());
-    OutTrash = m_home = All.back().get();
-    TavroFailure failure = TavroEnsurePrivateTrash();
-    return failure ? failure : m_home->Trash.Open();
-}
-
-} // namespace
-
 std::vector<TavroOperationEntry> TavroEntriesToCopy(const std::vector<TavroOperationEntry>& Entries,
                                                     const TavroTrashOptions& Options) {
-    Destinations destinations(Options.bHome);
+    TavroTrashDestinations destinations(Options.bHome, Options.bSync);
     std::vector<TavroOperationEntry> copied;
     TavroPlaces places;
     std::string parent;
     const auto isElsewhere = [&](const TavroOperationEntry& entry) {
         const bool bSame = parent == TavroParentOf(entry.Path); // as that before
         parent = TavroParentOf(entry.Path);
-        return !bSame && !destinations.IsOfHome(MountOf(places, entry.Path));
+        return !bSame && !destinations.IsOfHome(TavroVolumeOf(places, entry.Path));
     };
     if (TavroFindTrashFolders().Root.empty() ||
         std::none_of(Entries.begin(), Entries.end(), isElsewhere)) {
@@ -232,7 +140,7 @@ std::vector<TavroOperationEntry> TavroEntriesToCopy(const std::vector<TavroOpera
     SelectionCheck check(Entries);
     const bool bMayGo = check.Run().empty();
     for (std::size_t i = 0; i < Entries.size() && bMayGo; ++i) {
-        if (destinations.IsCopied(check.Mounts[i])) {
+        if (destinations.IsCopied(check.Volumes[i])) {
             copied.push_back(Entries[i]);
         }
     }
@@ -294,9 +202,9 @@ std::vector<TavroStep> StepsOf(const std::vector<TavroBatchStep>& Steps) {
 class Trashing {
 public:
     Trashing(std::vector<TavroBatchStep>& Steps, bool bHome, const TavroCallbacks& Callbacks)
-        : m_all(bHome), m_steps(Steps), m_callbacks(Callbacks) {}
+        : m_all(bHome, Callbacks.bSync), m_steps(Steps), m_callbacks(Callbacks) {}
 
-    TavroFailure ChooseTrash(const std::vector<Mount>& Mounts);
+    TavroFailure ChooseTrash(const std::vector<TavroVolume>& Volumes);
     TavroFailure Prepare();
     TavroFailure Retry(std::size_t Index);
     TavroFailure AnnounceCopy(std::size_t Index, const TavroFileState& Made,
@@ -306,21 +214,20 @@ public:
 private:
     std::string Guess(std::size_t Index) const;
     TavroFailure Claim(std::size_t Index);
-    TavroFailure Sync() const;
     TavroFailure Announce(const std::vector<TavroBatchStep>& Steps) const;
 
-    Destinations m_all;
-    std::vector<Destination*> m_trashes; ///< One a step.
+    TavroTrashDestinations m_all;
+    std::vector<TavroTrashDestination*> m_trashes; ///< One a step.
     std::vector<TavroBatchStep>& m_steps;
     const TavroCallbacks& m_callbacks;
 };
 
-TavroFailure Trashing::ChooseTrash(const std::vector<Mount>& Mounts) {
+TavroFailure Trashing::ChooseTrash(const std::vector<TavroVolume>& Volumes) {
     TavroFailure failure;
     m_trashes.resize(m_steps.size());
     for (std::size_t i = 0; i < m_steps.size() && !failure; ++i) {
         TavroBatchStep& step = m_steps[i];
-        failure = m_all.Find(Mounts[i], m_trashes[i]);
+        failure = m_all.Find(Volumes[i], m_trashes[i]);
         const TavroTrashFolders& folders = m_trashes[i]->Trash.Folders;
         step.To = TavroJoin(folders.Files, TavroNameOf(step.KnownAs()));
         if (folders.bVolume) {
@@ -364,25 +271,10 @@ TavroFailure Trashing::AnnounceCopy(std::size_t Index, const TavroFileState& Mad
 
 TavroFailure Trashing::Claim(std::size_t Index) {
     TavroBatchStep& step = m_steps[Index];
-    Destination& trash = *m_trashes[Index];
-    TavroFailure failure =
-        trash.Claims.Claim(TavroNameOf(step.KnownAs()), step.KnownAs(), trash.Item);
-    step.To = failure ? "" : TavroJoin(trash.Trash.Folders.Files, trash.Item);
-    trash.Count += failure ? 0U : 1U;
+    std::string item;
+    TavroFailure failure = m_trashes[Index]->Claim(step.KnownAs(), item);
+    step.To = failure ? "" : m_trashes[Index]->ItemPath(item);
     return failure;
-}
-
-/// Brings the records that are new to the disk.
-TavroFailure Trashing::Sync() const {
-    for (const std::unique_ptr<Destination>& each : m_all.All) {
-        const std::size_t count = std::exchange(each->Count, 0);
-        const int error =
-            m_callbacks.bSync && count != 0 ? TavroSyncRecords(each->Trash, count, each->Item) : 0;
-        if (error != 0) {
-            return TavroFail(TavroFailureKind::WriteRecord, error, each->Trash.Folders.Info);
-        }
-    }
-    return {};
 }
 
 /// Tells what is going to be done, and claims a name for each entry. The records are on the disk
@@ -404,7 +296,7 @@ TavroFailure Trashing::Prepare() {
             others.push_back(m_steps[i]);
         }
     }
-    failure = failure ? failure : Sync();
+    failure = failure ? failure : m_all.Sync();
     return failure ? failure : Announce(others);
 }
 
@@ -412,7 +304,7 @@ TavroFailure Trashing::Prepare() {
 TavroFailure Trashing::Retry(std::size_t Index) {
     Drop(Index);
     TavroFailure failure = Claim(Index);
-    failure = failure ? failure : Sync();
+    failure = failure ? failure : m_all.Sync();
     return failure ? failure : Announce({m_steps[Index]});
 }
 
@@ -446,7 +338,7 @@ TavroTrashReport TavroTrashSelection(const std::vector<TavroOperationEntry>& Ent
         steps[i].Expected = Expected[i];
     }
     Trashing trashing(steps, Options.bHome, Callbacks);
-    if (TavroFailure failure = trashing.ChooseTrash(check.Mounts)) {
+    if (TavroFailure failure = trashing.ChooseTrash(check.Volumes)) {
         return Failed(std::move(failure));
     }
     TavroBatchHooks hooks;
@@ -483,6 +375,19 @@ struct Restoration {
     std::string Place;
 };
 
+/// Whether a place is on a volume. What is too long for links to be resolved in it leads through
+/// none.
+bool IsOnVolume(const std::string& Volume, const std::string& Place) {
+    std::size_t end = Place.size() < PATH_MAX ? std::string::npos : Volume.size() + 1;
+    struct stat status = {};
+    while ((end = Place.find('/', end)) != std::string::npos) {
+        if (TavroStatPath(Place.substr(0, end++), status) == 0 && S_ISLNK(status.st_mode)) {
+            return false;
+        }
+    }
+    return TavroIsBelow(Volume, Place);
+}
+
 /// Checks what the list itself can tell: each entry once, to a place of its own.
 TavroFailure CheckRestoreList(const std::vector<TavroTrashedEntry>& Entries,
                               std::vector<Restoration>& OutRestorations) {
@@ -502,7 +407,11 @@ TavroFailure CheckRestoreList(const std::vector<TavroTrashedEntry>& Entries,
         const bool bFound = !places.Find(entry.OriginalPath, place);
         OutRestorations.push_back(
             {&trashed, bFound ? place.OwnPath() : TavroFindOwnPath(entry.OriginalPath)});
-        if (!ownPlaces.insert(OutRestorations.back().Place).second) {
+        const std::string& own = OutRestorations.back().Place;
+        if (!trashed.Volume.empty() && !IsOnVolume(trashed.Volume, own)) {
+            return {TavroFailureKind::LeavesVolume, {}, entry.OriginalPath, trashed.Volume};
+        }
+        if (!ownPlaces.insert(own).second) {
             return {TavroFailureKind::RestoreToOnePlace, {}, entry.OriginalPath};
         }
     }
@@ -524,16 +433,26 @@ TavroFailure AsOfTrash(TavroFailure Failure, const std::vector<TavroBatchStep>& 
     return Failure;
 }
 
-/// Removes the records of what has left the trash: each beside its item, whatever else the entry
-/// says.
+/// Removes the records of what has left the trash, each beside its item, whatever else the entry
+/// says; and forgets the sizes of the directories.
 void RemoveRecords(const std::vector<TavroBatchStep>& Steps, TavroChanges& Changes) {
     TavroPlaces places;
+    std::set<std::string> held; // items of trashes that held directories: one of each
     for (const TavroBatchStep& step : Steps) {
         TavroPlace record;
         if (step.Arrived.Identity.Inode != 0 && !step.bCopyStays &&
             !places.Find(RecordOf(step.From), record)) {
             TavroUnlinkAt(record.Number(), record.Name.c_str());
             Changes.Add(record.Directory);
+            if (step.Seen->State.IsDirectory()) {
+                held.insert(TavroJoin(TavroParentOf(step.From), "item"));
+            }
+        }
+    }
+    for (const std::string& item : held) {
+        TavroOpenTrash trash;
+        if (!trash.Open(TavroTrashFoldersOf(item))) {
+            TavroKeepDirectorySizes(trash);
         }
     }
 }

@@ -14,6 +14,10 @@ struct TavroTrashedEntry {
     TavroTrashEntry Entry; ///< Links are flagged as directories, so that they are kept as links.
     TavroIdentity Item;    ///< An inode of 0: not known.
     std::optional<TavroSeenEntry> Seen = {}; ///< When given, a restore looks at it no more before.
+
+    /// When not empty, the volume that its record is relative to: it goes to nowhere else, whatever
+    /// links somebody has prepared there.
+    std::string Volume = {};
 };
 
 /// What became of a trashing or a restoring.
@@ -48,6 +52,7 @@ std::vector<TavroFailure> TavroCheckTrashable(const std::vector<TavroOperationEn
 struct TavroTrashOptions {
     bool bHome = false;      ///< The home trash in any case.
     bool bNeverCopy = false; ///< What cannot be renamed into the trash is the failure MustCopy.
+    bool bSync = true;       ///< For TavroEntriesToCopy: as in TavroCallbacks.
 };
 
 /// The entries of a selection that no rename brings to a trash, so that trashing copies them to the
@@ -77,9 +82,9 @@ TavroTrashReport TavroTrashSelection(const std::vector<TavroOperationEntry>& Ent
 /// Puts trashed entries back, all or nothing, and removes their records when all are back.
 ///
 /// Refused before anything is moved: two entries with the same original path, one entry twice, an
-/// original path that is not absolute, an original place that is taken, be it by a dangling link,
-/// and an item that is not the known file any more. Directories come back before what goes into
-/// them.
+/// original path that is not absolute, or leads out of the volume, an original place that is taken,
+/// be it by a dangling link, and an item that is not the known file any more. Directories come back
+/// before what goes into them.
 TavroTrashReport TavroRestoreSelection(const std::vector<TavroTrashedEntry>& Entries,
                                        const TavroCallbacks& Callbacks);
 

@@ -1,7 +1,7 @@
 #include "trash_contents.h"
 
+#include "directory_sizes.h"
 #include "guard.h"
-#include "measure.h"
 #include "names.h"
 #include "remove.h"
 #include "trash_record.h"
@@ -84,8 +84,7 @@ bool IsListedBefore(const TavroTrashItem& A, const TavroTrashItem& B) {
            std::tie(A.DeletionDate, A.RecordTime, B.Name, B.Folders->Root);
 }
 
-TavroFailure ListItems(const TavroOpenTrash& Trash, bool bMeasure,
-                       const std::function<bool()>& ShouldCancel,
+TavroFailure ListItems(const TavroOpenTrash& Trash, const std::function<bool()>& ShouldCancel,
                        std::vector<TavroTrashItem>& OutItems) {
     const auto folders = std::make_shared<const TavroTrashFolders>(Trash.Folders);
     std::vector<std::string> names;
@@ -96,19 +95,9 @@ TavroFailure ListItems(const TavroOpenTrash& Trash, bool bMeasure,
             failure = {TavroFailureKind::Cancelled};
             break;
         }
-        std::optional<TavroTrashItem> item = ReadItem(Trash, folders, name);
-        if (!item) {
-            continue;
+        if (std::optional<TavroTrashItem> item = ReadItem(Trash, folders, name)) {
+            OutItems.push_back(std::move(*item));
         }
-        TavroMeasurement measured;
-        if (bMeasure && item->bDirectory) {
-            if (!TavroMeasureEntry(Trash.Files.Number(), name, ShouldCancel, measured)) {
-                failure = {TavroFailureKind::Cancelled};
-                break;
-            }
-            item->ByteCount = measured.ByteCount;
-        }
-        OutItems.push_back(std::move(*item));
     }
     return failure;
 }
@@ -121,10 +110,13 @@ std::string TavroTrashItem::TrashPath() const {
 
 TavroTrashedEntry TavroTrashItem::Trashed() const {
     const std::string record = TavroJoin(Folders->Info, TavroRecordName(Name));
-    return {{OriginalPath, TrashPath(), record, bDirectory || bLink}, Identity};
+    return {{OriginalPath, TrashPath(), record, bDirectory || bLink},
+            Identity,
+            {},
+            Folders->bVolume ? Folders->Base : std::string()};
 }
 
-TavroFailure TavroListTrash(bool bMeasure, const std::function<bool()>& ShouldCancel,
+TavroFailure TavroListTrash(const std::function<bool()>& ShouldCancel,
                             std::vector<TavroTrashItem>& OutItems,
                             const TavroWhichTrashes& Trashes) {
     TavroFailure first;
@@ -132,7 +124,7 @@ TavroFailure TavroListTrash(bool bMeasure, const std::function<bool()>& ShouldCa
     for (const TavroTrashFolders& folders : Trashes) {
         TavroOpenTrash trash;
         TavroFailure failure = trash.Open(folders);
-        failure = failure ? failure : ListItems(trash, bMeasure, ShouldCancel, OutItems);
+        failure = failure ? failure : ListItems(trash, ShouldCancel, OutItems);
         first = first ? first : failure;
         if (failure.Kind == TavroFailureKind::Cancelled) {
             first = std::move(failure);
@@ -169,7 +161,7 @@ std::uint64_t TavroCountUnlistedItems(const std::vector<TavroTrashItem>& Listed,
 
 TavroFailure TavroTrashIndex::List() {
     m_bListed = true;
-    TavroFailure failure = TavroListTrash(false, {}, m_items, m_trashes);
+    TavroFailure failure = TavroListTrash({}, m_items, m_trashes);
     for (std::size_t i = 0; i < m_items.size(); ++i) {
         const TavroTrashItem& item = m_items[i];
         m_byTrashPath[item.TrashPath()] = i;
@@ -194,18 +186,13 @@ void TavroTrashIndex::Drop(const TavroTrashItem& Item) {
     m_byTrashPath.erase(known);
 }
 
-namespace {
-
-/// "'a', 'b'"
-std::string Listed(const std::set<std::string>& Paths) {
+std::string TavroListPaths(const std::set<std::string>& Paths) {
     std::string text;
     for (const std::string& path : Paths) {
         text += (text.empty() ? "'" : ", '") + path + "'";
     }
     return text;
 }
-
-} // namespace
 
 /// The item of a name in the trash. Several trashes can have one.
 TavroFailure TavroTrashIndex::FindByName(const std::string& Name,
@@ -229,7 +216,7 @@ TavroFailure TavroTrashIndex::FindByName(const std::string& Name,
     }
     return places.size() < 2
                ? TavroFailure()
-               : TavroFailure{TavroFailureKind::SeveralNamed, {}, Name, Listed(places)};
+               : TavroFailure{TavroFailureKind::SeveralNamed, {}, Name, TavroListPaths(places)};
 }
 
 /// The newest one from any of the paths that a text can mean.
@@ -274,7 +261,7 @@ TavroFailure TavroTrashIndex::Find(const std::string& Text, TavroTrashItem& OutI
     return {places.empty() ? TavroFailureKind::NotInTrash : TavroFailureKind::SeveralNamed,
             {},
             Text,
-            Listed(places)};
+            TavroListPaths(places)};
 }
 
 // =================================================================================================
@@ -323,6 +310,7 @@ private:
     TavroOpenTrash m_trash;
     TavroPlace m_item;
     TavroGuard m_guard{TavroAct::Delete};
+    bool m_bDirectories = false; ///< Some of what was removed were directories.
 };
 
 TavroFailure Emptying::Open(const TavroTrashFolders& Which) {
@@ -426,6 +414,9 @@ template <typename Items> TavroFailure Emptying::RemoveEach(const Items& All) {
         }
         first = first ? first : failure;
     }
+    if (m_bDirectories) {
+        TavroKeepDirectorySizes(m_trash);
+    }
     const int error = m_callbacks.bSync ? Sync() : 0;
     return first || error == 0 ? first
                                : TavroFail(TavroFailureKind::Remove, error, m_trash.Folders.Files);
@@ -476,6 +467,7 @@ TavroFailure Emptying::Remove(const std::string& Name) {
 
 TavroFailure Emptying::RemoveItem(const struct stat& Status) {
     if (S_ISDIR(Status.st_mode)) {
+        m_bDirectories = true;
         TavroFailure failure = m_guard.Check(m_item, Status);
         return failure
                    ? failure
@@ -635,17 +627,6 @@ TavroFailure TavroFinishEmptying(const std::vector<TavroStep>& Steps,
         first = first ? first : failure;
     }
     return first;
-}
-
-std::vector<TavroTrashItem> TavroItemsOlderThan(std::vector<TavroTrashItem> Items, int Days) {
-    const double limit = 86400.0 * Days;
-    const std::time_t now = std::time(nullptr);
-    const auto isYoung = [&](const TavroTrashItem& item) {
-        const std::optional<std::time_t> time = TavroTimeOfDate(item.DeletionDate);
-        return !time || std::difftime(now, *time) <= limit;
-    };
-    Items.erase(std::remove_if(Items.begin(), Items.end(), isYoung), Items.end());
-    return Items;
 }
 
 // =================================================================================================

@@ -25,7 +25,7 @@ struct TavroTrashItem {
     /// Local time, 2024-03-05T14:07:09. Empty when the record has no date that can be read.
     std::string DeletionDate;
 
-    std::uint64_t ByteCount = 0; ///< Bytes in it; of a directory, of all files in it.
+    std::uint64_t ByteCount = 0; ///< Bytes in it; of a directory as TavroMeasureItems counts them.
     bool bDirectory = false;     ///< A real directory; a link to one is none.
 
     bool bLink = false;
@@ -45,12 +45,10 @@ using TavroWhichTrashes = std::vector<TavroTrashFolders>;
 /// Lists the trash, newest first; of entries of the same second the one whose record was written
 /// last is the first, then they go by name. Those without a date are last.
 ///
-/// @param bMeasure      whether `ByteCount` is filled in, which walks every trashed directory.
-/// @param ShouldCancel  as for TavroMeasureEntry; a cancelled list is returned as far as it got,
-///                      without an item that is measured in part.
+/// @param ShouldCancel  asked before each item; a cancelled list is returned as far as it got.
 /// @param OutItems      cleared first. A trash that does not exist is empty.
 /// @return no failure, NoHome, ReadTrash with the others in the list, or Cancelled.
-TavroFailure TavroListTrash(bool bMeasure, const std::function<bool()>& ShouldCancel,
+TavroFailure TavroListTrash(const std::function<bool()>& ShouldCancel,
                             std::vector<TavroTrashItem>& OutItems,
                             const TavroWhichTrashes& Trashes = {TavroFindTrashFolders()});
 
@@ -58,6 +56,9 @@ TavroFailure TavroListTrash(bool bMeasure, const std::function<bool()>& ShouldCa
 /// they have no record that can be read. 0 when the trash cannot be read.
 std::uint64_t TavroCountUnlistedItems(const std::vector<TavroTrashItem>& Listed,
                                       const TavroWhichTrashes& Trashes = {TavroFindTrashFolders()});
+
+/// "'a', 'b'"
+std::string TavroListPaths(const std::set<std::string>& Paths);
 
 /// Finds items by what a person types. Names in the trash are looked up; the trash is listed once,
 /// for the first text that is none.
@@ -120,10 +121,6 @@ TavroFailure TavroEmptyTrash(const TavroCallbacks& Callbacks,
 /// @return as TavroRemoveFromTrash, NoHome or ReadTrash; NotInTrash when that was another trash.
 TavroFailure TavroFinishEmptying(const std::vector<TavroStep>& Steps,
                                  const TavroCallbacks& Callbacks);
-
-/// The items that were trashed more than so many days ago (of 24 hours, local time). An item
-/// without a readable date is never among them.
-std::vector<TavroTrashItem> TavroItemsOlderThan(std::vector<TavroTrashItem> Items, int Days);
 
 /// What is wrong with the trash.
 enum class TavroTrashFault {

@@ -26,8 +26,13 @@ std::vector<TavroTrashFolders> TavroTrashFoldersOnVolume(const std::string& Top)
             FoldersAt(Top, TavroJoin(Top, ".Trash-" + user), true)};
 }
 
+std::string TavroFindHome() {
+    const char* home = std::getenv("HOME");
+    return home != nullptr && *home == '/' ? TavroHomeDirectoryPath() : std::string();
+}
+
 TavroTrashFolders TavroFindTrashFolders() {
-    const std::string home = TavroHomeDirectoryPath();
+    const std::string home = TavroFindHome();
     const char* data = std::getenv("XDG_DATA_HOME");
     if (home.empty()) {
         return {};
@@ -133,7 +138,7 @@ TavroFailure TavroOpenTrash::Open(TavroTrashFolders Which) {
         return {TavroFailureKind::NoHome};
     }
     if (Folders.bVolume) {
-        return OpenOwn(false);
+        return OpenOwn(TavroCreating::Nothing);
     }
     for (const auto& [path, descriptor] :
          {std::make_pair(&Folders.Files, &Files), std::make_pair(&Folders.Info, &Info)}) {
@@ -148,17 +153,21 @@ TavroFailure TavroOpenTrash::Open(TavroTrashFolders Which) {
 namespace {
 
 /// Opens a directory of a trash on a volume, or creates it: a real one, of the user's own, on the
-/// device of the volume.
-int EnterOwn(int Holder, const std::string& Name, bool bCreate, std::uint64_t Device,
+/// device of the volume. A new one is on the disk before anything goes there: what is trashed on a
+/// stick that is pulled out would be nowhere.
+int EnterOwn(int Holder, const std::string& Name, TavroCreating Creating, std::uint64_t Device,
              TavroDescriptor& OutDirectory) {
     struct stat status = {};
-    const bool bMade = bCreate && TavroMakeDirectoryAt(Holder, Name.c_str(), 0700) == 0;
+    const bool bMade =
+        Creating != TavroCreating::Nothing && TavroMakeDirectoryAt(Holder, Name.c_str(), 0700) == 0;
     if (bMade) {
         MakePrivate(Holder, Name.c_str()); // where the file system has modes
     }
     int error = TavroOpenDirectoryAt(Holder, Name.c_str(), OutDirectory);
     error = error != 0 ? error : TavroStat(OutDirectory.Number(), status);
-    if (error == 0 && status.st_uid == geteuid() && status.st_dev == Device) {
+    const bool bOwn = error == 0 && status.st_uid == geteuid() && status.st_dev == Device;
+    error = bOwn && bMade && Creating == TavroCreating::OnDisk ? TavroSync(Holder) : error;
+    if (bOwn && error == 0) {
         return 0;
     }
     OutDirectory.Close();
@@ -182,7 +191,7 @@ int EnterShared(TavroDescriptor& IoDirectory, const std::string& Name) {
 } // namespace
 
 /// From the mount point on by names that are no links.
-TavroFailure TavroOpenTrash::OpenOwn(bool bCreate) {
+TavroFailure TavroOpenTrash::OpenOwn(TavroCreating Creating) {
     TavroDescriptor directory;
     TavroDescriptor root;
     struct stat top = {};
@@ -192,21 +201,21 @@ TavroFailure TavroOpenTrash::OpenOwn(bool bCreate) {
         error = EnterShared(directory, TavroNameOf(TavroParentOf(Folders.Root)));
     }
     if (error == 0) {
-        error = EnterOwn(directory.Number(), TavroNameOf(Folders.Root), bCreate, top.st_dev, root);
+        error = EnterOwn(directory.Number(), TavroNameOf(Folders.Root), Creating, top.st_dev, root);
     }
     if (error == ENOENT) {
         return {};
     }
     for (const auto& [name, descriptor] :
          {std::make_pair("files", &Files), std::make_pair("info", &Info)}) {
-        const int opened = EnterOwn(root.Number(), name, bCreate, top.st_dev, *descriptor);
+        const int opened = EnterOwn(root.Number(), name, Creating, top.st_dev, *descriptor);
         error = error != 0 || opened == ENOENT ? error : opened;
     }
     return error == 0 ? TavroFailure()
                       : TavroFail(TavroFailureKind::ReadTrash, error, Folders.Root);
 }
 
-bool TavroOpenTrash::OpenOnVolume(std::uint64_t Mount, std::uint64_t Device) {
+bool TavroOpenTrash::OpenOnVolume(std::uint64_t Mount, std::uint64_t Device, bool bSync) {
     for (const TavroMount& mount : IsHomeOnly() ? std::vector<TavroMount>() : TavroReadMounts()) {
         TavroDescriptor top;
         struct stat status = {};
@@ -219,7 +228,8 @@ bool TavroOpenTrash::OpenOnVolume(std::uint64_t Mount, std::uint64_t Device) {
         }
         for (TavroTrashFolders& folders : TavroTrashFoldersOnVolume(mount.Point)) {
             Folders = std::move(folders);
-            if (!OpenOwn(true) && Files.IsOpen() && Info.IsOpen()) {
+            if (!OpenOwn(bSync ? TavroCreating::OnDisk : TavroCreating::InMemory) &&
+                Files.IsOpen() && Info.IsOpen()) {
                 return true;
             }
         }

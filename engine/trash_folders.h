@@ -10,7 +10,11 @@
 #include <string>
 #include <vector>
 
-/// The directories of a trash. Empty paths when there is none: `HOME` is unset or empty.
+/// `HOME`, with links resolved. Empty when it is unset, or not absolute: it would be another place
+/// in each directory.
+std::string TavroFindHome();
+
+/// The directories of a trash. Empty paths when there is none: TavroFindHome finds nothing.
 struct TavroTrashFolders {
     std::string Base; ///< What relative paths in its records begin at: the home directory, or the
                       ///< mount point of its volume.
@@ -38,6 +42,9 @@ TavroTrashFolders TavroTrashFoldersOf(const std::string& Path);
 ///         MakeTrashPrivate, with the path that is in the way or could not be created.
 TavroFailure TavroEnsurePrivateTrash();
 
+/// What is done about directories of a trash that are missing.
+enum class TavroCreating { Nothing, InMemory, OnDisk };
+
 /// A trash, open.
 struct TavroOpenTrash {
     TavroTrashFolders Folders;
@@ -55,11 +62,12 @@ struct TavroOpenTrash {
     /// sticky bit, else `.Trash-UID`.
     ///
     /// @param Device  of what is to be renamed into it: a mount can show several.
+    /// @param bSync   whether what is new is brought to the disk.
     /// @return false when there can be none.
-    bool OpenOnVolume(std::uint64_t Mount, std::uint64_t Device);
+    bool OpenOnVolume(std::uint64_t Mount, std::uint64_t Device, bool bSync);
 
 private:
-    TavroFailure OpenOwn(bool bCreate);
+    TavroFailure OpenOwn(TavroCreating Creating);
 };
 
 /// The trashes that a person sees.

@@ -1,6 +1,7 @@
 // Records of any bytes in the trash: the list, the search, the examination and the mending.
 
 #include "byte_source.h"
+#include "choice.h"
 #include "demand.h"
 #include "sandbox.h"
 #include "trash_contents.h"
@@ -44,7 +45,7 @@ private:
 
 std::vector<TavroTrashItem> listed() {
     std::vector<TavroTrashItem> items;
-    demandEqual(TavroDescribe(TavroListTrash(true, {}, items)), "", "the listing");
+    demandEqual(TavroDescribe(TavroListTrash({}, items)), "", "the listing");
     return items;
 }
 
@@ -82,7 +83,10 @@ void checkItem(const TavroTrashItem& item, const Trash& trash) {
     demand(!item.OriginalPath.empty() && item.OriginalPath[0] == '/', "an absolute path");
     demand(item.OriginalPath.find('\0') == std::string::npos, "a path without zero bytes");
     checkDate(item.DeletionDate);
-    demand(TavroItemsOlderThan({item}, 0).size() <= 1, "old or not");
+    TavroChoice choice;
+    std::vector<TavroTrashItem> old = {item};
+    choice.OlderThanDays = 1;
+    demand(TavroChooseItems(choice, old).empty() && old.size() <= 1, "old or not");
 }
 
 /// Any text finds the one item or nothing, and says so then.

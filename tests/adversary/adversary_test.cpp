@@ -82,7 +82,7 @@ std::vector<TavroTrashItem> g_items;
 
 void trashAndList(World& world) {
     EXPECT_TRUE(isTrashed(world));
-    EXPECT_FALSE(TavroListTrash(false, {}, g_items));
+    EXPECT_FALSE(TavroListTrash({}, g_items));
 }
 
 bool empty(World&) {

@@ -59,6 +59,21 @@ answered() { # COMMAND
   printf 'n\ny\ny\ny\n' | script --quiet --return --echo never --command "$1" /dev/null | tr -d '\r'
 }
 
+@test "what ends in . or .. is refused before anything begins, also with -f" {
+  local ending
+  mkdir -p d/e
+  touch a
+  for ending in . .. ./ d/. d/.. d/e/../ d/e/..// "$PWD/d/."; do
+    for options in -r -rf; do
+      run -1 --separate-stderr tavro trash $options a "$ending"
+      expect "$stderr$output" "tavro: Cannot move '$ending' to the trash: it ends in '.' or '..'"
+    done
+  done
+  expect "$(find . | sort | xargs)" '. ./a ./d ./d/e'
+  mkdir d/... d/..a
+  run -0 tavro trash -rf d/.../ ./d/..a
+}
+
 @test "-i asks about each entry before any is moved" {
   touch a b
   mkdir d

@@ -289,16 +289,14 @@ Undone: rename
   a -> b' bash -c '"$TAVRO" rename a b && "$TAVRO" undo'
   echo 1 >c
   shows 'Copied c -> a/c
-Undone: copy
-  c -> a/c' bash -c '"$TAVRO" copy c a && "$TAVRO" undo'
+Undid copy: moved a/c to the trash (2 bytes)' bash -c '"$TAVRO" copy c a && "$TAVRO" undo'
   shows 'Moved c -> a/c
 Undone: move
   c -> a/c' bash -c '"$TAVRO" move c a && "$TAVRO" undo'
   mkdir -p tree/below
   echo 12345 | tee tree/f >tree/below/g
   shows 'Copied tree -> a/tree, 3 entries (12 bytes)
-Undone: copy
-  tree -> a/tree' bash -c '"$TAVRO" copy tree a && "$TAVRO" undo'
+Undid copy: moved a/tree to the trash (12 bytes)' bash -c '"$TAVRO" copy tree a && "$TAVRO" undo'
   shows 'Moved tree -> a/tree, 3 entries (12 bytes)
 Undone: move
   tree -> a/tree' bash -c '"$TAVRO" move tree a && "$TAVRO" undo'

@@ -275,3 +275,29 @@ $PWD/d -> $HOME/$trash/files/d"
   expect "$(cat a.txt a\ copy\ *.txt | sort -n)" "$(seq 30)"
   [ -f 'a copy 29.txt' ]
 }
+
+@test "what trashed directories take on the disk is remembered when they are listed, and forgotten" {
+  local cache=$HOME/.local/share/Trash/directorysizes line
+  mkdir 'd e'
+  head -c 30000 /dev/zero >'d e/f'
+  touch a
+  tavro trash -q 'd e' a
+  [ ! -e "$cache" ]
+  tavro list >"$scratch/listed"
+  line="$(du -s -B1 "$HOME/.local/share/Trash/files/d e" | cut -f 1) $(stat -c %Y "$HOME/.local/share/Trash/info/d e.trashinfo") d%20e"
+  expect "$(<"$cache")" "$line"
+  tavro list | cmp - "$scratch/listed"
+  tavro restore -q a
+  expect "$(<"$cache")" "$line"
+  tavro restore -q 'd e'
+  [ ! -e "$cache" ]
+}
+
+@test "a relative HOME is no home directory" {
+  touch a
+  HOME=home run -1 --separate-stderr tavro trash --no-history a
+  expect "$stderr" 'tavro: There is no trash: HOME is not set to an absolute path'
+  HOME=. XDG_DATA_HOME=. run -1 --separate-stderr tavro list
+  expect "$stderr" 'tavro: There is no trash: HOME is not set to an absolute path'
+  expect "$(ls -A)" a
+}

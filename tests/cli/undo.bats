@@ -212,3 +212,75 @@ Cannot look at '$HOME/.local/state/tavro/history.db': Not a directory"
   expect "$output" "tavro: '$PWD/a' is not what it was: another file is there now"
   expect "$(cat a)" other
 }
+
+@test "a redo trashes no file that got the number of the one that was there" {
+  touch a
+  tavro trash a
+  tavro undo
+  was=$(stat -c %i a)
+  rm a
+  echo other >a
+  [[ $(stat -c %i a) == "$was" ]] || skip 'this file system gives no number again at once'
+  run -1 tavro redo
+  expect "$output" "tavro: '$PWD/a' is not what it was: another file is there now"
+  expect "$(cat a)" other
+}
+
+@test "what was trashed twice from one path is known by when" {
+  local trash=$HOME/.local/share/Trash
+  touch a
+  tavro trash -q a
+  mv "$trash/files/a" .
+  rm "$trash/info/a.trashinfo"
+  tavro trash -q a
+  sed -i 's/^DeletionDate=..../DeletionDate=2099/' "$trash/info/a.trashinfo"
+  run -1 tavro undo 1
+  expect "$output" "tavro: '$trash/files/a' is not what it was: what was at '$PWD/a' at another time is there now"
+  mv "$trash/files/a" .
+  rm "$trash/info/a.trashinfo"
+  tavro trash -q a
+  touch "$trash/info/a.trashinfo" # a copy of the trash has other times, but the same dates
+  chmod 600 "$trash/files/a"
+  sed -i 's/^DeletionDate=.*/DeletionDate=2020-01-01T00:00:00/' "$trash/info/a.trashinfo"
+  run -0 tavro undo
+  [ -e a ]
+}
+
+@test "the undo of a copy says where it went, and how much that is" {
+  mkdir -p d/e to
+  head -c 1500 /dev/zero | tee d/f >d/e/g
+  touch a
+  tavro copy -q d to
+  run -0 tavro undo
+  expect "$output" "Undid copy: moved $PWD/to/d to the trash (3.0 kB)"
+  tavro copy -q d a to
+  run -0 on_terminal "$TAVRO undo"
+  expect "$output" 'Undid copy: moved 2 entries to the trash (3.0 kB)'
+  tavro redo -q
+  run -0 tavro undo -q
+  expect "$output" ''
+  tavro copy -q a to
+  run -0 on_terminal "$TAVRO undo"
+  expect "$output" 'Undid copy: moved to/a to the trash (0 bytes)'
+}
+
+@test "the directory of the history, and what holds it, stay" {
+  local directory state=$HOME/.local/state
+  touch a
+  tavro trash -q a
+  for directory in "$state/tavro" "$state"; do
+    for act in trash 'delete -f'; do
+      # shellcheck disable=SC2086 # words
+      run -1 tavro $act "$directory"
+      [[ $output == *"the history" || $output == *"the directory of the history" ]]
+    done
+    run -1 tavro move -q "$directory" .
+    run -1 tavro rename "$directory" other
+  done
+  tavro undo -q
+  [ -e a ]
+  export XDG_STATE_HOME=$PWD/other
+  tavro trash -q a
+  run -1 tavro delete -f other
+  expect "$output" "tavro: Refusing to delete '$PWD/other': it holds the history"
+}

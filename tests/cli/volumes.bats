@@ -311,6 +311,76 @@ Path=d%20%C3%A9/50%25%20%24"
     expect "$(cat a)" mine'
 }
 
+@test "no link on a volume leads a restore out of it" {
+  in_own_root '
+    mkdir /one/link /one/real
+    touch /one/link/x /one/link/y /one/link/z
+    tavro trash -q /one/link/x /one/link/y /one/link/z
+    rmdir /one/link
+    ln -s /home /one/link
+    long=$(printf "%0200d/%.0s" {1..21})
+    sed "s|^Path=.*|Path=link/${long}x|" /one/.Trash-0/info/x.trashinfo >/one/.Trash-0/info/deep.trashinfo
+    touch /one/.Trash-0/files/deep
+    expect "$(tavro restore x 2>&1 || :)" "tavro: Cannot restore '"'/one/link/x'"': a link on the way leads out of '"'/one'"'"
+    for how in "x y" "/one/link/x" "--here *" deep; do
+      cd /one
+      fails tavro restore $how 2>/dev/null
+    done
+    fails tavro restore --keep-both y
+    expect "$(ls /home)" ""
+    tavro restore -q --to /one/link x
+    [[ -f /home/x ]]
+    rm /one/link
+    ln -s real /one/link
+    tavro restore -q y
+    [[ -f /one/real/y ]]'
+}
+
+@test "a new trash of a volume is on the disk before anything goes there" {
+  command -v strace >/dev/null || skip 'strace is not installed'
+  strace -qq -o "$scratch/probe" true || skip 'strace may not trace here'
+  in_own_root '
+    touch /one/a /one/b
+    waits() { strace -f -y -qq -o /tmp/calls -e trace=fsync,syncfs,renameat2 $TAVRO trash -q $1; }
+    waits /one/a
+    expect "$(grep -o "fsync([0-9]*</one[^>]*\|renameat2(.*/one/.Trash-0/files>" /tmp/calls | sed "s/.*</</;s/>$//")" "</one
+</one/.Trash-0
+</one/.Trash-0
+</one/.Trash-0/info/a.trashinfo
+</one/.Trash-0/files
+</one"
+    waits /one/b
+    expect "$(grep -c "</one/.Trash-0>" /tmp/calls)" 0
+    touch /two/a /two/b
+    TAVRO_SYNC=no waits /two/a
+    expect "$(grep -c sync /tmp/calls)" 0'
+}
+
+@test "an undo restores nothing from the trash of another volume at the same place" {
+  in_own_root '
+    mkdir /v /A /B
+    mount -t tmpfs A /A
+    mount -t tmpfs B /B
+    for volume in /B /A; do
+      mount --bind $volume /v
+      echo $volume >/v/a
+      tavro trash -q /v/a
+      [[ $volume == /A ]] || umount /v
+    done
+    [[ $(stat -c %i /A/.Trash-0/files/a) = $(stat -c %i /B/.Trash-0/files/a) ]]
+    record=/B/.Trash-0/info/a.trashinfo
+    sed -i "s/^DeletionDate=.*/DeletionDate=2020-01-01T00:00:00/" $record
+    touch -d 2020-01-01 $record
+    umount /v
+    mount --bind /B /v
+    fails tavro undo 2>/tmp/said
+    grep -q "is not what it was: what was at ./v/a. at another time is there now" /tmp/said
+    umount /v
+    mount --bind /A /v
+    tavro undo -q
+    expect "$(cat /v/a)" /A'
+}
+
 @test "a record on a volume leads nowhere else" {
   in_own_root '
     mkdir -p -m 700 /one/.Trash-0/files /one/.Trash-0/info
@@ -324,4 +394,92 @@ Path=d%20%C3%A9/50%25%20%24"
     printf "[Trash Info]\nPath=/one/photo.jpg\nDeletionDate=2026-01-01T00:00:00\n" >/one/.Trash-0/info/photo.jpg.trashinfo
     tavro restore -q photo.jpg
     [[ -e /one/photo.jpg ]]'
+}
+
+@test "what a copy or a move replaces goes to the trash of its own volume, and comes back by a rename" {
+  in_own_root '
+    for act in copy move; do
+      for from in /here /one; do
+        echo old >/one/a
+        mkdir -p /one/d $from/s
+        echo new >$from/s/a
+        inode=$(stat -c %i /one/a)
+        tavro $act -q $from/s/a /one/ --on-conflict overwrite
+        expect "$(cat /one/a /one/.Trash-0/files/a)" "new
+old"
+        expect "$(sed -n 2p /one/.Trash-0/info/a.trashinfo)" Path=a
+        expect "$(stat -c %i /one/.Trash-0/files/a)" "$inode"
+        tavro undo -q
+        expect "$(cat /one/a)" old
+        expect "$(stat -c %i /one/a)" "$inode"
+        tavro redo -q
+        expect "$(cat /one/a /one/.Trash-0/files/a)" "new
+old"
+        tavro undo -q
+        expect "$(cat /one/a)" old
+        [[ ! -e /home/.local/share/Trash ]]
+        rm -rf /one/* /one/.Trash-0 $from/s
+      done
+    done'
+}
+
+@test "where its volume takes no trash, what is replaced goes to the home trash" {
+  in_own_root '
+    echo old >/one/a
+    echo new >/here/a
+    touch /one/.Trash-0
+    tavro copy -q /here/a /one/ --on-conflict overwrite
+    expect "$(cat /one/a /home/.local/share/Trash/files/a)" "new
+old"
+    tavro undo -q
+    expect "$(cat /one/a)" old
+    tavro redo -q
+    TAVRO_TRASH=home tavro undo -q
+    expect "$(cat /one/a)" old
+    rm /one/.Trash-0
+    TAVRO_TRASH=home tavro copy -q /here/a /one/ --on-conflict overwrite
+    expect "$(cat /one/a) $(ls -A /one)" "new a"
+    tavro undo -q
+    expect "$(cat /one/a)" old'
+}
+
+@test "a replacement on a volume that is cut off is undone or resumed, and leaves no record" {
+  command -v strace >/dev/null || skip 'strace is not installed'
+  strace -qq -o "$scratch/probe" true || skip 'strace may not trace here'
+  in_own_root '
+    tavro trash -q "$(mktemp -p /one)"
+    tavro empty -fq
+    for after in undo resume; do
+      for cut in syncfs fsync renameat2; do
+        for when in 1 2 3 4; do
+          echo old >/one/a
+          echo new >/here/a
+          strace -qq -o /dev/null -e inject=$cut:signal=KILL:when=$when $TAVRO copy -q /here/a /one/ \
+            --on-conflict overwrite || tavro $after -q || :
+          case $(cat /one/a) in
+            new) expect "$(cat /one/.Trash-0/files/a) $(ls /one/.Trash-0/info)" "old a.trashinfo" ;;
+            old) expect "$(ls /one/.Trash-0/info)" "$(ls /one/.Trash-0/files | sed s/$/.trashinfo/)" ;;
+          esac
+          expect "$(find /one -name ".tavro-*")" ""
+          tavro history --drop >/dev/null
+          tavro empty -fq
+        done
+      done
+    done'
+}
+
+@test "the redo of what was trashed with --home goes to the home trash again" {
+  in_own_root '
+    echo 1 >/one/a
+    mkdir /one/d
+    tavro trash -q --home /one/a /one/d
+    tavro undo -q
+    tavro redo -q
+    expect "$(cat /home/.local/share/Trash/files/a) $(ls -A /one)" "1 "
+    tavro undo -q
+    expect "$(cat /one/a)" 1
+    tavro trash -q /one/d
+    tavro undo -q
+    tavro redo -q
+    [[ -d /one/.Trash-0/files/d ]]'
 }

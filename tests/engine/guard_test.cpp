@@ -69,6 +69,21 @@ TEST_F(Guard, refuses_the_home_directory_the_trash_and_what_holds_them) {
     }
 }
 
+TEST_F(Guard, refuses_the_history_and_what_holds_it) {
+    const ScopedEnvironment environment("XDG_STATE_HOME", (sandbox() / "a/state").string());
+    makeDirectory(sandbox() / "a/state/tavro/below");
+    for (const auto& [path, why] : {std::pair{"a", "it holds the history"},
+                                    {"a/state", "it holds the history"},
+                                    {"a/state/tavro", "it is the directory of the history"},
+                                    {"a/state/tavro/below", ""}}) {
+        for (const TavroAct act :
+             {TavroAct::Trash, TavroAct::Delete, TavroAct::Move, TavroAct::Rename}) {
+            const TavroFailure failure = check(act, sandbox() / path);
+            EXPECT_EQ(failure ? failure.Error.message() : "", why) << path;
+        }
+    }
+}
+
 TEST_F(Guard, says_the_act_and_the_path) {
     const std::string why = inQuotes(home()) + ": it is the home directory";
     const std::vector<std::pair<TavroAct, std::string>> sentences = {

@@ -151,7 +151,7 @@ TEST_F(History, without_home_and_state_directory_there_is_no_file) {
     EXPECT_EQ(TavroHistoryPath(), "");
     TavroHistory history;
     EXPECT_EQ(TavroDescribe(history.Open("", std::chrono::milliseconds(0))),
-              "There is no place for the history: HOME is not set");
+              "There is no place for the history: HOME is not set to an absolute path");
 }
 
 // ---------------------------------------------------------------------------------------------

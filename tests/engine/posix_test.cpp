@@ -504,9 +504,6 @@ TEST_F(Posix, renames_replaces_exchanges_and_links) {
     EXPECT_EQ("b", readFile(m_box / "b"));
 
     fs::create_symlink("b", m_box / "link");
-    EXPECT_EQ(0, TavroLinkAt(at(), "link", at(), "second link"));
-    EXPECT_TRUE(fs::is_symlink(m_box / "second link")) << "the link itself has two names";
-    EXPECT_EQ(EEXIST, TavroLinkAt(at(), "b", at(), "link"));
 
     const TavroDescriptor file = opened("b");
     EXPECT_EQ(0, TavroLinkOpenAt(file.Number(), at(), "again"));
@@ -757,8 +754,6 @@ TEST_F(Posix, every_call_is_made_again_when_it_is_interrupted_and_hands_on_its_e
         {"renameat2", [&] { return TavroExchange(at(), "a", at(), "file"); }},
         {"renameat2", [&] { return TavroExchange(at(), "file", at(), "a"); }},
         {"unlinkat", [&] { return TavroRemoveDirectoryAt(at(), "a"); }},
-        {"linkat", [&] { return TavroLinkAt(at(), "file", at(), "a"); }},
-        {"unlinkat", [&] { return TavroUnlinkAt(at(), "a"); }},
         {"linkat", [&] { return TavroLinkOpenAt(f, at(), "a"); }},
         {"unlinkat", [&] { return TavroUnlinkAt(at(), "a"); }},
         {"symlinkat", [&] { return TavroSymlinkAt("x", at(), "a"); }},

@@ -244,7 +244,7 @@ protected:
         return [bUnseen] {
             return keep([&](const TavroCallbacks& callbacks) {
                 std::vector<TavroTrashItem> items;
-                EXPECT_FALSE(TavroListTrash(false, {}, items));
+                EXPECT_FALSE(TavroListTrash({}, items));
                 EXPECT_EQ(TavroDescribe(bUnseen ? TavroEmptyTrash(callbacks)
                                                 : TavroRemoveFromTrash(items, callbacks)),
                           "");
@@ -952,7 +952,7 @@ TEST_P(Settling, of_emptying_leaves_what_was_trashed_since) {
             fs::last_write_time(entry, entry.last_write_time() - std::chrono::seconds(2));
         }
         std::vector<TavroTrashItem> items;
-        ASSERT_FALSE(TavroListTrash(false, {}, items));
+        ASSERT_FALSE(TavroListTrash({}, items));
         interruptDeletion(Kind::Empty, [&](const TavroCallbacks& callbacks) {
             return bUnseen ? TavroEmptyTrash(callbacks) : TavroRemoveFromTrash(items, callbacks);
         });

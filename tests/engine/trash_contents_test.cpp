@@ -1,5 +1,6 @@
 // Looking into the home trash, whoever put something there.
 
+#include "choice.h"
 #include "trash_contents.h"
 
 #include "trash_fixture.h"
@@ -48,7 +49,8 @@ protected:
 
     static std::vector<TavroTrashItem> list(bool bMeasure = false) {
         std::vector<TavroTrashItem> items(2);
-        EXPECT_EQ(TavroDescribe(TavroListTrash(bMeasure, {}, items)), "");
+        EXPECT_EQ(TavroDescribe(TavroListTrash({}, items)), "");
+        EXPECT_FALSE(bMeasure && TavroMeasureItems(items, {}));
         return items;
     }
     static std::vector<std::string> names(const std::vector<TavroTrashItem>& items) {
@@ -57,6 +59,12 @@ protected:
             result.push_back(entry.Name);
         }
         return result;
+    }
+    static std::vector<TavroTrashItem> olderThan(int days, std::vector<TavroTrashItem> items) {
+        TavroChoice choice;
+        choice.OlderThanDays = days;
+        EXPECT_TRUE(TavroChooseItems(choice, items).empty());
+        return items;
     }
     static TavroTrashItem named(const std::string& name) {
         TavroTrashItem found;
@@ -150,8 +158,8 @@ TEST_F(ListTrash, of_a_trash_that_does_not_exist_is_empty) {
 TEST_F(ListTrash, needs_a_home_directory) {
     const ScopedEnvironment environment("HOME", std::nullopt);
     std::vector<TavroTrashItem> items(1);
-    EXPECT_EQ(TavroDescribe(TavroListTrash(false, {}, items)),
-              "There is no trash: HOME is not set");
+    EXPECT_EQ(TavroDescribe(TavroListTrash({}, items)),
+              "There is no trash: HOME is not set to an absolute path");
     EXPECT_TRUE(items.empty());
 }
 
@@ -160,13 +168,13 @@ TEST_F(ListTrash, says_why_the_trash_cannot_be_read) {
     const std::string sentence = "Cannot read " + inQuotes(root() / "info") + ": ";
     fs::remove(root() / "info");
     writeFile(root() / "info");
-    EXPECT_EQ(TavroDescribe(TavroListTrash(false, {}, items)),
+    EXPECT_EQ(TavroDescribe(TavroListTrash({}, items)),
               sentence + systemText(std::errc::not_a_directory));
     fs::remove(root() / "info");
     makeDirectory(root() / "info");
     runUnprivileged(sandbox(), [&] {
         fs::permissions(root() / "info", fs::perms(0300));
-        EXPECT_EQ(TavroDescribe(TavroListTrash(false, {}, items)),
+        EXPECT_EQ(TavroDescribe(TavroListTrash({}, items)),
                   sentence + systemText(std::errc::permission_denied));
     });
 }
@@ -243,31 +251,30 @@ TEST_F(ListTrash, has_entries_of_every_type) {
     EXPECT_EQ(items[4].ByteCount, 0U);
 }
 
-TEST_F(ListTrash, measures_directories_only_when_it_is_told_to) {
-    writeFile(item("directory") / "1", "12345");
-    writeFile(record("directory"), "[Trash Info]\nPath=/directory\n");
-    EXPECT_EQ(list(false)[0].ByteCount, 0U);
-    EXPECT_EQ(list(true)[0].ByteCount, 5U);
-}
-
 TEST_F(ListTrash, that_is_cancelled_is_returned_as_far_as_it_got) {
     for (const std::string name : {"a", "b"}) {
         writeFile(item(name) / "1", "12345");
         writeFile(record(name), "[Trash Info]\nPath=/" + name + "\n");
     }
-    std::vector<std::size_t> sizes;
-    for (int limit = 0; limit <= 6; ++limit) {
+    std::vector<std::size_t> listed;
+    std::vector<std::size_t> measured;
+    for (int limit = 0; limit <= 4; ++limit) {
         int asked = 0;
+        const auto isEnough = [&] { return ++asked > limit; };
         std::vector<TavroTrashItem> items;
-        const TavroFailure failure = TavroListTrash(
-            true, [&] { return ++asked > limit; }, items);
-        EXPECT_EQ(failure.Kind == TavroFailureKind::Cancelled, limit < 6);
+        EXPECT_EQ(TavroListTrash(isEnough, items).Kind == TavroFailureKind::Cancelled, limit < 2);
+        listed.push_back(items.size());
+        items = list();
+        asked = 0;
+        EXPECT_EQ(TavroMeasureItems(items, isEnough).Kind == TavroFailureKind::Cancelled,
+                  limit < 4);
         for (const TavroTrashItem& found : items) {
             EXPECT_EQ(found.ByteCount, 5U);
         }
-        sizes.push_back(items.size());
+        measured.push_back(items.size());
     }
-    EXPECT_EQ(sizes, (std::vector<std::size_t>{0, 0, 0, 1, 1, 1, 2}));
+    EXPECT_EQ(listed, (std::vector<std::size_t>{0, 1, 2, 2, 2}));
+    EXPECT_EQ(measured, (std::vector<std::size_t>{0, 0, 1, 1, 2}));
 }
 
 TEST_F(ListTrash, costs_five_calls_an_item) {
@@ -350,7 +357,7 @@ TEST_F(FindTrashItem, says_that_there_is_none) {
 
 TEST_F(FindTrashItem, says_why_the_trash_cannot_be_read) {
     const ScopedEnvironment environment("HOME", std::nullopt);
-    EXPECT_EQ(foundBy("a"), "There is no trash: HOME is not set");
+    EXPECT_EQ(foundBy("a"), "There is no trash: HOME is not set to an absolute path");
 }
 
 TEST_F(FindTrashItem, is_not_misled_by_what_was_there_before) {
@@ -597,7 +604,7 @@ TEST_F(RemoveFromTrash, needs_a_home_directory) {
     const ScopedEnvironment environment("HOME", "");
     const ScopedCurrentDirectory there(root());
     put("a", "/a", "2024-01-01T00:00:00");
-    EXPECT_EQ(remove({named("a")}), "There is no trash: HOME is not set");
+    EXPECT_EQ(remove({named("a")}), "There is no trash: HOME is not set to an absolute path");
     EXPECT_TRUE(isPresent(item("a")));
 }
 
@@ -675,7 +682,7 @@ TEST_F(EmptyTrash, says_why_it_cannot_be_read_and_needs_a_home_directory) {
         EXPECT_EQ(fault.fired(), 1);
     }
     const ScopedEnvironment environment("HOME", "");
-    EXPECT_EQ(empty(), "There is no trash: HOME is not set");
+    EXPECT_EQ(empty(), "There is no trash: HOME is not set to an absolute path");
     EXPECT_TRUE(isPresent(item("a")) && isPresent(record("a")));
 }
 
@@ -704,21 +711,21 @@ TEST_F(ItemsOlderThan, counts_days_of_24_hours_in_local_time) {
         put("less", "/2", dateFromNow(-3 * 86400 + 60));
         put("none", "/3", "");
         put("future", "/4", dateFromNow(86400));
-        EXPECT_EQ(names(TavroItemsOlderThan(list(), 3)), Names{"more"}) << zone;
-        EXPECT_EQ(names(TavroItemsOlderThan(list(), 0)), (Names{"less", "more"})) << zone;
-        EXPECT_TRUE(TavroItemsOlderThan(list(), 4).empty()) << zone;
+        EXPECT_EQ(names(olderThan(3, list())), Names{"more"}) << zone;
+        EXPECT_EQ(names(olderThan(2, list())), (Names{"less", "more"})) << zone;
+        EXPECT_TRUE(olderThan(4, list()).empty()) << zone;
     }
 }
 
 TEST_F(ItemsOlderThan, never_has_an_item_without_a_readable_date) {
     TavroTrashItem unreadable = named("a");
     unreadable.DeletionDate = "once";
-    EXPECT_TRUE(TavroItemsOlderThan({unreadable, named("b")}, 0).empty());
+    EXPECT_TRUE(olderThan(1, {unreadable, named("b")}).empty());
 }
 
 TEST_F(ItemsOlderThan, bears_any_number_of_days) {
     put("a", "/a", "1970-01-02T00:00:00");
-    EXPECT_TRUE(TavroItemsOlderThan(list(), 2147483647).empty());
+    EXPECT_TRUE(olderThan(2147483647, list()).empty());
 }
 
 // -------------------------------------------------------------------------------------------------
@@ -780,7 +787,8 @@ TEST_F(ExamineTrash, says_why_the_trash_cannot_be_read) {
               "Cannot read " + inQuotes(root() / "files") + ": " +
                   systemText(std::errc::not_a_directory));
     const ScopedEnvironment environment("HOME", std::nullopt);
-    EXPECT_EQ(TavroDescribe(TavroExamineTrash(findings)), "There is no trash: HOME is not set");
+    EXPECT_EQ(TavroDescribe(TavroExamineTrash(findings)),
+              "There is no trash: HOME is not set to an absolute path");
 }
 
 // -------------------------------------------------------------------------------------------------

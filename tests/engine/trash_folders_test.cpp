@@ -40,12 +40,13 @@ TEST_F(TrashFolders, are_in_the_data_directory_of_the_user_when_it_is_absolute) 
 }
 
 TEST_F(TrashFolders, are_none_without_a_home_directory) {
-    for (const std::optional<std::string>& none : {std::optional<std::string>(), {""}}) {
+    for (const std::optional<std::string>& none :
+         {std::optional<std::string>(), {""}, {"home"}, {"."}}) {
         const ScopedEnvironment environment("HOME", none);
         EXPECT_TRUE(TavroFindTrashFolders().Root.empty());
         EXPECT_TRUE(TavroFindTrashFolders().Files.empty());
         EXPECT_EQ(TavroEnsurePrivateTrash().Kind, TavroFailureKind::NoHome);
-        EXPECT_EQ(ensure(), "There is no trash: HOME is not set");
+        EXPECT_EQ(ensure(), "There is no trash: HOME is not set to an absolute path");
     }
 }
 

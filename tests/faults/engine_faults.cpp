@@ -410,7 +410,7 @@ Outcome EngineFaults::act() const {
     for (const std::string& name : names()) {
         entries.push_back({name, (source() / name).string(), name == "tree"});
     }
-    if (bFromTrash() && TavroListTrash(false, {}, listed)) {
+    if (bFromTrash() && TavroListTrash({}, listed)) {
         throw std::runtime_error("the trash cannot be listed");
     }
     for (const TavroTrashItem& item : listed) {
