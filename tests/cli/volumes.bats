@@ -228,6 +228,34 @@ Path=d%20%C3%A9/50%25%20%24"
     done'
 }
 
+@test "history and list --here do not wait for a volume that does not answer" {
+  [[ -c /dev/fuse ]] || skip 'there is no /dev/fuse'
+  command -v strace >/dev/null || skip 'strace is not installed'
+  strace -qq -o "$scratch/probe" true || skip 'strace may not trace here'
+  in_own_root '
+    mkdir /silent
+    mount -t tmpfs silent /silent
+    mkdir /silent/d
+    touch /silent/d/a b c
+    tavro trash -q --home /silent/d/a
+    tavro copy -q b /silent/d
+    tavro trash -q c
+    fails strace -qq -o /dev/null -e inject=renameat2:signal=KILL $TAVRO rename /silent/d/b x
+    exec 9<>/dev/fuse
+    mount -i -t fuse -o fd=9,rootmode=40000,user_id=0,group_id=0 silent /silent
+    why="Cannot look at '"'/silent'"': Connection timed out"
+    for command in history "history --json" "list --here" "empty -f --here --older-than 1"; do
+      timeout -s KILL 20 $TAVRO $command >"/tmp/${command// /}" 2>/tmp/said 9>&-
+      [[ $command = history* ]] ||
+        expect "$(cat /tmp/said)" "tavro: '"'/silent'"' does not answer and is passed over"
+    done
+    expect "$(grep -c "rename .*(interrupted: $why)$" /tmp/history)" 1
+    expect "$(grep -c "(cannot be undone: $why)$" /tmp/history)" 2
+    expect "$(grep -c "trash  /here/c$" /tmp/history)" 1
+    expect "$(grep -c "\"reason\": \"$why\"" /tmp/history--json)" 3
+    expect "$(cut -f 4 /tmp/list--here)" /here/c'
+}
+
 @test "the trash of a volume is neither trashed nor moved nor deleted" {
   in_own_root '
     mkdir -m 1777 /two/.Trash
