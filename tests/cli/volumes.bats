@@ -353,3 +353,69 @@ Path=d%20%C3%A9/50%25%20%24"
     tavro restore -q photo.jpg
     [[ -e /one/photo.jpg ]]'
 }
+
+# at_a_stick MAKE MOUNT: works on a file system that has no modes and no lasting numbers of files.
+at_a_stick() {
+  in_own_root "
+    truncate -s 64M /tmp/image
+    $1 /tmp/image >/dev/null
+    mount_it() { $2; }
+    trap 'umount /one' EXIT"'
+    mount_it
+    mkdir /one/d
+    echo 1 >/one/a
+    echo 2 >/one/d/b
+    expect "$(tavro trash /one/a /one/d)" "/one/a -> /one/.Trash-0/files/a
+/one/d -> /one/.Trash-0/files/d"
+    expect "$(tavro list --volume /one | cut -f 2- | sort)" "2	a	/one/a
+2	d	/one/d"
+    tavro undo -q
+    expect "$(cat /one/a /one/d/b)" "1
+2"
+    tavro redo -q
+    tavro restore -q a d
+    expect "$(cat /one/a /one/d/b)" "1
+2"
+    touch -d "2024-01-01 10:00:01.5" c
+    tavro copy -q c /one/
+    expect "$(tavro undo)" "Undone: copy
+  /here/c -> /one/c"
+    [[ ! -e /one/c && -f /one/.Trash-0/files/c ]]
+    tavro redo -q
+    [[ -f /one/c ]]
+    tavro copy -q --on-conflict overwrite c /one/a
+    expect "$(wc -c </one/a)" 0
+    tavro undo -q
+    expect "$(cat /one/a)" 1
+    tavro move -q c /one/d/
+    tavro undo -q
+    [[ -f c && ! -e /one/d/c ]]
+    tavro mkdir /one/x/y >/dev/null
+    tavro undo -q
+    [[ ! -e /one/x ]]
+    expect "$(tavro doctor)" "The trash is in order"
+    tavro empty -f -q
+    tavro trash -q /one/a /one/d
+    umount /one
+    mount_it
+    expect "$(tavro list | cut -f 4 | sort)" "/one/a
+/one/d"
+    tavro undo -q 2>/dev/null || tavro restore -q a d
+    expect "$(cat /one/a /one/d/b)" "1
+2"'
+}
+
+@test "a stick with FAT is trashed to, listed, restored from and undone" {
+  command -v mkfs.vfat >/dev/null || skip 'mkfs.vfat is not installed (dosfstools)'
+  grep -qw vfat /proc/filesystems || modprobe -q vfat 2>/dev/null || skip 'the kernel has no vfat'
+  at_a_stick mkfs.vfat 'mount -t vfat -o loop /tmp/image /one'
+}
+
+@test "a stick with exFAT, by FUSE, is trashed to, listed, restored from and undone" {
+  command -v mkfs.exfat >/dev/null || skip 'mkfs.exfat is not installed (exfatprogs)'
+  command -v mount.exfat-fuse >/dev/null || skip 'mount.exfat-fuse is not installed (exfat-fuse)'
+  [[ -c /dev/fuse ]] || skip 'there is no /dev/fuse'
+  at_a_stick mkfs.exfat 'loop=$(losetup -f --show /tmp/image)
+    mount.exfat-fuse $loop /one >/dev/null 2>&1 3>&- &&
+    losetup -d $loop'
+}
