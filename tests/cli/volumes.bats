@@ -354,6 +354,52 @@ Path=d%20%C3%A9/50%25%20%24"
     [[ -e /one/photo.jpg ]]'
 }
 
+@test "a subvolume of btrfs that is not mounted has no trash of its own, and no trash is seen twice" {
+  command -v mkfs.btrfs >/dev/null || skip 'mkfs.btrfs is not installed (btrfs-progs)'
+  grep -qw btrfs /proc/filesystems || modprobe -q btrfs 2>/dev/null || skip 'the kernel has no btrfs'
+  in_own_root '
+    truncate -s 200M /tmp/image
+    mkfs.btrfs -q /tmp/image 2>/dev/null
+    mount -o loop /tmp/image /one
+    for sub in /one/plain /one/mounted; do btrfs -q subvolume create $sub; done
+    mkdir /one/d /here/sub
+    btrfs -q subvolume create /one/d/inner
+    mount -o subvol=mounted "$(df --output=source /one | tail -n 1)" /here/sub
+    echo 1 >/one/a
+    echo 2 >/one/plain/b
+    echo 3 >/here/sub/c
+    echo 4 >/one/d/inner/e
+    echo 5 >/one/mounted/f
+    expect "$(tavro trash /one/a)" "/one/a -> /one/.Trash-0/files/a"
+    fails tavro trash --no-copy /one/plain/b 2>/dev/null
+    expect "$(tavro trash /one/plain/b 2>/dev/null)" "/one/plain/b -> /home/.local/share/Trash/files/b"
+    expect "$(tavro trash /here/sub/c)" "/here/sub/c -> /here/sub/.Trash-0/files/c"
+    expect "$(tavro trash /one/d)" "/one/d -> /one/.Trash-0/files/d"
+    tavro trash -q /one/mounted/f
+    expect "$(tavro list | cut -f 4 | sort)" "/here/sub/c
+/one/a
+/one/d
+/one/mounted/f
+/one/plain/b"
+    expect "$(tavro list --volume /here/sub | cut -f 4)" /here/sub/c
+    expect "$(tavro list --volume /one/plain | cut -f 4 | sort)" "/one/a
+/one/d"
+    for id in 1 2 3 4 5; do tavro undo -q; done
+    expect "$(cat /one/a /one/plain/b /here/sub/c /one/d/inner/e /one/mounted/f)" "1
+2
+3
+4
+5"
+    expect "$(tavro list)" ""
+    tavro move -q /one/plain/b /here/sub/
+    tavro copy -q /one/d /one/plain/
+    tavro undo -q
+    tavro undo -q
+    expect "$(cat /one/plain/b)" 2
+    [[ ! -e /one/plain/d && ! -e /here/sub/b ]]
+    expect "$(tavro doctor)" "The trash is in order"'
+}
+
 # at_a_stick MAKE MOUNT: works on a file system that has no modes and no lasting numbers of files.
 at_a_stick() {
   in_own_root "
