@@ -84,6 +84,8 @@ int TavroStatWithBirthAt(int Directory, const char* Name, struct stat& OutStatus
 /// What a look at a path told in time.
 enum class TavroPresence { Missing, Present, Silent };
 
+constexpr int TavroPatience = 1000; ///< How many milliseconds a file system has for its answer.
+
 /// Looks whether there is something at each path, by a child process, which is left to itself when
 /// a file system does not answer it: nothing waits for it, not even the end of this process. A path
 /// after such a one has its own time.
