@@ -207,6 +207,13 @@ struct Emptied {
     TavroIdentity Identity;
     mode_t Mode;
     std::string Attributes;
+    bool bTold = false; ///< It is in the journal.
+};
+
+/// An entry whose conflict is asked about when everything else is ready.
+struct PutOff {
+    Route Way; ///< In directories that are closed.
+    TavroTransferItemPlan* Item;
 };
 
 /// From so many waiting entries on they are not let wait for more.
@@ -245,6 +252,7 @@ private:
     bool FindPlaces(const TavroTransferItemPlan& Item, Route& OutRoute);
     bool FindAgainWhenEntangled(const TavroTransferItemPlan& Item, Route& IoRoute);
     void CarryOutItem(TavroTransferItemPlan& Item);
+    void CarryOutPutOff();
 
     void TransferEntry(const Route& Way, TavroTransferItemPlan* Item = nullptr);
     void SettleConflict(const Route& Way, const struct stat& Source, const struct stat& There,
@@ -331,7 +339,9 @@ private:
     std::unordered_set<std::string> m_pendingTo; ///< Own paths.
     OwnWork m_pendingWork;                       ///< What waits, as if it were done.
     std::vector<Emptied> m_emptied;              ///< Inner ones first.
-    std::vector<TavroStep> m_plan;               ///< What the journal was not told.
+    std::vector<PutOff> m_putOff;
+    bool m_bLast = false;          ///< What was put off is in hand: nothing more can wait.
+    std::vector<TavroStep> m_plan; ///< What the journal was not told.
     std::size_t m_createdTold = 0; ///< So many created directories are in the journal.
     TavroIdentity m_told;          ///< A new directory that the journal knew when it was empty,
     std::uint64_t m_toldOn = 0;    ///< when this device was synced.
@@ -346,6 +356,7 @@ void Transfer::Run(std::vector<TavroTransferItemPlan>& Items) {
         for (TavroTransferItemPlan& item : Items) {
             CarryOutItem(item);
         }
+        CarryOutPutOff();
         if (!m_report.bCancelled) {
             Flush();
         }
@@ -535,6 +546,26 @@ void Transfer::CarryOutItem(TavroTransferItemPlan& Item) {
     }
 }
 
+/// Asks again about what was put off. What was in its way may be gone by now.
+void Transfer::CarryOutPutOff() {
+    m_bLast = true;
+    for (PutOff& next : m_putOff) {
+        PutOff entry = std::move(next); // its directories stay open no longer than this
+        if (IsCancelled()) {
+            break;
+        }
+        TavroFailure failure = m_places.FindAgain(entry.Way.From);
+        failure = failure ? failure : m_places.FindAgain(entry.Way.To);
+        if (failure) {
+            Fail({Kind::Read, failure.Error, std::move(failure.Path)});
+            continue;
+        }
+        TransferEntry(entry.Way, entry.Item);
+        FinishMerges(entry.Way.From);
+    }
+    m_putOff.clear();
+}
+
 // =================================================================================================
 // Entries
 // =================================================================================================
@@ -598,7 +629,8 @@ void Transfer::SettleConflict(const Route& Way, const struct stat& Source, const
                                             S_ISDIR(There.st_mode),
                                             TavroStateOf(Source),
                                             TavroStateOf(There),
-                                            freeName};
+                                            freeName,
+                                            !m_bLast && !m_bSingle && m_tries == 0};
     const TavroConflictAnswer answer = m_callbacks.bKeepBoth
                                            ? TavroConflictAnswer{TavroConflictChoice::KeepBoth}
                                            : m_judge.Judge(conflict);
@@ -619,6 +651,11 @@ void Transfer::SettleConflict(const Route& Way, const struct stat& Source, const
         break;
     case TavroConflictChoice::KeepBoth:
         KeepBoth(Way, Source, Item);
+        break;
+    case TavroConflictChoice::Later:
+        m_putOff.push_back({{{TavroClosed(Way.From.Directory), Way.From.Name},
+                             {TavroClosed(Way.To.Directory), Way.To.Name}},
+                            Item});
         break;
     case TavroConflictChoice::Stop:
         m_bStopped = true;
@@ -797,8 +834,11 @@ void Transfer::FinishMerges(const TavroPlace& Item) {
     m_merges.clear();
 }
 
-/// What was skipped or failed is still in it, and then it stays.
+/// What was skipped or failed is still in it, and then it stays. What was put off may leave it yet.
 void Transfer::RemoveEmptied() {
+    if (!m_putOff.empty()) {
+        return;
+    }
     for (const Emptied& emptied : std::exchange(m_emptied, {})) {
         TavroPlace place;
         struct stat status = {};
@@ -998,16 +1038,18 @@ TavroFailure Transfer::Journal(const std::vector<Pending>& Entries) {
         steps.push_back({TavroStepRole::CreatedDirectory, "",
                          TavroFindOwnPath(m_report.CreatedDirectories[m_createdTold])});
     }
-    for (const Emptied& emptied : m_emptied) {
-        steps.push_back({TavroStepRole::RemovedDirectory,
-                         emptied.Path,
-                         "",
-                         "",
-                         {},
-                         0,
-                         emptied.Mode,
-                         false,
-                         emptied.Attributes});
+    for (Emptied& emptied : m_emptied) {
+        if (!std::exchange(emptied.bTold, true)) {
+            steps.push_back({TavroStepRole::RemovedDirectory,
+                             emptied.Path,
+                             "",
+                             "",
+                             {},
+                             0,
+                             emptied.Mode,
+                             false,
+                             emptied.Attributes});
+        }
     }
     return Tell(steps);
 }

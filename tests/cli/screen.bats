@@ -219,6 +219,32 @@ tavro: Stopped: nothing was done")"
   expect "$(cat d/a)" new
 }
 
+@test "conflicts can be left to the end, where they are asked about; it is one operation" {
+  conflict
+  mkdir tree d/tree
+  echo 1 | tee b >tree/x
+  echo 2 >d/tree/x
+  later="[r]ename, ask [l]ater, [q]uit; a capital letter: for all"
+  run -0 screen 200 'all ' 'l\n' 'all ' 'l\n' 'all ' 'l\n' 'all ' 'o\n' 'all ' 's\n' -- "$TAVRO" copy a tree b d
+  expect "$(grep -c 'is in the way' <<<"$output")" 4
+  [[ ${lines[3]} == *", $later l" && ${lines[7]} == *", $later l" ]]
+  [[ ${lines[11]} == *", [r]ename, [q]uit; a capital letter: for all l" ]]
+  expect "${lines[12]}" "tavro: Type one of the letters in brackets, not 'l'"
+  expect "${output##*for all s$'\n'}" "tavro: Skipped, as something is in its place: 'tree/x'
+Copied b -> d/b
+Copied a -> d/a"
+  expect "$(cat d/a d/tree/x)" $'new\n2'
+  tavro undo -q
+  expect "$(ls d) $(stat -c %s d/a)" $'a\ntree 1234567'
+  run -0 screen 200 'all ' 'L\n' 'all ' 'O\n' -- "$TAVRO" move a tree b d
+  expect "$(grep -c 'is in the way' <<<"$output")" 2
+  expect "$(cat d/a d/tree/x; ls)" $'new\n1\nd'
+  tavro undo -q
+  run -130 screen 200 'all ' 'L\n' 'all ' '\x03' -- env --default-signal=INT "$TAVRO" move a tree b d
+  expect "${lines[-1]}" 'tavro: Interrupted: everything is as it was'
+  expect "$(ls; ls d)" $'a\nb\nd\ntree\na\ntree'
+}
+
 @test "a capital letter answers for all" {
   mkdir d
   for name in a b c; do
