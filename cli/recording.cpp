@@ -138,10 +138,10 @@ std::vector<const TavroStep*> TavroTellingSteps(const TavroOperation& Operation)
     return main.empty() ? removed : main;
 }
 
-void TavroPrintOperation(const std::string& Title, const TavroOperation& Operation) {
+void TavroPrintOperation(const std::string& Title, const TavroOperation& Operation, bool bVerbose) {
     TavroPrintLine(stdout, Title + TavroKindText(Operation.Kind));
     const std::vector<const TavroStep*> steps = TavroTellingSteps(Operation);
-    if (!TavroTellsEach(steps.size(), false)) {
+    if (!TavroTellsEach(steps.size(), bVerbose)) {
         TavroPrintLine(stdout, "  " + TavroStepText(*steps.front()) + " and " +
                                    TavroGroupedNumber(steps.size() - 1) + " more");
         return;

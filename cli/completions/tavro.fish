@@ -69,7 +69,7 @@ complete -c tavro -n '__tavro_runs copy move' -l on-conflict -x -a 'ask overwrit
 complete -c tavro -n '__tavro_runs copy move' -l no-keep -d 'Delete what is replaced, which cannot be undone'
 complete -c tavro -n '__tavro_runs copy move' -s n -l dry-run -d 'Show the plan and do nothing'
 complete -c tavro -n '__tavro_runs copy move trash undo redo resume restore empty' -s q -l quiet -d 'Print only errors'
-complete -c tavro -n '__tavro_runs copy move trash restore' -s v -l verbose -d 'Name every entry'
+complete -c tavro -n '__tavro_runs copy move trash undo redo resume restore' -s v -l verbose -d 'Name every entry'
 complete -c tavro -n '__tavro_runs history list' -l color -x -a 'auto always never' -d 'Whether there are colours'
 complete -c tavro -n '__tavro_runs copy move rename mkdir delete trash undo redo resume restore empty' -l no-sync -d 'Do not wait until everything is on the disk'
 complete -c tavro -n '__tavro_runs copy move rename mkdir delete trash restore empty' -l no-history -d 'Do not keep this in the history'

@@ -68,6 +68,14 @@ shows() { # TEXT COMMAND…
   run -0 screen 80 -- "$TAVRO" undo
   expect "$output" 'Undone: trash
   from/1 and 60 more'
+  mkdir few
+  touch few/{1..15}
+  tavro trash -q few/*
+  run -0 screen 80 -- "$TAVRO" undo -v
+  expect "${lines[0]} ${#lines[@]}" 'Undone: trash 16'
+  run -0 screen 80 -- "$TAVRO" redo -v
+  expect "${lines[0]} ${#lines[@]}" 'Redone: trash 16'
+  tavro undo -q
   run -0 screen 80 -- "$TAVRO" trash from/{1..10}
   expect "${lines[9]}" 'from/10 -> ~/.local/share/Trash/files/10'
   run -0 screen 80 -- "$TAVRO" trash -v from/{11..25}
