@@ -187,7 +187,7 @@ void PrintReport(const TavroTransferReport& Report, const TavroTransferPlan& Pla
         TavroPrintLine(stdout, SummaryOf(Report, Plan.bMove, How));
     }
     if (!How.bQuiet && HasDeleted(Report)) {
-        TavroPrintLine(stdout, "What was replaced is deleted; that cannot be undone");
+        TavroPrintLine(stdout, "What was replaced is deleted; this cannot be undone");
     }
 }
 
@@ -286,14 +286,14 @@ void AddTransfer(CLI::App& App, bool bMove, TavroCommandTable& Table) {
     CLI::Option* in = TavroAddBaseDirectory(*command);
     CLI::Option* onConflict = command->add_option("--on-conflict");
     onConflict->type_name("ask|overwrite|newer|skip|keep-both")
-        ->description("What is done about something in the way; without a terminal, ask skips")
+        ->description("What to do about something in the way; without a terminal, ask skips")
         ->check([](const std::string& value) {
             return onConflicts.count(value) != 0
                        ? ""
                        : "takes ask, overwrite, newer, skip or keep-both, not '" + value + "'";
         });
     CLI::Option* noKeep = command->add_flag(
-        "--no-keep", "Delete what is replaced, instead of trashing it; that cannot be undone");
+        "--no-keep", "Delete what is replaced instead of trashing it; this cannot be undone");
     CLI::Option* dryRun = command->add_flag("-n,--dry-run", "Show the plan and do nothing");
     CLI::Option* quiet = TavroAddQuiet(*command);
     CLI::Option* verbose = TavroAddVerbose(*command);

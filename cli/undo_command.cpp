@@ -182,7 +182,7 @@ void TavroAddUndo(CLI::App& App, TavroCommandTable& Table) {
     id->description("The number of the operation, as 'tavro history' shows it");
     TavroCheckNumber(*id, 1, INT_MAX, "the number of an operation");
     CLI::Option* skip =
-        command->add_flag("--skip", "Pass over, without asking, what cannot be undone");
+        command->add_flag("--skip", "Pass over what cannot be undone, without asking");
     skip->excludes(id);
     const std::function<Manner()> readManner = AddManner(*command);
     Table[command] = [=] {

@@ -476,10 +476,9 @@ TEST_F(TransferConflicts, what_a_transfer_has_put_somewhere_is_not_replaced_by_i
                 EXPECT_FALSE(run(bMove));
                 EXPECT_EQ("done /source/1/x -> /target/x\n"
                           "done /source/1/directory -> /target/directory\n"
-                          "failed: Cannot replace '/target/x': it was put there by "
-                          "this transfer\n"
-                          "failed: Cannot replace '/target/directory/in/y': it "
-                          "was put there by this transfer\n",
+                          "failed: Cannot replace '/target/x': this transfer put it there\n"
+                          "failed: Cannot replace '/target/directory/in/y': this "
+                          "transfer put it there\n",
                           report());
                 EXPECT_EQ("x of 1", readFile(target("x")));
                 EXPECT_EQ("x of 2", readFile(source("2/x")));
