@@ -169,7 +169,7 @@ int RunDrop() {
             newest ? history.Drop(newest->Id) : TavroFail(TavroFailureKind::NothingToDrop, 0, "");
     }
     if (!failure) {
-        TavroPrintOperation("No longer to be undone: ", *newest);
+        TavroPrintOperation("Taken off the list: ", *newest);
     }
     return TavroPrintFailure(failure);
 }
@@ -180,7 +180,7 @@ void TavroAddHistory(CLI::App& App, TavroCommandTable& Table) {
     CLI::App* command = TavroAddCommand(
         App, "history", "List what was done, newest first, and whether it can be undone",
         "history --json");
-    CLI::Option* json = command->add_flag("--json", "As JSON");
+    CLI::Option* json = command->add_flag("--json", "Print as JSON");
     CLI::Option* drop =
         command->add_flag("--drop", "Take the newest operation off the list without undoing it");
     drop->excludes(json);

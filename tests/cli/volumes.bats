@@ -105,7 +105,7 @@ Path=d%20%C3%A9/50%25%20%24"
     as_nobody() { HOME=/here/nobody setpriv --reuid 65534 --regid 65534 --clear-groups $TAVRO "$@"; }
     status=0
     said=$(as_nobody trash --no-copy /one/d/a 2>&1) || status=$?
-    expect "$status: $said" "1: tavro: Cannot move '"'/one/d/a'"' to the trash without copying it: its volume takes no trash"
+    expect "$status: $said" "1: tavro: Cannot move '"'/one/d/a'"' to the trash without copying it: its volume cannot hold a trash"
     [[ -f /one/d/a ]]
     expect "$(as_nobody trash /one/d/a 2>&1)" "tavro: 1 entry on another file system will be copied to the trash (0 bytes)
 /one/d/a -> /here/nobody/.local/share/Trash/files/a"
