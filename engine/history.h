@@ -93,7 +93,7 @@ public:
 
     /// As BeginOperation, for one that is there already and gets another state. Another process
     /// that is at it is waited for, then HistoryRunning.
-    /// @param OutChanged  it is not in its state any more, and stays as it is.
+    /// @param OutChanged  it is no longer in its state, and stays as it is.
     TavroFailure ContinueOperation(const TavroOperation& Operation, TavroOperationState NewState,
                                    bool& OutChanged);
 

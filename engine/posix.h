@@ -211,7 +211,7 @@ int TavroSyncFileSystem(int Descriptor);
 
 /// What a file system has to do before a change of names is on its disk.
 enum class TavroDisk {
-    OrderedLog,  ///< One log has all changes in order: who syncs the last one syncs all.
+    OrderedLog,  ///< One log has all changes in order: syncing the last syncs all.
     Independent, ///< Each directory for itself.
 };
 
