@@ -159,21 +159,13 @@ int AgreeTo(const Detour& What, bool bSkip) {
 /// undo went wrong.
 bool StandsInTheWay(const TavroUndoReport& Report) {
     using Kind = TavroFailureKind;
-    static const std::set<Kind> kinds = {Kind::Missing,
-                                         Kind::ItemMissing,
-                                         Kind::Replaced,
-                                         Kind::InTheWay,
-                                         Kind::NotDirectory,
-                                         Kind::NotEmpty,
-                                         Kind::RestoreTargetTaken,
-                                         Kind::CheckRestoreTarget,
-                                         Kind::LookAt,
-                                         Kind::ReadForUndo,
-                                         Kind::RefuseMove,
-                                         Kind::RefuseTrash,
-                                         Kind::DeletionIsFinal,
-                                         Kind::DeletionWasInterrupted,
-                                         Kind::HistoryInvalid};
+    static const std::set<Kind> kinds = {
+        Kind::Missing,       Kind::ItemMissing,        Kind::Replaced,
+        Kind::InTheWay,      Kind::NotDirectory,       Kind::NotEmpty,
+        Kind::LeavesVolume,  Kind::RestoreTargetTaken, Kind::CheckRestoreTarget,
+        Kind::LookAt,        Kind::ReadForUndo,        Kind::RefuseMove,
+        Kind::RefuseTrash,   Kind::DeletionIsFinal,    Kind::DeletionWasInterrupted,
+        Kind::HistoryInvalid};
     return !Report.bPartly && kinds.count(Report.Failure.Kind) != 0;
 }
 

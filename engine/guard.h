@@ -1,7 +1,7 @@
 /// What is never trashed, moved, renamed or deleted, for every command: the root directory, the
-/// home directory, the trash, mount points, and whatever holds one of them. Directories are known
-/// by device and inode, so that no other path to them (a link, a bind mount) helps; mount points,
-/// and the trashes at them, by their paths, as the kernel knows them.
+/// home directory, the trash, the history, mount points, and whatever holds one of them.
+/// Directories are known by device and inode, so that no other path to them (a link, a bind mount)
+/// helps; mount points, and the trashes at them, by their paths, as the kernel knows them.
 
 #ifndef TAVRO_ENGINE_GUARD_H
 #define TAVRO_ENGINE_GUARD_H

@@ -502,8 +502,12 @@ TavroFailure TavroReversal::Restore(Role What) {
     TavroFailure failure = Each(steps, [&](const TavroStep& step) {
         TavroSeenEntry seen;
         TavroFailure wrong = CheckItem(step, seen);
-        entries.push_back(
-            {{step.From, step.To, step.Record, step.bDirectory}, seen.State.Identity, seen});
+        const TavroTrashFolders folders = TavroTrashFoldersOf(step.To);
+        const bool bWithin = folders.bVolume && TavroIsBelow(folders.Base, step.From);
+        entries.push_back({{step.From, step.To, step.Record, step.bDirectory},
+                           seen.State.Identity,
+                           seen,
+                           bWithin ? folders.Base : ""});
         return wrong;
     });
     if (failure || entries.empty()) {

@@ -139,7 +139,8 @@ load helpers
     expect "$(cat b)" new
     expect "$(find "$trash" -type f 2>/dev/null)" ''
     run -0 tavro undo
-    expect "${output%%$'\n'*}" "Undone: $act"
+    [[ $act == move ]] && undone='Undone: move' || undone="Undid copy: moved $PWD/b to the trash (4 bytes)"
+    expect "${lines[0]}" "$undone"
     expect "$(cat a)" new
     [ ! -e b ]
     [ -d after ]

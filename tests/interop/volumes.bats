@@ -117,3 +117,25 @@ whole() {
     printf "%s\n" "${entries[@]}" | sort | diff - /tmp/listed
     whole'
 }
+
+@test "sizes of directories are kept beside what gio and trash-cli do with them" {
+  need_programs gio trash-put trash-restore
+  on_volumes '
+    mkdir /one/a /one/b
+    head -c 20000 /dev/zero | tee /one/a/f >/one/b/f
+    cache=/one/.Trash-0/directorysizes
+    line() { echo "$(du -s -B1 /one/.Trash-0/files/$1 | cut -f 1) $(stat -c %Y /one/.Trash-0/info/$1.trashinfo) $1"; }
+    GIO_USE_VFS=local gio trash /one/a
+    trash-put /one/b
+    tavro list >/dev/null
+    expect "$(<$cache)" "$(line a)
+$(line b)"
+    (cd / && trash-restore /one/a <<<0 >/dev/null)
+    tavro list >/dev/null
+    expect "$(<$cache)" "$(line b)"
+    GIO_USE_VFS=local gio trash /one/a
+    tavro empty -f -q --older-than 1
+    expect "$(<$cache)" "$(line b)"
+    tavro empty -f -q
+    [[ ! -e $cache ]]'
+}
