@@ -22,8 +22,8 @@ TavroChoiceOptions TavroAddChoice(CLI::App& Command, const std::string& Need) {
     words->required(!Need.empty());
     const TavroChoiceOptions options = {
         words, Command.add_flag("--here", "Only what was in the current directory or below"),
-        AddDays(Command, "--since", "Only what was trashed at most so many days ago"),
-        AddDays(Command, "--older-than", "Only what was trashed more than so many days ago")};
+        AddDays(Command, "--since", "Only what was trashed in the last DAYS days"),
+        AddDays(Command, "--older-than", "Only what was trashed more than DAYS days ago")};
     for (CLI::Option* limit : {options.Here, options.Since, options.OlderThan}) {
         limit->each([words](const std::string&) { words->required(false); });
     }

@@ -44,7 +44,7 @@ CLI::Option* TavroAddVerbose(CLI::App& Command) {
 CLI::Option* TavroAddBaseDirectory(CLI::App& Command) {
     CLI::Option* in = Command.add_option("--in");
     in->type_name("DIRECTORY");
-    return in->description("Typed text is relative to this directory instead of the current");
+    return in->description("Read TEXT relative to this directory instead of the current one");
 }
 
 std::string TavroBaseDirectory(const CLI::Option* In) {

@@ -45,7 +45,8 @@ bool FindLeftovers(std::vector<Finding>& OutFindings) {
         const auto mend = [=] {
             return TavroTrashSelection({{TavroNameOf(path), path, false}}, {}).Batch.Failure;
         };
-        OutFindings.push_back({path, "Left over by what was cut off: '" + path + "'", mend});
+        OutFindings.push_back(
+            {path, "Left over from an interrupted command: '" + path + "'", mend});
     }
     return true;
 }

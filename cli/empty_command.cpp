@@ -106,11 +106,12 @@ void TavroAddEmpty(CLI::App& App, TavroCommandTable& Table) {
                         "empty '*.iso' --older-than 30");
     const TavroChoiceOptions choice = TavroAddChoice(*command, "");
     CLI::Option* keep = TavroAddSizeOption(
-        *command, "--keep", "Only the oldest, until the trash holds so much at most: 2G, 500M");
-    CLI::Option* free =
-        TavroAddSizeOption(*command, "--free", "Only the oldest, until they hold so much together");
+        *command, "--keep",
+        "Delete only the oldest, until the trash holds at most this much: 2G, 500M");
+    CLI::Option* free = TavroAddSizeOption(
+        *command, "--free", "Delete only the oldest, until they add up to this much");
     free->excludes(keep);
-    CLI::Option* force = command->add_flag("-f,--force", "Without asking");
+    CLI::Option* force = command->add_flag("-f,--force", "Do not ask");
     CLI::Option* quiet = TavroAddQuiet(*command);
     const TavroKeepingOptions keeping = TavroAddKeeping(*command);
     CLI::Option* volume = TavroAddVolume(*command);

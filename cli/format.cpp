@@ -179,7 +179,7 @@ std::string TavroClippedText(const std::string& Text, std::size_t Width) {
 
 CLI::Option* TavroAddColor(CLI::App& Command) {
     CLI::Option* color = Command.add_option("--color");
-    color->type_name("auto|always|never")->description("Whether there are colours");
+    color->type_name("auto|always|never")->description("When to use colours");
     return color->check([](const std::string& value) {
         const bool bTaken = value == "auto" || value == "always" || value == "never";
         return bTaken ? "" : "takes auto, always or never, not '" + value + "'";

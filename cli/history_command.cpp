@@ -3,6 +3,7 @@
 #include "command.h"
 #include "format.h"
 #include "json.h"
+#include "mounts.h"
 #include "recording.h"
 #include "recovery.h"
 #include "undo.h"
@@ -13,15 +14,34 @@ namespace {
 struct Prospect {
     TavroFailure Why = {};
     bool bNothingLeft = false;
+    bool bSilent = false; ///< Something of it is where nothing answers: that is why.
 };
 
-Prospect ProspectOf(TavroHistory& History, const TavroOperation& Operation) {
+/// Whether something of an operation is where nothing answers.
+TavroFailure CheckAnswer(const TavroOperation& Operation, const std::vector<std::string>& Silent) {
+    for (const TavroStep& step : Operation.Steps) {
+        for (const std::string& path : {step.From, step.To}) {
+            if (const std::string mount = TavroFindAbove(Silent, path); !mount.empty()) {
+                return TavroFail(TavroFailureKind::LookAt, ETIMEDOUT, mount);
+            }
+        }
+    }
+    return {};
+}
+
+/// @param Silent  the mounts that are not to be looked at.
+Prospect ProspectOf(TavroHistory& History, const TavroOperation& Operation,
+                    const std::vector<std::string>& Silent) {
     Prospect prospect;
     std::optional<TavroOperation> whole;
     if (Operation.State != TavroOperationState::Undone) {
         prospect.Why = History.Read(Operation.Id, whole);
     }
     if (whole) {
+        prospect.Why = CheckAnswer(*whole, Silent);
+        prospect.bSilent = static_cast<bool>(prospect.Why);
+    }
+    if (whole && !prospect.bSilent) {
         prospect.Why = TavroCheckUndo(*whole, prospect.bNothingLeft);
     }
     return prospect;
@@ -71,12 +91,15 @@ TavroJson OperationJson(const TavroOperation& Operation, const Prospect& Ahead, 
 }
 
 /// "interrupted, 4,231 of 10,000 done": what an operation that has not ended has come to.
-std::string HeadwayText(const TavroOperation& Operation, bool bRunning) {
+std::string HeadwayText(const TavroOperation& Operation, const Prospect& Ahead, bool bRunning) {
+    const std::string state = bRunning ? "  (going on" : "  (interrupted";
+    if (Ahead.bSilent) {
+        return state + ": " + TavroShownSentence(stdout, TavroDescribe(Ahead.Why)) + ")";
+    }
     const TavroHeadway headway = TavroFindHeadway(Operation);
     const char* deed = Operation.State == TavroOperationState::Undoing ? " undone" : " done";
-    return std::string(bRunning ? "  (going on, " : "  (interrupted, ") +
-           TavroGroupedNumber(headway.Done) + " of " + TavroGroupedNumber(headway.Count) + deed +
-           ")";
+    return state + ", " + TavroGroupedNumber(headway.Done) + " of " +
+           TavroGroupedNumber(headway.Count) + deed + ")";
 }
 
 /// @param Mark  how far it has come, or why it cannot be undone.
@@ -109,16 +132,18 @@ int RunHistory(bool bJson, bool bColor) {
     }
     TavroJson json = TavroJson::array();
     std::vector<std::vector<TavroCell>> rows;
+    const std::vector<std::string> silent =
+        operations.empty() ? std::vector<std::string>() : TavroFindSilentMounts();
     for (std::size_t i = 0; i < operations.size(); ++i) {
         const TavroOperation& operation = operations[i];
         const bool bOnItsWay = TavroIsOnItsWay(operation);
         const bool bRunning = bOnItsWay && history.IsRunning(operation);
-        const Prospect prospect = ProspectOf(history, operation);
+        const Prospect prospect = ProspectOf(history, operation, silent);
         if (bJson) {
             json.push_back(OperationJson(operation, prospect, bOnItsWay && !bRunning));
         } else {
             rows.push_back(OperationRow(operation, entryCounts[i],
-                                        bOnItsWay ? HeadwayText(operation, bRunning)
+                                        bOnItsWay ? HeadwayText(operation, prospect, bRunning)
                                                   : ProspectText(operation, prospect)));
         }
     }
@@ -144,7 +169,7 @@ int RunDrop() {
             newest ? history.Drop(newest->Id) : TavroFail(TavroFailureKind::NothingToDrop, 0, "");
     }
     if (!failure) {
-        TavroPrintOperation("No longer to be undone: ", *newest);
+        TavroPrintOperation("Taken off the list: ", *newest);
     }
     return TavroPrintFailure(failure);
 }
@@ -155,7 +180,7 @@ void TavroAddHistory(CLI::App& App, TavroCommandTable& Table) {
     CLI::App* command = TavroAddCommand(
         App, "history", "List what was done, newest first, and whether it can be undone",
         "history --json");
-    CLI::Option* json = command->add_flag("--json", "As JSON");
+    CLI::Option* json = command->add_flag("--json", "Print as JSON");
     CLI::Option* drop =
         command->add_flag("--drop", "Take the newest operation off the list without undoing it");
     drop->excludes(json);

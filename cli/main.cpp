@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <sys/stat.h>
 
 namespace {
@@ -37,7 +38,7 @@ constexpr const char* examples = R"(Examples:
   tavro size ~/Music ~/Videos            how many bytes they hold
 
 'tavro help COMMAND' tells more about one.
-A name that begins with a dash goes behind --:  tavro trash -- -x.txt
+A name that begins with a dash goes after --:  tavro trash -- -x.txt
 Exit codes: 0 done, 1 something failed, 2 wrong usage, 130 interrupted.)";
 
 /// Help that says what a person needs: the name of an option and of its value.
@@ -150,6 +151,9 @@ int main(int argc, char** argv) {
     std::signal(SIGXFSZ, SIG_IGN);
     try {
         return RunCommandLine(argc, argv);
+    } catch (const std::bad_alloc&) {
+        TavroPrintError("There is not enough memory");
+        return TavroExitFailed;
     } catch (const std::exception& error) {
         TavroPrintError(error.what());
         return TavroExitFailed;

@@ -25,7 +25,7 @@ bool TellOfWaiting(const TavroHistory& History) {
     last = now;
     if (!bTold && now - since >= std::chrono::seconds(1)) {
         TavroPrintError(History.WaitsForOperation()
-                            ? "Waiting for another process to end the newest operation"
+                            ? "Waiting for another process to finish the newest operation"
                             : "Waiting for another process that is writing to the history");
         bTold = true;
     }
@@ -45,7 +45,7 @@ TavroFailure Open(TavroHistory& OutHistory) {
 /// @param Failure  of what the history was to be told at last.
 int SayWhatIsNotKept(const TavroFailure& Failure) {
     if (Failure) {
-        TavroPrintError("It is done, but the history has it as interrupted: " +
+        TavroPrintError("It is done, but the history still shows it as interrupted: " +
                         TavroDescribe(Failure));
     }
     return Failure ? TavroExitFailed : TavroExitDone;
@@ -63,7 +63,7 @@ TavroFailure TavroOpenHistory(TavroHistory& OutHistory) {
 
 TavroRecording::TavroRecording()
     : m_journal(Open, [](const TavroFailure& failure) {
-          TavroPrintError("This will not stand in the history: " + TavroDescribe(failure));
+          TavroPrintError("This will not be in the history: " + TavroDescribe(failure));
       }) {}
 
 TavroCallbacks TavroRecording::Bind(TavroCallbacks Callbacks, TavroKeeping Keeping) {
@@ -77,7 +77,7 @@ int TavroRecording::End(TavroOperation Operation) {
     const int exitCode = SayWhatIsNotKept(m_journal.End(std::move(Operation)));
     if (m_journal.Problem() && bNothing) {
         TavroPrintError(
-            "Nothing was done, as it could not be undone; --no-history does it all the same");
+            "Nothing was done, because it could not be undone; --no-history does it anyway");
     }
     return exitCode;
 }
@@ -88,8 +88,7 @@ int TavroRecording::EndDeletion(const TavroFailure& Failure) {
 
 TavroKeepingOptions TavroAddKeeping(CLI::App& Command) {
     return {TavroAddNoSync(Command),
-            Command.add_flag("--no-history",
-                             "Do not keep this in the history, nor be able to undo it")};
+            Command.add_flag("--no-history", "Leave this out of the history; it cannot be undone")};
 }
 
 TavroKeeping TavroKeepingOptions::Keeping() const {
@@ -138,10 +137,10 @@ std::vector<const TavroStep*> TavroTellingSteps(const TavroOperation& Operation)
     return main.empty() ? removed : main;
 }
 
-void TavroPrintOperation(const std::string& Title, const TavroOperation& Operation) {
+void TavroPrintOperation(const std::string& Title, const TavroOperation& Operation, bool bVerbose) {
     TavroPrintLine(stdout, Title + TavroKindText(Operation.Kind));
     const std::vector<const TavroStep*> steps = TavroTellingSteps(Operation);
-    if (!TavroTellsEach(steps.size(), false)) {
+    if (!TavroTellsEach(steps.size(), bVerbose)) {
         TavroPrintLine(stdout, "  " + TavroStepText(*steps.front()) + " and " +
                                    TavroGroupedNumber(steps.size() - 1) + " more");
         return;

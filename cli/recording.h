@@ -79,8 +79,9 @@ std::string TavroStepText(const TavroStep& Step);
 /// @param EntryCount  how many main steps it has.
 std::string TavroOperationText(const TavroOperation& Operation, std::uint64_t EntryCount);
 
-/// Prints `Title`, the kind, and a line for each main step, on a terminal for a
-/// few.
-void TavroPrintOperation(const std::string& Title, const TavroOperation& Operation);
+/// Prints `Title`, the kind, and a line for each main step; of many on a terminal for the first.
+/// @param bVerbose  a line for each, however many there are.
+void TavroPrintOperation(const std::string& Title, const TavroOperation& Operation,
+                         bool bVerbose = false);
 
 #endif

@@ -227,12 +227,12 @@ void TavroAddRestore(CLI::App& App, TavroCommandTable& Table) {
     const TavroChoiceOptions choice =
         TavroAddChoice(*command, "the name of something in the trash");
     CLI::Option* to = command->add_option("--to")->type_name("DIRECTORY");
-    to->description("Into this directory instead of the original places");
+    to->description("Restore into this directory instead of the original places");
     to->check([](const std::string& text) {
         return std::string(text.empty() ? "takes a directory, not ''" : "");
     });
     CLI::Option* keepBoth =
-        command->add_flag("--keep-both", "To a free name where the original place is taken");
+        command->add_flag("--keep-both", "Use a free name if the original is taken");
     CLI::Option* quiet = TavroAddQuiet(*command);
     CLI::Option* verbose = TavroAddVerbose(*command);
     const TavroKeepingOptions keeping = TavroAddKeeping(*command);

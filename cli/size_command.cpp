@@ -183,7 +183,7 @@ void TavroAddSize(CLI::App& App, TavroCommandTable& Table) {
     CLI::Option* sort = command->add_flag("-s,--sort", "Print the largest entry first");
     CLI::Option* depth = command->add_option("-d,--depth");
     depth->type_name("DEPTH")->description(
-        "Also list what is up to so many levels below, largest first");
+        "Also list what is up to DEPTH levels below, largest first");
     TavroCheckNumber(*depth, 1, 100, "a number of levels");
     Table[command] = [=] {
         return RunSize(TavroValues(names), depth->empty() ? 0 : depth->as<int>(), !sort->empty());

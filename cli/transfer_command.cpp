@@ -66,11 +66,12 @@ std::optional<std::string> AskName() {
 /// The answer that a letter stands for. A capital letter answers all later conflicts too, but a new
 /// name is for one.
 std::optional<TavroConflictAnswer> AnswerOf(const std::string& Letter) {
-    constexpr std::array<TavroConflictChoice, 6> choices = {
+    constexpr std::array<TavroConflictChoice, 7> choices = {
         TavroConflictChoice::Overwrite, TavroConflictChoice::OverwriteOlder,
         TavroConflictChoice::Skip,      TavroConflictChoice::KeepBoth,
-        TavroConflictChoice::Stop,      TavroConflictChoice::Rename};
-    const std::size_t index = std::string("onsbqrONSBQ").find(Letter.empty() ? "q" : Letter);
+        TavroConflictChoice::Later,     TavroConflictChoice::Stop,
+        TavroConflictChoice::Rename};
+    const std::size_t index = std::string("onsblqrONSBLQ").find(Letter.empty() ? "q" : Letter);
     if (index == std::string::npos || Letter.size() > 1) {
         return std::nullopt;
     }
@@ -81,14 +82,18 @@ std::optional<TavroConflictAnswer> AnswerOf(const std::string& Letter) {
 std::optional<TavroConflictAnswer> AskAbout(const TavroTransferConflict& Conflict) {
     ShowConflict(Conflict);
     const std::string question = "[o]verwrite, overwrite if [n]ewer, [s]kip, keep [b]oth as '" +
-                                 TavroPrintableText(Conflict.FreeName()) +
-                                 "', [r]ename, [q]uit; a capital letter: for all ";
+                                 TavroPrintableText(Conflict.FreeName()) + "', [r]ename, " +
+                                 (Conflict.bCanWait ? "ask [l]ater, " : "") +
+                                 "[q]uit; a capital letter: for all ";
     for (;;) {
         const std::optional<std::string> letter = TavroAsk(question);
         if (!letter) {
             return std::nullopt;
         }
         std::optional<TavroConflictAnswer> answer = AnswerOf(*letter);
+        if (answer && answer->Choice == TavroConflictChoice::Later && !Conflict.bCanWait) {
+            answer.reset();
+        }
         if (answer && answer->Choice == TavroConflictChoice::Rename) {
             const std::optional<std::string> name = AskName();
             if (!name) {
@@ -182,7 +187,7 @@ void PrintReport(const TavroTransferReport& Report, const TavroTransferPlan& Pla
         TavroPrintLine(stdout, SummaryOf(Report, Plan.bMove, How));
     }
     if (!How.bQuiet && HasDeleted(Report)) {
-        TavroPrintLine(stdout, "What was replaced is deleted; that cannot be undone");
+        TavroPrintLine(stdout, "What was replaced is deleted; this cannot be undone");
     }
 }
 
@@ -281,14 +286,14 @@ void AddTransfer(CLI::App& App, bool bMove, TavroCommandTable& Table) {
     CLI::Option* in = TavroAddBaseDirectory(*command);
     CLI::Option* onConflict = command->add_option("--on-conflict");
     onConflict->type_name("ask|overwrite|newer|skip|keep-both")
-        ->description("What is done about something in the way; without a terminal, ask skips")
+        ->description("What to do about something in the way; without a terminal, ask skips")
         ->check([](const std::string& value) {
             return onConflicts.count(value) != 0
                        ? ""
                        : "takes ask, overwrite, newer, skip or keep-both, not '" + value + "'";
         });
     CLI::Option* noKeep = command->add_flag(
-        "--no-keep", "Delete what is replaced, instead of trashing it; that cannot be undone");
+        "--no-keep", "Delete what is replaced instead of trashing it; this cannot be undone");
     CLI::Option* dryRun = command->add_flag("-n,--dry-run", "Show the plan and do nothing");
     CLI::Option* quiet = TavroAddQuiet(*command);
     CLI::Option* verbose = TavroAddVerbose(*command);

@@ -32,14 +32,14 @@ struct Options {
 };
 
 Options AddOptions(CLI::App& Command, CLI::Option& Names) {
-    Command.add_flag("-r,-R,--recursive", "As for rm: directories go with what is in them anyway");
-    Command.add_flag("-d,--dir", "As for rm");
+    Command.add_flag("-r,-R,--recursive", "Accepted for compatibility with rm; not needed");
+    Command.add_flag("-d,--dir", "Accepted for compatibility with rm; not needed");
     const Options options = {
-        Command.add_flag("-f,--force", "What does not exist is no error; ask and list nothing"),
+        Command.add_flag("-f,--force", "Ignore what does not exist; ask and list nothing"),
         Command.add_flag("-i", "Ask about each entry"),
         Command.add_flag("-I", "Ask once, about more than three entries or a directory"),
         Command.add_flag("--interactive", "As -i; or =never, =once (-I), =always"),
-        Command.add_flag("-v,--verbose", "List each entry, also with -f or -q")};
+        Command.add_flag("-v,--verbose", "List each entry, even with -f or -q")};
     options.Force->each([&Names](const std::string&) { Names.required(false); });
     options.Interactive->check([](const std::string& when) {
         const bool bKnown = when == "true" || when == "never" || when == "once" || when == "always";
@@ -229,9 +229,9 @@ void TavroAddTrash(CLI::App& App, TavroCommandTable& Table) {
     CLI::App* command =
         TavroAddCommand(App, "trash", "Move entries to the trash, all or nothing", "trash old.iso");
     CLI::Option* names =
-        TavroAddNames(*command, "ENTRY", 1, "What is trashed", "an entry to trash");
+        TavroAddNames(*command, "ENTRY", 1, "The entries to trash", "an entry to trash");
     const Options options = AddOptions(*command, *names);
-    CLI::Option* home = command->add_flag("--home", "To the home trash from other volumes too");
+    CLI::Option* home = command->add_flag("--home", "Use the home trash for other volumes too");
     CLI::Option* noCopy = command->add_flag("--no-copy", "Fail instead of copying to the trash");
     CLI::Option* quiet = TavroAddQuiet(*command);
     const TavroKeepingOptions keeping = TavroAddKeeping(*command);

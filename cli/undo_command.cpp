@@ -31,15 +31,16 @@ std::string SizeText(const std::vector<const TavroStep*>& Trashed) {
 }
 
 /// Says what was undone, of a copy where it is now.
-void PrintDone(const TavroUndoReport& Report, const std::string& Title) {
+void PrintDone(const TavroUndoReport& Report, const std::string& Title, bool bVerbose) {
     std::vector<const TavroStep*> trashed;
     for (const TavroStep& step : Report.Operation.Steps) {
         if (step.Role == TavroStepRole::Trashed) {
             trashed.push_back(&step);
         }
     }
-    if (!Report.bUndone || Report.Operation.Kind != TavroOperationKind::Copy || trashed.empty()) {
-        TavroPrintOperation(Title, Report.Operation);
+    if (bVerbose || !Report.bUndone || Report.Operation.Kind != TavroOperationKind::Copy ||
+        trashed.empty()) {
+        TavroPrintOperation(Title, Report.Operation, bVerbose);
         return;
     }
     const std::string what = trashed.size() == 1 ? TavroShownPath(stdout, trashed[0]->From)
@@ -47,17 +48,33 @@ void PrintDone(const TavroUndoReport& Report, const std::string& Title) {
     TavroPrintLine(stdout, "Undid copy: moved " + what + " to the trash" + SizeText(trashed));
 }
 
+/// How the command was told to work.
+struct Manner {
+    bool bQuiet;
+    bool bVerbose;
+    bool bSync;
+};
+
+/// Adds -q, -v and --no-sync to a command.
+/// @return what reads them.
+std::function<Manner()> AddManner(CLI::App& Command) {
+    CLI::Option* quiet = TavroAddQuiet(Command);
+    CLI::Option* verbose = TavroAddVerbose(Command);
+    CLI::Option* noSync = TavroAddNoSync(Command);
+    return [=] { return Manner{!quiet->empty(), !verbose->empty(), TavroShouldSync(noSync)}; };
+}
+
 /// Says what became of it, of what failed, and what could not be kept.
-int PrintReport(const TavroUndoReport& Report, const std::string& Title, bool bQuiet) {
-    TavroPrintSkipped(Report.Transfer.Skipped);
+int PrintReport(const TavroUndoReport& Report, const std::string& Title, const Manner& How) {
+    TavroPrintSkipped(Report.Transfer.Skipped, How.bVerbose);
     TavroPrintFailures(Report.Transfer.Failed);
     const bool bUnsettled = Report.Transfer.bUnsettled;
     if (Report.Failure) {
         TavroPrintError(TavroDescribe(Report));
     } else if (bUnsettled) {
         TavroPrintError("Not finished: 'tavro resume' goes on, 'tavro undo' takes it back");
-    } else if (!bQuiet) {
-        PrintDone(Report, Title);
+    } else if (!How.bQuiet) {
+        PrintDone(Report, Title, How.bVerbose);
     }
     const int exitCode = TavroExitCodeOf(Report.Failure);
     return exitCode == TavroExitDone && (bUnsettled || !Report.Transfer.Failed.empty())
@@ -66,21 +83,21 @@ int PrintReport(const TavroUndoReport& Report, const std::string& Title, bool bQ
 }
 
 /// Runs one step with a progress line.
-TavroUndoReport RunShown(const Act& Run, TavroHistory& History, bool bQuiet, bool bSync) {
-    TavroProgressBar bar(bQuiet);
+TavroUndoReport RunShown(const Act& Run, TavroHistory& History, const Manner& How) {
+    TavroProgressBar bar(How.bQuiet);
     bool bStopped = false; // which is told as any other cancel
     TavroTransferCallbacks callbacks{bar.Callbacks(), TavroConflictQuestion(bar, bStopped)};
-    callbacks.bSync = bSync;
+    callbacks.bSync = How.bSync;
     return Run(History, callbacks);
 }
 
-int RunStep(const Act& Run, const std::string& Title, bool bQuiet, bool bSync) {
+int RunStep(const Act& Run, const std::string& Title, const Manner& How) {
     TavroCatchInterrupts();
     TavroHistory history;
     if (const TavroFailure failure = TavroOpenHistory(history)) {
         return TavroExitCodeOf(failure);
     }
-    return PrintReport(RunShown(Run, history, bQuiet, bSync), Title, bQuiet);
+    return PrintReport(RunShown(Run, history, How), Title, How);
 }
 
 /// What cannot be undone now, and what can be instead.
@@ -153,7 +170,7 @@ bool StandsInTheWay(const TavroUndoReport& Report) {
 }
 
 /// @param Id  of the operation to undo; 0: the newest that can be undone.
-int RunUndo(std::int64_t Id, bool bSkip, bool bQuiet, bool bSync) {
+int RunUndo(std::int64_t Id, bool bSkip, const Manner& How) {
     TavroCatchInterrupts();
     TavroHistory history;
     if (const TavroFailure failure = TavroOpenHistory(history)) {
@@ -163,7 +180,7 @@ int RunUndo(std::int64_t Id, bool bSkip, bool bQuiet, bool bSync) {
         const Act only = [id](TavroHistory& all, const TavroTransferCallbacks& callbacks) {
             return TavroUndoOnly(all, id, callbacks);
         };
-        return RunShown(only, history, bQuiet, bSync);
+        return RunShown(only, history, How);
     };
     TavroUndoReport report = undo(Id);
     Detour detour;
@@ -173,15 +190,14 @@ int RunUndo(std::int64_t Id, bool bSkip, bool bQuiet, bool bSync) {
         }
         report = undo(detour.Id);
     }
-    return PrintReport(report, "Undone: ", bQuiet);
+    return PrintReport(report, "Undone: ", How);
 }
 
 void AddStep(CLI::App& App, const std::string& Name, const std::string& Description, const Act& Run,
              const std::string& Title, TavroCommandTable& Table) {
     CLI::App* command = TavroAddCommand(App, Name, Description, Name);
-    CLI::Option* quiet = TavroAddQuiet(*command);
-    CLI::Option* noSync = TavroAddNoSync(*command);
-    Table[command] = [=] { return RunStep(Run, Title, !quiet->empty(), TavroShouldSync(noSync)); };
+    const std::function<Manner()> readManner = AddManner(*command);
+    Table[command] = [=] { return RunStep(Run, Title, readManner()); };
 }
 
 } // namespace
@@ -193,13 +209,11 @@ void TavroAddUndo(CLI::App& App, TavroCommandTable& Table) {
     id->description("The number of the operation, as 'tavro history' shows it");
     TavroCheckNumber(*id, 1, INT_MAX, "the number of an operation");
     CLI::Option* skip =
-        command->add_flag("--skip", "Pass over, without asking, what cannot be undone");
+        command->add_flag("--skip", "Pass over what cannot be undone, without asking");
     skip->excludes(id);
-    CLI::Option* quiet = TavroAddQuiet(*command);
-    CLI::Option* noSync = TavroAddNoSync(*command);
+    const std::function<Manner()> readManner = AddManner(*command);
     Table[command] = [=] {
-        return RunUndo(id->empty() ? 0 : id->as<std::int64_t>(), !skip->empty(), !quiet->empty(),
-                       TavroShouldSync(noSync));
+        return RunUndo(id->empty() ? 0 : id->as<std::int64_t>(), !skip->empty(), readManner());
     };
 }
 

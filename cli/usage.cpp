@@ -51,14 +51,14 @@ std::string DescribeOption(const CLI::App& Command, const std::string& Typed) {
         }
     }
     if (std::find(names.begin(), names.end(), Typed) != names.end()) {
-        return "Option '" + Typed + "' goes behind '" + TavroCommandPath(Command) + "'";
+        return "Option '" + Typed + "' goes after '" + TavroCommandPath(Command) + "'";
     }
     const std::string sentence = "Unknown option '" + Typed + "'";
     const std::string suggestion = Suggestion(Typed.substr(0, Typed.find('=')), names);
     if (!bTakesNames || (!suggestion.empty() && !TavroIsPresent(Typed))) {
         return sentence + suggestion;
     }
-    return sentence + "; a name that begins with a dash goes behind --";
+    return sentence + "; a name that begins with a dash goes after --";
 }
 
 /// What is wrong with an argument that nothing takes.

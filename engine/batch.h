@@ -35,8 +35,8 @@ struct TavroBatchStep {
     /// When given, `From` needs no other look before it is moved. Else TavroRunBatch sets it.
     std::optional<TavroSeenEntry> Seen = {};
 
-    /// When given, the own path of the directory that is to hold `To`: nothing goes to where a link
-    /// leads that somebody puts on the way. ESTALE then.
+    /// When given, the own path of the directory that is to hold `To`. A link that somebody puts on
+    /// the way there is not followed: that is ESTALE.
     std::optional<std::string> Holder = {};
 
     /// The path by which what is at `From` is known; empty: that one.

@@ -1,6 +1,7 @@
 #include "changes.h"
 
 #include <algorithm>
+#include <cerrno>
 
 namespace {
 
@@ -65,7 +66,8 @@ int TavroChanges::Flush() {
         for (const auto& directory : volume.Directories) {
             const int number = directory->Descriptor.Number();
             const int now = volume.bAll ? TavroSyncFileSystem(number) : TavroSync(number);
-            error = error != 0 ? error : now;
+            // FUSE file systems that go by paths do not find a directory that was removed.
+            error = error != 0 || now == ENOENT ? error : now;
         }
     }
     m_volumes.clear();

@@ -2,6 +2,7 @@
 
 #include "directory_sizes.h"
 #include "measure.h"
+#include "mounts.h"
 #include "names.h"
 #include "place.h"
 #include "trash_record.h"
@@ -21,13 +22,16 @@
 
 namespace {
 
-/// Keeps what was in a directory or below it, by whatever links its path was recorded.
+/// Keeps what was in a directory or below it, by whatever links its path was recorded. Where a file
+/// system does not answer, the text of the path tells.
 void KeepBelow(const std::string& Directory, std::vector<TavroTrashItem>& IoItems) {
     std::unordered_map<std::string, std::string> resolved; // neighbours have the same parent
+    const std::vector<std::string> silent = TavroFindSilentMounts();
     const auto isElsewhere = [&](const TavroTrashItem& item) {
         const auto [parent, bNew] = resolved.try_emplace(TavroParentOf(item.OriginalPath));
         if (bNew) {
-            parent->second = TavroFindOwnPath(TavroJoin(parent->first, "x"));
+            const std::string path = TavroJoin(parent->first, "x");
+            parent->second = TavroFindAbove(silent, path).empty() ? TavroFindOwnPath(path) : path;
         }
         return !TavroIsBelow(Directory, parent->second);
     };

@@ -19,7 +19,7 @@ struct TavroChoice {
     int SinceDays = 0;      ///< Was trashed at most so many days ago (of 24 hours, local time).
     int OlderThanDays = 0;  ///< Was trashed longer ago. Without a readable date it is of no age.
 
-    /// Of several from one path that a word means the newest; without words, of all from one.
+    /// Only the newest of several items from one path: of those that a word means, or of all.
     bool bNewestAlone = false;
 
     /// Whether not all items qualify that the words mean.

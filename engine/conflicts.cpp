@@ -5,6 +5,9 @@ namespace {
 using Choice = TavroConflictChoice;
 
 Choice Decided(Choice Wanted, const TavroTransferConflict& Conflict) {
+    if (Wanted == Choice::Later && !Conflict.bCanWait) {
+        return Choice::Skip;
+    }
     if (Wanted != Choice::OverwriteOlder) {
         return Wanted;
     }
@@ -26,6 +29,9 @@ TavroConflictAnswer TavroConflictJudge::Judge(const TavroTransferConflict& Confl
         return {Decided(Choice::OverwriteOlder, Conflict)};
     }
     std::optional<Choice>& forAll = bKindsDiffer ? m_forAllKinds : m_forAll;
+    if (forAll == Choice::Later && !Conflict.bCanWait) {
+        forAll.reset(); // later is now
+    }
     if (!forAll && !m_onConflict) {
         return {Choice::Skip};
     }

@@ -19,6 +19,7 @@ struct TavroTransferConflict {
     TavroFileState Source = {};
     TavroFileState Destination = {};
     std::function<std::string()> FreeName = {}; ///< The name that KeepBoth would give.
+    bool bCanWait = false; ///< Later is an answer: other entries are left, and nobody gave it yet.
 };
 
 enum class TavroConflictChoice {
@@ -28,6 +29,7 @@ enum class TavroConflictChoice {
     Stop,           ///< End the transfer here; what is done stays done.
     OverwriteOlder, ///< Overwrite what was modified before the source was, skip other conflicts.
     Rename,         ///< Go to the answer's new name, which may be a conflict again.
+    Later,          ///< Ask again when everything else is ready; Skip where that cannot wait.
 };
 
 struct TavroConflictAnswer {
@@ -51,7 +53,7 @@ public:
                        bool bOverwriteOlder = false)
         : m_policy(Policy), m_onConflict(OnConflict), m_bOverwriteOlder(bOverwriteOlder) {}
 
-    /// @return never OverwriteOlder, but what that comes to.
+    /// @return never OverwriteOlder, but what that comes to; Later only for what can wait.
     TavroConflictAnswer Judge(const TavroTransferConflict& Conflict);
 
 private:

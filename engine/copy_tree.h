@@ -92,9 +92,8 @@ public:
     /// Gives the copy its name.
     /// @return 0; EEXIST when the name is taken; ESTALE when something else had the name of the
     ///         copy, before or after; or the error number.
-    /// @param bExchange  what has that name gets the hidden one in the same moment; EINVAL where
-    /// the
-    ///                   file system cannot.
+    /// @param bExchange  what has that name gets the hidden one in the same moment; EINVAL when the
+    ///                   file system cannot do that.
     int Publish(const std::string& Name, bool bExchange = false);
 
     /// The copy as it waits to be published. @return 0, or the error number.

@@ -262,30 +262,25 @@ void TavroDatabase::Sync() {
     Keep(error == 0 ? SQLITE_OK : error == ENOSPC ? SQLITE_FULL : SQLITE_IOERR);
 }
 
-/// Does something in a transaction of its own, unless one was begun before. A file that turns out
+/// Does something in a transaction. A file that turns out
 /// to be damaged is set aside, and it is done with a new one.
 TavroFailure TavroDatabase::Transact(Access What, const std::function<void()>& Do, bool bAgain) {
     const bool bWrite = What != Access::Read;
     if (Connection == nullptr) {
         return {Kind::HistoryOpen, std::make_error_code(std::errc::bad_file_descriptor)};
     }
-    const bool bOwn = sqlite3_get_autocommit(Connection) != 0;
     Code = SQLITE_OK;
-    if (bOwn) {
-        Run(bWrite ? "BEGIN IMMEDIATE" : "BEGIN");
-    }
+    Run(bWrite ? "BEGIN IMMEDIATE" : "BEGIN");
     if (IsWell()) {
         Do();
     }
-    if (bOwn) {
-        Run("COMMIT");
-    }
-    if (bOwn && What == Access::Write) {
+    Run("COMMIT");
+    if (What == Access::Write) {
         Sync();
     }
     TavroFailure failure = Failure(bWrite ? Kind::HistorySave : Kind::HistoryRead);
     const bool bDamaged = IsDamaged();
-    if (failure && bOwn) {
+    if (failure) {
         Code = SQLITE_OK;
         Run("ROLLBACK");
     }
@@ -294,25 +289,18 @@ TavroFailure TavroDatabase::Transact(Access What, const std::function<void()>& D
     }
     failure = SetAside();
     failure = failure ? failure : Open();
-    if (!failure && !bOwn) {
-        Run("BEGIN IMMEDIATE");
-    }
     return failure ? failure : Transact(What, Do, true);
-}
-
-/// Begins or ends the transaction of a caller.
-TavroFailure TavroDatabase::Change(const char* Text) {
-    Code = Connection == nullptr ? SQLITE_MISUSE : SQLITE_OK;
-    Run(Text);
-    return Failure(Kind::HistorySave);
 }
 
 /// Locks the byte of an operation, as long as the database is open. Where there are no locks an
 /// operation is taken for interrupted while it runs; its steps are still judged by what they are.
 TavroFailure TavroDatabase::HoldLock(std::int64_t Id) {
     if (!Running.IsOpen()) {
-        TavroOpenAt(Place.Number(), (Place.Name + runningSuffix).c_str(), O_RDWR | O_CREAT, Running,
-                    0600);
+        const std::string name = Place.Name + runningSuffix;
+        if (TavroOpenAt(Place.Number(), name.c_str(), O_RDWR, Running) == ENOENT &&
+            TavroOpenAt(Place.Number(), name.c_str(), O_RDWR | O_CREAT, Running, 0600) == 0) {
+            TavroSetMode(Running.Number(), 0600); // whatever the umask
+        }
     }
     for (int count = 0; Running.IsOpen(); ++count) {
         const int error = TavroLockByte(Running.Number(), Id);

@@ -52,7 +52,6 @@ struct TavroDatabase {
     TavroFailure Transact(Access What, const std::function<void()>& Do, bool bAgain = false);
     void Sync();
     void EmptyLog();
-    TavroFailure Change(const char* Text);
     TavroFailure HoldLock(std::int64_t Id);
     bool IsRunning(std::int64_t Id);
 

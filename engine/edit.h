@@ -27,9 +27,9 @@ struct TavroEditReport {
 ///              holds the entry.
 /// @return `Failure` is one of NoSuchEntry, LookAt, RefuseRename, RenameAudioTrack,
 ///         RenameTargetEmpty, RenameTargetNoName (an existing directory), RenameSame, RenameTaken,
-///         RenameTakenByLink, CreateRenameDirectory, ExamineRenameTarget, Rename: the sentences are
-///         the module's; or what BeforeActs returned, or Write when it cannot be brought to the
-///         disk. Nothing is left of what was created then.
+///         RenameTakenByLink, CreateRenameDirectory, ExamineRenameTarget, Rename; or what
+///         BeforeActs returned, or Write when it cannot be brought to the disk. After a failure
+///         nothing is left of what was created.
 TavroEditReport TavroRenameTo(const TavroOperationEntry& Entry, const std::string& Text,
                               const TavroCallbacks& Callbacks = {});
 
@@ -51,12 +51,13 @@ std::vector<TavroFailure> TavroCheckDeletable(const std::vector<TavroOperationEn
 TavroFailure TavroDeleteForGood(const std::vector<TavroOperationEntry>& Entries,
                                 const TavroCallbacks& Callbacks);
 
-/// Goes on with a deletion that was interrupted: of its steps, as BeforeActs was told them, what is
-/// still there goes, of a directory also what came into it since. What else has the name of an
-/// entry by now stays.
-/// @return as TavroDeleteForGood; MaybeOther for an entry of which nobody can tell whether it is
-/// the
-///         same, or gone, and for a file that was changed since: then nothing more is removed.
+/// Goes on with a deletion that was interrupted. What is still there of its steps, as BeforeActs
+/// was told them, is removed, with what has come into its directories since. Something else that
+/// has the name of an entry by now stays.
+///
+/// @return as TavroDeleteForGood; MaybeOther for an entry that may be another one or gone, and for
+/// a
+///         file that was changed since: then nothing more is removed.
 TavroFailure TavroFinishDeleting(const std::vector<TavroStep>& Steps,
                                  const TavroCallbacks& Callbacks);
 

@@ -192,20 +192,6 @@ bool TavroHistory::WaitsForOperation() const {
     return m_database->bForOperation;
 }
 
-TavroFailure TavroHistory::Begin() {
-    return m_database->Change("BEGIN IMMEDIATE");
-}
-
-TavroFailure TavroHistory::Commit() {
-    TavroFailure failure = m_database->Change("COMMIT");
-    m_database->Sync();
-    return failure ? failure : m_database->Failure(Kind::HistorySave);
-}
-
-void TavroHistory::Rollback() {
-    m_database->Change("ROLLBACK");
-}
-
 // =================================================================================================
 // Reading
 // =================================================================================================
@@ -292,23 +278,29 @@ bool ReadOperation(TavroStatement& Row, TavroOperation& OutOperation) {
            IsOneOf(Row.Number(4), INT64_MAX - 1) && IsOneOf(Row.Number(5), Row.Number(4));
 }
 
+/// Reads the first operation of those meant, in a transaction.
+/// @return whether it could have been written here, or there is none.
+bool ReadFirst(TavroDatabase& Database, const std::string& Which,
+               std::optional<TavroOperation>& OutOperation) {
+    OutOperation.reset();
+    TavroStatement version(Database, "PRAGMA data_version");
+    Database.ReadVersion = version.Next() ? version.Number(0) : 0;
+    TavroStatement row(Database, operationsWhere + Which);
+    TavroStatement steps(Database, stepsOfOne);
+    if (!row.Next()) {
+        return true;
+    }
+    TavroOperation& operation = OutOperation.emplace();
+    const std::int64_t count = row.Number(4);
+    return ReadOperation(row, operation) && ReadSteps(steps, count + 1, operation) &&
+           Integer(operation.Steps.size()) == count && IsWhole(operation);
+}
+
 TavroFailure ReadNext(TavroDatabase& Database, const std::string& Which,
                       std::optional<TavroOperation>& OutOperation) {
     bool bValid = true;
-    TavroFailure failure = Database.Transact(Access::Read, [&] {
-        OutOperation.reset();
-        bValid = true;
-        TavroStatement version(Database, "PRAGMA data_version");
-        Database.ReadVersion = version.Next() ? version.Number(0) : 0;
-        TavroStatement row(Database, operationsWhere + Which);
-        TavroStatement steps(Database, stepsOfOne);
-        if (row.Next()) {
-            TavroOperation& operation = OutOperation.emplace();
-            const std::int64_t count = row.Number(4);
-            bValid = ReadOperation(row, operation) && ReadSteps(steps, count + 1, operation) &&
-                     Integer(operation.Steps.size()) == count && IsWhole(operation);
-        }
-    });
+    TavroFailure failure =
+        Database.Transact(Access::Read, [&] { bValid = ReadFirst(Database, Which, OutOperation); });
     if (failure || !bValid) {
         OutOperation.reset();
     }
@@ -456,17 +448,6 @@ void Insert(TavroDatabase& Database, TavroOperation& Operation) {
 
 } // namespace
 
-TavroFailure TavroHistory::Record(TavroOperation& Operation) {
-    if (!IsValid(Operation)) {
-        return {Kind::HistoryUnrecordable};
-    }
-    return m_database->Transact(Access::Write, [&] {
-        Insert(*m_database, Operation);
-        DropSurplus(*m_database);
-        RemoveDropped(*m_database, Integer(Operation.Steps.size()) + droppedAtOnce);
-    });
-}
-
 TavroFailure TavroHistory::Update(const TavroOperation& Operation) {
     if (!IsValid(Operation)) {
         return {Kind::HistoryUnrecordable};
@@ -481,7 +462,6 @@ TavroFailure TavroHistory::Update(const TavroOperation& Operation) {
         }
         m_database->Run("DELETE FROM step WHERE operation = ?", Operation.Id);
         InsertSteps(*m_database, Operation.Id, 0, Operation.Steps);
-        m_database->Keep(sqlite3_db_cacheflush(m_database->Connection));
     });
 }
 
@@ -528,8 +508,8 @@ bool IsAsItWas(TavroDatabase& Database, const TavroOperation& Operation) {
         return true; // nobody has written
     }
     std::optional<TavroOperation> now;
-    ReadNext(Database, "id = " + std::to_string(Operation.Id), now);
-    return now && now->State == Operation.State && now->Steps == Operation.Steps;
+    return ReadFirst(Database, "id = " + std::to_string(Operation.Id), now) && now &&
+           now->State == Operation.State && now->Steps == Operation.Steps;
 }
 
 } // namespace

@@ -60,12 +60,6 @@ public:
     /// and not for a writer.
     bool WaitsForOperation() const;
 
-    /// Adds what was just done. What could be redone is dropped, and so is the oldest that is too
-    /// much.
-    /// @param Operation  gets its Id.
-    /// @return HistoryUnrecordable for one that could not be undone.
-    TavroFailure Record(TavroOperation& Operation);
-
     /// All operations, the newest to undo or redo first: the undone ones, next to be redone last,
     /// then those that can be undone. One that is refused has no steps here.
     /// @param bSteps          false: only the first step of each is read, and all of what is on its
@@ -85,8 +79,7 @@ public:
     /// The newest operation that was begun and has not ended.
     TavroFailure NextToResume(std::optional<TavroOperation>& OutOperation);
 
-    /// Keeps new steps and a new state of an operation. In a transaction the bytes are written at
-    /// once, so that a full disk shows here, and count from Commit on.
+    /// Keeps new steps and a new state of an operation; on the disk when this returns.
     TavroFailure Update(const TavroOperation& Operation);
 
     // --- Operations on their way ---
@@ -100,7 +93,7 @@ public:
 
     /// As BeginOperation, for one that is there already and gets another state. Another process
     /// that is at it is waited for, then HistoryRunning.
-    /// @param OutChanged  it is not in its state any more, and stays as it is.
+    /// @param OutChanged  it is no longer in its state, and stays as it is.
     TavroFailure ContinueOperation(const TavroOperation& Operation, TavroOperationState NewState,
                                    bool& OutChanged);
 
@@ -120,12 +113,6 @@ public:
 
     /// Takes an operation off the list; NothingToDrop when it is not there.
     TavroFailure Drop(std::int64_t Id);
-
-    /// A transaction that keeps other writers out until Commit or Rollback: begun before an undo
-    /// acts, so that two processes never undo the same operation.
-    TavroFailure Begin();
-    TavroFailure Commit();
-    void Rollback();
 
 private:
     std::unique_ptr<TavroDatabase> m_database;

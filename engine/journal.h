@@ -6,10 +6,10 @@
 #include "history.h"
 #include "progress.h"
 
-/// Binds one operation to the history. Where that cannot be used, or another process keeps it for
-/// too long, or a wait was cancelled, the operation does not begin, as it could not be undone: but
-/// a restore or a deletion, which could not be anyway, goes on without a history that cannot be
-/// used. Once the history has it, it does nothing that cannot be kept.
+/// Binds one operation to the history. When that cannot be used, or another process keeps it for
+/// too long, or a wait was cancelled, the operation does not begin, because it could not be undone.
+/// A restore or a deletion, which cannot be undone anyway, goes on without a history that cannot be
+/// used. Once the history has an operation, it does nothing that cannot be kept.
 class TavroJournal {
 public:
     /// @param Open         opens the history, before the first step is kept in it.

@@ -1,5 +1,6 @@
 #include "mounts.h"
 
+#include "names.h"
 #include "posix.h"
 
 #include <algorithm>
@@ -67,4 +68,29 @@ std::vector<TavroMount> TavroReadMounts() {
         }
     }
     return mounts;
+}
+
+std::vector<std::string> TavroFindSilentMounts() {
+    std::vector<std::string> points;
+    std::vector<std::string> silent;
+    for (TavroMount& mount : TavroReadMounts()) {
+        const bool bTwice = std::find(points.begin(), points.end(), mount.Point) != points.end();
+        if (mount.HoldsFiles() && !bTwice) {
+            points.push_back(std::move(mount.Point));
+        }
+    }
+    const std::vector<TavroPresence> answers = TavroLookInTime(points, TavroPatience);
+    for (std::size_t i = 0; i < points.size(); ++i) {
+        if (answers[i] == TavroPresence::Silent) {
+            silent.push_back(std::move(points[i]));
+        }
+    }
+    return silent;
+}
+
+std::string TavroFindAbove(const std::vector<std::string>& Points, const std::string& Path) {
+    const auto above = std::find_if(Points.begin(), Points.end(), [&](const std::string& point) {
+        return TavroIsBelow(point, Path);
+    });
+    return above == Points.end() ? "" : *above;
 }

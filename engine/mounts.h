@@ -21,4 +21,10 @@ struct TavroMount {
 /// In the order in which they were mounted; none when the kernel does not tell.
 std::vector<TavroMount> TavroReadMounts();
 
+/// Where file systems are mounted that do not answer within a second.
+std::vector<std::string> TavroFindSilentMounts();
+
+/// The first of these mount points that a path is at or below, as its text tells; empty: none.
+std::string TavroFindAbove(const std::vector<std::string>& Points, const std::string& Path);
+
 #endif

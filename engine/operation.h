@@ -79,8 +79,8 @@ struct TavroOperation {
 
     /// First the main steps, in the order in which they were done, so that the first one tells what
     /// the operation is about; then created directories, outer ones before inner ones; then removed
-    /// ones, inner ones first. What lies in the trash because a
-    /// copy was undone stands as Trashed steps beside the Copied ones.
+    /// ones, inner ones first. What is in the trash because a copy was undone has Trashed steps
+    /// beside the Copied ones.
     std::vector<TavroStep> Steps;
 
     /// Of one on its way: what its hidden names begin with, and the marks of the starts of the

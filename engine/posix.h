@@ -84,6 +84,8 @@ int TavroStatWithBirthAt(int Directory, const char* Name, struct stat& OutStatus
 /// What a look at a path told in time.
 enum class TavroPresence { Missing, Present, Silent };
 
+constexpr int TavroPatience = 1000; ///< How many milliseconds a file system has for its answer.
+
 /// Looks whether there is something at each path, by a child process, which is left to itself when
 /// a file system does not answer it: nothing waits for it, not even the end of this process. A path
 /// after such a one has its own time.
@@ -209,7 +211,7 @@ int TavroSyncFileSystem(int Descriptor);
 
 /// What a file system has to do before a change of names is on its disk.
 enum class TavroDisk {
-    OrderedLog,  ///< One log has all changes in order: who syncs the last one syncs all.
+    OrderedLog,  ///< One log has all changes in order: syncing the last syncs all.
     Independent, ///< Each directory for itself.
 };
 

@@ -186,16 +186,18 @@ TavroFailure TavroTransferRun::Journal(const std::vector<TavroPendingEntry>& Ent
         steps.push_back({TavroStepRole::CreatedDirectory, "",
                          TavroFindOwnPath(m_report.CreatedDirectories[m_createdTold])});
     }
-    for (const TavroEmptied& emptied : m_emptied) {
-        steps.push_back({TavroStepRole::RemovedDirectory,
-                         emptied.Path,
-                         "",
-                         "",
-                         {},
-                         0,
-                         emptied.Mode,
-                         false,
-                         emptied.Attributes});
+    for (TavroEmptied& emptied : m_emptied) {
+        if (!std::exchange(emptied.bTold, true)) {
+            steps.push_back({TavroStepRole::RemovedDirectory,
+                             emptied.Path,
+                             "",
+                             "",
+                             {},
+                             0,
+                             emptied.Mode,
+                             false,
+                             emptied.Attributes});
+        }
     }
     return Tell(steps);
 }

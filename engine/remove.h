@@ -24,12 +24,11 @@ struct TavroRemoveOptions {
 
 /// Removes an entry and everything below it. Links are removed, not followed. What lies on another
 /// mount than the entry stays, and so do the directories above it. What cannot be removed stays;
-/// the rest goes all the same.
+/// the rest is removed anyway.
 ///
-/// @return no failure when nothing is left, also when nothing was there; Cancelled; Changed when
-/// the
-///         entry is not the expected file; else the first failure, of the kind Remove, with the
-///         path of what could not be removed. A place named "." or ".." is refused so, by EINVAL.
+/// @return no failure when nothing is left, also when nothing was there; Cancelled; Changed for
+///         another file than the expected one; else the first failure, of the kind Remove, with
+///         the path of what could not be removed. A place named "." or ".." fails so, with EINVAL.
 TavroFailure TavroRemoveTree(const TavroPlace& Place, const TavroRemoveOptions& Options = {});
 
 #endif

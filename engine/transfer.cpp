@@ -65,6 +65,7 @@ void TavroTransferRun::Run(std::vector<TavroTransferItemPlan>& Items) {
         for (TavroTransferItemPlan& item : Items) {
             CarryOutItem(item);
         }
+        CarryOutPutOff();
         if (!m_report.bCancelled) {
             Flush();
         }
@@ -255,6 +256,26 @@ void TavroTransferRun::CarryOutItem(TavroTransferItemPlan& Item) {
     }
 }
 
+/// Asks again about what was put off. What was in its way may be gone by now.
+void TavroTransferRun::CarryOutPutOff() {
+    m_bLast = true;
+    for (TavroPutOff& next : m_putOff) {
+        TavroPutOff entry = std::move(next); // its directories stay open no longer than this
+        if (IsCancelled()) {
+            break;
+        }
+        TavroFailure failure = m_places.FindAgain(entry.Way.From);
+        failure = failure ? failure : m_places.FindAgain(entry.Way.To);
+        if (failure) {
+            Fail({Kind::Read, failure.Error, std::move(failure.Path)});
+            continue;
+        }
+        TransferEntry(entry.Way, entry.Item);
+        FinishMerges(entry.Way.From);
+    }
+    m_putOff.clear();
+}
+
 // =================================================================================================
 // Entries
 // =================================================================================================
@@ -318,7 +339,8 @@ void TavroTransferRun::SettleConflict(const TavroRoute& Way, const struct stat& 
                                             S_ISDIR(There.st_mode),
                                             TavroStateOf(Source),
                                             TavroStateOf(There),
-                                            freeName};
+                                            freeName,
+                                            !m_bLast && !m_bSingle && m_tries == 0};
     const TavroConflictAnswer answer = m_callbacks.bKeepBoth
                                            ? TavroConflictAnswer{TavroConflictChoice::KeepBoth}
                                            : m_judge.Judge(conflict);
@@ -339,6 +361,11 @@ void TavroTransferRun::SettleConflict(const TavroRoute& Way, const struct stat& 
         break;
     case TavroConflictChoice::KeepBoth:
         KeepBoth(Way, Source, Item);
+        break;
+    case TavroConflictChoice::Later:
+        m_putOff.push_back({{{TavroClosed(Way.From.Directory), Way.From.Name},
+                             {TavroClosed(Way.To.Directory), Way.To.Name}},
+                            Item});
         break;
     case TavroConflictChoice::Stop:
         m_bStopped = true;
@@ -519,8 +546,11 @@ void TavroTransferRun::FinishMerges(const TavroPlace& Item) {
     m_merges.clear();
 }
 
-/// What was skipped or failed is still in it, and then it stays.
+/// What was skipped or failed is still in it, and then it stays. What was put off may leave it yet.
 void TavroTransferRun::RemoveEmptied() {
+    if (!m_putOff.empty()) {
+        return;
+    }
     for (const TavroEmptied& emptied : std::exchange(m_emptied, {})) {
         TavroPlace place;
         struct stat status = {};

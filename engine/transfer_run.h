@@ -66,6 +66,13 @@ struct TavroEmptied {
     TavroIdentity Identity;
     mode_t Mode;
     std::string Attributes;
+    bool bTold = false; ///< It is in the journal.
+};
+
+/// An entry whose conflict is asked about when everything else is ready.
+struct TavroPutOff {
+    TavroRoute Way; ///< In directories that are closed.
+    TavroTransferItemPlan* Item;
 };
 
 /// One transfer on its way.
@@ -91,6 +98,7 @@ private:
     bool FindPlaces(const TavroTransferItemPlan& Item, TavroRoute& OutRoute);
     bool FindAgainWhenEntangled(const TavroTransferItemPlan& Item, TavroRoute& IoRoute);
     void CarryOutItem(TavroTransferItemPlan& Item);
+    void CarryOutPutOff();
 
     void TransferEntry(const TavroRoute& Way, TavroTransferItemPlan* Item = nullptr);
     void SettleConflict(const TavroRoute& Way, const struct stat& Source, const struct stat& There,
@@ -177,7 +185,9 @@ private:
     std::unordered_set<std::string> m_pendingTo; ///< Own paths.
     TavroOwnWork m_pendingWork;                  ///< What waits, as if it were done.
     std::vector<TavroEmptied> m_emptied;         ///< Inner ones first.
-    std::vector<TavroStep> m_plan;               ///< What the journal was not told.
+    std::vector<TavroPutOff> m_putOff;
+    bool m_bLast = false;          ///< What was put off is in hand: nothing more can wait.
+    std::vector<TavroStep> m_plan; ///< What the journal was not told.
     std::size_t m_createdTold = 0; ///< So many created directories are in the journal.
     TavroIdentity m_told;          ///< A new directory that the journal knew when it was empty,
     std::uint64_t m_toldOn = 0;    ///< when this device was synced.

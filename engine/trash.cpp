@@ -549,7 +549,7 @@ std::string TavroDescribe(const TavroTrashReport& Report) {
     for (const TavroTrashedEntry& both : Report.InBoth) {
         const TavroTrashEntry& entry = both.Entry;
         const bool bBack = Report.bRestoring;
-        text += "; of " + quoted(bBack ? entry.TrashPath : entry.OriginalPath) + " there is also " +
+        text += "; " + quoted(bBack ? entry.TrashPath : entry.OriginalPath) + " is also at " +
                 quoted(bBack ? entry.OriginalPath : entry.TrashPath);
     }
     return text;

@@ -78,7 +78,7 @@ public:
     ///         TavroListTrash.
     TavroFailure Find(const std::string& Text, TavroTrashItem& OutItem);
 
-    /// An item is not in the trash any more.
+    /// An item is no longer in the trash.
     void Drop(const TavroTrashItem& Item);
 
 private:

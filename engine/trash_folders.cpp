@@ -6,6 +6,7 @@
 #include "place.h"
 #include "tavroops.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
@@ -243,8 +244,6 @@ bool TavroOpenTrash::OpenOnVolume(std::uint64_t Mount, std::uint64_t Device, boo
 
 namespace {
 
-constexpr int patience = 1000; // milliseconds
-
 /// The mount on which a path is; of what is missing or no directory, that of what holds it.
 int FindMount(std::string Path, std::uint64_t& OutMount) {
     TavroDescriptor directory;
@@ -274,8 +273,9 @@ TavroFailure TavroFindTrashes(const std::string& OnVolume, TavroTrashes& OutTras
     if (home.Root.empty()) {
         return {TavroFailureKind::NoHome};
     }
-    const TavroPresence asked =
-        OnVolume.empty() ? TavroPresence::Present : TavroLookInTime({OnVolume}, patience).front();
+    const TavroPresence asked = OnVolume.empty()
+                                    ? TavroPresence::Present
+                                    : TavroLookInTime({OnVolume}, TavroPatience).front();
     std::uint64_t wanted = 0;
     std::uint64_t ofHome = 0;
     if (asked == TavroPresence::Missing) {
@@ -293,12 +293,14 @@ TavroFailure TavroFindTrashes(const std::string& OnVolume, TavroTrashes& OutTras
     std::vector<std::string> tops;
     std::vector<std::string> probes;
     for (TavroMount& mount : TavroReadMounts()) {
-        if (!IsHomeOnly() && mount.HoldsFiles() && (OnVolume.empty() || mount.Number == wanted)) {
+        const bool bMeant = OnVolume.empty() || mount.Number == wanted;
+        const bool bTwice = std::find(tops.begin(), tops.end(), mount.Point) != tops.end();
+        if (!IsHomeOnly() && mount.HoldsFiles() && bMeant && !bTwice) {
             probes.push_back(TavroTrashFoldersOnVolume(mount.Point).back().Root);
             tops.push_back(std::move(mount.Point));
         }
     }
-    const std::vector<TavroPresence> answers = TavroLookInTime(probes, patience);
+    const std::vector<TavroPresence> answers = TavroLookInTime(probes, TavroPatience);
     std::unordered_set<TavroIdentity> known = {IdentityOfRecords(home)};
     for (std::size_t i = 0; i < tops.size(); ++i) {
         if (answers[i] == TavroPresence::Silent) {

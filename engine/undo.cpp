@@ -454,8 +454,8 @@ std::string TavroDescribe(const TavroUndoReport& Report) {
     std::string text = TavroDescribe(Report.Failure);
     if (Report.bDoneButNotSaved) {
         const bool bUndone = Report.bUndone;
-        return (bUndone ? "It is undone, but the history has it as interrupted: "
-                        : "It is redone, but the history has it as interrupted: ") +
+        return (bUndone ? "It is undone, but the history still shows it as interrupted: "
+                        : "It is redone, but the history still shows it as interrupted: ") +
                text;
     }
     if (Report.Trash.Batch.Failure) {

@@ -105,9 +105,9 @@ std::string TavroTrimText(const std::string& Text);
 ///
 /// @param Path  the path text. A leading `~` is a plain name here.
 /// @return the canonical text, relative only when there is no current directory; empty for empty
-///         input, without looking at the file system; the path
-///         normalised as text alone when the file system cannot resolve it (a directory in it
-///         cannot be searched, a link loops, a name is too long).
+///         input, without looking at the file system; the path normalised as text alone when the
+///         file system cannot resolve it (a directory in it cannot be searched, a link loops, a
+///         name is too long).
 std::string TavroCanonicalizePath(const std::string& Path);
 
 /// The home directory of the user.
@@ -300,7 +300,7 @@ bool TavroCreateDirectory(const std::string& TargetText, const std::filesystem::
 ///           "Failed to copy 'PATH': REASON" (a partial copy stays in the trash; the entry is
 ///           untouched. A copy whose files do not have the sizes of their originals has failed,
 ///           with the text of `std::errc::io_error`: a full disk has cut it short, or a file has
-///           changed meanwhile. A change that keeps the size is not seen),
+///           changed since. A change that keeps the size is not seen),
 ///           "Failed to remove original 'PATH' after copying: REASON" (the copy is removed again; a
 ///           directory may have lost what the removal reached. REASON is "unknown error" when the
 ///           entry was gone);
@@ -377,7 +377,7 @@ void TavroRemoveTrashInfoEntries(const std::vector<TavroTrashEntry>& Entries);
 /// @return true when every entry is back; false with
 ///         - "No trash entries are available to restore."
 ///         - "Trash item is missing: TRASHPATH": also when it cannot be examined, and for a link
-///           that leads nowhere from there, as a relative one mostly does. Nothing was moved.
+///           that leads nowhere from there, as a relative one usually does. Nothing was moved.
 ///         - "Restore target already exists: ORIGINALPATH": also when it cannot be examined.
 ///           Nothing was moved.
 ///         - the move's sentence, as told at TavroTrashEntries. When an entry then cannot go back

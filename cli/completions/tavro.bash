@@ -93,8 +93,8 @@ _tavro() {
   mkdir) options+=' --in --no-sync --no-history' ;;
   delete) options+=' --force --no-sync --no-history' ;;
   trash) options+=' --home --no-copy --recursive --dir --force --interactive --verbose --quiet --no-sync --no-history' ;;
-  undo) options+=' --skip --quiet --no-sync' ;;
-  redo | resume) options+=' --quiet --no-sync' ;;
+  undo) options+=' --skip --quiet --verbose --no-sync' ;;
+  redo | resume) options+=' --quiet --verbose --no-sync' ;;
   history) options+=' --json --drop --color' ;;
   list) options+=' --volume --here --since --older-than --json --null --color' ;;
   restore) options+=' --volume --here --since --older-than --to --keep-both --quiet --verbose --no-sync --no-history' ;;

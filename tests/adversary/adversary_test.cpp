@@ -7,6 +7,7 @@
 #include "adversary.h"
 #include "edit.h"
 #include "history.h"
+#include "history_support.h"
 #include "place.h"
 #include "record.h"
 #include "stride.h"
@@ -97,7 +98,7 @@ void record(TavroOperation operation) {
     TavroCompleteOperation(operation);
     TavroHistory history;
     EXPECT_FALSE(history.Open(TavroHistoryPath(), std::chrono::seconds(5)));
-    EXPECT_FALSE(history.Record(operation));
+    EXPECT_FALSE(recordDone(history, operation));
 }
 
 void transferAndRecord(World& world, bool bMove) {

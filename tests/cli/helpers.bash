@@ -13,10 +13,26 @@ setup() {
   cd "$scratch/here" || return 1
 }
 
+# Each error that the command has printed stands in docs/messages.md.
 teardown() {
   cd /
+  local unknown=''
+  if grep -qs '^tavro: ' "$scratch/said"; then
+    unknown=$(python3 -B "$BATS_TEST_DIRNAME/../../docs/check_messages.py" --match \
+      "$BATS_TEST_DIRNAME/../../docs/messages.md" <"$scratch/said") || echo "not in docs/messages.md: $unknown"
+  fi
   chmod -R u+rwx "$scratch"
   rm -rf "$scratch"
+  [[ -z $unknown ]]
+}
+
+# As that of bats, and notes what was said. A screen that is narrow breaks lines.
+eval "bats_own_$(declare -f run)"
+run() {
+  local result=0
+  bats_own_run "$@" || result=$?
+  [[ " $* " == *' screen '[1-9][0-9]' '* ]] || printf '%s\n' "$output" "${stderr-}" >>"$scratch/said"
+  return "$result"
 }
 
 tavro() {

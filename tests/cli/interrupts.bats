@@ -139,7 +139,7 @@ on_own_terminal() { # TEXT KEYS COMMAND…
   run --separate-stderr at renameat2 INT 1 "$TAVRO" move a b d --no-keep --on-conflict overwrite
   expect "$(ending)" 'exited with 130'
   expect "$output" "Moved $PWD/a -> $PWD/d/a
-What was replaced is deleted; that cannot be undone"
+What was replaced is deleted; this cannot be undone"
   expect "$stderr" 'tavro: Interrupted: what is listed is done'
   expect "$(cat d/a b d/b)" $'new\nnew\nold'
   run -0 tavro undo

@@ -64,7 +64,7 @@ $PWD/b/c"
   [ "$(find . -mindepth 1 | wc -l)" -eq 8 ]
 }
 
-@test "a name that begins with a dash goes behind --" {
+@test "a name that begins with a dash goes after --" {
   run -2 tavro mkdir -x
   run -0 tavro mkdir -- -x
   [ -d ./-x ]

@@ -67,7 +67,7 @@ sys.stdin.read()
   run -1 tavro undo
   expect "$output" "tavro: Cannot be undone: 2 delete $PWD/tree: \
 The deletion of '$PWD/tree' was interrupted and cannot be undone: \
-'tavro resume' finishes it, 'tavro history --drop' leaves what is left
+'tavro resume' finishes it, 'tavro history --drop' keeps what is left
 tavro: With --skip this is undone instead: 1 mkdir $PWD/older"
   run -0 tavro resume
   expect "$output" "Finished: delete
@@ -122,7 +122,7 @@ connection.commit()' "$HOME/.local/state/tavro/history.db"
   killed_at unlinkat 1 "$TAVRO" delete -f a b
   touch b
   run -1 tavro resume
-  expect "$output" "tavro: '$PWD/b' may be another one by now and stays"
+  expect "$output" "tavro: '$PWD/b' may be another entry by now and was left alone"
   [ -e b ]
   tavro history --drop
 }
@@ -281,7 +281,7 @@ connection.commit()' "$HOME/.local/state/tavro/history.db"
   done <"$scratch/log"
   wait "$tracer"
   [[ $first == *'(going on, '[12]' of 3 done)' ]]
-  [[ $second == *'Waiting for another process to end the newest operation'* ]]
+  [[ $second == *'Waiting for another process to finish the newest operation'* ]]
   expect "$stopped" 124
   expect "$(ls)" ''
   run -0 tavro undo
@@ -373,7 +373,7 @@ Copied $PWD/src/b -> $PWD/dst/b"
   tavro trash src/a
   tavro copy src/b dst
   run -1 tavro doctor
-  [[ $output == *"Left over by what was cut off: '$PWD/dst/${left%% *}'"* ]]
+  [[ $output == *"Left over from an interrupted command: '$PWD/dst/${left%% *}'"* ]]
   run -0 tavro doctor --mend-all
   expect "$(ls -A dst)" b
   run -0 tavro doctor
@@ -430,7 +430,7 @@ needs_two_file_systems() {
   tavro empty -qf
   for _ in 1 2; do
     run -1 tavro undo
-    [[ $output == *": '$HOME/.local/share/Trash/files/f' is not in the trash any more
+    [[ $output == *": '$HOME/.local/share/Trash/files/f' is no longer in the trash
 tavro: Nothing else can be undone" ]]
     expect "$(cat d/f)" new
   done
@@ -443,7 +443,7 @@ tavro: Nothing else can be undone" ]]
   killed_at renameat2 4 "$TAVRO" copy --on-conflict overwrite a b d
   rm "$HOME"/.local/share/Trash/files/*
   run -1 tavro undo
-  [[ $output == *' is not in the trash any more'* ]]
+  [[ $output == *' is no longer in the trash'* ]]
   expect "$(cat d/a)" new
   run -0 tavro history
   [[ $output == *interrupted* ]]

@@ -68,6 +68,14 @@ shows() { # TEXT COMMAND…
   run -0 screen 80 -- "$TAVRO" undo
   expect "$output" 'Undone: trash
   from/1 and 60 more'
+  mkdir few
+  touch few/{1..15}
+  tavro trash -q few/*
+  run -0 screen 80 -- "$TAVRO" undo -v
+  expect "${lines[0]} ${#lines[@]}" 'Undone: trash 16'
+  run -0 screen 80 -- "$TAVRO" redo -v
+  expect "${lines[0]} ${#lines[@]}" 'Redone: trash 16'
+  tavro undo -q
   run -0 screen 80 -- "$TAVRO" trash from/{1..10}
   expect "${lines[9]}" 'from/10 -> ~/.local/share/Trash/files/10'
   run -0 screen 80 -- "$TAVRO" trash -v from/{11..25}
@@ -217,6 +225,32 @@ tavro: Stopped: nothing was done")"
   expect "${lines[-1]}" "tavro: Skipped, as something is in its place: 'a'"
   run -0 screen 200 'all ' 'o\n' -- "$TAVRO" move a d
   expect "$(cat d/a)" new
+}
+
+@test "conflicts can be left to the end, where they are asked about; it is one operation" {
+  conflict
+  mkdir tree d/tree
+  echo 1 | tee b >tree/x
+  echo 2 >d/tree/x
+  later="[r]ename, ask [l]ater, [q]uit; a capital letter: for all"
+  run -0 screen 200 'all ' 'l\n' 'all ' 'l\n' 'all ' 'l\n' 'all ' 'o\n' 'all ' 's\n' -- "$TAVRO" copy a tree b d
+  expect "$(grep -c 'is in the way' <<<"$output")" 4
+  [[ ${lines[3]} == *", $later l" && ${lines[7]} == *", $later l" ]]
+  [[ ${lines[11]} == *", [r]ename, [q]uit; a capital letter: for all l" ]]
+  expect "${lines[12]}" "tavro: Type one of the letters in brackets, not 'l'"
+  expect "${output##*for all s$'\n'}" "tavro: Skipped, as something is in its place: 'tree/x'
+Copied b -> d/b
+Copied a -> d/a"
+  expect "$(cat d/a d/tree/x)" $'new\n2'
+  tavro undo -q
+  expect "$(ls d) $(stat -c %s d/a)" $'a\ntree 1234567'
+  run -0 screen 200 'all ' 'L\n' 'all ' 'O\n' -- "$TAVRO" move a tree b d
+  expect "$(grep -c 'is in the way' <<<"$output")" 2
+  expect "$(cat d/a d/tree/x; ls)" $'new\n1\nd'
+  tavro undo -q
+  run -130 screen 200 'all ' 'L\n' 'all ' '\x03' -- env --default-signal=INT "$TAVRO" move a tree b d
+  expect "${lines[-1]}" 'tavro: Interrupted: everything is as it was'
+  expect "$(ls; ls d)" $'a\nb\nd\ntree\na\ntree'
 }
 
 @test "a capital letter answers for all" {

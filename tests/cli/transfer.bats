@@ -75,7 +75,7 @@ load helpers
   touch gone
   run -1 tavro undo
   run -0 tavro history --drop
-  expect "$output" "No longer to be undone: trash
+  expect "$output" "Taken off the list: trash
   $PWD/gone"
   run -0 tavro undo
   [ -f a ]
@@ -135,7 +135,7 @@ load helpers
     echo new >a
     echo old >b
     run -0 --separate-stderr tavro "$act" a b --no-keep --on-conflict overwrite
-    expect "${lines[-1]}" 'What was replaced is deleted; that cannot be undone'
+    expect "${lines[-1]}" 'What was replaced is deleted; this cannot be undone'
     expect "$(cat b)" new
     expect "$(find "$trash" -type f 2>/dev/null)" ''
     run -0 tavro undo
@@ -208,7 +208,7 @@ load helpers
   echo A >a/x
   echo B >b/x
   run -1 --separate-stderr tavro move a/x b/x d/ --on-conflict overwrite
-  expect "$stderr" "tavro: Cannot replace '$PWD/d/x': it was put there by this transfer"
+  expect "$stderr" "tavro: Cannot replace '$PWD/d/x': this transfer put it there"
   expect "$(cat d/x b/x)" $'A\nB'
   run -0 tavro undo
   expect "$(cat a/x)" A

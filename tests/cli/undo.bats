@@ -95,7 +95,7 @@ history_lines() {
   expect "$output" "Undone: mkdir
   $PWD/older"
   expect "$stderr" "tavro: Cannot be undone: 4 copy $PWD/b -> $PWD/b2: '$PWD/b2' is missing
-tavro: Cannot be undone: 2 trash $PWD/a: '$HOME/.local/share/Trash/files/a' is not in the trash any more"
+tavro: Cannot be undone: 2 trash $PWD/a: '$HOME/.local/share/Trash/files/a' is no longer in the trash"
   run -1 tavro undo
   [[ $output == *'tavro: Nothing else can be undone' ]]
 }
@@ -144,14 +144,14 @@ assert (renamed["id"], renamed["undoable"], "reason" in renamed) == (1, True, Fa
     # shellcheck disable=SC2086
     run -1 --separate-stderr tavro $words
     expect "$output" ''
-    [[ $stderr == *"tavro: Nothing was done, as it could not be undone; --no-history does it all the same"* ]]
+    [[ $stderr == *"tavro: Nothing was done, because it could not be undone; --no-history does it anyway"* ]]
     [[ $stderr == *"tavro: Cannot look at '$HOME/.local/state/tavro/history.db': Not a directory"* ]]
     expect "$(ls)" $'a\nb'
   done
   run -0 --separate-stderr tavro trash --no-history a
   expect "$stderr" ''
   run -0 --separate-stderr tavro restore a
-  expect "$stderr" "tavro: This will not stand in the history: \
+  expect "$stderr" "tavro: This will not be in the history: \
 Cannot look at '$HOME/.local/state/tavro/history.db': Not a directory"
   run -0 tavro rename --no-history a c
   run -0 tavro mkdir --no-history d
@@ -159,7 +159,7 @@ Cannot look at '$HOME/.local/state/tavro/history.db': Not a directory"
   run -0 tavro move --no-history c e
   expect "$(ls)" $'b\nd\ne'
   run -0 --separate-stderr tavro delete -f b
-  [[ $stderr == 'tavro: This will not stand in the history: '* ]]
+  [[ $stderr == 'tavro: This will not be in the history: '* ]]
   run -0 --separate-stderr tavro empty -f
   [ ! -e b ]
 }
@@ -181,7 +181,7 @@ Cannot look at '$HOME/.local/state/tavro/history.db': Not a directory"
   last=$(grep -c '^pwrite64' "$scratch/calls")
   run -1 strace -qq -o "$scratch/calls" -e trace=pwrite64 -e inject=pwrite64:error=ENOSPC:when="$last" \
     -P "$HOME/.local/state/tavro/history.db-wal" "$TAVRO" rename b c
-  [[ $output == *"tavro: It is done, but the history has it as interrupted: Cannot save the history"* ]]
+  [[ $output == *"tavro: It is done, but the history still shows it as interrupted: Cannot save the history"* ]]
   [ -e c ]
   run -0 tavro undo
   [ -e b ]

@@ -34,7 +34,7 @@ Try '$2 --help'"
   refused "Unexpected argument '2'" 'tavro undo' undo 1 2
   refused '--in was given more than once' 'tavro copy' copy --in a --in b c d
   refused '--json cannot be given together with --null' 'tavro list' list --json -0
-  refused "Option '--quiet' goes behind 'tavro trash'" 'tavro trash' --quiet trash a
+  refused "Option '--quiet' goes after 'tavro trash'" 'tavro trash' --quiet trash a
 }
 
 @test "a value that is not taken is told with those that are" {
@@ -61,7 +61,7 @@ Try '$2 --help'"
 }
 
 @test "a name that begins with a dash is shown the way behind two dashes" {
-  local hint='; a name that begins with a dash goes behind --'
+  local hint='; a name that begins with a dash goes after --'
   touch -- --quite
   refused "Unknown option '-x.txt'$hint" 'tavro trash' trash -x.txt
   refused "Unknown option '-rf'$hint" 'tavro delete' delete -rf a

@@ -105,7 +105,7 @@ Path=d%20%C3%A9/50%25%20%24"
     as_nobody() { HOME=/here/nobody setpriv --reuid 65534 --regid 65534 --clear-groups $TAVRO "$@"; }
     status=0
     said=$(as_nobody trash --no-copy /one/d/a 2>&1) || status=$?
-    expect "$status: $said" "1: tavro: Cannot move '"'/one/d/a'"' to the trash without copying it: its volume takes no trash"
+    expect "$status: $said" "1: tavro: Cannot move '"'/one/d/a'"' to the trash without copying it: its volume cannot hold a trash"
     [[ -f /one/d/a ]]
     expect "$(as_nobody trash /one/d/a 2>&1)" "tavro: 1 entry on another file system will be copied to the trash (0 bytes)
 /one/d/a -> /here/nobody/.local/share/Trash/files/a"
@@ -226,6 +226,34 @@ Path=d%20%C3%A9/50%25%20%24"
       said=$(timeout -s KILL 20 $TAVRO $command --volume /silent 2>&1 9>&-) && exit 1
       expect "$said" "tavro: Cannot look at '"'/silent'"': Connection timed out"
     done'
+}
+
+@test "history and list --here do not wait for a volume that does not answer" {
+  [[ -c /dev/fuse ]] || skip 'there is no /dev/fuse'
+  command -v strace >/dev/null || skip 'strace is not installed'
+  strace -qq -o "$scratch/probe" true || skip 'strace may not trace here'
+  in_own_root '
+    mkdir /silent
+    mount -t tmpfs silent /silent
+    mkdir /silent/d
+    touch /silent/d/a b c
+    tavro trash -q --home /silent/d/a
+    tavro copy -q b /silent/d
+    tavro trash -q c
+    fails strace -qq -o /dev/null -e inject=renameat2:signal=KILL $TAVRO rename /silent/d/b x
+    exec 9<>/dev/fuse
+    mount -i -t fuse -o fd=9,rootmode=40000,user_id=0,group_id=0 silent /silent
+    why="Cannot look at '"'/silent'"': Connection timed out"
+    for command in history "history --json" "list --here" "empty -f --here --older-than 1"; do
+      timeout -s KILL 20 $TAVRO $command >"/tmp/${command// /}" 2>/tmp/said 9>&-
+      [[ $command = history* ]] ||
+        expect "$(cat /tmp/said)" "tavro: '"'/silent'"' does not answer and is passed over"
+    done
+    expect "$(grep -c "rename .*(interrupted: $why)$" /tmp/history)" 1
+    expect "$(grep -c "(cannot be undone: $why)$" /tmp/history)" 2
+    expect "$(grep -c "trash  /here/c$" /tmp/history)" 1
+    expect "$(grep -c "\"reason\": \"$why\"" /tmp/history--json)" 3
+    expect "$(cut -f 4 /tmp/list--here)" /here/c'
 }
 
 @test "the trash of a volume is neither trashed nor moved nor deleted" {
@@ -485,4 +513,116 @@ old"
     tavro undo -q
     tavro redo -q
     [[ -d /one/.Trash-0/files/d ]]'
+}
+
+@test "a subvolume of btrfs that is not mounted has no trash of its own, and no trash is seen twice" {
+  command -v mkfs.btrfs >/dev/null || skip 'mkfs.btrfs is not installed (btrfs-progs)'
+  grep -qw btrfs /proc/filesystems || modprobe -q btrfs 2>/dev/null || skip 'the kernel has no btrfs'
+  in_own_root '
+    truncate -s 200M /tmp/image
+    mkfs.btrfs -q /tmp/image 2>/dev/null
+    mount -o loop /tmp/image /one
+    for sub in /one/plain /one/mounted; do btrfs -q subvolume create $sub; done
+    mkdir /one/d /here/sub
+    btrfs -q subvolume create /one/d/inner
+    mount -o subvol=mounted "$(df --output=source /one | tail -n 1)" /here/sub
+    echo 1 >/one/a
+    echo 2 >/one/plain/b
+    echo 3 >/here/sub/c
+    echo 4 >/one/d/inner/e
+    echo 5 >/one/mounted/f
+    expect "$(tavro trash /one/a)" "/one/a -> /one/.Trash-0/files/a"
+    fails tavro trash --no-copy /one/plain/b 2>/dev/null
+    expect "$(tavro trash /one/plain/b 2>/dev/null)" "/one/plain/b -> /home/.local/share/Trash/files/b"
+    expect "$(tavro trash /here/sub/c)" "/here/sub/c -> /here/sub/.Trash-0/files/c"
+    expect "$(tavro trash /one/d)" "/one/d -> /one/.Trash-0/files/d"
+    tavro trash -q /one/mounted/f
+    expect "$(tavro list | cut -f 4 | sort)" "/here/sub/c
+/one/a
+/one/d
+/one/mounted/f
+/one/plain/b"
+    expect "$(tavro list --volume /here/sub | cut -f 4)" /here/sub/c
+    expect "$(tavro list --volume /one/plain | cut -f 4 | sort)" "/one/a
+/one/d"
+    for id in 1 2 3 4 5; do tavro undo -q; done
+    expect "$(cat /one/a /one/plain/b /here/sub/c /one/d/inner/e /one/mounted/f)" "1
+2
+3
+4
+5"
+    expect "$(tavro list)" ""
+    tavro move -q /one/plain/b /here/sub/
+    tavro copy -q /one/d /one/plain/
+    tavro undo -q
+    tavro undo -q
+    expect "$(cat /one/plain/b)" 2
+    [[ ! -e /one/plain/d && ! -e /here/sub/b ]]
+    expect "$(tavro doctor)" "The trash is in order"'
+}
+
+# at_a_stick MAKE MOUNT: works on a file system that has no modes and no lasting numbers of files.
+at_a_stick() {
+  in_own_root "
+    truncate -s 64M /tmp/image
+    $1 /tmp/image >/dev/null
+    mount_it() { $2; }
+    trap 'umount /one' EXIT"'
+    mount_it
+    mkdir /one/d
+    echo 1 >/one/a
+    echo 2 >/one/d/b
+    expect "$(tavro trash /one/a /one/d)" "/one/a -> /one/.Trash-0/files/a
+/one/d -> /one/.Trash-0/files/d"
+    expect "$(tavro list --volume /one | cut -f 2- | sort)" "2	a	/one/a
+2	d	/one/d"
+    tavro undo -q
+    expect "$(cat /one/a /one/d/b)" "1
+2"
+    tavro redo -q
+    tavro restore -q a d
+    expect "$(cat /one/a /one/d/b)" "1
+2"
+    touch -d "2024-01-01 10:00:01.5" c
+    tavro copy -q c /one/
+    expect "$(tavro undo)" "Undone: copy
+  /here/c -> /one/c"
+    [[ ! -e /one/c && -f /one/.Trash-0/files/c ]]
+    tavro redo -q
+    [[ -f /one/c ]]
+    tavro copy -q --on-conflict overwrite c /one/a
+    expect "$(wc -c </one/a)" 0
+    tavro undo -q
+    expect "$(cat /one/a)" 1
+    tavro move -q c /one/d/
+    tavro undo -q
+    [[ -f c && ! -e /one/d/c ]]
+    tavro mkdir /one/x/y >/dev/null
+    tavro undo -q
+    [[ ! -e /one/x ]]
+    expect "$(tavro doctor)" "The trash is in order"
+    tavro empty -f -q
+    tavro trash -q /one/a /one/d
+    umount /one
+    mount_it
+    expect "$(tavro list | cut -f 4 | sort)" "/one/a
+/one/d"
+    tavro undo -q 2>/dev/null || tavro restore -q a d
+    expect "$(cat /one/a /one/d/b)" "1
+2"'
+}
+
+@test "a stick with FAT is trashed to, listed, restored from and undone" {
+  command -v mkfs.vfat >/dev/null || skip 'mkfs.vfat is not installed (dosfstools)'
+  grep -qw vfat /proc/filesystems || modprobe -q vfat 2>/dev/null || skip 'the kernel has no vfat'
+  at_a_stick mkfs.vfat 'mount -t vfat -o loop /tmp/image /one'
+}
+
+@test "a stick with exFAT, by FUSE, is trashed to, listed, restored from and undone" {
+  command -v mkfs.exfat >/dev/null || skip 'mkfs.exfat is not installed (exfatprogs)'
+  command -v mount.exfat-fuse >/dev/null || skip 'mount.exfat-fuse is not installed (exfat-fuse)'
+  [[ -c /dev/fuse ]] || skip 'there is no /dev/fuse'
+  at_a_stick mkfs.exfat 'loop=$(losetup -f --show /tmp/image)
+    mount.exfat-fuse $loop /one >/dev/null 2>&1 3>&- &&
+    losetup -d $loop'
 }

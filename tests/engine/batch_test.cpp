@@ -98,7 +98,7 @@ TEST_F(Batch, checks_all_before_it_moves_anything) {
         {step("1/below", "to"), inQuotes(at("1/below")) + " is missing"},
         {step("2", "dangling"), inQuotes(at("dangling")) + " is in the way"},
         {step("2", "other"), inQuotes(at("other")) + " is in the way"},
-        {wrong, inQuotes(at("2")) + " changed meanwhile and stays"},
+        {wrong, inQuotes(at("2")) + " changed in the meantime and was left alone"},
     };
     for (const auto& [second, sentence] : refused) {
         EXPECT_EQ(runInVain({step("1", "moved"), second}), sentence);
@@ -255,7 +255,8 @@ TEST_F(Batch, gives_back_what_took_the_name_of_an_expected_file_at_the_last_mome
         fs::rename(at("1"), at("kept"));
         writeFile(at("1"), "theirs");
     });
-    EXPECT_EQ(TavroDescribe(run(steps)), inQuotes(at("1")) + " changed meanwhile and stays");
+    EXPECT_EQ(TavroDescribe(run(steps)),
+              inQuotes(at("1")) + " changed in the meantime and was left alone");
     EXPECT_TRUE(swap.bActed());
     EXPECT_EQ(readFile(at("1")), "theirs");
     EXPECT_EQ(readFile(at("kept")), "1");

@@ -155,4 +155,12 @@ TEST_F(Changes, that_cannot_be_brought_to_the_disk_are_told) {
     EXPECT_EQ(flush(changes), Calls{});
 }
 
+TEST_F(Changes, to_a_directory_that_a_file_system_does_not_find_any_more_need_no_disk) {
+    TavroChanges changes(true);
+    changes.Add(directory("a"));
+    const FaultInjector fault({{"fsync", ENOENT, "/a"}});
+    EXPECT_EQ(flush(changes).size(), 1U);
+    EXPECT_EQ(fault.fired(), 1);
+}
+
 } // namespace

@@ -27,7 +27,7 @@ TEST(Failure, is_none_until_something_failed) {
 TEST(Failure, says_the_paths_and_the_reason) {
     EXPECT_EQ("Cannot move '/a b' to 'c%p%e': Permission denied",
               TavroDescribe(TavroFail(Kind::MoveTo, EACCES, "/a b", "c%p%e")));
-    EXPECT_EQ("'/a' is not in the trash any more",
+    EXPECT_EQ("'/a' is no longer in the trash",
               TavroDescribe(TavroFail(Kind::ItemMissing, 0, "/a")));
     EXPECT_EQ("Several entries named 'x' are in the trash, from '/a' and '/b'",
               TavroDescribe({Kind::SeveralNamed, {}, "x", "'/a' and '/b'"}));

@@ -1,5 +1,6 @@
 // How an operation is kept in the history, before it acts and when it has ended.
 
+#include "history_support.h"
 #include "journal.h"
 
 #include "fault_injector.h"
@@ -166,19 +167,18 @@ TEST_F(Journal, an_operation_does_not_begin_when_it_cannot_be_taken_out_of_the_h
     listed();
     TavroJournal journal = this->journal();
     const TavroCallbacks callbacks = journal.Bind({});
-    std::optional<TavroHistory> other; // begins to write just after the operation was kept
+    std::optional<OtherProgram> other; // begins to write just after the operation was kept
     std::optional<FaultInjector> faults;
     const CallObserver observer([&](const std::string& call, const std::string& path) {
         if (call == "fsync" && path.find("history.db-wal") != std::string::npos && !other) {
-            ASSERT_FALSE(open(other.emplace()));
-            ASSERT_FALSE(other->Begin());
+            other.emplace(file()).execute("BEGIN IMMEDIATE");
         }
     });
     faults.emplace(std::vector<Fault>{{"fsync", EIO, "history.db-wal"}});
     EXPECT_EQ(callbacks.BeforeActs(Kind::Move, {step("a")}).Kind, TavroFailureKind::HistorySave);
     EXPECT_EQ(faults->fired(), 1);
     ASSERT_TRUE(other);
-    other->Rollback();
+    other->execute("ROLLBACK");
     EXPECT_FALSE(journal.End(done({})));
     EXPECT_EQ(listed().size(), 0U);
 }
@@ -201,22 +201,22 @@ TEST_F(Journal, an_operation_in_the_history_does_not_go_on_with_what_cannot_be_k
 }
 
 TEST_F(Journal, an_operation_does_not_begin_while_another_process_keeps_the_history) {
-    TavroHistory other;
-    ASSERT_FALSE(open(other));
-    ASSERT_FALSE(other.Begin());
+    listed();
+    OtherProgram other(file());
+    other.execute("BEGIN IMMEDIATE");
     TavroJournal journal = this->journal();
     const TavroCallbacks callbacks = journal.Bind({});
     EXPECT_EQ(callbacks.BeforeActs(Kind::Move, {step("a")}).Kind, TavroFailureKind::HistoryBusy);
     EXPECT_FALSE(journal.Problem());
-    other.Rollback();
+    other.execute("ROLLBACK");
     EXPECT_FALSE(callbacks.BeforeActs(Kind::Move, {step("a")}));
     EXPECT_EQ(listed().size(), 1U);
 }
 
 TEST_F(Journal, an_operation_does_not_begin_when_the_wait_is_cancelled) {
-    TavroHistory other;
-    ASSERT_FALSE(open(other));
-    ASSERT_FALSE(other.Begin());
+    listed();
+    OtherProgram other(file());
+    other.execute("BEGIN IMMEDIATE");
     TavroJournal journal([this](TavroHistory& history) {
         return history.Open(file(), std::chrono::hours(1), [] { return true; });
     });
@@ -228,7 +228,7 @@ TEST_F(Journal, goes_on_with_an_operation_of_an_open_history) {
     TavroHistory history;
     ASSERT_FALSE(open(history));
     TavroOperation operation = done({step("a")});
-    ASSERT_FALSE(history.Record(operation));
+    ASSERT_FALSE(recordDone(history, operation));
     bool bChanged = true;
     ASSERT_FALSE(history.ContinueOperation(operation, State::Undoing, bChanged));
     EXPECT_FALSE(bChanged);

@@ -90,7 +90,7 @@ TEST_F(MoveAcross, a_tree_of_which_something_cannot_be_copied_stays_whole) {
     bindSocket(source("tree/sub/socket"));
     const Snapshot before = takeSnapshot(source());
     EXPECT_FALSE(moveEntry("tree"));
-    EXPECT_EQ("A socket is not copied: '/source/tree/sub/socket'\n", failures());
+    EXPECT_EQ("Cannot copy a socket: '/source/tree/sub/socket'\n", failures());
     EXPECT_EQ(before, takeSnapshot(source()));
     EXPECT_TRUE(fs::is_empty(target()));
 }
@@ -157,7 +157,7 @@ TEST_F(MoveAcross, a_source_that_changes_unseen_before_its_copy_has_a_name_stays
         EXPECT_FALSE(moveEntry(name));
         EXPECT_TRUE(observer.isDone());
         EXPECT_EQ(Kind::Changed, m_moved.Failure.Kind);
-        EXPECT_EQ("'/source/" + what + "' changed while it was moved\n", failures());
+        EXPECT_EQ("'/source/" + what + "' changed while it was being moved\n", failures());
         EXPECT_EQ("Xytes", readFile(source(what)));
         EXPECT_TRUE(fs::is_empty(target()));
     }
@@ -175,12 +175,12 @@ TEST_F(MoveAcross, a_source_that_changes_unseen_after_its_copy_has_a_name_stays_
         EXPECT_TRUE(observer.isDone());
         EXPECT_EQ("Xytes", readFile(source(what)));
         if (name == "file") { // whose own bytes are synced first
-            EXPECT_EQ("'/source/file' changed while it was moved\n", failures());
+            EXPECT_EQ("'/source/file' changed while it was being moved\n", failures());
             EXPECT_FALSE(isPresent(target("file")));
             continue;
         }
-        EXPECT_EQ("A copy of '/source/tree' stays at '/target/tree'\n"
-                  "'/source/tree/a' changed while it was moved\n"
+        EXPECT_EQ("A copy of '/source/tree' is left at '/target/tree'\n"
+                  "'/source/tree/a' changed while it was being moved\n"
                   "Cannot remove '/source/tree' after copying: " +
                       systemText(std::errc::directory_not_empty) + "\n",
                   failures());
@@ -200,8 +200,8 @@ TEST_F(MoveAcross, a_source_that_is_replaced_or_vanishes_does_not_take_its_copy_
             }
         });
         EXPECT_FALSE(moveEntry("file"));
-        EXPECT_EQ("A copy of '/source/file' stays at '/target/file'\n"
-                  "'/source/file' changed while it was moved\n",
+        EXPECT_EQ("A copy of '/source/file' is left at '/target/file'\n"
+                  "'/source/file' changed while it was being moved\n",
                   failures());
         EXPECT_EQ("bytes", readFile(target("file")));
         EXPECT_EQ(bReplaced, isPresent(source("file")));
@@ -389,8 +389,8 @@ TEST_F(MoveAcross, no_source_is_removed_when_its_published_copy_is_not_what_was_
         const Before observer("fsync", "", [&] { damage(target("tree/in/a")); });
         EXPECT_FALSE(moveEntry("tree"));
         EXPECT_TRUE(observer.isDone());
-        EXPECT_EQ("A copy of '/source/tree' stays at '/target/tree'\n"
-                  "The copy of '/source/tree/in/a' is not whole\n",
+        EXPECT_EQ("A copy of '/source/tree' is left at '/target/tree'\n"
+                  "The copy of '/source/tree/in/a' is incomplete\n",
                   failures());
         EXPECT_EQ("bytes", readFile(source("tree/in/a")));
         EXPECT_EQ("bytes", readFile(source("tree/b")));

@@ -83,7 +83,7 @@ TEST_F(MoveTest, touches_nothing_when_the_source_is_not_the_expected_file) {
     const struct stat status = statusOf(source("file"));
     for (const bool bCopy : {false, true}) {
         EXPECT_FALSE(bring(bCopy, source("file"), target("file")));
-        EXPECT_EQ("'/source/file' changed while it was moved\n", failures());
+        EXPECT_EQ("'/source/file' changed while it was being moved\n", failures());
         EXPECT_EQ(before, attributesOfTree(m_box.path()));
         EXPECT_TRUE(TavroIsUnchanged(TavroStateOf(status), TavroStateOf(statusOf(source("file")))));
     }

@@ -332,6 +332,117 @@ TEST_F(TransferConflicts, what_is_older_is_overwritten_alone) {
               m_asked);
 }
 
+TEST_F(TransferConflicts, what_is_put_off_is_asked_about_when_everything_else_is_ready) {
+    writeFile(source("last"), "no conflict");
+    for (const bool bForAll : {false, true}) {
+        for (const bool bMove : {false, true}) {
+            fs::remove_all(target());
+            writeFile(source("file"), "new");
+            writeFile(target("file"), "old");
+            writeFile(source("tree/deep/both"), "new in tree");
+            writeFile(target("tree/deep/both"), "old in tree");
+            writeFile(source("last"), "no conflict");
+            m_asked.clear();
+            m_callbacks.OnConflict = [&](const TavroTransferConflict& conflict) {
+                m_asked += shortened(conflict.DestinationPath) + (conflict.bCanWait ? "" : " now") +
+                           (debris().find("target") == std::string::npos ? "\n" : ", rest ready\n");
+                return TavroConflictAnswer{conflict.bCanWait ? TavroConflictChoice::Later
+                                                             : TavroConflictChoice::Overwrite,
+                                           conflict.bCanWait && bForAll};
+            };
+            EXPECT_TRUE(run(bMove, {"file", "tree/deep", "last"})) << report();
+            const std::string ready = bMove ? "" : ", rest ready";
+            EXPECT_EQ(std::string("/target/file\n") + (bForAll ? "" : "/target/tree/deep/both\n") +
+                          "/target/file now" + ready + "\n/target/tree/deep/both now" + ready +
+                          "\n",
+                      m_asked);
+            EXPECT_EQ("done /source/last -> /target/last\n"
+                      "done /source/file -> /target/file replaced\n"
+                      "done /source/tree/deep/both -> /target/tree/deep/both replaced\n",
+                      report());
+            EXPECT_EQ("new", readFile(target("file")));
+            EXPECT_EQ("new in tree", readFile(target("tree/deep/both")));
+            EXPECT_EQ(!bMove, isPresent(source("tree/deep"))); // which a move has emptied at last
+            EXPECT_EQ("", debris());
+        }
+    }
+}
+
+TEST_F(TransferConflicts,
+       a_directory_that_is_emptied_by_what_was_put_off_is_removed_and_told_once) {
+    writeFile(source("late/file"), "is where the file was");
+    add("tree", "tree");
+    add("file", "new name");
+    add("late/file", "new name"); // which brings what waits to its place first
+    std::vector<TavroStep> steps;
+    m_callbacks.BeforeActs = [&](TavroOperationKind, const std::vector<TavroStep>& more) {
+        steps.insert(steps.end(), more.begin(), more.end());
+        return TavroFailure();
+    };
+    m_callbacks.OnConflict = [](const TavroTransferConflict& conflict) {
+        return TavroConflictAnswer{conflict.bCanWait ? TavroConflictChoice::Later
+                                                     : TavroConflictChoice::KeepBoth};
+    };
+    EXPECT_TRUE(move()) << report();
+    EXPECT_FALSE(isPresent(source("tree")));
+    ASSERT_EQ(1U, m_report.RemovedDirectories.size());
+    EXPECT_EQ(source("tree"), m_report.RemovedDirectories[0].Path);
+    EXPECT_EQ(1, std::count_if(steps.begin(), steps.end(), [](const TavroStep& step) {
+                  return step.Role == TavroStepRole::RemovedDirectory;
+              }));
+    EXPECT_EQ("new in tree", readFile(target("tree/both copy 1")));
+    EXPECT_EQ("is where the file was", readFile(target("new name copy 1")));
+}
+
+TEST_F(TransferConflicts, nothing_is_put_off_twice_nor_where_nothing_else_is_left) {
+    answer(TavroConflictChoice::Later, true);
+    EXPECT_TRUE(copy({"file"}));
+    EXPECT_EQ("skipped /source/file\n", report());
+    EXPECT_EQ("/source/file -> /target/file\n", std::exchange(m_asked, ""));
+    EXPECT_TRUE(copy({"file", "kind"}));
+    EXPECT_EQ("skipped /source/file\nskipped /source/kind\n", report());
+    EXPECT_EQ("/source/file -> /target/file\n/source/kind -> /target/kind onto directory\n"
+              "/source/file -> /target/file\n/source/kind -> /target/kind onto directory\n",
+              m_asked);
+}
+
+TEST_F(TransferConflicts, a_cancel_at_what_was_put_off_leaves_everything_as_it_was) {
+    const Snapshot before = takeSnapshot(m_box.path());
+    bool bCancel = false;
+    m_callbacks.ShouldCancel = [&] { return bCancel; };
+    m_callbacks.OnConflict = [&](const TavroTransferConflict& conflict) {
+        bCancel = !conflict.bCanWait;
+        return TavroConflictAnswer{bCancel ? TavroConflictChoice::Stop
+                                           : TavroConflictChoice::Later};
+    };
+    for (const bool bMove : {false, true}) {
+        bCancel = false;
+        EXPECT_FALSE(run(bMove, {"file", "tree"}));
+        EXPECT_TRUE(bCancel);
+        EXPECT_EQ("cancelled\n", report());
+        EXPECT_EQ(before, takeSnapshot(m_box.path()));
+    }
+}
+
+TEST_F(TransferConflicts, what_is_put_off_goes_nowhere_else_when_its_directory_is_swapped) {
+    makeDirectory(m_box / "elsewhere");
+    fs::remove(source("tree/only here"));
+    m_callbacks.OnConflict = [&](const TavroTransferConflict& conflict) {
+        if (conflict.bCanWait) {
+            fs::rename(target("tree"), m_box / "away");
+            fs::create_directory_symlink(m_box / "elsewhere", target("tree"));
+        }
+        return TavroConflictAnswer{conflict.bCanWait ? TavroConflictChoice::Later
+                                                     : TavroConflictChoice::Overwrite};
+    };
+    EXPECT_FALSE(copy({"tree"}));
+    EXPECT_TRUE(fs::is_empty(m_box / "elsewhere"));
+    EXPECT_EQ("old in tree", readFile(m_box / "away/both"));
+    EXPECT_NE(std::string::npos, report().find("failed: Cannot read '/target/tree/both'"))
+        << report();
+    EXPECT_EQ("", debris());
+}
+
 TEST_F(TransferConflicts, keeping_both_inside_a_merge_does_not_rename_the_item) {
     add("tree", "tree");
     answer(TavroConflictChoice::KeepBoth);
@@ -365,10 +476,9 @@ TEST_F(TransferConflicts, what_a_transfer_has_put_somewhere_is_not_replaced_by_i
                 EXPECT_FALSE(run(bMove));
                 EXPECT_EQ("done /source/1/x -> /target/x\n"
                           "done /source/1/directory -> /target/directory\n"
-                          "failed: Cannot replace '/target/x': it was put there by "
-                          "this transfer\n"
-                          "failed: Cannot replace '/target/directory/in/y': it "
-                          "was put there by this transfer\n",
+                          "failed: Cannot replace '/target/x': this transfer put it there\n"
+                          "failed: Cannot replace '/target/directory/in/y': this "
+                          "transfer put it there\n",
                           report());
                 EXPECT_EQ("x of 1", readFile(target("x")));
                 EXPECT_EQ("x of 2", readFile(source("2/x")));

@@ -22,7 +22,7 @@ TEST_F(CarryOutTransfer, a_source_that_shrinks_is_named_and_nothing_arrives) {
             return false;
         });
         EXPECT_FALSE(run(bElsewhere, {"big"}));
-        EXPECT_EQ("failed: '/source/big' became shorter while it was copied\n", report());
+        EXPECT_EQ("failed: '/source/big' became shorter while it was being copied\n", report());
         EXPECT_EQ(bytesOf(9 * mebibyte).substr(0, 5), readFile(source("big")));
         EXPECT_TRUE(fs::is_empty(target()));
     }
@@ -36,7 +36,7 @@ TEST_F(CarryOutTransfer, a_sparse_source_that_shrinks_does_not_arrive_with_zeros
         return false;
     });
     EXPECT_FALSE(copy({"big"}));
-    EXPECT_EQ("failed: '/source/big' became shorter while it was copied\n", report());
+    EXPECT_EQ("failed: '/source/big' became shorter while it was being copied\n", report());
     EXPECT_TRUE(fs::is_empty(target()));
 }
 
@@ -63,7 +63,7 @@ TEST_F(CarryOutTransfer, a_source_that_changes_is_not_moved_between_file_systems
             return false;
         });
         EXPECT_FALSE(move({"big"}));
-        EXPECT_EQ("failed: '/source/big' changed while it was moved\n", report());
+        EXPECT_EQ("failed: '/source/big' changed while it was being moved\n", report());
         EXPECT_EQ(now, readFile(source("big")));
         EXPECT_TRUE(fs::is_empty(target()));
     }
@@ -178,8 +178,8 @@ TEST_F(LastMoment, a_source_that_changes_at_the_last_moment_stays) {
     EXPECT_FALSE(move({"file"}));
     EXPECT_EQ("newer", readFile(source("file")));
     EXPECT_EQ("old", readFile(target("file")));
-    EXPECT_EQ("failed: A copy of '/source/file' stays at '/target/file'\n"
-              "failed: '/source/file' changed while it was moved\n",
+    EXPECT_EQ("failed: A copy of '/source/file' is left at '/target/file'\n"
+              "failed: '/source/file' changed while it was being moved\n",
               report());
 }
 
@@ -196,7 +196,7 @@ TEST_F(LastMoment, a_source_that_cannot_be_examined_at_the_last_moment_stays) {
     faults.reset();
     EXPECT_EQ("bytes", readFile(source("file")));
     EXPECT_EQ("bytes", readFile(target("file")));
-    EXPECT_EQ("failed: A copy of '/source/file' stays at '/target/file'\n"
+    EXPECT_EQ("failed: A copy of '/source/file' is left at '/target/file'\n"
               "failed: Cannot read '/source/file': " +
                   systemText(std::errc::io_error) + "\n",
               report());

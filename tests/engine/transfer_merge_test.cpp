@@ -220,8 +220,8 @@ TEST_F(LedAstray, what_others_take_as_soon_as_it_has_its_name_is_not_said_to_lie
     }
     EXPECT_TRUE(bTaken);
     EXPECT_EQ("bytes", readFile(m_box / "taken"));
-    EXPECT_NE(std::string::npos, report().find("changed while it was moved")) << report();
-    EXPECT_EQ(std::string::npos, report().find("lies at")) << report();
+    EXPECT_NE(std::string::npos, report().find("changed while it was being moved")) << report();
+    EXPECT_EQ(std::string::npos, report().find("is now at")) << report();
 }
 
 /// A directory deep in a merge is moved away when the first entry gets its name there.

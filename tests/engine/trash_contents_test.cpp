@@ -444,10 +444,10 @@ TEST_F(RemoveFromTrash, never_leaves_the_trash) {
          {std::string(), std::string("."), std::string(".."), std::string("../files/a"),
           std::string("a/"), (sandbox() / "home/precious").string(),
           std::string("../../../../precious")}) {
-        EXPECT_EQ(remove({named(name)}), "'" + name + "' is no name of an entry in the trash");
+        EXPECT_EQ(remove({named(name)}), "'" + name + "' is not the name of an item in the trash");
         EXPECT_EQ(takeSnapshot(sandbox()), before);
     }
-    EXPECT_EQ(remove({named("a\0b"s)}), "'a\0b' is no name of an entry in the trash"s);
+    EXPECT_EQ(remove({named("a\0b"s)}), "'a\0b' is not the name of an item in the trash"s);
     EXPECT_EQ(takeSnapshot(sandbox()), before);
 }
 
@@ -504,7 +504,7 @@ TEST_F(RemoveFromTrash, keeps_what_took_the_name_of_a_listed_item) {
     fs::rename(item("a"), home() / "a"); // its inode stays in use
     put("a", "/a", "2024-01-01T00:00:00");
     const Snapshot before = takeSnapshot(item("a"));
-    EXPECT_EQ(remove(items), "'a' changed meanwhile and stays");
+    EXPECT_EQ(remove(items), "'a' changed in the meantime and was left alone");
     EXPECT_EQ(takeSnapshot(item("a")), before);
     EXPECT_EQ(names(list()), Names{"a"});
 }
@@ -518,7 +518,7 @@ TEST_F(RemoveFromTrash, keeps_an_item_that_was_restored_changed_and_trashed_agai
         fs::rename(home() / "a", item("a"));
         ASSERT_EQ(lstat(item("a").c_str(), &status), 0);
     } while (status.st_ctim.tv_sec * 1000000000LL + status.st_ctim.tv_nsec == items[0].ChangeTime);
-    EXPECT_EQ(remove(items), "'a' changed meanwhile and stays");
+    EXPECT_EQ(remove(items), "'a' changed in the meantime and was left alone");
     EXPECT_EQ(names(list()), Names{"a"});
 }
 

@@ -70,7 +70,7 @@ TEST_F(RestoreSelection, refuses_an_item_that_is_missing) {
     const auto list = trash({doc("a.txt"), doc("b.txt")});
     fs::remove(item("b.txt"));
     EXPECT_EQ(TavroDescribe(restoreInVain(list)),
-              inQuotes(item("b.txt")) + " is not in the trash any more");
+              inQuotes(item("b.txt")) + " is no longer in the trash");
     EXPECT_TRUE(isPresent(item("a.txt")));
 }
 
@@ -80,7 +80,7 @@ TEST_F(RestoreSelection, refuses_what_took_the_name_of_an_item) {
     writeFile(item("b.txt"), "theirs");
     const Snapshot before = takeSnapshot(sandbox());
     EXPECT_EQ(TavroDescribe(restoreInVain(list)),
-              inQuotes(item("b.txt")) + " changed meanwhile and stays");
+              inQuotes(item("b.txt")) + " changed in the meantime and was left alone");
     EXPECT_EQ(takeSnapshot(sandbox()), before);
     list[1].Item = {}; // which file it was is not known
     restore(list);

@@ -597,8 +597,8 @@ TEST_F(TrashFromAfar, is_refused_where_it_must_not_be_copied_and_nothing_stays_m
     const TavroTrashReport report = TavroTrashSelection(select({doc("near.txt"), far("big.bin")}),
                                                         {}, {}, {}, TavroTrashOptions{false, true});
     EXPECT_EQ(TavroDescribe(report), "Cannot move " + inQuotes(far("big.bin")) +
-                                         " to the trash without copying it: its volume takes no "
-                                         "trash");
+                                         " to the trash without copying it: its volume cannot "
+                                         "hold a trash");
     EXPECT_EQ(readFile(docs() / "near.txt"), "bytes");
     EXPECT_TRUE(isPresent(far("big.bin")));
     expectEmptyTrash();
@@ -670,7 +670,7 @@ TEST_F(TrashFromAfar, of_what_cannot_be_removed_there_says_so_and_keeps_the_reco
             bInTrash ? item("directory") / "inner.txt" : far("directory/inner.txt");
         EXPECT_EQ(readFile(inner), "inner");
         const std::string both =
-            "; of " + inQuotes(far("directory")) + " there is also " + inQuotes(item("directory"));
+            "; " + inQuotes(far("directory")) + " is also at " + inQuotes(item("directory"));
         EXPECT_EQ(TavroDescribe(report).find(both) != std::string::npos, bInTrash)
             << TavroDescribe(report);
     });

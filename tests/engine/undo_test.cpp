@@ -1,6 +1,7 @@
 // What undoing and redoing make of the disk. Whatever is refused or fails must leave the whole
 // sandbox, history included, as it was.
 
+#include "history_support.h"
 #include "undo.h"
 
 #include "transfer.h"
@@ -106,7 +107,7 @@ public: // the steps are passed on as pointers to members
         TavroCompleteOperation(operation);
         TavroHistory history;
         open(history);
-        ASSERT_EQ(TavroDescribe(history.Record(operation)), "");
+        ASSERT_EQ(TavroDescribe(recordDone(history, operation)), "");
     }
 
     Outcome undo(const TavroCallbacks& callbacks = {}) const {
@@ -362,7 +363,7 @@ TEST_F(Undo, two_processes_never_undo_the_same_operation) {
     callbacks.ShouldCancel = [&] {
         ++tried;
         const Outcome second = undo();
-        EXPECT_EQ(second.Message, "Another process is still at the newest operation");
+        EXPECT_EQ(second.Message, "Another process is still working on the newest operation");
         EXPECT_EQ(listed().size(), 1U) << "who only reads does not wait";
         return false;
     };
@@ -438,7 +439,7 @@ TEST_F(Undo, one_that_could_not_be_saved_afterwards_says_what_holds) {
         const FailingWrites failing([this] { return isPresent(work("a")); });
         const Outcome outcome = undo();
         EXPECT_EQ(outcome.Message,
-                  "It is undone, but the history has it as interrupted: " + notSaved);
+                  "It is undone, but the history still shows it as interrupted: " + notSaved);
         EXPECT_TRUE(outcome.Report.bDoneButNotSaved);
     }
     EXPECT_EQ(readFile(work("a")), "bytes");
@@ -447,7 +448,8 @@ TEST_F(Undo, one_that_could_not_be_saved_afterwards_says_what_holds) {
     EXPECT_EQ(readFile(work("a")), "bytes");
     EXPECT_EQ(listed()[0].State, TavroOperationState::Undone);
     const FailingWrites failing([this] { return isPresent(work("b")); });
-    EXPECT_EQ(redo().Message, "It is redone, but the history has it as interrupted: " + notSaved);
+    EXPECT_EQ(redo().Message,
+              "It is redone, but the history still shows it as interrupted: " + notSaved);
 }
 
 TEST_F(Undo, what_the_guard_protects_stays_whatever_the_history_says) {
@@ -869,7 +871,7 @@ TEST_F(Undo, an_entry_gone_from_the_trash_is_named) {
     trashAndRecord({"a", "b"});
     const fs::path item = trash() / "files/b";
     fs::remove(item);
-    expectRefused(&Undo::undo, "'" + item.string() + "' is not in the trash any more");
+    expectRefused(&Undo::undo, "'" + item.string() + "' is no longer in the trash");
 }
 
 TEST_F(Undo, an_item_that_another_program_put_there_meanwhile_stays_there) {
@@ -1000,7 +1002,7 @@ TEST_F(Undo, directories_that_a_copy_created_go_when_they_are_empty_and_come_wit
     fs::remove(work("new"));
     fs::remove(trash() / "files/a");
     expectRefused(&Undo::redo,
-                  "'" + (trash() / "files/a").string() + "' is not in the trash any more");
+                  "'" + (trash() / "files/a").string() + "' is no longer in the trash");
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -1034,11 +1036,11 @@ TEST_F(Undo, a_created_directory_that_is_gone_or_replaced_is_named) {
     fs::remove(work("one"));
     expectRefused(&Undo::undo, missing(work("one")));
     writeFile(work("one"), "bytes");
-    expectRefused(&Undo::undo, "'" + work("one") + "' is not a directory any more");
+    expectRefused(&Undo::undo, "'" + work("one") + "' is no longer a directory");
     fs::remove(work("one"));
     makeDirectory(work("elsewhere"));
     fs::create_symlink("elsewhere", work("one"));
-    expectRefused(&Undo::undo, "'" + work("one") + "' is not a directory any more");
+    expectRefused(&Undo::undo, "'" + work("one") + "' is no longer a directory");
 }
 
 TEST_F(Undo, directories_are_not_created_again_onto_anything) {

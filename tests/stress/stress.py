@@ -326,7 +326,7 @@ class Worker(threading.Thread):
             allowed |= {ENDED_BY[sent], -sent}
         if code not in allowed:
             world.say(f"ended with {code}: {arguments}: {errors}")
-        for text in ("in use by another process", "cannot be used", "damaged", "lies at"):
+        for text in ("in use by another process", "cannot be used", "damaged", "is now at"):
             if text in errors and sent not in ENDED_BY:
                 world.say(f"{arguments} said: {errors}")
 

@@ -1,0 +1,52 @@
+/// What tests do with a history beside what the engine does with it.
+
+#ifndef TAVRO_TESTS_HISTORY_SUPPORT_H
+#define TAVRO_TESTS_HISTORY_SUPPORT_H
+
+#include "history.h"
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <string>
+
+/// Adds what was just done, as an operation that begins and ends.
+inline TavroFailure recordDone(TavroHistory& history, TavroOperation& operation) {
+    TavroFailure failure = history.BeginOperation(operation);
+    return failure ? failure : history.EndOperation(operation, true);
+}
+
+/// A database, as another program has it open.
+class OtherProgram {
+public:
+    explicit OtherProgram(const std::string& file) {
+        EXPECT_EQ(sqlite3_open(file.c_str(), &m_connection), SQLITE_OK);
+    }
+    ~OtherProgram() {
+        sqlite3_close(m_connection);
+    }
+    OtherProgram(const OtherProgram&) = delete;
+    OtherProgram& operator=(const OtherProgram&) = delete;
+
+    void execute(const std::string& sql) {
+        char* message = nullptr;
+        EXPECT_EQ(sqlite3_exec(m_connection, sql.c_str(), nullptr, nullptr, &message), SQLITE_OK)
+            << (message == nullptr ? "" : message);
+        sqlite3_free(message);
+    }
+
+    /// The first column of the first row.
+    std::int64_t query(const std::string& sql) {
+        sqlite3_stmt* statement = nullptr;
+        EXPECT_EQ(sqlite3_prepare_v2(m_connection, sql.c_str(), -1, &statement, nullptr),
+                  SQLITE_OK);
+        EXPECT_EQ(sqlite3_step(statement), SQLITE_ROW);
+        const std::int64_t number = sqlite3_column_int64(statement, 0);
+        sqlite3_finalize(statement);
+        return number;
+    }
+
+private:
+    sqlite3* m_connection = nullptr;
+};
+
+#endif
