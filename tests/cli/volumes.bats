@@ -585,8 +585,7 @@ at_a_stick() {
 2"
     touch -d "2024-01-01 10:00:01.5" c
     tavro copy -q c /one/
-    expect "$(tavro undo)" "Undone: copy
-  /here/c -> /one/c"
+    expect "$(tavro undo)" "Undid copy: moved /one/c to the trash (0 bytes)"
     [[ ! -e /one/c && -f /one/.Trash-0/files/c ]]
     tavro redo -q
     [[ -f /one/c ]]
