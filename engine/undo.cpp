@@ -221,7 +221,7 @@ bool Reversal::IsNamesake(const TavroStep& Step, const TavroPlace& Place,
     if (Step.Identity.Device != Status.st_dev && changed < earliest) {
         return true;
     }
-    return !TavroIsTrashed(Step) && changed > Step.ChangeTime &&
+    return changed > Step.ChangeTime &&
            TavroStatWithBirthAt(Place.Number(), Place.Name.c_str(), status, birth) == 0 &&
            birth > Step.ChangeTime;
 }
@@ -632,7 +632,9 @@ TavroFailure Reversal::Restore(Role What) {
     };
     m_report.Trash = TavroRestoreSelection(entries, callbacks);
     for (std::size_t i = 0; i < m_report.Trash.Entries.size(); ++i) {
-        steps[i]->Identity = m_report.Trash.Entries[i].Item;
+        const TavroIdentity& item = m_report.Trash.Entries[i].Item;
+        steps[i]->ChangeTime = steps[i]->Identity == item ? steps[i]->ChangeTime : 0; // not known
+        steps[i]->Identity = item;
     }
     return m_report.Trash.Batch.Failure;
 }
