@@ -78,7 +78,7 @@ TavroFailure TavroJournal::Begin(TavroOperationKind Kind, const std::vector<Tavr
 
 namespace {
 
-/// Of a trashed entry the moment at which that began tells enough.
+/// When a trashed entry was changed last only saves its undo a look at its record.
 bool IsSame(const TavroStep& Kept, TavroStep Done) {
     if (Kept.Role == TavroStepRole::Trashed) {
         Done.ChangeTime = Kept.ChangeTime;

@@ -7,7 +7,6 @@
 #include "trash_record.h"
 
 #include <algorithm>
-#include <ctime>
 #include <functional>
 #include <memory>
 #include <set>
@@ -278,17 +277,15 @@ TavroTrashedEntry InTrash(const TavroBatchStep& Step) {
             Step.Arrived.Identity};
 }
 
-/// What is trashed, as the history keeps it: what is created from now on is another file.
+/// What is trashed, as the history keeps it.
 std::vector<TavroStep> StepsOf(const std::vector<TavroBatchStep>& Steps) {
     std::vector<TavroStep> steps;
-    struct timespec now = {};
-    clock_gettime(CLOCK_REALTIME, &now);
     steps.reserve(Steps.size());
     for (const TavroBatchStep& step : Steps) {
         TavroTrashEntry entry = InTrash(step).Entry;
         steps.push_back({TavroStepRole::Trashed, std::move(entry.OriginalPath),
                          std::move(entry.TrashPath), std::move(entry.InfoPath),
-                         step.Seen->State.Identity, TavroNanoseconds(now), 0, entry.bDirectory});
+                         step.Seen->State.Identity, 0, 0, entry.bDirectory});
     }
     return steps;
 }

@@ -221,7 +221,7 @@ bool Reversal::IsNamesake(const TavroStep& Step, const TavroPlace& Place,
     if (Step.Identity.Device != Status.st_dev && changed < earliest) {
         return true;
     }
-    return changed > Step.ChangeTime &&
+    return !TavroIsTrashed(Step) && changed > Step.ChangeTime &&
            TavroStatWithBirthAt(Place.Number(), Place.Name.c_str(), status, birth) == 0 &&
            birth > Step.ChangeTime;
 }
@@ -632,9 +632,7 @@ TavroFailure Reversal::Restore(Role What) {
     };
     m_report.Trash = TavroRestoreSelection(entries, callbacks);
     for (std::size_t i = 0; i < m_report.Trash.Entries.size(); ++i) {
-        const TavroIdentity& item = m_report.Trash.Entries[i].Item;
-        steps[i]->ChangeTime = steps[i]->Identity == item ? steps[i]->ChangeTime : 0; // not known
-        steps[i]->Identity = item;
+        steps[i]->Identity = m_report.Trash.Entries[i].Item;
     }
     return m_report.Trash.Batch.Failure;
 }
