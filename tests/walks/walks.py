@@ -84,6 +84,13 @@ def look(top, below="/"):
     return seen
 
 
+def remove(path):
+    if os.path.isdir(path) and not os.path.islink(path):
+        shutil.rmtree(path)
+    elif os.path.lexists(path):
+        os.remove(path)
+
+
 def timeless(seen):
     return {path: one[:-1] if one[0] == "directory" else one for path, one in seen.items()}
 
@@ -131,8 +138,7 @@ class World:
 
     def remove(self):
         for path in self.m_remains:
-            if os.path.lexists(path):
-                shutil.rmtree(path)
+            remove(path)
 
     def run(self, *words, cwd=None):
         done = subprocess.run([self.m_tavro, *words], env=self.m_environment,
@@ -295,7 +301,9 @@ class World:
         can = [number for number in self.m_changes
                if number in known and not known[number]["undone"]]
         if can and self.m_rng.random() < 0.4:
-            self.undo(self.m_rng.choice(can), before, known)
+            self.undo(self.m_rng.choice((0, *can)), before, known)
+        elif self.m_rng.random() < 0.08:
+            self.meddle(before)
         elif self.m_rng.random() < 0.08:
             self.redo(before, known)
         elif self.m_rng.random() < 0.25:
@@ -338,17 +346,36 @@ class World:
         return then, changed | (then.keys() - self.m_changes[number][0].keys())
 
     def undo(self, number, before, known):
-        change = self.change(number, known[number]["entries"])
-        code, _ = self.run("undo", str(number))
+        """Undoes the operation of a number; of 0, the newest that can be undone."""
+        words = (str(number),) if number else ("--skip",)
+        number = number or max((one for one in known if known[one]["undoable"]), default=0)
+        change = self.change(number, known[number]["entries"]) if number else None
+        code, _ = self.run("undo", *words)
         after = self.tree()
         if code != 0 and timeless(after) != timeless(before):
             raise Wrong("an undo that was refused changed something")
-        if (code == 0) != known[number]["undoable"]:
+        if (code == 0) != (number != 0 and known[number]["undoable"]):
             raise Wrong("the history says otherwise")
         if code == 0:
             self.check_undone(known[number], change, timeless(before), timeless(after))
             if self.m_rng.random() < 0.2:
                 self.redo_at_once(timeless(before), timeless(after))
+
+    def meddle(self, before):
+        """Another program renames an entry, or empties a trash."""
+        there, one = self.all_bytes(before), self.some_path(before)
+        if one and self.m_rng.random() < 0.6:
+            target = f"{os.path.dirname(one)}/{self.m_rng.choice(NAMES)}"
+            if not os.path.lexists(target):
+                os.rename(one, target)
+                self.m_log.append(f"Somebody renames {one!r} to {target!r}\n")
+            return
+        trash = self.m_rng.choice(sorted(self.m_trashes))
+        for path in [item for item in self.items() if is_in(item, [trash])]:
+            remove(path)
+            os.remove(f"{trash}/info/{os.path.basename(path)}.trashinfo")
+        self.m_log.append(f"Somebody empties {trash!r}\n")
+        self.m_gone |= there - self.all_bytes(before)
 
     def redo_at_once(self, before, undone):
         """Everything is as before the undo; but directories that this had to make stay."""
