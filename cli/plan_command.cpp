@@ -25,6 +25,11 @@ std::string InOwnWords(const std::string& Sentence, const std::string& Target) {
     if (Sentence.find("must be a directory when") != std::string::npos) {
         return "'" + Target + "' is not a directory, and several entries are to go there";
     }
+    const std::string same = " target matches the source path for ";
+    const std::size_t matches = Sentence.find(same);
+    if (matches != std::string::npos) {
+        return "The source and the target are the same: " + Sentence.substr(matches + same.size());
+    }
     const bool bEmpty = Sentence.find("target cannot be empty") != std::string::npos;
     return bEmpty ? "The target is empty" : Sentence;
 }

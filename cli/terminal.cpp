@@ -92,12 +92,12 @@ void TavroPrintError(const std::string& Sentence) {
 void TavroPrintSkipped(const std::vector<std::string>& Paths, bool bVerbose) {
     if (Paths.size() > 1 && !bVerbose) {
         TavroPrintError("Skipped " + TavroCountText(Paths.size(), "entry") +
-                        ", as something is in their places: '" + Paths.front() + "' and " +
+                        " whose destinations exist: '" + Paths.front() + "' and " +
                         TavroGroupedNumber(Paths.size() - 1) + " more");
         return;
     }
     for (const std::string& path : Paths) {
-        TavroPrintError("Skipped, as something is in its place: '" + path + "'");
+        TavroPrintError("Skipped, because its destination exists: '" + path + "'");
     }
 }
 

@@ -24,6 +24,7 @@ not_said = {
     "[Trash Info]\nPath=",
     "must be a directory when",  # what is looked for in sentences of others
     "target cannot be empty",
+    " target matches the source path for ",
     " excludes ",
 }
 no_errors = ["What was done", "Lists"]

@@ -66,7 +66,7 @@ constexpr Sentence sentences[] = {
     {Kind::WriteRecord, "Cannot write the trash record %p: %e"},
     {Kind::NothingToRestore, "Nothing to restore"},
     {Kind::ItemMissing, "%p is no longer in the trash"},
-    {Kind::OriginUnknown, "It is not known where %p came from"},
+    {Kind::OriginUnknown, "Cannot tell where %p came from"},
     {Kind::LeavesVolume, "Cannot restore %p: a link on the way leads out of %o"},
     {Kind::RestoreTargetTaken, "Cannot restore %p: something is there"},
     {Kind::CheckRestoreTarget, "Cannot look at %p: %e"},
@@ -78,7 +78,7 @@ constexpr Sentence sentences[] = {
     {Kind::NoItemName, "%p is not the name of an item in the trash"},
     {Kind::NotInTrash, "%p is not in the trash"},
     {Kind::NothingMatches, "Nothing in the trash matches %p"},
-    {Kind::NothingWithin, "Nothing in the trash that matches %p has the place and age asked for"},
+    {Kind::NothingWithin, "Nothing in the trash matches %p within these limits"},
     {Kind::SeveralNamed, "Several entries named %p are in the trash, from %O"},
     {Kind::ShortenName, "Cannot shorten the name of %p: %e"},
     {Kind::SetRecordAside, "Cannot set %p aside: %e"},
@@ -87,7 +87,7 @@ constexpr Sentence sentences[] = {
     {Kind::RenameSame, "%p and %o are the same"},
     {Kind::RenameTaken, "%p exists already"},
     {Kind::RenameTakenByLink, "%p exists already, as a link to nothing"},
-    {Kind::RenameAudioTrack, "An audio CD track cannot be renamed: %p"},
+    {Kind::RenameAudioTrack, "Cannot rename an audio CD track: %p"},
     {Kind::CreateRenameDirectory, "Cannot create the directory %p: %e"},
     {Kind::Rename, "Cannot rename %p to %o: %e"},
     {Kind::ExamineRenameTarget, "Cannot look at %p: %e"},
@@ -119,8 +119,8 @@ constexpr Sentence sentences[] = {
     {Kind::HistoryRunning, "Another process is still working on the newest operation"},
     {Kind::HistorySetAside, "Cannot set aside the damaged history %p: %e"},
     {Kind::HistoryUnrecordable,
-     "Only what has something to undo, at absolute paths, can be recorded"},
-    {Kind::HistoryInvalid, "The history %p holds an operation that is not valid"},
+     "Cannot record an operation without anything to undo, or with relative paths"},
+    {Kind::HistoryInvalid, "The history %p contains an invalid operation"},
 };
 
 std::string Placeholder(char Letter, const TavroFailure& Failure) {

@@ -80,7 +80,7 @@ tavro: 'b' is not in the trash"
   run -1 --separate-stderr tavro empty -f a b
   expect "$stderr" "tavro: 'b' is not in the trash"
   run -1 --separate-stderr tavro empty -f --older-than 3 a
-  expect "$stderr" "tavro: Nothing in the trash that matches 'a' has the place and age asked for"
+  expect "$stderr" "tavro: Nothing in the trash matches 'a' within these limits"
   expect "$(listed)" 'a '
   run -1 --separate-stderr tavro restore '*.log' a
   expect "$stderr" "tavro: Nothing in the trash matches '*.log'"

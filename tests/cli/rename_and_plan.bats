@@ -112,7 +112,7 @@ print(value)' "$output" "$1"
   run -1 --separate-stderr tavro plan copy a b file
   expect "$stderr" "tavro: 'file' is not a directory, and several entries are to go there"
   run -1 --separate-stderr tavro plan move a .
-  expect "$stderr" "tavro: Move target matches the source path for 'a'"
+  expect "$stderr" "tavro: The source and the target are the same: 'a'"
   run -1 --separate-stderr tavro plan move d d/sub
   expect "$stderr" "tavro: Cannot move a directory into itself: 'd'"
   run -1 --separate-stderr tavro plan move cdda:/1.cdda d

@@ -705,7 +705,7 @@ connection.commit()' "$HOME/.local/state/tavro/history.db"
   killed_at renameat2 1 "$TAVRO" copy --no-keep --on-conflict overwrite f d/
   run -1 --separate-stderr tavro resume
   expect "$output" ''
-  expect "$stderr" "tavro: Skipped, as something is in its place: '$PWD/f'
+  expect "$stderr" "tavro: Skipped, because its destination exists: '$PWD/f'
 tavro: Not finished: 'tavro resume' goes on, 'tavro undo' takes it back"
   expect "$(cat d/f)" old
   run -0 tavro history

@@ -58,7 +58,7 @@ shows() { # TEXT COMMAND…
     expect "$(tr -d '\n' <<<"${output% in * s}")" "$(wrapped "$columns" 'Copied 60 files (180 MB)' | tr -d '\n')"
   done
   run -0 screen 80 -- "$TAVRO" copy --on-conflict skip from/* to
-  expect "$output" "tavro: Skipped 60 entries, as something is in their places: 'from/1' and 59 more"
+  expect "$output" "tavro: Skipped 60 entries whose destinations exist: 'from/1' and 59 more"
   run -0 tavro copy --on-conflict overwrite from/* to
   expect "${#lines[@]}" 60
   tavro empty -fq
@@ -210,7 +210,7 @@ tavro: Stopped: nothing was done")"
   run -0 screen 200 'all ' 'x\n' 'all ' 'R\n' 'all ' 's\n' -- "$TAVRO" copy a d
   expect "${lines[4]}" "tavro: Type one of the letters in brackets, not 'x'"
   expect "${lines[6]}" "tavro: Type one of the letters in brackets, not 'R'"
-  expect "${lines[-1]}" "tavro: Skipped, as something is in its place: 'a'"
+  expect "${lines[-1]}" "tavro: Skipped, because its destination exists: 'a'"
   run -0 screen 200 'all ' 'r\n' 'name: ' 'x/y\n' 'name: ' '\n' 'all ' 'r\n' 'name: ' 'a copy 1\n' \
     'all ' 'r\n' 'name: ' 'fresh\n' -- "$TAVRO" copy a d
   expect "${lines[5]}" "tavro: Type a name, not a path: 'x/y'"
@@ -222,7 +222,7 @@ tavro: Stopped: nothing was done")"
   tavro undo -q
   touch -d '1999-01-01' a
   run -0 screen 200 'all ' 'n\n' -- "$TAVRO" move a d
-  expect "${lines[-1]}" "tavro: Skipped, as something is in its place: 'a'"
+  expect "${lines[-1]}" "tavro: Skipped, because its destination exists: 'a'"
   run -0 screen 200 'all ' 'o\n' -- "$TAVRO" move a d
   expect "$(cat d/a)" new
 }
@@ -238,7 +238,7 @@ tavro: Stopped: nothing was done")"
   [[ ${lines[3]} == *", $later l" && ${lines[7]} == *", $later l" ]]
   [[ ${lines[11]} == *", [r]ename, [q]uit; a capital letter: for all l" ]]
   expect "${lines[12]}" "tavro: Type one of the letters in brackets, not 'l'"
-  expect "${output##*for all s$'\n'}" "tavro: Skipped, as something is in its place: 'tree/x'
+  expect "${output##*for all s$'\n'}" "tavro: Skipped, because its destination exists: 'tree/x'
 Copied b -> d/b
 Copied a -> d/a"
   expect "$(cat d/a d/tree/x)" $'new\n2'
@@ -281,11 +281,11 @@ Copied a -> d/a"
   mkdir -p c d/c2 c2
   touch c/in d/c c2/in
   run -0 tavro copy --on-conflict newer a b d
-  expect "$output" "tavro: Skipped, as something is in its place: '$PWD/b'
+  expect "$output" "tavro: Skipped, because its destination exists: '$PWD/b'
 Copied $PWD/a -> $PWD/d/a"
   expect "$(cat d/a d/b)" $'new\nnewer'
   run -1 tavro copy --on-conflict newer c c2 d
-  expect "$output" "tavro: Skipped, as something is in its place: '$PWD/c'
+  expect "$output" "tavro: Skipped, because its destination exists: '$PWD/c'
 Copied $PWD/c2/in -> $PWD/d/c2/in"
 }
 

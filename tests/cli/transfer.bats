@@ -97,7 +97,7 @@ load helpers
   echo old >d/a
   touch b
   run -1 --separate-stderr tavro copy a b d
-  expect "$stderr" "tavro: Skipped, as something is in its place: '$PWD/a'"
+  expect "$stderr" "tavro: Skipped, because its destination exists: '$PWD/a'"
   expect "$(cat d/a)" old
   [ -f d/b ]
 }
@@ -160,7 +160,7 @@ load helpers
   run -0 tavro copy a d --no-keep
   expect "$output" "Copied $PWD/a -> $PWD/d"
   run -0 tavro copy a b --no-keep --on-conflict skip
-  expect "$output" "tavro: Skipped, as something is in its place: '$PWD/a'"
+  expect "$output" "tavro: Skipped, because its destination exists: '$PWD/a'"
 }
 
 @test "a conflict is asked about on a terminal" {

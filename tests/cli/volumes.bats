@@ -89,7 +89,7 @@ Path=d%20%C3%A9/50%25%20%24"
     echo evil >/one/.Trash-0/files/a
     printf "[Trash Info]\nPath=../home/a\nDeletionDate=2024-01-01T00:00:00\n" >/one/.Trash-0/info/a.trashinfo
     expect "$(tavro list 2>&1)" "tavro: 1 item in the trash has no record that can be read: see '"'tavro doctor'"'"
-    expect "$(tavro restore a 2>&1 || :)" "tavro: It is not known where '"'/one/.Trash-0/files/a'"' came from"
+    expect "$(tavro restore a 2>&1 || :)" "tavro: Cannot tell where '"'/one/.Trash-0/files/a'"' came from"
     fails tavro doctor >/dev/null
     found=$(tavro doctor || :)
     [[ $found == *"/one/.Trash-0/info/a.trashinfo"*"does not tell where its entry came from"* ]]

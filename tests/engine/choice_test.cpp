@@ -173,7 +173,7 @@ TEST(ChooseItems, finds_words_among_what_is_within_the_limits) {
     choice.OlderThanDays = 3;
     EXPECT_EQ(chosen(choice, {made("b", "/a", ago(60)), made("c", "/a")}), Names{"c"});
     EXPECT_EQ(chosen(choice, {made("a", "/a", ago(60))}),
-              Names{"Nothing in the trash that matches 'a' has the place and age asked for"});
+              Names{"Nothing in the trash matches 'a' within these limits"});
 }
 
 TEST(OldestItems, are_as_many_as_hold_so_much) {

@@ -217,7 +217,7 @@ TEST_F(Edit, what_is_not_there_is_named) {
 
 TEST_F(Edit, audio_tracks_are_not_renamed) {
     EXPECT_EQ(TavroDescribe(TavroRenameTo({"1", "cdda:/1", false}, "b").Failure),
-              "An audio CD track cannot be renamed: 'cdda:/1'");
+              "Cannot rename an audio CD track: 'cdda:/1'");
 }
 
 TEST_F(Edit, what_the_guard_protects_is_not_renamed) {

@@ -385,7 +385,7 @@ TEST_F(History, what_cannot_be_undone_is_not_recorded) {
     open(history);
     for (TavroOperation operation : operations) {
         EXPECT_EQ(TavroDescribe(recordDone(history, operation)),
-                  "Only what has something to undo, at absolute paths, can be recorded")
+                  "Cannot record an operation without anything to undo, or with relative paths")
             << describe(operation);
     }
     EXPECT_EQ(OtherProgram(file()).query("SELECT count(*) FROM operation"), 0);
@@ -758,7 +758,7 @@ TEST_F(History, an_operation_that_was_not_written_here_is_refused_and_can_be_dro
         EXPECT_EQ(history.Notice(), "");
         std::optional<TavroOperation> next = renameOf("/untouched", "/untouched");
         EXPECT_EQ(TavroDescribe(history.NextToUndo(next)),
-                  "The history '" + file().string() + "' holds an operation that is not valid");
+                  "The history '" + file().string() + "' contains an invalid operation");
         EXPECT_FALSE(next);
         std::vector<TavroOperation> all;
         std::vector<std::uint64_t> counts;

@@ -93,7 +93,7 @@ TEST_F(RestoreSelection, refuses_a_place_that_is_not_known) {
         auto list = trash({doc("a.txt")});
         list[0].Entry.OriginalPath = place;
         EXPECT_EQ(TavroDescribe(restoreInVain(list)),
-                  "It is not known where " + inQuotes(list[0].Entry.TrashPath) + " came from");
+                  "Cannot tell where " + inQuotes(list[0].Entry.TrashPath) + " came from");
         EXPECT_TRUE(isPresent(list[0].Entry.TrashPath));
     }
 }
