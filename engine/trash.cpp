@@ -564,7 +564,7 @@ std::vector<TavroStep> StepsToRestore(const std::vector<TavroBatchStep>& Steps) 
 } // namespace
 
 TavroTrashReport TavroRestoreSelection(const std::vector<TavroTrashedEntry>& Entries,
-                                       const TavroCallbacks& Callbacks) {
+                                       const TavroCallbacks& Callbacks, bool bTold) {
     std::vector<Restoration> restorations;
     TavroFailure failure = Entries.empty() ? TavroFailure{TavroFailureKind::NothingToRestore}
                                            : CheckRestoreList(Entries, restorations);
@@ -587,7 +587,7 @@ TavroTrashReport TavroRestoreSelection(const std::vector<TavroTrashedEntry>& Ent
     }
     TavroBatchHooks hooks;
     hooks.Prepare = [&] {
-        return Callbacks.BeforeActs
+        return Callbacks.BeforeActs && !bTold
                    ? Callbacks.BeforeActs(TavroOperationKind::Restore, StepsToRestore(steps))
                    : TavroFailure();
     };
