@@ -167,8 +167,11 @@ TavroFailure TavroReversal::CheckRecord(const TavroStep& Step, const TavroFileSt
         m_places.Find(Step.Record, record)) {
         return {};
     }
-    const auto read = TavroReadRecord(record.Number(), TavroNameOf(Step.To),
-                                      TavroTrashFoldersOf(Step.Record).Base);
+    if (m_info != record.Directory) { // neighbours have the same
+        m_info = record.Directory;
+        m_base = TavroTrashFoldersOf(Step.Record).Base;
+    }
+    const auto read = TavroReadRecord(record.Number(), TavroNameOf(Step.To), m_base);
     if (!read) {
         return {};
     }
@@ -514,18 +517,14 @@ TavroFailure TavroReversal::Restore(Role What) {
         return failure;
     }
     TavroCallbacks callbacks = m_callbacks;
-    bool bKept = true; // the steps themselves are
     callbacks.BeforeActs = [&](TavroOperationKind kind, const std::vector<TavroStep>& told) {
-        if (std::exchange(bKept, false) || !m_callbacks.BeforeActs) {
-            return TavroFailure();
-        }
         std::vector<TavroStep> more = told;
         for (TavroStep& step : more) {
             step.Role = What;
         }
-        return m_callbacks.BeforeActs(kind, more);
+        return m_callbacks.BeforeActs ? m_callbacks.BeforeActs(kind, more) : TavroFailure();
     };
-    m_report.Trash = TavroRestoreSelection(entries, callbacks);
+    m_report.Trash = TavroRestoreSelection(entries, callbacks, true);
     struct timespec now = {}; // until when files may have come from other file systems
     clock_gettime(CLOCK_REALTIME, &now);
     for (std::size_t i = 0; i < m_report.Trash.Entries.size(); ++i) {

@@ -123,6 +123,8 @@ private:
     TavroUndoReport& m_report;
     std::vector<TavroStep>& m_steps;
     TavroPlaces m_places;
+    std::shared_ptr<const TavroDirectory> m_info; ///< Of the record that was read last,
+    std::string m_base;                           ///< and what its relative path begins at.
     TavroGuard m_guard{TavroAct::Move};
     Directories m_made;
     TavroChanges m_changes;

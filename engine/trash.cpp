@@ -483,7 +483,7 @@ std::vector<TavroStep> StepsToRestore(const std::vector<TavroBatchStep>& Steps) 
 } // namespace
 
 TavroTrashReport TavroRestoreSelection(const std::vector<TavroTrashedEntry>& Entries,
-                                       const TavroCallbacks& Callbacks) {
+                                       const TavroCallbacks& Callbacks, bool bTold) {
     std::vector<Restoration> restorations;
     TavroFailure failure = Entries.empty() ? TavroFailure{TavroFailureKind::NothingToRestore}
                                            : CheckRestoreList(Entries, restorations);
@@ -506,7 +506,7 @@ TavroTrashReport TavroRestoreSelection(const std::vector<TavroTrashedEntry>& Ent
     }
     TavroBatchHooks hooks;
     hooks.Prepare = [&] {
-        return Callbacks.BeforeActs
+        return Callbacks.BeforeActs && !bTold
                    ? Callbacks.BeforeActs(TavroOperationKind::Restore, StepsToRestore(steps))
                    : TavroFailure();
     };

@@ -85,8 +85,10 @@ TavroTrashReport TavroTrashSelection(const std::vector<TavroOperationEntry>& Ent
 /// original path that is not absolute, or leads out of the volume, an original place that is taken,
 /// be it by a dangling link, and an item that is not the known file any more. Directories come back
 /// before what goes into them.
+///
+/// @param bTold  the history knows what is restored.
 TavroTrashReport TavroRestoreSelection(const std::vector<TavroTrashedEntry>& Entries,
-                                       const TavroCallbacks& Callbacks);
+                                       const TavroCallbacks& Callbacks, bool bTold = false);
 
 /// The sentence of a report: of the failure, of what could not be rolled back, and where each thing
 /// is now ("; 'ORIGINALPATH' is now 'TRASHPATH'" and the like). Empty after success.
