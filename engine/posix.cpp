@@ -668,10 +668,24 @@ int TavroSyncFileSystem(int Descriptor) {
     return error == EINVAL ? 0 : error;
 }
 
-TavroDisk TavroDiskOf(int Descriptor) {
+namespace {
+
+/// What the kernel calls the type of a file system; 0 when that is not known.
+long TypeOfFileSystem(int Descriptor) {
     struct statfs status = {};
-    const int error = ErrorOf([&] { return fstatfs(Descriptor, &status); });
-    switch (error == 0 ? status.f_type : 0) {
+    return ErrorOf([&] { return fstatfs(Descriptor, &status); }) == 0 ? status.f_type : 0;
+}
+
+} // namespace
+
+bool TavroKeepsInodes(int Descriptor) {
+    constexpr long exfat = 0x2011BAB0;
+    const long type = TypeOfFileSystem(Descriptor);
+    return type != MSDOS_SUPER_MAGIC && type != exfat && type != FUSE_SUPER_MAGIC;
+}
+
+TavroDisk TavroDiskOf(int Descriptor) {
+    switch (TypeOfFileSystem(Descriptor)) {
     case EXT4_SUPER_MAGIC:
     case XFS_SUPER_MAGIC:
     case TMPFS_MAGIC: // which has no disk, so that this costs nothing

@@ -218,6 +218,10 @@ enum class TavroDisk {
 /// That of an open file or directory; Independent when it is not known.
 TavroDisk TavroDiskOf(int Descriptor);
 
+/// Whether the files beside an open one keep their inodes when their file system is mounted anew.
+/// FAT has none, and of FUSE it is not known.
+bool TavroKeepsInodes(int Descriptor);
+
 /// Tells one start of the system from another one: "@" and the kernel's text for it; empty where
 /// the kernel has none. What was written since the start is read as it was written, on the disk or
 /// not.

@@ -412,11 +412,17 @@ TavroFailure TavroCheckUndo(const TavroOperation& Operation, bool& bOutNothingLe
     const TavroCallbacks callbacks;
     TavroFailure failure = TavroReversal(true, callbacks, report).Check();
     TavroPlaces places;
+    const auto mayBeThere = [&](const TavroStep& step) {
+        TavroPlace place;
+        struct stat status = {};
+        return !places.Find(step.To, place) && TavroLookAt(place, status) == 0 &&
+               !TavroKeepsInodes(place.Number());
+    };
     const auto isThere = [&](const TavroStep& step) {
         const TavroWhereabouts where = TavroFindStep(step, places);
         return TavroIsMainStep(step, Operation.Kind) &&
                (where == TavroWhereabouts::AtTo || where == TavroWhereabouts::InBoth ||
-                !TavroIsBelowDevice(step.To, step.Identity.Device));
+                !TavroIsBelowDevice(step.To, step.Identity.Device) || mayBeThere(step));
     };
     bOutNothingLeft =
         failure && std::none_of(Operation.Steps.begin(), Operation.Steps.end(), isThere);
