@@ -911,6 +911,8 @@ TavroFailure TavroHistory::EndOperation(const TavroOperation& Operation, bool bS
                         bSameSteps ? Integer(Operation.Steps.size()) : 0);
         if (!bSameSteps) {
             m_database->InsertSteps(Operation.Id, 0, Operation.Steps);
+        } else if (!Operation.Steps.empty()) { // it tells when all have ended
+            m_database->InsertSteps(Operation.Id, 0, {Operation.Steps.front()});
         }
         DropSurplus(*m_database);
         RemoveDropped(*m_database, Integer(Operation.Steps.size()) + droppedAtOnce);
@@ -962,6 +964,12 @@ bool ReadSteps(Statement& Row, std::int64_t Count, TavroOperation& OutOperation)
         if (Row.Number(0) != Integer(OutOperation.Steps.size()) || !IsOneOf(Row.Number(8), 07777) ||
             !IsOneOf(Row.Number(1), TavroStepRole::Deleted) || !IsValid(step)) {
             return false;
+        }
+        // What was trashed as it was told before has the time of the end in its first step.
+        if (step.Role == TavroStepRole::Trashed && step.ChangeTime == 0 &&
+            !OutOperation.Steps.empty() &&
+            OutOperation.Steps.front().Role == TavroStepRole::Trashed) {
+            step.ChangeTime = OutOperation.Steps.front().ChangeTime;
         }
         OutOperation.Steps.push_back(std::move(step));
     }
