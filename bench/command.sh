@@ -12,7 +12,7 @@
 set -euo pipefail
 
 # Every comparison is a function of this name. To add one, write it below and name it here.
-comparisons=(trash one_file copy_files copy_tree copy_large move_across delete size start_up synced)
+comparisons=(trash one_file copy_files copy_tree copy_large move_across delete size start_up synced linear)
 
 usage() {
   echo "usage: bench/command.sh TAVRO [--quick] [COMPARISON…]" >&2
@@ -23,10 +23,10 @@ usage() {
 [[ -x ${1:-} ]] || usage
 tavro=$(realpath "$1")
 shift
-rounds=5 batch=10000 large_tree=200000 large_file=1G
+rounds=5 batch=10000 large_tree=200000 large_file=1G counts=(2000 20000)
 if [[ ${1:-} == --quick ]]; then
   shift
-  rounds=2 batch=1000 large_tree=20000 large_file=20M
+  rounds=2 batch=1000 large_tree=20000 large_file=20M counts=(1000)
 fi
 for name in "$@"; do
   [[ " ${comparisons[*]} " == *" $name "* ]] || usage
@@ -253,11 +253,73 @@ start_up() {
   duel 'tavro --version : gio help' 0.9 start_tavro start_gio
 }
 
+# --- Many at once ---------------------------------------------------------------------------------
+
+# What an entry costs must not grow with their number. Each work is a function that gets the number.
+same_names() {
+  fresh_home "$where"
+  make_namesakes "$1"
+  timed "same_names $1" "$tavro" trash -q ./*/x.txt
+}
+restore_names() {
+  fresh_home "$where"
+  make_files "$HOME/batch" "$1"
+  cd "$HOME/batch"
+  local names=(*)
+  "$tavro" trash -q "${names[@]}"
+  timed "restore_names $1" "$tavro" restore -q "${names[@]}"
+}
+keep_both() {
+  fresh_home "$where"
+  make_namesakes "$1"
+  mkdir "$HOME/target"
+  timed "keep_both $1" "$tavro" copy -q --on-conflict keep-both ./*/x.txt ../target/
+}
+
+# make_namesakes COUNT: files of one name, each in a directory of its own, below the current one.
+make_namesakes() {
+  mkdir "$HOME/same"
+  cd "$HOME/same"
+  seq "$1" | xargs mkdir
+  seq -f '%.0f/x.txt' "$1" | xargs touch
+}
+
+# an_entry WORK COUNT: microseconds; what one entry alone costs is taken off, as it is the process.
+an_entry() {
+  awk -v all="${best_cpu[$1 $2]}" -v one="${best_cpu[$1 1]}" -v n="$2" \
+    'BEGIN { printf "%.1f", (all - one) / (n - 1) }'
+}
+
+linear() {
+  heading "Cost of an entry, $on" 'of many' 'of 500'
+  local work count rounds=$(((rounds + 1) / 2))
+  for work in same_names restore_names keep_both; do
+    for count in 1 500 "${counts[@]}"; do
+      forget "$work $count"
+      in_turn_counts
+    done
+    for count in "${counts[@]}"; do
+      line "$count: ${work/_/ }" "$(an_entry "$work" "$count")" "$(an_entry "$work" 500)" 1.3 us
+    done
+  done
+  cd /
+}
+
+# As in_turn, of one work and number. What is few takes little time, and is tried more often.
+in_turn_counts() {
+  local round
+  for ((round = 0; round < (count > 500 ? rounds : 4 * rounds); ++round)); do
+    "$work" "$count"
+    cd "$where"
+    rm -rf "$HOME"
+  done
+}
+
 # --------------------------------------------------------------------------------------------------
 
 echo "Processor times, but where it says elapsed, the best of $rounds rounds; a ratio is the first figure through the second."
 on='in memory' where=$memory other=$disk
 for name in "${comparisons[@]}"; do [[ $name == synced ]] || "$name"; done # which needs a disk
 on='on the disk' where=$disk other=$memory
-for name in "${comparisons[@]}"; do [[ $name == start_up ]] || "$name"; done
+for name in "${comparisons[@]}"; do [[ $name == start_up || $name == linear ]] || "$name"; done
 conclude

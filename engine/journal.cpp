@@ -7,7 +7,7 @@
 #include <utility>
 
 TavroJournal::TavroJournal(TavroHistory& History, const TavroOperation& Operation)
-    : m_history(&History), m_id(Operation.Id), m_kept(Operation.Steps) {}
+    : m_history(&History), m_id(Operation.Id), m_count(Operation.Steps.size()) {}
 
 TavroCallbacks TavroJournal::Bind(TavroCallbacks Callbacks) {
     m_bSync = Callbacks.bSync;
@@ -40,9 +40,11 @@ TavroFailure TavroJournal::Keep(TavroOperationKind Kind, const std::vector<Tavro
     if (m_id != 0) {
         m_history->WaitForDisk(m_bSync);
     }
+    const bool bBegins = m_id == 0;
     TavroFailure failure =
-        m_id == 0 ? Begin(Kind, Steps) : m_history->KeepSteps(m_id, m_kept.size(), Steps);
-    if (!failure) {
+        bBegins ? Begin(Kind, Steps) : m_history->KeepSteps(m_id, m_count, Steps);
+    m_count += failure ? 0 : Steps.size();
+    if (!failure && !bBegins) {
         m_kept.insert(m_kept.end(), Steps.begin(), Steps.end());
     }
     // What stands in the history does nothing that the history does not know.
@@ -73,6 +75,7 @@ TavroFailure TavroJournal::Begin(TavroOperationKind Kind, const std::vector<Tavr
         operation.Steps.clear();
         m_id = m_history->EndOperation(operation, false) ? m_id : 0;
     }
+    m_kept = std::move(operation.Steps);
     return failure;
 }
 

@@ -61,7 +61,8 @@ private:
     bool m_bSync = true;
     std::int64_t m_id = 0;
     TavroOperationKind m_kind = {};
-    std::vector<TavroStep> m_kept;
+    std::size_t m_count = 0;       ///< So many steps the history has,
+    std::vector<TavroStep> m_kept; ///< and these were told here.
 };
 
 #endif

@@ -39,11 +39,11 @@ void TavroTransferRun::Flush() {
     int error = failure ? 0 : m_changes.Flush();
     m_told = bTold ? m_told : TavroIdentity();
     if (error != 0) {
-        failure = TavroFail(Kind::Write, error, entries.empty() ? "" : entries[0].AskedTo);
+        failure = TavroFail(Kind::Write, error, entries.empty() ? "" : entries[0].AskedTo());
     }
     if (failure) {
         for (const TavroPendingEntry& entry : entries) {
-            Fail({failure.Kind, failure.Error, entry.AskedTo, failure.Other});
+            Fail({failure.Kind, failure.Error, entry.AskedTo(), failure.Other});
         }
     } else if ((failure = Journal(entries))) {
         Fail(failure);
@@ -57,7 +57,7 @@ void TavroTransferRun::Flush() {
         if (!m_bKeeping && IsInterrupted()) {
             m_pending.push_back(std::move(entry));
         } else if ((failure = entry.Copy->Wake(m_places))) {
-            entry.Copy->Report().Failure = {Kind::Read, failure.Error, entry.AskedFrom};
+            entry.Copy->Report().Failure = {Kind::Read, failure.Error, entry.AskedFrom()};
             DropClaim(entry);
             GiveUp(entry);
         } else {
@@ -86,7 +86,7 @@ void TavroTransferRun::Flush() {
             continue;
         }
         // It is in both places, until a look at the operation settles it.
-        entry.Copy->Report().Failure = {failure.Kind, failure.Error, entry.AskedTo};
+        entry.Copy->Report().Failure = {failure.Kind, failure.Error, entry.AskedTo()};
         m_report.bUnsettled = bUnfinished = true;
     }
     for (TavroPendingEntry& entry : entries) {
@@ -107,7 +107,7 @@ void TavroTransferRun::Flush() {
         error = m_changes.Flush();
     }
     if (error != 0 && !bUnfinished) {
-        Fail(TavroFail(Kind::Write, error, entries.empty() ? "" : entries[0].AskedTo));
+        Fail(TavroFail(Kind::Write, error, entries.empty() ? "" : entries[0].AskedTo()));
     }
 }
 
@@ -126,7 +126,7 @@ TavroFailure TavroTransferRun::ClaimTrash(std::vector<TavroPendingEntry>& Entrie
         failure = TellBeforeSync(std::exchange(m_plan, {}));
         failure = failure ? failure
                           : m_trashes.Find(TavroVolumeOf(*entry.Copy->To().Directory), entry.Trash);
-        failure = failure ? failure : entry.Trash->Claim(entry.OwnTo, entry.OldName);
+        failure = failure ? failure : entry.Trash->Claim(entry.OwnTo(), entry.OldName);
         if (failure) {
             return failure;
         }
@@ -136,7 +136,7 @@ TavroFailure TavroTransferRun::ClaimTrash(std::vector<TavroPendingEntry>& Entrie
 
 TavroStep TavroTransferRun::ReplacedStep(const TavroPendingEntry& Entry) const {
     return {TavroStepRole::Replaced,
-            Entry.OwnTo,
+            Entry.OwnTo(),
             Entry.Trash->ItemPath(Entry.OldName),
             Entry.Trash->RecordPath(Entry.OldName),
             Entry.Old.Identity,
@@ -149,8 +149,8 @@ TavroStep TavroTransferRun::ReplacedStep(const TavroPendingEntry& Entry) const {
 /// @param Staged  the copy as it waits.
 TavroStep TavroTransferRun::MainStep(const TavroPendingEntry& Entry,
                                      const TavroFileState& Staged) const {
-    TavroStep step{m_bMove ? TavroStepRole::Moved : TavroStepRole::Copied, Entry.OwnFrom,
-                   Entry.OwnTo};
+    TavroStep step{m_bMove ? TavroStepRole::Moved : TavroStepRole::Copied, Entry.OwnFrom(),
+                   Entry.OwnTo()};
     step.Identity = Entry.Source.Identity;
     step.Staged = Entry.Hidden;
     if (!Entry.bRename) {
@@ -269,7 +269,7 @@ void TavroTransferRun::RenameBack(TavroPendingEntry& Entry, const TavroPlace& No
     const int error = RenameTo(Now, Entry.Copy->From());
     if (error != 0 && TavroLookAt(Now, status) != ENOENT) {
         Entry.Copy->Report().Below.push_back(
-            TavroFail(Kind::LiesAt, error, Entry.AskedFrom, Now.Path()));
+            TavroFail(Kind::LiesAt, error, Entry.AskedFrom(), Now.Path()));
     }
 }
 
@@ -281,9 +281,9 @@ void TavroTransferRun::FailToRename(TavroPendingEntry& Entry, int Error) {
                       : bIntoItself     ? Kind::MoveIntoItself
                                         : Kind::MoveTo;
     const bool bTo = kind == Kind::Taken || kind == Kind::Replace;
-    Entry.Copy->Report().Failure =
-        TavroFail(kind, kind == Kind::Changed ? 0 : Error, bTo ? Entry.AskedTo : Entry.AskedFrom,
-                  bTo ? Entry.AskedFrom : Entry.AskedTo);
+    Entry.Copy->Report().Failure = TavroFail(kind, kind == Kind::Changed ? 0 : Error,
+                                             bTo ? Entry.AskedTo() : Entry.AskedFrom(),
+                                             bTo ? Entry.AskedFrom() : Entry.AskedTo());
 }
 
 /// Of two mounts of one file system, or where one is a file system only in part.
@@ -305,7 +305,7 @@ void TavroTransferRun::RenameByCopying(TavroPendingEntry& Entry) {
     std::vector<TavroPendingEntry> one;
     one.push_back(std::move(Entry));
     TavroFailure failure =
-        error == 0 ? Journal(one) : TavroFail(Kind::Write, error, one[0].AskedTo);
+        error == 0 ? Journal(one) : TavroFail(Kind::Write, error, one[0].AskedTo());
     Entry = std::move(one[0]);
     if (failure) {
         Entry.Copy->GiveUp();
@@ -333,7 +333,7 @@ void TavroTransferRun::TrashReplaced(TavroPendingEntry& Entry) {
         failure = report.Failure;
         if (report.bCopyStays) { // the trash has all of it
             Fail({Kind::LiesAt, report.Below.empty() ? failure.Error : report.Below[0].Error,
-                  Entry.AskedTo, old.Path()});
+                  Entry.AskedTo(), old.Path()});
             failure = {};
         }
         FailAll(report.Below);
@@ -355,7 +355,7 @@ void TavroTransferRun::PutBack(TavroPendingEntry& Entry, const TavroFailure& Why
     const int error =
         TavroExchange(hidden.Number(), hidden.Name.c_str(), to.Number(), to.Name.c_str());
     if (error != 0) {
-        Fail({Kind::LiesAt, Why.Error, Entry.AskedTo, hidden.Path()});
+        Fail({Kind::LiesAt, Why.Error, Entry.AskedTo(), hidden.Path()});
         return;
     }
     Entry.bDone = false;
@@ -365,7 +365,7 @@ void TavroTransferRun::PutBack(TavroPendingEntry& Entry, const TavroFailure& Why
         Entry.Copy->Withdraw(hidden.Name);
     }
     Entry.Copy->Report().Arrived = {};
-    Entry.Copy->Report().Failure = {Kind::Replace, Why.Error, Entry.AskedTo, Entry.AskedFrom};
+    Entry.Copy->Report().Failure = {Kind::Replace, Why.Error, Entry.AskedTo(), Entry.AskedFrom()};
     DropClaim(Entry);
 }
 
@@ -385,7 +385,7 @@ void TavroTransferRun::Finish(TavroPendingEntry& Entry) {
         if (failure) {
             Fail({Kind::LiesAt,
                   failure.Error ? failure.Error : TavroFail(Kind::Changed, ESTALE, "").Error,
-                  Entry.AskedTo, old.Path()});
+                  Entry.AskedTo(), old.Path()});
         }
     }
     Entry.Copy->Rest();
@@ -396,13 +396,13 @@ void TavroTransferRun::Note(TavroPendingEntry& Entry) {
     TavroMoveReport& report = Entry.Copy->Report();
     m_report.Lost.AccessLists += report.Lost.AccessLists;
     m_report.Lost.ExtendedAttributes += report.Lost.ExtendedAttributes;
-    const std::string to = TavroJoin(TavroParentOf(Entry.AskedTo), report.Name);
+    const std::string to = TavroPlace{Entry.Copy->To().Directory, report.Name}.Path();
     if (Entry.NextName && Entry.Item != nullptr) {
         Entry.Item->DestinationPath = to;
         Entry.Item->bDestinationRenamed = true;
     }
     if (Entry.bDone && (!report.Failure || report.bPartlyMoved)) {
-        m_report.Done.push_back({Entry.AskedFrom, to, Entry.bExchange, report.Arrived});
+        m_report.Done.push_back({Entry.AskedFrom(), to, Entry.bExchange, report.Arrived});
     }
     if (report.Failure.Kind == Kind::Cancelled) {
         m_report.bCancelled = true;
@@ -418,7 +418,7 @@ void TavroTransferRun::Note(TavroPendingEntry& Entry) {
         m_ownWork.ForgetWays();
     }
     if (m_bMove && report.Arrived.IsDirectory()) {
-        m_places.Forget(Entry.OwnFrom);
+        m_places.Forget(Entry.OwnFrom());
     }
 }
 
@@ -431,12 +431,12 @@ void TavroTransferRun::TryAgain(std::vector<TavroPendingEntry>& Entries) {
         }
         GiveUp(entry);
         if (TavroFailure failure = entry.Copy->Wake(m_places)) {
-            Fail({Kind::Read, failure.Error, entry.AskedFrom});
+            Fail({Kind::Read, failure.Error, entry.AskedFrom()});
             continue;
         }
         const TavroRoute way = {entry.Copy->From(), entry.Copy->To()};
         if (m_tries == mostTries) {
-            Fail(TavroFail(Kind::Taken, EEXIST, entry.AskedTo));
+            Fail(TavroFail(Kind::Taken, EEXIST, entry.AskedTo()));
             continue;
         }
         ++m_tries;
@@ -468,7 +468,7 @@ void TavroTransferRun::Discard() {
 /// Nothing goes to the name in the trash that was claimed for what is replaced.
 void TavroTransferRun::DropClaim(TavroPendingEntry& Entry) {
     if (!Entry.OldName.empty()) {
-        Entry.Trash->Claims.Drop(TavroNameOf(Entry.OwnTo), Entry.OldName);
+        Entry.Trash->Claims.Drop(TavroNameOf(Entry.OwnTo()), Entry.OldName);
         Entry.OldName.clear();
     }
 }
@@ -482,7 +482,7 @@ void TavroTransferRun::GiveUp(TavroPendingEntry& Entry) {
     std::vector<TavroFailure>& below = report.Below;
     if (TavroFailure failure = Entry.Copy->GiveUp(m_places)) {
         below.push_back({Kind::RemoveIncompleteCopy, failure.Error,
-                         TavroJoin(TavroParentOf(Entry.AskedTo), Entry.Copy->StagedName())});
+                         TavroPlace{Entry.Copy->To().Directory, Entry.Copy->StagedName()}.Path()});
     }
     if (report.Failure.Kind == Kind::RemoveIncompleteCopy) {
         below.push_back(std::exchange(report.Failure, {}));

@@ -98,14 +98,14 @@ bool TavroTransferRun::CheckGuard(const std::vector<TavroTransferItemPlan>& Item
     for (const TavroTransferItemPlan& item : Items) {
         TavroPlace place;
         struct stat status = {};
-        TavroFailure refusal = m_places.Find(item.SourcePath.string(), place);
+        TavroFailure refusal = m_places.Find(item.SourcePath.native(), place);
         const int error = refusal ? refusal.Error.value() : TavroLookAt(place, status);
         if (error == 0) {
             refusal = guard.Check(place, status);
         } else if (error == ENOENT || error == ENOTDIR || error == EACCES) {
             refusal = {}; // it cannot be moved either, which is told in its turn
         } else {
-            refusal = TavroFail(Kind::Read, error, item.SourcePath.string());
+            refusal = TavroFail(Kind::Read, error, item.SourcePath.native());
             m_unseen.insert(&item);
         }
         if (refusal) {
@@ -120,7 +120,7 @@ bool TavroTransferRun::Measure(std::vector<TavroTransferItemPlan>& Items) {
     for (TavroTransferItemPlan& item : Items) {
         TavroMeasurement measurement;
         if (!m_progress.IsHeard() ||
-            !TavroMeasureEntry(item.SourcePath.string(), shouldCancel, measurement)) {
+            !TavroMeasureEntry(item.SourcePath.native(), shouldCancel, measurement)) {
             break;
         }
         item.ItemCount = measurement.FileCount + measurement.DirectoryCount;
@@ -143,8 +143,8 @@ bool TavroTransferRun::Announce(const std::vector<TavroTransferItemPlan>& Items)
     steps.reserve(Items.size());
     for (const TavroTransferItemPlan& item : Items) {
         steps.push_back({TavroStepRole::Planned,
-                         OwnPathOf(item.SourcePath.string()),
-                         OwnPathOf(item.DestinationPath.string()),
+                         OwnPathOf(item.SourcePath.native()),
+                         OwnPathOf(item.DestinationPath.native()),
                          "",
                          {},
                          0,
@@ -155,7 +155,7 @@ bool TavroTransferRun::Announce(const std::vector<TavroTransferItemPlan>& Items)
     const std::string parent = steps.empty() ? "/" : TavroParentOf(steps.front().To);
     TavroPlace place;
     struct stat status = {};
-    const bool bOne = Items.size() == 1 && !m_places.Find(Items[0].SourcePath.string(), place) &&
+    const bool bOne = Items.size() == 1 && !m_places.Find(Items[0].SourcePath.native(), place) &&
                       TavroLookAt(place, status) == 0;
     m_bTree = bOne && S_ISDIR(status.st_mode);
     m_bSingle = bOne && !m_bTree;
@@ -188,17 +188,32 @@ TavroFailure TavroTransferRun::TellBeforeSync(const std::vector<TavroStep>& Step
                : TavroFailure();
 }
 
+namespace {
+
+/// Whether an entry would go below itself. Most do not even go below what holds them.
+/// @param OwnTo  where its place was not found.
+bool IsBelowItself(const TavroRoute& Way, const std::string& OwnTo) {
+    const std::string& holder = Way.From.Directory->OwnPath;
+    if (OwnTo.empty() && Way.To.Directory->OwnPath.compare(0, holder.size(), holder) != 0) {
+        return false;
+    }
+    return TavroIsBelow(Way.From.OwnPath(), OwnTo.empty() ? Way.To.OwnPath() : OwnTo);
+}
+
+} // namespace
+
 /// Finds where an item is and is to go. Missing directories above its destination are created,
 /// unless it could not go there.
 bool TavroTransferRun::FindPlaces(const TavroTransferItemPlan& Item, TavroRoute& OutRoute) {
-    const std::string destination = Item.DestinationPath.string();
-    TavroFailure failure = m_places.Find(Item.SourcePath.string(), OutRoute.From);
+    const std::string& destination = Item.DestinationPath.native();
+    OutRoute = {};
+    TavroFailure failure = m_places.Find(Item.SourcePath.native(), OutRoute.From);
     if (!failure) {
         failure = m_places.Find(destination, OutRoute.To);
     }
     if (failure && !m_pending.empty()) { // what waits may be what is missing
         Flush();
-        failure = m_places.Find(Item.SourcePath.string(), OutRoute.From);
+        failure = m_places.Find(Item.SourcePath.native(), OutRoute.From);
     } else if (failure) {
         failure = OutRoute.From.Directory ? TavroFailure() : failure;
     }
@@ -206,11 +221,12 @@ bool TavroTransferRun::FindPlaces(const TavroTransferItemPlan& Item, TavroRoute&
         Fail({Kind::Read, failure.Error, std::move(failure.Path)});
         return false;
     }
-    failure = m_places.Find(destination, OutRoute.To);
-    const std::string own = failure ? TavroFindOwnPath(destination) : OutRoute.To.OwnPath();
+    if (!OutRoute.To.Directory) {
+        failure = m_places.Find(destination, OutRoute.To);
+    }
     struct stat status = {};
-    if (TavroIsBelow(OutRoute.From.OwnPath(), own) && TavroLookAt(OutRoute.From, status) == 0 &&
-        S_ISDIR(status.st_mode)) {
+    if (IsBelowItself(OutRoute, failure ? TavroFindOwnPath(destination) : "") &&
+        TavroLookAt(OutRoute.From, status) == 0 && S_ISDIR(status.st_mode)) {
         Fail({m_bMove ? Kind::MoveIntoItself : Kind::CopyIntoItself, {}, OutRoute.From.Path()});
         return false;
     }
@@ -243,8 +259,8 @@ void TavroTransferRun::CarryOutItem(TavroTransferItemPlan& Item) {
     if (IsCancelled() || m_unseen.count(&Item) != 0) {
         return;
     }
-    if (TavroIsCddaPath(Item.SourcePath.string())) {
-        Fail({Kind::AudioTrack, {}, Item.SourcePath.string()});
+    if (TavroIsCddaPath(Item.SourcePath.native())) {
+        Fail({Kind::AudioTrack, {}, Item.SourcePath.native()});
     } else if (FindPlaces(Item, way) && FindAgainWhenEntangled(Item, way)) {
         TransferEntry(way, &Item);
         FinishMerges(way.From);
@@ -317,11 +333,15 @@ bool TavroTransferRun::IsTaken(const TavroPlace& To, struct stat& OutThere) {
     return m_search.Look(To, OutThere) == 0;
 }
 
+bool TavroTransferRun::IsPendingTo(const TavroPlace& Place) const {
+    const auto names = m_pendingTo.find(Place.Directory->Identity);
+    return names != m_pendingTo.end() && names->second.count(Place.Name) != 0;
+}
+
 /// Whether an entry has to do with what waits: is in it, holds it, or goes to where it goes.
 bool TavroTransferRun::IsEntangled(const TavroRoute& Way, const struct stat& Source) {
     return !m_pending.empty() &&
-           (m_pendingTo.count(Way.From.OwnPath()) != 0 ||
-            m_pendingTo.count(Way.To.OwnPath()) != 0 ||
+           (IsPendingTo(Way.From) || IsPendingTo(Way.To) ||
             (S_ISDIR(Source.st_mode) && m_pendingWork.IsIn(TavroIdentityOf(Source))) ||
             m_pendingWork.Includes(Way.From, TavroIdentityOf(Source)) ||
             m_pendingWork.Includes(Way.To, {}));
@@ -430,10 +450,6 @@ void TavroTransferRun::Prepare(const TavroRoute& Way, const struct stat& Source,
     const bool bSynced = Options.bSync;
     entry.Source = TavroStateOf(Source);
     entry.Item = Item;
-    entry.AskedFrom = Way.From.Path();
-    entry.AskedTo = Way.To.Path();
-    entry.OwnFrom = Way.From.OwnPath();
-    entry.OwnTo = Way.To.OwnPath();
     entry.NextName = Options.NextName;
     entry.bExchange = Old != nullptr;
     entry.Old = Old != nullptr ? TavroStateOf(*Old) : TavroFileState();
@@ -442,7 +458,7 @@ void TavroTransferRun::Prepare(const TavroRoute& Way, const struct stat& Source,
     const int error =
         !m_bMove || entry.bRename ? 0 : TavroAccessAt(Way.From.Number(), ".", W_OK | X_OK);
     if (error != 0) {
-        Fail(TavroFail(Kind::Move, error, entry.AskedFrom, entry.AskedTo));
+        Fail(TavroFail(Kind::Move, error, Way.From.Path(), Way.To.Path()));
         return;
     }
     if (m_bTree && Item != nullptr && Old == nullptr) {
@@ -454,7 +470,7 @@ void TavroTransferRun::Prepare(const TavroRoute& Way, const struct stat& Source,
         };
     }
     const bool bEarlier = m_callbacks.FindEarlier && S_ISDIR(Source.st_mode) && !entry.bRename;
-    Options.Earlier = bEarlier ? m_callbacks.FindEarlier(entry.OwnTo) : TavroEarlierCopy();
+    Options.Earlier = bEarlier ? m_callbacks.FindEarlier(Way.To.OwnPath()) : TavroEarlierCopy();
     entry.Copy = std::make_unique<TavroStagedCopy>(Way.From, Way.To, std::move(Options), m_links,
                                                    m_progress);
     if (!entry.bRename && !entry.Copy->Stage(Source, std::move(m_source))) {
@@ -473,8 +489,9 @@ void TavroTransferRun::Prepare(const TavroRoute& Way, const struct stat& Source,
 }
 
 void TavroTransferRun::Remember(const TavroPendingEntry& Entry) {
-    m_pendingTo.insert(Entry.OwnTo);
-    m_pendingWork.AddHolders(Entry.Copy->To());
+    const TavroPlace& to = Entry.Copy->To();
+    m_pendingTo[to.Directory->Identity].insert(to.Name);
+    m_pendingWork.AddHolders(to);
     if (Entry.Source.IsDirectory() && m_bMove) {
         m_pendingWork.Add(Entry.Copy->From(), Entry.Source);
     }

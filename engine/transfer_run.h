@@ -17,6 +17,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -43,10 +44,6 @@ struct TavroPendingEntry {
     bool bRename = false;   ///< Nothing is copied.
     bool bExchange = false; ///< Something is at its destination.
     TavroFileState Old;     ///< What is there.
-    std::string AskedFrom;  ///< The paths as they are told,
-    std::string AskedTo;
-    std::string OwnFrom; ///< and as the history keeps them.
-    std::string OwnTo;
     std::function<std::string()> NextName;
     TavroTransferItemPlan* Item = nullptr;
     bool bDone = false;
@@ -57,6 +54,20 @@ struct TavroPendingEntry {
     TavroTrashDestination* Trash = nullptr;
     std::string OldName; ///< Its name in the trash; empty: it does not go there.
     std::string Hidden;  ///< The name that it gets first.
+
+    /// The paths as they are told, and as the history keeps them.
+    std::string AskedFrom() const {
+        return Copy->From().Path();
+    }
+    std::string AskedTo() const {
+        return Copy->To().Path();
+    }
+    std::string OwnFrom() const {
+        return Copy->From().OwnPath();
+    }
+    std::string OwnTo() const {
+        return Copy->To().OwnPath();
+    }
 };
 
 /// A directory that was merged into another one, and is to be removed when it is empty.
@@ -110,6 +121,7 @@ private:
     void Prepare(const TavroRoute& Way, const struct stat& Source, const struct stat* Old,
                  TavroMoveOptions Options, TavroTransferItemPlan* Item);
     bool IsTaken(const TavroPlace& To, struct stat& OutThere);
+    bool IsPendingTo(const TavroPlace& Place) const;
     bool IsEntangled(const TavroRoute& Way, const struct stat& Source);
     void Remember(const TavroPendingEntry& Entry);
 
@@ -182,9 +194,10 @@ private:
     TavroNameSearch m_search; ///< For what is at destinations.
     TavroDescriptor m_source; ///< A file that is to be copied next.
     std::vector<TavroPendingEntry> m_pending;
-    std::unordered_set<std::string> m_pendingTo; ///< Own paths.
-    TavroOwnWork m_pendingWork;                  ///< What waits, as if it were done.
-    std::vector<TavroEmptied> m_emptied;         ///< Inner ones first.
+    /// Where it waits to go: names in directories.
+    std::unordered_map<TavroIdentity, std::unordered_set<std::string>> m_pendingTo;
+    TavroOwnWork m_pendingWork;          ///< What waits, as if it were done.
+    std::vector<TavroEmptied> m_emptied; ///< Inner ones first.
     std::vector<TavroPutOff> m_putOff;
     bool m_bLast = false;          ///< What was put off is in hand: nothing more can wait.
     std::vector<TavroStep> m_plan; ///< What the journal was not told.

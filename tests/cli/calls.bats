@@ -39,6 +39,10 @@ costs_at_most() {
   costs_at_most 5.9 "'$TAVRO' trash -q many/*"
 }
 
+@test "a file that nobody touched comes back from the trash by four calls, after the six of trashing it" {
+  costs_at_most 10.5 "bash -c \"'$TAVRO' trash -q many/* && '$TAVRO' undo -q\""
+}
+
 @test "copying a small file costs at most twelve calls, two for its plan, and its share of the history" {
   costs_at_most 14.5 "'$TAVRO' copy -q many/* \"\$(mktemp -d -p ..)/\""
 }
