@@ -17,6 +17,12 @@ using namespace tavro_fuzz;
 
 namespace {
 
+/// Adds what was just done.
+TavroFailure record(TavroHistory& history, TavroOperation& operation) {
+    TavroFailure failure = history.BeginOperation(operation);
+    return failure ? failure : history.EndOperation(operation, true);
+}
+
 /// The bytes of a history of two operations.
 const std::string& realHistory() {
     static const std::string bytes = [] {
@@ -31,8 +37,8 @@ const std::string& realHistory() {
             trash.Steps = {
                 {TavroStepRole::Trashed, "/x/b", "/h/files/b", "/h/info/b.trashinfo", {1, 3}}};
             demandEqual(TavroDescribe(history.Open(file.string(), {})), "", "the opening");
-            demandEqual(TavroDescribe(history.Record(move)), "", "the first operation");
-            demandEqual(TavroDescribe(history.Record(trash)), "", "the second operation");
+            demandEqual(TavroDescribe(record(history, move)), "", "the first operation");
+            demandEqual(TavroDescribe(record(history, trash)), "", "the second operation");
         }
         // All of it is to be in the file itself, not in the log beside it.
         sqlite3* connection = nullptr;
@@ -84,7 +90,7 @@ void checkRecording(TavroHistory& history) {
     TavroOperation operation;
     operation.Kind = TavroOperationKind::Rename;
     operation.Steps = {{TavroStepRole::Moved, "/new", "/newer", "", {1, 4}}};
-    demandEqual(TavroDescribe(history.Record(operation)), "", "recording");
+    demandEqual(TavroDescribe(record(history, operation)), "", "recording");
     std::optional<TavroOperation> next;
     demandEqual(TavroDescribe(history.NextToUndo(next)), "", "what was recorded is read");
     demand(next && next->Id == operation.Id && next->Steps == operation.Steps,
