@@ -28,8 +28,8 @@ struct TavroUndoReport {
 /// Only the very files that the operation left are touched: Missing, Replaced (another file has the
 /// name by now, or another program's item the place in the trash), InTheWay, and what the guard
 /// refuses. A copy goes to the trash with what became of it since. Directories that are missing are
-/// created, for the user alone or with the modes that the operation knows; those that the operation
-/// or its undo created go when they are empty.
+/// created, for the user alone or with the modes that the operation knows. Those that the operation
+/// created go when they are empty; those that an undo created because they were missing stay.
 TavroUndoReport TavroUndo(TavroHistory& History, const TavroCallbacks& Callbacks);
 TavroUndoReport TavroRedo(TavroHistory& History, const TavroCallbacks& Callbacks);
 
