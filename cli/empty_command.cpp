@@ -26,7 +26,7 @@ int Select(const Emptied& What, bool bMeasure, std::vector<TavroTrashItem>& Item
     std::uint64_t bytes = What.Free.value_or(0);
     TavroFailure failure;
     if (What.Keep) { // all of the trash counts
-        failure = TavroMeasureItems(Items, TavroWasInterrupted);
+        failure = TavroMeasureItems(Items, TavroWasInterrupted, false);
         const std::uint64_t all = TavroCountBytes(Items);
         bytes = all - std::min(all, *What.Keep);
     }
@@ -34,7 +34,7 @@ int Select(const Emptied& What, bool bMeasure, std::vector<TavroTrashItem>& Item
         return TavroExitFailed;
     }
     if (!failure && !What.Keep && (bMeasure || What.Free)) {
-        failure = TavroMeasureItems(Items, TavroWasInterrupted);
+        failure = TavroMeasureItems(Items, TavroWasInterrupted, false);
     }
     if (What.Keep || What.Free) {
         Items = TavroOldestItems(std::move(Items), bytes);

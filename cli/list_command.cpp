@@ -79,7 +79,7 @@ int RunList(const TavroChoice& Choice, const std::string& Volume, bool bJson, bo
         bEverything && !failure ? TavroCountUnlistedItems(items, trashes) : std::uint64_t{0};
     const std::vector<TavroFailure> missed = TavroChooseItems(Choice, items);
     if (!failure && !bZero) {
-        failure = TavroMeasureItems(items, TavroWasInterrupted);
+        failure = TavroMeasureItems(items, TavroWasInterrupted, true);
     }
     if (bJson) {
         PrintJson(items);

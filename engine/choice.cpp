@@ -234,7 +234,7 @@ constexpr std::int64_t nanosecondsInSecond = 1000000000;
 } // namespace
 
 TavroFailure TavroMeasureItems(std::vector<TavroTrashItem>& IoItems,
-                               const std::function<bool()>& ShouldCancel) {
+                               const std::function<bool()>& ShouldCancel, bool bRemember) {
     std::map<std::shared_ptr<const TavroTrashFolders>, std::vector<TavroDirectorySize>> sizes;
     TavroFailure failure;
     for (std::size_t i = 0; i < IoItems.size(); ++i) {
@@ -254,7 +254,7 @@ TavroFailure TavroMeasureItems(std::vector<TavroTrashItem>& IoItems,
     }
     for (const auto& [folders, measured] : sizes) {
         TavroOpenTrash trash;
-        if (folders && !trash.Open(*folders)) {
+        if (bRemember && folders && !trash.Open(*folders)) {
             TavroKeepDirectorySizes(trash, measured);
         }
     }

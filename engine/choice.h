@@ -49,11 +49,11 @@ bool TavroIsPattern(const std::string& Word);
 std::vector<TavroFailure> TavroChooseItems(const TavroChoice& Choice,
                                            std::vector<TavroTrashItem>& IoItems);
 
-/// Fills in `ByteCount` of directories, all files in them together, and remembers for other
-/// programs what they take on the disk.
+/// Fills in `ByteCount` of directories, all files in them together.
+/// @param bRemember  other programs are told what they take on the disk.
 /// @return no failure; or Cancelled: what was not measured whole, and all after it, is taken away.
 TavroFailure TavroMeasureItems(std::vector<TavroTrashItem>& IoItems,
-                               const std::function<bool()>& ShouldCancel);
+                               const std::function<bool()>& ShouldCancel, bool bRemember);
 
 /// The bytes of all together.
 std::uint64_t TavroCountBytes(const std::vector<TavroTrashItem>& Items);

@@ -223,18 +223,19 @@ private:
 };
 
 TavroFailure Trashing::ChooseTrash(const std::vector<TavroVolume>& Volumes) {
-    TavroFailure failure;
     m_trashes.resize(m_steps.size());
-    for (std::size_t i = 0; i < m_steps.size() && !failure; ++i) {
+    for (std::size_t i = 0; i < m_steps.size(); ++i) {
         TavroBatchStep& step = m_steps[i];
-        failure = m_all.Find(Volumes[i], m_trashes[i]);
+        if (TavroFailure failure = m_all.Find(Volumes[i], m_trashes[i])) {
+            return failure;
+        }
         const TavroTrashFolders& folders = m_trashes[i]->Trash.Folders;
         step.To = TavroJoin(folders.Files, TavroNameOf(step.KnownAs()));
         if (folders.bVolume) {
             step.Holder = folders.Files;
         }
     }
-    return failure;
+    return {};
 }
 
 /// The name that an entry gets unless that is taken. For a single one it is looked up, so that

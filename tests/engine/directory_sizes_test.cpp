@@ -31,7 +31,7 @@ protected:
     static std::vector<TavroTrashItem> measured() {
         std::vector<TavroTrashItem> items;
         EXPECT_FALSE(TavroListTrash({}, items));
-        EXPECT_FALSE(TavroMeasureItems(items, {}));
+        EXPECT_FALSE(TavroMeasureItems(items, {}, true));
         return items;
     }
 
@@ -137,7 +137,7 @@ TEST_F(DirectorySizes, are_old_or_new_whichever_call_fails) {
         {
             std::vector<TavroTrashItem> items = listed;
             const NumberedFaults faults({{number, ENOSPC}});
-            EXPECT_FALSE(TavroMeasureItems(items, {}));
+            EXPECT_FALSE(TavroMeasureItems(items, {}, true));
             bFailed = faults.calls().size() > number;
         }
         const std::string bytes = readFile(cache());

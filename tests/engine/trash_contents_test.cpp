@@ -50,7 +50,7 @@ protected:
     static std::vector<TavroTrashItem> list(bool bMeasure = false) {
         std::vector<TavroTrashItem> items(2);
         EXPECT_EQ(TavroDescribe(TavroListTrash({}, items)), "");
-        EXPECT_FALSE(bMeasure && TavroMeasureItems(items, {}));
+        EXPECT_FALSE(bMeasure && TavroMeasureItems(items, {}, false));
         return items;
     }
     static std::vector<std::string> names(const std::vector<TavroTrashItem>& items) {
@@ -266,7 +266,7 @@ TEST_F(ListTrash, that_is_cancelled_is_returned_as_far_as_it_got) {
         listed.push_back(items.size());
         items = list();
         asked = 0;
-        EXPECT_EQ(TavroMeasureItems(items, isEnough).Kind == TavroFailureKind::Cancelled,
+        EXPECT_EQ(TavroMeasureItems(items, isEnough, false).Kind == TavroFailureKind::Cancelled,
                   limit < 4);
         for (const TavroTrashItem& found : items) {
             EXPECT_EQ(found.ByteCount, 5U);
