@@ -155,6 +155,16 @@ TavroFailure TavroReversal::CheckFree(const std::string& Path) {
     return TavroFail(error == 0 ? Kind::InTheWay : Kind::LookAt, error, Path);
 }
 
+/// The trash in which the item of a step lies. Neighbours have the same.
+const TavroTrashFolders& TavroReversal::TrashOf(const TavroStep& Step) {
+    std::string root = TavroParentOf(TavroParentOf(Step.To));
+    if (root != m_trashRoot) {
+        m_trashRoot = std::move(root);
+        m_trashFolders = TavroTrashFoldersOf(Step.To);
+    }
+    return m_trashFolders;
+}
+
 /// An item that changed since, or is on a device of another number, may be another one with the
 /// same inode. It is not when its record tells of the same place and time, or is lost. It tells of
 /// another time only when both its date and its file do: the one is of a time zone, and the other
@@ -167,11 +177,7 @@ TavroFailure TavroReversal::CheckRecord(const TavroStep& Step, const TavroFileSt
         m_places.Find(Step.Record, record)) {
         return {};
     }
-    if (m_info != record.Directory) { // neighbours have the same
-        m_info = record.Directory;
-        m_base = TavroTrashFoldersOf(Step.Record).Base;
-    }
-    const auto read = TavroReadRecord(record.Number(), TavroNameOf(Step.To), m_base);
+    const auto read = TavroReadRecord(record.Number(), TavroNameOf(Step.To), TrashOf(Step).Base);
     if (!read) {
         return {};
     }
@@ -431,8 +437,7 @@ TavroFailure TavroReversal::Trash(const Steps& Entries, std::vector<TavroStep>& 
             return TavroFailure();
         }
         origins.push_back(origin);
-        options.bHome =
-            options.bHome && TavroIsTrashed(step) && !TavroTrashFoldersOf(step.To).bVolume;
+        options.bHome = options.bHome && TavroIsTrashed(step) && !TrashOf(step).bVolume;
         const std::string& path = Leaving(origin);
         TavroSeenEntry seen;
         TavroFailure wrong = CheckFile(step, path, seen);
@@ -505,7 +510,7 @@ TavroFailure TavroReversal::Restore(Role What) {
     TavroFailure failure = Each(steps, [&](const TavroStep& step) {
         TavroSeenEntry seen;
         TavroFailure wrong = CheckItem(step, seen);
-        const TavroTrashFolders folders = TavroTrashFoldersOf(step.To);
+        const TavroTrashFolders& folders = TrashOf(step);
         const bool bWithin = folders.bVolume && TavroIsBelow(folders.Base, step.From);
         entries.push_back({{step.From, step.To, step.Record, step.bDirectory},
                            seen.State.Identity,

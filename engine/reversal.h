@@ -65,6 +65,7 @@ private:
     TavroFailure CheckFile(const TavroStep& Step, const std::string& Path, TavroSeenEntry& OutSeen);
     TavroFailure CheckHolder(const std::string& Path);
     TavroFailure CheckFree(const std::string& Path);
+    const TavroTrashFolders& TrashOf(const TavroStep& Step);
     TavroFailure CheckRecord(const TavroStep& Step, const TavroFileState& State);
     TavroFailure CheckItem(const TavroStep& Step, TavroSeenEntry& OutSeen);
     TavroFailure CheckEmpty(const TavroStep& Step, const std::set<std::string>& Created);
@@ -123,8 +124,8 @@ private:
     TavroUndoReport& m_report;
     std::vector<TavroStep>& m_steps;
     TavroPlaces m_places;
-    std::shared_ptr<const TavroDirectory> m_info; ///< Of the record that was read last,
-    std::string m_base;                           ///< and what its relative path begins at.
+    std::string m_trashRoot;          ///< Of the item that was looked at last,
+    TavroTrashFolders m_trashFolders; ///< and all of that trash.
     TavroGuard m_guard{TavroAct::Move};
     Directories m_made;
     TavroChanges m_changes;
