@@ -166,7 +166,10 @@ bool StandsInTheWay(const TavroUndoReport& Report) {
         Kind::LookAt,        Kind::ReadForUndo,        Kind::RefuseMove,
         Kind::RefuseTrash,   Kind::DeletionIsFinal,    Kind::DeletionWasInterrupted,
         Kind::HistoryInvalid};
-    return !Report.bPartly && kinds.count(Report.Failure.Kind) != 0;
+    const bool bAsItWas = !Report.bPartly && Report.Moves.RollBack.empty() &&
+                          Report.Trash.Batch.RollBack.empty() && Report.Trash.Left.empty() &&
+                          Report.Trash.InBoth.empty();
+    return bAsItWas && kinds.count(Report.Failure.Kind) != 0;
 }
 
 /// @param Id  of the operation to undo; 0: the newest that can be undone.

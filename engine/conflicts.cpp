@@ -29,13 +29,12 @@ TavroConflictAnswer TavroConflictJudge::Judge(const TavroTransferConflict& Confl
         return {Decided(Choice::OverwriteOlder, Conflict)};
     }
     std::optional<Choice>& forAll = bKindsDiffer ? m_forAllKinds : m_forAll;
-    if (forAll == Choice::Later && !Conflict.bCanWait) {
-        forAll.reset(); // later is now
-    }
-    if (!forAll && !m_onConflict) {
+    const bool bLaterIsNow = forAll == Choice::Later && !Conflict.bCanWait;
+    const bool bAnswered = forAll && !bLaterIsNow;
+    if (!bAnswered && !m_onConflict) {
         return {Choice::Skip};
     }
-    TavroConflictAnswer answer = forAll ? TavroConflictAnswer{*forAll} : m_onConflict(Conflict);
+    TavroConflictAnswer answer = bAnswered ? TavroConflictAnswer{*forAll} : m_onConflict(Conflict);
     if (answer.bForAll) {
         forAll = answer.Choice;
     }

@@ -27,8 +27,8 @@ const std::string schemaOfTheRest =
     "NULL, source BLOB NOT NULL, target BLOB NOT NULL, record BLOB NOT NULL, device INTEGER NOT "
     "NULL, inode INTEGER NOT NULL, changed INTEGER NOT NULL, mode INTEGER NOT NULL, directory "
     "INTEGER NOT NULL, attributes BLOB NOT NULL, staged BLOB NOT NULL, source_device INTEGER NOT "
-    "NULL, source_inode INTEGER "
-    "NOT NULL, source_changed INTEGER NOT NULL, PRIMARY KEY (operation, number)) WITHOUT ROWID;";
+    "NULL, source_inode INTEGER NOT NULL, source_changed INTEGER NOT NULL, PRIMARY KEY "
+    "(operation, number)) WITHOUT ROWID;";
 const std::string applicationId = "1415668338";
 const std::string schema = firstSchema + ", " + undoneColumn + schemaOfTheRest;
 const std::string schemaVersion = "2";
@@ -262,8 +262,8 @@ void TavroDatabase::Sync() {
     Keep(error == 0 ? SQLITE_OK : error == ENOSPC ? SQLITE_FULL : SQLITE_IOERR);
 }
 
-/// Does something in a transaction. A file that turns out
-/// to be damaged is set aside, and it is done with a new one.
+/// Does something in a transaction. A file that turns out to be damaged is set aside, and it is
+/// done with a new one.
 TavroFailure TavroDatabase::Transact(Access What, const std::function<void()>& Do, bool bAgain) {
     const bool bWrite = What != Access::Read;
     if (Connection == nullptr) {

@@ -2,8 +2,10 @@
 
 #include "names.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <ctime>
 #include <fcntl.h>
 #include <map>
 #include <optional>
@@ -57,16 +59,21 @@ void WriteCache(int Root, const std::string& Bytes) {
         TavroUnlinkAt(Root, fileName);
         return;
     }
-    const std::string staged = TavroStagingName();
+    const char* const staged = "directorysizes.tavro";
     TavroDescriptor file;
-    if (TavroOpenAt(Root, staged.c_str(), O_WRONLY | O_CREAT | O_EXCL, file, 0600) != 0) {
+    struct stat status = {};
+    if (TavroOpenAt(Root, staged, O_WRONLY | O_CREAT | O_EXCL, file, 0600) != 0) {
+        if (TavroStatAt(Root, staged, status) == 0 &&
+            status.st_mtim.tv_sec + 60 < std::time(nullptr)) {
+            TavroUnlinkAt(Root, staged); // of a process that was killed
+        }
         return;
     }
     int error = TavroWriteAt(file.Number(), Bytes.data(), Bytes.size(), 0);
     const int closing = file.Close();
     error = error != 0 ? error : closing;
-    if (error != 0 || TavroRename(Root, staged.c_str(), Root, fileName) != 0) {
-        TavroUnlinkAt(Root, staged.c_str());
+    if (error != 0 || TavroRename(Root, staged, Root, fileName) != 0) {
+        TavroUnlinkAt(Root, staged);
     }
 }
 

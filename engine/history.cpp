@@ -259,8 +259,7 @@ const std::string operationsWhere =
 constexpr const char* stepsOfOne =
     "SELECT number, role, source, target, record, device, inode, changed, mode, directory, "
     "attributes, staged, source_device, source_inode, source_changed FROM step WHERE operation = ? "
-    "ORDER BY number "
-    "LIMIT ?";
+    "ORDER BY number LIMIT ?";
 
 /// @return whether a row of an operation could have been written here.
 bool ReadOperation(TavroStatement& Row, TavroOperation& OutOperation) {

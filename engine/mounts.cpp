@@ -90,7 +90,7 @@ std::vector<std::string> TavroFindSilentMounts() {
 
 std::string TavroFindAbove(const std::vector<std::string>& Points, const std::string& Path) {
     const auto above = std::find_if(Points.begin(), Points.end(), [&](const std::string& point) {
-        return TavroIsBelow(point, Path);
+        return point == Path || TavroIsBelow(point, Path);
     });
     return above == Points.end() ? "" : *above;
 }

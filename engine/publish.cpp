@@ -39,13 +39,11 @@ void TavroTransferRun::Flush() {
     int error = failure ? 0 : m_changes.Flush();
     m_told = bTold ? m_told : TavroIdentity();
     if (error != 0) {
-        failure = TavroFail(Kind::Write, error, entries.empty() ? "" : entries[0].AskedTo());
-    }
-    if (failure) {
+        failure = TavroFail(Kind::Write, error, "");
         for (const TavroPendingEntry& entry : entries) {
-            Fail({failure.Kind, failure.Error, entry.AskedTo(), failure.Other});
+            Fail(TavroFail(Kind::Write, error, entry.AskedTo()));
         }
-    } else if ((failure = Journal(entries))) {
+    } else if (failure || (failure = Journal(entries))) {
         Fail(failure);
     }
     if (failure) {
@@ -473,7 +471,7 @@ void TavroTransferRun::DropClaim(TavroPendingEntry& Entry) {
     }
 }
 
-/// Nothing is left of what waits, or it is told what is.
+/// Removes what waits, and reports what could not be removed.
 void TavroTransferRun::GiveUp(TavroPendingEntry& Entry) {
     if (Entry.bRename) {
         return;

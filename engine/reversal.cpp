@@ -1,9 +1,7 @@
 #include "reversal.h"
 
-#include "edit.h"
 #include "names.h"
-#include "remove.h"
-#include "trash_contents.h"
+#include "trash.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -166,9 +164,9 @@ const TavroTrashFolders& TavroReversal::TrashOf(const TavroStep& Step) {
 }
 
 /// An item that changed since, or is on a device of another number, may be another one with the
-/// same inode. It is not when its record tells of the same place and time, or is lost. It tells of
-/// another time only when both its date and its file do: the one is of a time zone, and the other
-/// may be a copy.
+/// same inode. It is not when its record tells of the same place and time, or is lost. It counts as
+/// another time only when both the date in the record and the time of the record's file say so: the
+/// date depends on the time zone, and a record that was copied has another time.
 TavroFailure TavroReversal::CheckRecord(const TavroStep& Step, const TavroFileState& State) {
     TavroPlace record;
     const bool bElsewhere =
@@ -192,6 +190,15 @@ TavroFailure TavroReversal::CheckRecord(const TavroStep& Step, const TavroFileSt
                ? TavroFailure()
                : TavroFailure{
                      Kind::Replaced, {}, Step.To, "what was at '" + read->Path + "'" + when};
+}
+
+/// What came from a volume goes back to it, whatever link is in its path now.
+TavroFailure TavroReversal::CheckWithin(const TavroStep& Step) {
+    const TavroTrashFolders& trash = TrashOf(Step);
+    const bool bLeaves = trash.bVolume && TavroIsBelow(trash.Base, Step.From) &&
+                         !TavroIsBelow(trash.Base, TavroJoin(m_ownPaths[TavroParentOf(Step.From)],
+                                                             TavroNameOf(Step.From)));
+    return bLeaves ? TavroFailure{Kind::LeavesVolume, {}, Step.From, trash.Base} : TavroFailure();
 }
 
 /// What lies in the trash for the operation must be the very file.
@@ -641,7 +648,8 @@ TavroFailure TavroReversal::Check() {
     };
     const auto comesBack = [&](const TavroStep& step) {
         TavroFailure wrong = isThere(step);
-        return wrong ? wrong : CheckFree(step.From);
+        wrong = wrong ? wrong : CheckFree(step.From);
+        return wrong || !TavroIsTrashed(step) ? wrong : CheckWithin(step);
     };
     if (what == TavroOperationKind::CreateDirectory) {
         return CheckCreated();

@@ -4,8 +4,8 @@
 #define TAVRO_ENGINE_REVERSAL_H
 
 #include "changes.h"
-#include "copy_file.h"
 #include "guard.h"
+#include "move.h"
 #include "record.h"
 #include "recovery.h"
 #include "trash_destinations.h"
@@ -65,6 +65,7 @@ private:
     TavroFailure CheckFile(const TavroStep& Step, const std::string& Path, TavroSeenEntry& OutSeen);
     TavroFailure CheckHolder(const std::string& Path);
     TavroFailure CheckFree(const std::string& Path);
+    TavroFailure CheckWithin(const TavroStep& Step);
     const TavroTrashFolders& TrashOf(const TavroStep& Step);
     TavroFailure CheckRecord(const TavroStep& Step, const TavroFileState& State);
     TavroFailure CheckItem(const TavroStep& Step, TavroSeenEntry& OutSeen);
@@ -134,8 +135,8 @@ private:
     bool m_bTold = false; ///< What the history was told is on the disk.
     std::vector<TavroSwap> m_swaps;
     std::unordered_map<std::string, std::string> m_hidden; ///< What has left a path, and is to go.
-    TavroTrashDestinations m_trashes{false,
-                                     m_callbacks.bSync};  ///< For what goes where something comes.
+    /// For what goes where something comes.
+    TavroTrashDestinations m_trashes{false, m_callbacks.bSync};
     std::unordered_map<std::string, TavroStep> m_trashed; ///< By paths, what went there so.
 
     /// Of directories that something goes to: where they were when all was checked.

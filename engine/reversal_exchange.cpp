@@ -12,12 +12,7 @@ using Steps = TavroReversal::Steps;
 
 /// Whether a rename can lead from one place to the other.
 bool IsOneMount(const TavroPlace& A, const TavroPlace& B) {
-    struct stat status = {};
-    std::uint64_t a = 0;
-    std::uint64_t b = 0;
-    return A.Directory->Identity.Device == B.Directory->Identity.Device &&
-           TavroStatWithMount(A.Number(), status, a) == 0 &&
-           TavroStatWithMount(B.Number(), status, b) == 0 && a == b;
+    return TavroVolumeOf(*A.Directory) == TavroVolumeOf(*B.Directory);
 }
 
 } // namespace
@@ -329,7 +324,8 @@ TavroFailure TavroReversal::FinishExchanges() {
         if (failure) {
             return failure;
         }
-        if (!swap.Record.empty() && !m_places.Find(swap.Record, record)) {
+        if (!swap.Record.empty() && !m_places.Find(swap.Record, record) &&
+            !TavroIsLedAway(record, swap.Record)) {
             TavroUnlinkAt(record.Number(), record.Name.c_str());
             m_changes.Add(record.Directory);
         }

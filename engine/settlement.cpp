@@ -425,8 +425,7 @@ void Settlement::RemoveRecordsIn(const std::string& Directory, const std::set<st
     TavroPlace info;
     TavroDescriptor files;
     const std::string inside = TavroJoin(Directory, "x");
-    if (m_places.Find(inside, info) ||
-        (TavroTrashFoldersOf(inside).bVolume && info.Directory->OwnPath != Directory) ||
+    if (m_places.Find(inside, info) || TavroIsLedAway(info, inside) ||
         TavroOpenDirectoryAt(info.Number(), "../files", files) != 0) {
         return;
     }
@@ -447,9 +446,9 @@ void Settlement::RemoveRecordsIn(const std::string& Directory, const std::set<st
 }
 
 /// Finds records whose items are not there.
-/// @param Origins  what a record tells that goes, or, when the operation has begun it, holds that;
-/// in
-///                 Items, which goes whatever it tells.
+/// @param Origins  a record goes that tells one of these, or, when the operation has begun it, is
+///                 in one of them.
+/// @param Items    theirs go whatever they tell.
 /// @return the items, and the paths that the records tell.
 std::map<std::string, std::string>
 Settlement::FindRecords(const TavroPlace& Info, int Files, const std::set<std::string>& Origins,

@@ -14,11 +14,12 @@
 ///
 /// @param History      holds the other operations.
 /// @param IoOperation  gets the steps that are written to the history on the way.
-/// @param bGoOn    it is resumed as it was begun: copies of files that wait get their names
-///                 instead, when their sources are unchanged; those of directories stay for the
-///                 resumption, as `Staged` and `Source` of their steps.
-/// @param OutDone  the steps whose files are at `To`; of the others, the last argument. What was
-///                 kept of one step several times counts once.
+/// @param bGoOn        it is resumed as it was begun: copies of files that wait get their names
+///                     instead, when their sources are unchanged; those of directories stay for the
+///                     resumption, as `Staged` and `Source` of their steps.
+/// @param OutDone      the steps whose files are at `To`. What was kept of one step several times
+///                     counts once.
+/// @param OutNotDone   the others.
 /// @return no failure, or why something could not be settled; all can be tried again.
 TavroFailure TavroSettle(TavroHistory& History, TavroOperation& IoOperation, bool bGoOn,
                          const TavroCallbacks& Callbacks, std::vector<TavroStep>& OutDone,

@@ -23,7 +23,8 @@ int Open(int Above, const char* Name, bool bForListing, TavroDirectory& Director
     if (error == EACCES && !bForListing) {
         error = TavroOpenAt(Above, Name, O_PATH | O_DIRECTORY, Directory.Descriptor);
     }
-    error = error != 0 ? error : TavroStat(Directory.Descriptor.Number(), status);
+    error = error != 0 ? error
+                       : TavroStatWithMount(Directory.Descriptor.Number(), status, Directory.Mount);
     const TavroIdentity known = std::exchange(Directory.Identity, TavroIdentityOf(status));
     return error != 0 || known.Inode == 0 || known == Directory.Identity ? error : ESTALE;
 }
@@ -290,6 +291,9 @@ void TavroTransferRun::CarryOutPutOff() {
         FinishMerges(entry.Way.From);
     }
     m_putOff.clear();
+    // A merge that began late ends after those of the directories above it.
+    std::stable_sort(m_emptied.begin(), m_emptied.end(),
+                     [](const TavroEmptied& a, const TavroEmptied& b) { return a.Path > b.Path; });
 }
 
 // =================================================================================================

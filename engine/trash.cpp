@@ -441,8 +441,9 @@ void RemoveRecords(const std::vector<TavroBatchStep>& Steps, TavroChanges& Chang
     std::set<std::string> held; // items of trashes that held directories: one of each
     for (const TavroBatchStep& step : Steps) {
         TavroPlace record;
-        if (step.Arrived.Identity.Inode != 0 && !step.bCopyStays &&
-            !places.Find(RecordOf(step.From), record)) {
+        const std::string path = RecordOf(step.From);
+        if (step.Arrived.Identity.Inode != 0 && !step.bCopyStays && !places.Find(path, record) &&
+            !TavroIsLedAway(record, path)) {
             TavroUnlinkAt(record.Number(), record.Name.c_str());
             Changes.Add(record.Directory);
             if (step.Seen->State.IsDirectory()) {

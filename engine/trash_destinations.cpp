@@ -34,8 +34,7 @@ TavroFailure TavroTrashDestination::Claim(const std::string& Origin, std::string
 TavroFailure TavroTrashDestination::Find(TavroPlaces& Places, const std::string& Name,
                                          TavroPlace& OutPlace) const {
     TavroFailure failure = Places.Find(ItemPath(Name), OutPlace);
-    const bool bElsewhere =
-        !failure && Trash.Folders.bVolume && OutPlace.Directory->OwnPath != Trash.Folders.Files;
+    const bool bElsewhere = !failure && TavroIsLedAway(OutPlace, ItemPath(Name));
     return bElsewhere ? TavroFail(TavroFailureKind::LookAt, ESTALE, ItemPath(Name)) : failure;
 }
 

@@ -26,8 +26,7 @@ struct TavroVolume {
 /// That of what is in a directory.
 TavroVolume TavroVolumeOf(const TavroDirectory& Directory);
 
-/// That of an entry: the one of the directory that holds it, or, where that is still to be made,
-/// will hold it.
+/// The volume of the directory that holds an entry, or will hold it.
 TavroVolume TavroVolumeOf(TavroPlaces& Places, std::string Path);
 
 /// A trash that entries of an operation go to, and the names that they get there.
@@ -37,6 +36,8 @@ struct TavroTrashDestination {
     std::size_t Count = 0; ///< Of records that may not be on the disk,
     std::string Item;      ///< and the item of one of them.
 
+    /// Claims a name for what is to be restored to a path.
+    /// @param OutItem  the name; empty after a failure.
     TavroFailure Claim(const std::string& Origin, std::string& OutItem);
 
     /// The place of an item. No link on a volume leads to another one: ESTALE.

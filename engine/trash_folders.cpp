@@ -56,6 +56,10 @@ TavroTrashFolders TavroTrashFoldersOf(const std::string& Path) {
     return TavroFindTrashFolders();
 }
 
+bool TavroIsLedAway(const TavroPlace& Found, const std::string& Path) {
+    return Found.Directory->OwnPath != TavroParentOf(Path) && TavroTrashFoldersOf(Path).bVolume;
+}
+
 namespace {
 
 /// Gives a new directory its mode: the umask may have taken permissions of the user's own.

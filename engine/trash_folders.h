@@ -5,6 +5,7 @@
 #define TAVRO_ENGINE_TRASH_FOLDERS_H
 
 #include "failure.h"
+#include "place.h"
 #include "posix.h"
 
 #include <string>
@@ -30,6 +31,9 @@ TavroTrashFolders TavroFindTrashFolders();
 
 /// The trashes that this user may have on the volume with a mount point, the one to be used first.
 std::vector<TavroTrashFolders> TavroTrashFoldersOnVolume(const std::string& Top);
+
+/// Whether a link on a volume leads to another place than the path of an item or a record says.
+bool TavroIsLedAway(const TavroPlace& Found, const std::string& Path);
 
 /// The trash that has a file at `ROOT/files/NAME` or `ROOT/info/NAME`, by the path alone: the one
 /// of a volume, or else the home trash.

@@ -1,15 +1,14 @@
 #include "undo.h"
 
+#include "edit.h"
 #include "journal.h"
 #include "names.h"
 #include "remove.h"
 #include "reversal.h"
 #include "settlement.h"
 #include "trash_contents.h"
-#include "trash_folders.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <set>
 #include <utility>
 

@@ -293,6 +293,18 @@ $PWD/d -> $HOME/$trash/files/d"
   [ ! -e "$cache" ]
 }
 
+@test "a trash that cannot be created takes nothing, and is named" {
+  mkdir -p "$HOME/.local/share"
+  touch a "$HOME/.local/share/Trash"
+  run -1 --separate-stderr tavro trash a
+  [[ $stderr == *"'$HOME/.local/share/Trash"* ]]
+  [ -f a ]
+  mkdir to && echo 1 >to/a
+  run -1 --separate-stderr tavro copy --on-conflict overwrite a to
+  [[ $stderr == *"'$HOME/.local/share/Trash"* ]]
+  expect "$(<to/a)" 1
+}
+
 @test "a relative HOME is no home directory" {
   touch a
   HOME=home run -1 --separate-stderr tavro trash --no-history a
