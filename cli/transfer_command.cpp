@@ -220,16 +220,29 @@ bool TakeBack(std::int64_t Id) {
            TavroPrintFailure(failure) == TavroExitDone;
 }
 
+/// An empty answer keeps, none removes.
+bool AskToKeep() {
+    for (;;) {
+        const auto answer =
+            TavroAsk("Interrupted. [K]eep what is done, so that 'tavro resume' can go "
+                     "on, or [r]emove it? ");
+        if (!answer || *answer == "r" || *answer == "R") {
+            return false;
+        }
+        if (answer->empty() || *answer == "k" || *answer == "K") {
+            return true;
+        }
+        TavroPrintError("Type one of the letters in brackets, not '" + *answer + "'");
+    }
+}
+
 /// Whether what an interrupted transfer has done is kept. Only a person at the keyboard is asked; a
 /// second Ctrl-C is an answer, too.
 bool ShouldKeep() {
     const int signal = TavroForgetInterrupt();
     bool bKeep = signal != SIGINT;
     if (signal == SIGINT && TavroCanAsk()) {
-        const auto answer =
-            TavroAsk("Interrupted. [K]eep what is done, so that 'tavro resume' can go "
-                     "on, or [r]emove it? ");
-        bKeep = answer && *answer != "r" && *answer != "R";
+        bKeep = AskToKeep();
     }
     TavroRememberInterrupt(signal);
     return bKeep;

@@ -35,6 +35,7 @@ TavroConflictAnswer TavroConflictJudge::Judge(const TavroTransferConflict& Confl
         return {Choice::Skip};
     }
     TavroConflictAnswer answer = bAnswered ? TavroConflictAnswer{*forAll} : m_onConflict(Conflict);
+    answer.bAsked = !bAnswered;
     if (answer.bForAll) {
         forAll = answer.Choice;
     }

@@ -40,6 +40,7 @@ struct TavroConflictAnswer {
     bool bForAll = false;
 
     std::string NewName = {}; ///< Of Rename: beside what is there.
+    bool bAsked = false;      ///< Set by the judge: somebody was asked just now.
 };
 
 /// Chooses what is done about a conflict: by the policy, by an answer for all, or by asking.

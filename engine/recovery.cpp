@@ -80,9 +80,29 @@ bool TavroIsOnItsWay(const TavroOperation& Operation) {
            Operation.State != TavroOperationState::Undone;
 }
 
+namespace {
+
+/// The device of what is at a path, or would be.
+std::uint64_t DeviceAt(TavroPlaces& Places, const std::string& Path) {
+    TavroPlace place;
+    return Path.empty() || Places.Find(Path, place) ? 0 : place.Directory->Identity.Device;
+}
+
+/// Whether what is at one of two places can be the file of an identity. Two file systems may give
+/// one number, and a device can have another number after a restart: it can be the file unless the
+/// device is that of the other place.
+bool IsFound(const TavroIdentity& Wanted, const TavroIdentity& Found, std::uint64_t OtherDevice) {
+    return Found.Inode != 0 && Found.Inode == Wanted.Inode &&
+           (Found.Device == Wanted.Device || OtherDevice != Wanted.Device);
+}
+
+} // namespace
+
 TavroWhereabouts TavroFindStep(const TavroStep& Step, TavroPlaces& Places) {
-    const std::uint64_t there = TavroIdentityAt(Places, Step.To).Inode;
-    const std::uint64_t here = TavroIdentityAt(Places, Step.From).Inode;
+    const TavroIdentity atTo = TavroIdentityAt(Places, Step.To);
+    const TavroIdentity atFrom = TavroIdentityAt(Places, Step.From);
+    const std::uint64_t there = atTo.Inode;
+    const std::uint64_t here = atFrom.Inode;
     switch (Step.Role) {
     case Role::CreatedDirectory:
         return there != 0 ? TavroWhereabouts::AtTo : TavroWhereabouts::Nowhere;
@@ -95,9 +115,9 @@ TavroWhereabouts TavroFindStep(const TavroStep& Step, TavroPlaces& Places) {
     default:
         break;
     }
-    const std::uint64_t source = Step.Source.Inode != 0 ? Step.Source.Inode : Step.Identity.Inode;
-    const bool bThere = there != 0 && there == Step.Identity.Inode;
-    const bool bHere = here != 0 && here == source;
+    const bool bThere = IsFound(Step.Identity, atTo, DeviceAt(Places, Step.From));
+    const bool bHere = IsFound(Step.Source.Inode != 0 ? Step.Source : Step.Identity, atFrom,
+                               DeviceAt(Places, Step.To));
     if (Step.Role == Role::Copied || !(bThere && bHere)) {
         return bThere  ? TavroWhereabouts::AtTo
                : bHere ? TavroWhereabouts::AtFrom

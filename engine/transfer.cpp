@@ -368,8 +368,15 @@ void TavroTransferRun::SettleConflict(const TavroRoute& Way, const struct stat& 
     const TavroConflictAnswer answer = m_callbacks.bKeepBoth
                                            ? TavroConflictAnswer{TavroConflictChoice::KeepBoth}
                                            : m_judge.Judge(conflict);
+    struct stat now = {};
     switch (answer.Choice) {
     case TavroConflictChoice::Overwrite:
+        if (answer.bAsked &&
+            (TavroLookAt(Way.To, now) != 0 || TavroIdentityOf(now) != TavroIdentityOf(There))) {
+            m_search.Forget();
+            TransferEntry(Way, Item); // what was shown is not there any more
+            break;
+        }
         Replace(Way, Source, There, Item);
         break;
     case TavroConflictChoice::Rename:

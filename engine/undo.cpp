@@ -29,8 +29,8 @@ public:
 
 private:
     TavroFailure Settle(bool& IoUndo, bool bResume);
-    static TavroFailure CheckReplaced(const std::vector<TavroStep>& Done,
-                                      const std::vector<TavroStep>& NotDone);
+    static TavroFailure CheckNothingMissing(const std::vector<TavroStep>& Done,
+                                            const std::vector<TavroStep>& NotDone);
     void Sort(std::vector<TavroStep> Done, std::vector<TavroStep> NotDone, bool bUndo);
     TavroFailure Transfer(TavroTransferCallbacks Callbacks);
     TavroFailure Take(FindNext Find, TavroFailureKind Nothing, bool bUndo);
@@ -53,9 +53,10 @@ private:
     bool m_bTransfer = false;               ///< The rest is to be copied or moved.
 };
 
-/// What was replaced must be somewhere, as long as the new entry, or nothing, is in its place.
-TavroFailure Going::CheckReplaced(const std::vector<TavroStep>& Done,
-                                  const std::vector<TavroStep>& NotDone) {
+/// What was moved must be somewhere, and what was replaced, as long as the new entry, or nothing,
+/// is in its place.
+TavroFailure Going::CheckNothingMissing(const std::vector<TavroStep>& Done,
+                                        const std::vector<TavroStep>& NotDone) {
     TavroPlaces places;
     std::set<std::string> filled;
     for (const TavroStep& step : Done) {
@@ -63,9 +64,10 @@ TavroFailure Going::CheckReplaced(const std::vector<TavroStep>& Done,
     }
     for (const TavroStep& step : NotDone) {
         const bool bOther = filled.count(step.From) == 0 && TavroIsPresent(step.From);
-        if (step.Role == Role::Replaced && !bOther &&
-            TavroFindStep(step, places) == TavroWhereabouts::Nowhere) {
-            return {Kind::ItemMissing, {}, step.To};
+        const bool bWanted = step.Role == Role::Moved || (step.Role == Role::Replaced && !bOther);
+        if (bWanted && TavroFindStep(step, places) == TavroWhereabouts::Nowhere) {
+            const bool bMoved = step.Role == Role::Moved;
+            return {bMoved ? Kind::Missing : Kind::ItemMissing, {}, step.To};
         }
     }
     return {};
@@ -92,7 +94,7 @@ TavroFailure Going::Settle(bool& IoUndo, bool bResume) {
     } else {
         IoUndo = bResume ? state == TavroOperationState::Undoing : true;
     }
-    failure = failure || !IoUndo ? failure : CheckReplaced(done, notDone);
+    failure = failure || !IoUndo ? failure : CheckNothingMissing(done, notDone);
     m_bTransfer =
         bDoing && bResume &&
         (operation.Kind == TavroOperationKind::Move || operation.Kind == TavroOperationKind::Copy);

@@ -738,3 +738,19 @@ tavro: Not finished: 'tavro resume' goes on, 'tavro undo' takes it back"
   run -0 tavro resume
   expect "$(cat d/f)" new
 }
+
+@test "the undo of an interrupted move does not pass for done when its target was taken away" {
+  command -v strace >/dev/null || skip 'strace is not installed'
+  strace -qq -o "$scratch/probe" true || skip 'strace may not trace here'
+  mkdir to && echo 1 >a && echo 2 >b
+  strace -qq -o /dev/null -e inject=renameat2:signal=KILL:when=2 "$TAVRO" move a b to || true
+  mv to elsewhere
+  run -1 --separate-stderr tavro undo
+  [[ $stderr == *"/to/a' is missing"* || $stderr == *"/to/a' does not exist"* ]]
+  run tavro history
+  [[ $output == *interrupted* ]]
+  mv elsewhere to
+  tavro undo -q
+  expect "$(cat a b) $(ls to)" "1
+2 "
+}
