@@ -24,6 +24,8 @@ not_said = {
     "[Trash Info]\nPath=",
     "must be a directory when",  # what is looked for in sentences of others
     "target cannot be empty",
+    " a directory into itself: ",
+    "Failed checking destination ",
     " target matches the source path for ",
     " excludes ",
 }
