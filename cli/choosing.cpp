@@ -15,19 +15,14 @@ CLI::Option* AddDays(CLI::App& Command, const std::string& Name, const std::stri
 
 } // namespace
 
-TavroChoiceOptions TavroAddChoice(CLI::App& Command, const std::string& Need) {
+TavroChoiceOptions TavroAddChoice(CLI::App& Command) {
     CLI::Option* words =
         TavroAddNames(Command, "NAME", 1,
-                      "A name in the trash, an original path or name, or a quoted pattern", Need);
-    words->required(!Need.empty());
-    const TavroChoiceOptions options = {
-        words, Command.add_flag("--here", "Only what was in the current directory or below"),
-        AddDays(Command, "--since", "Only what was trashed in the last DAYS days"),
-        AddDays(Command, "--older-than", "Only what was trashed more than DAYS days ago")};
-    for (CLI::Option* limit : {options.Here, options.Since, options.OlderThan}) {
-        limit->each([words](const std::string&) { words->required(false); });
-    }
-    return options;
+                      "A name in the trash, an original path or name, or a quoted pattern", "");
+    words->required(false);
+    return {words, Command.add_flag("--here", "Only what was in the current directory or below"),
+            AddDays(Command, "--since", "Only what was trashed in the last DAYS days"),
+            AddDays(Command, "--older-than", "Only what was trashed more than DAYS days ago")};
 }
 
 TavroChoice TavroReadChoice(const TavroChoiceOptions& Options) {

@@ -20,9 +20,7 @@ struct TavroChoiceOptions {
 };
 
 /// Adds them to a command.
-/// @param Need  what the command needs, as for TavroAddNames, where it needs words or a limit; else
-///              empty.
-TavroChoiceOptions TavroAddChoice(CLI::App& Command, const std::string& Need);
+TavroChoiceOptions TavroAddChoice(CLI::App& Command);
 
 /// Throws std::runtime_error when --here means no directory.
 TavroChoice TavroReadChoice(const TavroChoiceOptions& Options);

@@ -44,6 +44,7 @@ CLI::Option* TavroAddVerbose(CLI::App& Command) {
 CLI::Option* TavroAddBaseDirectory(CLI::App& Command) {
     CLI::Option* in = Command.add_option("--in");
     in->type_name("DIRECTORY");
+    TavroCheckNotEmpty(*in);
     return in->description("Read TEXT relative to this directory instead of the current one");
 }
 
@@ -64,10 +65,16 @@ TavroFailure TavroSeeTrashes(const std::string& OnVolume,
     TavroTrashes trashes;
     TavroFailure failure = TavroFindTrashes(OnVolume, trashes);
     for (const std::string& silent : trashes.Silent) {
-        TavroPrintError("'" + silent + "' does not answer and is passed over");
+        TavroPrintError("'" + silent + "' does not answer and is skipped");
     }
     OutTrashes = std::move(trashes.Folders);
     return failure;
+}
+
+void TavroCheckNotEmpty(CLI::Option& Option) {
+    Option.check([](const std::string& text) {
+        return std::string(text.empty() ? "takes a directory, not ''" : "");
+    });
 }
 
 void TavroCheckNumber(CLI::Option& Option, int Least, int Most, const std::string& What) {

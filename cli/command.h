@@ -52,10 +52,13 @@ CLI::Option* TavroAddBaseDirectory(CLI::App& Command);
 std::string TavroBaseDirectory(const CLI::Option* In);
 
 /// --volume, and the trashes that a command sees by it. Of what does not answer it is said that it
-/// is passed over.
+/// is skipped.
 CLI::Option* TavroAddVolume(CLI::App& Command);
 TavroFailure TavroSeeTrashes(const std::string& OnVolume,
                              std::vector<TavroTrashFolders>& OutTrashes);
+
+/// Takes the name of a directory, and no empty one, which would be the current directory.
+void TavroCheckNotEmpty(CLI::Option& Option);
 
 /// Takes numbers alone. @param What  as its usage error says it: "a number of days".
 void TavroCheckNumber(CLI::Option& Option, int Least, int Most, const std::string& What);

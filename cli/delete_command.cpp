@@ -62,7 +62,7 @@ int RunDelete(const std::vector<std::string>& Texts, bool bForce, TavroKeeping K
     const int exitCode = recording.EndDeletion(failure);
     if (failure.Kind == TavroFailureKind::Cancelled) {
         TavroPrintError("Interrupted: what is left of '" + failure.Path +
-                        "' and what comes after it stays");
+                        "' was kept, and so was every entry after it");
         return TavroExitCodeOf(failure);
     }
     if (!failure) {
@@ -79,7 +79,7 @@ void TavroAddDelete(CLI::App& App, TavroCommandTable& Table) {
     CLI::Option* names =
         TavroAddNames(*command, "ENTRY", 1, "The entries to delete", "an entry to delete");
     CLI::Option* force = command->add_flag("-f,--force", "Do not ask");
-    const TavroKeepingOptions keeping = TavroAddKeeping(*command);
+    const TavroKeepingOptions keeping = TavroAddKeeping(*command, false);
     Table[command] = [=] {
         return RunDelete(TavroValues(names), !force->empty(), keeping.Keeping());
     };

@@ -80,7 +80,7 @@ int RunDoctor(const std::vector<std::string>& Mend, const std::string& Volume, b
         TavroPrintLine(stdout, "'tavro doctor --mend-all' mends all that was found");
     }
     for (const std::string& name : sound) {
-        TavroPrintError("Nothing is wrong with '" + name + "'");
+        TavroPrintError("There is no finding named '" + name + "'");
     }
     if (findings.empty()) {
         TavroPrintLine(stdout, "The trash is in order");

@@ -104,7 +104,7 @@ void TavroAddEmpty(CLI::App& App, TavroCommandTable& Table) {
     CLI::App* command =
         TavroAddCommand(App, "empty", "Delete what is in the trash, after a question",
                         "empty '*.iso' --older-than 30");
-    const TavroChoiceOptions choice = TavroAddChoice(*command, "");
+    const TavroChoiceOptions choice = TavroAddChoice(*command);
     CLI::Option* keep = TavroAddSizeOption(
         *command, "--keep",
         "Delete only the oldest, until the trash holds at most this much: 2G, 500M");
@@ -113,7 +113,7 @@ void TavroAddEmpty(CLI::App& App, TavroCommandTable& Table) {
     free->excludes(keep);
     CLI::Option* force = command->add_flag("-f,--force", "Do not ask");
     CLI::Option* quiet = TavroAddQuiet(*command);
-    const TavroKeepingOptions keeping = TavroAddKeeping(*command);
+    const TavroKeepingOptions keeping = TavroAddKeeping(*command, false);
     CLI::Option* volume = TavroAddVolume(*command);
     Table[command] = [=] {
         return RunEmpty({TavroReadChoice(choice), TavroReadSize(keep), TavroReadSize(free)},

@@ -92,7 +92,7 @@ TavroJson OperationJson(const TavroOperation& Operation, const Prospect& Ahead, 
 
 /// "interrupted, 4,231 of 10,000 done": what an operation that has not ended has come to.
 std::string HeadwayText(const TavroOperation& Operation, const Prospect& Ahead, bool bRunning) {
-    const std::string state = bRunning ? "  (going on" : "  (interrupted";
+    const std::string state = bRunning ? "  (in progress" : "  (interrupted";
     if (Ahead.bSilent) {
         return state + ": " + TavroShownSentence(stdout, TavroDescribe(Ahead.Why)) + ")";
     }
@@ -169,7 +169,7 @@ int RunDrop() {
             newest ? history.Drop(newest->Id) : TavroFail(TavroFailureKind::NothingToDrop, 0, "");
     }
     if (!failure) {
-        TavroPrintOperation("Taken off the list: ", *newest);
+        TavroPrintOperation("Removed from the history: ", *newest);
     }
     return TavroPrintFailure(failure);
 }
@@ -181,8 +181,8 @@ void TavroAddHistory(CLI::App& App, TavroCommandTable& Table) {
         App, "history", "List what was done, newest first, and whether it can be undone",
         "history --json");
     CLI::Option* json = command->add_flag("--json", "Print as JSON");
-    CLI::Option* drop =
-        command->add_flag("--drop", "Take the newest operation off the list without undoing it");
+    CLI::Option* drop = command->add_flag(
+        "--drop", "Remove the newest operation from the history without undoing it");
     drop->excludes(json);
     CLI::Option* color = TavroAddColor(*command);
     Table[command] = [=] {

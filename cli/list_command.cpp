@@ -99,7 +99,7 @@ int RunList(const TavroChoice& Choice, const std::string& Volume, bool bJson, bo
 void TavroAddList(CLI::App& App, TavroCommandTable& Table) {
     CLI::App* command = TavroAddCommand(App, "list", "List the trash, newest first",
                                         "list -0 | xargs -0 tavro restore --keep-both --");
-    const TavroChoiceOptions choice = TavroAddChoice(*command, "");
+    const TavroChoiceOptions choice = TavroAddChoice(*command);
     CLI::Option* json = command->add_flag("--json", "Print as JSON");
     CLI::Option* zero =
         command->add_flag("-0,--null", "Print only names, each ended by a zero byte");

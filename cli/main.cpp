@@ -37,7 +37,7 @@ constexpr const char* examples = R"(Examples:
   tavro empty --older-than 30            make room, after a question
   tavro size ~/Music ~/Videos            how many bytes they hold
 
-'tavro help COMMAND' tells more about one.
+'tavro help COMMAND' explains one command.
 A name that begins with a dash goes after --:  tavro trash -- -x.txt
 Exit codes: 0 done, 1 something failed, 2 wrong usage, 130 interrupted.)";
 
@@ -118,9 +118,7 @@ int ParseFailure(CLI::App& app, const CLI::ParseError& error) {
         std::fputs(app.help().c_str(), stderr); // of the command that was typed
         return TavroExitUsage;
     }
-    TavroPrintError(sentence);
-    TavroPrintLine(stderr, "Try '" + TavroCommandPath(*command) + " --help'");
-    return TavroExitUsage;
+    return TavroRefuseUsage(*command, sentence);
 }
 
 int RunCommandLine(int argc, char** argv) {

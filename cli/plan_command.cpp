@@ -17,10 +17,15 @@ namespace {
 
 /// What the module says, with the path named and in quotes.
 std::string InOwnWords(const std::string& Sentence, const std::string& Target) {
-    const std::size_t colon = Sentence.find(" into itself: ");
-    if (colon != std::string::npos) {
-        const std::size_t path = colon + std::string(" into itself: ").size();
-        return Sentence.substr(0, path) + "'" + Sentence.substr(path) + "'";
+    const std::string itself = " a directory into itself: ";
+    const std::size_t verbEnd = Sentence.find(itself);
+    if (verbEnd != std::string::npos) {
+        return Sentence.substr(0, verbEnd) + " the directory '" +
+               Sentence.substr(verbEnd + itself.size()) + "' into itself";
+    }
+    const std::string checking = "Failed checking destination ";
+    if (Sentence.compare(0, checking.size(), checking) == 0) {
+        return "Cannot look at " + Sentence.substr(checking.size());
     }
     if (Sentence.find("must be a directory when") != std::string::npos) {
         return "'" + Target + "' is not a directory, and several entries are to go there";
@@ -31,7 +36,7 @@ std::string InOwnWords(const std::string& Sentence, const std::string& Target) {
         return "The source and the target are the same: " + Sentence.substr(matches + same.size());
     }
     const bool bEmpty = Sentence.find("target cannot be empty") != std::string::npos;
-    return bEmpty ? "The target is empty" : Sentence;
+    return bEmpty ? "No target was given" : Sentence;
 }
 
 /// Takes out of the entries those that would be copied onto themselves, and plans free names for

@@ -86,9 +86,13 @@ int TavroRecording::EndDeletion(const TavroFailure& Failure) {
     return SayWhatIsNotKept(m_journal.EndDeletion(static_cast<bool>(Failure)));
 }
 
-TavroKeepingOptions TavroAddKeeping(CLI::App& Command) {
-    return {TavroAddNoSync(Command),
-            Command.add_flag("--no-history", "Leave this out of the history; it cannot be undone")};
+TavroKeepingOptions TavroAddKeeping(CLI::App& Command, bool bUndoable) {
+    CLI::Option* noSync = TavroAddNoSync(Command);
+    CLI::Option* noHistory = Command.add_flag("--no-history");
+    noHistory->description(
+        bUndoable ? "Do not record this in the history; you can neither undo nor resume it"
+                  : "Do not record this in the history; you cannot resume it");
+    return {noSync, noHistory};
 }
 
 TavroKeeping TavroKeepingOptions::Keeping() const {

@@ -25,7 +25,8 @@ struct TavroKeepingOptions {
 
     TavroKeeping Keeping() const;
 };
-TavroKeepingOptions TavroAddKeeping(CLI::App& Command);
+/// @param bUndoable  what the command does can be undone; else it can only be resumed.
+TavroKeepingOptions TavroAddKeeping(CLI::App& Command, bool bUndoable = true);
 
 /// Keeps one operation in the user's history, before it acts and when it has ended.
 class TavroRecording {

@@ -6,6 +6,7 @@
 #include "posix.h"
 #include "progress_bar.h"
 #include "recording.h"
+#include "usage.h"
 
 #include <algorithm>
 #include <set>
@@ -224,21 +225,23 @@ int RunRestore(const TavroChoice& Choice, const std::string& Volume, Restoring R
 void TavroAddRestore(CLI::App& App, TavroCommandTable& Table) {
     CLI::App* command = TavroAddCommand(App, "restore", "Put trashed entries back",
                                         "restore old.iso '*.log' --to ~/again");
-    const TavroChoiceOptions choice =
-        TavroAddChoice(*command, "the name of something in the trash");
+    const TavroChoiceOptions choice = TavroAddChoice(*command);
     CLI::Option* to = command->add_option("--to")->type_name("DIRECTORY");
     to->description("Restore into this directory instead of the original places");
-    to->check([](const std::string& text) {
-        return std::string(text.empty() ? "takes a directory, not ''" : "");
-    });
+    TavroCheckNotEmpty(*to);
     CLI::Option* keepBoth =
         command->add_flag("--keep-both", "Use a free name if the original is taken");
     CLI::Option* quiet = TavroAddQuiet(*command);
     CLI::Option* verbose = TavroAddVerbose(*command);
-    const TavroKeepingOptions keeping = TavroAddKeeping(*command);
+    const TavroKeepingOptions keeping = TavroAddKeeping(*command, false);
     CLI::Option* volume = TavroAddVolume(*command);
     Table[command] = [=] {
-        return RunRestore(TavroReadChoice(choice), TavroValue(volume),
+        const TavroChoice chosen = TavroReadChoice(choice);
+        if (chosen.IsEverything()) {
+            return TavroRefuseUsage(*command, "'" + TavroCommandPath(*command) + "' needs " +
+                                                  "a name, a pattern or a limit");
+        }
+        return RunRestore(chosen, TavroValue(volume),
                           {to->empty() ? "" : TavroNameEntry(TavroValue(to)).Path,
                            !keepBoth->empty(), !quiet->empty(), !verbose->empty(),
                            keeping.Keeping()});

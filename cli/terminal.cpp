@@ -128,8 +128,7 @@ bool TavroPrintFailures(const std::vector<TavroFailure>& Failures) {
 void TavroPrintUnlisted(std::uint64_t Count) {
     if (Count > 0) {
         TavroPrintError(TavroCountText(Count, "item") + " in the trash " +
-                        (Count == 1 ? "has" : "have") +
-                        " no record that can be read: see 'tavro doctor'");
+                        (Count == 1 ? "has" : "have") + " no readable record; run 'tavro doctor'");
     }
 }
 
@@ -137,11 +136,11 @@ void TavroPrintLost(const TavroAttributesLost& Lost) {
     const auto text = [](const std::string& what, std::uint64_t count) {
         return count == 0 ? "" : what + " of " + TavroCountText(count, "entry");
     };
-    const std::string lists = text("access control lists", Lost.AccessLists);
-    const std::string attributes = text("extended attributes", Lost.ExtendedAttributes);
+    const std::string lists = text("the access control lists", Lost.AccessLists);
+    const std::string attributes = text("the extended attributes", Lost.ExtendedAttributes);
     const std::string both = lists.empty() || attributes.empty() ? "" : ", ";
     if (!lists.empty() || !attributes.empty()) {
-        TavroPrintError("Lost on the way: " + lists + both + attributes);
+        TavroPrintError("Not copied: " + lists + both + attributes);
     }
 }
 

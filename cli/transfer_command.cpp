@@ -44,8 +44,8 @@ void ShowConflict(const TavroTransferConflict& Conflict) {
     const std::int64_t there = Conflict.Destination.ModificationTime;
     const std::int64_t coming = Conflict.Source.ModificationTime;
     TavroPrintLine(stderr, "'" + TavroShownPath(stderr, Conflict.DestinationPath) +
-                               "' exists, and is in the way of '" +
-                               TavroShownPath(stderr, Conflict.SourcePath) + "'");
+                               "' already exists; '" + TavroShownPath(stderr, Conflict.SourcePath) +
+                               "' cannot go there");
     TavroPrintLine(stderr, SideText("there", Conflict.Destination, there > coming));
     TavroPrintLine(stderr, SideText("new  ", Conflict.Source, coming > there));
 }
@@ -84,7 +84,7 @@ std::optional<TavroConflictAnswer> AskAbout(const TavroTransferConflict& Conflic
     const std::string question = "[o]verwrite, overwrite if [n]ewer, [s]kip, keep [b]oth as '" +
                                  TavroPrintableText(Conflict.FreeName()) + "', [r]ename, " +
                                  (Conflict.bCanWait ? "ask [l]ater, " : "") +
-                                 "[q]uit; a capital letter: for all ";
+                                 "[q]uit; a capital letter answers for all ";
     for (;;) {
         const std::optional<std::string> letter = TavroAsk(question);
         if (!letter) {
@@ -194,9 +194,8 @@ void PrintReport(const TavroTransferReport& Report, const TavroTransferPlan& Pla
 /// @param bOpen  something was skipped because nobody could be asked.
 int ExitCodeOf(const TavroTransferReport& Report, bool bStopped, bool bOpen) {
     if (Report.bCancelled && !bStopped) {
-        TavroPrintError(Report.bUnsettled
-                            ? "Interrupted: what is listed is done; 'tavro resume' goes "
-                              "on, 'tavro undo' takes it back"
+        TavroPrintError(Report.bUnsettled ? "Interrupted: what is listed is done; 'tavro resume' "
+                                            "continues, 'tavro undo' takes it back"
                         : Report.Done.empty() ? "Interrupted: everything is as it was"
                                               : "Interrupted: what is listed is done");
         return TavroInterruptedExitCode();
@@ -224,8 +223,8 @@ bool TakeBack(std::int64_t Id) {
 bool AskToKeep() {
     for (;;) {
         const auto answer =
-            TavroAsk("Interrupted. [K]eep what is done, so that 'tavro resume' can go "
-                     "on, or [r]emove it? ");
+            TavroAsk("Interrupted. [K]eep what is done, so that 'tavro resume' can continue, or "
+                     "[r]emove it? ");
         if (!answer || *answer == "r" || *answer == "R") {
             return false;
         }

@@ -35,10 +35,10 @@ Options AddOptions(CLI::App& Command, CLI::Option& Names) {
     Command.add_flag("-r,-R,--recursive", "Accepted for compatibility with rm; not needed");
     Command.add_flag("-d,--dir", "Accepted for compatibility with rm; not needed");
     const Options options = {
-        Command.add_flag("-f,--force", "Ignore what does not exist; ask and list nothing"),
+        Command.add_flag("-f,--force", "Ignore missing entries, ask nothing, print no list"),
         Command.add_flag("-i", "Ask about each entry"),
         Command.add_flag("-I", "Ask once, about more than three entries or a directory"),
-        Command.add_flag("--interactive", "As -i; or =never, =once (-I), =always"),
+        Command.add_flag("--interactive", "Ask: =always (as -i), =once (as -I) or =never"),
         Command.add_flag("-v,--verbose", "List each entry, even with -f or -q")};
     options.Force->each([&Names](const std::string&) { Names.required(false); });
     options.Interactive->check([](const std::string& when) {
@@ -98,7 +98,7 @@ int AgreeToTrashing(bool bEach, std::vector<TavroOperationEntry>& Entries) {
     for (TavroOperationEntry& entry : Entries) {
         const int exitCode =
             TavroConfirm("Move '" + TavroShownPath(stderr, entry.Path) + "' to the trash?",
-                         "'" + entry.Path + "' stays");
+                         "'" + entry.Path + "' was not moved to the trash");
         if (TavroWasInterrupted()) {
             return exitCode;
         }
@@ -139,7 +139,7 @@ int AgreeToCopying(const std::vector<TavroOperationEntry>& Others, bool bAsk) {
                              " on another file system will be copied to the trash (" +
                              TavroHumanSize(measurement.ByteCount) + ")";
     if (bAsk && TavroCanAsk()) {
-        return TavroConfirm(text + ". Go on?", "Nothing was moved to the trash");
+        return TavroConfirm(text + ". Continue?", "Nothing was moved to the trash");
     }
     TavroPrintError(text);
     return TavroExitDone;
@@ -234,6 +234,7 @@ void TavroAddTrash(CLI::App& App, TavroCommandTable& Table) {
     CLI::Option* home = command->add_flag("--home", "Use the home trash for other volumes too");
     CLI::Option* noCopy = command->add_flag("--no-copy", "Fail instead of copying to the trash");
     CLI::Option* quiet = TavroAddQuiet(*command);
+    quiet->description("Print only errors, and do not ask about copying");
     const TavroKeepingOptions keeping = TavroAddKeeping(*command);
     Table[command] = [=] {
         const Asking asking = ReadAsking(*command, options);

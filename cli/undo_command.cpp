@@ -72,7 +72,7 @@ int PrintReport(const TavroUndoReport& Report, const std::string& Title, const M
     if (Report.Failure) {
         TavroPrintError(TavroDescribe(Report));
     } else if (bUnsettled) {
-        TavroPrintError("Not finished: 'tavro resume' goes on, 'tavro undo' takes it back");
+        TavroPrintError("Not finished: 'tavro resume' continues, 'tavro undo' takes it back");
     } else if (!How.bQuiet) {
         PrintDone(Report, Title, How.bVerbose);
     }
@@ -211,8 +211,7 @@ void TavroAddUndo(CLI::App& App, TavroCommandTable& Table) {
     CLI::Option* id = command->add_option("ID")->type_name("");
     id->description("The number of the operation, as 'tavro history' shows it");
     TavroCheckNumber(*id, 1, INT_MAX, "the number of an operation");
-    CLI::Option* skip =
-        command->add_flag("--skip", "Pass over what cannot be undone, without asking");
+    CLI::Option* skip = command->add_flag("--skip", "Skip what cannot be undone, without asking");
     skip->excludes(id);
     const std::function<Manner()> readManner = AddManner(*command);
     Table[command] = [=] {
@@ -225,5 +224,5 @@ void TavroAddRedo(CLI::App& App, TavroCommandTable& Table) {
 }
 
 void TavroAddResume(CLI::App& App, TavroCommandTable& Table) {
-    AddStep(App, "resume", "Go on with what was interrupted", TavroResume, "Finished: ", Table);
+    AddStep(App, "resume", "Continue what was interrupted", TavroResume, "Finished: ", Table);
 }

@@ -1,6 +1,7 @@
 #include "usage.h"
 
 #include "place.h"
+#include "terminal.h"
 
 #include <algorithm>
 #include <numeric>
@@ -125,4 +126,10 @@ std::string TavroDescribeUsage(const CLI::App& Command, const CLI::ParseError& E
     }
     const bool bNoCommand = Error.get_name() == "RequiredError";
     return bNoCommand ? "" : DescribeValue(Command, Error);
+}
+
+int TavroRefuseUsage(const CLI::App& Command, const std::string& Sentence) {
+    TavroPrintError(Sentence);
+    TavroPrintLine(stderr, "Try '" + TavroCommandPath(Command) + " --help'");
+    return TavroExitUsage;
 }

@@ -15,4 +15,7 @@ std::string TavroCommandPath(const CLI::App& Command);
 /// @return empty when nothing is wrong but that a command is missing.
 std::string TavroDescribeUsage(const CLI::App& Command, const CLI::ParseError& Error);
 
+/// Says what is wrong with a command line, and where the help is. @return TavroExitUsage.
+int TavroRefuseUsage(const CLI::App& Command, const std::string& Sentence);
+
 #endif

@@ -15,7 +15,7 @@ import re
 import subprocess
 import sys
 
-WORDS = "PATH OTHER NAME COUNT NUMBER SIZE TIME KIND COMMAND OPTION NEED TEXT REASON SENTENCE"
+WORDS = "PATH OTHER NAME COUNT NUMBER SIZE TIME KIND COMMAND OPTION NEED TEXT REASON SENTENCE PATHS WHAT"
 placeholder = re.compile(r"\b(?:" + WORDS.replace(" ", "|") + r")\b")
 marks = {"%p": "'PATH'", "%o": "'OTHER'", "%O": "TEXT", "%e": "REASON", "%h": ""}
 not_said = {
@@ -25,6 +25,8 @@ not_said = {
     "[Trash Info]\nPath=",
     "must be a directory when",  # what is looked for in sentences of others
     "target cannot be empty",
+    " a directory into itself: ",
+    "Failed checking destination ",
     " target matches the source path for ",
     " excludes ",
 }
@@ -122,6 +124,7 @@ def compare(page, command, files):
     chapters, help_text = read_page(page)
     lines = [line for chapter in chapters.values() for line in chapter]
     said = "\n".join(lines) + help_text
+    said += re.sub(r"\b(?:PATHS|WHAT|NUMBER)\b", "TEXT", said)  # what %O stands for
     literals = {path: {with_placeholders(literal) for literal in literals_of(path)} for path in files}
     everything = frozenset(literal for found in literals.values() for literal in found if literal)
     faults = [

@@ -26,10 +26,10 @@ rows=(
   'empty_older|Empties only what is older than some days'
   'remove_one|Deletes single items from the trash'
   'orphan|Finds an item without a record'
-  'private|Creates the trash for the user alone'
+  'private|Creates a trash that only the user can read'
   'own_volume|Trashes on the volume of the entry, without copying'
   'list_volume|Lists the trash of other volumes'
-  'xdg|Keeps to XDG_DATA_HOME'
+  'xdg|Respects XDG_DATA_HOME'
   'completion|Completes its options in bash'
 )
 

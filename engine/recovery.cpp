@@ -80,24 +80,6 @@ bool TavroIsOnItsWay(const TavroOperation& Operation) {
            Operation.State != TavroOperationState::Undone;
 }
 
-namespace {
-
-/// The device of what is at a path, or would be.
-std::uint64_t DeviceAt(TavroPlaces& Places, const std::string& Path) {
-    TavroPlace place;
-    return Path.empty() || Places.Find(Path, place) ? 0 : place.Directory->Identity.Device;
-}
-
-/// Whether what is at one of two places can be the file of an identity. Two file systems may give
-/// one number, and a device can have another number after a restart: it can be the file unless the
-/// device is that of the other place.
-bool IsFound(const TavroIdentity& Wanted, const TavroIdentity& Found, std::uint64_t OtherDevice) {
-    return Found.Inode != 0 && Found.Inode == Wanted.Inode &&
-           (Found.Device == Wanted.Device || OtherDevice != Wanted.Device);
-}
-
-} // namespace
-
 TavroWhereabouts TavroFindStep(const TavroStep& Step, TavroPlaces& Places) {
     const TavroIdentity atTo = TavroIdentityAt(Places, Step.To);
     const TavroIdentity atFrom = TavroIdentityAt(Places, Step.From);
@@ -115,9 +97,16 @@ TavroWhereabouts TavroFindStep(const TavroStep& Step, TavroPlaces& Places) {
     default:
         break;
     }
-    const bool bThere = IsFound(Step.Identity, atTo, DeviceAt(Places, Step.From));
-    const bool bHere = IsFound(Step.Source.Inode != 0 ? Step.Source : Step.Identity, atFrom,
-                               DeviceAt(Places, Step.To));
+    const TavroIdentity& source = Step.Source.Inode != 0 ? Step.Source : Step.Identity;
+    bool bThere = there != 0 && there == Step.Identity.Inode;
+    bool bHere = here != 0 && here == source.Inode;
+    if (bThere && bHere) { // two file systems may give one number, and a restart other devices
+        const bool bThis = atTo.Device == Step.Identity.Device;
+        const bool bThat = atFrom.Device == source.Device;
+        const bool bCopied = Step.Source.Inode != 0 || atTo.Device == atFrom.Device;
+        bThere = bThis || !bThat;
+        bHere = bThat == bThis ? bCopied : bThat;
+    }
     if (Step.Role == Role::Copied || !(bThere && bHere)) {
         return bThere  ? TavroWhereabouts::AtTo
                : bHere ? TavroWhereabouts::AtFrom

@@ -681,7 +681,7 @@ TavroFailure TavroExamineTrash(std::vector<TavroTrashFinding>& OutFindings,
 std::string TavroDescribe(const TavroTrashFinding& Finding) {
     constexpr const char* ends[] = {" has no record of where it came from",
                                     " is the record of an entry that is not in the trash",
-                                    " does not tell where its entry came from"};
+                                    " does not say where its item came from"};
     return "'" + Finding.Path + "'" + ends[static_cast<int>(Finding.Fault)];
 }
 

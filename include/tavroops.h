@@ -1,5 +1,5 @@
 /// @file
-/// The file operations of the Tavro pane.
+/// The file operations of the Tavro pane. A pane is a listing of a directory in the application.
 ///
 /// Typed text becomes a path, copies and moves are planned, entries are renamed, created, deleted,
 /// moved to the home trash and back, and directories are measured. Every operation is a free

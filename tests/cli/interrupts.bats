@@ -44,7 +44,7 @@ on_own_terminal() { # TEXT KEYS COMMAND…
     touch d/{1..5}
     run --separate-stderr at unlinkat "${signal%:*}" 3 "$TAVRO" delete -f d
     expect "$(ending)" "exited with ${signal#*:}"
-    expect "$stderr" "tavro: Interrupted: what is left of '$PWD/d' and what comes after it stays"
+    expect "$stderr" "tavro: Interrupted: what is left of '$PWD/d' was kept, and so was every entry after it"
     expect "$(find d -type f | wc -l)" 2
     rm -r d
   done

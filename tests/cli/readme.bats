@@ -19,8 +19,8 @@ load helpers
     *trash*) [[ ! -e old.iso ]] ;;
     *undo*) [[ -e old.iso ]] && tavro trash -q old.iso ;;
     *copy*) [[ -e stick/photos/one.jpg ]] ;;
-    *-n) [[ -e a.log && ! -e $HOME/logs ]] ;;
-    *move*) [[ ! -e a.log && -e $HOME/logs/b.log ]] ;;
+    *-n) [[ -e a.log && ! -e $HOME/Logs ]] ;;
+    *move*) [[ ! -e a.log && -e $HOME/Logs/b.log ]] ;;
     *list*) [[ $output == *old.iso* ]] ;;
     *restore*) [[ -e old.iso ]] ;;
     *size*) [[ $output == *photos* ]] ;;

@@ -23,11 +23,11 @@ load helpers
   mkdir d
   ln -s nowhere dangling
   run -1 --separate-stderr tavro rename a b
-  expect "$stderr" "tavro: '$PWD/b' exists already"
+  expect "$stderr" "tavro: '$PWD/b' already exists"
   run -1 --separate-stderr tavro rename a d
-  expect "$stderr" "tavro: '$PWD/d' exists already, as a directory"
+  expect "$stderr" "tavro: '$PWD/d' already exists, as a directory"
   run -1 --separate-stderr tavro rename a dangling
-  expect "$stderr" "tavro: '$PWD/dangling' exists already, as a link to nothing"
+  expect "$stderr" "tavro: '$PWD/dangling' already exists, as a link to nothing"
   expect "$(cat a b)" $'mine\nother'
   [ -L dangling ]
 }
@@ -114,11 +114,14 @@ print(value)' "$output" "$1"
   run -1 --separate-stderr tavro plan move a .
   expect "$stderr" "tavro: The source and the target are the same: 'a'"
   run -1 --separate-stderr tavro plan move d d/sub
-  expect "$stderr" "tavro: Cannot move a directory into itself: 'd'"
+  expect "$stderr" "tavro: Cannot move the directory 'd' into itself"
   run -1 --separate-stderr tavro plan move cdda:/1.cdda d
   expect "$stderr" 'tavro: Audio CD tracks can be copied, but not moved'
+  long=$(printf %0300d 0)
+  run -1 --separate-stderr tavro plan copy a "$long/x"
+  expect "$stderr" "tavro: Cannot look at '$PWD/$long/x': File name too long"
   run -1 --separate-stderr tavro plan copy a ' '
-  expect "$stderr" 'tavro: The target is empty'
+  expect "$stderr" 'tavro: No target was given'
   run -1 --separate-stderr tavro plan copy missing d
   expect "$stderr" "tavro: No such entry: 'missing'"
 }

@@ -280,7 +280,7 @@ connection.commit()' "$HOME/.local/state/tavro/history.db"
     fi
   done <"$scratch/log"
   wait "$tracer"
-  [[ $first == *'(going on, '[12]' of 3 done)' ]]
+  [[ $first == *'(in progress, '[12]' of 3 done)' ]]
   [[ $second == *'Waiting for another process to finish the newest operation'* ]]
   expect "$stopped" 124
   expect "$(ls)" ''
@@ -308,7 +308,7 @@ late_at() {
     expect "$status" "${signal#*:}"
     expect "$output" "Copied $PWD/src/a -> $PWD/dst/a
 Copied $PWD/src/b -> $PWD/dst/b"
-    expect "$stderr" "tavro: Interrupted: what is listed is done; 'tavro resume' goes on, 'tavro undo' takes it back"
+    expect "$stderr" "tavro: Interrupted: what is listed is done; 'tavro resume' continues, 'tavro undo' takes it back"
     expect "$(ls -A dst)" $'a\nb'
     run -0 tavro history
     [[ $output == *'(interrupted, 2 of 4 done)'* ]]
@@ -351,7 +351,7 @@ Copied $PWD/src/b -> $PWD/dst/b"
   done
   asked 'k\n'
   expect "$status" 130
-  [[ $output == *"'tavro resume' goes on"* ]]
+  [[ $output == *"'tavro resume' continues"* ]]
   expect "$(ls -A dst)" $'a\nb'
   run -0 tavro undo
   expect "$(ls -A dst)" ''
@@ -706,7 +706,7 @@ connection.commit()' "$HOME/.local/state/tavro/history.db"
   run -1 --separate-stderr tavro resume
   expect "$output" ''
   expect "$stderr" "tavro: Skipped, because its destination exists: '$PWD/f'
-tavro: Not finished: 'tavro resume' goes on, 'tavro undo' takes it back"
+tavro: Not finished: 'tavro resume' continues, 'tavro undo' takes it back"
   expect "$(cat d/f)" old
   run -0 tavro history
   [[ $output == *'(interrupted, 0 of 1 done)'* ]]
@@ -723,7 +723,7 @@ tavro: Not finished: 'tavro resume' goes on, 'tavro undo' takes it back"
   echo old >d/f
   killed_at renameat2 1 "$TAVRO" copy --no-keep --on-conflict overwrite f d/
   run -0 timeout 60 python3 "$BATS_TEST_DIRNAME/terminal.py" 'for all ' 'o\n' "$TAVRO" resume
-  [[ $output == *"'d/f' exists, and is in the way of 'f'"* ]]
+  [[ $output == *"'d/f' already exists; 'f' cannot go there"* ]]
   expect "$(cat d/f)" new
   run -0 tavro undo
   expect "$(cat d/f)" old

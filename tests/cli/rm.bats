@@ -78,7 +78,7 @@ answered() { # COMMAND
   touch a b
   mkdir d
   run -0 answered "$TAVRO trash -i a b d"
-  expect "$output" "Move 'a' to the trash? [y/N] tavro: 'a' stays
+  expect "$output" "Move 'a' to the trash? [y/N] tavro: 'a' was not moved to the trash
 Move 'b' to the trash? [y/N] Move 'd' to the trash? [y/N] b -> ~/$trash/files/b
 d -> ~/$trash/files/d"
   expect "$(ls)" a
@@ -95,7 +95,7 @@ d -> ~/$trash/files/d"
   touch a b
   run -130 python3 "$BATS_TEST_DIRNAME/terminal.py" '[y/N]' 'y\n\f\x03' "$TAVRO" trash -i a b
   [[ $output != *Cancelled* ]]
-  [[ $output == *"tavro: 'b' stays" ]]
+  [[ $output == *"tavro: 'b' was not moved to the trash" ]]
   expect "$(ls)" $'a\nb'
 }
 

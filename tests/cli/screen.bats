@@ -188,10 +188,10 @@ conflict() {
   touch -d '75 hours ago' a
 }
 
-question="'d/a' exists, and is in the way of 'a'
+question="'d/a' already exists; 'a' cannot go there
   there  1.2 MB     2001-02-03
   new    4 bytes    3 days ago  newer
-[o]verwrite, overwrite if [n]ewer, [s]kip, keep [b]oth as 'a copy 1', [r]ename, [q]uit; a capital letter: for all"
+[o]verwrite, overwrite if [n]ewer, [s]kip, keep [b]oth as 'a copy 1', [r]ename, [q]uit; a capital letter answers for all"
 
 @test "a question about a conflict shows both sides, and the name that a copy would get" {
   conflict
@@ -214,7 +214,7 @@ tavro: Stopped: nothing was done")"
   run -0 screen 200 'all ' 'r\n' 'name: ' 'x/y\n' 'name: ' '\n' 'all ' 'r\n' 'name: ' 'a copy 1\n' \
     'all ' 'r\n' 'name: ' 'fresh\n' -- "$TAVRO" copy a d
   expect "${lines[5]}" "tavro: Type a name, not a path: 'x/y'"
-  [[ $output == *"'d/a copy 1' exists, and is in the way of 'a'"* ]]
+  [[ $output == *"'d/a copy 1' already exists; 'a' cannot go there"* ]]
   expect "${lines[-1]}" 'Copied a -> d/fresh'
   expect "$(cat d/fresh)" new
   run -0 screen 200 'all ' 'n\n' -- "$TAVRO" move a d
@@ -232,11 +232,11 @@ tavro: Stopped: nothing was done")"
   mkdir tree d/tree
   echo 1 | tee b >tree/x
   echo 2 >d/tree/x
-  later="[r]ename, ask [l]ater, [q]uit; a capital letter: for all"
+  later="[r]ename, ask [l]ater, [q]uit; a capital letter answers for all"
   run -0 screen 200 'all ' 'l\n' 'all ' 'l\n' 'all ' 'l\n' 'all ' 'o\n' 'all ' 's\n' -- "$TAVRO" copy a tree b d
-  expect "$(grep -c 'is in the way' <<<"$output")" 4
+  expect "$(grep -c 'cannot go there' <<<"$output")" 4
   [[ ${lines[3]} == *", $later l" && ${lines[7]} == *", $later l" ]]
-  [[ ${lines[11]} == *", [r]ename, [q]uit; a capital letter: for all l" ]]
+  [[ ${lines[11]} == *", [r]ename, [q]uit; a capital letter answers for all l" ]]
   expect "${lines[12]}" "tavro: Type one of the letters in brackets, not 'l'"
   expect "${output##*for all s$'\n'}" "tavro: Skipped, because its destination exists: 'tree/x'
 Copied b -> d/b
@@ -245,7 +245,7 @@ Copied a -> d/a"
   tavro undo -q
   expect "$(ls d) $(stat -c %s d/a)" $'a\ntree 1234567'
   run -0 screen 200 'all ' 'L\n' 'all ' 'O\n' -- "$TAVRO" move a tree b d
-  expect "$(grep -c 'is in the way' <<<"$output")" 2
+  expect "$(grep -c 'cannot go there' <<<"$output")" 2
   expect "$(cat d/a d/tree/x; ls)" $'new\n1\nd'
   tavro undo -q
   run -130 screen 200 'all ' 'L\n' 'all ' '\x03' -- env --default-signal=INT "$TAVRO" move a tree b d

@@ -75,7 +75,7 @@ load helpers
   touch gone
   run -1 tavro undo
   run -0 tavro history --drop
-  expect "$output" "Taken off the list: trash
+  expect "$output" "Removed from the history: trash
   $PWD/gone"
   run -0 tavro undo
   [ -f a ]
@@ -167,7 +167,7 @@ load helpers
   echo new >a
   echo old >b
   run -1 on_terminal "$TAVRO copy a b" q
-  [[ $output == *"'b' exists, and is in the way of 'a'"* ]]
+  [[ $output == *"'b' already exists; 'a' cannot go there"* ]]
   expect "$(cat b)" old
   run -0 on_terminal "$TAVRO copy a b" b
   expect "$(cat 'b copy 1')" new
@@ -208,7 +208,7 @@ load helpers
   echo A >a/x
   echo B >b/x
   run -1 --separate-stderr tavro move a/x b/x d/ --on-conflict overwrite
-  expect "$stderr" "tavro: Cannot replace '$PWD/d/x': this transfer put it there"
+  expect "$stderr" "tavro: Cannot replace '$PWD/d/x': this command has just put it there"
   expect "$(cat d/x b/x)" $'A\nB'
   run -0 tavro undo
   expect "$(cat a/x)" A
@@ -231,7 +231,7 @@ load helpers
 
 @test "an audio track is planned and then refused" {
   run -1 --separate-stderr tavro copy 'cdda:/Track 1.cdda' .
-  expect "$stderr" "tavro: Cannot read audio CD track 'cdda:/Track 1.cdda': this build reads no discs"
+  expect "$stderr" "tavro: Cannot read audio CD track 'cdda:/Track 1.cdda': this build cannot read discs"
 }
 
 @test "one bad entry does not stop the others" {
@@ -294,7 +294,7 @@ PYTHON
     skip 'the temporary directory holds no attributes'
   run -0 --separate-stderr unshare -m bash -c 'mount -t ramfs none plain && "$TAVRO" move -q d a plain/ &&
     ls -R plain && "$TAVRO" copy -q plain/d/3 plain/a . '
-  expect "$stderr" 'tavro: Lost on the way: access control lists of 3 entries, extended attributes of 1 entry'
+  expect "$stderr" 'tavro: Not copied: the access control lists of 3 entries, the extended attributes of 1 entry'
   expect "$output" $'plain:\na\nd\n\nplain/d:\n1\n2\n3'
   rm -r "$HOME/.local"
   touch b c
@@ -302,7 +302,7 @@ PYTHON
   give attribute c
   run -0 --separate-stderr unshare -m bash -c 'mkdir -p "$HOME/.local" && mount -t ramfs none "$HOME/.local" &&
     "$TAVRO" trash b c'
-  expect "${stderr_lines[-1]}" 'tavro: Lost on the way: access control lists of 1 entry, extended attributes of 1 entry'
+  expect "${stderr_lines[-1]}" 'tavro: Not copied: the access control lists of 1 entry, the extended attributes of 1 entry'
 }
 
 @test "to quit at a question leaves what came before it done, and nothing hidden" {

@@ -179,7 +179,7 @@ $PWD/d -> $HOME/$trash/files/d"
   touch a b c
   tavro trash a b c
   rm "$HOME/$trash/info/a.trashinfo"
-  note="tavro: 1 item in the trash has no record that can be read: see 'tavro doctor'"
+  note="tavro: 1 item in the trash has no readable record; run 'tavro doctor'"
   run -0 --separate-stderr tavro list -0
   expect "$stderr" "$note"
   rm "$HOME/$trash/info/b.trashinfo"
@@ -208,7 +208,7 @@ $PWD/d -> $HOME/$trash/files/d"
   [ -f "$HOME/$trash/info/a.trashinfo" ]
   [ -f "$HOME/$trash/info/b.trashinfo" ]
   run -1 --separate-stderr tavro doctor --mend nobody
-  expect "$stderr" "tavro: Nothing is wrong with 'nobody'"
+  expect "$stderr" "tavro: There is no finding named 'nobody'"
   run -0 tavro doctor --mend-all
   [ ! -e "$HOME/$trash/info/b.trashinfo" ]
   run -0 tavro doctor

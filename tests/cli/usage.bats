@@ -20,7 +20,8 @@ Try '$2 --help'"
   refused "'tavro mkdir' needs a name for the new directory" 'tavro mkdir' mkdir
   refused "'tavro trash' needs an entry to trash" 'tavro trash' trash -q
   refused "'tavro delete' needs an entry to delete" 'tavro delete' delete -f
-  refused "'tavro restore' needs the name of something in the trash" 'tavro restore' restore
+  refused "'tavro restore' needs a name, a pattern or a limit" 'tavro restore' restore
+  refused "'tavro restore' needs a name, a pattern or a limit" 'tavro restore' restore --volume / -q
   refused "'tavro size' needs something to measure" 'tavro size' size
   refused '--older-than needs a value' 'tavro empty' empty --older-than
   refused '--mend needs a value' 'tavro doctor' doctor --mend
@@ -40,6 +41,7 @@ Try '$2 --help'"
 @test "a value that is not taken is told with those that are" {
   refused "--on-conflict takes ask, overwrite, newer, skip or keep-both, not 'never'" 'tavro move' \
     move --on-conflict never a b
+  refused "--in takes a directory, not ''" 'tavro mkdir' mkdir --in '' a
   for days in 0 36501 x 3x -1; do
     refused "--older-than takes a number of days from 1 to 36500, not '$days'" 'tavro empty' \
       empty "--older-than=$days"

@@ -88,11 +88,11 @@ Path=d%20%C3%A9/50%25%20%24"
     mkdir -p /one/.Trash-0/files /one/.Trash-0/info
     echo evil >/one/.Trash-0/files/a
     printf "[Trash Info]\nPath=../home/a\nDeletionDate=2024-01-01T00:00:00\n" >/one/.Trash-0/info/a.trashinfo
-    expect "$(tavro list 2>&1)" "tavro: 1 item in the trash has no record that can be read: see '"'tavro doctor'"'"
+    expect "$(tavro list 2>&1)" "tavro: 1 item in the trash has no readable record; run '"'tavro doctor'"'"
     expect "$(tavro restore a 2>&1 || :)" "tavro: Cannot tell where '"'/one/.Trash-0/files/a'"' came from"
     fails tavro doctor >/dev/null
     found=$(tavro doctor || :)
-    [[ $found == *"/one/.Trash-0/info/a.trashinfo"*"does not tell where its entry came from"* ]]
+    [[ $found == *"/one/.Trash-0/info/a.trashinfo"*"does not say where its item came from"* ]]
     tavro empty -f
     [[ -f /one/.Trash-0/files/a && ! -e /home/a ]]'
 }
@@ -219,7 +219,7 @@ Path=d%20%C3%A9/50%25%20%24"
       begin=$(date +%s%N)
       said=$(timeout -s KILL 20 $TAVRO $command 2>&1 9>&-) || exit
       (($(date +%s%N) - begin < 15000000000))
-      expect "${said%%$'"'\\n'"'*}" "tavro: '"'/silent'"' does not answer and is passed over"
+      expect "${said%%$'"'\\n'"'*}" "tavro: '"'/silent'"' does not answer and is skipped"
     done
     [[ -f /one/a ]]
     for command in list doctor "empty -f"; do
@@ -247,7 +247,7 @@ Path=d%20%C3%A9/50%25%20%24"
     for command in history "history --json" "list --here" "empty -f --here --older-than 1"; do
       timeout -s KILL 20 $TAVRO $command >"/tmp/${command// /}" 2>/tmp/said 9>&-
       [[ $command = history* ]] ||
-        expect "$(cat /tmp/said)" "tavro: '"'/silent'"' does not answer and is passed over"
+        expect "$(cat /tmp/said)" "tavro: '"'/silent'"' does not answer and is skipped"
     done
     expect "$(grep -c "rename .*(interrupted: $why)$" /tmp/history)" 1
     expect "$(grep -c "(cannot be undone: $why)$" /tmp/history)" 3
@@ -349,7 +349,7 @@ Path=d%20%C3%A9/50%25%20%24"
     long=$(printf "%0200d/%.0s" {1..21})
     sed "s|^Path=.*|Path=link/${long}x|" /one/.Trash-0/info/x.trashinfo >/one/.Trash-0/info/deep.trashinfo
     touch /one/.Trash-0/files/deep
-    expect "$(tavro restore x 2>&1 || :)" "tavro: Cannot restore '"'/one/link/x'"': a link on the way leads out of '"'/one'"'"
+    expect "$(tavro restore x 2>&1 || :)" "tavro: Cannot restore '"'/one/link/x'"': a link in its path leads out of '"'/one'"'"
     for how in "x y" "/one/link/x" "--here *" deep; do
       cd /one
       fails tavro restore $how 2>/dev/null
@@ -358,7 +358,7 @@ Path=d%20%C3%A9/50%25%20%24"
     expect "$(ls /home)" ""
     [[ $(tavro history) == *"(cannot be undone: Cannot restore "*"leads out of "* ]]
     said=$(tavro undo --skip 2>&1) || :
-    [[ $said == *"Cannot restore "*"/one/link/"*": a link on the way leads out of "* ]]
+    [[ $said == *"Cannot restore "*"/one/link/"*": a link in its path leads out of "* ]]
     expect "$(ls /home)" ""
     tavro restore -q --to /one/link x
     [[ -f /home/x ]]

@@ -67,9 +67,9 @@ std::string inOwnWords(const std::string& sentence, const std::string& from,
     const std::map<std::string, std::string> words = {
         {"Rename target cannot be empty.", "The new name is empty"},
         {"Rename target must include a file or directory name.",
-         "'" + to + "' exists already, as a directory"},
+         "'" + to + "' already exists, as a directory"},
         {"Rename target matches the current path.", "'" + from + "' and '" + to + "' are the same"},
-        {"Rename target already exists.", "'" + to + "' exists already"}};
+        {"Rename target already exists.", "'" + to + "' already exists"}};
     const auto found = words.find(sentence);
     const std::size_t colon = sentence.rfind(": ");
     if (found != words.end() || colon == std::string::npos) {
@@ -195,8 +195,8 @@ TEST_F(Edit, what_the_module_would_replace_or_leave_behind_is_refused) {
     fs::create_symlink("nowhere", work("dangling"));
     fs::create_symlink("loop", work("loop"));
     expectRefused("a", "dangling",
-                  "'" + work("dangling") + "' exists already, as a link to nothing");
-    expectRefused("a", "loop", "'" + work("loop") + "' exists already, as a link to nothing");
+                  "'" + work("dangling") + "' already exists, as a link to nothing");
+    expectRefused("a", "loop", "'" + work("loop") + "' already exists, as a link to nothing");
     expectRefused("a", "dangling/x", moduleRename(work("a"), "dangling/x"));
     for (const char* target : {"new/", "new/deep/"}) {
         expectRefused("a", target,
@@ -254,7 +254,7 @@ TEST_F(Edit, what_appears_at_the_target_in_the_last_moment_is_not_replaced) {
         });
         report = rename("a", "b");
     }
-    EXPECT_EQ(TavroDescribe(report.Failure), "'" + work("b") + "' exists already");
+    EXPECT_EQ(TavroDescribe(report.Failure), "'" + work("b") + "' already exists");
     EXPECT_EQ(readFile(work("a")), "a");
     EXPECT_EQ(readFile(work("b")), "other");
 }

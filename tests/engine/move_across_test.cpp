@@ -90,7 +90,7 @@ TEST_F(MoveAcross, a_tree_of_which_something_cannot_be_copied_stays_whole) {
     bindSocket(source("tree/sub/socket"));
     const Snapshot before = takeSnapshot(source());
     EXPECT_FALSE(moveEntry("tree"));
-    EXPECT_EQ("Cannot copy a socket: '/source/tree/sub/socket'\n", failures());
+    EXPECT_EQ("Cannot copy the socket '/source/tree/sub/socket'\n", failures());
     EXPECT_EQ(before, takeSnapshot(source()));
     EXPECT_TRUE(fs::is_empty(target()));
 }

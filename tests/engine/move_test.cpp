@@ -64,7 +64,7 @@ TEST_F(MoveTest, says_when_the_target_cannot_take_it) {
 TEST_F(MoveTest, only_a_directory_can_be_moved_into_itself) {
     writeFile(source("tree/in/a"), "bytes");
     EXPECT_FALSE(bring(false, source("tree"), source("tree/in/tree")));
-    EXPECT_EQ("Cannot move a directory into itself: '/source/tree'\n", failures());
+    EXPECT_EQ("Cannot move the directory '/source/tree' into itself\n", failures());
     const FaultInjector faults({{"renameat2", EINVAL}, {"renameat", EINVAL}});
     EXPECT_FALSE(bring(false, source("tree/in/a"), target("a")));
     EXPECT_EQ(Kind::MoveTo, m_moved.Failure.Kind);
@@ -336,7 +336,7 @@ TEST_F(MoveTest, a_directory_that_holds_the_destination_is_not_copied) {
     writeFile(source("tree/z"), "bytes");
     const Snapshot before = takeSnapshot(source());
     EXPECT_FALSE(bring(true, source("tree"), source("tree/in/copy")));
-    EXPECT_EQ("Cannot copy a directory into itself: '/source/tree'\n", failures());
+    EXPECT_EQ("Cannot copy the directory '/source/tree' into itself\n", failures());
     EXPECT_EQ(before, takeSnapshot(source()));
 }
 

@@ -476,9 +476,9 @@ TEST_F(TransferConflicts, what_a_transfer_has_put_somewhere_is_not_replaced_by_i
                 EXPECT_FALSE(run(bMove));
                 EXPECT_EQ("done /source/1/x -> /target/x\n"
                           "done /source/1/directory -> /target/directory\n"
-                          "failed: Cannot replace '/target/x': this transfer put it there\n"
+                          "failed: Cannot replace '/target/x': this command has just put it there\n"
                           "failed: Cannot replace '/target/directory/in/y': this "
-                          "transfer put it there\n",
+                          "command has just put it there\n",
                           report());
                 EXPECT_EQ("x of 1", readFile(target("x")));
                 EXPECT_EQ("x of 2", readFile(source("2/x")));
@@ -496,7 +496,7 @@ TEST_F(TransferConflicts, a_directory_is_not_replaced_once_the_transfer_has_put_
     answer(TavroConflictChoice::Overwrite);
     EXPECT_FALSE(move());
     EXPECT_EQ("done /source/1/kind/new -> /target/kind/new\n"
-              "failed: Cannot replace '/target/kind': it holds what this transfer put "
+              "failed: Cannot replace '/target/kind': it holds what this command has just put "
               "there\n",
               report());
     EXPECT_EQ("moved", readFile(target("kind/new")));
@@ -708,7 +708,7 @@ TEST_F(TransferConflicts, nothing_goes_into_itself) {
             answer(TavroConflictChoice::Overwrite);
             EXPECT_FALSE(run(bMove));
             EXPECT_EQ(std::string("failed: Cannot ") + (bMove ? "move" : "copy") +
-                          " a directory into itself: '/source/tree'\n",
+                          " the directory '/source/tree' into itself\n",
                       report());
             EXPECT_EQ(before, takeSnapshot(source()));
         }
@@ -851,7 +851,7 @@ TEST_F(TransferRaces, what_appears_and_vanishes_all_the_time_ends_in_a_failure) 
         }
     });
     EXPECT_FALSE(copy({"file"}));
-    EXPECT_EQ("failed: '/target/file' exists already\n", report());
+    EXPECT_EQ("failed: '/target/file' already exists\n", report());
     EXPECT_LT(1, times);
     EXPECT_GT(100, times);
     EXPECT_EQ("", debris());

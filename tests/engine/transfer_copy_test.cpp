@@ -65,7 +65,7 @@ TEST_F(CarryOutTransfer, refuses_a_socket_by_name_and_goes_on) {
     writeFile(source("file"), "bytes");
     EXPECT_FALSE(copy({"socket", "file"}));
     EXPECT_EQ("done /source/file -> /target/file\n"
-              "failed: Cannot copy a socket: '/source/socket'\n",
+              "failed: Cannot copy the socket '/source/socket'\n",
               report());
     EXPECT_FALSE(isPresent(target("socket")));
     EXPECT_EQ("", debris());
@@ -77,7 +77,7 @@ TEST_F(CarryOutTransfer, a_move_between_file_systems_refuses_a_tree_with_a_socke
     bindSocket(source("tree/sub/socket"));
     const Snapshot before = takeSnapshot(source());
     EXPECT_FALSE(move({"tree"}));
-    EXPECT_EQ("failed: Cannot copy a socket: '/source/tree/sub/socket'\n", report());
+    EXPECT_EQ("failed: Cannot copy the socket '/source/tree/sub/socket'\n", report());
     EXPECT_EQ(before, takeSnapshot(source()));
     EXPECT_TRUE(fs::is_empty(target()));
 }
@@ -93,7 +93,7 @@ TEST_F(CarryOutTransfer, refuses_a_device_by_name) {
         GTEST_SKIP() << "devices can be created by root only";
     }
     EXPECT_FALSE(copy({"null"}));
-    EXPECT_EQ("failed: Cannot copy a device: '/source/null'\n", report());
+    EXPECT_EQ("failed: Cannot copy the device '/source/null'\n", report());
     EXPECT_TRUE(fs::is_empty(target()));
 }
 
@@ -104,7 +104,7 @@ TEST_F(CarryOutTransfer, refuses_audio_tracks_by_one_sentence) {
     m_plan.Items = {item};
     EXPECT_FALSE(copy());
     EXPECT_EQ("failed: Cannot read audio CD track "
-              "'cdda://1/Track 01.cdda': this build reads no discs\n",
+              "'cdda://1/Track 01.cdda': this build cannot read discs\n",
               report());
     EXPECT_TRUE(fs::is_empty(target()));
 }

@@ -757,7 +757,7 @@ TEST_F(ExamineTrash, finds_what_lacks_its_record_or_its_item_or_cannot_be_read) 
         details.push_back(TavroDescribe(finding));
     }
     const auto unreadable = [&](const std::string& name) {
-        return inQuotes(record(name)) + " does not tell where its entry came from";
+        return inQuotes(record(name)) + " does not say where its item came from";
     };
     const auto vain = [&](const std::string& name) {
         return inQuotes(record(name)) + " is the record of an entry that is not in the trash";

@@ -100,7 +100,8 @@ TEST_F(TrashFolders, name_what_is_in_their_way) {
          {home() / ".local", home() / ".local/share", root(), root() / "files", root() / "info"}) {
         fs::remove_all(home() / ".local");
         writeFile(inTheWay, "a file");
-        EXPECT_EQ(ensure(), "The trash needs a directory where " + inQuotes(inTheWay) + " is");
+        EXPECT_EQ(ensure(),
+                  inQuotes(inTheWay) + " is in the way: the trash needs a directory there");
         EXPECT_EQ(readFile(inTheWay), "a file");
     }
 }
@@ -108,7 +109,7 @@ TEST_F(TrashFolders, name_what_is_in_their_way) {
 TEST_F(TrashFolders, take_a_dangling_link_for_being_in_their_way) {
     makeDirectory(root().parent_path());
     fs::create_symlink("nowhere", root());
-    EXPECT_EQ(ensure(), "The trash needs a directory where " + inQuotes(root()) + " is");
+    EXPECT_EQ(ensure(), inQuotes(root()) + " is in the way: the trash needs a directory there");
 }
 
 TEST_F(TrashFolders, name_the_directory_that_cannot_be_made) {
