@@ -100,12 +100,10 @@ TavroWhereabouts TavroFindStep(const TavroStep& Step, TavroPlaces& Places) {
     const TavroIdentity& source = Step.Source.Inode != 0 ? Step.Source : Step.Identity;
     bool bThere = there != 0 && there == Step.Identity.Inode;
     bool bHere = here != 0 && here == source.Inode;
-    if (bThere && bHere) { // two file systems may give one number, and a restart other devices
-        const bool bThis = atTo.Device == Step.Identity.Device;
-        const bool bThat = atFrom.Device == source.Device;
-        const bool bCopied = Step.Source.Inode != 0 || atTo.Device == atFrom.Device;
-        bThere = bThis || !bThat;
-        bHere = bThat == bThis ? bCopied : bThat;
+    if (bThere && bHere && Step.Source.Inode == 0 && atTo.Device != atFrom.Device) {
+        // Two file systems may give one number; without a copy the file is on one of them.
+        bHere = atFrom.Device == Step.Identity.Device;
+        bThere = !bHere;
     }
     if (Step.Role == Role::Copied || !(bThere && bHere)) {
         return bThere  ? TavroWhereabouts::AtTo

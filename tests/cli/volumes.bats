@@ -636,3 +636,30 @@ at_a_stick() {
     mount.exfat-fuse $loop /one >/dev/null 2>&1 3>&- &&
     losetup -d $loop'
 }
+
+@test "an interrupted undo does not take two files of one number on two file systems for one" {
+  command -v strace >/dev/null || skip 'strace is not installed'
+  strace -qq -o "$scratch/probe" true || skip 'strace may not trace here'
+  in_own_root '
+    export TAVRO_TRASH=home
+    mkdir /one/d
+    before=0 after=0 pad=0
+    for try in {1..5}; do # until the old file in the trash and the new one have one number
+      rm -rf /one/d/f /home/.local
+      for ((i = 0; i < pad; ++i)); do touch /one/pad-$try-$i; done
+      for ((i = 0; i > pad; --i)); do touch /home/pad-$try-$i; done
+      echo old >/one/d/f
+      echo new >/here/f
+      tavro move -q --on-conflict overwrite /here/f /one/d/
+      item=$(stat -c %i /home/.local/share/Trash/files/f) file=$(stat -c %i /one/d/f)
+      before=$after after=$((item - file))
+      ((after != 0)) || break
+      pad=$((try == 1 ? 0 : after + after - before + pad))
+    done
+    ((item == file)) || { echo "no two files have one number"; exit 1; }
+    strace -qq -o /dev/null -e inject=fchmod:signal=KILL $TAVRO undo -q || true
+    [[ $(tavro history) == *interrupted* ]]
+    tavro undo -q
+    expect "$(cat /one/d/f /here/f)" "old
+new"'
+}
