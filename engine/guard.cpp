@@ -29,6 +29,7 @@ public:
             "it holds a directory of the trash",
             "it is the directory of the history",
             "it holds the history",
+            "it is a file of the history",
             "it is the current directory",
             "it holds the current directory",
             "it is a mount point",
@@ -182,7 +183,20 @@ TavroFailure TavroGuard::CheckVolumeTrash(const TavroPlace& Place, bool bDirecto
     return {};
 }
 
+/// Whether the history keeps what is at a place. One that was set aside is nobody's any more.
+bool TavroGuard::IsOfHistory(const TavroPlace& Place) const {
+    if (Place.Name.rfind("history.db", 0) != 0 ||
+        Place.Name.find(".damaged-") != std::string::npos) {
+        return false;
+    }
+    const auto found = m_protected.find(Place.Directory->Identity);
+    return found != m_protected.end() && found->second.Why == TavroRefusal::IsHistory;
+}
+
 TavroFailure TavroGuard::Check(const TavroPlace& Place, const struct stat& Status) {
+    if (IsOfHistory(Place)) {
+        return Refuse(Place, TavroRefusal::IsOfHistory);
+    }
     const bool bDirectory = S_ISDIR(Status.st_mode);
     const auto found = bDirectory || S_ISLNK(Status.st_mode)
                            ? m_protected.find(TavroIdentityOf(Status))

@@ -33,6 +33,7 @@ enum class TavroRefusal {
     HoldsTrashDirectory,
     IsHistory,
     HoldsHistory,
+    IsOfHistory,
     IsCurrent,
     HoldsCurrent,
     IsMountPoint,
@@ -71,6 +72,7 @@ private:
     void ReadMountPoints();
     const std::string* MountPointIn(const std::string& Path) const;
     bool IsInTrash(const TavroDirectory& Directory) const;
+    bool IsOfHistory(const TavroPlace& Place) const;
     TavroFailure CheckVolumeTrash(const TavroPlace& Place, bool bDirectory);
     TavroFailure Refuse(const TavroPlace& Place, TavroRefusal Why, std::string Other = "") const;
 

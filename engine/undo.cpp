@@ -381,6 +381,7 @@ TavroUndoReport Going::Run(FindNext Find, TavroFailureKind Nothing, bool bUndo, 
         Renew(m_report.Moves);
         m_history.EndOperation(m_before, false);
     }
+    m_report.Operation.Kind = m_before.Kind; // a restore was treated as the undo of a trashing
     return std::move(m_report);
 }
 

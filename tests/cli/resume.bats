@@ -190,6 +190,7 @@ connection.commit()' "$HOME/.local/state/tavro/history.db"
     run -0 tavro history
     [[ $output == *restore*'(interrupted, 1 of 1 done)'* ]]
     run -0 tavro "$next"
+    [[ $output == 'Undone: restore'* || $output == 'Finished: restore'* ]]
     if [[ $next == undo ]]; then
       [ ! -e d ]
       expect "$(ls "$HOME/.local/share/Trash/files")" a

@@ -72,9 +72,15 @@ TEST_F(Guard, refuses_the_home_directory_the_trash_and_what_holds_them) {
 TEST_F(Guard, refuses_the_history_and_what_holds_it) {
     const ScopedEnvironment environment("XDG_STATE_HOME", (sandbox() / "a/state").string());
     makeDirectory(sandbox() / "a/state/tavro/below");
+    for (const char* name : {"tavro/history.db-wal", "tavro/history.db.damaged-1", "history.db"}) {
+        writeFile(sandbox() / "a/state" / name, "");
+    }
     for (const auto& [path, why] : {std::pair{"a", "it holds the history"},
                                     {"a/state", "it holds the history"},
                                     {"a/state/tavro", "it is the directory of the history"},
+                                    {"a/state/tavro/history.db-wal", "it is a file of the history"},
+                                    {"a/state/tavro/history.db.damaged-1", ""},
+                                    {"a/state/history.db", ""},
                                     {"a/state/tavro/below", ""}}) {
         for (const TavroAct act :
              {TavroAct::Trash, TavroAct::Delete, TavroAct::Move, TavroAct::Rename}) {
