@@ -43,7 +43,15 @@ void TavroTransferRun::Flush() {
         for (const TavroPendingEntry& entry : entries) {
             Fail(TavroFail(Kind::Write, error, entry.AskedTo()));
         }
-    } else if (failure || (failure = Journal(entries))) {
+    } else if (failure) {
+        Fail(failure); // of the trash
+        const std::error_code why =
+            failure.Error ? failure.Error : std::make_error_code(std::errc::not_a_directory);
+        for (const TavroPendingEntry& entry : entries) {
+            Fail({entry.bExchange ? Kind::Replace : Kind::Write, why, entry.AskedTo(),
+                  entry.AskedFrom()});
+        }
+    } else if ((failure = Journal(entries))) {
         Fail(failure);
     }
     if (failure) {
