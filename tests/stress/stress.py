@@ -364,7 +364,8 @@ def judge_bytes(world, when):
     found, hidden, count = set(), set(), 0
     for top in world.Tops:
         for path in entries_below(top):
-            if "/.local/state/" in path or path.startswith(os.path.join(world.Trash, "info")):
+            of_trash = (os.path.join(world.Trash, name) for name in ("info", "directorysizes"))
+            if "/.local/state/" in path or path.startswith(tuple(of_trash)):
                 continue
             if is_hidden(path):
                 count += is_hidden(os.path.basename(path))
