@@ -55,3 +55,9 @@ expect() {
     return 1
   }
 }
+
+needs_strace() {
+  command -v strace >/dev/null || skip 'strace is not installed'
+  export ASAN_OPTIONS=detect_leaks=0 # which is not for processes that are traced
+  strace -qq -o "$scratch/probe" true || skip 'strace may not trace here'
+}

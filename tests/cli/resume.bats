@@ -3,12 +3,6 @@
 
 load helpers
 
-needs_strace() {
-  command -v strace >/dev/null || skip 'strace is not installed'
-  export ASAN_OPTIONS=detect_leaks=0 # which is not for processes that are traced
-  strace -qq -o "$scratch/probe" true || skip 'strace may not trace here'
-}
-
 needs_python() {
   command -v python3 >/dev/null || skip 'python3 is not installed'
 }
@@ -741,8 +735,7 @@ tavro: Not finished: 'tavro resume' continues, 'tavro undo' takes it back"
 }
 
 @test "the undo of an interrupted move does not pass for done when its target was taken away" {
-  command -v strace >/dev/null || skip 'strace is not installed'
-  strace -qq -o "$scratch/probe" true || skip 'strace may not trace here'
+  needs_strace
   mkdir to && echo 1 >a && echo 2 >b
   strace -qq -o /dev/null -e inject=renameat2:signal=KILL:when=2 "$TAVRO" move a b to || true
   mv to elsewhere

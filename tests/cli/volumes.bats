@@ -230,8 +230,7 @@ Path=d%20%C3%A9/50%25%20%24"
 
 @test "history and list --here do not wait for a volume that does not answer" {
   [[ -c /dev/fuse ]] || skip 'there is no /dev/fuse'
-  command -v strace >/dev/null || skip 'strace is not installed'
-  strace -qq -o "$scratch/probe" true || skip 'strace may not trace here'
+  needs_strace
   in_own_root '
     tavro mkdir /silent >/dev/null
     mount -t tmpfs silent /silent
@@ -279,8 +278,7 @@ Path=d%20%C3%A9/50%25%20%24"
 }
 
 @test "what was cut off on a volume is undone or resumed" {
-  command -v strace >/dev/null || skip 'strace is not installed'
-  strace -qq -o "$scratch/probe" true || skip 'strace may not trace here'
+  needs_strace
   in_own_root '
     for after in undo resume; do
       for cut in syncfs:signal=KILL:when=1 renameat2:signal=KILL:when=1 renameat2:signal=KILL:when=2; do
@@ -304,8 +302,7 @@ Path=d%20%C3%A9/50%25%20%24"
 }
 
 @test "an emptying of several volumes that was cut off is finished" {
-  command -v strace >/dev/null || skip 'strace is not installed'
-  strace -qq -o "$scratch/probe" true || skip 'strace may not trace here'
+  needs_strace
   in_own_root '
     for way in "empty -f" "empty -f -q"; do
       touch /one/a /two/a /here/a
@@ -369,8 +366,7 @@ Path=d%20%C3%A9/50%25%20%24"
 }
 
 @test "a new trash of a volume is on the disk before anything goes there" {
-  command -v strace >/dev/null || skip 'strace is not installed'
-  strace -qq -o "$scratch/probe" true || skip 'strace may not trace here'
+  needs_strace
   in_own_root '
     touch /one/a /one/b
     waits() { strace -f -y -qq -o /tmp/calls -e trace=fsync,syncfs,renameat2 $TAVRO trash -q $1; }
@@ -484,8 +480,7 @@ old"
 }
 
 @test "a replacement on a volume that is cut off is undone or resumed, and leaves no record" {
-  command -v strace >/dev/null || skip 'strace is not installed'
-  strace -qq -o "$scratch/probe" true || skip 'strace may not trace here'
+  needs_strace
   in_own_root '
     tavro trash -q "$(mktemp -p /one)"
     tavro empty -fq
@@ -638,8 +633,7 @@ at_a_stick() {
 }
 
 @test "an interrupted undo does not take two files of one number on two file systems for one" {
-  command -v strace >/dev/null || skip 'strace is not installed'
-  strace -qq -o "$scratch/probe" true || skip 'strace may not trace here'
+  needs_strace
   in_own_root '
     export TAVRO_TRASH=home
     mkdir /one/d
