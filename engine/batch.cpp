@@ -91,8 +91,7 @@ TavroBatchReport Batch::Run() {
 /// @return the error number of looking at an entry.
 int Batch::Look(const std::string& Path, TavroPlace& OutPlace, struct stat& OutStatus) {
     const TavroFailure failure = m_places.Find(Path, OutPlace);
-    return failure ? failure.Error.value()
-                   : TavroStatAt(OutPlace.Number(), OutPlace.Name.c_str(), OutStatus);
+    return failure ? failure.Error.value() : TavroLookAt(OutPlace, OutStatus);
 }
 
 bool IsMissing(int Error) {
@@ -225,7 +224,7 @@ TavroFailure Batch::Verify(TavroBatchStep& Step, const TavroPlace& From, const T
         return {};
     }
     struct stat status = {};
-    const int error = TavroStatAt(To.Number(), To.Name.c_str(), status);
+    const int error = TavroLookAt(To, status);
     Step.Arrived = error == 0 ? TavroStateOf(status) : Step.Arrived;
     if (error == 0 && Step.Arrived.Identity == *Step.Expected) {
         return {};

@@ -227,12 +227,6 @@ std::vector<TavroFailure> TavroChooseItems(const TavroChoice& Choice,
 // Sizes
 // =================================================================================================
 
-namespace {
-
-constexpr std::int64_t nanosecondsInSecond = 1000000000;
-
-} // namespace
-
 TavroFailure TavroMeasureItems(std::vector<TavroTrashItem>& IoItems,
                                const std::function<bool()>& ShouldCancel, bool bRemember) {
     std::map<std::shared_ptr<const TavroTrashFolders>, std::vector<TavroDirectorySize>> sizes;
@@ -250,7 +244,7 @@ TavroFailure TavroMeasureItems(std::vector<TavroTrashItem>& IoItems,
         }
         item.ByteCount = measured.ByteCount;
         sizes[item.Folders].push_back(
-            {item.Name, measured.DiskBytes, item.RecordTime / nanosecondsInSecond});
+            {item.Name, measured.DiskBytes, item.RecordTime / TavroSecond});
     }
     for (const auto& [folders, measured] : sizes) {
         TavroOpenTrash trash;

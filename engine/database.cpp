@@ -110,8 +110,7 @@ void TavroDatabase::Connect() {
                            SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_NOMUTEX,
                            nullptr);
     struct stat status = {};
-    if (TavroStatAt(Place.Number(), Place.Name.c_str(), status) != 0 ||
-        TavroIdentityOf(status) != Identity) {
+    if (TavroLookAt(Place, status) != 0 || TavroIdentityOf(status) != Identity) {
         Keep(SQLITE_CANTOPEN);
     } else if (status.st_size > 0 && status.st_size < 512) {
         Keep(SQLITE_NOTADB); // it would be taken for an empty one

@@ -176,7 +176,7 @@ TavroEditReport TavroRenameTo(const TavroOperationEntry& Entry, const std::strin
     if (failure) {
         return Failed(std::move(failure), report.CreatedDirectories);
     }
-    TavroStatAt(to.Number(), to.Name.c_str(), status);
+    TavroLookAt(to, status);
     report.Path = to.OwnPath();
     report.Arrived = TavroStateOf(status);
     return report;

@@ -30,8 +30,10 @@ inline TavroIdentity TavroIdentityOf(const struct stat& Status) {
     return {Status.st_dev, Status.st_ino};
 }
 
+constexpr std::int64_t TavroSecond = 1'000'000'000; ///< In nanoseconds.
+
 inline std::int64_t TavroNanoseconds(const struct timespec& Time) {
-    return static_cast<std::int64_t>(Time.tv_sec) * 1000000000 + Time.tv_nsec;
+    return static_cast<std::int64_t>(Time.tv_sec) * TavroSecond + Time.tv_nsec;
 }
 
 /// A file as it was at one moment. Whoever puts its size and times back still changes `ChangeTime`.

@@ -106,8 +106,7 @@ TavroFailure TavroJournal::EndDeletion(bool bFailed) {
     const auto mayBeGone = [&](const TavroStep& step) { // of a directory some of what is in it
         TavroPlace place;
         struct stat status = {};
-        const bool bThere = !places.Find(step.From, place) &&
-                            TavroStatAt(place.Number(), place.Name.c_str(), status) == 0 &&
+        const bool bThere = !places.Find(step.From, place) && TavroLookAt(place, status) == 0 &&
                             status.st_ino == step.Identity.Inode;
         return !bThere || S_ISDIR(status.st_mode);
     };

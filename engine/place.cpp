@@ -333,7 +333,7 @@ bool TavroNameSearch::IsMissing(const TavroPlace& Place) {
 }
 
 int TavroNameSearch::Look(const TavroPlace& Place, struct stat& OutStatus) {
-    return IsMissing(Place) ? ENOENT : TavroStatAt(Place.Number(), Place.Name.c_str(), OutStatus);
+    return IsMissing(Place) ? ENOENT : TavroLookAt(Place, OutStatus);
 }
 
 std::vector<std::string> TavroFindMissing(std::string Path) {

@@ -13,8 +13,6 @@ using Kind = TavroFailureKind;
 using Role = TavroStepRole;
 using Steps = TavroReversal::Steps;
 
-constexpr std::int64_t second = 1'000'000'000; // in nanoseconds
-
 bool IsMissing(int Error) {
     return Error == ENOENT || Error == ENOTDIR;
 }
@@ -94,7 +92,8 @@ bool TavroReversal::IsNamesake(const TavroStep& Step, const TavroPlace& Place,
         return false; // nothing is known of it
     }
     // Of what was moved its own time is known, of all else the end of the operation.
-    const std::int64_t earliest = Step.ChangeTime - (Step.Role == Role::Moved ? 0 : 3600 * second);
+    const std::int64_t earliest =
+        Step.ChangeTime - (Step.Role == Role::Moved ? 0 : 3600 * TavroSecond);
     if (Step.Identity.Device != Status.st_dev && !TavroIsTrashed(Step) && changed < earliest) {
         return true; // of what is trashed the record tells
     }
@@ -179,11 +178,11 @@ TavroFailure TavroReversal::CheckRecord(const TavroStep& Step, const TavroFileSt
     if (!read) {
         return {};
     }
-    const std::time_t written = read->WrittenAt / second;
+    const std::time_t written = read->WrittenAt / TavroSecond;
     const std::time_t date = TavroTimeOfDate(read->Date).value_or(written);
     const std::time_t earliest = m_report.Operation.Time - 3600;
     const bool bLater = Step.ChangeTime != 0 && read->WrittenAt > Step.ChangeTime &&
-                        date > Step.ChangeTime / second;
+                        date > Step.ChangeTime / TavroSecond;
     const bool bEarlier = bElsewhere && std::max(written, date) < earliest;
     const std::string when = bLater || bEarlier ? " at another time" : "";
     return read->Path == Step.From && when.empty()

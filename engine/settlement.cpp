@@ -503,9 +503,8 @@ bool Settlement::IsBegun(const TavroPlace& Record) const {
     struct stat status = {};
     struct timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
-    constexpr std::int64_t second = 1'000'000'000;
     return TavroLookAt(Record, status) == 0 && status.st_mtim.tv_sec >= m_operation.Time &&
-           TavroNanoseconds(status.st_mtim) + second < TavroNanoseconds(now);
+           TavroNanoseconds(status.st_mtim) + TavroSecond < TavroNanoseconds(now);
 }
 
 } // namespace

@@ -371,10 +371,10 @@ void TavroTransferRun::SettleConflict(const TavroRoute& Way, const struct stat& 
     struct stat now = {};
     switch (answer.Choice) {
     case TavroConflictChoice::Overwrite:
-        if (answer.bAsked &&
-            (TavroLookAt(Way.To, now) != 0 || TavroIdentityOf(now) != TavroIdentityOf(There))) {
+        if (answer.bAsked && (TavroLookAt(Way.To, now) != 0 ||
+                              !TavroIsUnchanged(TavroStateOf(There), TavroStateOf(now)))) {
             m_search.Forget();
-            TransferEntry(Way, Item); // what was shown is not there any more
+            TransferEntry(Way, Item); // what was shown is not there any more, or has changed
             break;
         }
         Replace(Way, Source, There, Item);

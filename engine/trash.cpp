@@ -73,8 +73,7 @@ TavroFailure SelectionCheck::Look(const TavroOperationEntry& Entry) {
     TavroPlace place;
     struct stat status = {};
     TavroFailure failure = m_places.Find(Entry.Path, place);
-    const int error =
-        failure ? failure.Error.value() : TavroStatAt(place.Number(), place.Name.c_str(), status);
+    const int error = failure ? failure.Error.value() : TavroLookAt(place, status);
     if (error != 0) {
         return TavroFail(TavroFailureKind::RefuseTrash, error, "");
     }

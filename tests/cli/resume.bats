@@ -344,8 +344,9 @@ Copied $PWD/src/b -> $PWD/dst/b"
     [[ $output == *"Interrupted: everything is as it was"* ]]
     expect "$(ls -A dst)" ''
   done
-  asked 'k\n'
+  asked 'x\n\fk\n'
   expect "$status" 130
+  [[ $output == *"tavro: Type one of the letters in brackets, not 'x'"* ]]
   [[ $output == *"'tavro resume' continues"* ]]
   expect "$(ls -A dst)" $'a\nb'
   run -0 tavro undo

@@ -365,6 +365,21 @@ Path=d%20%C3%A9/50%25%20%24"
     [[ -f /one/real/y ]]'
 }
 
+@test "an undo removes no record of another trash through a link on a volume" {
+  in_own_root '
+    echo 1 >/one/a
+    echo 2 >/here/a
+    tavro trash -q /one/a
+    tavro trash -q /here/a
+    rm -r /one/.Trash-0/info
+    ln -s /home/.local/share/Trash/info /one/.Trash-0/info
+    tavro undo -q 1
+    expect "$(cat /one/a)" 1
+    [[ -f /home/.local/share/Trash/info/a.trashinfo ]]
+    tavro undo -q
+    expect "$(cat /here/a)" 2'
+}
+
 @test "a new trash of a volume is on the disk before anything goes there" {
   needs_strace
   in_own_root '

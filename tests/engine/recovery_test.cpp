@@ -382,7 +382,8 @@ private:
                 bEverInterrupted = true;
                 ageRecords();
                 const int again = 1 + call * 7 % 37;
-                SCOPED_TRACE("and then before call " + std::to_string(again));
+                SCOPED_TRACE("and of every fourth the next process before call " +
+                             std::to_string(again));
                 if (call % 4 == 1 && isKilledBefore(again, next)) {
                     ++killsAgain;
                     ageRecords();

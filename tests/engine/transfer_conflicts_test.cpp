@@ -443,6 +443,50 @@ TEST_F(TransferConflicts, what_is_put_off_goes_nowhere_else_when_its_directory_i
     EXPECT_EQ("", debris());
 }
 
+TEST_F(TransferConflicts, a_merge_that_begins_late_leaves_no_emptied_directory) {
+    fs::remove_all(source("tree"));
+    writeFile(source("tree/sub/d/inner"), "new");
+    writeFile(target("tree/sub/d"), "a file");
+    makeDirectory(target("tree/sub/other"));
+    m_callbacks.OnConflict = [](const TavroTransferConflict& conflict) {
+        return conflict.bCanWait ? TavroConflictAnswer{TavroConflictChoice::Later}
+                                 : TavroConflictAnswer{TavroConflictChoice::Rename, false, "other"};
+    };
+    EXPECT_TRUE(run(true, {"tree"})) << report();
+    EXPECT_EQ("new", readFile(target("tree/sub/other/inner")));
+    EXPECT_EQ("a file", readFile(target("tree/sub/d")));
+    EXPECT_FALSE(isPresent(source("tree")));
+}
+
+TEST_F(TransferConflicts, what_was_not_shown_is_asked_about_before_it_is_replaced) {
+    m_callbacks.OnConflict = [this](const TavroTransferConflict& conflict) {
+        m_asked += conflict.bDestinationDirectory ? "directory\n" : "file\n";
+        if (!conflict.bDestinationDirectory) {
+            fs::remove(target("file"));
+            writeFile(target("file/precious"), "of somebody else");
+        }
+        return TavroConflictAnswer{conflict.bDestinationDirectory ? TavroConflictChoice::Skip
+                                                                  : TavroConflictChoice::Overwrite};
+    };
+    EXPECT_TRUE(copy({"file"})) << report();
+    EXPECT_EQ("file\ndirectory\n", m_asked);
+    EXPECT_EQ("skipped /source/file\n", report());
+    EXPECT_EQ("of somebody else", readFile(target("file/precious")));
+}
+
+TEST_F(TransferConflicts, what_changes_while_it_is_asked_about_is_asked_about_again) {
+    m_callbacks.OnConflict = [this](const TavroTransferConflict& conflict) {
+        const std::string contents = readFile(target("file"));
+        m_asked += std::to_string(conflict.Destination.Size) + " bytes\n";
+        writeFile(target("file"), "saved meanwhile");
+        return TavroConflictAnswer{contents == "old" ? TavroConflictChoice::Overwrite
+                                                     : TavroConflictChoice::Skip};
+    };
+    EXPECT_TRUE(copy({"file"})) << report();
+    EXPECT_EQ("3 bytes\n15 bytes\n", m_asked);
+    EXPECT_EQ("saved meanwhile", readFile(target("file")));
+}
+
 TEST_F(TransferConflicts, keeping_both_inside_a_merge_does_not_rename_the_item) {
     add("tree", "tree");
     answer(TavroConflictChoice::KeepBoth);
