@@ -17,12 +17,12 @@ const std::vector<TavroTrashEntry> untouchedList = {{"old", "old", "old", true}}
 const std::string someDate = "SOME DATE";
 
 // -------------------------------------------------------------------------------------------------
-// The worlds
+// The settings
 // -------------------------------------------------------------------------------------------------
 
 enum class Kind { File, Tree, LinkToFile, LinkToDirectory };
 
-struct World {
+struct Setting {
     const char* Name;
     bool bAcross; ///< The entries and the home trash lie on different file systems.
     std::vector<Kind> Kinds;
@@ -39,34 +39,34 @@ namespace {
 const std::vector<Kind> batch = {Kind::File, Kind::Tree, Kind::File};
 const std::vector<Kind> links = {Kind::LinkToFile, Kind::LinkToDirectory};
 
-World fresh(World world) {
-    world.bFreshHome = true;
-    return world;
+Setting fresh(Setting setting) {
+    setting.bFreshHome = true;
+    return setting;
 }
-World taken(World world) {
-    world.bTaken = true;
-    return world;
+Setting taken(Setting setting) {
+    setting.bTaken = true;
+    return setting;
 }
-World blocked(World world) {
-    world.bBlockedRecord = true;
-    return world;
+Setting blocked(Setting setting) {
+    setting.bBlockedRecord = true;
+    return setting;
 }
-World limited(World world) {
-    world.bSizeLimit = true;
-    return world;
+Setting limited(Setting setting) {
+    setting.bSizeLimit = true;
+    return setting;
 }
-World orphaned(World world) {
-    world.bParentsGone = true;
-    return world;
-}
-
-World inTheWay(World world) {
-    world.bInTheWay = true;
-    return world;
+Setting orphaned(Setting setting) {
+    setting.bParentsGone = true;
+    return setting;
 }
 
-const std::vector<World>& worlds() {
-    static const std::vector<World> all = {
+Setting inTheWay(Setting setting) {
+    setting.bInTheWay = true;
+    return setting;
+}
+
+const std::vector<Setting>& settings() {
+    static const std::vector<Setting> all = {
         {"file", false, {Kind::File}},
         {"file-across", true, {Kind::File}},
         {"tree", false, {Kind::Tree}},
@@ -131,39 +131,39 @@ bool movesEntries(Operation what) {
            what == Operation::Restore || what == Operation::Reapply;
 }
 
-/// The peculiarity of the world plays a part in the operation.
-bool matters(const World& world, Operation what) {
-    if (world.bFreshHome) {
+/// The peculiarity of the setting plays a part in the operation.
+bool matters(const Setting& setting, Operation what) {
+    if (setting.bFreshHome) {
         return movesEntries(what) || what == Operation::Prepare;
     }
-    if (world.bTaken) {
+    if (setting.bTaken) {
         return movesEntries(what) || what == Operation::Prepare || what == Operation::Rename;
     }
-    if (world.bBlockedRecord) {
+    if (setting.bBlockedRecord) {
         // A list that was trashed has all its records, so a restore never meets the obstacle.
         return (movesEntries(what) && what != Operation::Restore) ||
                what == Operation::WriteRecords;
     }
-    if (world.bSizeLimit) {
+    if (setting.bSizeLimit) {
         return movesEntries(what);
     }
-    return (!world.bParentsGone && !world.bInTheWay) || what == Operation::Restore;
+    return (!setting.bParentsGone && !setting.bInTheWay) || what == Operation::Restore;
 }
 
-bool belongsToShortForm(const World& world, Operation what) {
-    const std::string name = world.Name;
+bool belongsToShortForm(const Setting& setting, Operation what) {
+    const std::string name = setting.Name;
     if (what == Operation::Trash || what == Operation::Restore) {
         return name == "file" || name == "links-across" || name == "batch" ||
                name == "batch-across" || name == "taken" || name == "blocked-record" ||
-               name == "size-limit" || name == "parents-gone" || world.bInTheWay;
+               name == "size-limit" || name == "parents-gone" || setting.bInTheWay;
     }
     return name == "batch" || (what == Operation::Reapply && name == "blocked-record-across");
 }
 
-std::string scenarioName(Operation what, const World& world) {
+std::string scenarioName(Operation what, const Setting& setting) {
     const auto named = std::find_if(operations().begin(), operations().end(),
                                     [&](const Named& one) { return one.What == what; });
-    return std::string(named->Name) + "/" + world.Name;
+    return std::string(named->Name) + "/" + setting.Name;
 }
 
 fs::path otherDevice() {
@@ -263,9 +263,9 @@ fs::path Item::recordOf(const fs::path& trashed) {
 // One scenario
 // -------------------------------------------------------------------------------------------------
 
-Scenario::Scenario(Operation operation, const World& world)
-    : m_operation(operation), m_world(world),
-      m_workBox(world.bAcross ? fs::temp_directory_path() : otherDevice()),
+Scenario::Scenario(Operation operation, const Setting& setting)
+    : m_operation(operation), m_world(setting),
+      m_workBox(setting.bAcross ? fs::temp_directory_path() : otherDevice()),
       m_homeBox(otherDevice()), m_work(m_workBox / "in"), m_home(m_homeBox / "home"),
       m_files(m_home / ".local/share/Trash/files"), m_info(m_home / ".local/share/Trash/info"),
       m_environment("HOME", m_home.string()) {
@@ -560,10 +560,10 @@ bool Chosen::crossesDevices() const {
 std::vector<Chosen> allScenarios() {
     std::vector<Chosen> chosen;
     for (const Named& operation : operations()) {
-        for (const World& world : worlds()) {
-            if (matters(world, operation.What)) {
+        for (const Setting& setting : settings()) {
+            if (matters(setting, operation.What)) {
                 chosen.push_back(
-                    {operation.What, &world, belongsToShortForm(world, operation.What)});
+                    {operation.What, &setting, belongsToShortForm(setting, operation.What)});
             }
         }
     }

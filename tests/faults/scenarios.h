@@ -1,4 +1,4 @@
-// The scenarios of the fault programme: every operation in every world that means something to it.
+// The scenarios of the fault programme: every operation in every setting that matters to it.
 
 #ifndef TAVRO_TESTS_SCENARIOS_H
 #define TAVRO_TESTS_SCENARIOS_H
@@ -76,12 +76,12 @@ struct Item {
     static std::filesystem::path recordOf(const std::filesystem::path& trashed);
 };
 
-struct World;
+struct Setting;
 
-/// One operation in one world, with the disk that belongs to it.
+/// One operation in one setting, with the disk that belongs to it.
 class Scenario {
 public:
-    Scenario(Operation operation, const World& world);
+    Scenario(Operation operation, const Setting& setting);
     ~Scenario();
     Scenario(const Scenario&) = delete;
     Scenario& operator=(const Scenario&) = delete;
@@ -91,14 +91,14 @@ public:
         return m_operation;
     }
     bool crossesDevices() const;
-    /// Something in the world itself, not a fault, makes the clean run fail.
+    /// Something in the setting itself, not a fault, makes the clean run fail.
     bool isHindered() const;
     /// Something lies where this record is to be written or this entry is to be restored.
     bool isBlocked(const std::filesystem::path& place) const;
     /// No file can grow as large as some of the items are.
     bool hasSizeLimit() const;
 
-    /// Makes the world anew, up to the moment before the operation.
+    /// Makes the setting anew, up to the moment before the operation.
     void prepare();
 
     /// Runs the operation. `mark` is called right before it (with true) and right after it.
@@ -131,7 +131,7 @@ private:
     std::vector<TavroOperationEntry> selection() const;
 
     Operation m_operation;
-    const World& m_world;
+    const Setting& m_world;
     Sandbox m_workBox;
     Sandbox m_homeBox;
     std::filesystem::path m_work;
@@ -146,7 +146,7 @@ private:
 /// A scenario that can be made when its turn comes.
 struct Chosen {
     Operation What;
-    const World* Where;
+    const Setting* Where;
     /// Part of the short form.
     bool bShort;
 
