@@ -22,6 +22,7 @@ usage() {
 
 [[ -x ${1:-} ]] || usage
 tavro=$(realpath "$1")
+bare_loop=${tavro%/cli/tavro}/bench/tavro_bare_loop
 shift
 rounds=5 batch=10000 large_tree=200000 large_file=1G counts=(2000 20000)
 if [[ ${1:-} == --quick ]]; then
@@ -123,12 +124,16 @@ one_file() {
 # A new directory for each copy; the old ones stay until the end, see fresh_home.
 copy_tavro() { timed copy_tavro "$tavro" copy -q "${source[@]}" "$(mktemp -d -p "$where")/"; }
 copy_cp() { timed copy_cp cp -a "${source[@]}" "$(mktemp -d -p "$where")/"; }
+copy_bare() { timed copy_bare "$bare_loop" copy "${source[@]}" "$(mktemp -d -p "$where")/"; }
 
 copy_files() {
   heading "Copying $batch single files of 700 bytes, $on" tavro 'cp -a'
   make_files "$where/single" "$batch" 700
   source=("$where"/single/*)
-  duel 'tavro copy : cp -a' 1 copy_tavro copy_cp
+  forget copy_tavro copy_cp copy_bare
+  in_turn copy_tavro copy_cp copy_bare
+  compare 'tavro copy : cp -a' copy_tavro copy_cp 1
+  compare 'its calls alone : cp -a' copy_bare copy_cp -
 }
 
 copy_tree() {
@@ -166,6 +171,7 @@ and_sync() {
 }
 synced_tavro() { timed synced_tavro "$tavro" copy -q "${source[@]}" "$(fresh_synced)/"; }
 synced_cp() { timed synced_cp and_sync cp -a "${source[@]}" "$(fresh_synced)/"; }
+synced_bare() { timed synced_bare "$bare_loop" copy "${source[@]}" "$(fresh_synced)/"; }
 
 # A new directory, when nothing is left to be written that neither of the two has written.
 fresh_synced() {
@@ -180,6 +186,10 @@ synced() {
   make_files "$where/single" "$batch" 700
   source=("$where"/single/*)
   wait_for_both in_turn "$batch single files of 700 bytes"
+  forget synced_bare
+  in_turn synced_bare
+  line '  its calls alone' "$(milliseconds "${best_elapsed[synced_bare]}")" \
+    "$(milliseconds "${best_elapsed[synced_cp]}")" - ms
   make_tree "$where/tree" "$batch" 100 700
   source=("$where/tree")
   wait_for_both in_turn "a tree of $batch files of 700 bytes"
