@@ -461,6 +461,7 @@ void TavroTreeCopy::LeaveDirectory() {
     if (!level.bMade) {
         return;
     }
+    m_copied[level.Number].End = m_copied.size();
     TavroDescriptor left;
     int error = m_target.Pop(&left);
     if (error != 0) {
@@ -473,7 +474,6 @@ void TavroTreeCopy::LeaveDirectory() {
         Fail(Kind::SetAttributes, error); // it is there all the same
     }
     m_progress.AddItems();
-    m_copied[level.Number].End = m_copied.size();
     m_bThere = m_levels.empty();
 }
 
