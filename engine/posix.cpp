@@ -458,7 +458,11 @@ int TavroExchange(int FromDirectory, const char* From, int ToDirectory, const ch
         TavroRenameNoReplace(FromDirectory, aside.c_str(), ToDirectory, To);
         return error;
     }
-    return TavroRenameNoReplace(FromDirectory, aside.c_str(), FromDirectory, From);
+    error = TavroRenameNoReplace(FromDirectory, aside.c_str(), FromDirectory, From);
+    if (error != 0 && TavroRenameNoReplace(ToDirectory, To, FromDirectory, From) == 0) {
+        TavroRenameNoReplace(FromDirectory, aside.c_str(), ToDirectory, To);
+    }
+    return error;
 }
 
 int TavroLinkOpenAt(int Descriptor, int ToDirectory, const char* To) {

@@ -492,6 +492,17 @@ TEST_F(Posix, without_the_kernels_help_a_name_that_cannot_be_looked_at_is_not_ta
     EXPECT_FALSE(isPresent(m_box / "new"));
 }
 
+TEST_F(Posix, an_exchange_in_three_steps_that_fails_at_the_last_gives_back_the_names) {
+    writeFile(m_box / "a", "a");
+    writeFile(m_box / "b", "b");
+    const FaultInjector injector({{"renameat2", EINVAL}, {"renameat2", EIO, "a-old"}});
+    EXPECT_EQ(EIO, TavroExchange(at(), "a", at(), "b"));
+    EXPECT_TRUE(injector.eachFired());
+    EXPECT_EQ("a", readFile(m_box / "a"));
+    EXPECT_EQ("b", readFile(m_box / "b"));
+    EXPECT_FALSE(isPresent(m_box / "a-old"));
+}
+
 TEST_F(Posix, renames_replaces_exchanges_and_links) {
     writeFile(m_box / "a", "a");
     writeFile(m_box / "b", "b");
