@@ -211,7 +211,7 @@ TavroFailure TavroTrashIndex::FindByName(const std::string& Name,
         const auto folders = std::make_shared<const TavroTrashFolders>(trash.Folders);
         if (std::optional<TavroTrashItem> item = ReadItem(trash, folders, Name)) {
             places.insert(item->OriginalPath);
-            OutItem = std::move(item);
+            OutItem = !OutItem || IsListedBefore(*item, *OutItem) ? std::move(item) : OutItem;
         }
     }
     return places.size() < 2

@@ -302,6 +302,19 @@ TEST_F(FindTrashItem, prefers_the_name_in_the_trash) {
     EXPECT_EQ(foundBy("/1/a.txt"), "b.txt");
 }
 
+TEST_F(FindTrashItem, takes_the_newest_of_several_trashes_that_have_the_name_from_one_place) {
+    TavroTrashFolders other = TavroFindTrashFolders();
+    put("a", "/docs/a", "2024-01-01T00:00:00");
+    fs::rename(root(), home() / "old");
+    other.Files = home() / "old/files";
+    other.Info = home() / "old/info";
+    put("a", "/docs/a", "2024-01-02T00:00:00");
+    TavroTrashIndex index({TavroFindTrashFolders(), other});
+    TavroTrashItem found;
+    ASSERT_FALSE(index.Find("a", found));
+    EXPECT_EQ(found.DeletionDate, "2024-01-02T00:00:00");
+}
+
 TEST_F(FindTrashItem, takes_the_newest_from_an_original_path) {
     put("1", "/x/a.txt", "2024-01-01T00:00:00");
     put("2", "/x/a.txt", "2024-01-03T00:00:00");
