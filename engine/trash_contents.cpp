@@ -31,7 +31,7 @@ TavroFailure ListNames(const TavroDescriptor& Directory, const std::string& Path
     const int error = Directory.IsOpen() ? TavroListDirectory(Directory.Number(), listing) : 0;
     if (error != 0) {
         // One that may not be listed is open for looking up names alone.
-        return TavroFail(TavroFailureKind::ReadTrash, error == EBADF ? EACCES : error, Path);
+        return TavroFail(TavroFailureKind::Read, error == EBADF ? EACCES : error, Path);
     }
     while (const char* name = listing.Next()) {
         OutNames.emplace_back(name);
@@ -60,8 +60,7 @@ std::optional<TavroTrashItem> ReadItem(const TavroOpenTrash& Trash,
     if (!IsPlainName(Name) || TavroStatAt(Trash.Files.Number(), Name.c_str(), status) != 0) {
         return std::nullopt;
     }
-    std::optional<TavroTrashRecord> record =
-        TavroReadRecord(Trash.Info.Number(), Name, Trash.Folders.Base, Trash.Folders.bVolume);
+    std::optional<TavroTrashRecord> record = TavroReadRecord(Trash, Name);
     if (!record) {
         return std::nullopt;
     }
@@ -109,11 +108,12 @@ std::string TavroTrashItem::TrashPath() const {
 }
 
 TavroTrashedEntry TavroTrashItem::Trashed() const {
-    const std::string record = TavroJoin(Folders->Info, TavroRecordName(Name));
-    return {{OriginalPath, TrashPath(), record, bDirectory || bLink},
+    const TavroTrashFolders trash = Folders ? *Folders : TavroFindTrashFolders();
+    const std::string record = TavroJoin(trash.Info, TavroRecordName(Name));
+    return {{OriginalPath, TavroJoin(trash.Files, Name), record, bDirectory || bLink},
             Identity,
             {},
-            Folders->bVolume ? Folders->Base : std::string()};
+            trash.bVolume ? trash.Base : std::string()};
 }
 
 TavroFailure TavroListTrash(const std::function<bool()>& ShouldCancel,
@@ -324,7 +324,7 @@ TavroFailure Emptying::Open(const TavroTrashFolders& Which) {
     if (!failure && m_item.Directory) {
         const int error = TavroStat(m_trash.Files.Number(), status);
         if (error != 0 || TavroIdentityOf(status) != m_item.Directory->Identity) {
-            failure = TavroFail(TavroFailureKind::ReadTrash, error != 0 ? error : ESTALE,
+            failure = TavroFail(TavroFailureKind::Read, error != 0 ? error : ESTALE,
                                 m_trash.Folders.Files);
         }
     }
@@ -367,8 +367,7 @@ std::vector<std::string> Emptying::NamesFrom(std::int64_t Before) const {
     std::vector<std::string> names;
     ListRecorded(names);
     const auto isLater = [&](const std::string& name) {
-        const auto record = TavroReadRecord(m_trash.Info.Number(), name, m_trash.Folders.Base,
-                                            m_trash.Folders.bVolume);
+        const auto record = TavroReadRecord(m_trash, name);
         return !record || record->WrittenAt >= Before;
     };
     names.erase(std::remove_if(names.begin(), names.end(), isLater), names.end());
@@ -449,9 +448,7 @@ TavroFailure Emptying::Remove(const TavroTrashItem& Item) {
 /// removes nothing else is tried before any look.
 TavroFailure Emptying::Remove(const std::string& Name) {
     struct stat status = {};
-    if (!m_item.Directory || !IsPlainName(Name) ||
-        !TavroReadRecord(m_trash.Info.Number(), Name, m_trash.Folders.Base,
-                         m_trash.Folders.bVolume)) {
+    if (!m_item.Directory || !IsPlainName(Name) || !TavroReadRecord(m_trash, Name)) {
         return {};
     }
     m_item.Name = Name;
@@ -656,8 +653,7 @@ TavroFailure Examine(const TavroTrashFolders& Folders,
     }
     for (const std::string& name : records) {
         const std::string path = TavroJoin(trash.Folders.Info, TavroRecordName(name));
-        if (!TavroReadRecord(trash.Info.Number(), name, trash.Folders.Base,
-                             trash.Folders.bVolume)) {
+        if (!TavroReadRecord(trash, name)) {
             OutFindings.push_back({TavroTrashFault::UnreadableRecord, path});
         } else if (!std::binary_search(items.begin(), items.end(), name)) {
             OutFindings.push_back({TavroTrashFault::RecordWithoutItem, path});
@@ -763,8 +759,7 @@ TavroFailure TavroMendTrash(const TavroTrashFinding& Finding) {
     if (Finding.Fault == TavroTrashFault::ItemWithoutRecord) {
         return error != 0 || bRecord ? TavroFailure() : RecordAnew(trash, *name);
     }
-    if (!bRecord || (error == 0 && TavroReadRecord(trash.Info.Number(), *name, trash.Folders.Base,
-                                                   trash.Folders.bVolume))) {
+    if (!bRecord || (error == 0 && TavroReadRecord(trash, *name))) {
         return {};
     }
     if (error != 0) {
