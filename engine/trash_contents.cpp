@@ -18,12 +18,6 @@
 
 namespace {
 
-/// Anything else, joined to a directory, would name another entry than one in that directory.
-bool IsPlainName(const std::string& Name) {
-    return !Name.empty() && Name != "." && Name != ".." && Name.find('/') == std::string::npos &&
-           Name.find('\0') == std::string::npos;
-}
-
 /// The names in a directory of the trash. One that does not exist has none.
 TavroFailure ListNames(const TavroDescriptor& Directory, const std::string& Path,
                        std::vector<std::string>& OutNames) {
@@ -57,7 +51,7 @@ std::optional<TavroTrashItem> ReadItem(const TavroOpenTrash& Trash,
                                        const std::string& Name) {
     struct stat status = {};
     // The item is looked at before its record: whatever takes both names after that is another.
-    if (!IsPlainName(Name) || TavroStatAt(Trash.Files.Number(), Name.c_str(), status) != 0) {
+    if (!TavroIsPlainName(Name) || TavroStatAt(Trash.Files.Number(), Name.c_str(), status) != 0) {
         return std::nullopt;
     }
     std::optional<TavroTrashRecord> record = TavroReadRecord(Trash, Name);
@@ -253,7 +247,7 @@ TavroFailure TavroTrashIndex::Find(const std::string& Text, TavroTrashItem& OutI
     }
     for (const TavroOpenTrash& trash : m_open) {
         struct stat status = {};
-        if (places.empty() && IsPlainName(Text) &&
+        if (places.empty() && TavroIsPlainName(Text) &&
             TavroStatAt(trash.Files.Number(), Text.c_str(), status) == 0) {
             return {TavroFailureKind::OriginUnknown, {}, TavroJoin(trash.Folders.Files, Text)};
         }
@@ -338,7 +332,7 @@ TavroFailure Emptying::ListRecorded(std::vector<std::string>& OutNames) const {
 TavroStep Emptying::StepOf(const TavroTrashItem& Item) const {
     TavroStep step{TavroStepRole::Deleted};
     struct stat status = {};
-    if (m_item.Directory && IsPlainName(Item.Name) &&
+    if (m_item.Directory && TavroIsPlainName(Item.Name) &&
         TavroStatWithBirthAt(m_item.Number(), Item.Name.c_str(), status, step.SourceTime) == 0) {
         step.From = TavroJoin(m_item.Directory->OwnPath, Item.Name);
         step.Identity = TavroIdentityOf(status);
@@ -423,7 +417,7 @@ template <typename Items> TavroFailure Emptying::RemoveEach(const Items& All) {
 
 TavroFailure Emptying::Remove(const TavroTrashItem& Item) {
     struct stat status = {};
-    if (!IsPlainName(Item.Name)) {
+    if (!TavroIsPlainName(Item.Name)) {
         return {TavroFailureKind::NoItemName, {}, Item.Name};
     }
     m_item.Name = Item.Name;
@@ -448,7 +442,7 @@ TavroFailure Emptying::Remove(const TavroTrashItem& Item) {
 /// removes nothing else is tried before any look.
 TavroFailure Emptying::Remove(const std::string& Name) {
     struct stat status = {};
-    if (!m_item.Directory || !IsPlainName(Name) || !TavroReadRecord(m_trash, Name)) {
+    if (!m_item.Directory || !TavroIsPlainName(Name) || !TavroReadRecord(m_trash, Name)) {
         return {};
     }
     m_item.Name = Name;
@@ -691,8 +685,8 @@ std::optional<std::string> ItemNameOf(const TavroTrashFinding& Finding,
     if (Finding.Fault != TavroTrashFault::ItemWithoutRecord) {
         return directory == Folders.Info ? TavroItemOfRecord(file) : std::nullopt;
     }
-    return directory == Folders.Files && IsPlainName(file) ? std::optional<std::string>(file)
-                                                           : std::nullopt;
+    return directory == Folders.Files && TavroIsPlainName(file) ? std::optional<std::string>(file)
+                                                                : std::nullopt;
 }
 
 /// Gives an item a record as of the base of its trash, and before that, if need be, a name that
@@ -746,7 +740,7 @@ TavroFailure TavroMendTrash(const TavroTrashFinding& Finding) {
         return {TavroFailureKind::NotInTrash, {}, Finding.Path};
     }
     struct stat status = {};
-    const int error = IsPlainName(*name) && trash.Files.IsOpen()
+    const int error = TavroIsPlainName(*name) && trash.Files.IsOpen()
                           ? TavroStatAt(trash.Files.Number(), name->c_str(), status)
                           : ENOENT;
     if (failure || (error != 0 && error != ENOENT)) {
