@@ -106,18 +106,15 @@ std::string HeadwayText(const TavroOperation& Operation, const Prospect& Ahead, 
 std::vector<TavroCell> OperationRow(const TavroOperation& Operation, std::uint64_t EntryCount,
                                     const std::string& Mark) {
     const std::string time = TavroTimeText(Operation.Time);
-    const std::string first = Operation.Steps.empty() ? "" : TavroStepText(Operation.Steps.front());
-    const std::string more =
-        EntryCount > 1 ? " and " + TavroGroupedNumber(EntryCount - 1) + " more" : "";
     const bool bOpen = TavroIsOnItsWay(Operation);
     return {{std::to_string(Operation.Id), TavroStyle::Plain, true},
             {TavroIsTerminal(stdout) ? TavroShownTime(Operation.Time)
                                      : time.substr(0, 10) + " " + time.substr(11, 8),
              TavroStyle::Dim},
             {TavroKindText(Operation.Kind)},
-            {first + more + Mark, bOpen          ? TavroStyle::Yellow
-                                  : Mark.empty() ? TavroStyle::Plain
-                                                 : TavroStyle::Dim}};
+            {TavroOperationText(Operation, EntryCount) + Mark, bOpen          ? TavroStyle::Yellow
+                                                               : Mark.empty() ? TavroStyle::Plain
+                                                                              : TavroStyle::Dim}};
 }
 
 int RunHistory(bool bJson, bool bColor) {
@@ -165,8 +162,10 @@ int RunDrop() {
     std::optional<TavroOperation> newest;
     TavroFailure failure = history.NextToUndo(newest);
     if (!failure) {
-        failure =
-            newest ? history.Drop(newest->Id) : TavroFail(TavroFailureKind::NothingToDrop, 0, "");
+        failure = !newest ? TavroFailure{TavroFailureKind::NothingToDrop}
+                  : TavroIsOnItsWay(*newest) && history.IsRunning(*newest)
+                      ? TavroFailure{TavroFailureKind::HistoryRunning}
+                      : history.Drop(newest->Id);
     }
     if (!failure) {
         TavroPrintOperation("Removed from the history: ", *newest);

@@ -78,10 +78,7 @@ bool TavroPlanNames(const CLI::Option* Names, const CLI::Option* In, bool bMove,
     const std::string target = std::move(names.back());
     names.pop_back();
     std::vector<TavroOperationEntry> entries;
-    if (!TavroFindEntries(names, entries)) {
-        return false;
-    }
-    if (!TavroCanResolve(target)) {
+    if (!TavroFindEntries(names, entries) || !TavroCanResolve(target)) {
         return false;
     }
     const std::string base = TavroBaseDirectory(In);

@@ -122,10 +122,8 @@ std::string TavroStepText(const TavroStep& Step) {
 }
 
 std::string TavroOperationText(const TavroOperation& Operation, std::uint64_t EntryCount) {
-    const std::string first =
-        Operation.Steps.empty() ? "" : " " + TavroStepText(Operation.Steps.front());
-    return std::to_string(Operation.Id) + " " + TavroKindText(Operation.Kind) + first +
-           (EntryCount > 1 ? " and " + TavroGroupedNumber(EntryCount - 1) + " more" : "");
+    const std::string first = Operation.Steps.empty() ? "" : TavroStepText(Operation.Steps.front());
+    return first + (EntryCount > 1 ? " and " + TavroGroupedNumber(EntryCount - 1) + " more" : "");
 }
 
 std::vector<const TavroStep*> TavroTellingSteps(const TavroOperation& Operation) {

@@ -75,8 +75,7 @@ std::vector<const TavroStep*> TavroTellingSteps(const TavroOperation& Operation)
 /// stands alone.
 std::string TavroStepText(const TavroStep& Step);
 
-/// "12 copy /a -> /b and 3 more": the number of an operation, and what it was about, in a line of
-/// standard error.
+/// "/a -> /b and 3 more": what an operation was about in one line of standard output.
 /// @param EntryCount  how many main steps it has.
 std::string TavroOperationText(const TavroOperation& Operation, std::uint64_t EntryCount);
 

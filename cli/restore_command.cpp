@@ -93,8 +93,7 @@ TavroTrashedEntry EntryOf(const Restoring& Run, const TavroTrashItem& Item) {
     TavroTrashedEntry entry = Item.Trashed();
     if (!Run.To.empty()) {
         const std::string name = TavroNameOf(Item.OriginalPath);
-        const bool bName = !name.empty() && name != "." && name != "..";
-        entry.Entry.OriginalPath = TavroJoin(Run.To, bName ? name : Item.Name);
+        entry.Entry.OriginalPath = TavroJoin(Run.To, TavroIsPlainName(name) ? name : Item.Name);
         entry.Volume.clear();
     }
     return entry;

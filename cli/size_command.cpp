@@ -35,11 +35,11 @@ public:
         int error = TavroOpenDirectory(Path, opened);
         error = error == ENOTDIR ? TavroStatTargetAt(AT_FDCWD, Path.c_str(), status) : error;
         if (error != 0) {
-            const bool bMissing = error == ENOENT || error == ENOTDIR;
-            return TavroFail(bMissing ? TavroFailureKind::NoSuchEntry : TavroFailureKind::LookAt,
+            return TavroFail(TavroIsMissing(error) ? TavroFailureKind::NoSuchEntry
+                                                   : TavroFailureKind::LookAt,
                              error, Path);
         }
-        const bool bDirectory = opened.Number() >= 0;
+        const bool bDirectory = opened.IsOpen();
         error = bDirectory ? TavroAccessAt(opened.Number(), ".", R_OK) : 0;
         if (error != 0) {
             return TavroFail(TavroFailureKind::Read, error, Path);

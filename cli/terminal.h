@@ -5,7 +5,6 @@
 
 #include "copy_file.h"
 #include "failure.h"
-#include "measure.h"
 
 #include <cstdint>
 #include <cstdio>

@@ -36,7 +36,7 @@ std::string SideText(const std::string& Side, const TavroFileState& State, bool 
     const std::string size =
         State.IsDirectory() ? "directory" : TavroHumanSize(static_cast<std::uint64_t>(State.Size));
     return "  " + Side + "  " + size + std::string(size.size() < 9 ? 9 - size.size() : 0, ' ') +
-           "  " + TavroShownTime(State.ModificationTime / 1000000000) + (bNewer ? "  newer" : "");
+           "  " + TavroShownTime(State.ModificationTime / TavroSecond) + (bNewer ? "  newer" : "");
 }
 
 /// Says what is in the way of what.

@@ -10,7 +10,6 @@
 #include "trash.h"
 
 #include <algorithm>
-#include <cerrno>
 
 namespace {
 
@@ -69,8 +68,7 @@ void ForgetMissing(std::vector<TavroOperationEntry>& Entries) {
     std::vector<TavroOperationEntry> present;
     for (TavroOperationEntry& entry : Entries) {
         struct stat status = {};
-        const int error = TavroStatPath(entry.Path, status);
-        if (error != ENOENT && error != ENOTDIR) {
+        if (!TavroIsMissing(TavroStatPath(entry.Path, status))) {
             entry.bDirectory = S_ISDIR(status.st_mode);
             present.push_back(std::move(entry));
         }

@@ -123,7 +123,9 @@ TavroFailure FindDetour(TavroHistory& History, TavroFailure Newest, Detour& Out)
         TavroFailure why = History.Read(operations[i].Id, operation);
         why = why || !operation ? why : TavroCheckUndo(*operation, bNothingLeft);
         why = Out.PassedOver.empty() ? std::exchange(Newest, {}) : why;
-        Out.Text = TavroOperationText(operations[i], counts[i]);
+        const std::string what = TavroOperationText(operations[i], counts[i]);
+        Out.Text = std::to_string(operations[i].Id) + " " + TavroKindText(operations[i].Kind) +
+                   (what.empty() ? "" : " ") + what;
         if (why) {
             Out.bAgreed = Out.bAgreed && bNothingLeft;
             Out.PassedOver.push_back(Out.Text + ": " + TavroDescribe(why));
@@ -159,13 +161,14 @@ int AgreeTo(const Detour& What, bool bSkip) {
 /// undo went wrong.
 bool StandsInTheWay(const TavroUndoReport& Report) {
     using Kind = TavroFailureKind;
-    static const std::set<Kind> kinds = {
-        Kind::Missing,       Kind::ItemMissing,        Kind::Replaced,
-        Kind::InTheWay,      Kind::NotDirectory,       Kind::NotEmpty,
-        Kind::LeavesVolume,  Kind::RestoreTargetTaken, Kind::CheckRestoreTarget,
-        Kind::LookAt,        Kind::ReadForUndo,        Kind::RefuseMove,
-        Kind::RefuseTrash,   Kind::DeletionIsFinal,    Kind::DeletionWasInterrupted,
-        Kind::HistoryInvalid};
+    static const std::set<Kind> kinds = {Kind::Missing,         Kind::ItemMissing,
+                                         Kind::Replaced,        Kind::InTheWay,
+                                         Kind::NotDirectory,    Kind::NotEmpty,
+                                         Kind::LeavesVolume,    Kind::RestoreTargetTaken,
+                                         Kind::LookAt,          Kind::ReadForUndo,
+                                         Kind::RefuseMove,      Kind::RefuseTrash,
+                                         Kind::DeletionIsFinal, Kind::DeletionWasInterrupted,
+                                         Kind::HistoryInvalid};
     const bool bAsItWas = !Report.bPartly && Report.Moves.RollBack.empty() &&
                           Report.Trash.Batch.RollBack.empty() && Report.Trash.Left.empty() &&
                           Report.Trash.InBoth.empty();

@@ -1,9 +1,7 @@
 #include "batch.h"
 
 #include "measure.h"
-#include "names.h"
 
-#include <algorithm>
 #include <cerrno>
 
 namespace {
@@ -31,7 +29,6 @@ private:
     TavroFailure Check(TavroBatchStep& Step);
     TavroFailure CheckFree(const TavroBatchStep& Step);
     TavroFailure Measure(const TavroBatchStep& Step);
-    std::uint64_t DeviceAt(std::string Path);
     TavroFailure FindAgain(const std::string& Path, const TavroIdentity& Directory,
                            TavroPlace& OutPlace);
     TavroFailure Act(std::size_t Index);
@@ -94,18 +91,14 @@ int Batch::Look(const std::string& Path, TavroPlace& OutPlace, struct stat& OutS
     return failure ? failure.Error.value() : TavroLookAt(OutPlace, OutStatus);
 }
 
-bool IsMissing(int Error) {
-    return Error == ENOENT || Error == ENOTDIR;
-}
-
 TavroFailure Batch::Check(TavroBatchStep& Step) {
     if (!Step.Seen) {
         TavroPlace from;
         struct stat status = {};
         const int error = Look(Step.From, from, status);
         if (error != 0) {
-            return TavroFail(IsMissing(error) ? TavroFailureKind::Missing
-                                              : TavroFailureKind::LookAt,
+            return TavroFail(TavroIsMissing(error) ? TavroFailureKind::Missing
+                                                   : TavroFailureKind::LookAt,
                              error, Step.From);
         }
         Step.Seen = {from.Directory->Identity, TavroStateOf(status)};
@@ -127,23 +120,16 @@ TavroFailure Batch::CheckFree(const TavroBatchStep& Step) {
         return bItself ? TavroFailure() : TavroFailure{TavroFailureKind::InTheWay, {}, Step.To};
     }
     // What is not there yet is created, or comes back by an earlier step.
-    return IsMissing(error) ? TavroFailure() : TavroFail(TavroFailureKind::LookAt, error, Step.To);
-}
-
-/// The device on which an entry at a path would be.
-std::uint64_t Batch::DeviceAt(std::string Path) {
-    TavroPlace place;
-    while (m_places.Find(Path, place) && Path != TavroParentOf(Path)) {
-        Path = TavroParentOf(Path);
-    }
-    return place.Directory ? place.Directory->Identity.Device : 0;
+    return TavroIsMissing(error) ? TavroFailure()
+                                 : TavroFail(TavroFailureKind::LookAt, error, Step.To);
 }
 
 /// What is renamed is one item; what has to be copied is measured.
 TavroFailure Batch::Measure(const TavroBatchStep& Step) {
     Share share;
     TavroPlace from;
-    if (Step.Seen->Directory.Device != DeviceAt(Step.To) && !m_places.Find(Step.From, from)) {
+    if (Step.Seen->Directory.Device != TavroVolumeOf(m_places, Step.To).Device &&
+        !m_places.Find(Step.From, from)) {
         TavroMeasurement measured;
         if (!TavroMeasureEntry(
                 from.Number(), from.Name, [this] { return m_progress.ShouldCancel(); }, measured)) {

@@ -15,7 +15,7 @@ struct TavroChoice {
     /// Names in the trash, original paths or names, and patterns; none: whatever they are.
     std::vector<std::string> Words = {};
 
-    std::string Below = {}; ///< Was in this directory, or below it; links in it are resolved.
+    std::string Below = {}; ///< Was in this directory, which has no link in its path, or below it.
     int SinceDays = 0;      ///< Was trashed at most so many days ago (of 24 hours, local time).
     int OlderThanDays = 0;  ///< Was trashed longer ago. Without a readable date it is of no age.
 

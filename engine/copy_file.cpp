@@ -4,9 +4,7 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
-#include <cstring>
 #include <fcntl.h>
-#include <unistd.h>
 
 namespace {
 

@@ -31,10 +31,7 @@ int OpenOwn(int Parent, const char* Name, bool bForce, Question IsRight,
         error = error != 0 ? error : TavroOpenDirectoryAt(Parent, Name, OutDirectory);
     }
     error = error != 0 ? error : TavroStat(OutDirectory.Number(), OutStatus);
-    if (error == ENOTDIR || error == ELOOP || error == ENOENT) {
-        return ESTALE;
-    }
-    if (error == 0 && !IsRight(OutStatus)) {
+    if (TavroIsMissing(error) || error == ELOOP || (error == 0 && !IsRight(OutStatus))) {
         return ESTALE;
     }
     if (error == 0 && bForce && (OutStatus.st_mode & 0700U) != 0700U) {
@@ -274,8 +271,7 @@ namespace {
 /// Whether something was changed last before a moment. Where times are told in whole seconds, or
 /// two, all of these must have passed.
 bool IsBefore(const struct timespec& Changed, std::int64_t Moment) {
-    constexpr std::int64_t twoSeconds = 2'000'000'000;
-    return TavroNanoseconds(Changed) + (Changed.tv_nsec == 0 ? twoSeconds : 0) < Moment;
+    return TavroNanoseconds(Changed) + (Changed.tv_nsec == 0 ? 2 * TavroSecond : 0) < Moment;
 }
 
 } // namespace
@@ -379,7 +375,7 @@ bool TavroTreeCopy::CopySpecial(int Source, const struct stat& Status, TavroFile
     if (error != 0) {
         Fail(Kind::SetAttributes, error); // it is there all the same
     }
-    error = TavroStat(made.Number(), now);
+    TavroStat(made.Number(), now);
     OutCopy = TavroStateOf(now);
     return true;
 }
@@ -387,7 +383,7 @@ bool TavroTreeCopy::CopySpecial(int Source, const struct stat& Status, TavroFile
 // --- Directories ---
 
 void TavroTreeCopy::EnterDirectory() {
-    Level level = {m_walk.EnteredStatus(), {}, {}, m_copied.size(), false};
+    Level level = {m_walk.Status(), {}, {}, m_copied.size(), false};
     if (!IsCancelled() && IsEnterable()) {
         MakeDirectory(level);
     }
@@ -398,7 +394,7 @@ void TavroTreeCopy::EnterDirectory() {
 }
 
 bool TavroTreeCopy::IsEnterable() {
-    const TavroIdentity identity = TavroIdentityOf(m_walk.EnteredStatus());
+    const TavroIdentity identity = TavroIdentityOf(m_walk.Status());
     if (identity == m_to.Directory->Identity || identity == m_made.Identity) {
         m_bGivenUp = true;
         m_failures.push_back(
@@ -461,6 +457,7 @@ void TavroTreeCopy::LeaveDirectory() {
     if (!level.bMade) {
         return;
     }
+    m_copied[level.Number].End = m_copied.size();
     TavroDescriptor left;
     int error = m_target.Pop(&left);
     if (error != 0) {
@@ -473,7 +470,6 @@ void TavroTreeCopy::LeaveDirectory() {
         Fail(Kind::SetAttributes, error); // it is there all the same
     }
     m_progress.AddItems();
-    m_copied[level.Number].End = m_copied.size();
     m_bThere = m_levels.empty();
 }
 

@@ -31,10 +31,7 @@ std::optional<TavroDirectorySize> ParseLine(const std::string& Line) {
         return std::nullopt;
     }
     size.Name = TavroPercentDecode({at, end});
-    const bool bPlain = !size.Name.empty() && size.Name != "." && size.Name != ".." &&
-                        size.Name.find('/') == std::string::npos &&
-                        size.Name.find('\0') == std::string::npos;
-    return bPlain ? std::optional(size) : std::nullopt;
+    return TavroIsPlainName(size.Name) ? std::optional(size) : std::nullopt;
 }
 
 std::string LineOf(const TavroDirectorySize& Size) {

@@ -6,7 +6,6 @@
 #include "remove.h"
 #include "tavropane.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <functional>
 
@@ -24,9 +23,8 @@ TavroFailure Look(TavroPlaces& Places, const std::string& Path, TavroPlace& OutP
                       : OutBirth
                           ? TavroStatWithBirthAt(OutPlace.Number(), name, OutStatus, *OutBirth)
                           : TavroStatAt(OutPlace.Number(), name, OutStatus);
-    const bool bMissing = error == ENOENT || error == ENOTDIR;
-    return error == 0 ? TavroFailure()
-                      : TavroFail(bMissing ? Kind::NoSuchEntry : Kind::LookAt, error, Path);
+    const Kind kind = TavroIsMissing(error) ? Kind::NoSuchEntry : Kind::LookAt;
+    return error == 0 ? TavroFailure() : TavroFail(kind, error, Path);
 }
 
 /// What must not stay when the edit fails goes, the innermost first.
@@ -43,11 +41,10 @@ TavroEditReport Failed(TavroFailure Failure, const std::vector<std::string>& Cre
     return report;
 }
 
-/// The directories at a path and above it that are missing, outer ones first.
-std::vector<TavroStep> StepsToCreate(std::string Path) {
+std::vector<TavroStep> StepsToCreate(const std::string& Path) {
     std::vector<TavroStep> steps;
-    for (; !TavroIsPresent(Path); Path = TavroParentOf(Path)) {
-        steps.insert(steps.begin(), {TavroStepRole::CreatedDirectory, "", Path});
+    for (const std::string& missing : TavroFindMissing(Path)) {
+        steps.push_back({TavroStepRole::CreatedDirectory, "", missing});
     }
     return steps;
 }
@@ -85,8 +82,8 @@ TavroFailure Taken(const TavroPlace& From, const TavroPlace& To) {
     }
     const bool bSame = TavroStatTargetAt(From.Number(), From.Name.c_str(), source) == 0 &&
                        TavroIdentityOf(source) == TavroIdentityOf(target);
-    return bSame ? TavroFailure{Kind::RenameSame, {}, From.Path(), To.Path()}
-                 : TavroFailure{Kind::RenameTaken, {}, To.Path()};
+    return bSame ? TavroFailure{Kind::SameEntry, {}, From.Path(), To.Path()}
+                 : TavroFailure{Kind::Taken, {}, To.Path()};
 }
 
 /// Finds the place to which an entry is to go, and creates what is missing above it.
@@ -102,7 +99,6 @@ TavroFailure FindTarget(TavroPlaces& Places, const std::string& Target, const Ta
                    : Taken(From, OutTo);
     }
     if (failure.Kind == Kind::LookAt) {
-        failure.Kind = Kind::ExamineRenameTarget;
         return failure;
     }
     if (!bDirectory && TavroNameOf(Target).empty()) {
@@ -114,7 +110,7 @@ TavroFailure FindTarget(TavroPlaces& Places, const std::string& Target, const Ta
     failure = Places.FindOrCreate(Target, 0777, OutCreated, OutTo);
     if (failure) {
         failure.Path = failure.Kind == Kind::LookAt ? TavroParentOf(Target) : failure.Path;
-        failure.Kind = Kind::CreateRenameDirectory;
+        failure.Kind = Kind::CreateDirectory;
     }
     return failure;
 }
@@ -126,7 +122,7 @@ TavroFailure Rename(const TavroPlace& From, const TavroPlace& To, const std::str
     int error = TavroRenameNoReplace(From.Number(), From.Name.c_str(), To.Number(), To.Name.c_str(),
                                      Staged);
     if (error != 0) {
-        return error == EEXIST ? TavroFail(Kind::RenameTaken, error, To.Path())
+        return error == EEXIST ? TavroFail(Kind::Taken, error, To.Path())
                                : TavroFail(Kind::Rename, error, From.Path(), To.Path());
     }
     TavroChanges changes(bSync);
@@ -217,7 +213,7 @@ TavroEditReport TavroMakeDirectory(const std::string& Text, const std::string& B
     TavroChanges changes(Callbacks.bSync);
     const int unsynced = error != 0 ? 0 : Sync(places, report.CreatedDirectories, changes);
     if (error != 0 || unsynced != 0) {
-        return Failed(error != 0 ? TavroFail(Kind::CreateOneDirectory, error, target)
+        return Failed(error != 0 ? TavroFail(Kind::CreateDirectory, error, target)
                                  : TavroFail(Kind::Write, unsynced, target),
                       report.CreatedDirectories);
     }

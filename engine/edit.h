@@ -26,16 +26,15 @@ struct TavroEditReport {
 /// @param Text  trimmed, then resolved as TavroResolveUserPath does against the directory that
 ///              holds the entry.
 /// @return `Failure` is one of NoSuchEntry, LookAt, RefuseRename, RenameAudioTrack,
-///         RenameTargetEmpty, RenameTargetNoName (an existing directory), RenameSame, RenameTaken,
-///         RenameTakenByLink, CreateRenameDirectory, ExamineRenameTarget, Rename; or what
-///         BeforeActs returned, or Write when it cannot be brought to the disk. After a failure
-///         nothing is left of what was created.
+///         RenameTargetEmpty, RenameTargetNoName (an existing directory), SameEntry, Taken,
+///         RenameTakenByLink, CreateDirectory, Rename; or what BeforeActs returned, or Write when
+///         it cannot be brought to the disk. After a failure nothing is left of what was created.
 TavroEditReport TavroRenameTo(const TavroOperationEntry& Entry, const std::string& Text,
                               const TavroCallbacks& Callbacks = {});
 
 /// Creates a directory at a typed path, with every missing parent, as TavroCreateDirectory does.
 /// `CreatedDirectories` tells what was missing, the directory included; `Path` its canonical path.
-/// After a failure (DirectoryPathEmpty, CreateOneDirectory) nothing is left of what was created.
+/// After a failure (DirectoryPathEmpty, CreateDirectory) nothing is left of what was created.
 TavroEditReport TavroMakeDirectory(const std::string& Text, const std::string& BaseDirectory,
                                    const TavroCallbacks& Callbacks = {});
 
@@ -56,8 +55,7 @@ TavroFailure TavroDeleteForGood(const std::vector<TavroOperationEntry>& Entries,
 /// has the name of an entry by now stays.
 ///
 /// @return as TavroDeleteForGood; MaybeOther for an entry that may be another one or gone, and for
-/// a
-///         file that was changed since: then nothing more is removed.
+///         a file that was changed since: then nothing more is removed.
 TavroFailure TavroFinishDeleting(const std::vector<TavroStep>& Steps,
                                  const TavroCallbacks& Callbacks);
 

@@ -329,10 +329,9 @@ TavroFailure TavroHistory::List(bool bSteps, std::vector<TavroOperation>& OutOpe
     return m_database->Transact(Access::Read, [&] {
         OutOperations.clear();
         OutEntryCounts.clear();
-        TavroStatement row(*m_database,
-                           operationsWhere + "state <> 2 ORDER BY state = 1 DESC, "
-                                             "CASE state WHEN 1 THEN undone END, id DESC LIMIT ?",
-                           mostOperations);
+        TavroStatement row(*m_database, operationsWhere +
+                                            "state <> 2 ORDER BY state = 1 DESC, "
+                                            "CASE state WHEN 1 THEN undone END, id DESC");
         TavroStatement steps(*m_database, stepsOfOne);
         while (row.Next()) {
             TavroOperation operation;

@@ -22,7 +22,7 @@ struct TavroMeasurement {
 ///
 /// @param Directory       open directory that holds the entry.
 /// @param ShouldCancel    asked before each item; true stops the counting. May be empty.
-/// @param OutMeasurement  added to. What cannot be read counts nothing.
+/// @param OutMeasurement  added to. What cannot be read adds no bytes.
 /// @return true when everything was counted; false when it was stopped.
 bool TavroMeasureEntry(int Directory, const std::string& Name,
                        const std::function<bool()>& ShouldCancel, TavroMeasurement& OutMeasurement);

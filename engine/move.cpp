@@ -1,7 +1,5 @@
 #include "move.h"
 
-#include "names.h"
-
 #include <cerrno>
 #include <unistd.h>
 #include <utility>

@@ -104,6 +104,11 @@ bool TavroIsStagingName(const std::string& Name) {
     return IsPlain(Name) || TavroIsAsideName(Name);
 }
 
+bool TavroIsPlainName(const std::string& Name) {
+    return !Name.empty() && Name != "." && Name != ".." &&
+           Name.find_first_of(std::string("/\0", 2)) == std::string::npos;
+}
+
 std::string TavroNameOf(const std::string& Path) {
     return Path.substr(Path.rfind('/') + 1);
 }

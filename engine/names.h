@@ -50,6 +50,9 @@ std::string TavroAsideName(const std::string& StagingName);
 bool TavroIsStagingName(const std::string& Name);
 bool TavroIsAsideName(const std::string& Name);
 
+/// Whether a text is the name of an entry in a directory: joined to one, it leads nowhere else.
+bool TavroIsPlainName(const std::string& Name);
+
 /// The last component of a path, and the path of the directory that holds it ("." when none is
 /// named, "/" for an entry of the root).
 std::string TavroNameOf(const std::string& Path);

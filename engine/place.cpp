@@ -93,10 +93,9 @@ std::vector<TavroFailure> TavroSelectEntries(const std::vector<std::string>& Pat
         const int error = TavroIsCddaPath(entry.Path) ? 0 : TavroStatPath(entry.Path, status);
         entry.bDirectory = S_ISDIR(status.st_mode);
         if (error != 0) {
-            const bool bMissing = error == ENOENT || error == ENOTDIR;
-            failures.push_back(
-                TavroFail(bMissing ? TavroFailureKind::NoSuchEntry : TavroFailureKind::LookAt,
-                          error, Paths[i]));
+            failures.push_back(TavroFail(TavroIsMissing(error) ? TavroFailureKind::NoSuchEntry
+                                                               : TavroFailureKind::LookAt,
+                                         error, Paths[i]));
         }
     }
     return failures;
@@ -339,18 +338,25 @@ int TavroNameSearch::Look(const TavroPlace& Place, struct stat& OutStatus) {
 std::vector<std::string> TavroFindMissing(std::string Path) {
     std::vector<std::string> missing;
     struct stat status = {};
-    const auto isMissing = [&](int error) { return error == ENOENT || error == ENOTDIR; };
-    for (; isMissing(TavroStatPath(Path, status)); Path = TavroParentOf(Path)) {
+    for (; TavroIsMissing(TavroStatPath(Path, status)); Path = TavroParentOf(Path)) {
         missing.insert(missing.begin(), Path);
     }
     return missing;
 }
 
-bool TavroIsBelowDevice(const std::string& Path, std::uint64_t Device) {
-    struct stat status = {};
-    std::string path = TavroParentOf(Path);
-    while (TavroStatPath(path, status) != 0 && path != "/") {
-        path = TavroParentOf(path);
+TavroVolume TavroVolumeOf(const TavroDirectory& Directory) {
+    return {Directory.Identity.Device, Directory.Mount};
+}
+
+TavroVolume TavroVolumeOf(TavroPlaces& Places, std::string Path) {
+    TavroPlace place;
+    while (Places.Find(Path, place) && Path != TavroParentOf(Path)) {
+        Path = TavroParentOf(Path);
     }
-    return TavroIdentityOf(status).Device == Device;
+    return place.Directory ? TavroVolumeOf(*place.Directory) : TavroVolume();
+}
+
+bool TavroIsBelowDevice(const std::string& Path, std::uint64_t Device) {
+    TavroPlaces places;
+    return TavroVolumeOf(places, Path).Device == Device;
 }

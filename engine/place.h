@@ -154,6 +154,23 @@ std::vector<std::string> TavroFindMissing(std::string Path);
 /// Whether there is something at a path. A dangling link is something.
 bool TavroIsPresent(const std::string& Path);
 
+/// What a rename cannot leave: a device, and one of the mounts of it.
+struct TavroVolume {
+    std::uint64_t Device = 0;
+    std::uint64_t Mount = 0;
+
+    bool operator==(const TavroVolume& Other) const {
+        return Device == Other.Device && Mount == Other.Mount;
+    }
+};
+
+/// That of what is in a directory.
+TavroVolume TavroVolumeOf(const TavroDirectory& Directory);
+
+/// The volume of the directory that holds an entry, or will hold it when those that are missing are
+/// created.
+TavroVolume TavroVolumeOf(TavroPlaces& Places, std::string Path);
+
 /// Whether the innermost directory above a path that is there is on a device: if not, what is
 /// missing at the path may be on a file system that is.
 bool TavroIsBelowDevice(const std::string& Path, std::uint64_t Device);

@@ -3,7 +3,6 @@
 #include "identity.h"
 #include "names.h"
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <climits>
@@ -37,6 +36,16 @@ template <typename Call> auto Uninterrupted(Call Make) {
 /// @return 0, or the error number of a call that returned a number below 0.
 template <typename Call> int ErrorOf(Call Make) {
     return Uninterrupted(Make) < 0 ? errno : 0;
+}
+
+/// As ErrorOf, for a call that returns how many bytes it has dealt with.
+template <typename Call> int Count(Call Make, std::size_t& OutCount) {
+    const ssize_t count = Uninterrupted(Make);
+    if (count < 0) {
+        return errno;
+    }
+    OutCount = static_cast<std::size_t>(count);
+    return 0;
 }
 
 template <typename Call> int Open(Call Make, TavroDescriptor& OutDescriptor) {
@@ -239,7 +248,7 @@ TavroPresence Look(const std::string& Path) {
     if (opened >= 0) {
         close(opened);
     }
-    return opened >= 0 || (errno != ENOENT && errno != ENOTDIR) || access(Path.c_str(), F_OK) == 0
+    return opened >= 0 || !TavroIsMissing(errno) || access(Path.c_str(), F_OK) == 0
                ? TavroPresence::Present
                : TavroPresence::Missing;
 }
@@ -458,7 +467,11 @@ int TavroExchange(int FromDirectory, const char* From, int ToDirectory, const ch
         TavroRenameNoReplace(FromDirectory, aside.c_str(), ToDirectory, To);
         return error;
     }
-    return TavroRenameNoReplace(FromDirectory, aside.c_str(), FromDirectory, From);
+    error = TavroRenameNoReplace(FromDirectory, aside.c_str(), FromDirectory, From);
+    if (error != 0 && TavroRenameNoReplace(ToDirectory, To, FromDirectory, From) == 0) {
+        TavroRenameNoReplace(FromDirectory, aside.c_str(), ToDirectory, To);
+    }
+    return error;
 }
 
 int TavroLinkOpenAt(int Descriptor, int ToDirectory, const char* To) {
@@ -496,12 +509,7 @@ int TavroMakeFifoAt(int Directory, const char* Name, mode_t Mode) {
 
 int TavroReadAt(int Descriptor, char* Bytes, std::size_t Size, off_t Offset,
                 std::size_t& OutCount) {
-    const ssize_t count = Uninterrupted([&] { return pread(Descriptor, Bytes, Size, Offset); });
-    if (count < 0) {
-        return errno;
-    }
-    OutCount = static_cast<std::size_t>(count);
-    return 0;
+    return Count([&] { return pread(Descriptor, Bytes, Size, Offset); }, OutCount);
 }
 
 int TavroWriteAt(int Descriptor, const char* Bytes, std::size_t Size, off_t Offset) {
@@ -521,13 +529,7 @@ int TavroWriteAt(int Descriptor, const char* Bytes, std::size_t Size, off_t Offs
 int TavroCopyRange(int From, int To, off_t Offset, std::size_t Size, std::size_t& OutCount) {
     off_t from = Offset;
     off_t to = Offset;
-    const ssize_t count =
-        Uninterrupted([&] { return copy_file_range(From, &from, To, &to, Size, 0); });
-    if (count < 0) {
-        return errno;
-    }
-    OutCount = static_cast<std::size_t>(count);
-    return 0;
+    return Count([&] { return copy_file_range(From, &from, To, &to, Size, 0); }, OutCount);
 }
 
 int TavroCloneFile(int From, int To) {
@@ -598,7 +600,7 @@ int TavroSetPathTimes(int PathDescriptor, const struct timespec& Access,
 namespace {
 
 /// Grows a text until a call that fills it has room. The call gets the text's bytes and its size,
-/// and returns how many it wrote, or would write when the size is 0.
+/// and returns how many it wrote.
 template <typename Call> int Fill(std::string& OutText, Call Make) {
     std::string text(256, '\0');
     for (;;) {
@@ -695,6 +697,17 @@ TavroDisk TavroDiskOf(int Descriptor) {
     }
 }
 
+const std::string& TavroBootMark() {
+    static const std::string mark = [] {
+        std::string text;
+        TavroDescriptor file;
+        const bool bRead = TavroOpenFile("/proc/sys/kernel/random/boot_id", file) == 0 &&
+                           TavroReadFile(file.Number(), 100, text) == 0;
+        return bRead ? '@' + text.substr(0, text.find('\n')) : std::string();
+    }();
+    return mark;
+}
+
 // =================================================================================================
 // Locks
 // =================================================================================================
@@ -711,17 +724,6 @@ struct flock LockOf(short Type, off_t At) {
 }
 
 } // namespace
-
-const std::string& TavroBootMark() {
-    static const std::string mark = [] {
-        std::string text;
-        TavroDescriptor file;
-        const bool bRead = TavroOpenFile("/proc/sys/kernel/random/boot_id", file) == 0 &&
-                           TavroReadFile(file.Number(), 100, text) == 0;
-        return bRead ? '@' + text.substr(0, text.find('\n')) : std::string();
-    }();
-    return mark;
-}
 
 int TavroLockByte(int Descriptor, off_t At) {
     struct flock lock = LockOf(F_WRLCK, At);

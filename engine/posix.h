@@ -8,6 +8,7 @@
 #ifndef TAVRO_ENGINE_POSIX_H
 #define TAVRO_ENGINE_POSIX_H
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -63,6 +64,11 @@ int TavroOpenFileAt(int Directory, const char* Name, TavroDescriptor& OutDescrip
 
 // --- Looking ---
 
+/// Whether a look failed because there is nothing.
+inline bool TavroIsMissing(int Error) {
+    return Error == ENOENT || Error == ENOTDIR;
+}
+
 int TavroStatAt(int Directory, const char* Name, struct stat& OutStatus);
 int TavroStat(int Descriptor, struct stat& OutStatus);
 
@@ -113,10 +119,6 @@ public:
     /// system does not tell.
     unsigned char Type() const {
         return static_cast<unsigned char>(m_bytes[m_typeAt]);
-    }
-
-    bool IsEmpty() const {
-        return m_bytes.empty();
     }
 
 private:

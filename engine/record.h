@@ -9,8 +9,8 @@
 #include "transfer.h"
 #include "trash.h"
 
-/// What a transfer has brought somewhere; without steps when that is nothing. A copy that replaced
-/// something is left out: its undo would not bring back what was there.
+/// What a transfer has brought somewhere, with what it replaced and lies in the trash, and which
+/// directories it created and removed; without steps when it has done nothing.
 TavroOperation TavroOperationOf(const TavroTransferReport& Report, bool bMove);
 
 /// What was trashed.

@@ -44,17 +44,16 @@ bool TavroGoesBack(const TavroOperation& Operation) {
 }
 
 std::vector<TavroStep> TavroLatestOf(const std::vector<TavroStep>& Steps) {
-    std::map<std::tuple<Role, std::string, std::string>, std::size_t> latest;
-    for (std::size_t i = 0; i < Steps.size(); ++i) {
-        latest[{Steps[i].Role, Steps[i].From, TavroIsTrashed(Steps[i]) ? "" : Steps[i].To}] = i;
+    std::map<std::tuple<Role, std::string, std::string>, const TavroStep*> latest;
+    const auto latestLike = [&](const TavroStep& step) -> const TavroStep*& {
+        return latest[{step.Role, step.From, TavroIsTrashed(step) ? "" : step.To}];
+    };
+    for (const TavroStep& step : Steps) {
+        latestLike(step) = &step;
     }
     std::vector<TavroStep> steps;
-    for (std::size_t i = 0; i < Steps.size(); ++i) {
-        if (latest[{Steps[i].Role, Steps[i].From, TavroIsTrashed(Steps[i]) ? "" : Steps[i].To}] ==
-            i) {
-            steps.push_back(Steps[i]);
-        }
-    }
+    std::copy_if(Steps.begin(), Steps.end(), std::back_inserter(steps),
+                 [&](const TavroStep& step) { return latestLike(step) == &step; });
     RenewCopies(steps);
     return steps;
 }
@@ -180,7 +179,6 @@ void AddLeftoversBelow(const std::string& Directory, std::set<std::string>& OutP
 std::vector<std::string> TavroFindLeftovers(const TavroOperation& Operation) {
     std::set<std::string> leftovers;
     std::set<std::string> directories;
-    TavroPlaces places;
     for (const TavroStep& step : Operation.Steps) {
         directories.insert(TavroParentOf(step.To.empty() ? step.From : step.To));
         directories.insert(TavroParentOf(step.From.empty() ? step.To : step.From));

@@ -7,8 +7,7 @@
 #include "recovery.h"
 #include "remove.h"
 #include "trash.h"
-#include "trash_destinations.h"
-#include "trash_folders.h"
+#include "trash_record.h"
 
 #include <algorithm>
 #include <ctime>

@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <climits>
 #include <functional>
-#include <memory>
 #include <set>
 #include <string_view>
 #include <unordered_map>
@@ -27,7 +26,7 @@ class SelectionCheck {
 public:
     explicit SelectionCheck(const std::vector<TavroOperationEntry>& Entries) : m_entries(Entries) {}
 
-    /// The reasons in order; the first alone when that is enough.
+    /// The reasons, in order.
     std::vector<TavroFailure> Run();
 
     /// One an entry, in order, from its own path to nowhere; complete when there was no reason.
@@ -419,16 +418,12 @@ TavroFailure CheckRestoreList(const std::vector<TavroTrashedEntry>& Entries,
 }
 
 /// What a batch refuses, in the words of the trash.
-TavroFailure AsOfTrash(TavroFailure Failure, const std::vector<TavroBatchStep>& Steps) {
-    const auto isOrigin = [&](const TavroBatchStep& step) { return step.To == Failure.Path; };
+TavroFailure AsOfTrash(TavroFailure Failure) {
     if (Failure.Kind == TavroFailureKind::Missing) {
         Failure.Kind = TavroFailureKind::ItemMissing;
     } else if (Failure.Kind == TavroFailureKind::InTheWay ||
                Failure.Kind == TavroFailureKind::Taken) {
         Failure.Kind = TavroFailureKind::RestoreTargetTaken;
-    } else if (Failure.Kind == TavroFailureKind::LookAt &&
-               std::any_of(Steps.begin(), Steps.end(), isOrigin)) {
-        Failure.Kind = TavroFailureKind::CheckRestoreTarget;
     }
     return Failure;
 }
@@ -523,7 +518,7 @@ TavroTrashReport TavroRestoreSelection(const std::vector<TavroTrashedEntry>& Ent
     report.bRestoring = true;
     report.Batch = TavroRunBatch(steps, hooks, Callbacks);
     if (!report) {
-        report.Batch.Failure = AsOfTrash(std::move(report.Batch.Failure), steps);
+        report.Batch.Failure = AsOfTrash(std::move(report.Batch.Failure));
         const auto entryOf = [&](std::size_t i) { return *restorations[i].Trashed; };
         TavroChanges changes(Callbacks.bSync);
         TellWhatIsLeft(steps, entryOf, report);

@@ -18,12 +18,6 @@
 
 namespace {
 
-/// Anything else, joined to a directory, would name another entry than one in that directory.
-bool IsPlainName(const std::string& Name) {
-    return !Name.empty() && Name != "." && Name != ".." && Name.find('/') == std::string::npos &&
-           Name.find('\0') == std::string::npos;
-}
-
 /// The names in a directory of the trash. One that does not exist has none.
 TavroFailure ListNames(const TavroDescriptor& Directory, const std::string& Path,
                        std::vector<std::string>& OutNames) {
@@ -31,7 +25,7 @@ TavroFailure ListNames(const TavroDescriptor& Directory, const std::string& Path
     const int error = Directory.IsOpen() ? TavroListDirectory(Directory.Number(), listing) : 0;
     if (error != 0) {
         // One that may not be listed is open for looking up names alone.
-        return TavroFail(TavroFailureKind::ReadTrash, error == EBADF ? EACCES : error, Path);
+        return TavroFail(TavroFailureKind::Read, error == EBADF ? EACCES : error, Path);
     }
     while (const char* name = listing.Next()) {
         OutNames.emplace_back(name);
@@ -57,11 +51,10 @@ std::optional<TavroTrashItem> ReadItem(const TavroOpenTrash& Trash,
                                        const std::string& Name) {
     struct stat status = {};
     // The item is looked at before its record: whatever takes both names after that is another.
-    if (!IsPlainName(Name) || TavroStatAt(Trash.Files.Number(), Name.c_str(), status) != 0) {
+    if (!TavroIsPlainName(Name) || TavroStatAt(Trash.Files.Number(), Name.c_str(), status) != 0) {
         return std::nullopt;
     }
-    std::optional<TavroTrashRecord> record =
-        TavroReadRecord(Trash.Info.Number(), Name, Trash.Folders.Base, Trash.Folders.bVolume);
+    std::optional<TavroTrashRecord> record = TavroReadRecord(Trash, Name);
     if (!record) {
         return std::nullopt;
     }
@@ -109,11 +102,12 @@ std::string TavroTrashItem::TrashPath() const {
 }
 
 TavroTrashedEntry TavroTrashItem::Trashed() const {
-    const std::string record = TavroJoin(Folders->Info, TavroRecordName(Name));
-    return {{OriginalPath, TrashPath(), record, bDirectory || bLink},
+    const TavroTrashFolders trash = Folders ? *Folders : TavroFindTrashFolders();
+    const std::string record = TavroJoin(trash.Info, TavroRecordName(Name));
+    return {{OriginalPath, TavroJoin(trash.Files, Name), record, bDirectory || bLink},
             Identity,
             {},
-            Folders->bVolume ? Folders->Base : std::string()};
+            trash.bVolume ? trash.Base : std::string()};
 }
 
 TavroFailure TavroListTrash(const std::function<bool()>& ShouldCancel,
@@ -211,7 +205,7 @@ TavroFailure TavroTrashIndex::FindByName(const std::string& Name,
         const auto folders = std::make_shared<const TavroTrashFolders>(trash.Folders);
         if (std::optional<TavroTrashItem> item = ReadItem(trash, folders, Name)) {
             places.insert(item->OriginalPath);
-            OutItem = std::move(item);
+            OutItem = !OutItem || IsListedBefore(*item, *OutItem) ? std::move(item) : OutItem;
         }
     }
     return places.size() < 2
@@ -253,7 +247,7 @@ TavroFailure TavroTrashIndex::Find(const std::string& Text, TavroTrashItem& OutI
     }
     for (const TavroOpenTrash& trash : m_open) {
         struct stat status = {};
-        if (places.empty() && IsPlainName(Text) &&
+        if (places.empty() && TavroIsPlainName(Text) &&
             TavroStatAt(trash.Files.Number(), Text.c_str(), status) == 0) {
             return {TavroFailureKind::OriginUnknown, {}, TavroJoin(trash.Folders.Files, Text)};
         }
@@ -324,7 +318,7 @@ TavroFailure Emptying::Open(const TavroTrashFolders& Which) {
     if (!failure && m_item.Directory) {
         const int error = TavroStat(m_trash.Files.Number(), status);
         if (error != 0 || TavroIdentityOf(status) != m_item.Directory->Identity) {
-            failure = TavroFail(TavroFailureKind::ReadTrash, error != 0 ? error : ESTALE,
+            failure = TavroFail(TavroFailureKind::Read, error != 0 ? error : ESTALE,
                                 m_trash.Folders.Files);
         }
     }
@@ -338,7 +332,7 @@ TavroFailure Emptying::ListRecorded(std::vector<std::string>& OutNames) const {
 TavroStep Emptying::StepOf(const TavroTrashItem& Item) const {
     TavroStep step{TavroStepRole::Deleted};
     struct stat status = {};
-    if (m_item.Directory && IsPlainName(Item.Name) &&
+    if (m_item.Directory && TavroIsPlainName(Item.Name) &&
         TavroStatWithBirthAt(m_item.Number(), Item.Name.c_str(), status, step.SourceTime) == 0) {
         step.From = TavroJoin(m_item.Directory->OwnPath, Item.Name);
         step.Identity = TavroIdentityOf(status);
@@ -367,8 +361,7 @@ std::vector<std::string> Emptying::NamesFrom(std::int64_t Before) const {
     std::vector<std::string> names;
     ListRecorded(names);
     const auto isLater = [&](const std::string& name) {
-        const auto record = TavroReadRecord(m_trash.Info.Number(), name, m_trash.Folders.Base,
-                                            m_trash.Folders.bVolume);
+        const auto record = TavroReadRecord(m_trash, name);
         return !record || record->WrittenAt >= Before;
     };
     names.erase(std::remove_if(names.begin(), names.end(), isLater), names.end());
@@ -424,7 +417,7 @@ template <typename Items> TavroFailure Emptying::RemoveEach(const Items& All) {
 
 TavroFailure Emptying::Remove(const TavroTrashItem& Item) {
     struct stat status = {};
-    if (!IsPlainName(Item.Name)) {
+    if (!TavroIsPlainName(Item.Name)) {
         return {TavroFailureKind::NoItemName, {}, Item.Name};
     }
     m_item.Name = Item.Name;
@@ -449,9 +442,7 @@ TavroFailure Emptying::Remove(const TavroTrashItem& Item) {
 /// removes nothing else is tried before any look.
 TavroFailure Emptying::Remove(const std::string& Name) {
     struct stat status = {};
-    if (!m_item.Directory || !IsPlainName(Name) ||
-        !TavroReadRecord(m_trash.Info.Number(), Name, m_trash.Folders.Base,
-                         m_trash.Folders.bVolume)) {
+    if (!m_item.Directory || !TavroIsPlainName(Name) || !TavroReadRecord(m_trash, Name)) {
         return {};
     }
     m_item.Name = Name;
@@ -656,8 +647,7 @@ TavroFailure Examine(const TavroTrashFolders& Folders,
     }
     for (const std::string& name : records) {
         const std::string path = TavroJoin(trash.Folders.Info, TavroRecordName(name));
-        if (!TavroReadRecord(trash.Info.Number(), name, trash.Folders.Base,
-                             trash.Folders.bVolume)) {
+        if (!TavroReadRecord(trash, name)) {
             OutFindings.push_back({TavroTrashFault::UnreadableRecord, path});
         } else if (!std::binary_search(items.begin(), items.end(), name)) {
             OutFindings.push_back({TavroTrashFault::RecordWithoutItem, path});
@@ -695,8 +685,8 @@ std::optional<std::string> ItemNameOf(const TavroTrashFinding& Finding,
     if (Finding.Fault != TavroTrashFault::ItemWithoutRecord) {
         return directory == Folders.Info ? TavroItemOfRecord(file) : std::nullopt;
     }
-    return directory == Folders.Files && IsPlainName(file) ? std::optional<std::string>(file)
-                                                           : std::nullopt;
+    return directory == Folders.Files && TavroIsPlainName(file) ? std::optional<std::string>(file)
+                                                                : std::nullopt;
 }
 
 /// Gives an item a record as of the base of its trash, and before that, if need be, a name that
@@ -750,7 +740,7 @@ TavroFailure TavroMendTrash(const TavroTrashFinding& Finding) {
         return {TavroFailureKind::NotInTrash, {}, Finding.Path};
     }
     struct stat status = {};
-    const int error = IsPlainName(*name) && trash.Files.IsOpen()
+    const int error = TavroIsPlainName(*name) && trash.Files.IsOpen()
                           ? TavroStatAt(trash.Files.Number(), name->c_str(), status)
                           : ENOENT;
     if (failure || (error != 0 && error != ENOENT)) {
@@ -763,8 +753,7 @@ TavroFailure TavroMendTrash(const TavroTrashFinding& Finding) {
     if (Finding.Fault == TavroTrashFault::ItemWithoutRecord) {
         return error != 0 || bRecord ? TavroFailure() : RecordAnew(trash, *name);
     }
-    if (!bRecord || (error == 0 && TavroReadRecord(trash.Info.Number(), *name, trash.Folders.Base,
-                                                   trash.Folders.bVolume))) {
+    if (!bRecord || (error == 0 && TavroReadRecord(trash, *name))) {
         return {};
     }
     if (error != 0) {

@@ -47,7 +47,7 @@ using TavroWhichTrashes = std::vector<TavroTrashFolders>;
 ///
 /// @param ShouldCancel  asked before each item; a cancelled list is returned as far as it got.
 /// @param OutItems      cleared first. A trash that does not exist is empty.
-/// @return no failure, NoHome, ReadTrash with the others in the list, or Cancelled.
+/// @return no failure, NoHome, Read with the others in the list, or Cancelled.
 TavroFailure TavroListTrash(const std::function<bool()>& ShouldCancel,
                             std::vector<TavroTrashItem>& OutItems,
                             const TavroWhichTrashes& Trashes = {TavroFindTrashFolders()});
@@ -118,7 +118,7 @@ TavroFailure TavroEmptyTrash(const TavroCallbacks& Callbacks,
 
 /// Goes on with either of these after an interruption, by the steps that BeforeActs was told. What
 /// was trashed since stays.
-/// @return as TavroRemoveFromTrash, NoHome or ReadTrash; NotInTrash when that was another trash.
+/// @return as TavroRemoveFromTrash, NoHome or Read; NotInTrash when that was another trash.
 TavroFailure TavroFinishEmptying(const std::vector<TavroStep>& Steps,
                                  const TavroCallbacks& Callbacks);
 
@@ -139,7 +139,7 @@ struct TavroTrashFinding {
 ///
 /// @param OutFindings  cleared first; of each trash items before records, in the order of their
 ///                     names.
-/// @return no failure, NoHome, or ReadTrash.
+/// @return no failure, NoHome, or Read.
 TavroFailure TavroExamineTrash(std::vector<TavroTrashFinding>& OutFindings,
                                const TavroWhichTrashes& Trashes = {TavroFindTrashFolders()});
 

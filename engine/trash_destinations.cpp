@@ -4,18 +4,6 @@
 
 #include <cerrno>
 
-TavroVolume TavroVolumeOf(const TavroDirectory& Directory) {
-    return {Directory.Identity.Device, Directory.Mount};
-}
-
-TavroVolume TavroVolumeOf(TavroPlaces& Places, std::string Path) {
-    TavroPlace place;
-    while (Places.Find(Path, place) && Path != TavroParentOf(Path)) {
-        Path = TavroParentOf(Path);
-    }
-    return place.Directory ? TavroVolumeOf(*place.Directory) : TavroVolume();
-}
-
 std::string TavroTrashDestination::ItemPath(const std::string& Name) const {
     return TavroJoin(Trash.Folders.Files, Name);
 }

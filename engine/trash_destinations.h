@@ -13,22 +13,6 @@
 #include <utility>
 #include <vector>
 
-/// What a rename cannot leave: a device, and one of the mounts of it.
-struct TavroVolume {
-    std::uint64_t Device = 0;
-    std::uint64_t Mount = 0;
-
-    bool operator==(const TavroVolume& Other) const {
-        return Device == Other.Device && Mount == Other.Mount;
-    }
-};
-
-/// That of what is in a directory.
-TavroVolume TavroVolumeOf(const TavroDirectory& Directory);
-
-/// The volume of the directory that holds an entry, or will hold it.
-TavroVolume TavroVolumeOf(TavroPlaces& Places, std::string Path);
-
 /// A trash that entries of an operation go to, and the names that they get there.
 struct TavroTrashDestination {
     TavroOpenTrash Trash;

@@ -149,7 +149,7 @@ TavroFailure TavroOpenTrash::Open(TavroTrashFolders Which) {
          {std::make_pair(&Folders.Files, &Files), std::make_pair(&Folders.Info, &Info)}) {
         const int error = TavroOpenDirectory(*path, *descriptor);
         if (error != 0 && error != ENOENT) {
-            return TavroFail(TavroFailureKind::ReadTrash, error, *path);
+            return TavroFail(TavroFailureKind::Read, error, *path);
         }
     }
     return {};
@@ -216,8 +216,7 @@ TavroFailure TavroOpenTrash::OpenOwn(TavroCreating Creating) {
         const int opened = EnterOwn(root.Number(), name, Creating, top.st_dev, *descriptor);
         error = error != 0 || opened == ENOENT ? error : opened;
     }
-    return error == 0 ? TavroFailure()
-                      : TavroFail(TavroFailureKind::ReadTrash, error, Folders.Root);
+    return error == 0 ? TavroFailure() : TavroFail(TavroFailureKind::Read, error, Folders.Root);
 }
 
 bool TavroOpenTrash::OpenOnVolume(std::uint64_t Mount, std::uint64_t Device, bool bSync) {
@@ -253,7 +252,7 @@ int FindMount(std::string Path, std::uint64_t& OutMount) {
     TavroDescriptor directory;
     struct stat status = {};
     int error = TavroOpenDirectory(Path, directory);
-    while ((error == ENOENT || error == ENOTDIR) && Path != TavroParentOf(Path)) {
+    while (TavroIsMissing(error) && Path != TavroParentOf(Path)) {
         Path = TavroParentOf(Path);
         error = TavroOpenDirectory(Path, directory);
     }

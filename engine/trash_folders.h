@@ -58,7 +58,7 @@ struct TavroOpenTrash {
     /// Creates nothing. The directories of a volume's trash are opened when they are the user's
     /// own and no links: anybody can have prepared a volume.
     ///
-    /// @return no failure, NoHome, or ReadTrash with the path of what cannot be opened.
+    /// @return no failure, NoHome, or Read with the path of what cannot be opened.
     TavroFailure Open(TavroTrashFolders Which = TavroFindTrashFolders());
 
     /// Opens the trash for what is on a mount other than the home trash's, and creates what is

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <fcntl.h>
 #include <string_view>
 
@@ -83,6 +82,15 @@ TavroFailure TavroCreateRecord(const TavroOpenTrash& Trash, const std::string& I
     }
     TavroUnlinkAt(info, name.c_str());
     return TavroFail(TavroFailureKind::WriteRecord, error, TavroJoin(Trash.Folders.Info, name));
+}
+
+int TavroSyncRecords(const TavroOpenTrash& Trash, std::size_t Count, const std::string& Item) {
+    const int info = Trash.Info.Number();
+    TavroDescriptor record;
+    if (Count > 1 || TavroOpenAt(info, TavroRecordName(Item).c_str(), O_RDONLY, record) != 0) {
+        return TavroSyncFileSystem(info);
+    }
+    return TavroSync(record.Number());
 }
 
 namespace {
@@ -203,10 +211,7 @@ RawRecord SplitRecord(std::string_view Bytes) {
     return raw;
 }
 
-} // namespace
-
-std::optional<TavroTrashRecord> TavroParseRecord(const std::string& Bytes, const std::string& Base,
-                                                 bool bBelow) {
+std::optional<TavroTrashRecord> ParseRecord(const std::string& Bytes, const std::string& Base) {
     const RawRecord raw = SplitRecord(Bytes);
     std::string path = TavroPercentDecode(raw.Path.value_or(""));
     while (path.size() > 1 && path.back() == '/') {
@@ -219,14 +224,13 @@ std::optional<TavroTrashRecord> TavroParseRecord(const std::string& Bytes, const
     }
     const std::string date = raw.Date.value_or("");
     path = path.front() == '/' ? path : TavroJoin(Base, path);
-    if (bBelow && !TavroIsBelow(Base, path)) {
-        return std::nullopt;
-    }
     return TavroTrashRecord{path, FieldsOfDate(date) ? date.substr(0, 19) : std::string()};
 }
 
+} // namespace
+
 std::optional<TavroTrashRecord> TavroReadRecord(int Info, const std::string& Item,
-                                                const std::string& Base, bool bBelow) {
+                                                const std::string& Base) {
     constexpr std::size_t limit = std::size_t{64} << 10U;
     TavroDescriptor file;
     struct stat status = {};
@@ -244,23 +248,22 @@ std::optional<TavroTrashRecord> TavroReadRecord(int Info, const std::string& Ite
     }
     // Of a longer file the last line may be only a part of itself.
     bytes.resize(bytes.size() < limit ? bytes.size() : bytes.rfind('\n') + 1);
-    std::optional<TavroTrashRecord> record = TavroParseRecord(bytes, Base, bBelow);
+    std::optional<TavroTrashRecord> record = ParseRecord(bytes, Base);
     if (record) {
         record->WrittenAt = TavroNanoseconds(status.st_mtim);
     }
     return record;
 }
 
+std::optional<TavroTrashRecord> TavroReadRecord(const TavroOpenTrash& Trash,
+                                                const std::string& Item) {
+    const TavroTrashFolders& folders = Trash.Folders;
+    auto record = TavroReadRecord(Trash.Info.Number(), Item, folders.Base);
+    const bool bElsewhere = record && folders.bVolume && !TavroIsBelow(folders.Base, record->Path);
+    return bElsewhere ? std::nullopt : std::move(record);
+}
+
 std::optional<std::time_t> TavroTimeOfDate(const std::string& Date) {
     std::optional<std::tm> fields = FieldsOfDate(Date);
     return fields ? std::optional<std::time_t>(std::mktime(&*fields)) : std::nullopt;
-}
-
-int TavroSyncRecords(const TavroOpenTrash& Trash, std::size_t Count, const std::string& Item) {
-    const int info = Trash.Info.Number();
-    TavroDescriptor record;
-    if (Count > 1 || TavroOpenAt(info, TavroRecordName(Item).c_str(), O_RDONLY, record) != 0) {
-        return TavroSyncFileSystem(info);
-    }
-    return TavroSync(record.Number());
 }

@@ -78,18 +78,18 @@ private:
     std::unordered_set<std::string> m_taken; ///< Once collisions were many: the names in the trash.
 };
 
-/// Reads what a record's bytes tell: the first `Path` and `DeletionDate` in the group [Trash Info].
+/// Reads a record: the first `Path` and `DeletionDate` in the group [Trash Info], of the first 64
+/// KiB. A link is followed; a FIFO is not waited for.
 ///
 /// @param Base  what a relative path is taken against.
-/// @return nothing when they tell no path, or one with `..` in it, which could lead anywhere.
-std::optional<TavroTrashRecord> TavroParseRecord(const std::string& Bytes, const std::string& Base,
-                                                 bool bBelow = false);
-
-/// Reads a record, of which only the first 64 KiB count. A link is followed; a FIFO is not waited
-/// for.
-/// @return nothing when it cannot be read or tells no path.
+/// @return nothing when it cannot be read, or tells no path, or one with `..` in it, which could
+///         lead anywhere.
 std::optional<TavroTrashRecord> TavroReadRecord(int Info, const std::string& Item,
-                                                const std::string& Base, bool bBelow = false);
+                                                const std::string& Base);
+
+/// As above; nothing either when a record on a volume tells a path that is not on it.
+std::optional<TavroTrashRecord> TavroReadRecord(const TavroOpenTrash& Trash,
+                                                const std::string& Item);
 
 /// The time that a record's date means, in the local time zone; nothing when it is none.
 std::optional<std::time_t> TavroTimeOfDate(const std::string& Date);

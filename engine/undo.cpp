@@ -288,6 +288,7 @@ void Going::EndWhatIsUndone() {
     }
     m_report = {};
     m_settled.clear();
+    m_made.clear();
 }
 
 /// Takes on the next operation: from now on the history says so, and no other process does.

@@ -102,12 +102,9 @@ public:
         return m_status;
     }
 
-    /// After Enter and CannotList: the directory, open; its status, and the mount that it lies on.
+    /// After Enter and CannotList: the directory, open; and the mount that it lies on.
     int Entered() const {
         return m_entered.Number();
-    }
-    const struct stat& EnteredStatus() const {
-        return m_status;
     }
     std::uint64_t EnteredMount() const {
         return m_mount;

@@ -267,6 +267,8 @@ connection.commit()' "$HOME/.local/state/tavro/history.db"
       run -0 tavro history
       first=$output
       run -0 --separate-stderr tavro list
+      run -1 tavro history --drop
+      dropped=$output
       run env --default-signal=INT timeout --signal=INT 2 "$TAVRO" undo
       second=$output
       stopped=$status
@@ -276,6 +278,7 @@ connection.commit()' "$HOME/.local/state/tavro/history.db"
   done <"$scratch/log"
   wait "$tracer"
   [[ $first == *'(in progress, '[12]' of 3 done)' ]]
+  expect "$dropped" 'tavro: Another process is still working on the newest operation'
   [[ $second == *'Waiting for another process to finish the newest operation'* ]]
   expect "$stopped" 124
   expect "$(ls)" ''

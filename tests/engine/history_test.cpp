@@ -405,6 +405,20 @@ TEST_F(History, the_newest_thousand_operations_stay) {
     EXPECT_EQ(OtherProgram(file()).query("SELECT count(*) FROM step"), 1000);
 }
 
+TEST_F(History, what_was_interrupted_is_listed_however_much_was_done_since) {
+    TavroOperation interrupted = renameOf("/a", "/interrupted");
+    interrupted.State = TavroOperationState::Doing;
+    TavroHistory history;
+    open(history);
+    ASSERT_FALSE(history.BeginOperation(interrupted));
+    history.LeaveOperation();
+    for (int number = 0; number < 1000; ++number) {
+        TavroOperation operation = renameOf("/a", "/b");
+        ASSERT_FALSE(recordDone(history, operation));
+    }
+    EXPECT_EQ(listed().back().Steps[0].To, "/interrupted");
+}
+
 TEST_F(History, an_operation_stays_until_the_newer_ones_are_too_large) {
     for (const char* to : {"/1", "/2", "/3"}) {
         record(renameOf("/a", to));

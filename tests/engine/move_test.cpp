@@ -3,6 +3,8 @@
 
 #include "move_fixture.h"
 
+#include "deep_tree.h"
+
 #include <sys/fsuid.h>
 
 using namespace tavro_move_test;
@@ -310,6 +312,16 @@ TEST_F(MoveTest, an_incomplete_copy_that_cannot_be_removed_is_named) {
                   "\nCannot remove the incomplete copy '/target/.tavro-XXXXXX': " +
                   systemText(std::errc::io_error) + "\n",
               failures());
+}
+
+TEST_F(MoveTest, a_copy_that_cannot_go_back_up_in_itself_leaves_nothing) {
+    makeDeepTree(source("tree"), 12);
+    const FaultInjector faults(
+        {{"openat", EMFILE, "..", 2, false, true}}); // the first is the source's
+    EXPECT_FALSE(copyEntry("tree"));
+    EXPECT_TRUE(faults.eachFired());
+    EXPECT_EQ(Kind::Write, m_moved.Failure.Kind);
+    EXPECT_TRUE(fs::is_empty(target()));
 }
 
 TEST_F(MoveTest, a_copy_that_does_not_get_its_name_leaves_nothing) {

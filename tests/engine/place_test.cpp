@@ -521,3 +521,22 @@ TEST(NameSearch, sees_what_came_later_once_it_was_told_to_forget) {
     search.Forget();
     EXPECT_EQ(search.Look(place, status), 0);
 }
+
+// =================================================================================================
+// Devices
+// =================================================================================================
+
+TEST(BelowDevice, is_what_a_link_leads_to_and_not_the_link_itself) {
+    const Sandbox box;
+    const Sandbox other(secondFileSystem);
+    struct stat status = {};
+    if (!onDifferentDevices(box.path(), other.path())) {
+        GTEST_SKIP() << secondFileSystem << " is no other file system";
+    }
+    ASSERT_EQ(TavroStatPath(other.path(), status), 0);
+    fs::create_directory_symlink(other.path(), box / "link");
+    EXPECT_TRUE(TavroIsBelowDevice(box / "link/missing", status.st_dev));
+    EXPECT_TRUE(TavroIsBelowDevice(box / "link/missing/too", status.st_dev));
+    fs::remove_all(other.path());
+    EXPECT_FALSE(TavroIsBelowDevice(box / "link/missing", status.st_dev)) << "it is not there";
+}

@@ -1079,6 +1079,27 @@ TEST_P(Settling, is_not_done_while_a_process_is_at_the_operation) {
     EXPECT_EQ(tree(), before);
 }
 
+TEST_P(Settling, of_an_undo_that_was_done_does_not_give_its_directories_to_a_redo_that_fails) {
+    writeFile(work("from/a"), "a");
+    makeDirectory(work("from/empty"));
+    {
+        TavroHistory history;
+        ASSERT_FALSE(openHistory(history));
+        TavroOperation operation;
+        operation.Kind = Kind::Move;
+        operation.State = State::Undoing;
+        operation.Steps = {
+            {Role::Moved, work("from/a").string(), work("to/a").string(), "",
+             identityOf(work("from/a"))},
+            {Role::RemovedDirectory, work("from/empty").string(), "", "", {}, 0, 0755}};
+        ASSERT_FALSE(history.BeginOperation(operation));
+    }
+    writeFile(work("to/a"), "in the way");
+    EXPECT_EQ(redo().Kind, TavroFailureKind::InTheWay);
+    EXPECT_EQ(statesListed(), std::vector<State>{State::Undone});
+    EXPECT_TRUE(fs::is_directory(work("from/empty")));
+}
+
 TEST_P(Settling, that_fails_can_be_tried_again) {
     writeFile(work("a"), "bytes");
     expectDone({rename("a", "b")});

@@ -150,6 +150,12 @@ TEST_F(ListTrash, tells_all_of_what_was_trashed_here) {
     EXPECT_EQ(readFile(docs() / "directory/1"), "12345");
 }
 
+TEST_F(ListTrash, an_item_of_no_named_trash_is_one_of_the_home_trash) {
+    const TavroTrashedEntry trashed = named("a").Trashed();
+    EXPECT_EQ(trashed.Entry.TrashPath, item("a"));
+    EXPECT_EQ(trashed.Entry.InfoPath, record("a"));
+}
+
 TEST_F(ListTrash, of_a_trash_that_does_not_exist_is_empty) {
     fs::remove_all(home());
     EXPECT_TRUE(list().empty());
@@ -300,6 +306,19 @@ TEST_F(FindTrashItem, prefers_the_name_in_the_trash) {
     put("b.txt", "/1/a.txt", "2024-01-01T00:00:00");
     EXPECT_EQ(foundBy("a.txt"), "a.txt");
     EXPECT_EQ(foundBy("/1/a.txt"), "b.txt");
+}
+
+TEST_F(FindTrashItem, takes_the_newest_of_several_trashes_that_have_the_name_from_one_place) {
+    TavroTrashFolders other = TavroFindTrashFolders();
+    put("a", "/docs/a", "2024-01-01T00:00:00");
+    fs::rename(root(), home() / "old");
+    other.Files = home() / "old/files";
+    other.Info = home() / "old/info";
+    put("a", "/docs/a", "2024-01-02T00:00:00");
+    TavroTrashIndex index({TavroFindTrashFolders(), other});
+    TavroTrashItem found;
+    ASSERT_FALSE(index.Find("a", found));
+    EXPECT_EQ(found.DeletionDate, "2024-01-02T00:00:00");
 }
 
 TEST_F(FindTrashItem, takes_the_newest_from_an_original_path) {
