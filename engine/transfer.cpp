@@ -459,6 +459,7 @@ void TavroTransferRun::Prepare(const TavroRoute& Way, const struct stat& Source,
     const bool bOldStays = Old != nullptr && m_callbacks.bKeepReplaced; // and gets a record
     Options.bSync = m_bSingle && !bOldStays && m_callbacks.bSync; // else all reach it together
     const bool bSynced = Options.bSync;
+    Options.BeforeNamed = [this] { return TellBeforeSync(std::exchange(m_plan, {})); };
     entry.Source = TavroStateOf(Source);
     entry.Item = Item;
     entry.NextName = Options.NextName;

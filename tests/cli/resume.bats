@@ -49,6 +49,25 @@ sys.stdin.read()
   expect "$output" 'tavro: Nothing to undo'
 }
 
+@test "a killed copy of a link or a pipe is listed, and undo or resume leaves nothing hidden" {
+  needs_strace
+  mkdir d
+  ln -s nowhere link
+  mkfifo pipe
+  for one in link pipe; do
+    killed_at utimensat 1 "$TAVRO" copy "$one" d/
+    [[ $(ls -A d) == .tavro-* ]]
+    run -0 tavro history
+    [[ ${lines[0]#*  *  } == "copy  $PWD/$one -> $PWD/d/$one  (interrupted, 0 of 1 done)" ]]
+    tavro undo
+    expect "$(ls -A d)" ''
+    killed_at utimensat 1 "$TAVRO" copy "$one" d/
+    tavro resume
+    expect "$(ls -A d)" "$one"
+    rm "d/$one"
+  done
+}
+
 @test "a killed delete is listed, is not undone, and is finished by resume" {
   needs_strace
   mkdir -p tree/a tree/b
