@@ -434,7 +434,8 @@ void TavroTransferRun::Replace(const TavroRoute& Way, const struct stat& Source,
     TavroFailure refusal = {Kind::None, {}, Way.From.Path(), Way.To.Path()};
     if (bDirectory && TavroIsAnyAbove(Way.From, isOld)) {
         refusal.Kind = Kind::ReplaceHolder;
-    } else if (m_ownWork.Includes(Way.To, old)) {
+    } else if (m_ownWork.Includes(Way.To, old) ||
+               (m_callbacks.IsOwnWork && m_callbacks.IsOwnWork(Way.To.Path()))) {
         refusal.Kind = Kind::ReplaceOwnWork;
     } else if (bDirectory && m_ownWork.IsIn(old)) {
         refusal.Kind = Kind::ReplaceHolderOfOwnWork;
