@@ -559,7 +559,9 @@ int TavroTreeCopy::Publish(const std::string& Name, bool bExchange) {
     const bool bUnnamed = m_made.Identity.Inode == 0;
     if (bUnnamed) {
         error = PublishUnnamed(bExchange ? m_name : Name, status);
-        m_made = error == 0 ? TavroStateOf(status) : m_made;
+        if (error == 0) { // it is to be found by this if it cannot go on
+            m_made = m_copied.front().Copy = TavroStateOf(status);
+        }
     }
     if (error == 0 && (!bUnnamed || bExchange)) {
         error = PublishNamed(Name, bExchange, status);

@@ -154,6 +154,26 @@ TEST_F(CarryOutTransfer, a_name_claimed_in_the_trash_is_given_up_when_nothing_is
     EXPECT_EQ(count - 1, countIn("info"));
 }
 
+TEST_F(CarryOutTransfer, a_copy_that_may_not_replace_what_is_there_leaves_nothing) {
+    TARGET_ELSEWHERE();
+    m_plan.ConflictPolicy = TavroTransferConflictPolicy::Overwrite;
+    writeFile(target("file"), "old");
+    for (const bool bKeep : {true, false}) {
+        for (const bool bMove : {false, true}) {
+            writeFile(source("file"), "new");
+            m_callbacks.bKeepReplaced = bKeep;
+            // As where somebody else's file is, in a directory with the sticky bit.
+            const FaultInjector faults({{"renameat2", EPERM, "", 1, true}});
+            EXPECT_FALSE(run(bMove, {"file"}));
+            EXPECT_LT(0, faults.fired());
+            EXPECT_EQ("", debris());
+            EXPECT_EQ("old", readFile(target("file")));
+            EXPECT_EQ("new", readFile(source("file")));
+            m_report = {};
+        }
+    }
+}
+
 TEST_F(CarryOutTransfer, what_cannot_wait_without_a_name_is_told_before_it_gets_a_hidden_one) {
     writeFile(source("file"), "bytes");
     fs::create_symlink("nowhere", source("link"));
