@@ -187,6 +187,19 @@ Cannot look at '$HOME/.local/state/tavro/history.db': Not a directory"
   [ -e b ]
 }
 
+@test "a directory that cannot be opened now is not said to be in the way of an undo" {
+  command -v strace >/dev/null || skip 'strace is not installed'
+  export ASAN_OPTIONS=detect_leaks=0 # which is not for processes that are traced
+  mkdir d e
+  touch d/x
+  tavro move -q d/x e/
+  run -1 strace -qq -o "$scratch/calls" -e trace=openat -P "$PWD/d" -e inject=openat:error=EMFILE "$TAVRO" undo
+  [[ $output == *"'$PWD/d'"*': Too many open files'* && $output != *'in the way'* ]]
+  [ -e e/x ]
+  tavro undo
+  [ -e d/x ]
+}
+
 @test "what was not done is not said to be when the history cannot keep its end" {
   command -v strace >/dev/null || skip 'strace is not installed'
   export ASAN_OPTIONS=detect_leaks=0 # which is not for processes that are traced
