@@ -43,9 +43,10 @@ TavroFailure Open(TavroHistory& OutHistory) {
 }
 
 /// @param Failure  of what the history was to be told at last.
-int SayWhatIsNotKept(const TavroFailure& Failure) {
+int SayWhatIsNotKept(const TavroFailure& Failure, bool bDone) {
     if (Failure) {
-        TavroPrintError("It is done, but the history still shows it as interrupted: " +
+        TavroPrintError((bDone ? "It is done, but the history still shows it as interrupted: "
+                               : "The history still shows it as interrupted: ") +
                         TavroDescribe(Failure));
     }
     return Failure ? TavroExitFailed : TavroExitDone;
@@ -74,7 +75,7 @@ TavroCallbacks TavroRecording::Bind(TavroCallbacks Callbacks, TavroKeeping Keepi
 int TavroRecording::End(TavroOperation Operation) {
     const bool bNothing = Operation.Steps.empty();
     TavroCompleteOperation(Operation);
-    const int exitCode = SayWhatIsNotKept(m_journal.End(std::move(Operation)));
+    const int exitCode = SayWhatIsNotKept(m_journal.End(std::move(Operation)), !bNothing);
     if (m_journal.Problem() && bNothing) {
         TavroPrintError(
             "Nothing was done, because it could not be undone; --no-history does it anyway");
@@ -83,7 +84,7 @@ int TavroRecording::End(TavroOperation Operation) {
 }
 
 int TavroRecording::EndDeletion(const TavroFailure& Failure) {
-    return SayWhatIsNotKept(m_journal.EndDeletion(static_cast<bool>(Failure)));
+    return SayWhatIsNotKept(m_journal.EndDeletion(static_cast<bool>(Failure)), !Failure);
 }
 
 TavroKeepingOptions TavroAddKeeping(CLI::App& Command, bool bUndoable) {

@@ -503,6 +503,9 @@ TavroFailure TavroCopyFile(int From, const struct stat& Source, int ToDirectory,
     // Where it could not be done it is not tried again.
     Traits.bUnnamed = Options.bUnnamed ? bUnnamed : Traits.bUnnamed;
     if (!bUnnamed) {
+        if (Options.bUnnamed && Options.MayName && !Options.MayName()) {
+            return {Kind::Cancelled};
+        }
         mode = 0600;
         const int error = TavroOpenAt(ToDirectory, To, O_WRONLY | O_CREAT | O_EXCL, file, mode);
         if (error != 0) {

@@ -9,6 +9,7 @@
 #include "progress.h"
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <sys/stat.h>
@@ -77,6 +78,9 @@ bool TavroUnpackAttributes(const std::string& Bytes, struct stat& OutStatus,
 struct TavroCopyOptions {
     bool bSync = false;    ///< The bytes have reached the disk when it is done.
     bool bUnnamed = false; ///< The copy may be made without a name, for the caller to link it.
+
+    /// Asked before such a copy gets a name all the same; if not, that is Cancelled. May be empty.
+    std::function<bool()> MayName = {};
 };
 
 /// A finished copy of a file.

@@ -306,6 +306,15 @@ bool TavroTreeCopy::TakeOver(const struct stat& Status, TavroFileState& OutCopy)
     return true;
 }
 
+bool TavroTreeCopy::MayName() {
+    TavroFailure failure = m_options.BeforeNamed ? m_options.BeforeNamed() : TavroFailure();
+    if (failure) {
+        m_bGivenUp = true;
+        m_failures.push_back(std::move(failure));
+    }
+    return !m_bGivenUp;
+}
+
 bool TavroTreeCopy::CopyFile(int Source, const struct stat& Status, TavroFileState& OutCopy) {
     const bool bFirst = m_levels.empty();
     if (!m_options.Earlier.Name.empty() && !bFirst && TakeOver(Status, OutCopy)) {
@@ -314,12 +323,15 @@ bool TavroTreeCopy::CopyFile(int Source, const struct stat& Status, TavroFileSta
     if (Status.st_size > namedSize) {
         m_progress.Name([this] { return PathIn(m_from); });
     }
-    const TavroCopyOptions options = {bFirst && m_options.bSync, bFirst && !m_options.bNamed};
+    TavroCopyOptions options = {bFirst && m_options.bSync, bFirst && !m_options.bNamed};
+    if (bFirst) {
+        options.MayName = [this] { return MayName(); };
+    }
     TavroFileCopy copy;
     const TavroFailure failure = TavroCopyFile(Source, Status, m_target.Top(), TargetName(),
                                                options, Traits(), m_progress, copy, m_lost);
     if (failure) {
-        return Fail(failure.Kind, failure.Error.value());
+        return !m_bGivenUp && Fail(failure.Kind, failure.Error.value());
     }
     m_unnamed = bFirst ? std::move(copy.Unnamed) : TavroDescriptor();
     OutCopy = copy.State;
@@ -349,6 +361,9 @@ bool TavroTreeCopy::CopySpecial(int Source, const struct stat& Status, TavroFile
     const bool bLink = S_ISLNK(Status.st_mode);
     const int directory = m_target.Top();
     std::string text;
+    if (m_levels.empty() && !MayName()) {
+        return false;
+    }
     int error = bLink ? TavroReadLinkAt(Source, "", text) : 0;
     if (error == 0) {
         error = bLink ? TavroSymlinkAt(text.c_str(), directory, TargetName())
@@ -540,7 +555,9 @@ int TavroTreeCopy::Publish(const std::string& Name, bool bExchange) {
     const bool bUnnamed = m_made.Identity.Inode == 0;
     if (bUnnamed) {
         error = PublishUnnamed(bExchange ? m_name : Name, status);
-        m_made = error == 0 ? TavroStateOf(status) : m_made;
+        if (error == 0) { // it is to be found by this if it cannot go on
+            m_made = m_copied.front().Copy = TavroStateOf(status);
+        }
     }
     if (error == 0 && (!bUnnamed || bExchange)) {
         error = PublishNamed(Name, bExchange, status);

@@ -62,6 +62,10 @@ struct TavroTreeCopyOptions {
     bool bSync = false;  ///< The bytes of a file have reached the disk when it is copied.
     bool bNamed = false; ///< A file is made under a hidden name, not without one.
 
+    /// Called before what could be made without a name, or is no file, gets a hidden one. A failure
+    /// ends the copy. May be empty.
+    std::function<TavroFailure()> BeforeNamed = {};
+
     /// What is whole there is taken over, when nothing on the way to its source has changed since.
     TavroEarlierCopy Earlier = {};
 
@@ -174,6 +178,7 @@ private:
     bool CopyByType(int Source, const struct stat& Status, TavroFileState& OutCopy);
     int FindEarlier();
     bool TakeOver(const struct stat& Status, TavroFileState& OutCopy);
+    bool MayName();
     bool CopyFile(int Source, const struct stat& Status, TavroFileState& OutCopy);
     bool CopySpecial(int Source, const struct stat& Status, TavroFileState& OutCopy);
     void EnterDirectory();

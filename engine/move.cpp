@@ -67,8 +67,8 @@ bool TavroStagedCopy::Stage(const struct stat& Source, TavroDescriptor Open) {
     m_source = TavroStateOf(Source);
     m_tree = std::make_unique<TavroTreeCopy>(
         m_from, m_to,
-        TavroTreeCopyOptions{!m_options.bCopy, m_options.bSync, m_options.bNamed, m_options.Earlier,
-                             m_options.OnMade},
+        TavroTreeCopyOptions{!m_options.bCopy, m_options.bSync, m_options.bNamed,
+                             m_options.BeforeNamed, m_options.Earlier, m_options.OnMade},
         m_links, m_progress);
     if (!m_tree->Run(Source, std::move(Open))) {
         TakeFailures(m_tree->Failures());

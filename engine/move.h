@@ -34,6 +34,7 @@ struct TavroMoveOptions {
         BeforePublish = {};
 
     /// As TavroTreeCopyOptions has them.
+    std::function<TavroFailure()> BeforeNamed = {};
     TavroEarlierCopy Earlier = {};
     std::function<TavroFailure(const TavroFileState& Made, const std::string& Staged)> OnMade = {};
 };

@@ -28,7 +28,7 @@ constexpr int mostNames = 100;
 /// names; what it replaces goes to the trash, and what was moved is removed where it was.
 void TavroTransferRun::Flush() {
     std::vector<TavroPendingEntry> entries = std::exchange(m_pending, {});
-    m_pendingTo.clear();
+    m_pendingNames.clear();
     m_pendingWork = TavroOwnWork();
     m_search.Forget();
     TavroFailure failure = ClaimTrash(entries);

@@ -134,8 +134,10 @@ TavroFailure TavroReversal::CheckHolder(const std::string& Path) {
     while (!TavroIsPresent(there) && there != "/") {
         there = TavroParentOf(there);
     }
-    if (m_places.Find(TavroJoin(there, "x"), inside)) {
-        return {Kind::InTheWay, {}, there};
+    if (const TavroFailure failure = m_places.Find(TavroJoin(there, "x"), inside)) {
+        const int error = failure.Error.value();
+        const bool bOther = error == ENOTDIR || error == ENOENT || error == ELOOP;
+        return TavroFail(bOther ? Kind::InTheWay : Kind::LookAt, bOther ? 0 : error, there);
     }
     own = inside.Directory->OwnPath + Path.substr(there.size());
     return {};

@@ -63,6 +63,12 @@ public:
     /// An undo or a redo whose files had exchanged their names is as it was before that.
     TavroFailure TakeExchangesBack(const std::vector<TavroStep>& Steps);
 
+    /// What was to be deleted for a step's file, and waits for that under its hidden name, goes to
+    /// the trash instead.
+    /// @param OutSteps  gets the step of that.
+    TavroFailure KeepReplaced(const TavroStep& Step, const std::vector<TavroStep>& Steps,
+                              std::vector<TavroStep>& OutSteps);
+
     TavroFailure Settle(TavroStep& IoStep, TavroWhereabouts& OutWhere);
     bool IsEarlier(const TavroStep& Step);
 
@@ -232,6 +238,30 @@ TavroFailure Settlement::TrashAgain(TavroStep& IoStep, const std::string& Hidden
         IoStep.Identity = report.Entries[0].Item;
     }
     return report.Batch.Failure;
+}
+
+TavroFailure Settlement::KeepReplaced(const TavroStep& Step, const std::vector<TavroStep>& Steps,
+                                      std::vector<TavroStep>& OutSteps) {
+    const std::string hidden = Beside(Step.To, Step.Staged);
+    const std::uint64_t there = InodeAt(m_places, hidden);
+    const bool bKept = std::any_of(Steps.begin(), Steps.end(), [&](const TavroStep& step) {
+        return step.Role == Role::Replaced && step.From == Step.To;
+    });
+    if (m_operation.State != TavroOperationState::Doing || bKept || there == 0 ||
+        (Step.Role != Role::Moved && Step.Role != Role::Copied) || there == Step.Identity.Inode ||
+        InodeAt(m_places, Step.To) != Step.Identity.Inode) {
+        return {};
+    }
+    TavroStep old = {Role::Replaced, Step.To};
+    TavroPlace place;
+    struct stat status = {};
+    const bool bWhole = !m_places.Find(hidden, place) && TavroLookAt(place, status) == 0 &&
+                        !S_ISDIR(status.st_mode);
+    TavroFailure failure = TrashAgain(old, hidden);
+    if (!failure && bWhole) { // of a directory a part may be gone: it does not come back
+        OutSteps.push_back(std::move(old));
+    }
+    return failure;
 }
 
 /// Gives the copy of a file its name, unless its source changed, or something has the name. It is
@@ -518,6 +548,11 @@ TavroFailure TavroSettle(TavroHistory& History, TavroOperation& IoOperation, boo
     }
     if (TavroFailure failure = settlement.TakeExchangesBack(steps)) {
         return failure;
+    }
+    for (const TavroStep& step : steps) {
+        if (TavroFailure failure = settlement.KeepReplaced(step, steps, OutDone)) {
+            return failure;
+        }
     }
     for (TavroStep& step : steps) {
         TavroWhereabouts where = TavroWhereabouts::Nowhere;

@@ -337,15 +337,15 @@ bool TavroTransferRun::IsTaken(const TavroPlace& To, struct stat& OutThere) {
     return m_search.Look(To, OutThere) == 0;
 }
 
-bool TavroTransferRun::IsPendingTo(const TavroPlace& Place) const {
-    const auto names = m_pendingTo.find(Place.Directory->Identity);
-    return names != m_pendingTo.end() && names->second.count(Place.Name) != 0;
+bool TavroTransferRun::IsPending(const TavroPlace& Place) const {
+    const auto names = m_pendingNames.find(Place.Directory->Identity);
+    return names != m_pendingNames.end() && names->second.count(Place.Name) != 0;
 }
 
 /// Whether an entry has to do with what waits: is in it, holds it, or goes to where it goes.
 bool TavroTransferRun::IsEntangled(const TavroRoute& Way, const struct stat& Source) {
     return !m_pending.empty() &&
-           (IsPendingTo(Way.From) || IsPendingTo(Way.To) ||
+           (IsPending(Way.From) || IsPending(Way.To) ||
             (S_ISDIR(Source.st_mode) && m_pendingWork.IsIn(TavroIdentityOf(Source))) ||
             m_pendingWork.Includes(Way.From, TavroIdentityOf(Source)) ||
             m_pendingWork.Includes(Way.To, {}));
@@ -434,7 +434,8 @@ void TavroTransferRun::Replace(const TavroRoute& Way, const struct stat& Source,
     TavroFailure refusal = {Kind::None, {}, Way.From.Path(), Way.To.Path()};
     if (bDirectory && TavroIsAnyAbove(Way.From, isOld)) {
         refusal.Kind = Kind::ReplaceHolder;
-    } else if (m_ownWork.Includes(Way.To, old)) {
+    } else if (m_ownWork.Includes(Way.To, old) ||
+               (m_callbacks.IsOwnWork && m_callbacks.IsOwnWork(Way.To.Path()))) {
         refusal.Kind = Kind::ReplaceOwnWork;
     } else if (bDirectory && m_ownWork.IsIn(old)) {
         refusal.Kind = Kind::ReplaceHolderOfOwnWork;
@@ -459,6 +460,7 @@ void TavroTransferRun::Prepare(const TavroRoute& Way, const struct stat& Source,
     const bool bOldStays = Old != nullptr && m_callbacks.bKeepReplaced; // and gets a record
     Options.bSync = m_bSingle && !bOldStays && m_callbacks.bSync; // else all reach it together
     const bool bSynced = Options.bSync;
+    Options.BeforeNamed = [this] { return TellBeforeSync(std::exchange(m_plan, {})); };
     entry.Source = TavroStateOf(Source);
     entry.Item = Item;
     entry.NextName = Options.NextName;
@@ -501,8 +503,13 @@ void TavroTransferRun::Prepare(const TavroRoute& Way, const struct stat& Source,
 
 void TavroTransferRun::Remember(const TavroPendingEntry& Entry) {
     const TavroPlace& to = Entry.Copy->To();
-    m_pendingTo[to.Directory->Identity].insert(to.Name);
+    m_pendingNames[to.Directory->Identity].insert(to.Name);
     m_pendingWork.AddHolders(to);
+    if (m_bMove && !Entry.bRename) { // it is gone when that is done
+        const TavroPlace& from = Entry.Copy->From();
+        m_pendingNames[from.Directory->Identity].insert(from.Name);
+        m_pendingWork.AddHolders(from);
+    }
     if (Entry.Source.IsDirectory() && m_bMove) {
         m_pendingWork.Add(Entry.Copy->From(), Entry.Source);
     }

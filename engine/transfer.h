@@ -90,6 +90,9 @@ struct TavroTransferCallbacks : TavroCallbacks {
     /// Asked for each source; what is done already is passed over.
     std::function<bool(const std::string& From)> IsDone = {};
 
+    /// Asked for each entry that would be replaced; what was done already does not replace itself.
+    std::function<bool(std::string To)> IsOwnWork = {};
+
     /// Asked for each directory that is copied: a copy of it that was cut off, of which what is
     /// whole is taken over.
     std::function<TavroEarlierCopy(const std::string& To)> FindEarlier = {};

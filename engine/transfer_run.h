@@ -121,7 +121,7 @@ private:
     void Prepare(const TavroRoute& Way, const struct stat& Source, const struct stat* Old,
                  TavroMoveOptions Options, TavroTransferItemPlan* Item);
     bool IsTaken(const TavroPlace& To, struct stat& OutThere);
-    bool IsPendingTo(const TavroPlace& Place) const;
+    bool IsPending(const TavroPlace& Place) const;
     bool IsEntangled(const TavroRoute& Way, const struct stat& Source);
     void Remember(const TavroPendingEntry& Entry);
 
@@ -194,8 +194,8 @@ private:
     TavroNameSearch m_search; ///< For what is at destinations.
     TavroDescriptor m_source; ///< A file that is to be copied next.
     std::vector<TavroPendingEntry> m_pending;
-    /// Where it waits to go: names in directories.
-    std::unordered_map<TavroIdentity, std::unordered_set<std::string>> m_pendingTo;
+    /// Where it waits to go, or to be copied from and removed: names in directories.
+    std::unordered_map<TavroIdentity, std::unordered_set<std::string>> m_pendingNames;
     TavroOwnWork m_pendingWork;          ///< What waits, as if it were done.
     std::vector<TavroEmptied> m_emptied; ///< Inner ones first.
     std::vector<TavroPutOff> m_putOff;

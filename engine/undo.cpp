@@ -140,8 +140,10 @@ TavroFailure Going::Transfer(TavroTransferCallbacks Callbacks) {
     TavroOperation& operation = m_report.Operation;
     plan.bMove = operation.Kind == TavroOperationKind::Move;
     std::set<std::string> done;
+    std::set<std::string> arrived;
     for (const TavroStep& step : m_settled) {
         done.insert(step.From);
+        arrived.insert(TavroIsMainStep(step, operation.Kind) ? step.To : "");
     }
     std::set<std::string> replaced;
     const bool bPlanned =
@@ -179,6 +181,12 @@ TavroFailure Going::Transfer(TavroTransferCallbacks Callbacks) {
         return ask ? ask(conflict) : TavroConflictAnswer{TavroConflictChoice::Skip, false};
     };
     Callbacks.IsDone = [&](const std::string& path) { return done.count(path) != 0; };
+    Callbacks.IsOwnWork = [&](std::string path) {
+        while (arrived.count(path) == 0 && path.size() > 1) {
+            path = TavroParentOf(path);
+        }
+        return arrived.count(path) != 0;
+    };
     std::unordered_map<std::string, TavroEarlierCopy> earlier;
     for (const TavroStep& step : operation.Steps) {
         if (!step.Staged.empty()) {

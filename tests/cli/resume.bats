@@ -49,6 +49,81 @@ sys.stdin.read()
   expect "$output" 'tavro: Nothing to undo'
 }
 
+@test "a killed copy of a link or a pipe is listed, and undo or resume leaves nothing hidden" {
+  needs_strace
+  mkdir d
+  ln -s nowhere link
+  mkfifo pipe
+  for one in link pipe; do
+    killed_at utimensat 1 "$TAVRO" copy "$one" d/
+    [[ $(ls -A d) == .tavro-* ]]
+    run -0 tavro history
+    [[ ${lines[0]#*  *  } == "copy  $PWD/$one -> $PWD/d/$one  (interrupted, 0 of 1 done)" ]]
+    tavro undo
+    expect "$(ls -A d)" ''
+    killed_at utimensat 1 "$TAVRO" copy "$one" d/
+    tavro resume
+    expect "$(ls -A d)" "$one"
+    rm "d/$one"
+  done
+}
+
+@test "what a killed --no-keep was about to delete is brought back by undo, and kept by resume" {
+  needs_strace
+  mkdir d
+  for verb in copy move; do
+    for next in undo resume; do
+      echo new >a
+      echo old >d/a
+      killed_at unlinkat 1 "$TAVRO" "$verb" --no-keep --on-conflict overwrite a d/
+      [[ $(ls -A d) == .tavro-*a ]]
+      tavro "$next"
+      expect "$(ls -A d)" a
+      if [[ $next == undo ]]; then
+        expect "$(cat a d/a)" $'new\nold'
+      else
+        expect "$(cat d/a)" new
+        tavro undo
+        expect "$(cat a d/a)" $'new\nold'
+      fi
+      expect "$(tavro doctor)" 'The trash is in order'
+    done
+  done
+}
+
+@test "a directory that a killed --no-keep was deleting goes to the trash, and does not come back" {
+  needs_strace
+  mkdir -p d/a/b
+  touch d/a/b/c d/e
+  echo new >a
+  on_terminal "strace -qq -o /dev/null -e trace=unlinkat -e inject=unlinkat:signal=KILL:when=1 \
+    '$TAVRO' copy --no-keep a d/" o || true
+  [[ -f d/a ]]
+  run -0 tavro undo
+  expect "$(ls -A d)" e
+  [[ -f $HOME/.local/share/Trash/files/a/b/c ]]
+  expect "$(tavro doctor)" 'The trash is in order'
+}
+
+@test "a resumed copy does not replace what it has put there itself" {
+  needs_strace
+  mkdir -p a b d
+  echo 1 >a/f
+  echo 2 >b/f
+  run -1 tavro copy --on-conflict overwrite a/f b/f d/
+  expect "$output" "tavro: Cannot replace '$PWD/d/f': this command has just put it there
+Copied $PWD/a/f -> $PWD/d/f"
+  rm d/f
+  echo old >d/f
+  killed_at renameat2 2 "$TAVRO" copy --on-conflict overwrite a/f b/f d/
+  expect "$(cat d/f)" 1
+  run -1 tavro resume
+  [[ $output == "tavro: Cannot replace '$PWD/d/f': this command has just put it there"* ]]
+  expect "$(cat d/f)" 1
+  tavro undo
+  expect "$(cat d/f)" old
+}
+
 @test "a killed delete is listed, is not undone, and is finished by resume" {
   needs_strace
   mkdir -p tree/a tree/b

@@ -187,6 +187,37 @@ Cannot look at '$HOME/.local/state/tavro/history.db': Not a directory"
   [ -e b ]
 }
 
+@test "a directory that cannot be opened now is not said to be in the way of an undo" {
+  command -v strace >/dev/null || skip 'strace is not installed'
+  export ASAN_OPTIONS=detect_leaks=0 # which is not for processes that are traced
+  mkdir d e
+  touch d/x
+  tavro move -q d/x e/
+  run -1 strace -qq -o "$scratch/calls" -e trace=openat -P "$PWD/d" -e inject=openat:error=EMFILE "$TAVRO" undo
+  [[ $output == *"'$PWD/d'"*': Too many open files'* && $output != *'in the way'* ]]
+  [ -e e/x ]
+  tavro undo
+  [ -e d/x ]
+}
+
+@test "what was not done is not said to be when the history cannot keep its end" {
+  command -v strace >/dev/null || skip 'strace is not installed'
+  export ASAN_OPTIONS=detect_leaks=0 # which is not for processes that are traced
+  mkdir a d
+  tavro mkdir e
+  # The plan is kept, and nothing after that.
+  log=$HOME/.local/state/tavro/history.db-wal
+  strace -qq -o "$scratch/calls" -e trace=pwrite64,renameat2 -P "$log" -P "$PWD/d" "$TAVRO" copy a d/
+  first=$(sed '/renameat2/,$d' "$scratch/calls" | grep -c '^pwrite64')
+  rmdir d/a
+  run -1 strace -qq -o "$scratch/calls" -e trace=pwrite64 -e inject=pwrite64:error=ENOSPC:when="$first+" \
+    -P "$log" "$TAVRO" copy a d/
+  [[ $output == *"tavro: The history still shows it as interrupted: Cannot save the history"* ]]
+  [[ $output != *"It is done"* ]]
+  expect "$(ls -A d)" ''
+  tavro undo
+}
+
 @test "a deletion that deleted nothing is not in the history" {
   touch a b
   mkdir d

@@ -39,6 +39,36 @@ TEST_F(CarryOutTransfer, moves_a_tree_between_file_systems) {
     EXPECT_EQ("", debris());
 }
 
+TEST_F(CarryOutTransfer, moves_what_is_named_twice_or_by_itself_and_with_its_directory_once) {
+    TARGET_ELSEWHERE();
+    writeFile(source("tree/a"), "1");
+    writeFile(source("tree/b"), "2");
+    writeFile(source("file"), "3");
+    add("tree/a", "a");
+    add("file", "file");
+    add("file", "file again");
+    add("tree", "tree");
+    EXPECT_FALSE(move());
+    EXPECT_EQ("done /source/tree/a -> /target/a\ndone /source/file -> /target/file\n"
+              "done /source/tree -> /target/tree\nfailed: Cannot move '/source/file' to "
+              "'/target/file again': " +
+                  systemText(std::errc::no_such_file_or_directory) + "\n",
+              report());
+    EXPECT_TRUE(fs::is_empty(source()));
+    EXPECT_FALSE(isPresent(target("tree/a")));
+    EXPECT_EQ("2", readFile(target("tree/b")));
+    makeDirectory(source("tree"));
+    fs::rename(target("a"), target("tree/other"));
+    writeFile(source("tree/a"), "4");
+    m_report = {};
+    add("tree/a", "a");
+    add("tree", "tree"); // which is merged
+    EXPECT_TRUE(move()) << report();
+    EXPECT_EQ("4", readFile(target("a")));
+    EXPECT_FALSE(isPresent(target("tree/a")));
+    EXPECT_TRUE(fs::is_empty(source()));
+}
+
 TEST_F(CarryOutTransfer, copies_single_links_and_pipes_without_following_them) {
     makeDirectory(source("directory"));
     fs::create_symlink("nowhere", source("dangling"));

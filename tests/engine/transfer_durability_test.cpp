@@ -154,6 +154,57 @@ TEST_F(CarryOutTransfer, a_name_claimed_in_the_trash_is_given_up_when_nothing_is
     EXPECT_EQ(count - 1, countIn("info"));
 }
 
+TEST_F(CarryOutTransfer, a_copy_that_may_not_replace_what_is_there_leaves_nothing) {
+    TARGET_ELSEWHERE();
+    m_plan.ConflictPolicy = TavroTransferConflictPolicy::Overwrite;
+    writeFile(target("file"), "old");
+    for (const bool bKeep : {true, false}) {
+        for (const bool bMove : {false, true}) {
+            writeFile(source("file"), "new");
+            m_callbacks.bKeepReplaced = bKeep;
+            // As where somebody else's file is, in a directory with the sticky bit.
+            const FaultInjector faults({{"renameat2", EPERM, "", 1, true}});
+            EXPECT_FALSE(run(bMove, {"file"}));
+            EXPECT_LT(0, faults.fired());
+            EXPECT_EQ("", debris());
+            EXPECT_EQ("old", readFile(target("file")));
+            EXPECT_EQ("new", readFile(source("file")));
+            m_report = {};
+        }
+    }
+}
+
+TEST_F(CarryOutTransfer, what_cannot_wait_without_a_name_is_told_before_it_gets_a_hidden_one) {
+    writeFile(source("file"), "bytes");
+    fs::create_symlink("nowhere", source("link"));
+    makeFifo(source("pipe"));
+    bool bFails = false;
+    std::vector<TavroStep> told;
+    m_callbacks.BeforeActs = [](auto, const auto&) { return TavroFailure(); };
+    m_callbacks.BeforeSync = [&](auto, const std::vector<TavroStep>& steps, auto&) {
+        EXPECT_TRUE(fs::is_empty(target()));
+        told.insert(told.end(), steps.begin(), steps.end());
+        return bFails ? TavroFailure{TavroFailureKind::HistoryBusy} : TavroFailure();
+    };
+    for (const std::string name : {"file", "link", "pipe"}) {
+        const FaultInjector faults({{"openat", EOPNOTSUPP, ".", 1, true, true}});
+        for (const bool bNow : {true, false}) {
+            told.clear();
+            bFails = bNow;
+            EXPECT_EQ(!bFails, copy({name})) << report();
+            ASSERT_EQ(1U, told.size()) << name;
+            EXPECT_EQ(TavroStepRole::Planned, told[0].Role);
+            EXPECT_EQ(target(name), told[0].To);
+            EXPECT_EQ(!bFails, isPresent(target(name)));
+            EXPECT_EQ(bFails, !m_report.Failed.empty() &&
+                                  m_report.Failed[0].Kind == TavroFailureKind::HistoryBusy);
+            EXPECT_EQ("", debris());
+            m_report = {};
+        }
+        fs::remove(target(name));
+    }
+}
+
 /// Sources that change when their copies are whole already.
 class LastMoment : public TransferTest {
 protected:
