@@ -578,6 +578,9 @@ TavroFailure TavroHistory::EndOperation(const TavroOperation& Operation, bool bS
 
 TavroFailure TavroHistory::Drop(std::int64_t Id) {
     bool bDropped = false;
+    if (m_database->IsRunning(Id)) { // what is left of it would be known to nobody
+        return {Kind::HistoryRunning};
+    }
     TavroFailure failure = m_database->Transact(Access::Write, [&] {
         m_database->Run("UPDATE operation SET state = 2 WHERE id = ? AND state <> 2", Id);
         bDropped = sqlite3_changes(m_database->Connection) != 0;
