@@ -576,10 +576,15 @@ TavroFailure TavroHistory::EndOperation(const TavroOperation& Operation, bool bS
 }
 
 TavroFailure TavroHistory::Drop(std::int64_t Id) {
+    bool bRunning = false;
     bool bDropped = false;
     TavroFailure failure = m_database->Transact(Access::Write, [&] {
-        m_database->Run("UPDATE operation SET state = 2 WHERE id = ? AND state <> 2", Id);
-        bDropped = sqlite3_changes(m_database->Connection) != 0;
+        bRunning = m_database->IsRunning(Id);
+        if (!bRunning) { // else what may be left of it would be known to nobody
+            m_database->Run("UPDATE operation SET state = 2 WHERE id = ? AND state <> 2", Id);
+            bDropped = sqlite3_changes(m_database->Connection) != 0;
+        }
     });
+    failure = failure || !bRunning ? failure : TavroFailure{Kind::HistoryRunning};
     return failure || bDropped ? failure : TavroFailure{Kind::NothingToDrop};
 }

@@ -111,7 +111,8 @@ public:
     /// Whether a process is at an operation that has not ended.
     bool IsRunning(const TavroOperation& Operation) const;
 
-    /// Takes an operation off the list; NothingToDrop when it is not there.
+    /// Takes an operation off the list; NothingToDrop when it is not there, HistoryRunning while
+    /// another process is at it.
     TavroFailure Drop(std::int64_t Id);
 
 private:

@@ -35,6 +35,7 @@ private:
     TavroFailure Transfer(TavroTransferCallbacks Callbacks);
     TavroFailure Take(FindNext Find, TavroFailureKind Nothing, bool bUndo);
     void Renew(const TavroBatchReport& TakenBack);
+    void TellRenewed(const TavroBatchReport& TakenBack, const TavroCallbacks& Callbacks) const;
     void AddSettled(std::vector<TavroStep>& IoSteps) const;
     TavroFailure TurnBack();
     TavroFailure End(bool bUndo);
@@ -225,6 +226,24 @@ void Going::Renew(const TavroBatchReport& TakenBack) {
     }
 }
 
+/// The same where the operation stays on its way: from now on the history knows the new files.
+void Going::TellRenewed(const TavroBatchReport& TakenBack, const TavroCallbacks& Callbacks) const {
+    const std::unordered_map<TavroIdentity, TavroIdentity> files(TakenBack.Renewed.begin(),
+                                                                 TakenBack.Renewed.end());
+    std::vector<TavroStep> steps;
+    for (const TavroStep& step : m_report.Operation.Steps) {
+        const auto renewed = files.find(step.Identity);
+        if (renewed != files.end()) {
+            steps.push_back(step);
+            steps.back().Identity = renewed->second;
+            steps.back().ChangeTime = 0; // not known
+        }
+    }
+    if (!steps.empty()) {
+        Callbacks.BeforeActs(m_before.Kind, steps);
+    }
+}
+
 /// Makes steps those of the whole operation, without what was only planned.
 void Going::AddSettled(std::vector<TavroStep>& IoSteps) const {
     const auto isPlanned = [](const TavroStep& step) { return step.Role == Role::Planned; };
@@ -381,6 +400,8 @@ TavroUndoReport Going::Run(FindNext Find, TavroFailureKind Nothing, bool bUndo, 
         if (m_turned && !m_report.bPartly && m_report.Moves.RollBack.empty()) {
             m_history.Update(*m_turned); // it can go either way again
         }
+        TellRenewed(m_report.Trash.Batch, callbacks);
+        TellRenewed(m_report.Moves, callbacks);
         m_history.LeaveOperation();
     } else if (!failure) {
         failure = End(bUndo);

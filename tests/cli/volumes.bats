@@ -672,3 +672,37 @@ at_a_stick() {
     expect "$(cat /one/d/f /here/f)" "old
 new"'
 }
+
+@test "what was interrupted between file systems is resumed, or undone, also after it failed and was rolled back" {
+  needs_strace
+  in_own_root '
+    failing() { # COMMAND: b cannot be read, which comes last
+      ! strace -qq -o /dev/null -e trace=openat -P b -e inject=openat:error=EIO $TAVRO "$1" 2>/tmp/said
+      grep -q "Cannot read .*/b" /tmp/said
+    }
+    for what in undo redo; do
+      for next in undo resume; do
+        rm -rf /here/* /one/*
+        echo 1 >a
+        echo 2 >b
+        echo 3 >c
+        tavro move -q b a c /one/
+        [[ $what == undo ]] || tavro undo -q
+        strace -qq -o /dev/null -e trace=linkat -e inject=linkat:signal=KILL $TAVRO $what -q || true
+        [[ $(tavro history) == *interrupted* ]]
+        failing resume
+        failing resume
+        tavro $next -q
+        if [[ $what$next == redoresume ]]; then
+          expect "$(cat /one/*)" "1
+2
+3"
+        else
+          expect "$(cat /here/*)" "1
+2
+3"
+        fi
+        [[ $(tavro history) != *interrupted* ]]
+      done
+    done'
+}
