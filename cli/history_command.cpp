@@ -162,10 +162,7 @@ int RunDrop() {
     std::optional<TavroOperation> newest;
     TavroFailure failure = history.NextToUndo(newest);
     if (!failure) {
-        failure = !newest ? TavroFailure{TavroFailureKind::NothingToDrop}
-                  : TavroIsOnItsWay(*newest) && history.IsRunning(*newest)
-                      ? TavroFailure{TavroFailureKind::HistoryRunning}
-                      : history.Drop(newest->Id);
+        failure = newest ? history.Drop(newest->Id) : TavroFailure{TavroFailureKind::NothingToDrop};
     }
     if (!failure) {
         TavroPrintOperation("Removed from the history: ", *newest);

@@ -124,27 +124,6 @@ Copied $PWD/a/f -> $PWD/d/f"
   expect "$(cat d/f)" old
 }
 
-@test "what another process is working on is not dropped" {
-  needs_strace
-  touch a b
-  mkdir d
-  # It is stopped when it has begun, and goes on when its parent has looked.
-  strace -qq -f -o "$scratch/calls" -e trace=renameat2 -e inject=renameat2:signal=STOP:when=1 \
-    "$TAVRO" move -q a b d/ 3>&- &
-  until [[ -e d/a ]]; do kill -0 "$!"; done
-  run -1 tavro history --drop
-  expect "$output" 'tavro: Another process is still working on the newest operation'
-  pid=$(pgrep -P "$!")
-  kill -CONT "$pid"
-  wait "$!"
-  expect "$(ls d)" $'a\nb'
-  tavro undo -q
-  expect "$(ls)" $'a\nb\nd'
-  tavro move -q a d/
-  tavro history --drop
-  run -1 tavro undo
-}
-
 @test "a killed delete is listed, is not undone, and is finished by resume" {
   needs_strace
   mkdir -p tree/a tree/b
