@@ -124,7 +124,7 @@ TEST_F(TrashFolders, say_when_they_cannot_be_made_private) {
     const FaultInjector fault({{"chmod", EPERM, ""}});
     EXPECT_EQ(ensure(), "") << "they are already";
     fs::remove_all(root());
-    umask(0777);
+    const ScopedUmask mask(0777);
     EXPECT_EQ(ensure(), "Cannot make the trash directory " + inQuotes(root()) +
                             " private: " + systemText(std::errc::operation_not_permitted));
     EXPECT_EQ(fault.fired(), 1);

@@ -110,8 +110,9 @@ def _put_up(scratch):
     _prove(scratch)
 
 
-def command(scratch, program, *arguments):
-    """The command that runs `program` inside the inner fence, in an empty folder of its own."""
+def command(scratch, seconds, program, *arguments):
+    """The command that runs `program` inside the inner fence, in an empty folder of its own. It may
+    use the processor for so many seconds."""
     run = scratch / "run"
     user, group = os.environ[INSIDE + "_IDS"].split(":")
     unshare = ["unshare", "--mount", "--pid", "--fork", "--kill-child"]
@@ -133,7 +134,7 @@ def command(scratch, program, *arguments):
       mount -o remount,bind,ro,nosuid /dev
       {prepare}
       cd {run}
-      ulimit -v 4000000 -t 15 -c 0
+      ulimit -v 4000000 -t {seconds} -c 0
       export HOME={run} TMPDIR={run}
       {drop} "$@" && status=0 || status=$?
       exit $status
@@ -186,7 +187,7 @@ if os.system("mount -t tmpfs none /mnt 2>/dev/null") == 0:
 sys.exit(", ".join(holes) or 0)
 """
     probe = subprocess.run(
-        command(scratch, sys.executable, "-c", prober), capture_output=True, text=True
+        command(scratch, 15, sys.executable, "-c", prober), capture_output=True, text=True
     )
     if probe.returncode != 0:
         raise NoFence(f"the fence does not hold, nothing was run: {probe.stderr.strip()}")
