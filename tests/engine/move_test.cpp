@@ -432,9 +432,11 @@ TEST_F(MoveTest, copies_where_what_is_new_belongs_to_somebody_else) {
 }
 
 TEST_F(MoveTest, takes_over_from_a_copy_that_was_cut_off_only_what_is_whole_there) {
-    const std::map<std::string, std::string> files = {{"whole", "bytes"},   {"sub/whole", "bytes"},
-                                                      {"shorter", "bytes"}, {"older", "bytes"},
-                                                      {"linked", "bytes"},  {"link", "bytes"}};
+    const std::map<std::string, std::string> files = {
+        {"whole", "bytes"},     {"whole too", "bytes"},
+        {"sub/whole", "bytes"}, {"sub/deeper/whole", "bytes"},
+        {"shorter", "bytes"},   {"older", "bytes"},
+        {"linked", "bytes"},    {"link", "bytes"}};
     for (const auto& [name, bytes] : files) {
         writeFile(source("tree") / name, bytes);
         setTimes(source("tree") / name, 1000, 5);
@@ -472,8 +474,8 @@ TEST_F(MoveTest, takes_nothing_over_from_another_directory_than_the_one_that_was
         EXPECT_EQ("bytes", readFile(target("tree/file")));
         fs::remove_all(target("tree"));
     }
-    m_options.Earlier = {m_options.Earlier.Name, made, of};
     for (const char* changed : {"tree", "tree/file"}) { // since the copy was begun
+        prepareEarlier();
         setTimes(source(changed), 1000, 5);
         EXPECT_TRUE(copyEntry("tree")) << failures();
         EXPECT_EQ("bytes", readFile(target("tree/file"))) << changed;
