@@ -3,7 +3,7 @@
 The whole run lives in a mount namespace of its own in which everything is read-only but one scratch
 folder in memory, and in which there are no devices but /dev/null and its like. Each run of a test
 program gets another namespace inside it, where that scratch is read-only too: it can write to a
-fresh folder in memory and a fresh /dev/shm, both gone with it, has no privilege left that could
+fresh folder in memory, a volume in that and a fresh /dev/shm, all gone with it, has no privilege that could
 change the fence, and takes all its children along when it is ended.
 """
 
@@ -131,11 +131,13 @@ def command(scratch, seconds, program, *arguments):
       mount -o remount,bind,ro,nosuid,nodev {scratch}
       mount -t tmpfs -o nosuid,nodev,size=512m,mode=1777 tavro {run}
       mount -t tmpfs -o nosuid,nodev,size=512m,mode=1777 tavro /dev/shm
+      mkdir {run}/volume
+      mount -t tmpfs -o nosuid,nodev,size=64m,mode=1777 tavro {run}/volume
       mount -o remount,bind,ro,nosuid /dev
       {prepare}
       cd {run}
       ulimit -v 4000000 -t {seconds} -c 0
-      export HOME={run} TMPDIR={run}
+      export HOME={run} TMPDIR={run} TAVRO_TEST_VOLUME={run}/volume
       {drop} "$@" && status=0 || status=$?
       exit $status
     """
