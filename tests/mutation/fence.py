@@ -3,8 +3,9 @@
 The whole run lives in a mount namespace of its own in which everything is read-only but one scratch
 folder in memory, and in which there are no devices but /dev/null and its like. Each run of a test
 program gets another namespace inside it, where that scratch is read-only too: it can write to a
-fresh folder in memory, a volume in that and a fresh /dev/shm, all gone with it, has no privilege that could
-change the fence, and takes all its children along when it is ended.
+fresh folder in memory, to a volume that is mounted in it, and to a fresh /dev/shm, all gone with
+it, has no privilege left that could change the fence, and takes all its children along when it is
+ended.
 """
 
 import ctypes
