@@ -729,8 +729,9 @@ TEST(PackedAttributes, that_are_cut_short_or_strange_are_refused) {
         EXPECT_EQ(TavroUnpackAttributes(packed.substr(0, size), status, attributes), size == bare)
             << size;
     }
-    for (const char* wrong : {"x", "1 2 3 4 5 6 7", "1 2 3 4 5 6 7 -1 ", "1 2 3 4 5 6 7 9 user.a",
-                              "1 2 3 4 5 6 7 9223372036854775807 a", "1  2 3 4 5 6 7 "}) {
+    for (const char* wrong :
+         {"x", "1 2 3 4 5 6 7", "1 2 3 4 5 6 7 -1 ", "1 2 3 4 5 6 7 9 user.a",
+          "1 2 3 4 5 6 7 9223372036854775807 a", "1  2 3 4 5 6 7 ", "1 2 3 4 5 6 7x"}) {
         EXPECT_FALSE(TavroUnpackAttributes(wrong, status, attributes)) << wrong;
     }
 }

@@ -498,7 +498,7 @@ TEST_F(Edit, nobody_leads_a_deletion_out_of_the_tree) {
 
 /// Of the files of /proc nobody tells when they were created, and nobody can remove them.
 TEST_F(Edit, a_deletion_is_not_gone_on_with_where_nobody_can_tell_entries_apart) {
-    const std::string path = "/proc/" + std::to_string(getpid()) + "/comm";
+    const std::string path = fs::canonical("/proc/self/comm").string();
     struct stat status = {};
     ASSERT_EQ(stat(path.c_str(), &status), 0);
     TavroStep step{TavroStepRole::Deleted, path};

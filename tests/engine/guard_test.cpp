@@ -254,6 +254,44 @@ TEST_F(Guard, refuses_a_mount_point_and_what_holds_one_but_not_what_is_mounted) 
     }
 }
 
+TEST_F(Guard, refuses_the_trash_of_a_volume_and_keeps_what_is_in_it_from_the_trash_alone) {
+    makeDirectory(docs() / "source");
+    makeDirectory(docs() / "volume");
+    const bool bRan = runOnVolume(docs() / "source", docs() / "volume", [&](const fs::path& top) {
+        const std::string user = std::to_string(geteuid());
+        EXPECT_EQ(reason(top), "it is a mount point");
+        makeDirectory(top / ".Trash/4321");
+        EXPECT_EQ(reason(top / ".Trash"), "") << "it is not this user's";
+        for (const fs::path& trash : {top / ".Trash" / user, top / (".Trash-" + user)}) {
+            writeFile(trash / "files/a");
+            writeFile(trash / "info/a.trashinfo");
+            makeDirectory(trash / "files/directory/below");
+            EXPECT_EQ(reason(trash), "it is the trash");
+            EXPECT_EQ(reason(trash / "files"), "it is a directory of the trash");
+            EXPECT_EQ(reason(trash / "info"), "it is a directory of the trash");
+            for (const char* path :
+                 {"files/a", "info/a.trashinfo", "files/directory", "files/directory/below"}) {
+                EXPECT_EQ(check(TavroAct::Trash, trash / path).Error, TavroRefusal::InTrash);
+                for (const TavroAct act : {TavroAct::Delete, TavroAct::Move, TavroAct::Rename}) {
+                    EXPECT_FALSE(check(act, trash / path)) << path;
+                }
+            }
+        }
+        EXPECT_EQ(reason(top / ".Trash"), "it holds the trash");
+        writeFile(top / ("sub/.Trash-" + user) / "files/a");
+        writeFile(top / ".Trash-file");
+        for (const fs::path& path :
+             {fs::path(".Trash/4321"), fs::path(".Trash-file"),
+              fs::path("sub") / (".Trash-" + user), fs::path("sub") / (".Trash-" + user) / "files",
+              fs::path("sub") / (".Trash-" + user) / "files/a"}) {
+            EXPECT_EQ(reason(top / path), "") << path;
+        }
+    });
+    if (!bRan) {
+        GTEST_SKIP() << "nothing can be mounted here";
+    }
+}
+
 TEST_F(Guard, finds_each_of_several_mount_points_in_whatever_order_they_were_mounted) {
     const std::vector<std::string> names = {"d", "c", "b b", "b", "a"};
     for (const std::string& name : names) {

@@ -66,6 +66,14 @@ TEST_F(MoveAcross, takes_back_a_deep_tree) {
 // What could not be removed afterwards is not copied
 // =================================================================================================
 
+TEST_F(MoveAcross, takes_over_what_is_whole_of_a_copy_that_was_cut_off) {
+    prepareEarlier();
+    EXPECT_TRUE(moveEntry("tree")) << failures();
+    EXPECT_EQ("taken", readFile(target("tree/file")));
+    EXPECT_FALSE(isPresent(source("tree")));
+    EXPECT_FALSE(isPresent(target(m_options.Earlier.Name) / "file"));
+}
+
 TEST_F(MoveAcross, copies_nothing_out_of_a_directory_that_cannot_be_changed) {
     writeFile(source("tree/closed/a"), "bytes");
     const CallObserver observer([&](const std::string& call, const std::string&) {

@@ -39,6 +39,34 @@ protected:
         return bring(false, source(name), target(name));
     }
 
+    /// Returns once what is created in a directory from now on is younger than all there is now.
+    static void waitUntilYounger(const fs::path& directory) {
+        const fs::path probe = directory / "probe";
+        writeFile(probe);
+        const std::int64_t now = TavroNanoseconds(statusOf(probe).st_ctim);
+        for (std::int64_t birth = 0; birth <= now;) {
+            fs::remove(probe);
+            writeFile(probe);
+            struct stat status = {};
+            ASSERT_EQ(0, TavroStatWithBirthAt(AT_FDCWD, probe.c_str(), status, birth));
+            ASSERT_NE(0, birth) << "this file system does not tell when files were created";
+        }
+        fs::remove(probe);
+    }
+
+    /// A copy of the directory "tree", with one file, that was cut off when the file was whole.
+    void prepareEarlier() {
+        writeFile(source("tree/file"), "bytes");
+        setTimes(source("tree/file"), 1000, 5);
+        waitUntilYounger(source());
+        m_options.Earlier.Name = TavroStagingName();
+        const fs::path earlier = target(m_options.Earlier.Name);
+        writeFile(earlier / "file", "taken");
+        setTimes(earlier / "file", 1000, 5);
+        m_options.Earlier.Made = TavroIdentityOf(statusOf(earlier));
+        m_options.Earlier.Source = TavroIdentityOf(statusOf(source("tree")));
+    }
+
     /// What the report says is there is there, and the other way round.
     void expectConsistentReport(const TavroPlace& to) const {
         EXPECT_EQ(m_moved.Arrived.Identity.Inode != 0, !m_moved.Failure || m_moved.bCopyStays);

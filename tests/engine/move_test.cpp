@@ -443,6 +443,102 @@ TEST_F(MoveTest, copies_where_what_is_new_belongs_to_somebody_else) {
     EXPECT_EQ("", debris());
 }
 
+TEST_F(MoveTest, takes_over_from_a_copy_that_was_cut_off_only_what_is_whole_there) {
+    const std::map<std::string, std::string> files = {
+        {"whole", "bytes"},     {"whole too", "bytes"},
+        {"sub/whole", "bytes"}, {"sub/deeper/whole", "bytes"},
+        {"shorter", "bytes"},   {"older", "bytes"},
+        {"linked", "bytes"},    {"link", "bytes"}};
+    for (const auto& [name, bytes] : files) {
+        writeFile(source("tree") / name, bytes);
+        setTimes(source("tree") / name, 1000, 5);
+    }
+    waitUntilYounger(source());
+    m_options.Earlier.Name = TavroStagingName();
+    const fs::path earlier = target(m_options.Earlier.Name);
+    for (const auto& [name, bytes] : files) {
+        writeFile(earlier / name, name == "shorter" ? "old" : "taken");
+        setTimes(earlier / name, name == "older" ? 999 : 1000, 5);
+    }
+    fs::create_hard_link(earlier / "linked", earlier / "other name");
+    fs::remove(earlier / "link");
+    fs::create_symlink("whole", earlier / "link");
+    setTimes(earlier / "link", 1000, 5);
+    m_options.Earlier.Made = TavroIdentityOf(statusOf(earlier));
+    m_options.Earlier.Source = TavroIdentityOf(statusOf(source("tree")));
+    EXPECT_TRUE(copyEntry("tree")) << failures();
+    for (const auto& [name, bytes] : files) {
+        const bool bTaken = name.find("whole") != std::string::npos;
+        EXPECT_EQ(bTaken ? "taken" : bytes, readFile(target("tree") / name)) << name;
+        EXPECT_EQ(bTaken, !isPresent(earlier / name)) << name;
+    }
+}
+
+TEST_F(MoveTest, takes_nothing_over_from_another_directory_than_the_one_that_was_cut_off) {
+    prepareEarlier();
+    const TavroIdentity made = m_options.Earlier.Made;
+    const TavroIdentity of = m_options.Earlier.Source;
+    const TavroIdentity other = TavroIdentityOf(statusOf(source()));
+    for (const auto& [copy, original] : {std::pair(other, of), std::pair(made, other)}) {
+        m_options.Earlier.Made = copy;
+        m_options.Earlier.Source = original;
+        EXPECT_TRUE(copyEntry("tree")) << failures();
+        EXPECT_EQ("bytes", readFile(target("tree/file")));
+        fs::remove_all(target("tree"));
+    }
+    for (const char* changed : {"tree", "tree/file"}) { // since the copy was begun
+        prepareEarlier();
+        setTimes(source(changed), 1000, 5);
+        EXPECT_TRUE(copyEntry("tree")) << failures();
+        EXPECT_EQ("bytes", readFile(target("tree/file"))) << changed;
+        fs::remove_all(target("tree"));
+    }
+}
+
+TEST_F(MoveTest, takes_over_nothing_that_somebody_put_there_at_the_last_moment) {
+    prepareEarlier();
+    Before swap("renameat2", "/file", [&] {
+        writeFile(target("other"), "other");
+        setTimes(target("other"), 1000, 5);
+        fs::rename(target("other"), target(m_options.Earlier.Name) / "file");
+    });
+    EXPECT_FALSE(copyEntry("tree")) << "that is told";
+    EXPECT_TRUE(swap.isDone());
+    EXPECT_NE(std::string::npos, failures().find("tree/file"));
+    EXPECT_EQ("bytes", readFile(source("tree/file")));
+}
+
+TEST_F(MoveTest, a_link_or_pipe_of_somebody_else_is_not_taken_for_the_new_one) {
+    if (!isRoot()) {
+        GTEST_SKIP() << "only root may give files away";
+    }
+    fs::create_symlink("nowhere", source("link"));
+    makeFifo(source("pipe"));
+    m_bUndisturbed = false;
+    for (const char* name : {"link", "pipe"}) {
+        fs::path theirs;
+        const CallObserver observer([&](const std::string& call, const std::string& path) {
+            const bool bStaged = TavroIsStagingName(fs::path(path).filename().string());
+            if (m_bWorking && theirs.empty() && call == "openat" && bStaged && isPresent(path)) {
+                theirs = path;
+                fs::remove(path);
+                if (name == std::string("link")) {
+                    fs::create_symlink("theirs", path);
+                } else {
+                    makeFifo(path);
+                    fs::permissions(path, fs::perms(0600));
+                }
+                EXPECT_EQ(0, lchown(path.c_str(), 4321, 4321));
+            }
+        });
+        EXPECT_FALSE(copyEntry(name));
+        ASSERT_FALSE(theirs.empty()) << name;
+        EXPECT_FALSE(isPresent(target(name)));
+        EXPECT_EQ(4321U, statusOf(theirs).st_uid) << "nothing is given to it";
+        fs::remove(theirs);
+    }
+}
+
 TEST_F(MoveTest, directories_that_the_owner_himself_may_not_search_arrive_with_their_modes) {
     makeDirectory(source("tree"));
     fs::path deepest = source("tree");

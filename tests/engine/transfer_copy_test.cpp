@@ -28,6 +28,22 @@ TEST_F(CarryOutTransfer, moves_a_tree_by_one_rename_where_it_can) {
     EXPECT_EQ("done /source/tree -> /target/tree\n", report());
 }
 
+/// As between two mounts of one file system.
+TEST_F(CarryOutTransfer, moves_by_copying_what_turns_out_not_to_be_renamed) {
+    makeSmallTree(source("tree"));
+    writeFile(source("file"), "new");
+    writeFile(target("file"), "old");
+    const Snapshot before = takeSnapshot(source("tree"));
+    m_plan.ConflictPolicy = TavroTransferConflictPolicy::Overwrite;
+    const FaultInjector faults({{"renameat2", EXDEV, source().string(), 1, true}});
+    EXPECT_TRUE(move({"tree", "file"})) << report();
+    EXPECT_EQ(2, faults.fired());
+    EXPECT_EQ(before, takeSnapshot(target("tree")));
+    EXPECT_EQ("new", readFile(target("file")));
+    EXPECT_FALSE(isPresent(source("tree")) || isPresent(source("file")));
+    EXPECT_EQ("", debris());
+}
+
 TEST_F(CarryOutTransfer, moves_a_tree_between_file_systems) {
     TARGET_ELSEWHERE();
     makeSmallTree(source("tree"));

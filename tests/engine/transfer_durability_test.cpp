@@ -319,6 +319,21 @@ TEST_F(CarryOutTransfer, no_source_is_removed_before_its_copy_has_reached_the_di
     EXPECT_TRUE(fs::is_empty(target()));
 }
 
+TEST_F(CarryOutTransfer, a_move_is_done_when_its_source_is_gone_from_the_disk_too) {
+    TARGET_ELSEWHERE();
+    writeFile(source("a"), "a");
+    bool bRemoved = false;
+    bool bOnDisk = false;
+    const CallObserver observer([&](const std::string& call, const std::string& path) {
+        bRemoved = bRemoved || (call == "unlinkat" && path == source("a"));
+        const bool bSync = call == "fsync" || call == "syncfs";
+        bOnDisk = bOnDisk || (bRemoved && bSync && path == source());
+    });
+    EXPECT_TRUE(move({"a"})) << report();
+    EXPECT_TRUE(bRemoved);
+    EXPECT_TRUE(bOnDisk);
+}
+
 TEST_F(CarryOutTransfer, a_copy_goes_on_past_what_it_cannot_read) {
     makeSmallTree(source("tree"));
     writeFile(source("tree/secret"), "bytes");

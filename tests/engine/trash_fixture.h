@@ -72,6 +72,21 @@ inline bool runWithMount(const fs::path& from, const fs::path& to,
     return isPresent(note / "ran");
 }
 
+/// Calls `body` with the mount point of a volume: that which TAVRO_TEST_VOLUME names, which must be
+/// for this process alone; or else `to`, where `from` is mounted as above.
+inline bool runOnVolume(const fs::path& from, const fs::path& to,
+                        const std::function<void(const fs::path&)>& body) {
+    const char* const volume = std::getenv("TAVRO_TEST_VOLUME");
+    if (volume == nullptr) {
+        return runWithMount(from, to, [&] { body(to); });
+    }
+    body(volume);
+    for (const fs::directory_entry& entry : fs::directory_iterator(volume)) {
+        fs::remove_all(entry.path());
+    }
+    return true;
+}
+
 inline std::vector<TavroOperationEntry> select(const std::vector<fs::path>& paths) {
     std::vector<TavroOperationEntry> entries;
     for (const fs::path& path : paths) {

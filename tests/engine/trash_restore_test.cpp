@@ -87,6 +87,24 @@ TEST_F(RestoreSelection, refuses_what_took_the_name_of_an_item) {
     EXPECT_EQ(readFile(docs() / "b.txt"), "theirs");
 }
 
+TEST_F(RestoreSelection, refuses_to_leave_the_volume_of_the_item_by_a_link) {
+    auto list = trash({doc("a.txt")});
+    makeDirectory(docs() / "volume");
+    list[0].Volume = (docs() / "volume").string();
+    link("volume/out", home());
+    const Snapshot before = takeSnapshot(sandbox());
+    for (const char* place : {"volume/out/a.txt", "volumes.txt"}) {
+        list[0].Entry.OriginalPath = (docs() / place).string();
+        EXPECT_EQ(TavroDescribe(restoreInVain(list)), "Cannot restore " + inQuotes(docs() / place) +
+                                                          ": a link in its path leads out of " +
+                                                          inQuotes(docs() / "volume"));
+        EXPECT_EQ(takeSnapshot(sandbox()), before);
+    }
+    list[0].Entry.OriginalPath = (docs() / "volume/new/a.txt").string();
+    restore(list);
+    EXPECT_EQ(readFile(docs() / "volume/new/a.txt"), "bytes");
+}
+
 TEST_F(RestoreSelection, refuses_a_place_that_is_not_known) {
     const ScopedCurrentDirectory there(docs());
     for (const std::string place : {"", "a.txt"}) {

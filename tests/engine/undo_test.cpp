@@ -592,6 +592,46 @@ TEST_F(Undo, what_bears_the_name_of_a_renamed_entry_by_now_is_not_touched) {
     expectRefused(&Undo::redo, replaced(work("a")));
 }
 
+TEST_F(Undo, an_older_file_that_bears_the_name_of_a_renamed_one_or_of_a_copy_is_not_touched) {
+    for (const char* older : {"older", "old"}) {
+        writeFile(work(older), "other");
+    }
+    writeFile(work("a"), "bytes");
+    renameAndRecord("a", "b");
+    fs::rename(work("older"), work("b"));
+    expectRefused(&Undo::undo, replaced(work("b")));
+    writeFile(work("c"), "bytes");
+    copyAndRecord({{"c", "d"}});
+    fs::rename(work("old"), work("d"));
+    expectRefused(&Undo::undo, replaced(work("d")));
+}
+
+/// After a restart another device may have the number, or the same one another number.
+TEST_F(Undo, a_file_on_another_device_that_was_there_before_is_not_taken_for_the_renamed_one) {
+    writeFile(work("b"), "bytes");
+    for (const bool bLater : {false, true}) {
+        TavroOperation operation;
+        operation.Kind = Kind::Rename;
+        operation.Steps = {movedStep(work("a"), work("b"))};
+        TavroCompleteOperation(operation);
+        operation.Steps[0].Identity.Device += 1;
+        struct stat status = {};
+        ASSERT_EQ(0, lstat(work("b").c_str(), &status));
+        const std::int64_t changed = TavroNanoseconds(status.st_ctim);
+        operation.Steps[0].ChangeTime = changed + (bLater ? 1 : 0);
+        TavroHistory history;
+        open(history);
+        ASSERT_EQ(TavroDescribe(recordDone(history, operation)), "");
+        if (bLater) {
+            expectRefused(&Undo::undo, replaced(work("b")));
+        } else {
+            const Outcome outcome = undo();
+            ASSERT_TRUE(outcome.bDone) << outcome.Message;
+            fs::rename(work("a"), work("b"));
+        }
+    }
+}
+
 TEST_F(Undo, a_renamed_file_that_was_changed_since_goes_back_with_its_changes) {
     writeFile(work("a"), "bytes");
     renameAndRecord("a", "b");

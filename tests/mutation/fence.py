@@ -3,8 +3,9 @@
 The whole run lives in a mount namespace of its own in which everything is read-only but one scratch
 folder in memory, and in which there are no devices but /dev/null and its like. Each run of a test
 program gets another namespace inside it, where that scratch is read-only too: it can write to a
-fresh folder in memory and a fresh /dev/shm, both gone with it, has no privilege left that could
-change the fence, and takes all its children along when it is ended.
+fresh folder in memory, to a volume that is mounted in it, and to a fresh /dev/shm, all gone with
+it, has no privilege left that could change the fence, and takes all its children along when it is
+ended.
 """
 
 import ctypes
@@ -110,8 +111,9 @@ def _put_up(scratch):
     _prove(scratch)
 
 
-def command(scratch, program, *arguments):
-    """The command that runs `program` inside the inner fence, in an empty folder of its own."""
+def command(scratch, seconds, program, *arguments):
+    """The command that runs `program` inside the inner fence, in an empty folder of its own. It may
+    use the processor for so many seconds."""
     run = scratch / "run"
     user, group = os.environ[INSIDE + "_IDS"].split(":")
     unshare = ["unshare", "--mount", "--pid", "--fork", "--kill-child"]
@@ -130,11 +132,13 @@ def command(scratch, program, *arguments):
       mount -o remount,bind,ro,nosuid,nodev {scratch}
       mount -t tmpfs -o nosuid,nodev,size=512m,mode=1777 tavro {run}
       mount -t tmpfs -o nosuid,nodev,size=512m,mode=1777 tavro /dev/shm
+      mkdir {run}/volume
+      mount -t tmpfs -o nosuid,nodev,size=64m,mode=1777 tavro {run}/volume
       mount -o remount,bind,ro,nosuid /dev
       {prepare}
       cd {run}
-      ulimit -v 4000000 -t 15 -c 0
-      export HOME={run} TMPDIR={run}
+      ulimit -v 4000000 -t {seconds} -c 0
+      export HOME={run} TMPDIR={run} TAVRO_TEST_VOLUME={run}/volume
       {drop} "$@" && status=0 || status=$?
       exit $status
     """
@@ -186,7 +190,7 @@ if os.system("mount -t tmpfs none /mnt 2>/dev/null") == 0:
 sys.exit(", ".join(holes) or 0)
 """
     probe = subprocess.run(
-        command(scratch, sys.executable, "-c", prober), capture_output=True, text=True
+        command(scratch, 15, sys.executable, "-c", prober), capture_output=True, text=True
     )
     if probe.returncode != 0:
         raise NoFence(f"the fence does not hold, nothing was run: {probe.stderr.strip()}")

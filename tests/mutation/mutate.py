@@ -31,6 +31,8 @@ SURVIVORS = Path(__file__).resolve().parent / "survivors.txt"
 
 REMEMBERED = 12  # the tests of a function's last mutants, tried first on its next
 CONTROL_EVERY = 50  # after so many mutants the tests must pass with the module as it is
+QUICK = 0.02  # seconds that a test may take to be among the first that are tried
+SLOW = 1  # seconds that a test takes to be among the last
 
 
 class Stop(Exception):
@@ -121,22 +123,22 @@ def compile_file(file):
 
 
 class Programs:
-    """The test programs of a source, each with all its mutants in it."""
+    """The test programs of a source, each with all the mutants in it that are run."""
 
-    def __init__(self, scratch, build, source):
+    def __init__(self, scratch, build, source, chosen, times, tests):
         self.scratch = scratch
         self.build = build
         self.source = source
         self.tests = source.part.tests
-        self.numbered = dict(enumerate(source.mutants))
+        self.filter = tests
+        self.times = times  # of each program: its tests and how many seconds each takes
+        self.numbered = dict(enumerate(chosen))
         self.numbers = {mutant.id: number for number, mutant in self.numbered.items()}
         broken = scratch / source.name
         broken.parent.mkdir(parents=True, exist_ok=True)
         self._compile_what_compiles(source.text, broken)
         for name in self.tests:
             self._link(name, broken.with_suffix(".o"))
-        self.patience = {}  # how many seconds a program may take
-        self.slow = {}  # its tests that take long and are better run last
         self.catchers = defaultdict(list)  # function: (program, test) of mutants caught before
 
     def _compile_what_compiles(self, text, broken):
@@ -168,17 +170,22 @@ class Programs:
         if linking.returncode != 0:
             raise Stop(linking.stderr)
 
-    def run(self, name, number, tests="*"):
-        """Runs tests of a program: whether they pass, whether it had to be ended, its output."""
+    def run(self, name, number, tests=()):
+        """Runs tests of a program, all that are wanted when none is named: whether they pass,
+        whether it had to be ended, its output. How long they take when nothing is broken bounds how
+        long they may take."""
+        times = self.times.get(name, {})
+        usual = sum(times.get(test, 0) for test in tests or times) if times else 120
+        wanted = ":".join(tests) or self.filter
         fenced = fence.command(
-            *(self.scratch, "env", f"MUTANT={number}"),
-            *(self.scratch / name, "--gtest_fail_fast", f"--gtest_filter={tests}"),
+            *(self.scratch, 15 + int(3 * usual), "env", f"MUTANT={number}"),
+            *(self.scratch / name, "--gtest_fail_fast", f"--gtest_filter={wanted}"),
         )
         with subprocess.Popen(
             fenced, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT
         ) as process:
             try:
-                output, _ = process.communicate(timeout=self.patience.get(name, 300))
+                output, _ = process.communicate(timeout=20 + 10 * usual)
                 timed_out = process.returncode in fence.OUT_OF_TIME
             except subprocess.TimeoutExpired:
                 process.kill()  # and with it all that it started
@@ -189,27 +196,36 @@ class Programs:
             raise Stop(f"{name} did not start: {output}")
         return process.returncode == 0, timed_out, output
 
-    def run_control(self, name):
+    def run_control(self, name, tests=()):
         """What a program prints when nothing is broken. A test that fails by chance must not pass
         for one that has caught a mutant."""
-        passed, _, output = self.run(name, -1)
+        passed, _, output = self.run(name, -1, tests)
         if not passed:
             raise Stop(f"{name} fails with the module as it is:\n{output}")
         return output
 
     def measure(self):
-        """How long the tests take when nothing is broken bounds how long they may take later."""
+        """How long each test takes when nothing is broken. That is asked once for all sources; of
+        the later ones the quick tests alone must pass."""
         for name in self.tests:
+            if name in self.times:
+                self.run_control(name, self._groups(name)[0])
+                continue
             started = time.monotonic()
             output = self.run_control(name)
-            took = time.monotonic() - started
-            self.patience[name] = 20 + 10 * took
+            print(f"{name} passes in {time.monotonic() - started:.1f} s", file=sys.stderr)
             times = re.findall(r"       OK \] (\S+) \((\d+) ms\)", output)
-            total = sum(int(duration) for _, duration in times)
-            self.slow[name] = [test for test, duration in times if int(duration) > total / 20]
-            print(f"{name} passes in {took:.1f} s", file=sys.stderr)
+            self.times[name] = {test: int(duration) / 1000 for test, duration in times}
             for reason, count in Counter(re.findall(r": Skipped\n(.*)", output)).items():
                 print(f"  {count} skipped: {reason}", file=sys.stderr)
+
+    def _groups(self, name):
+        """The tests of a program that are quick, those that are slow and better run last, and
+        between them the others."""
+        groups = ([], [], [])
+        for test, duration in self.times[name].items():
+            groups[0 if duration <= QUICK else 1 if duration <= SLOW else 2].append(test)
+        return groups
 
     def _steps(self, function):
         """Which tests to run in which program, one step after the other: what has caught a mutant
@@ -217,14 +233,11 @@ class Programs:
         remembered = defaultdict(list)
         for name, test in self.catchers[function][-REMEMBERED:]:
             remembered[name].append(test)
-        for name in self.tests:
-            if remembered[name]:
-                yield name, ":".join(remembered[name])
-        for name in self.tests:
-            yield name, "-" + ":".join(self.slow[name])
-        for name in self.tests:
-            if self.slow[name]:
-                yield name, ":".join(self.slow[name])
+        yield from remembered.items()
+        for group in range(3):
+            for name in self.tests:
+                if self._groups(name)[group]:
+                    yield name, self._groups(name)[group]
 
     def judge(self, mutant):
         """Runs tests with the mutant until one fails."""
@@ -363,10 +376,10 @@ def choose(sources, arguments):
     return chosen
 
 
-def judge_source(scratch, source, chosen, arguments):
+def judge_source(scratch, source, chosen, times, arguments):
     """(source, mutant, outcome) of each that is run."""
     print(f"{source.name}: {len(chosen)} mutants", file=sys.stderr)
-    programs = Programs(scratch, arguments.build, source)
+    programs = Programs(scratch, arguments.build, source, chosen, times, arguments.tests)
     programs.measure()
     outcomes = judge_all(programs, chosen, arguments.jobs)
     for mutant, outcome in zip(chosen, outcomes):
@@ -390,6 +403,8 @@ def main():
     parser.add_argument("--seed", type=int, default=1, help="chooses the sample (default: 1)")
     parser.add_argument("--jobs", type=int, default=os.cpu_count(), metavar="N",
                         help="mutants at a time (default: one for each processor)")
+    parser.add_argument("--tests", metavar="FILTER", default="*",
+                        help="a filter of GoogleTest; fewer tests are faster and catch less")
     arguments = parser.parse_args()
     arguments.build = arguments.build.resolve()
 
@@ -408,10 +423,11 @@ def main():
         chosen = choose(sources, arguments)
         listed = listed_survivors()
         scratch = fence.enter()
+        times = {}
         for source in sources:
             if chosen[source.name]:
                 judged[source.part.name] += judge_source(
-                    scratch, source, chosen[source.name], arguments
+                    scratch, source, chosen[source.name], times, arguments
                 )
     except (Stop, fence.NoFence) as reason:
         print(reason, file=sys.stderr)
