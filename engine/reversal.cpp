@@ -13,10 +13,6 @@ using Kind = TavroFailureKind;
 using Role = TavroStepRole;
 using Steps = TavroReversal::Steps;
 
-bool IsMissing(int Error) {
-    return Error == ENOENT || Error == ENOTDIR;
-}
-
 const char* OtherOf(mode_t Mode) {
     return S_ISREG(Mode)   ? "another file"
            : S_ISDIR(Mode) ? "another directory"
@@ -110,7 +106,7 @@ TavroFailure TavroReversal::CheckFile(const TavroStep& Step, const std::string& 
     struct stat status = {};
     const int error = Look(Path, place, status);
     if (error != 0) {
-        return TavroFail(IsMissing(error) ? Kind::Missing : Kind::LookAt, error, Path);
+        return TavroFail(TavroIsMissing(error) ? Kind::Missing : Kind::LookAt, error, Path);
     }
     if (Step.Role == Role::CreatedDirectory && !S_ISDIR(status.st_mode)) {
         return {Kind::NotDirectory, {}, Path};
@@ -148,7 +144,7 @@ TavroFailure TavroReversal::CheckFree(const std::string& Path) {
     TavroPlace place;
     struct stat status = {};
     const int error = Look(Path, place, status);
-    if (IsMissing(error)) {
+    if (TavroIsMissing(error)) {
         return CheckHolder(TavroParentOf(Path));
     }
     return TavroFail(error == 0 ? Kind::InTheWay : Kind::LookAt, error, Path);

@@ -103,7 +103,7 @@ bool TavroTransferRun::CheckGuard(const std::vector<TavroTransferItemPlan>& Item
         const int error = refusal ? refusal.Error.value() : TavroLookAt(place, status);
         if (error == 0) {
             refusal = guard.Check(place, status);
-        } else if (error == ENOENT || error == ENOTDIR || error == EACCES) {
+        } else if (TavroIsMissing(error) || error == EACCES) {
             refusal = {}; // it cannot be moved either, which is told in its turn
         } else {
             refusal = TavroFail(Kind::Read, error, item.SourcePath.native());
