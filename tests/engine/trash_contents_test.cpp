@@ -431,6 +431,33 @@ TEST_F(RemoveFromTrash, removes_items_with_their_records_and_nothing_else) {
                  isPresent(record("directory")));
 }
 
+TEST_F(RemoveFromTrash, tells_which_files_go_before_any_does) {
+    put("a", "/a", "2024-01-01T00:00:00");
+    std::vector<TavroStep> told;
+    TavroCallbacks callbacks;
+    callbacks.BeforeActs = [&](TavroOperationKind, const std::vector<TavroStep>& steps) {
+        EXPECT_TRUE(isPresent(item("a")) && isPresent(record("a")));
+        told = steps;
+        return TavroFailure{TavroFailureKind::HistoryBusy};
+    };
+    const TavroTrashItem listed = list().at(0);
+    TavroTrashItem above = listed;
+    above.Name = "..";
+    EXPECT_EQ(TavroRemoveFromTrash({listed, named("gone"), above}, callbacks).Kind,
+              TavroFailureKind::HistoryBusy);
+    EXPECT_TRUE(isPresent(item("a")) && isPresent(record("a")));
+    struct stat status = {};
+    std::int64_t birth = 0;
+    ASSERT_EQ(TavroStatWithBirthAt(AT_FDCWD, item("a").c_str(), status, birth), 0);
+    ASSERT_EQ(told.size(), 1U);
+    EXPECT_EQ(told[0].Role, TavroStepRole::Deleted);
+    EXPECT_EQ(told[0].From, item("a"));
+    EXPECT_EQ(told[0].Identity, TavroIdentityOf(status));
+    EXPECT_EQ(told[0].SourceTime, birth);
+    ASSERT_EQ(TavroStatPath(record("a"), status), 0);
+    EXPECT_EQ(told[0].ChangeTime, TavroNanoseconds(status.st_mtim));
+}
+
 TEST_F(RemoveFromTrash, follows_no_link) {
     writeFile(sandbox() / "precious/file", "precious");
     const Snapshot before = takeSnapshot(sandbox() / "precious");
