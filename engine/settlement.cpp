@@ -242,14 +242,20 @@ TavroFailure Settlement::TrashAgain(TavroStep& IoStep, const std::string& Hidden
 
 TavroFailure Settlement::KeepReplaced(const TavroStep& Step, const std::vector<TavroStep>& Steps,
                                       std::vector<TavroStep>& OutSteps) {
-    const std::string hidden = Beside(Step.To, Step.Staged);
+    const bool bMain = Step.Role == Role::Moved || Step.Role == Role::Copied;
+    const std::string hidden = bMain ? Beside(Step.To, Step.Staged) : "";
+    if (m_operation.State != TavroOperationState::Doing || hidden.empty()) {
+        return {};
+    }
     const std::uint64_t there = InodeAt(m_places, hidden);
-    const bool bKept = std::any_of(Steps.begin(), Steps.end(), [&](const TavroStep& step) {
-        return step.Role == Role::Replaced && step.From == Step.To;
-    });
-    if (m_operation.State != TavroOperationState::Doing || bKept || there == 0 ||
-        (Step.Role != Role::Moved && Step.Role != Role::Copied) || there == Step.Identity.Inode ||
+    if (there == 0 || there == Step.Identity.Inode ||
         InodeAt(m_places, Step.To) != Step.Identity.Inode) {
+        return {};
+    }
+    const auto isOfTrash = [&](const TavroStep& step) {
+        return step.Role == Role::Replaced && step.From == Step.To;
+    };
+    if (std::any_of(Steps.begin(), Steps.end(), isOfTrash)) {
         return {};
     }
     TavroStep old = {Role::Replaced, Step.To};
