@@ -209,13 +209,12 @@ TavroFailure TavroTransferRun::Journal(const std::vector<TavroPendingEntry>& Ent
 }
 
 void TavroTransferRun::Publish(TavroPendingEntry& Entry) {
-    TavroMoveReport& report = Entry.Copy->Report();
     if (Entry.bRename) {
-        Rename(Entry);
+        Rename(Entry); // it may become another copy
     } else {
         Entry.bDone = Entry.Copy->Publish(Entry.bExchange);
     }
-    Entry.bAgain = report.Failure.Kind == Kind::Taken;
+    Entry.bAgain = Entry.Copy->Report().Failure.Kind == Kind::Taken;
     if (Entry.bDone && m_bMove) { // a copy leaves its source's directory as it is
         m_changes.Add(Entry.Copy->From().Directory);
     }
