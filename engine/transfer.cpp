@@ -342,7 +342,8 @@ bool TavroTransferRun::IsPending(const TavroPlace& Place) const {
     return names != m_pendingNames.end() && names->second.count(Place.Name) != 0;
 }
 
-/// Whether an entry has to do with what waits: is in it, holds it, or goes to where it goes.
+/// Whether an entry has to do with what waits: is in it, holds it, is moved by it, or goes to where
+/// it goes.
 bool TavroTransferRun::IsEntangled(const TavroRoute& Way, const struct stat& Source) {
     return !m_pending.empty() &&
            (IsPending(Way.From) || IsPending(Way.To) ||

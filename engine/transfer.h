@@ -90,7 +90,8 @@ struct TavroTransferCallbacks : TavroCallbacks {
     /// Asked for each source; what is done already is passed over.
     std::function<bool(const std::string& From)> IsDone = {};
 
-    /// Asked for each entry that would be replaced; what was done already does not replace itself.
+    /// Asked for each entry that would be replaced, by its path: what this operation has put there
+    /// before it was interrupted is refused.
     std::function<bool(std::string To)> IsOwnWork = {};
 
     /// Asked for each directory that is copied: a copy of it that was cut off, of which what is

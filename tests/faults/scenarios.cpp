@@ -39,29 +39,8 @@ namespace {
 const std::vector<Kind> batch = {Kind::File, Kind::Tree, Kind::File};
 const std::vector<Kind> links = {Kind::LinkToFile, Kind::LinkToDirectory};
 
-Setting fresh(Setting setting) {
-    setting.bFreshHome = true;
-    return setting;
-}
-Setting taken(Setting setting) {
-    setting.bTaken = true;
-    return setting;
-}
-Setting blocked(Setting setting) {
-    setting.bBlockedRecord = true;
-    return setting;
-}
-Setting limited(Setting setting) {
-    setting.bSizeLimit = true;
-    return setting;
-}
-Setting orphaned(Setting setting) {
-    setting.bParentsGone = true;
-    return setting;
-}
-
-Setting inTheWay(Setting setting) {
-    setting.bInTheWay = true;
+Setting with(bool Setting::*peculiarity, Setting setting) {
+    setting.*peculiarity = true;
     return setting;
 }
 
@@ -75,15 +54,15 @@ const std::vector<Setting>& settings() {
         {"links-across", true, links},
         {"batch", false, batch},
         {"batch-across", true, batch},
-        fresh({"fresh-home", false, {Kind::File}}),
-        taken({"taken", false, {Kind::File, Kind::Tree}}),
-        taken({"taken-across", true, {Kind::File, Kind::Tree}}),
-        blocked({"blocked-record", false, batch}),
-        blocked({"blocked-record-across", true, {Kind::Tree, Kind::File}}),
-        limited({"size-limit", true, {Kind::Tree, Kind::File}}),
-        orphaned({"parents-gone", true, {Kind::File, Kind::File}}),
-        inTheWay({"file-in-the-way", false, {Kind::Tree, Kind::File}}),
-        inTheWay({"tree-in-the-way", false, {Kind::File, Kind::Tree}}),
+        with(&Setting::bFreshHome, {"fresh-home", false, {Kind::File}}),
+        with(&Setting::bTaken, {"taken", false, {Kind::File, Kind::Tree}}),
+        with(&Setting::bTaken, {"taken-across", true, {Kind::File, Kind::Tree}}),
+        with(&Setting::bBlockedRecord, {"blocked-record", false, batch}),
+        with(&Setting::bBlockedRecord, {"blocked-record-across", true, {Kind::Tree, Kind::File}}),
+        with(&Setting::bSizeLimit, {"size-limit", true, {Kind::Tree, Kind::File}}),
+        with(&Setting::bParentsGone, {"parents-gone", true, {Kind::File, Kind::File}}),
+        with(&Setting::bInTheWay, {"file-in-the-way", false, {Kind::Tree, Kind::File}}),
+        with(&Setting::bInTheWay, {"tree-in-the-way", false, {Kind::File, Kind::Tree}}),
     };
     return all;
 }
