@@ -154,6 +154,23 @@ TEST_F(TrashOfVolume, is_not_one_that_others_have_prepared) {
     });
 }
 
+TEST_F(TrashOfVolume, takes_nothing_when_a_link_took_its_place_meanwhile) {
+    onVolume([&](const fs::path& top) {
+        makeDirectory(home() / "kept/files");
+        makeDirectory(home() / "kept/info");
+        TavroCallbacks callbacks;
+        callbacks.BeforeActs = [&](TavroOperationKind, const std::vector<TavroStep>&) {
+            fs::rename(own(top), top / "away");
+            fs::create_symlink(home() / "kept", own(top));
+            return TavroFailure();
+        };
+        writeFile(top / "a");
+        EXPECT_EQ(trashInVain({top / "a"}, callbacks).Batch.Failure.Error, std::errc(ESTALE));
+        EXPECT_TRUE(isPresent(top / "a"));
+        EXPECT_TRUE(fs::is_empty(home() / "kept/files"));
+    });
+}
+
 TEST_F(TrashOfVolume, is_not_used_where_the_home_trash_is_to_take_all) {
     onVolume([&](const fs::path& top) {
         TavroTrashOptions options;
