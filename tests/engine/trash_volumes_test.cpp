@@ -154,6 +154,33 @@ TEST_F(TrashOfVolume, is_not_one_that_others_have_prepared) {
     });
 }
 
+TEST_F(TrashOfVolume, is_opened_where_no_link_leads_to_it) {
+    onVolume([&](const fs::path& top) {
+        const auto open = [](const fs::path& volume) {
+            std::string sentences;
+            for (const TavroTrashFolders& folders : TavroTrashFoldersOnVolume(volume.string())) {
+                TavroOpenTrash trash;
+                sentences += TavroDescribe(trash.Open(folders));
+                EXPECT_FALSE(sentences.empty() && trash.Files.IsOpen());
+            }
+            return sentences;
+        };
+        EXPECT_EQ(open(top / "missing"), "");
+        EXPECT_EQ(open(top), "");
+        for (const char* name : {"files", "info", ""}) {
+            const fs::path link = *name == 0 ? own(top) : own(top) / name;
+            makeDirectory(own(top) / "files");
+            makeDirectory(own(top) / "info");
+            fs::rename(link, top / "kept");
+            fs::create_directory_symlink(top / "kept", link);
+            EXPECT_EQ(open(top).rfind("Cannot read " + inQuotes(own(top)), 0), 0U) << name;
+            EXPECT_EQ(found(top), std::vector<std::string>{}) << name;
+            fs::remove_all(top / "kept");
+            fs::remove_all(own(top));
+        }
+    });
+}
+
 TEST_F(TrashOfVolume, takes_nothing_when_a_link_took_its_place_meanwhile) {
     onVolume([&](const fs::path& top) {
         makeDirectory(home() / "kept/files");
@@ -205,6 +232,7 @@ TEST_F(TrashOfVolume, is_on_the_disk_before_anything_goes_there) {
         for (const bool bSync : {true, false}) {
             fs::remove_all(own(top));
             writeFile(top / "a");
+            writeFile(top / "b");
             std::vector<std::string> synced;
             bool bMoved = false;
             const CallObserver observer([&](const std::string& call, const std::string& path) {
@@ -218,6 +246,10 @@ TEST_F(TrashOfVolume, is_on_the_disk_before_anything_goes_there) {
             trash({top / "a"}, callbacks);
             EXPECT_EQ(std::count(synced.begin(), synced.end(), top), bSync ? 1 : 0);
             EXPECT_EQ(std::count(synced.begin(), synced.end(), own(top)), bSync ? 2 : 0);
+            bMoved = false;
+            synced.clear();
+            trash({top / "b"}, callbacks);
+            EXPECT_EQ(std::count(synced.begin(), synced.end(), top), 0) << "it was there";
         }
     });
 }
