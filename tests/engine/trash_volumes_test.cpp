@@ -292,6 +292,40 @@ TEST_F(TrashOfVolume, is_found_with_that_of_the_home_directory_or_by_a_path) {
     });
 }
 
+TEST_F(TrashOfVolume, that_does_not_answer_is_passed_over_and_named) {
+    onVolume([&](const fs::path& top) {
+        trashed(top / "a");
+        const pid_t self = getpid();
+        const CallObserver observer([&](const std::string&, const std::string& path) {
+            if (path == own(top) && getpid() != self) {
+                pause(); // until it is killed
+            }
+        });
+        TavroTrashes trashes;
+        EXPECT_EQ(TavroDescribe(TavroFindTrashes("", trashes)), "");
+        EXPECT_EQ(trashes.Silent, std::vector<std::string>{top});
+        EXPECT_EQ(trashes.Folders.size(), 1U);
+        EXPECT_EQ(trashes.Folders.at(0).Root, root());
+        const TavroFailure failure = TavroFindTrashes(own(top).string(), trashes);
+        EXPECT_EQ(failure.Kind, TavroFailureKind::LookAt);
+        EXPECT_EQ(failure.Error, std::errc::timed_out);
+    });
+}
+
+TEST_F(TrashOfVolume, is_not_looked_for_in_vain) {
+    TavroTrashes trashes;
+    {
+        const FaultInjector fault({{"openat", EIO, docs().string(), 1, false, true}});
+        const TavroFailure failure = TavroFindTrashes(docs().string(), trashes);
+        EXPECT_EQ(failure.Kind, TavroFailureKind::LookAt);
+        EXPECT_EQ(failure.Path, docs());
+        EXPECT_EQ(fault.fired(), 1);
+    }
+    const ScopedEnvironment none("HOME", std::nullopt);
+    EXPECT_EQ(TavroFindTrashes("", trashes).Kind, TavroFailureKind::NoHome);
+    EXPECT_TRUE(trashes.Folders.empty());
+}
+
 TEST_F(TrashOfVolume, of_a_path_is_the_one_that_the_text_tells) {
     const std::string user = std::to_string(geteuid());
     for (const std::string& root : {"/v/.Trash-" + user, "/v/.Trash/" + user}) {
