@@ -112,6 +112,67 @@ TEST_F(CarryOutTransfer, what_did_not_reach_the_disk_under_its_name_is_not_moved
     EXPECT_EQ("ab", readFile(source("a")) + readFile(source("b")));
 }
 
+TEST_F(CarryOutTransfer, a_copy_that_did_not_reach_the_disk_under_its_name_is_a_failure) {
+    writeFile(source("a"), "a");
+    std::optional<FaultInjector> faults;
+    const auto observer = beforeNaming(target("a"), [&] {
+        faults.emplace(std::vector<Fault>{{"fsync", EIO, target(), 1, true},
+                                          {"syncfs", EIO, target(), 1, true}});
+    });
+    EXPECT_FALSE(copy({"a"}));
+    ASSERT_TRUE(faults);
+    EXPECT_GT(faults->fired(), 0);
+    EXPECT_NE(std::string::npos, report().find("failed: Cannot write '/target/a': " +
+                                               systemText(std::errc::io_error) + "\n"))
+        << report();
+}
+
+TEST_F(CarryOutTransfer, nothing_is_replaced_where_there_can_be_no_trash) {
+    writeFile(m_home / ".local", "in the way");
+    m_plan.ConflictPolicy = TavroTransferConflictPolicy::Overwrite;
+    for (const bool bMove : {false, true}) {
+        writeFile(source("file"), "new");
+        writeFile(source("free"), "free");
+        writeFile(target("file"), "old");
+        EXPECT_FALSE(run(bMove, {"file", "free"}));
+        EXPECT_EQ(TavroFailureKind::TrashNeedsDirectory, m_report.Failed.at(0).Kind);
+        const std::string error = systemText(std::errc::not_a_directory) + "\n";
+        EXPECT_NE(std::string::npos,
+                  report().find("failed: Cannot replace '/target/file': " + error))
+            << report();
+        EXPECT_NE(std::string::npos, report().find("failed: Cannot write '/target/free': " + error))
+            << report();
+        EXPECT_EQ("old", readFile(target("file")));
+        EXPECT_EQ("new", readFile(source("file")));
+        EXPECT_EQ("free", readFile(source("free")));
+        EXPECT_EQ("", debris());
+    }
+}
+
+/// Where a file system does not keep changes in order.
+TEST_F(CarryOutTransfer, what_is_replaced_goes_for_good_when_the_new_entry_is_on_the_disk) {
+    m_plan.ConflictPolicy = TavroTransferConflictPolicy::Overwrite;
+    m_callbacks.bKeepReplaced = false;
+    for (const bool bMove : {false, true}) {
+        writeFile(source("file"), "new");
+        writeFile(target("file"), "old");
+        bool bSynced = false;
+        bool bGone = false;
+        const FaultInjector unknown({{"fstatfs", EIO, "", 1, true}});
+        const CallObserver observer([&](const std::string& call, const std::string& path) {
+            const bool bNew = readFile(target("file")) == "new";
+            bSynced = bSynced || (bNew && (call == "fsync" || call == "syncfs"));
+            if (call == "unlinkat" && bNew && path.rfind(target().string(), 0) == 0) {
+                bGone = true;
+                EXPECT_TRUE(bSynced);
+            }
+        });
+        EXPECT_TRUE(run(bMove, {"file"})) << report();
+        EXPECT_TRUE(bGone);
+        EXPECT_LT(0, unknown.fired());
+    }
+}
+
 TEST_F(CarryOutTransfer, it_is_told_when_what_was_copied_is_brought_to_the_disk) {
     for (const bool bSync : {true, false}) {
         for (const char* name : {"file", "tree"}) {
