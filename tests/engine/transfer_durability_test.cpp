@@ -149,6 +149,23 @@ TEST_F(CarryOutTransfer, nothing_is_replaced_where_there_can_be_no_trash) {
     }
 }
 
+TEST_F(CarryOutTransfer, a_rename_that_may_not_replace_what_is_there_is_taken_back) {
+    m_plan.ConflictPolicy = TavroTransferConflictPolicy::Overwrite;
+    writeFile(source("file"), "new");
+    writeFile(target("file"), "old");
+    for (const std::string& from : {source("file").string(), target(".tavro-").string()}) {
+        const FaultInjector faults({{"renameat2", EPERM, from}});
+        EXPECT_FALSE(move({"file"}));
+        EXPECT_EQ(1, faults.fired());
+        EXPECT_EQ("failed: Cannot replace '/target/file': " +
+                      systemText(std::errc::operation_not_permitted) + "\n",
+                  report());
+        EXPECT_EQ("", debris());
+        EXPECT_EQ("old", readFile(target("file")));
+        EXPECT_EQ("new", readFile(source("file")));
+    }
+}
+
 /// Where a file system does not keep changes in order.
 TEST_F(CarryOutTransfer, what_is_replaced_goes_for_good_when_the_new_entry_is_on_the_disk) {
     m_plan.ConflictPolicy = TavroTransferConflictPolicy::Overwrite;
