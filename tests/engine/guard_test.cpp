@@ -260,6 +260,9 @@ TEST_F(Guard, refuses_the_trash_of_a_volume_and_keeps_what_is_in_it_from_the_tra
     const bool bRan = runOnVolume(docs() / "source", docs() / "volume", [&](const fs::path& top) {
         const std::string user = std::to_string(geteuid());
         EXPECT_EQ(reason(top), "it is a mount point");
+        EXPECT_EQ(reason(top.parent_path()), "it holds the mount point" + top.string());
+        makeDirectory(top / "one");
+        EXPECT_EQ(reason(top / "one"), "");
         makeDirectory(top / ".Trash/4321");
         EXPECT_EQ(reason(top / ".Trash"), "") << "it is not this user's";
         for (const fs::path& trash : {top / ".Trash" / user, top / (".Trash-" + user)}) {
