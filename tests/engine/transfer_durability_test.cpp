@@ -166,6 +166,87 @@ TEST_F(CarryOutTransfer, a_rename_that_may_not_replace_what_is_there_is_taken_ba
     }
 }
 
+TEST_F(CarryOutTransfer, what_cannot_go_to_the_trash_is_not_replaced) {
+    answer(TavroConflictChoice::Overwrite);
+    for (const bool bMove : {false, true}) {
+        for (const char* name : {"file", "tree/inner"}) {
+            const std::string top = fs::path(name).begin()->string();
+            writeFile(source(name), "new");
+            writeFile(target(top), "old");
+            const FaultInjector faults({{"renameat2", EIO, "", 1, true, false, "Trash/files"}});
+            EXPECT_FALSE(run(bMove, {top}));
+            EXPECT_EQ(1, faults.fired());
+            EXPECT_EQ("failed: Cannot replace '/target/" + top +
+                          "': " + systemText(std::errc::io_error) + "\n",
+                      report());
+            EXPECT_EQ("", debris());
+            EXPECT_EQ("old", readFile(target(top)));
+            EXPECT_EQ("new", readFile(source(name)));
+            EXPECT_TRUE(fs::is_empty(m_home / ".local/share/Trash/info"));
+            EXPECT_TRUE(m_report.Replaced.empty());
+        }
+    }
+}
+
+TEST_F(CarryOutTransfer, what_can_neither_go_to_the_trash_nor_back_is_told) {
+    m_plan.ConflictPolicy = TavroTransferConflictPolicy::Overwrite;
+    writeFile(source("file"), "new");
+    writeFile(target("file"), "old");
+    const FaultInjector faults({{"renameat2", EIO, "", 1, true, false, "Trash/files"},
+                                {"renameat2", EPERM, target(".tavro-"), 3, true}});
+    EXPECT_FALSE(copy({"file"}));
+    EXPECT_TRUE(faults.eachFired());
+    EXPECT_NE(std::string::npos, report().find("'/target/.tavro-XXXXXX'")) << report();
+    EXPECT_EQ("new", readFile(target("file")));
+    EXPECT_EQ("old", readFile(debris().substr(0, debris().find('\n'))));
+}
+
+TEST_F(CarryOutTransfer, what_the_history_refuses_leaves_nothing) {
+    m_plan.ConflictPolicy = TavroTransferConflictPolicy::Overwrite;
+    m_callbacks.BeforeActs = [](auto, const std::vector<TavroStep>& steps) {
+        const bool bReplaces = std::any_of(steps.begin(), steps.end(), [](const TavroStep& step) {
+            return step.Role == TavroStepRole::Replaced;
+        });
+        return bReplaces ? TavroFailure{TavroFailureKind::HistoryBusy} : TavroFailure();
+    };
+    for (const bool bMove : {false, true}) {
+        writeFile(source("file"), "new");
+        writeFile(target("file"), "old");
+        writeFile(source("other"), "other");
+        add("other", "fresh/fresher/other");
+        add("file", "file");
+        EXPECT_FALSE(run(bMove));
+        EXPECT_EQ(TavroFailureKind::HistoryBusy, m_report.Failed.at(0).Kind);
+        EXPECT_EQ("", debris());
+        EXPECT_FALSE(isPresent(target("fresh")));
+        EXPECT_TRUE(m_report.CreatedDirectories.empty());
+        EXPECT_EQ("old", readFile(target("file")));
+        EXPECT_EQ("new", readFile(source("file")));
+        EXPECT_TRUE(fs::is_empty(m_home / ".local/share/Trash/info"));
+    }
+}
+
+/// As of two mounts of one file system.
+TEST_F(CarryOutTransfer, a_rename_that_has_to_be_a_copy_is_one_which_the_history_can_refuse) {
+    writeFile(source("tree/a"), "a");
+    for (const bool bRefused : {true, false}) {
+        bool bAsked = false;
+        m_callbacks.BeforeActs = [&](auto, const std::vector<TavroStep>& steps) {
+            const bool bCopy = steps.at(0).Source.Inode != 0;
+            bAsked = bAsked || bCopy;
+            EXPECT_FALSE(isPresent(target("tree")));
+            return bCopy && bRefused ? TavroFailure{TavroFailureKind::HistoryBusy} : TavroFailure();
+        };
+        const FaultInjector faults({{"renameat2", EXDEV, source("tree")}});
+        EXPECT_EQ(!bRefused, move({"tree"})) << report();
+        EXPECT_EQ(1, faults.fired());
+        EXPECT_TRUE(bAsked);
+        EXPECT_EQ("", debris());
+        EXPECT_EQ(bRefused, isPresent(source("tree/a")));
+        EXPECT_EQ(!bRefused, isPresent(target("tree/a")));
+    }
+}
+
 /// Where a file system does not keep changes in order.
 TEST_F(CarryOutTransfer, what_is_replaced_goes_for_good_when_the_new_entry_is_on_the_disk) {
     m_plan.ConflictPolicy = TavroTransferConflictPolicy::Overwrite;

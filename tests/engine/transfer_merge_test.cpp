@@ -185,6 +185,16 @@ TEST_F(ToldBefore, what_is_replaced_is_told_with_its_place_in_the_trash) {
     }
 }
 
+TEST_F(ToldBefore, what_is_copied_into_the_trash_is_told_with_both_files) {
+    TARGET_ELSEWHERE();
+    const auto told = toldOf(false, TavroStepRole::Replaced, true);
+    ASSERT_EQ(2U, told.size());
+    EXPECT_EQ(m_old, told[0].Identity);
+    EXPECT_EQ(m_old, told[1].Source);
+    EXPECT_EQ(TavroIdentityOf(statusOf(told[1].To)), told[1].Identity);
+    EXPECT_EQ(told[0].Staged, told[1].Staged);
+}
+
 TEST_F(ToldBefore, each_directory_that_is_created_is_told) {
     writeFile(source("1"), "1");
     writeFile(source("2"), "2");
