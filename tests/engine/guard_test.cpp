@@ -315,6 +315,10 @@ TEST_F(Guard, finds_each_of_several_mount_points_in_whatever_order_they_were_mou
     }
 }
 
+TEST_F(Guard, lets_a_file_with_the_name_of_the_history_go) {
+    EXPECT_EQ(reason(doc("history.db")), "");
+}
+
 TEST_F(Guard, asks_no_call_for_an_entry_and_reads_mounts_once_for_directories_alone) {
     makeDirectory(docs() / "directory");
     doc("file");

@@ -91,6 +91,19 @@ TEST_F(SelectEntry, two_dots_at_the_end_are_resolved_where_they_exist) {
     expect("folder/file/..", "folder/file/..", false);
 }
 
+TEST_F(SelectEntry, dots_at_the_end_are_no_names_in_a_directory_that_is_open) {
+    makeDirectory(m_box / "folder/sub");
+    TavroPlaces places;
+    TavroPlace place;
+    ASSERT_FALSE(places.Find(m_box / "folder/sub/file", place));
+    for (const auto& [text, name] :
+         {std::pair("folder/sub/.", "folder/sub"), std::pair("folder/sub/", "folder/sub"),
+          std::pair("folder/sub/..", "folder")}) {
+        ASSERT_FALSE(places.Find(m_box / text, place)) << text;
+        EXPECT_EQ(m_box / name, place.Path());
+    }
+}
+
 TEST_F(SelectEntry, two_dots_on_the_way_stay) {
     expect("link/../folder", "link/../folder", true);
 }
