@@ -26,8 +26,8 @@ class SelectionCheck {
 public:
     explicit SelectionCheck(const std::vector<TavroOperationEntry>& Entries) : m_entries(Entries) {}
 
-    /// The reasons, in order.
-    std::vector<TavroFailure> Run();
+    /// The reason against the first entry that must not go.
+    TavroFailure Run();
 
     /// One an entry, in order, from its own path to nowhere; complete when there was no reason.
     std::vector<TavroBatchStep> Steps;
@@ -48,21 +48,22 @@ private:
     std::string m_above;                                    ///< and what was found.
 };
 
-std::vector<TavroFailure> SelectionCheck::Run() {
-    std::vector<TavroFailure> reasons(m_entries.size());
+TavroFailure SelectionCheck::Run() {
+    std::vector<TavroFailure> reasons;
     Steps.reserve(m_entries.size());
-    for (std::size_t i = 0; i < m_entries.size(); ++i) {
+    for (const TavroOperationEntry& entry : m_entries) {
         Steps.push_back({});
         Volumes.push_back({});
-        reasons[i] = Look(m_entries[i]);
+        reasons.push_back(Look(entry));
     }
     for (std::size_t i = 0; i < m_entries.size(); ++i) {
-        reasons[i] = reasons[i] ? reasons[i] : LookInside(Steps[i].From);
-        reasons[i].Path = m_entries[i].Path;
+        TavroFailure reason = reasons[i] ? reasons[i] : LookInside(Steps[i].From);
+        if (reason) {
+            reason.Path = m_entries[i].Path;
+            return reason;
+        }
     }
-    const auto isNone = [](const TavroFailure& reason) { return !reason; };
-    reasons.erase(std::remove_if(reasons.begin(), reasons.end(), isNone), reasons.end());
-    return reasons;
+    return {};
 }
 
 TavroFailure SelectionCheck::Look(const TavroOperationEntry& Entry) {
@@ -116,10 +117,6 @@ TavroFailure SelectionCheck::LookInside(const std::string& OwnPath) {
 
 } // namespace
 
-std::vector<TavroFailure> TavroCheckTrashable(const std::vector<TavroOperationEntry>& Entries) {
-    return SelectionCheck(Entries).Run();
-}
-
 std::vector<TavroOperationEntry> TavroEntriesToCopy(const std::vector<TavroOperationEntry>& Entries,
                                                     const TavroTrashOptions& Options) {
     TavroTrashDestinations destinations(Options.bHome, Options.bSync);
@@ -136,7 +133,7 @@ std::vector<TavroOperationEntry> TavroEntriesToCopy(const std::vector<TavroOpera
         return copied;
     }
     SelectionCheck check(Entries);
-    const bool bMayGo = check.Run().empty();
+    const bool bMayGo = !check.Run();
     for (std::size_t i = 0; i < Entries.size() && bMayGo; ++i) {
         if (destinations.IsCopied(check.Volumes[i])) {
             copied.push_back(Entries[i]);
@@ -325,9 +322,9 @@ TavroTrashReport TavroTrashSelection(const std::vector<TavroOperationEntry>& Ent
         return Failed({TavroFailureKind::NothingSelected});
     }
     SelectionCheck check(Entries);
-    const std::vector<TavroFailure> reasons = check.Run();
-    if (!reasons.empty() || TavroFindTrashFolders().Root.empty()) {
-        return Failed(reasons.empty() ? TavroFailure{TavroFailureKind::NoHome} : reasons.front());
+    TavroFailure reason = check.Run();
+    if (reason || TavroFindTrashFolders().Root.empty()) {
+        return Failed(reason ? std::move(reason) : TavroFailure{TavroFailureKind::NoHome});
     }
     std::vector<TavroBatchStep>& steps = check.Steps;
     for (std::size_t i = 0; i < Origins.size(); ++i) {
