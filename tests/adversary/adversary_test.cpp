@@ -39,7 +39,7 @@ struct Scenario {
 };
 
 std::vector<TavroOperationEntry> treeOf(const World& world) {
-    return {TavroSelectEntry(world.tree())};
+    return {TavroNameEntry(world.tree())};
 }
 
 TavroTransferReport transfer(World& world, bool bMove, bool& bOutDone) {

@@ -88,11 +88,7 @@ inline bool runOnVolume(const fs::path& from, const fs::path& to,
 }
 
 inline std::vector<TavroOperationEntry> select(const std::vector<fs::path>& paths) {
-    std::vector<TavroOperationEntry> entries;
-    for (const fs::path& path : paths) {
-        entries.push_back(TavroSelectEntry(path.string()));
-    }
-    return entries;
+    return TavroNameEntries({paths.begin(), paths.end()});
 }
 
 /// How often each call is made while it lives.
