@@ -49,12 +49,6 @@ std::vector<TavroStep> StepsToCreate(const std::string& Path) {
     return steps;
 }
 
-TavroFailure Announce(const TavroCallbacks& Callbacks, TavroOperationKind What,
-                      const std::vector<TavroStep>& Steps) {
-    return Callbacks.BeforeActs && !Steps.empty() ? Callbacks.BeforeActs(What, Steps)
-                                                  : TavroFailure();
-}
-
 /// Brings what was created to the disk, with other changes. @return 0, or the error number.
 int Sync(TavroPlaces& Places, const std::vector<std::string>& Created, TavroChanges& IoChanges) {
     TavroPlace place;
@@ -160,9 +154,7 @@ TavroEditReport TavroRenameTo(const TavroOperationEntry& Entry, const std::strin
             !places.Find(target, to) &&
             TavroIsOtherSpelling(from.Number(), from.Name.c_str(), to.Number(), to.Name.c_str());
         staged = steps[0].Staged = bSpelling ? TavroStagingName() : "";
-        const auto announce = [&] {
-            return Announce(Callbacks, TavroOperationKind::Rename, steps);
-        };
+        const auto announce = [&] { return Callbacks.Announce(TavroOperationKind::Rename, steps); };
         failure = FindTarget(places, target, from, S_ISDIR(status.st_mode), announce,
                              report.CreatedDirectories, to);
     }
@@ -194,7 +186,7 @@ TavroEditReport TavroMakeDirectory(const std::string& Text, const std::string& B
     struct stat status = {};
     const std::string target = TavroResolveUserPath(text, BaseDirectory).string();
     TavroFailure failure =
-        Announce(Callbacks, TavroOperationKind::CreateDirectory, StepsToCreate(target));
+        Callbacks.Announce(TavroOperationKind::CreateDirectory, StepsToCreate(target));
     if (failure) {
         return {std::move(failure)};
     }
@@ -298,8 +290,8 @@ TavroFailure TavroDeleteForGood(const std::vector<TavroOperationEntry>& Entries,
                                 const TavroCallbacks& Callbacks) {
     std::vector<TavroStep> steps;
     const std::vector<TavroFailure> failures = Check(Entries, steps);
-    TavroFailure failure = failures.empty() ? Announce(Callbacks, TavroOperationKind::Delete, steps)
-                                            : failures.front();
+    TavroFailure failure =
+        failures.empty() ? Callbacks.Announce(TavroOperationKind::Delete, steps) : failures.front();
     return failure ? failure : Delete(steps, Callbacks);
 }
 

@@ -396,8 +396,7 @@ TavroFailure TavroReversal::RunMoves(const Steps& Of, std::vector<TavroBatchStep
         step.Source = m_bUndo ? made.Identity : Moves[i].Seen->State.Identity;
         step.Identity = m_bUndo ? Moves[i].Seen->State.Identity : made.Identity;
         step.Staged = name;
-        return m_callbacks.BeforeActs ? m_callbacks.BeforeActs(TavroOperationKind::Move, {step})
-                                      : TavroFailure();
+        return m_callbacks.Announce(TavroOperationKind::Move, {step});
     };
     m_report.Moves = TavroRunBatch(Moves, hooks, m_callbacks);
     Remember(m_report.Moves.CreatedDirectories);
@@ -454,7 +453,7 @@ TavroFailure TavroReversal::Trash(const Steps& Entries, std::vector<TavroStep>& 
         for (TavroStep& step : told) {
             step.Role = As;
         }
-        return m_callbacks.BeforeActs ? m_callbacks.BeforeActs(kind, told) : TavroFailure();
+        return m_callbacks.Announce(kind, told);
     };
     if (!failure && !entries.empty()) {
         m_report.Trash = TavroTrashSelection(entries, callbacks, expected, origins, options);
@@ -531,7 +530,7 @@ TavroFailure TavroReversal::Restore(Role What) {
         for (TavroStep& step : more) {
             step.Role = What;
         }
-        return m_callbacks.BeforeActs ? m_callbacks.BeforeActs(kind, more) : TavroFailure();
+        return m_callbacks.Announce(kind, more);
     };
     m_report.Trash = TavroRestoreSelection(entries, callbacks, true);
     struct timespec now = {}; // until when files may have come from other file systems

@@ -261,8 +261,7 @@ TavroFailure Trashing::AnnounceCopy(std::size_t Index, const TavroFileState& Mad
     std::vector<TavroStep> steps = StepsOf({m_steps[Index]});
     steps[0].Source = std::exchange(steps[0].Identity, Made.Identity);
     steps[0].Staged = Staged;
-    return m_callbacks.BeforeActs ? m_callbacks.BeforeActs(TavroOperationKind::Trash, steps)
-                                  : TavroFailure();
+    return m_callbacks.Announce(TavroOperationKind::Trash, steps);
 }
 
 TavroFailure Trashing::Claim(std::size_t Index) {
@@ -507,8 +506,7 @@ TavroTrashReport TavroRestoreSelection(const std::vector<TavroTrashedEntry>& Ent
         std::vector<TavroStep> step = StepsToRestore({steps[i]});
         step[0].Source = made.Identity; // it goes back
         step[0].Staged = name;
-        return Callbacks.BeforeActs ? Callbacks.BeforeActs(TavroOperationKind::Restore, step)
-                                    : TavroFailure();
+        return Callbacks.Announce(TavroOperationKind::Restore, step);
     };
     hooks.Finish = [&](TavroChanges& changes) { RemoveRecords(steps, changes); };
     TavroTrashReport report;
