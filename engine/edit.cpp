@@ -17,12 +17,12 @@ using Kind = TavroFailureKind;
 /// @param OutBirth  when given, the moment at which it was created.
 TavroFailure Look(TavroPlaces& Places, const std::string& Path, TavroPlace& OutPlace,
                   struct stat& OutStatus, std::int64_t* OutBirth = nullptr) {
-    const TavroFailure failure = Places.Find(Path, OutPlace);
-    const char* name = OutPlace.Name.c_str();
-    const int error = failure ? failure.Error.value()
-                      : OutBirth
-                          ? TavroStatWithBirthAt(OutPlace.Number(), name, OutStatus, *OutBirth)
-                          : TavroStatAt(OutPlace.Number(), name, OutStatus);
+    int error = Places.Find(Path, OutPlace).Error.value();
+    if (error == 0) {
+        error = OutBirth == nullptr ? TavroLookAt(OutPlace, OutStatus)
+                                    : TavroStatWithBirthAt(OutPlace.Number(), OutPlace.Name.c_str(),
+                                                           OutStatus, *OutBirth);
+    }
     const Kind kind = TavroIsMissing(error) ? Kind::NoSuchEntry : Kind::LookAt;
     return error == 0 ? TavroFailure() : TavroFail(kind, error, Path);
 }

@@ -245,6 +245,11 @@ TavroFailure TavroPlaces::Find(const std::string& Path, TavroPlace& OutPlace) {
     return {};
 }
 
+int TavroPlaces::Look(const std::string& Path, TavroPlace& OutPlace, struct stat& OutStatus) {
+    const TavroFailure failure = Find(Path, OutPlace);
+    return failure ? failure.Error.value() : TavroLookAt(OutPlace, OutStatus);
+}
+
 TavroFailure TavroPlaces::FindAgain(TavroPlace& IoPlace) {
     const TavroDirectory& was = *IoPlace.Directory;
     TavroPlace place = {FindOpen(was.Path, was.Path.size()), IoPlace.Name};

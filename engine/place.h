@@ -61,6 +61,11 @@ public:
     ///         byte (EINVAL), one that ends in `..` and cannot be resolved.
     TavroFailure Find(const std::string& Path, TavroPlace& OutPlace);
 
+    /// Finds the place of an entry, and looks at it, and at no target of a link.
+    /// @param OutPlace  as Find sets it, whether something is there or not.
+    /// @return 0, or the error number of either.
+    int Look(const std::string& Path, TavroPlace& OutPlace, struct stat& OutStatus);
+
     /// As Find; directories that are missing above the entry are created, and entered without
     /// following a link that somebody has put in their place meanwhile.
     ///

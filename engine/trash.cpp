@@ -72,9 +72,7 @@ TavroFailure SelectionCheck::Look(const TavroOperationEntry& Entry) {
     }
     TavroPlace place;
     struct stat status = {};
-    TavroFailure failure = m_places.Find(Entry.Path, place);
-    const int error = failure ? failure.Error.value() : TavroLookAt(place, status);
-    if (error != 0) {
+    if (const int error = m_places.Look(Entry.Path, place, status)) {
         return TavroFail(TavroFailureKind::RefuseTrash, error, "");
     }
     TavroBatchStep& step = Steps.back();
@@ -84,7 +82,7 @@ TavroFailure SelectionCheck::Look(const TavroOperationEntry& Entry) {
     if (S_ISDIR(status.st_mode)) {
         m_directories.insert(step.From);
     }
-    failure = m_guard.Check(place, status);
+    TavroFailure failure = m_guard.Check(place, status);
     if (!failure && IsSelectedTwice(Steps.size() - 1)) {
         failure = {TavroFailureKind::RefuseTrash, TavroRefusal::SelectedTwice};
     }

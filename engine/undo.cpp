@@ -447,8 +447,7 @@ TavroFailure TavroCheckUndo(const TavroOperation& Operation, bool& bOutNothingLe
     const auto mayBeThere = [&](const TavroStep& step) {
         TavroPlace place;
         struct stat status = {};
-        return !places.Find(step.To, place) && TavroLookAt(place, status) == 0 &&
-               !TavroKeepsInodes(place.Number());
+        return places.Look(step.To, place, status) == 0 && !TavroKeepsInodes(place.Number());
     };
     const auto isThere = [&](const TavroStep& step) {
         const TavroWhereabouts where = TavroFindStep(step, places);
@@ -481,7 +480,7 @@ void TavroCompleteOperation(TavroOperation& Operation) {
         struct stat status = {};
         step.ChangeTime = step.ChangeTime != 0 ? step.ChangeTime : TavroNanoseconds(now);
         if (step.Identity.Inode == 0 && step.Role != Role::RemovedDirectory &&
-            !places.Find(step.To, place) && TavroLookAt(place, status) == 0) {
+            places.Look(step.To, place, status) == 0) {
             step.Identity = TavroIdentityOf(status);
             step.Mode = step.Role == Role::CreatedDirectory ? status.st_mode & 07777U : step.Mode;
         }
