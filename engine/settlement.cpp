@@ -232,7 +232,7 @@ bool Settlement::IsEarlier(const TavroStep& Step) {
 TavroFailure Settlement::TrashAgain(TavroStep& IoStep, const std::string& Hidden) {
     const TavroTrashReport report =
         TavroTrashSelection({TavroNameEntry(Hidden)}, m_callbacks, {}, {IoStep.From});
-    if (report) {
+    if (!report.Batch.Failure) {
         IoStep.To = report.Entries[0].Entry.TrashPath;
         IoStep.Record = report.Entries[0].Entry.InfoPath;
         IoStep.Identity = report.Entries[0].Item;

@@ -344,7 +344,7 @@ TavroTrashReport TavroTrashSelection(const std::vector<TavroOperationEntry>& Ent
     };
     TavroTrashReport report;
     report.Batch = TavroRunBatch(steps, hooks, Callbacks);
-    if (!report) {
+    if (report.Batch.Failure) {
         TellWhatIsLeft(
             steps, [&](std::size_t i) { return InTrash(steps[i]); }, report);
         return report;
@@ -510,7 +510,7 @@ TavroTrashReport TavroRestoreSelection(const std::vector<TavroTrashedEntry>& Ent
     TavroTrashReport report;
     report.bRestoring = true;
     report.Batch = TavroRunBatch(steps, hooks, Callbacks);
-    if (!report) {
+    if (report.Batch.Failure) {
         report.Batch.Failure = AsOfTrash(std::move(report.Batch.Failure));
         const auto entryOf = [&](std::size_t i) { return *restorations[i].Trashed; };
         TavroChanges changes(Callbacks.bSync);

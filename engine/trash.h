@@ -33,10 +33,6 @@ struct TavroTrashReport {
     std::vector<TavroTrashedEntry> Entries = {};
 
     bool bRestoring = false; ///< The report is of a restore, not of a trashing.
-
-    explicit operator bool() const {
-        return !Batch.Failure;
-    }
 };
 
 /// Which trash takes what is on another mount than the home trash. That of its own volume, unless

@@ -203,7 +203,7 @@ protected:
     static TavroTrashReport trashInVain(const std::vector<fs::path>& paths,
                                         const TavroCallbacks& callbacks = {}) {
         TavroTrashReport report = TavroTrashSelection(select(paths), callbacks);
-        EXPECT_FALSE(report);
+        EXPECT_TRUE(report.Batch.Failure);
         EXPECT_TRUE(report.Entries.empty());
         return report;
     }
@@ -215,7 +215,7 @@ protected:
     static TavroTrashReport restoreInVain(const std::vector<TavroTrashedEntry>& entries,
                                           const TavroCallbacks& callbacks = {}) {
         TavroTrashReport report = TavroRestoreSelection(entries, callbacks);
-        EXPECT_FALSE(report);
+        EXPECT_TRUE(report.Batch.Failure);
         return report;
     }
 

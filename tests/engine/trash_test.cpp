@@ -194,7 +194,7 @@ TEST_F(TrashSelection, takes_the_name_of_a_path_that_ends_in_a_separator) {
     makeDirectory(docs() / "directory");
     const TavroTrashReport report =
         TavroTrashSelection({{"directory", (docs() / "directory/").string(), true}}, {});
-    ASSERT_TRUE(report) << TavroDescribe(report);
+    ASSERT_EQ(TavroDescribe(report), "");
     EXPECT_EQ(report.Entries[0].Entry.TrashPath, item("directory").string());
     EXPECT_EQ(report.Entries[0].Entry.OriginalPath, (docs() / "directory").string());
 }
@@ -488,7 +488,7 @@ std::map<std::string, int> callsForFiles(const fs::path& directory, int count) {
     std::map<std::string, int> calls;
     const CallObserver observer(
         [&](const std::string& call, const std::string&) { ++calls[call]; });
-    EXPECT_TRUE(TavroTrashSelection(entries, {}));
+    EXPECT_EQ(reasonAgainst(entries), "");
     return calls;
 }
 
@@ -516,7 +516,7 @@ TEST_F(TrashSelection, costs_the_same_for_each_of_many_files_of_one_name) {
         }
         const auto entries = select(paths);
         CallCounts counts;
-        EXPECT_TRUE(TavroTrashSelection(entries, {}));
+        EXPECT_EQ(reasonAgainst(entries), "");
         return counts.all();
     };
     const double few = callsFor(20);
@@ -630,7 +630,7 @@ TEST_F(TrashFromAfar, that_is_cancelled_is_undone_wherever_that_happens) {
     for (int time = 1;; ++time) {
         const TavroTrashReport report =
             TavroTrashSelection(select(all()), whenAsked(time, [] { return true; }));
-        if (report) {
+        if (!report.Batch.Failure) {
             break;
         }
         ++cancelled;
@@ -728,7 +728,7 @@ TEST_F(RestoreToAfar, that_is_cancelled_leaves_everything_in_the_trash) {
     for (int time = 1;; ++time) {
         const TavroTrashReport report =
             TavroRestoreSelection(again, whenAsked(time, [] { return true; }));
-        if (report) {
+        if (!report.Batch.Failure) {
             break;
         }
         ++cancelled;

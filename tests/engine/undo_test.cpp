@@ -4,6 +4,7 @@
 #include "history_support.h"
 #include "undo.h"
 
+#include "record.h"
 #include "transfer.h"
 
 #include "fault_injector.h"
