@@ -33,9 +33,8 @@ void RenewCopies(std::vector<TavroStep>& IoSteps) {
 TavroIdentity TavroIdentityAt(TavroPlaces& Places, const std::string& Path) {
     TavroPlace place;
     struct stat status = {};
-    return !Path.empty() && !Places.Find(Path, place) && TavroLookAt(place, status) == 0
-               ? TavroIdentityOf(status)
-               : TavroIdentity();
+    return !Path.empty() && Places.Look(Path, place, status) == 0 ? TavroIdentityOf(status)
+                                                                  : TavroIdentity();
 }
 
 bool TavroGoesBack(const TavroOperation& Operation) {
@@ -156,8 +155,7 @@ void AddLeftoversBelow(const std::string& Directory, std::set<std::string>& OutP
     TavroPlaces places;
     TavroPlace place;
     struct stat status = {};
-    if (places.Find(Directory, place) || TavroLookAt(place, status) != 0 ||
-        !S_ISDIR(status.st_mode)) {
+    if (places.Look(Directory, place, status) != 0 || !S_ISDIR(status.st_mode)) {
         return;
     }
     TavroTreeWalk walk(place.Number(), place.Name);

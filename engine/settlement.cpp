@@ -133,8 +133,8 @@ TavroFailure Settlement::SettleBoth(const TavroStep& Step, TavroWhereabouts& Out
     }
     struct stat source = {};
     TavroPlace place;
-    const bool bFile = !m_places.Find(Step.From, place) && TavroLookAt(place, source) == 0 &&
-                       !S_ISDIR(source.st_mode); // which is whole
+    const bool bFile =
+        m_places.Look(Step.From, place, source) == 0 && !S_ISDIR(source.st_mode); // which is whole
     if (bFile && Step.SourceTime != 0 && TavroNanoseconds(source.st_ctim) != Step.SourceTime) {
         return RemoveCopy(Step); // somebody has gone on working with it
     }
@@ -223,8 +223,8 @@ bool Settlement::IsEarlier(const TavroStep& Step) {
     const std::string hidden = TavroIsTrashed(Step) ? "" : Beside(Step.To, Step.Staged);
     TavroPlace place;
     struct stat status = {};
-    return m_bGoOn && m_bSameStart && !hidden.empty() && !m_places.Find(hidden, place) &&
-           TavroLookAt(place, status) == 0 && S_ISDIR(status.st_mode) &&
+    return m_bGoOn && m_bSameStart && !hidden.empty() &&
+           m_places.Look(hidden, place, status) == 0 && S_ISDIR(status.st_mode) &&
            status.st_ino == Step.Identity.Inode;
 }
 
@@ -232,7 +232,7 @@ bool Settlement::IsEarlier(const TavroStep& Step) {
 TavroFailure Settlement::TrashAgain(TavroStep& IoStep, const std::string& Hidden) {
     const TavroTrashReport report =
         TavroTrashSelection({TavroNameEntry(Hidden)}, m_callbacks, {}, {IoStep.From});
-    if (report) {
+    if (!report.Batch.Failure) {
         IoStep.To = report.Entries[0].Entry.TrashPath;
         IoStep.Record = report.Entries[0].Entry.InfoPath;
         IoStep.Identity = report.Entries[0].Item;
@@ -261,8 +261,7 @@ TavroFailure Settlement::KeepReplaced(const TavroStep& Step, const std::vector<T
     TavroStep old = {Role::Replaced, Step.To};
     TavroPlace place;
     struct stat status = {};
-    const bool bWhole = !m_places.Find(hidden, place) && TavroLookAt(place, status) == 0 &&
-                        !S_ISDIR(status.st_mode);
+    const bool bWhole = m_places.Look(hidden, place, status) == 0 && !S_ISDIR(status.st_mode);
     TavroFailure failure = TrashAgain(old, hidden);
     if (!failure && bWhole) { // of a directory a part may be gone: it does not come back
         OutSteps.push_back(std::move(old));

@@ -447,8 +447,7 @@ TavroFailure TavroCheckUndo(const TavroOperation& Operation, bool& bOutNothingLe
     const auto mayBeThere = [&](const TavroStep& step) {
         TavroPlace place;
         struct stat status = {};
-        return !places.Find(step.To, place) && TavroLookAt(place, status) == 0 &&
-               !TavroKeepsInodes(place.Number());
+        return places.Look(step.To, place, status) == 0 && !TavroKeepsInodes(place.Number());
     };
     const auto isThere = [&](const TavroStep& step) {
         const TavroWhereabouts where = TavroFindStep(step, places);
@@ -470,22 +469,6 @@ TavroUndoReport TavroRedo(TavroHistory& History, const TavroCallbacks& Callbacks
 TavroUndoReport TavroResume(TavroHistory& History, const TavroTransferCallbacks& Callbacks) {
     return Going(History, Callbacks)
         .Run(&TavroHistory::NextToResume, Kind::NothingToResume, false, true);
-}
-
-void TavroCompleteOperation(TavroOperation& Operation) {
-    struct timespec now = {};
-    clock_gettime(CLOCK_REALTIME, &now);
-    TavroPlaces places;
-    for (TavroStep& step : Operation.Steps) {
-        TavroPlace place;
-        struct stat status = {};
-        step.ChangeTime = step.ChangeTime != 0 ? step.ChangeTime : TavroNanoseconds(now);
-        if (step.Identity.Inode == 0 && step.Role != Role::RemovedDirectory &&
-            !places.Find(step.To, place) && TavroLookAt(place, status) == 0) {
-            step.Identity = TavroIdentityOf(status);
-            step.Mode = step.Role == Role::CreatedDirectory ? status.st_mode & 07777U : step.Mode;
-        }
-    }
 }
 
 std::string TavroDescribe(const TavroUndoReport& Report) {

@@ -52,10 +52,6 @@ TavroFailure TavroCheckUndo(const TavroOperation& Operation, bool& bOutNothingLe
 /// DeletionIsFinal when it has ended.
 TavroUndoReport TavroResume(TavroHistory& History, const TavroTransferCallbacks& Callbacks);
 
-/// Looks up, for an operation that is to be recorded, what its steps leave open: which file is at
-/// `To`, and the mode of a created directory.
-void TavroCompleteOperation(TavroOperation& Operation);
-
 /// The sentence of a report; empty after success.
 std::string TavroDescribe(const TavroUndoReport& Report);
 

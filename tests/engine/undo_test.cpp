@@ -4,6 +4,7 @@
 #include "history_support.h"
 #include "undo.h"
 
+#include "record.h"
 #include "transfer.h"
 
 #include "fault_injector.h"
@@ -158,7 +159,7 @@ public: // the steps are passed on as pointers to members
     void trashAndRecord(const std::vector<std::string>& names) const {
         std::vector<TavroOperationEntry> entries;
         for (const std::string& name : names) {
-            entries.push_back(TavroSelectEntry(work(name)));
+            entries.push_back(TavroNameEntry(work(name)));
         }
         const TavroTrashReport report = TavroTrashSelection(entries, {});
         ASSERT_EQ(TavroDescribe(report), "");
@@ -884,7 +885,7 @@ TEST_F(Undo, trashing_again_takes_another_name_and_is_undone_by_that) {
     trashAndRecord({"a"});
     ASSERT_TRUE(undo().bDone);
     writeFile(work("other/a"), "second");
-    ASSERT_EQ(TavroDescribe(TavroTrashSelection({TavroSelectEntry(work("other/a"))}, {})), "");
+    ASSERT_EQ(TavroDescribe(TavroTrashSelection({TavroNameEntry(work("other/a"))}, {})), "");
     const Outcome redone = redo();
     ASSERT_TRUE(redone.bDone) << redone.Message;
     ASSERT_EQ(redone.Report.Operation.Steps.size(), 1U);
