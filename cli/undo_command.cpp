@@ -66,6 +66,9 @@ std::function<Manner()> AddManner(CLI::App& Command) {
 
 /// Says what became of it, of what failed, and what could not be kept.
 int PrintReport(const TavroUndoReport& Report, const std::string& Title, const Manner& How) {
+    for (const std::string& path : Report.Rests) {
+        TavroPrintError("What was left at '" + path + "' is in the trash");
+    }
     TavroPrintSkipped(Report.Transfer.Skipped, How.bVerbose);
     TavroPrintFailures(Report.Transfer.Failed);
     const bool bUnsettled = Report.Transfer.bUnsettled;

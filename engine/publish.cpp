@@ -409,6 +409,8 @@ void TavroTransferRun::Note(TavroPendingEntry& Entry) {
     if (Entry.bDone && (!report.Failure || report.bPartlyMoved)) {
         m_report.Done.push_back({Entry.AskedFrom(), to, Entry.bExchange, report.Arrived});
     }
+    // It is in both places, in part at least, until a look at the operation settles it.
+    m_report.bUnsettled = m_report.bUnsettled || report.bCopyStays;
     if (report.Failure.Kind == Kind::Cancelled) {
         m_report.bCancelled = true;
     } else if (report.Failure) {

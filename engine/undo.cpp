@@ -81,8 +81,8 @@ TavroFailure Going::Settle(bool& IoUndo, bool bResume) {
     std::vector<TavroStep> notDone;
     const TavroOperationState state = operation.State;
     const bool bDoing = state == TavroOperationState::Doing;
-    TavroFailure failure =
-        TavroSettle(m_history, operation, bDoing && bResume, m_callbacks, done, notDone);
+    TavroFailure failure = TavroSettle(m_history, operation, bDoing && bResume, m_callbacks, done,
+                                       notDone, m_report.Rests);
     m_before.Steps = operation.Steps;
     if (operation.Kind == TavroOperationKind::Restore) {
         // Its records need not tell of the places that were chosen.

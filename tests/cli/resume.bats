@@ -481,6 +481,50 @@ needs_two_file_systems() {
   rm -r "$there"
 }
 
+@test "a move that could not remove all of its source is undone or finished, and the rest is kept" {
+  needs_strace
+  needs_two_file_systems
+  for next in undo resume; do
+    mkdir d
+    echo a >d/a
+    echo b >d/b
+    echo e >e
+    run -1 --separate-stderr strace -qq -o "$scratch/calls" -e trace=unlinkat \
+      -e inject=unlinkat:error=EPERM:when=1 "$TAVRO" move d e "$there/"
+    [[ $stderr == *"tavro: Not finished: 'tavro resume' continues, 'tavro undo' takes it back" ]]
+    local left
+    left=$(ls d)
+    [[ $left == [ab] ]]
+    expect "$(ls "$there")" $'d\ne'
+    run -0 tavro history
+    [[ ${lines[0]} == *'(interrupted, 1 of 2 done)' ]]
+    run -0 --separate-stderr tavro "$next"
+    expect "$stderr" "tavro: What was left at '$PWD/d' is in the trash"
+    expect "$(ls "$HOME"/.local/share/Trash/files/d*)" "$left"
+    if [ "$next" = resume ]; then
+      expect "$(ls; ls "$there" "$there/d")" "$there:"$'\nd\ne\n\n'"$there/d:"$'\na\nb'
+      run -0 tavro undo
+    fi
+    expect "$(cat d/a d/b e; ls "$there")" $'a\nb\ne'
+    tavro empty -fq
+    rm -r d e
+  done
+  rm -r "$there"
+}
+
+@test "what a move has replaced comes back when its source could not be removed" {
+  needs_strace
+  needs_two_file_systems
+  echo new >f
+  echo old >"$there/f"
+  run -1 strace -qq -o "$scratch/calls" -e trace=unlinkat -e inject=unlinkat:error=EPERM:when=2 \
+    "$TAVRO" move --on-conflict overwrite f "$there/"
+  expect "$(cat f "$there/f")" $'new\nnew'
+  run -0 tavro undo
+  expect "$(cat f "$there/f")" $'new\nold'
+  rm -r "$there"
+}
+
 @test "who settles an operation leaves what others have hidden in the same directory" {
   needs_strace
   mkdir d other
