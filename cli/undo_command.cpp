@@ -66,8 +66,11 @@ std::function<Manner()> AddManner(CLI::App& Command) {
 
 /// Says what became of it, of what failed, and what could not be kept.
 int PrintReport(const TavroUndoReport& Report, const std::string& Title, const Manner& How) {
-    for (const std::string& path : Report.Rests) {
-        TavroPrintError("What was left at '" + path + "' is in the trash");
+    if (!Report.Rests.empty()) {
+        const std::size_t more = Report.Rests.size() - 1;
+        TavroPrintError("What was left at '" + Report.Rests.front() + "'" +
+                        (more == 0 ? "" : " and " + TavroGroupedNumber(more) + " more") +
+                        " is in the trash");
     }
     TavroPrintSkipped(Report.Transfer.Skipped, How.bVerbose);
     TavroPrintFailures(Report.Transfer.Failed);

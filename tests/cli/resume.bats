@@ -512,6 +512,17 @@ needs_two_file_systems() {
   rm -r "$there"
 }
 
+@test "the rests of a killed move are told in one line" {
+  needs_strace
+  needs_two_file_systems
+  echo text | tee a b c >/dev/null
+  killed_at unlinkat 2 "$TAVRO" move a b c "$there/"
+  run -0 --separate-stderr tavro undo
+  expect "$stderr" "tavro: What was left at '$PWD/b' and 1 more is in the trash"
+  expect "$(ls)" $'a\nb\nc'
+  rm -r "$there"
+}
+
 @test "what a move has replaced comes back when its source could not be removed" {
   needs_strace
   needs_two_file_systems
