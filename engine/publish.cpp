@@ -194,15 +194,8 @@ TavroFailure TavroTransferRun::Journal(const std::vector<TavroPendingEntry>& Ent
     }
     for (TavroEmptied& emptied : m_emptied) {
         if (!std::exchange(emptied.bTold, true)) {
-            steps.push_back({TavroStepRole::RemovedDirectory,
-                             emptied.Path,
-                             "",
-                             "",
-                             {},
-                             0,
-                             emptied.Mode,
-                             false,
-                             emptied.Attributes});
+            steps.push_back({TavroStepRole::RemovedDirectory, emptied.Path, "", "",
+                             emptied.Identity, 0, emptied.Mode, false, emptied.Attributes});
         }
     }
     return Tell(steps);

@@ -512,6 +512,23 @@ needs_two_file_systems() {
   rm -r "$there"
 }
 
+@test "a merge that was killed as it removed what it had emptied leaves no directory when it is redone" {
+  needs_strace
+  for when in 1 2 3; do
+    mkdir -p d/{a,e} t/d/{a,e}
+    echo text | tee d/1 d/a/2 >/dev/null
+    chmod 711 d/a
+    killed_at unlinkat "$when" "$TAVRO" move d t/
+    run -0 tavro undo
+    expect "$(find d t -type f | sort)" $'d/1\nd/a/2'
+    run -0 tavro redo
+    expect "$(ls)" t
+    run -0 tavro undo
+    expect "$(find d t -type f | sort)$(stat -c ' %a' d/a)" $'d/1\nd/a/2 711'
+    rm -r d t
+  done
+}
+
 @test "the rests of a killed move are told in one line" {
   needs_strace
   needs_two_file_systems
