@@ -529,6 +529,16 @@ needs_two_file_systems() {
   done
 }
 
+@test "a directory that a killed redo was to create gets the mode that it had" {
+  needs_strace
+  echo text >f
+  (umask 022 && tavro copy -q f new/g)
+  tavro undo -q
+  killed_at fsync 1 "$TAVRO" redo
+  run -0 tavro resume
+  expect "$(stat -c %a new)$(cat new/g)" 755text
+}
+
 @test "the rests of a killed move are told in one line" {
   needs_strace
   needs_two_file_systems
