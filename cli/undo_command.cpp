@@ -128,6 +128,10 @@ TavroFailure FindDetour(TavroHistory& History, TavroFailure Newest, Detour& Out)
         }
         TavroFailure why = History.Read(operations[i].Id, operation);
         why = why || !operation ? why : TavroCheckUndo(*operation, bNothingLeft);
+        if (Newest.Kind == TavroFailureKind::HistoryInvalid && why.Kind != Newest.Kind) {
+            Out.PassedOver.push_back(TavroDescribe(std::exchange(Newest, {}))); // it is not listed
+            Out.bAgreed = false;
+        }
         why = Out.PassedOver.empty() ? std::exchange(Newest, {}) : why;
         const std::string what = TavroOperationText(operations[i], counts[i]);
         Out.Text = std::to_string(operations[i].Id) + " " + TavroKindText(operations[i].Kind) +
@@ -138,6 +142,9 @@ TavroFailure FindDetour(TavroHistory& History, TavroFailure Newest, Detour& Out)
         } else {
             Out.Id = operations[i].Id;
         }
+    }
+    if (Newest) { // nothing is listed
+        Out.PassedOver.push_back(TavroDescribe(Newest));
     }
     return failure;
 }
