@@ -207,6 +207,10 @@ TavroFailure Going::Transfer(TavroTransferCallbacks Callbacks) {
             TavroRemoveTree(place, {TavroIdentity{device, copy.Made.Inode}});
         }
     }
+    // Ended, nobody would know of what was replaced by nothing.
+    bOpen = bOpen || std::any_of(m_settled.begin(), m_settled.end(), [](const TavroStep& step) {
+                return step.Role == Role::Replaced && !TavroIsPresent(step.From);
+            });
     m_report.Transfer.bUnsettled = m_report.Transfer.bUnsettled || bOpen;
     operation.Steps = TavroOperationOf(m_report.Transfer, plan.bMove).Steps;
     TavroCompleteOperation(operation);

@@ -512,6 +512,21 @@ needs_two_file_systems() {
   rm -r "$there"
 }
 
+@test "a resumption that leaves nothing in the place of what was replaced can still be undone" {
+  needs_strace
+  needs_two_file_systems
+  echo new >f
+  echo old >"$there/f"
+  command -v chattr >/dev/null && chattr +i f 2>/dev/null || skip 'no file can be made immutable here'
+  run -1 tavro move --on-conflict overwrite f "$there/"
+  run -1 --separate-stderr tavro resume
+  chattr -i f
+  [[ $stderr == *"tavro: Not finished: 'tavro resume' continues, 'tavro undo' takes it back" ]]
+  run -0 tavro undo
+  expect "$(cat f "$there/f")" $'new\nold'
+  rm -r "$there"
+}
+
 @test "a merge that was killed as it removed what it had emptied leaves no directory when it is redone" {
   needs_strace
   for when in 1 2 3; do
