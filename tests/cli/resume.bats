@@ -527,6 +527,20 @@ needs_two_file_systems() {
   rm -r "$there"
 }
 
+@test "what was settled keeps its place among the steps" {
+  needs_strace
+  tavro mkdir a/b/c
+  killed_at unlinkat 2 "$TAVRO" undo
+  [ -d a/b ]
+  run -0 tavro resume
+  expect "$(ls)" ''
+  run -0 tavro redo
+  run -0 tavro history
+  [[ $output == *"  mkdir  $PWD/a and 2 more" ]]
+  run -0 tavro undo
+  expect "$(ls)" ''
+}
+
 @test "a merge that was killed as it removed what it had emptied leaves no directory when it is redone" {
   needs_strace
   for when in 1 2 3; do
