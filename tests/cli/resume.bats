@@ -541,6 +541,22 @@ needs_two_file_systems() {
   expect "$(ls)" ''
 }
 
+@test "an entry that a killed redo moves before its directory is still moved before it" {
+  needs_strace
+  needs_two_file_systems
+  mkdir d
+  echo x >d/x
+  echo y >d/y
+  tavro move -q d/x d "$there/"
+  run -0 tavro undo
+  killed_at linkat 1 "$TAVRO" redo
+  run -0 tavro resume
+  expect "$(ls; cat "$there"/x "$there"/d/*)" $'x\ny'
+  run -0 tavro undo
+  expect "$(cat d/*; ls "$there")" $'x\ny'
+  rm -r "$there"
+}
+
 @test "a merge that was killed as it removed what it had emptied leaves no directory when it is redone" {
   needs_strace
   for when in 1 2 3; do
