@@ -231,15 +231,8 @@ TavroFailure TavroTransferRun::Journal(const Entries& Waiting) {
     }
     for (TavroEmptied& emptied : m_emptied) {
         if (!std::exchange(emptied.bTold, true)) {
-            steps.push_back({TavroStepRole::RemovedDirectory,
-                             emptied.Path,
-                             "",
-                             "",
-                             {},
-                             0,
-                             emptied.Mode,
-                             false,
-                             emptied.Attributes});
+            steps.push_back({TavroStepRole::RemovedDirectory, emptied.Path, "", "",
+                             emptied.Identity, 0, emptied.Mode, false, emptied.Attributes});
         }
     }
     return Tell(steps);
@@ -446,6 +439,8 @@ void TavroTransferRun::Note(TavroPendingEntry& Entry) {
     if (Entry.bDone && (!report.Failure || report.bPartlyMoved)) {
         m_report.Done.push_back({Entry.AskedFrom(), to, Entry.bExchange, report.Arrived});
     }
+    // It is in both places, in part at least, until a look at the operation settles it.
+    m_report.bUnsettled = m_report.bUnsettled || report.bCopyStays;
     if (report.Failure.Kind == Kind::Cancelled) {
         m_report.bCancelled = true;
     } else if (report.Failure) {

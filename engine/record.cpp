@@ -85,7 +85,9 @@ void TavroCompleteOperation(TavroOperation& Operation) {
         if (step.Identity.Inode == 0 && step.Role != Role::RemovedDirectory &&
             places.Look(step.To, place, status) == 0) {
             step.Identity = TavroIdentityOf(status);
-            step.Mode = step.Role == Role::CreatedDirectory ? status.st_mode & 07777U : step.Mode;
+            step.Mode = step.Role == Role::CreatedDirectory && step.Mode == 0
+                            ? status.st_mode & 07777U
+                            : step.Mode; // where it is known it may still be on its way
         }
     }
 }

@@ -9,6 +9,7 @@
 #include <map>
 #include <set>
 #include <tuple>
+#include <utility>
 
 namespace {
 
@@ -51,8 +52,11 @@ std::vector<TavroStep> TavroLatestOf(const std::vector<TavroStep>& Steps) {
         latestLike(step) = &step;
     }
     std::vector<TavroStep> steps;
-    std::copy_if(Steps.begin(), Steps.end(), std::back_inserter(steps),
-                 [&](const TavroStep& step) { return latestLike(step) == &step; });
+    for (const TavroStep& step : Steps) {
+        if (const TavroStep* last = std::exchange(latestLike(step), nullptr)) {
+            steps.push_back(*last);
+        }
+    }
     RenewCopies(steps);
     return steps;
 }

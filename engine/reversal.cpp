@@ -332,9 +332,11 @@ TavroFailure TavroReversal::CheckCreated() {
     });
 }
 
-/// Removes all directories of an operation that created nothing else, or none.
+/// Removes all directories of an operation that created nothing else, or none. What is created
+/// again after a failure is another directory, and the report tells which.
 TavroFailure TavroReversal::RemoveCreated() {
     TavroFailure failure = CheckCreated();
+    const std::vector<TavroStep> before = failure ? std::vector<TavroStep>() : m_steps;
     if (failure || !(failure = RemoveDirectories())) {
         return failure;
     }
@@ -342,6 +344,14 @@ TavroFailure TavroReversal::RemoveCreated() {
     again.CheckToMake();
     again.MakeDirectories();
     again.SetModes();
+    again.m_changes.Flush(); // that nothing was done must hold, too
+    m_steps = before;
+    for (const TavroStep& step : m_steps) {
+        const auto made = again.m_made.find(TavroDirectoryOf(step));
+        if (made != again.m_made.end() && made->second.Inode != 0) {
+            m_report.Moves.Renewed.emplace_back(step.Identity, made->second);
+        }
+    }
     return failure;
 }
 

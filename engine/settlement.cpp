@@ -43,9 +43,9 @@ std::uint64_t InodeAt(TavroPlaces& Places, const std::string& Path) {
 class Settlement {
 public:
     Settlement(TavroHistory& History, TavroOperation& IoOperation, bool bGoOn,
-               const TavroCallbacks& Callbacks)
+               const TavroCallbacks& Callbacks, std::vector<std::string>& OutTrashed)
         : m_history(History), m_operation(IoOperation), m_bGoOn(bGoOn), m_callbacks(Callbacks),
-          m_changes(Callbacks.bSync) {
+          m_changes(Callbacks.bSync), m_trashed(OutTrashed) {
         m_callbacks.BeforeActs = nullptr;
         std::set<std::string> starts;
         std::istringstream words(IoOperation.Staging);
@@ -112,6 +112,7 @@ private:
     TavroCallbacks m_callbacks;
     TavroPlaces m_places;
     TavroChanges m_changes;
+    std::vector<std::string>& m_trashed;
 };
 
 TavroFailure Settlement::Settle(TavroStep& IoStep, TavroWhereabouts& OutWhere) {
@@ -152,7 +153,12 @@ TavroFailure Settlement::RemoveCopy(const TavroStep& Step) {
 }
 
 TavroFailure Settlement::Trash(const std::string& Path) {
-    return TavroTrashSelection({TavroNameEntry(Path)}, m_callbacks, {}).Batch.Failure;
+    TavroFailure failure =
+        TavroTrashSelection({TavroNameEntry(Path)}, m_callbacks, {}).Batch.Failure;
+    if (!failure) {
+        m_trashed.push_back(Path);
+    }
+    return failure;
 }
 
 /// A directory that was missing before, and is there, is the one that the operation has made.
@@ -545,8 +551,8 @@ bool Settlement::IsBegun(const TavroPlace& Record) const {
 
 TavroFailure TavroSettle(TavroHistory& History, TavroOperation& IoOperation, bool bGoOn,
                          const TavroCallbacks& Callbacks, std::vector<TavroStep>& OutDone,
-                         std::vector<TavroStep>& OutNotDone) {
-    Settlement settlement(History, IoOperation, bGoOn, Callbacks);
+                         std::vector<TavroStep>& OutNotDone, std::vector<std::string>& OutTrashed) {
+    Settlement settlement(History, IoOperation, bGoOn, Callbacks, OutTrashed);
     std::vector<TavroStep> steps = TavroLatestOf(IoOperation.Steps);
     for (const TavroStep& step : steps) {
         settlement.TakeAsideBack(step);
