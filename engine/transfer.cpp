@@ -538,10 +538,6 @@ bool TavroTransferRun::BeginMerge(const TavroRoute& Way) {
         Fail(TavroFail(Kind::Read, error, Way.From.Path()));
         return true;
     }
-    if (merge.From->Identity == merge.To->Identity) {
-        Fail({Kind::SameEntry, {}, Way.From.Path(), Way.To.Path()});
-        return true;
-    }
     m_merges.push_back(std::move(merge));
     if (m_merges.size() > openMerges) {
         const TavroMerge& far = m_merges[m_merges.size() - openMerges - 1];

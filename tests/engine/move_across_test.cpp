@@ -151,6 +151,50 @@ TEST_F(MoveAcross, what_cannot_reach_the_disk_does_not_arrive) {
     }
 }
 
+TEST_F(MoveAcross, what_waits_is_told_before_it_gets_its_name_which_can_be_denied) {
+    writeFile(source("tree/a"), "a");
+    writeFile(source("file"), "bytes");
+    for (const std::string name : {"file", "tree"}) {
+        for (const bool bDenied : {true, false}) {
+            TavroIdentity told;
+            m_options.BeforePublish = [&](const TavroFileState& made, const std::string& hidden) {
+                told = made.Identity;
+                EXPECT_FALSE(isPresent(target(name)));
+                if (name == "tree") {
+                    EXPECT_EQ(told, TavroIdentityOf(statusOf(target(hidden))));
+                }
+                return bDenied ? TavroFailure{Kind::HistoryBusy} : TavroFailure();
+            };
+            EXPECT_EQ(!bDenied, moveEntry(name));
+            EXPECT_NE(0U, told.Inode);
+            if (bDenied) {
+                EXPECT_EQ(Kind::HistoryBusy, m_moved.Failure.Kind);
+                EXPECT_TRUE(isPresent(source(name)) && debris().empty());
+            } else {
+                EXPECT_EQ(told, TavroIdentityOf(statusOf(target(name))));
+            }
+        }
+    }
+}
+
+TEST_F(MoveAcross, nothing_waits_any_more_where_the_name_was_taken_at_the_last_moment) {
+    writeFile(source("tree/a"), "a");
+    writeFile(source("file"), "bytes");
+    for (const std::string name : {"file", "tree"}) {
+        const CallObserver observer([&](const std::string&, const std::string& path) {
+            const bool bWaits = path.rfind(target().string(), 0) == 0;
+            if (bWaits && otherPathOfCall() == target(name) && !isPresent(target(name))) {
+                writeFile(target(name), "other");
+            }
+        });
+        EXPECT_FALSE(moveEntry(name));
+        EXPECT_EQ(Kind::Taken, m_moved.Failure.Kind);
+        EXPECT_EQ("other", readFile(target(name)));
+        EXPECT_EQ("", debris());
+        EXPECT_TRUE(isPresent(source(name)));
+    }
+}
+
 // =================================================================================================
 // Sources that change
 // =================================================================================================
@@ -159,6 +203,10 @@ TEST_F(MoveAcross, a_source_that_changes_unseen_before_its_copy_has_a_name_stays
     writeFile(source("tree/in/a"), "bytes");
     writeFile(source("file"), "bytes");
     const std::map<std::string, std::string> changed = {{"file", "file"}, {"tree", "tree/in/a"}};
+    m_options.BeforePublish = [](const TavroFileState&, const std::string&) {
+        ADD_FAILURE() << "it gets no name";
+        return TavroFailure();
+    };
     for (const auto& [name, what] : changed) {
         const Before observer(name == "file" ? "fsync" : "syncfs", "",
                               [&, path = source(what)] { changeUnseen(path); });

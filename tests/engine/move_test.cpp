@@ -52,6 +52,9 @@ TEST_F(MoveTest, names_what_is_missing) {
     EXPECT_EQ("Cannot move '/source/file' to '/target/file': " + error + "\n", failures());
     EXPECT_FALSE(copyEntry("file"));
     EXPECT_EQ("Cannot read '/source/file': " + error + "\n", failures());
+    m_options.Expected = TavroIdentity();
+    EXPECT_FALSE(moveEntry("file"));
+    EXPECT_EQ("Cannot move '/source/file' to '/target/file': " + error + "\n", failures());
 }
 
 TEST_F(MoveTest, says_when_the_target_cannot_take_it) {

@@ -102,6 +102,124 @@ TEST_F(CarryOutTransfer, arrivals_are_told_by_identity) {
     }
 }
 
+/// What is told of an entry before it gets its name.
+class ToldBefore : public TransferTest {
+protected:
+    /// The steps of this role that lead to a new file, or to one that it replaces.
+    std::vector<TavroStep> toldOf(bool bMove, TavroStepRole role, bool bReplaces) {
+        fs::remove_all(target("file"));
+        writeFile(source("file"), "new");
+        if (bReplaces) {
+            writeFile(target("file"), "old");
+        }
+        m_source = statusOf(source("file"));
+        m_plan.ConflictPolicy = TavroTransferConflictPolicy::Overwrite;
+        std::vector<TavroStep> told;
+        m_callbacks.BeforeActs = [&](TavroOperationKind kind, const std::vector<TavroStep>& steps) {
+            EXPECT_EQ(bMove ? TavroOperationKind::Move : TavroOperationKind::Copy, kind);
+            if (told.empty()) {
+                EXPECT_EQ(bReplaces, isPresent(target("file")));
+                EXPECT_TRUE(!bReplaces || readFile(target("file")) == "old");
+                m_old = bReplaces ? TavroIdentityOf(statusOf(target("file"))) : TavroIdentity();
+            }
+            for (const TavroStep& step : steps) {
+                if (step.Role == role) {
+                    told.push_back(step);
+                }
+            }
+            return TavroFailure();
+        };
+        EXPECT_TRUE(run(bMove, {"file"})) << report();
+        return told;
+    }
+
+    void expectCopyTold(bool bMove, bool bReplaces) {
+        const auto told =
+            toldOf(bMove, bMove ? TavroStepRole::Moved : TavroStepRole::Copied, bReplaces);
+        ASSERT_EQ(1U, told.size());
+        EXPECT_EQ(source("file"), told[0].From);
+        EXPECT_EQ(target("file"), told[0].To);
+        EXPECT_EQ(TavroIdentityOf(statusOf(target("file"))), told[0].Identity);
+        EXPECT_EQ(TavroIdentityOf(m_source), told[0].Source);
+        EXPECT_EQ(TavroNanoseconds(m_source.st_ctim), told[0].SourceTime);
+        EXPECT_TRUE(TavroIsStagingName(told[0].Staged));
+    }
+
+    struct stat m_source = {};
+    TavroIdentity m_old;
+};
+
+TEST_F(ToldBefore, a_copy_is_told_with_both_files_and_its_hidden_name) {
+    expectCopyTold(false, false);
+    expectCopyTold(false, true);
+}
+
+TEST_F(ToldBefore, a_move_between_file_systems_is_told_as_a_copy_is) {
+    TARGET_ELSEWHERE();
+    expectCopyTold(true, false);
+    expectCopyTold(true, true);
+}
+
+TEST_F(ToldBefore, a_rename_is_told_with_its_file_and_the_hidden_name_by_which_it_replaces) {
+    for (const bool bReplaces : {false, true}) {
+        const auto told = toldOf(true, TavroStepRole::Moved, bReplaces);
+        ASSERT_EQ(1U, told.size());
+        EXPECT_EQ(source("file"), told[0].From);
+        EXPECT_EQ(target("file"), told[0].To);
+        EXPECT_EQ(TavroIdentityOf(m_source), told[0].Identity);
+        EXPECT_EQ(0U, told[0].Source.Inode);
+        EXPECT_EQ(bReplaces, TavroIsStagingName(told[0].Staged));
+    }
+}
+
+TEST_F(ToldBefore, what_is_replaced_is_told_with_its_place_in_the_trash) {
+    for (const bool bMove : {false, true}) {
+        const auto told = toldOf(bMove, TavroStepRole::Replaced, true);
+        ASSERT_EQ(1U, told.size());
+        EXPECT_EQ(target("file"), told[0].From);
+        EXPECT_EQ("old", readFile(told[0].To));
+        EXPECT_EQ(m_old, TavroIdentityOf(statusOf(told[0].To)));
+        EXPECT_EQ(m_old, told[0].Identity);
+        EXPECT_TRUE(isPresent(told[0].Record));
+        EXPECT_TRUE(TavroIsStagingName(told[0].Staged));
+    }
+}
+
+TEST_F(ToldBefore, a_directory_that_a_merge_empties_is_told_with_what_it_had) {
+    writeFile(source("tree/a"), "a");
+    makeDirectory(target("tree"));
+    fs::permissions(source("tree"), fs::perms(0750));
+    setTimes(source("tree"), 1000000000, 7);
+    std::vector<TavroStep> told;
+    m_callbacks.BeforeActs = [&](TavroOperationKind, const std::vector<TavroStep>& steps) {
+        std::copy_if(steps.begin(), steps.end(), std::back_inserter(told),
+                     [](const auto& step) { return step.Role == TavroStepRole::RemovedDirectory; });
+        return TavroFailure();
+    };
+    EXPECT_TRUE(move({"tree"}));
+    ASSERT_EQ(1U, told.size());
+    EXPECT_EQ(source("tree"), told[0].From);
+    EXPECT_EQ(0750U, told[0].Mode);
+    struct stat had = {};
+    std::vector<TavroAttribute> attributes;
+    ASSERT_TRUE(TavroUnpackAttributes(told[0].Attributes, had, attributes));
+    EXPECT_EQ("1000000000.7", timesOf(had));
+    EXPECT_EQ(told[0].Attributes, m_report.RemovedDirectories.at(0).Attributes);
+}
+
+TEST_F(CarryOutTransfer, a_directory_whose_counterpart_has_just_gone_is_copied_whole) {
+    makeSmallTree(source("tree"));
+    makeDirectory(target("tree"));
+    const auto observer = beforeCall("openat", target("tree"), [&, bOnce = true]() mutable {
+        if (std::exchange(bOnce, false)) {
+            fs::remove(target("tree"));
+        }
+    });
+    EXPECT_TRUE(copy({"tree"})) << report();
+    EXPECT_EQ("done /source/tree -> /target/tree\n", report());
+    EXPECT_EQ(takeSnapshot(source("tree")), takeSnapshot(target("tree")));
+}
+
 TEST_F(CarryOutTransfer, tells_which_directories_it_has_created) {
     writeFile(source("file"), "bytes");
     add("file", "new/newer/file");

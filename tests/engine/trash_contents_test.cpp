@@ -732,6 +732,43 @@ TEST_F(EmptyTrash, says_why_it_cannot_be_read_and_needs_a_home_directory) {
     EXPECT_TRUE(isPresent(item("a")) && isPresent(record("a")));
 }
 
+TEST_F(EmptyTrash, is_on_the_disk_when_it_is_done) {
+    const auto syncs = [&] {
+        Names calls;
+        put("a", "/a", "2024-01-01T00:00:00");
+        const CallObserver observer([&](const std::string& call, const std::string& path) {
+            if (call == "fsync" || call == "syncfs") {
+                EXPECT_FALSE(isPresent(item("a")) || isPresent(record("a")));
+                calls.push_back(call + " " + fs::path(path).filename().string());
+            }
+        });
+        EXPECT_EQ(empty(), "");
+        return calls;
+    };
+    TavroDescriptor info;
+    ASSERT_EQ(TavroOpenDirectory((root() / "info").string(), info), 0);
+    const Names one = {"fsync info"};
+    const Names each = {"syncfs files", "fsync info"};
+    EXPECT_EQ(syncs(), TavroDiskOf(info.Number()) == TavroDisk::OrderedLog ? one : each);
+    const FaultInjector unknown({{"fstatfs", EIO, "", 1, true}});
+    EXPECT_EQ(syncs(), each);
+    EXPECT_GT(unknown.fired(), 0);
+    fs::remove(root() / "files");
+    EXPECT_EQ(empty(), "") << "nothing is there to be synced";
+    fs::remove(root() / "info");
+    EXPECT_EQ(empty(), "");
+}
+
+TEST_F(EmptyTrash, that_cannot_be_brought_to_the_disk_is_told) {
+    for (const char* call : {"fsync", "syncfs"}) {
+        put("a", "/a", "2024-01-01T00:00:00");
+        const FaultInjector faults({{"fstatfs", EIO, "", 1, true}, {call, EIO, root().string()}});
+        EXPECT_EQ(empty(), "Cannot remove " + inQuotes(root() / "files") + ": " +
+                               systemText(std::errc::io_error));
+        EXPECT_TRUE(faults.eachFired());
+    }
+}
+
 TEST_F(EmptyTrash, costs_six_calls_a_file) {
     const auto callsFor = [&](int count) {
         for (int i = 0; i < count; ++i) {

@@ -24,6 +24,40 @@ TEST_F(RestoreSelection, brings_everything_back_and_drops_the_records) {
     expectEmptyTrash();
 }
 
+TEST_F(RestoreSelection, tells_what_comes_back_before_anything_does) {
+    const auto list = trash({doc("new/a.txt")});
+    fs::remove(docs() / "new");
+    int asked = 0;
+    TavroCallbacks callbacks;
+    callbacks.BeforeActs = [&](TavroOperationKind kind, const std::vector<TavroStep>& steps) {
+        ++asked;
+        EXPECT_EQ(kind, TavroOperationKind::Restore);
+        EXPECT_EQ(steps.size(), 2U);
+        EXPECT_EQ(steps.at(0).From, docs() / "new/a.txt");
+        EXPECT_EQ(steps.at(0).To, item("a.txt"));
+        EXPECT_EQ(steps.at(1).Role, TavroStepRole::RemovedDirectory);
+        EXPECT_EQ(steps.at(1).From, docs() / "new");
+        return TavroFailure{TavroFailureKind::HistoryBusy};
+    };
+    EXPECT_EQ(restoreInVain(list, callbacks).Batch.Failure.Kind, TavroFailureKind::HistoryBusy);
+    EXPECT_EQ(asked, 1);
+    EXPECT_TRUE(isPresent(item("a.txt")) && isPresent(record("a.txt")));
+    EXPECT_FALSE(isPresent(docs() / "new"));
+    EXPECT_EQ(TavroDescribe(TavroRestoreSelection(list, callbacks, true)), "");
+    EXPECT_EQ(asked, 1) << "it is known";
+}
+
+TEST_F(RestoreSelection, is_on_the_disk_with_its_records_when_it_is_done) {
+    const auto list = trash({doc("a.txt")});
+    bool bOnDisk = false;
+    const CallObserver observer([&](const std::string& call, const std::string&) {
+        const bool bSyncs = call == "fsync" || call == "syncfs";
+        bOnDisk = (bOnDisk || bSyncs) && !isPresent(record("a.txt"));
+    });
+    restore(list);
+    EXPECT_TRUE(bOnDisk);
+}
+
 TEST_F(RestoreSelection, refuses_an_empty_list) {
     EXPECT_EQ(TavroDescribe(restoreInVain({})), "Nothing to restore");
 }

@@ -183,6 +183,34 @@ TEST_F(TrashSelection, says_that_there_is_no_home_directory) {
     EXPECT_TRUE(isPresent(docs() / "a.txt"));
 }
 
+TEST_F(TrashSelection, says_what_is_in_the_way_of_the_trash) {
+    makeDirectory(root().parent_path());
+    writeFile(root(), "a file");
+    EXPECT_EQ(TavroDescribe(trashInVain({doc("a.txt")})),
+              inQuotes(root()) + " is in the way: the trash needs a directory there");
+    EXPECT_TRUE(isPresent(docs() / "a.txt"));
+}
+
+TEST_F(TrashSelection, goes_to_a_trash_that_is_a_link) {
+    makeDirectory(sandbox() / "elsewhere");
+    makeDirectory(root().parent_path());
+    fs::create_directory_symlink(sandbox() / "elsewhere", root());
+    trash({doc("a.txt")});
+    EXPECT_TRUE(isPresent(sandbox() / "elsewhere/files/a.txt"));
+}
+
+TEST_F(TrashSelection, counts_a_directory_that_is_renamed_as_one_item) {
+    doc("directory/1");
+    doc("directory/2");
+    std::vector<TavroProgress> told;
+    TavroCallbacks callbacks;
+    callbacks.OnProgress = [&](const TavroProgress& progress) { told.push_back(progress); };
+    trash({docs() / "directory"}, callbacks);
+    ASSERT_FALSE(told.empty());
+    EXPECT_EQ(told.back().ItemCount, 1U);
+    EXPECT_EQ(told.back().ByteCount, 0U);
+}
+
 TEST_F(TrashSelection, changes_nothing_when_one_entry_is_refused) {
     EXPECT_EQ(TavroDescribe(trashInVain({doc("a.txt"), home()})),
               refusal(home(), "it is the home directory"));
@@ -697,6 +725,41 @@ TEST_F(RestoreToAfar, brings_everything_back_with_one_progress) {
     EXPECT_EQ(takeSnapshot(farDirectory()), before);
     expectEmptyTrash();
     expectOneWhole(told);
+}
+
+TEST_F(RestoreToAfar, tells_of_each_copy_that_waits_for_its_name) {
+    const auto list = trash({far("directory")});
+    std::vector<TavroStep> told;
+    TavroCallbacks callbacks;
+    callbacks.BeforeActs = [&](TavroOperationKind kind, const std::vector<TavroStep>& steps) {
+        EXPECT_EQ(kind, TavroOperationKind::Restore);
+        if (!steps.at(0).Staged.empty()) {
+            EXPECT_EQ(steps[0].Source, identityOf(farDirectory() / steps[0].Staged));
+        }
+        told.insert(told.end(), steps.begin(), steps.end());
+        return TavroFailure();
+    };
+    restore(list, callbacks);
+    ASSERT_EQ(told.size(), 2U);
+    for (const TavroStep& step : told) {
+        EXPECT_EQ(step.Role, TavroStepRole::Trashed);
+        EXPECT_EQ(step.From, far("directory"));
+        EXPECT_EQ(step.To, item("directory"));
+        EXPECT_EQ(step.Record, record("directory"));
+        EXPECT_EQ(step.Identity, list[0].Item);
+    }
+    EXPECT_EQ(told[0].Staged, "");
+    EXPECT_NE(told[1].Staged, "");
+}
+
+TEST_F(RestoreToAfar, of_what_stays_in_the_trash_keeps_its_record) {
+    const auto list = trash({far("directory")});
+    const FaultInjector faults({{"unlinkat", EIO, item("directory").string(), 2, true}});
+    const TavroTrashReport report = restoreInVain(list);
+    EXPECT_TRUE(faults.eachFired());
+    EXPECT_EQ(report.InBoth.size(), 1U) << TavroDescribe(report);
+    EXPECT_TRUE(isPresent(item("directory")) && isPresent(record("directory")));
+    EXPECT_EQ(readFile(far("directory/inner.txt")), "inner");
 }
 
 TEST_F(RestoreToAfar, measures_what_goes_into_directories_that_are_still_missing) {

@@ -11,6 +11,7 @@ ended.
 import ctypes
 import os
 import re
+import signal
 import subprocess
 import sys
 import tempfile
@@ -74,7 +75,10 @@ def enter():
         _put_up(Path(scratch))
         return Path(scratch)
     scratch = tempfile.mkdtemp(prefix="tavro-mutation-")
-    command = ["unshare", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc"]
+    # What is inside ends with this program, however that ends.
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(128 + signal.SIGTERM))
+    command = ["setpriv", "--pdeathsig", "KILL"]
+    command += ["unshare", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc"]
     if os.geteuid() != 0:
         command += ["--user", "--map-root-user"]
     ids = f"{os.getuid()}:{os.getgid()}"

@@ -17,6 +17,7 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
+#include <sys/vfs.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -392,6 +393,8 @@ TAVRO_OVERRIDE(int, statx,
                (int directory, const char* path, int flags, unsigned mask,
                 struct statx* status) noexcept,
                (directory, path, flags, mask, status), -1, judgeAt("statx", directory, path))
+TAVRO_OVERRIDE(int, fstatfs, (int descriptor, struct statfs* status) noexcept, (descriptor, status),
+               -1, judgeDescriptor("fstatfs", descriptor))
 TAVRO_OVERRIDE(int, faccessat, (int directory, const char* path, int mode, int flags) noexcept,
                (directory, path, mode, flags), -1, judgeAt("faccessat", directory, path))
 TAVRO_OVERRIDE(ssize_t, readlink, (const char* path, char* target, std::size_t size) noexcept,
