@@ -75,6 +75,12 @@ trash_tavro() {
   cp -a "$HOME/.local/share/Trash" "$kept/"
   timed empty_peer rm -rf "$HOME/.local/share/Trash/files" "$HOME/.local/share/Trash/info"
   rm -rf "$HOME/.local/share/Trash"
+  if [[ -x $bare_loop ]]; then
+    cp -a "$kept/Trash" "$HOME/.local/share/"
+    timed undo_bare "$bare_loop" undo "${files[@]}"
+    expect_trashed 0
+    rm -rf "$HOME/batch" "$HOME/.local/share/Trash"
+  fi
   mv "$kept/Trash" "$HOME/.local/share/"
   timed empty_tavro "$tavro" empty -fq
   expect_trashed 0
@@ -90,10 +96,11 @@ trash_gio() {
 trash() {
   heading "Trashing $batch files, $on" tavro peer
   have gio && have trash-list || return 0
-  forget trash_tavro trash_gio list_tavro list_peer undo_tavro empty_tavro empty_peer
+  forget trash_tavro trash_gio list_tavro list_peer undo_tavro undo_bare empty_tavro empty_peer
   in_turn trash_tavro trash_gio
   compare 'tavro trash : gio trash' trash_tavro trash_gio 0.5
   compare 'tavro undo : trash-list' undo_tavro list_peer 0.5
+  ! have "$bare_loop" || compare 'its calls alone : trash-list' undo_bare list_peer -
   compare 'tavro list : trash-list' list_tavro list_peer 0.4
   compare 'tavro empty : rm -rf files info' empty_tavro empty_peer 1.3
 }

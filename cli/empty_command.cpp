@@ -82,6 +82,7 @@ int RunEmpty(const Emptied& What, const std::string& Volume, bool bForce, bool b
     const std::uint64_t unlisted = bQuiet || !What.Choice.Words.empty()
                                        ? std::uint64_t{0}
                                        : TavroCountUnlistedItems(items, trashes);
+    const bool bNothing = items.empty() && unlisted == 0;
     int exitCode = Select(What, !bForce || !bQuiet, items);
     if (exitCode == TavroExitDone && !bForce && !items.empty()) {
         exitCode = AgreeToDeleting(items, What.IsEverything());
@@ -92,7 +93,8 @@ int RunEmpty(const Emptied& What, const std::string& Volume, bool bForce, bool b
     failure = TavroRemoveFromTrash(items, callbacks);
     exitCode = recording.EndDeletion(failure);
     if (!failure && !bQuiet) {
-        TavroPrintLine(stdout, "Deleted " + TavroContentText(items));
+        TavroPrintLine(stdout,
+                       bNothing ? "The trash is empty" : "Deleted " + TavroContentText(items));
         TavroPrintUnlisted(unlisted);
     }
     return std::max(exitCode, TavroPrintFailure(failure));

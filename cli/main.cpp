@@ -39,7 +39,8 @@ constexpr const char* examples = R"(Examples:
 
 'tavro help COMMAND' explains one command.
 A name that begins with a dash goes after --:  tavro trash -- -x.txt
-Exit codes: 0 done, 1 something failed, 2 wrong usage, 130 interrupted.)";
+Exit codes: 0 done, 1 something failed, 2 wrong usage, 130 interrupted
+(143 by SIGTERM, 129 by SIGHUP).)";
 
 /// Help that says what a person needs: the name of an option and of its value.
 class PlainFormatter : public CLI::Formatter {

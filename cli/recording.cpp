@@ -2,8 +2,8 @@
 
 #include "format.h"
 #include "interrupt.h"
+#include "record.h"
 #include "terminal.h"
-#include "undo.h"
 
 #include <array>
 #include <chrono>

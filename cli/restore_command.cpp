@@ -61,7 +61,7 @@ int Restore(Restoring& Run, const std::vector<TavroTrashItem>& Items,
         report = TavroRestoreSelection(Entries, recording.Bind(bar.Callbacks(), Run.Keeping));
     }
     const int exitCode = recording.End({});
-    if (!report) {
+    if (report.Batch.Failure) {
         TavroPrintError(TavroDescribe(report));
         return TavroExitCodeOf(report.Batch.Failure);
     }

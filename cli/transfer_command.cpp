@@ -192,7 +192,8 @@ void PrintReport(const TavroTransferReport& Report, const TavroTransferPlan& Pla
 }
 
 /// @param bOpen  something was skipped because nobody could be asked.
-int ExitCodeOf(const TavroTransferReport& Report, bool bStopped, bool bOpen) {
+/// @param bUnsettled  the history has it as what can be gone on with.
+int ExitCodeOf(const TavroTransferReport& Report, bool bStopped, bool bOpen, bool bUnsettled) {
     if (Report.bCancelled && !bStopped) {
         TavroPrintError(Report.bUnsettled ? "Interrupted: what is listed is done; 'tavro resume' "
                                             "continues, 'tavro undo' takes it back"
@@ -203,6 +204,8 @@ int ExitCodeOf(const TavroTransferReport& Report, bool bStopped, bool bOpen) {
     if (Report.bCancelled) {
         TavroPrintError(Report.Done.empty() ? "Stopped: nothing was done"
                                             : "Stopped: what is listed is done, and nothing else");
+    } else if (bUnsettled) {
+        TavroPrintError("Not finished: 'tavro resume' continues, 'tavro undo' takes it back");
     }
     return Report.Failed.empty() && !Report.bCancelled && !bOpen ? TavroExitDone : TavroExitFailed;
 }
@@ -286,7 +289,8 @@ int RunTransfer(TavroTransferPlan& Plan, const OnConflict& What, const Manner& H
         report.Done.clear();
     }
     PrintReport(report, Plan, How);
-    return std::max(exitCode, ExitCodeOf(report, bStopped, bOpen));
+    return std::max(exitCode,
+                    ExitCodeOf(report, bStopped, bOpen, report.bUnsettled && recording.Id() != 0));
 }
 
 void AddTransfer(CLI::App& App, bool bMove, TavroCommandTable& Table) {

@@ -203,7 +203,7 @@ int RunTrash(const std::vector<std::string>& Texts, const Asking& Asking, const 
     }
     // Recorded before it is printed: a reader that goes away must not cost the undo.
     exitCode = recording.End(TavroOperationOf(report));
-    if (!report) {
+    if (report.Batch.Failure) {
         return PrintRefusal(report, Asking.bForgiving ? std::vector<std::string>() : Texts);
     }
     TavroPrintLost(report.Batch.Lost);

@@ -66,6 +66,12 @@ std::function<Manner()> AddManner(CLI::App& Command) {
 
 /// Says what became of it, of what failed, and what could not be kept.
 int PrintReport(const TavroUndoReport& Report, const std::string& Title, const Manner& How) {
+    if (!Report.Rests.empty()) {
+        const std::size_t more = Report.Rests.size() - 1;
+        TavroPrintError("What was left at '" + Report.Rests.front() + "'" +
+                        (more == 0 ? "" : " and " + TavroGroupedNumber(more) + " more") +
+                        " is in the trash");
+    }
     TavroPrintSkipped(Report.Transfer.Skipped, How.bVerbose);
     TavroPrintFailures(Report.Transfer.Failed);
     const bool bUnsettled = Report.Transfer.bUnsettled;
@@ -122,6 +128,10 @@ TavroFailure FindDetour(TavroHistory& History, TavroFailure Newest, Detour& Out)
         }
         TavroFailure why = History.Read(operations[i].Id, operation);
         why = why || !operation ? why : TavroCheckUndo(*operation, bNothingLeft);
+        if (Newest.Kind == TavroFailureKind::HistoryInvalid && why.Kind != Newest.Kind) {
+            Out.PassedOver.push_back(TavroDescribe(std::exchange(Newest, {}))); // it is not listed
+            Out.bAgreed = false;
+        }
         why = Out.PassedOver.empty() ? std::exchange(Newest, {}) : why;
         const std::string what = TavroOperationText(operations[i], counts[i]);
         Out.Text = std::to_string(operations[i].Id) + " " + TavroKindText(operations[i].Kind) +
@@ -132,6 +142,9 @@ TavroFailure FindDetour(TavroHistory& History, TavroFailure Newest, Detour& Out)
         } else {
             Out.Id = operations[i].Id;
         }
+    }
+    if (Newest) { // nothing is listed
+        Out.PassedOver.push_back(TavroDescribe(Newest));
     }
     return failure;
 }

@@ -25,7 +25,6 @@ public:
     TavroBatchReport Run();
 
 private:
-    int Look(const std::string& Path, TavroPlace& OutPlace, struct stat& OutStatus);
     TavroFailure Check(TavroBatchStep& Step);
     TavroFailure CheckFree(const TavroBatchStep& Step);
     TavroFailure Measure(const TavroBatchStep& Step);
@@ -85,17 +84,11 @@ TavroBatchReport Batch::Run() {
 // Checking
 // =================================================================================================
 
-/// @return the error number of looking at an entry.
-int Batch::Look(const std::string& Path, TavroPlace& OutPlace, struct stat& OutStatus) {
-    const TavroFailure failure = m_places.Find(Path, OutPlace);
-    return failure ? failure.Error.value() : TavroLookAt(OutPlace, OutStatus);
-}
-
 TavroFailure Batch::Check(TavroBatchStep& Step) {
     if (!Step.Seen) {
         TavroPlace from;
         struct stat status = {};
-        const int error = Look(Step.From, from, status);
+        const int error = m_places.Look(Step.From, from, status);
         if (error != 0) {
             return TavroFail(TavroIsMissing(error) ? TavroFailureKind::Missing
                                                    : TavroFailureKind::LookAt,

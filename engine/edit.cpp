@@ -17,12 +17,12 @@ using Kind = TavroFailureKind;
 /// @param OutBirth  when given, the moment at which it was created.
 TavroFailure Look(TavroPlaces& Places, const std::string& Path, TavroPlace& OutPlace,
                   struct stat& OutStatus, std::int64_t* OutBirth = nullptr) {
-    const TavroFailure failure = Places.Find(Path, OutPlace);
-    const char* name = OutPlace.Name.c_str();
-    const int error = failure ? failure.Error.value()
-                      : OutBirth
-                          ? TavroStatWithBirthAt(OutPlace.Number(), name, OutStatus, *OutBirth)
-                          : TavroStatAt(OutPlace.Number(), name, OutStatus);
+    int error = Places.Find(Path, OutPlace).Error.value();
+    if (error == 0) {
+        error = OutBirth == nullptr ? TavroLookAt(OutPlace, OutStatus)
+                                    : TavroStatWithBirthAt(OutPlace.Number(), OutPlace.Name.c_str(),
+                                                           OutStatus, *OutBirth);
+    }
     const Kind kind = TavroIsMissing(error) ? Kind::NoSuchEntry : Kind::LookAt;
     return error == 0 ? TavroFailure() : TavroFail(kind, error, Path);
 }
@@ -47,12 +47,6 @@ std::vector<TavroStep> StepsToCreate(const std::string& Path) {
         steps.push_back({TavroStepRole::CreatedDirectory, "", missing});
     }
     return steps;
-}
-
-TavroFailure Announce(const TavroCallbacks& Callbacks, TavroOperationKind What,
-                      const std::vector<TavroStep>& Steps) {
-    return Callbacks.BeforeActs && !Steps.empty() ? Callbacks.BeforeActs(What, Steps)
-                                                  : TavroFailure();
 }
 
 /// Brings what was created to the disk, with other changes. @return 0, or the error number.
@@ -160,9 +154,7 @@ TavroEditReport TavroRenameTo(const TavroOperationEntry& Entry, const std::strin
             !places.Find(target, to) &&
             TavroIsOtherSpelling(from.Number(), from.Name.c_str(), to.Number(), to.Name.c_str());
         staged = steps[0].Staged = bSpelling ? TavroStagingName() : "";
-        const auto announce = [&] {
-            return Announce(Callbacks, TavroOperationKind::Rename, steps);
-        };
+        const auto announce = [&] { return Callbacks.Announce(TavroOperationKind::Rename, steps); };
         failure = FindTarget(places, target, from, S_ISDIR(status.st_mode), announce,
                              report.CreatedDirectories, to);
     }
@@ -194,7 +186,7 @@ TavroEditReport TavroMakeDirectory(const std::string& Text, const std::string& B
     struct stat status = {};
     const std::string target = TavroResolveUserPath(text, BaseDirectory).string();
     TavroFailure failure =
-        Announce(Callbacks, TavroOperationKind::CreateDirectory, StepsToCreate(target));
+        Callbacks.Announce(TavroOperationKind::CreateDirectory, StepsToCreate(target));
     if (failure) {
         return {std::move(failure)};
     }
@@ -298,8 +290,8 @@ TavroFailure TavroDeleteForGood(const std::vector<TavroOperationEntry>& Entries,
                                 const TavroCallbacks& Callbacks) {
     std::vector<TavroStep> steps;
     const std::vector<TavroFailure> failures = Check(Entries, steps);
-    TavroFailure failure = failures.empty() ? Announce(Callbacks, TavroOperationKind::Delete, steps)
-                                            : failures.front();
+    TavroFailure failure =
+        failures.empty() ? Callbacks.Announce(TavroOperationKind::Delete, steps) : failures.front();
     return failure ? failure : Delete(steps, Callbacks);
 }
 

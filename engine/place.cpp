@@ -52,7 +52,7 @@ bool MeansDirectoryBehind(const std::string& Path) {
     return name.empty() || name == ".";
 }
 
-/// The path of the entry that a text means, as told at TavroSelectEntry.
+/// The path of the entry that a text means, as told at TavroNameEntry.
 std::string EntryPath(const std::string& Text, const std::string& Current) {
     if (Text.empty()) {
         return Text;
@@ -107,12 +107,6 @@ TavroOperationEntry TavroNameEntry(const std::string& Path) {
 
 int TavroLookAt(const TavroPlace& Place, struct stat& OutStatus) {
     return TavroStatAt(Place.Number(), Place.Name.c_str(), OutStatus);
-}
-
-TavroOperationEntry TavroSelectEntry(const std::string& Path) {
-    std::vector<TavroOperationEntry> entries;
-    TavroSelectEntries({Path}, entries);
-    return entries.front();
 }
 
 std::string TavroFindOwnPath(const std::string& Path) {
@@ -249,6 +243,11 @@ TavroFailure TavroPlaces::Find(const std::string& Path, TavroPlace& OutPlace) {
     }
     OutPlace = {std::move(directory), path == "/" ? "." : TavroNameOf(path)};
     return {};
+}
+
+int TavroPlaces::Look(const std::string& Path, TavroPlace& OutPlace, struct stat& OutStatus) {
+    const TavroFailure failure = Find(Path, OutPlace);
+    return failure ? failure.Error.value() : TavroLookAt(OutPlace, OutStatus);
 }
 
 TavroFailure TavroPlaces::FindAgain(TavroPlace& IoPlace) {

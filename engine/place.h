@@ -51,7 +51,7 @@ struct TavroPlace {
 /// Opens directories, and keeps the last few open: neighbours in a selection share them.
 class TavroPlaces {
 public:
-    /// The place of the entry that a path means, as told at TavroSelectEntry. Links on the way are
+    /// The place of the entry that a path means, as told at TavroNameEntry. Links on the way are
     /// followed, here and only here; the entry itself need not exist. The place of `/` is "." in
     /// itself; no other place has the name ".".
     ///
@@ -60,6 +60,11 @@ public:
     ///         cannot be opened, and for what is no path: an empty one (ENOENT), one with a zero
     ///         byte (EINVAL), one that ends in `..` and cannot be resolved.
     TavroFailure Find(const std::string& Path, TavroPlace& OutPlace);
+
+    /// Finds the place of an entry, and looks at it, and at no target of a link.
+    /// @param OutPlace  as Find sets it, whether something is there or not.
+    /// @return 0, or the error number of either.
+    int Look(const std::string& Path, TavroPlace& OutPlace, struct stat& OutStatus);
 
     /// As Find; directories that are missing above the entry are created, and entered without
     /// following a link that somebody has put in their place meanwhile.
@@ -116,7 +121,8 @@ private:
 /// Looks at an entry, and at no target of a link. @return 0, or the error number.
 int TavroLookAt(const TavroPlace& Place, struct stat& OutStatus);
 
-/// The record of the entry at a path, as a pane that lists it would fill it.
+/// The record of the entry at a path, without a look at the entry where the path alone tells
+/// enough.
 ///
 /// @param Path  absolute, or relative to the current directory of the process. Links are not
 ///              resolved; `.` components and separators at the end are dropped, unless the path is
@@ -124,21 +130,17 @@ int TavroLookAt(const TavroPlace& Place, struct stat& OutStatus);
 ///              that ends in `..` is resolved where it exists. An audio track's path stays as it
 ///              is, and so does an empty one.
 /// @return the record with an absolute `Path` (relative only when there is no current directory any
-///         more), its last component as `Name`, and `bDirectory` true exactly for a directory that
-///         is not a symbolic link. Whether anything exists there is not reported: `bDirectory` is
-///         false then.
-TavroOperationEntry TavroSelectEntry(const std::string& Path);
-
-/// As TavroSelectEntry, without looking at the entry where the path alone tells enough:
-/// `bDirectory` is false. For operations that look at it themselves.
+///         more), its last component as `Name`, and a `bDirectory` that is false.
 TavroOperationEntry TavroNameEntry(const std::string& Path);
 
 /// TavroNameEntry for many paths: the current directory is asked for once.
 std::vector<TavroOperationEntry> TavroNameEntries(const std::vector<std::string>& Paths);
 
-/// TavroSelectEntry for many paths, with one look at each.
+/// TavroNameEntries with a look at each.
 ///
-/// @param OutEntries  one for each path, in order.
+/// @param OutEntries  one for each path, in order; `bDirectory` is true exactly for a directory
+/// that
+///                    is not a symbolic link.
 /// @return why entries cannot be selected, in order: NoSuchEntry or LookAt, with the path as it was
 ///         given. An audio track always can.
 std::vector<TavroFailure> TavroSelectEntries(const std::vector<std::string>& Paths,

@@ -42,6 +42,11 @@ struct TavroCallbacks {
     std::function<TavroFailure(TavroOperationKind, const std::vector<TavroStep>&,
                                std::uint64_t& OutDevice)>
         BeforeSync = {};
+
+    /// Tells BeforeActs, where somebody is to be told and there is something to tell.
+    TavroFailure Announce(TavroOperationKind What, const std::vector<TavroStep>& Steps) const {
+        return BeforeActs && !Steps.empty() ? BeforeActs(What, Steps) : TavroFailure();
+    }
 };
 
 /// Counts what one operation has done and tells it, at most 20 times a second. Not for threads.

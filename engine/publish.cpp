@@ -27,74 +27,17 @@ constexpr int mostNames = 100;
 /// Brings all that waits to its places: first to the disk, then into the history, then under its
 /// names; what it replaces goes to the trash, and what was moved is removed where it was.
 void TavroTransferRun::Flush() {
-    std::vector<TavroPendingEntry> entries = std::exchange(m_pending, {});
+    Entries entries = std::exchange(m_pending, {});
     m_pendingNames.clear();
     m_pendingWork = TavroOwnWork();
     m_search.Forget();
-    TavroFailure failure = ClaimTrash(entries);
-    const bool bTold = m_changes.Covers(m_toldOn);
-    if (!entries.empty()) {
-        m_progress.TellOfDisk();
-    }
-    int error = failure ? 0 : m_changes.Flush();
-    m_told = bTold ? m_told : TavroIdentity();
-    if (error != 0) {
-        failure = TavroFail(Kind::Write, error, "");
-        for (const TavroPendingEntry& entry : entries) {
-            Fail(TavroFail(Kind::Write, error, entry.AskedTo()));
-        }
-    } else if (failure) {
-        Fail(failure); // of the trash
-        const std::error_code why =
-            failure.Error ? failure.Error : std::make_error_code(std::errc::not_a_directory);
-        for (const TavroPendingEntry& entry : entries) {
-            Fail({entry.bExchange ? Kind::Replace : Kind::Write, why, entry.AskedTo(),
-                  entry.AskedFrom()});
-        }
-    } else if ((failure = Journal(entries))) {
-        Fail(failure);
-    }
-    if (failure) {
+    if (!Secure(entries)) {
         m_pending = std::move(entries);
         Discard();
         return;
     }
-    for (TavroPendingEntry& entry : entries) {
-        if (!m_bKeeping && IsInterrupted()) {
-            m_pending.push_back(std::move(entry));
-        } else if ((failure = entry.Copy->Wake(m_places))) {
-            entry.Copy->Report().Failure = {Kind::Read, failure.Error, entry.AskedFrom()};
-            DropClaim(entry);
-            GiveUp(entry);
-        } else {
-            Publish(entry);
-            entry.Copy->Rest();
-        }
-    }
-    // A source goes, and so does what was replaced for good, only when the new entry is in its
-    // place even after a power cut.
-    const auto isLeft = [](const TavroPendingEntry& entry) { return !entry.Copy; };
-    entries.erase(std::remove_if(entries.begin(), entries.end(), isLeft), entries.end());
-    const auto isMovedAway = [this](const TavroPendingEntry& entry) {
-        return m_bMove && !entry.bRename;
-    };
-    const bool bInOrder =
-        m_changes.KeepsOrder() && std::none_of(entries.begin(), entries.end(), isMovedAway);
-    error = bInOrder ? 0 : m_changes.Flush();
-    bool bUnfinished = false;
-    for (TavroPendingEntry& entry : entries) {
-        if (!entry.bDone || !NeedsFinish(entry)) {
-            continue;
-        }
-        failure = error != 0 ? TavroFail(Kind::Write, error, "") : entry.Copy->Wake(m_places);
-        if (!failure) {
-            Finish(entry);
-            continue;
-        }
-        // It is in both places, until a look at the operation settles it.
-        entry.Copy->Report().Failure = {failure.Kind, failure.Error, entry.AskedTo()};
-        m_report.bUnsettled = bUnfinished = true;
-    }
+    PublishAll(entries);
+    const bool bFinished = FinishAll(entries);
     for (TavroPendingEntry& entry : entries) {
         if (!entry.bAgain) {
             Note(entry);
@@ -108,20 +51,114 @@ void TavroTransferRun::Flush() {
         return;
     }
     TryAgain(entries);
-    if (error == 0) {
-        RemoveEmptied();
-        error = m_changes.Flush();
+    if (!bFinished) {
+        return;
     }
-    if (error != 0 && !bUnfinished) {
-        Fail(TavroFail(Kind::Write, error, entries.empty() ? "" : entries[0].AskedTo()));
+    const std::string first = FirstOf(entries);
+    RemoveEmptied();
+    if (const int error = m_changes.Flush()) {
+        Fail(TavroFail(Kind::Write, error, first));
     }
+}
+
+/// By which the changes are told of that did not reach the disk.
+std::string TavroTransferRun::FirstOf(const Entries& Changed) const {
+    const std::vector<std::string>& created = m_report.CreatedDirectories;
+    return !Changed.empty()     ? Changed[0].AskedTo()
+           : !m_emptied.empty() ? m_emptied[0].Path
+           : !created.empty()   ? created[0]
+                                : "";
+}
+
+/// Brings what waits to the disk, and tells the history what is going to be published.
+/// @return whether both was done; if not, the report says why.
+bool TavroTransferRun::Secure(Entries& Waiting) {
+    if (TavroFailure failure = ClaimTrash(Waiting)) {
+        const std::error_code why =
+            failure.Error ? failure.Error : std::make_error_code(std::errc::not_a_directory);
+        Fail(std::move(failure)); // of the trash
+        for (const TavroPendingEntry& entry : Waiting) {
+            Fail({entry.bExchange ? Kind::Replace : Kind::Write, why, entry.AskedTo(),
+                  entry.AskedFrom()});
+        }
+        return false;
+    }
+    const bool bTold = m_changes.Covers(m_toldOn);
+    if (!Waiting.empty()) {
+        m_progress.TellOfDisk();
+    }
+    if (const int error = m_changes.Flush()) {
+        for (const TavroPendingEntry& entry : Waiting) {
+            Fail(TavroFail(Kind::Write, error, entry.AskedTo()));
+        }
+        if (Waiting.empty()) {
+            Fail(TavroFail(Kind::Write, error, FirstOf(Waiting)));
+        }
+        return false;
+    }
+    m_told = bTold ? m_told : TavroIdentity();
+    if (TavroFailure failure = Journal(Waiting)) {
+        Fail(std::move(failure));
+        return false;
+    }
+    return true;
+}
+
+/// Gives what waits its names. What could not be published, and is removed, is no entry any more.
+void TavroTransferRun::PublishAll(Entries& IoEntries) {
+    for (TavroPendingEntry& entry : IoEntries) {
+        if (!m_bKeeping && IsInterrupted()) {
+            m_pending.push_back(std::move(entry));
+        } else if (TavroFailure failure = entry.Copy->Wake(m_places)) {
+            entry.Copy->Report().Failure = {Kind::Read, failure.Error, entry.AskedFrom()};
+            DropClaim(entry);
+            GiveUp(entry);
+        } else {
+            Publish(entry);
+            entry.Copy->Rest();
+        }
+    }
+    const auto isLeft = [](const TavroPendingEntry& entry) { return !entry.Copy; };
+    IoEntries.erase(std::remove_if(IoEntries.begin(), IoEntries.end(), isLeft), IoEntries.end());
+}
+
+/// A source goes, and so does what was replaced for good, only when the new entry is in its place
+/// even after a power cut.
+/// @return whether all names are on the disk, or will be before what is changed later; if not, the
+///         report says why.
+bool TavroTransferRun::FinishAll(Entries& Published) {
+    const auto isMovedAway = [this](const TavroPendingEntry& entry) {
+        return m_bMove && !entry.bRename;
+    };
+    const bool bInOrder =
+        m_changes.KeepsOrder() && std::none_of(Published.begin(), Published.end(), isMovedAway);
+    const int error = bInOrder ? 0 : m_changes.Flush();
+    bool bTold = false;
+    for (TavroPendingEntry& entry : Published) {
+        if (!entry.bDone || !NeedsFinish(entry)) {
+            continue;
+        }
+        TavroFailure failure =
+            error != 0 ? TavroFail(Kind::Write, error, "") : entry.Copy->Wake(m_places);
+        if (!failure) {
+            Finish(entry);
+            continue;
+        }
+        // It is in both places, until a look at the operation settles it.
+        entry.Copy->Report().Failure = {failure.Kind, failure.Error, entry.AskedTo()};
+        m_report.bUnsettled = bTold = true;
+    }
+    if (error != 0 && !bTold) {
+        Fail(TavroFail(Kind::Write, error, FirstOf(Published)));
+    }
+    return error == 0;
 }
 
 /// Claims a name in the trash for each entry that will be replaced. The records are on the disk
 /// before that, by themselves or with what is brought there next.
-TavroFailure TavroTransferRun::ClaimTrash(std::vector<TavroPendingEntry>& Entries) {
+TavroFailure TavroTransferRun::ClaimTrash(Entries& Waiting) {
     TavroFailure failure;
-    for (TavroPendingEntry& entry : Entries) {
+    for (TavroPendingEntry& entry : Waiting) {
         if (!entry.bExchange || !entry.OldName.empty()) {
             continue;
         }
@@ -168,15 +205,15 @@ TavroStep TavroTransferRun::MainStep(const TavroPendingEntry& Entry,
 }
 
 /// Tells the history what is going to be published, unless that is the directory that it knows.
-TavroFailure TavroTransferRun::Journal(const std::vector<TavroPendingEntry>& Entries) {
-    const bool bKnown = Entries.size() == 1 && m_told.Inode != 0 && !Entries[0].bRename &&
-                        Entries[0].Copy->Staged().Identity == m_told &&
+TavroFailure TavroTransferRun::Journal(const Entries& Waiting) {
+    const bool bKnown = Waiting.size() == 1 && m_told.Inode != 0 && !Waiting[0].bRename &&
+                        Waiting[0].Copy->Staged().Identity == m_told &&
                         m_createdTold == m_report.CreatedDirectories.size();
-    if (!m_callbacks.BeforeActs || bKnown || (Entries.empty() && m_emptied.empty())) {
+    if (!m_callbacks.BeforeActs || bKnown || (Waiting.empty() && m_emptied.empty())) {
         return {};
     }
     std::vector<TavroStep> steps;
-    for (const TavroPendingEntry& entry : Entries) {
+    for (const TavroPendingEntry& entry : Waiting) {
         TavroFileState staged = entry.bRename ? TavroFileState() : entry.Copy->Staged();
         if (!entry.bRename && staged.Identity.Inode == 0) { // it has no name yet
             entry.Copy->LookAtStaged(staged);
@@ -194,15 +231,8 @@ TavroFailure TavroTransferRun::Journal(const std::vector<TavroPendingEntry>& Ent
     }
     for (TavroEmptied& emptied : m_emptied) {
         if (!std::exchange(emptied.bTold, true)) {
-            steps.push_back({TavroStepRole::RemovedDirectory,
-                             emptied.Path,
-                             "",
-                             "",
-                             {},
-                             0,
-                             emptied.Mode,
-                             false,
-                             emptied.Attributes});
+            steps.push_back({TavroStepRole::RemovedDirectory, emptied.Path, "", "",
+                             emptied.Identity, 0, emptied.Mode, false, emptied.Attributes});
         }
     }
     return Tell(steps);
@@ -307,7 +337,7 @@ void TavroTransferRun::RenameByCopying(TavroPendingEntry& Entry) {
     m_changes.AddBytes(way.To.Directory);
     Entry.Hidden = Entry.Copy->StagedName();
     const int error = m_changes.Flush();
-    std::vector<TavroPendingEntry> one;
+    Entries one;
     one.push_back(std::move(Entry));
     TavroFailure failure =
         error == 0 ? Journal(one) : TavroFail(Kind::Write, error, one[0].AskedTo());
@@ -409,6 +439,8 @@ void TavroTransferRun::Note(TavroPendingEntry& Entry) {
     if (Entry.bDone && (!report.Failure || report.bPartlyMoved)) {
         m_report.Done.push_back({Entry.AskedFrom(), to, Entry.bExchange, report.Arrived});
     }
+    // It is in both places, in part at least, until a look at the operation settles it.
+    m_report.bUnsettled = m_report.bUnsettled || report.bCopyStays;
     if (report.Failure.Kind == Kind::Cancelled) {
         m_report.bCancelled = true;
     } else if (report.Failure) {
@@ -428,9 +460,9 @@ void TavroTransferRun::Note(TavroPendingEntry& Entry) {
 }
 
 /// What was in the way meanwhile is a conflict like any other.
-void TavroTransferRun::TryAgain(std::vector<TavroPendingEntry>& Entries) {
+void TavroTransferRun::TryAgain(Entries& Published) {
     std::vector<TavroMerge> merges = std::exchange(m_merges, {});
-    for (TavroPendingEntry& entry : Entries) {
+    for (TavroPendingEntry& entry : Published) {
         if (!entry.bAgain) {
             continue;
         }

@@ -73,3 +73,21 @@ TavroOperation TavroOperationOf(const TavroEditReport& Report, const std::string
     AddCreated(Report.CreatedDirectories, operation);
     return operation;
 }
+
+void TavroCompleteOperation(TavroOperation& Operation) {
+    struct timespec now = {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    TavroPlaces places;
+    for (TavroStep& step : Operation.Steps) {
+        TavroPlace place;
+        struct stat status = {};
+        step.ChangeTime = step.ChangeTime != 0 ? step.ChangeTime : TavroNanoseconds(now);
+        if (step.Identity.Inode == 0 && step.Role != Role::RemovedDirectory &&
+            places.Look(step.To, place, status) == 0) {
+            step.Identity = TavroIdentityOf(status);
+            step.Mode = step.Role == Role::CreatedDirectory && step.Mode == 0
+                            ? status.st_mode & 07777U
+                            : step.Mode; // where it is known it may still be on its way
+        }
+    }
+}

@@ -1,5 +1,4 @@
-/// What was done, as the history keeps it, dated now, with what the reports tell. What they leave
-/// open TavroCompleteOperation looks up.
+/// What was done, as the history keeps it, dated now, with what the reports tell.
 
 #ifndef TAVRO_ENGINE_RECORD_H
 #define TAVRO_ENGINE_RECORD_H
@@ -20,5 +19,9 @@ TavroOperation TavroOperationOf(const TavroTrashReport& Report);
 /// renamed.
 TavroOperation TavroOperationOf(const TavroEditReport& Report);
 TavroOperation TavroOperationOf(const TavroEditReport& Report, const std::string& From);
+
+/// Looks up, for an operation that is to be recorded, what its steps leave open: which file is at
+/// `To`, and the mode of a created directory.
+void TavroCompleteOperation(TavroOperation& Operation);
 
 #endif

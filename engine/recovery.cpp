@@ -9,6 +9,7 @@
 #include <map>
 #include <set>
 #include <tuple>
+#include <utility>
 
 namespace {
 
@@ -33,9 +34,8 @@ void RenewCopies(std::vector<TavroStep>& IoSteps) {
 TavroIdentity TavroIdentityAt(TavroPlaces& Places, const std::string& Path) {
     TavroPlace place;
     struct stat status = {};
-    return !Path.empty() && !Places.Find(Path, place) && TavroLookAt(place, status) == 0
-               ? TavroIdentityOf(status)
-               : TavroIdentity();
+    return !Path.empty() && Places.Look(Path, place, status) == 0 ? TavroIdentityOf(status)
+                                                                  : TavroIdentity();
 }
 
 bool TavroGoesBack(const TavroOperation& Operation) {
@@ -52,8 +52,11 @@ std::vector<TavroStep> TavroLatestOf(const std::vector<TavroStep>& Steps) {
         latestLike(step) = &step;
     }
     std::vector<TavroStep> steps;
-    std::copy_if(Steps.begin(), Steps.end(), std::back_inserter(steps),
-                 [&](const TavroStep& step) { return latestLike(step) == &step; });
+    for (const TavroStep& step : Steps) {
+        if (const TavroStep* last = std::exchange(latestLike(step), nullptr)) {
+            steps.push_back(*last);
+        }
+    }
     RenewCopies(steps);
     return steps;
 }
@@ -156,8 +159,7 @@ void AddLeftoversBelow(const std::string& Directory, std::set<std::string>& OutP
     TavroPlaces places;
     TavroPlace place;
     struct stat status = {};
-    if (places.Find(Directory, place) || TavroLookAt(place, status) != 0 ||
-        !S_ISDIR(status.st_mode)) {
+    if (places.Look(Directory, place, status) != 0 || !S_ISDIR(status.st_mode)) {
         return;
     }
     TavroTreeWalk walk(place.Number(), place.Name);

@@ -30,7 +30,7 @@ TavroIdentity TavroIdentityAt(TavroPlaces& Places, const std::string& Path);
 /// Whether an operation leads from `To` to `From`.
 bool TavroGoesBack(const TavroOperation& Operation);
 
-/// Of steps that were kept several times, the last.
+/// Of steps that were kept several times the last, in the place of the first.
 std::vector<TavroStep> TavroLatestOf(const std::vector<TavroStep>& Steps);
 
 /// Where the file of a step is now. Files are known by their inodes: the number of a device can be

@@ -70,12 +70,6 @@ Steps TavroReversal::ToRemove() {
 // Checking
 // =================================================================================================
 
-/// @return the error number of looking at an entry.
-int TavroReversal::Look(const std::string& Path, TavroPlace& OutPlace, struct stat& OutStatus) {
-    const TavroFailure failure = m_places.Find(Path, OutPlace);
-    return failure ? failure.Error.value() : TavroLookAt(OutPlace, OutStatus);
-}
-
 /// Whether a file that has the number of the one that the operation left is another one all the
 /// same: it was created when the operation had ended, or is of another volume at the same place,
 /// where nobody has touched it since. After a restart a device can have another number.
@@ -104,7 +98,7 @@ TavroFailure TavroReversal::CheckFile(const TavroStep& Step, const std::string& 
                                       TavroSeenEntry& OutSeen) {
     TavroPlace place;
     struct stat status = {};
-    const int error = Look(Path, place, status);
+    const int error = m_places.Look(Path, place, status);
     if (error != 0) {
         return TavroFail(TavroIsMissing(error) ? Kind::Missing : Kind::LookAt, error, Path);
     }
@@ -143,7 +137,7 @@ TavroFailure TavroReversal::CheckHolder(const std::string& Path) {
 TavroFailure TavroReversal::CheckFree(const std::string& Path) {
     TavroPlace place;
     struct stat status = {};
-    const int error = Look(Path, place, status);
+    const int error = m_places.Look(Path, place, status);
     if (TavroIsMissing(error)) {
         return CheckHolder(TavroParentOf(Path));
     }
@@ -258,7 +252,7 @@ void TavroReversal::Remember(const std::vector<std::string>& Made) {
     for (const std::string& path : Made) {
         TavroPlace place;
         struct stat status = {};
-        if (Look(path, place, status) == 0) {
+        if (m_places.Look(path, place, status) == 0) {
             m_made[path] = TavroIdentityOf(status);
             m_changes.Add(place.Directory);
         }
@@ -299,7 +293,7 @@ int TavroReversal::RemoveDirectory(const std::string& Path, const TavroIdentity&
                                    mode_t& OutMode) {
     TavroPlace place;
     struct stat status = {};
-    int error = Look(Path, place, status);
+    int error = m_places.Look(Path, place, status);
     error = error == 0 && status.st_ino != Identity.Inode ? ESTALE : error;
     error = error != 0 ? error : TavroRemoveDirectoryAt(place.Number(), place.Name.c_str());
     if (error == 0) {
@@ -338,9 +332,11 @@ TavroFailure TavroReversal::CheckCreated() {
     });
 }
 
-/// Removes all directories of an operation that created nothing else, or none.
+/// Removes all directories of an operation that created nothing else, or none. What is created
+/// again after a failure is another directory, and the report tells which.
 TavroFailure TavroReversal::RemoveCreated() {
     TavroFailure failure = CheckCreated();
+    const std::vector<TavroStep> before = failure ? std::vector<TavroStep>() : m_steps;
     if (failure || !(failure = RemoveDirectories())) {
         return failure;
     }
@@ -348,6 +344,14 @@ TavroFailure TavroReversal::RemoveCreated() {
     again.CheckToMake();
     again.MakeDirectories();
     again.SetModes();
+    again.m_changes.Flush(); // that nothing was done must hold, too
+    m_steps = before;
+    for (const TavroStep& step : m_steps) {
+        const auto made = again.m_made.find(TavroDirectoryOf(step));
+        if (made != again.m_made.end() && made->second.Inode != 0) {
+            m_report.Moves.Renewed.emplace_back(step.Identity, made->second);
+        }
+    }
     return failure;
 }
 
@@ -396,8 +400,7 @@ TavroFailure TavroReversal::RunMoves(const Steps& Of, std::vector<TavroBatchStep
         step.Source = m_bUndo ? made.Identity : Moves[i].Seen->State.Identity;
         step.Identity = m_bUndo ? Moves[i].Seen->State.Identity : made.Identity;
         step.Staged = name;
-        return m_callbacks.BeforeActs ? m_callbacks.BeforeActs(TavroOperationKind::Move, {step})
-                                      : TavroFailure();
+        return m_callbacks.Announce(TavroOperationKind::Move, {step});
     };
     m_report.Moves = TavroRunBatch(Moves, hooks, m_callbacks);
     Remember(m_report.Moves.CreatedDirectories);
@@ -454,7 +457,7 @@ TavroFailure TavroReversal::Trash(const Steps& Entries, std::vector<TavroStep>& 
         for (TavroStep& step : told) {
             step.Role = As;
         }
-        return m_callbacks.BeforeActs ? m_callbacks.BeforeActs(kind, told) : TavroFailure();
+        return m_callbacks.Announce(kind, told);
     };
     if (!failure && !entries.empty()) {
         m_report.Trash = TavroTrashSelection(entries, callbacks, expected, origins, options);
@@ -531,7 +534,7 @@ TavroFailure TavroReversal::Restore(Role What) {
         for (TavroStep& step : more) {
             step.Role = What;
         }
-        return m_callbacks.BeforeActs ? m_callbacks.BeforeActs(kind, more) : TavroFailure();
+        return m_callbacks.Announce(kind, more);
     };
     m_report.Trash = TavroRestoreSelection(entries, callbacks, true);
     struct timespec now = {}; // until when files may have come from other file systems

@@ -59,7 +59,6 @@ private:
     Steps ToMake();
     Steps ToRemove();
 
-    int Look(const std::string& Path, TavroPlace& OutPlace, struct stat& OutStatus);
     static bool IsNamesake(const TavroStep& Step, const TavroPlace& Place,
                            const struct stat& Status);
     TavroFailure CheckFile(const TavroStep& Step, const std::string& Path, TavroSeenEntry& OutSeen);

@@ -162,8 +162,7 @@ TavroFailure TavroReversal::TellOfExchange() {
             told.back().Staged = swap.Hidden;
         }
     }
-    return m_callbacks.BeforeActs ? m_callbacks.BeforeActs(m_report.Operation.Kind, told)
-                                  : TavroFailure();
+    return m_callbacks.Announce(m_report.Operation.Kind, told);
 }
 
 /// Moves beside its place what is on the same mount, and exchanges the names.

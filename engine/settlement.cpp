@@ -43,9 +43,9 @@ std::uint64_t InodeAt(TavroPlaces& Places, const std::string& Path) {
 class Settlement {
 public:
     Settlement(TavroHistory& History, TavroOperation& IoOperation, bool bGoOn,
-               const TavroCallbacks& Callbacks)
+               const TavroCallbacks& Callbacks, std::vector<std::string>& OutTrashed)
         : m_history(History), m_operation(IoOperation), m_bGoOn(bGoOn), m_callbacks(Callbacks),
-          m_changes(Callbacks.bSync) {
+          m_changes(Callbacks.bSync), m_trashed(OutTrashed) {
         m_callbacks.BeforeActs = nullptr;
         std::set<std::string> starts;
         std::istringstream words(IoOperation.Staging);
@@ -112,6 +112,7 @@ private:
     TavroCallbacks m_callbacks;
     TavroPlaces m_places;
     TavroChanges m_changes;
+    std::vector<std::string>& m_trashed;
 };
 
 TavroFailure Settlement::Settle(TavroStep& IoStep, TavroWhereabouts& OutWhere) {
@@ -133,8 +134,8 @@ TavroFailure Settlement::SettleBoth(const TavroStep& Step, TavroWhereabouts& Out
     }
     struct stat source = {};
     TavroPlace place;
-    const bool bFile = !m_places.Find(Step.From, place) && TavroLookAt(place, source) == 0 &&
-                       !S_ISDIR(source.st_mode); // which is whole
+    const bool bFile =
+        m_places.Look(Step.From, place, source) == 0 && !S_ISDIR(source.st_mode); // which is whole
     if (bFile && Step.SourceTime != 0 && TavroNanoseconds(source.st_ctim) != Step.SourceTime) {
         return RemoveCopy(Step); // somebody has gone on working with it
     }
@@ -152,7 +153,12 @@ TavroFailure Settlement::RemoveCopy(const TavroStep& Step) {
 }
 
 TavroFailure Settlement::Trash(const std::string& Path) {
-    return TavroTrashSelection({TavroNameEntry(Path)}, m_callbacks, {}).Batch.Failure;
+    TavroFailure failure =
+        TavroTrashSelection({TavroNameEntry(Path)}, m_callbacks, {}).Batch.Failure;
+    if (!failure) {
+        m_trashed.push_back(Path);
+    }
+    return failure;
 }
 
 /// A directory that was missing before, and is there, is the one that the operation has made.
@@ -223,8 +229,8 @@ bool Settlement::IsEarlier(const TavroStep& Step) {
     const std::string hidden = TavroIsTrashed(Step) ? "" : Beside(Step.To, Step.Staged);
     TavroPlace place;
     struct stat status = {};
-    return m_bGoOn && m_bSameStart && !hidden.empty() && !m_places.Find(hidden, place) &&
-           TavroLookAt(place, status) == 0 && S_ISDIR(status.st_mode) &&
+    return m_bGoOn && m_bSameStart && !hidden.empty() &&
+           m_places.Look(hidden, place, status) == 0 && S_ISDIR(status.st_mode) &&
            status.st_ino == Step.Identity.Inode;
 }
 
@@ -232,7 +238,7 @@ bool Settlement::IsEarlier(const TavroStep& Step) {
 TavroFailure Settlement::TrashAgain(TavroStep& IoStep, const std::string& Hidden) {
     const TavroTrashReport report =
         TavroTrashSelection({TavroNameEntry(Hidden)}, m_callbacks, {}, {IoStep.From});
-    if (report) {
+    if (!report.Batch.Failure) {
         IoStep.To = report.Entries[0].Entry.TrashPath;
         IoStep.Record = report.Entries[0].Entry.InfoPath;
         IoStep.Identity = report.Entries[0].Item;
@@ -261,8 +267,7 @@ TavroFailure Settlement::KeepReplaced(const TavroStep& Step, const std::vector<T
     TavroStep old = {Role::Replaced, Step.To};
     TavroPlace place;
     struct stat status = {};
-    const bool bWhole = !m_places.Find(hidden, place) && TavroLookAt(place, status) == 0 &&
-                        !S_ISDIR(status.st_mode);
+    const bool bWhole = m_places.Look(hidden, place, status) == 0 && !S_ISDIR(status.st_mode);
     TavroFailure failure = TrashAgain(old, hidden);
     if (!failure && bWhole) { // of a directory a part may be gone: it does not come back
         OutSteps.push_back(std::move(old));
@@ -546,8 +551,8 @@ bool Settlement::IsBegun(const TavroPlace& Record) const {
 
 TavroFailure TavroSettle(TavroHistory& History, TavroOperation& IoOperation, bool bGoOn,
                          const TavroCallbacks& Callbacks, std::vector<TavroStep>& OutDone,
-                         std::vector<TavroStep>& OutNotDone) {
-    Settlement settlement(History, IoOperation, bGoOn, Callbacks);
+                         std::vector<TavroStep>& OutNotDone, std::vector<std::string>& OutTrashed) {
+    Settlement settlement(History, IoOperation, bGoOn, Callbacks, OutTrashed);
     std::vector<TavroStep> steps = TavroLatestOf(IoOperation.Steps);
     for (const TavroStep& step : steps) {
         settlement.TakeAsideBack(step);

@@ -6,6 +6,7 @@
 #include "history.h"
 #include "progress.h"
 
+#include <string>
 #include <vector>
 
 /// Settles an interrupted operation: removes copies that were not published, and records of what
@@ -20,9 +21,12 @@
 /// @param OutDone      the steps whose files are at `To`. What was kept of one step several times
 ///                     counts once.
 /// @param OutNotDone   the others.
+/// @param OutTrashed   the paths of what was in two places, in part at least, and went from there
+/// to
+///                     the trash.
 /// @return no failure, or why something could not be settled; all can be tried again.
 TavroFailure TavroSettle(TavroHistory& History, TavroOperation& IoOperation, bool bGoOn,
                          const TavroCallbacks& Callbacks, std::vector<TavroStep>& OutDone,
-                         std::vector<TavroStep>& OutNotDone);
+                         std::vector<TavroStep>& OutNotDone, std::vector<std::string>& OutTrashed);
 
 #endif

@@ -99,6 +99,8 @@ public:
     void Run(std::vector<TavroTransferItemPlan>& Items);
 
 private:
+    using Entries = std::vector<TavroPendingEntry>;
+
     void KeepOrDiscard();
     bool CheckGuard(const std::vector<TavroTransferItemPlan>& Items);
     bool Measure(std::vector<TavroTransferItemPlan>& Items);
@@ -130,9 +132,13 @@ private:
     void RemoveEmptied();
 
     void Flush();
-    TavroFailure ClaimTrash(std::vector<TavroPendingEntry>& Entries);
+    std::string FirstOf(const Entries& Changed) const;
+    bool Secure(Entries& Waiting);
+    void PublishAll(Entries& IoEntries);
+    bool FinishAll(Entries& Published);
+    TavroFailure ClaimTrash(Entries& Waiting);
     TavroStep MainStep(const TavroPendingEntry& Entry, const TavroFileState& Staged) const;
-    TavroFailure Journal(const std::vector<TavroPendingEntry>& Entries);
+    TavroFailure Journal(const Entries& Waiting);
     TavroStep ReplacedStep(const TavroPendingEntry& Entry) const;
     void Publish(TavroPendingEntry& Entry);
     void Rename(TavroPendingEntry& Entry);
@@ -144,7 +150,7 @@ private:
     bool NeedsFinish(const TavroPendingEntry& Entry) const;
     void Finish(TavroPendingEntry& Entry);
     void Note(TavroPendingEntry& Entry);
-    void TryAgain(std::vector<TavroPendingEntry>& Entries);
+    void TryAgain(Entries& Published);
     void Discard();
     void DropClaim(TavroPendingEntry& Entry);
     void GiveUp(TavroPendingEntry& Entry);
@@ -193,7 +199,7 @@ private:
 
     TavroNameSearch m_search; ///< For what is at destinations.
     TavroDescriptor m_source; ///< A file that is to be copied next.
-    std::vector<TavroPendingEntry> m_pending;
+    Entries m_pending;
     /// Where it waits to go, or to be copied from and removed: names in directories.
     std::unordered_map<TavroIdentity, std::unordered_set<std::string>> m_pendingNames;
     TavroOwnWork m_pendingWork;          ///< What waits, as if it were done.

@@ -26,8 +26,8 @@ class SelectionCheck {
 public:
     explicit SelectionCheck(const std::vector<TavroOperationEntry>& Entries) : m_entries(Entries) {}
 
-    /// The reasons, in order.
-    std::vector<TavroFailure> Run();
+    /// The reason against the first entry that must not go.
+    TavroFailure Run();
 
     /// One an entry, in order, from its own path to nowhere; complete when there was no reason.
     std::vector<TavroBatchStep> Steps;
@@ -48,21 +48,22 @@ private:
     std::string m_above;                                    ///< and what was found.
 };
 
-std::vector<TavroFailure> SelectionCheck::Run() {
-    std::vector<TavroFailure> reasons(m_entries.size());
+TavroFailure SelectionCheck::Run() {
+    std::vector<TavroFailure> reasons;
     Steps.reserve(m_entries.size());
-    for (std::size_t i = 0; i < m_entries.size(); ++i) {
+    for (const TavroOperationEntry& entry : m_entries) {
         Steps.push_back({});
         Volumes.push_back({});
-        reasons[i] = Look(m_entries[i]);
+        reasons.push_back(Look(entry));
     }
     for (std::size_t i = 0; i < m_entries.size(); ++i) {
-        reasons[i] = reasons[i] ? reasons[i] : LookInside(Steps[i].From);
-        reasons[i].Path = m_entries[i].Path;
+        TavroFailure reason = reasons[i] ? reasons[i] : LookInside(Steps[i].From);
+        if (reason) {
+            reason.Path = m_entries[i].Path;
+            return reason;
+        }
     }
-    const auto isNone = [](const TavroFailure& reason) { return !reason; };
-    reasons.erase(std::remove_if(reasons.begin(), reasons.end(), isNone), reasons.end());
-    return reasons;
+    return {};
 }
 
 TavroFailure SelectionCheck::Look(const TavroOperationEntry& Entry) {
@@ -71,9 +72,7 @@ TavroFailure SelectionCheck::Look(const TavroOperationEntry& Entry) {
     }
     TavroPlace place;
     struct stat status = {};
-    TavroFailure failure = m_places.Find(Entry.Path, place);
-    const int error = failure ? failure.Error.value() : TavroLookAt(place, status);
-    if (error != 0) {
+    if (const int error = m_places.Look(Entry.Path, place, status)) {
         return TavroFail(TavroFailureKind::RefuseTrash, error, "");
     }
     TavroBatchStep& step = Steps.back();
@@ -83,7 +82,7 @@ TavroFailure SelectionCheck::Look(const TavroOperationEntry& Entry) {
     if (S_ISDIR(status.st_mode)) {
         m_directories.insert(step.From);
     }
-    failure = m_guard.Check(place, status);
+    TavroFailure failure = m_guard.Check(place, status);
     if (!failure && IsSelectedTwice(Steps.size() - 1)) {
         failure = {TavroFailureKind::RefuseTrash, TavroRefusal::SelectedTwice};
     }
@@ -116,10 +115,6 @@ TavroFailure SelectionCheck::LookInside(const std::string& OwnPath) {
 
 } // namespace
 
-std::vector<TavroFailure> TavroCheckTrashable(const std::vector<TavroOperationEntry>& Entries) {
-    return SelectionCheck(Entries).Run();
-}
-
 std::vector<TavroOperationEntry> TavroEntriesToCopy(const std::vector<TavroOperationEntry>& Entries,
                                                     const TavroTrashOptions& Options) {
     TavroTrashDestinations destinations(Options.bHome, Options.bSync);
@@ -136,7 +131,7 @@ std::vector<TavroOperationEntry> TavroEntriesToCopy(const std::vector<TavroOpera
         return copied;
     }
     SelectionCheck check(Entries);
-    const bool bMayGo = check.Run().empty();
+    const bool bMayGo = !check.Run();
     for (std::size_t i = 0; i < Entries.size() && bMayGo; ++i) {
         if (destinations.IsCopied(check.Volumes[i])) {
             copied.push_back(Entries[i]);
@@ -264,8 +259,7 @@ TavroFailure Trashing::AnnounceCopy(std::size_t Index, const TavroFileState& Mad
     std::vector<TavroStep> steps = StepsOf({m_steps[Index]});
     steps[0].Source = std::exchange(steps[0].Identity, Made.Identity);
     steps[0].Staged = Staged;
-    return m_callbacks.BeforeActs ? m_callbacks.BeforeActs(TavroOperationKind::Trash, steps)
-                                  : TavroFailure();
+    return m_callbacks.Announce(TavroOperationKind::Trash, steps);
 }
 
 TavroFailure Trashing::Claim(std::size_t Index) {
@@ -325,9 +319,9 @@ TavroTrashReport TavroTrashSelection(const std::vector<TavroOperationEntry>& Ent
         return Failed({TavroFailureKind::NothingSelected});
     }
     SelectionCheck check(Entries);
-    const std::vector<TavroFailure> reasons = check.Run();
-    if (!reasons.empty() || TavroFindTrashFolders().Root.empty()) {
-        return Failed(reasons.empty() ? TavroFailure{TavroFailureKind::NoHome} : reasons.front());
+    TavroFailure reason = check.Run();
+    if (reason || TavroFindTrashFolders().Root.empty()) {
+        return Failed(reason ? std::move(reason) : TavroFailure{TavroFailureKind::NoHome});
     }
     std::vector<TavroBatchStep>& steps = check.Steps;
     for (std::size_t i = 0; i < Origins.size(); ++i) {
@@ -350,7 +344,7 @@ TavroTrashReport TavroTrashSelection(const std::vector<TavroOperationEntry>& Ent
     };
     TavroTrashReport report;
     report.Batch = TavroRunBatch(steps, hooks, Callbacks);
-    if (!report) {
+    if (report.Batch.Failure) {
         TellWhatIsLeft(
             steps, [&](std::size_t i) { return InTrash(steps[i]); }, report);
         return report;
@@ -510,14 +504,13 @@ TavroTrashReport TavroRestoreSelection(const std::vector<TavroTrashedEntry>& Ent
         std::vector<TavroStep> step = StepsToRestore({steps[i]});
         step[0].Source = made.Identity; // it goes back
         step[0].Staged = name;
-        return Callbacks.BeforeActs ? Callbacks.BeforeActs(TavroOperationKind::Restore, step)
-                                    : TavroFailure();
+        return Callbacks.Announce(TavroOperationKind::Restore, step);
     };
     hooks.Finish = [&](TavroChanges& changes) { RemoveRecords(steps, changes); };
     TavroTrashReport report;
     report.bRestoring = true;
     report.Batch = TavroRunBatch(steps, hooks, Callbacks);
-    if (!report) {
+    if (report.Batch.Failure) {
         report.Batch.Failure = AsOfTrash(std::move(report.Batch.Failure));
         const auto entryOf = [&](std::size_t i) { return *restorations[i].Trashed; };
         TavroChanges changes(Callbacks.bSync);

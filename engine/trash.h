@@ -33,19 +33,7 @@ struct TavroTrashReport {
     std::vector<TavroTrashedEntry> Entries = {};
 
     bool bRestoring = false; ///< The report is of a restore, not of a trashing.
-
-    explicit operator bool() const {
-        return !Batch.Failure;
-    }
 };
-
-/// Says why a selection must not go to the trash: the guard protects an entry, one is selected
-/// twice, lies inside another one that is selected, is in the trash already, is an audio CD track,
-/// or does not exist. A link may go whatever it points to, unless it is on the way to the home
-/// directory or the trash.
-///
-/// @return one reason an entry that must not go, in order; empty when the selection may go.
-std::vector<TavroFailure> TavroCheckTrashable(const std::vector<TavroOperationEntry>& Entries);
 
 /// Which trash takes what is on another mount than the home trash. That of its own volume, unless
 /// there can be none.
@@ -69,7 +57,11 @@ std::vector<TavroOperationEntry> TavroEntriesToCopy(const std::vector<TavroOpera
 /// failure or a cancel moves back what was moved and removes the records; what cannot be moved back
 /// keeps its record. Links are trashed as links, by their own paths.
 ///
-/// @param Entries   `Path` alone is used. They are checked as TavroCheckTrashable does.
+/// Refused before anything is moved, with the reason against the first entry that must not go: what
+/// the guard protects, what is selected twice, lies inside another one that is selected, is in the
+/// trash already, is an audio CD track, or does not exist.
+///
+/// @param Entries   `Path` alone is used.
 /// @param Expected  when given, the files that the entries must be, in order; else ItemChanged.
 /// @param Origins   when given, the paths to which they are to be restored, in order: an entry that
 ///                  has made way for another one has a hidden name.

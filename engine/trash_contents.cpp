@@ -493,9 +493,7 @@ bool Emptying::IsClaimedByOther(const TavroTrashItem& Item) const {
 TavroFailure Announce(const TavroCallbacks& Callbacks, std::vector<TavroStep> Steps) {
     const auto isNothing = [](const TavroStep& step) { return step.Identity.Inode == 0; };
     Steps.erase(std::remove_if(Steps.begin(), Steps.end(), isNothing), Steps.end());
-    return Callbacks.BeforeActs && !Steps.empty()
-               ? Callbacks.BeforeActs(TavroOperationKind::Empty, Steps)
-               : TavroFailure();
+    return Callbacks.Announce(TavroOperationKind::Empty, Steps);
 }
 
 /// One trash, and what goes from it.

@@ -9,7 +9,9 @@
 #include "trash_contents.h"
 
 #include <algorithm>
+#include <map>
 #include <set>
+#include <tuple>
 #include <utility>
 
 namespace {
@@ -81,8 +83,8 @@ TavroFailure Going::Settle(bool& IoUndo, bool bResume) {
     std::vector<TavroStep> notDone;
     const TavroOperationState state = operation.State;
     const bool bDoing = state == TavroOperationState::Doing;
-    TavroFailure failure =
-        TavroSettle(m_history, operation, bDoing && bResume, m_callbacks, done, notDone);
+    TavroFailure failure = TavroSettle(m_history, operation, bDoing && bResume, m_callbacks, done,
+                                       notDone, m_report.Rests);
     m_before.Steps = operation.Steps;
     if (operation.Kind == TavroOperationKind::Restore) {
         // Its records need not tell of the places that were chosen.
@@ -207,6 +209,10 @@ TavroFailure Going::Transfer(TavroTransferCallbacks Callbacks) {
             TavroRemoveTree(place, {TavroIdentity{device, copy.Made.Inode}});
         }
     }
+    // Ended, nobody would know of what was replaced by nothing.
+    bOpen = bOpen || std::any_of(m_settled.begin(), m_settled.end(), [](const TavroStep& step) {
+                return step.Role == Role::Replaced && !TavroIsPresent(step.From);
+            });
     m_report.Transfer.bUnsettled = m_report.Transfer.bUnsettled || bOpen;
     operation.Steps = TavroOperationOf(m_report.Transfer, plan.bMove).Steps;
     TavroCompleteOperation(operation);
@@ -244,11 +250,31 @@ void Going::TellRenewed(const TavroBatchReport& TakenBack, const TavroCallbacks&
     }
 }
 
-/// Makes steps those of the whole operation, without what was only planned.
+/// Makes steps those of the whole operation, in its order, without what was only planned.
 void Going::AddSettled(std::vector<TavroStep>& IoSteps) const {
     const auto isPlanned = [](const TavroStep& step) { return step.Role == Role::Planned; };
     IoSteps.insert(IoSteps.begin(), m_settled.begin(), m_settled.end());
     IoSteps.erase(std::remove_if(IoSteps.begin(), IoSteps.end(), isPlanned), IoSteps.end());
+    if (m_settled.empty()) {
+        return;
+    }
+    using Key = std::tuple<Role, std::string, std::string>;
+    std::map<Key, std::size_t> places;
+    const auto keyOf = [](const TavroStep& step) {
+        return Key(step.Role, step.From, TavroIsTrashed(step) ? "" : step.To);
+    };
+    for (const TavroStep& step : m_before.Steps) {
+        places.emplace(keyOf(step), places.size());
+    }
+    std::vector<std::pair<std::size_t, TavroStep>> placed; // what is new stays behind
+    for (TavroStep& step : IoSteps) {
+        const auto found = places.find(keyOf(step));
+        placed.emplace_back(found == places.end() ? places.size() : found->second, std::move(step));
+    }
+    std::stable_sort(placed.begin(), placed.end(),
+                     [](const auto& a, const auto& b) { return a.first < b.first; });
+    std::transform(placed.begin(), placed.end(), IoSteps.begin(),
+                   [](auto& step) { return std::move(step.second); });
 }
 
 /// Tells the history that what was interrupted goes back from now on, and what of it there is: were
@@ -447,8 +473,7 @@ TavroFailure TavroCheckUndo(const TavroOperation& Operation, bool& bOutNothingLe
     const auto mayBeThere = [&](const TavroStep& step) {
         TavroPlace place;
         struct stat status = {};
-        return !places.Find(step.To, place) && TavroLookAt(place, status) == 0 &&
-               !TavroKeepsInodes(place.Number());
+        return places.Look(step.To, place, status) == 0 && !TavroKeepsInodes(place.Number());
     };
     const auto isThere = [&](const TavroStep& step) {
         const TavroWhereabouts where = TavroFindStep(step, places);
@@ -470,22 +495,6 @@ TavroUndoReport TavroRedo(TavroHistory& History, const TavroCallbacks& Callbacks
 TavroUndoReport TavroResume(TavroHistory& History, const TavroTransferCallbacks& Callbacks) {
     return Going(History, Callbacks)
         .Run(&TavroHistory::NextToResume, Kind::NothingToResume, false, true);
-}
-
-void TavroCompleteOperation(TavroOperation& Operation) {
-    struct timespec now = {};
-    clock_gettime(CLOCK_REALTIME, &now);
-    TavroPlaces places;
-    for (TavroStep& step : Operation.Steps) {
-        TavroPlace place;
-        struct stat status = {};
-        step.ChangeTime = step.ChangeTime != 0 ? step.ChangeTime : TavroNanoseconds(now);
-        if (step.Identity.Inode == 0 && step.Role != Role::RemovedDirectory &&
-            !places.Find(step.To, place) && TavroLookAt(place, status) == 0) {
-            step.Identity = TavroIdentityOf(status);
-            step.Mode = step.Role == Role::CreatedDirectory ? status.st_mode & 07777U : step.Mode;
-        }
-    }
 }
 
 std::string TavroDescribe(const TavroUndoReport& Report) {

@@ -10,14 +10,15 @@
 
 /// What became of an undo or a redo.
 struct TavroUndoReport {
-    TavroFailure Failure = {};         ///< None when it is done and saved.
-    TavroTrashReport Trash = {};       ///< Of what went to the trash, or came back from it.
-    TavroBatchReport Moves = {};       ///< Of what was moved.
-    TavroTransferReport Transfer = {}; ///< Of what a resumption copied or moved.
-    bool bDoneButNotSaved = false;     ///< The disk is changed; the history has it as interrupted.
-    bool bPartly = false;              ///< After a failure: it is interrupted, and can be resumed.
-    bool bUndone = false;              ///< It went back: of an interrupted operation it may.
-    TavroOperation Operation = {};     ///< What was undone (redone), as it is kept now.
+    TavroFailure Failure = {};           ///< None when it is done and saved.
+    TavroTrashReport Trash = {};         ///< Of what went to the trash, or came back from it.
+    TavroBatchReport Moves = {};         ///< Of what was moved.
+    TavroTransferReport Transfer = {};   ///< Of what a resumption copied or moved.
+    std::vector<std::string> Rests = {}; ///< Were in two places, and went from these to the trash.
+    bool bDoneButNotSaved = false; ///< The disk is changed; the history has it as interrupted.
+    bool bPartly = false;          ///< After a failure: it is interrupted, and can be resumed.
+    bool bUndone = false;          ///< It went back: of an interrupted operation it may.
+    TavroOperation Operation = {}; ///< What was undone (redone), as it is kept now.
 };
 
 /// Undoes (redoes) the newest operation and saves the history; NothingToUndo (NothingToRedo) when
@@ -51,10 +52,6 @@ TavroFailure TavroCheckUndo(const TavroOperation& Operation, bool& bOutNothingLe
 /// deletion goes on. That is all that can be done with one: undone it is DeletionWasInterrupted, or
 /// DeletionIsFinal when it has ended.
 TavroUndoReport TavroResume(TavroHistory& History, const TavroTransferCallbacks& Callbacks);
-
-/// Looks up, for an operation that is to be recorded, what its steps leave open: which file is at
-/// `To`, and the mode of a created directory.
-void TavroCompleteOperation(TavroOperation& Operation);
 
 /// The sentence of a report; empty after success.
 std::string TavroDescribe(const TavroUndoReport& Report);

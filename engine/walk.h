@@ -34,10 +34,6 @@ public:
         return m_levels.empty() ? m_base : m_levels.back().Directory.Number();
     }
 
-    std::size_t Depth() const {
-        return m_levels.size();
-    }
-
 private:
     struct Level {
         TavroDescriptor Directory;

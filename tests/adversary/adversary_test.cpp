@@ -39,7 +39,7 @@ struct Scenario {
 };
 
 std::vector<TavroOperationEntry> treeOf(const World& world) {
-    return {TavroSelectEntry(world.tree())};
+    return {TavroNameEntry(world.tree())};
 }
 
 TavroTransferReport transfer(World& world, bool bMove, bool& bOutDone) {
@@ -69,12 +69,11 @@ bool move(World& world) {
 }
 
 TavroTrashReport trash(World& world) {
-    TavroTrashReport report = TavroTrashSelection(treeOf(world), {});
-    return report;
+    return TavroTrashSelection(treeOf(world), {});
 }
 
 bool isTrashed(World& world) {
-    return bool(trash(world));
+    return !trash(world).Batch.Failure;
 }
 
 /// What is in the trash, listed before the adversary comes.
@@ -90,7 +89,7 @@ bool empty(World&) {
 }
 
 bool restore(World&) {
-    return bool(TavroRestoreSelection({g_items.at(0).Trashed()}, {}));
+    return !TavroRestoreSelection({g_items.at(0).Trashed()}, {}).Batch.Failure;
 }
 
 /// Records an operation, to be undone.

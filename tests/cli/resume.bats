@@ -481,6 +481,133 @@ needs_two_file_systems() {
   rm -r "$there"
 }
 
+@test "a move that could not remove all of its source is undone or finished, and the rest is kept" {
+  needs_strace
+  needs_two_file_systems
+  for next in undo resume; do
+    mkdir d
+    echo a >d/a
+    echo b >d/b
+    echo e >e
+    run -1 --separate-stderr strace -qq -o "$scratch/calls" -e trace=unlinkat \
+      -e inject=unlinkat:error=EPERM:when=1 "$TAVRO" move d e "$there/"
+    [[ $stderr == *"tavro: Not finished: 'tavro resume' continues, 'tavro undo' takes it back" ]]
+    local left
+    left=$(ls d)
+    [[ $left == [ab] ]]
+    expect "$(ls "$there")" $'d\ne'
+    run -0 tavro history
+    [[ ${lines[0]} == *'(interrupted, 1 of 2 done)' ]]
+    run -0 --separate-stderr tavro "$next"
+    expect "$stderr" "tavro: What was left at '$PWD/d' is in the trash"
+    expect "$(ls "$HOME"/.local/share/Trash/files/d*)" "$left"
+    if [ "$next" = resume ]; then
+      expect "$(ls; ls "$there" "$there/d")" "$there:"$'\nd\ne\n\n'"$there/d:"$'\na\nb'
+      run -0 tavro undo
+    fi
+    expect "$(cat d/a d/b e; ls "$there")" $'a\nb\ne'
+    tavro empty -fq
+    rm -r d e
+  done
+  rm -r "$there"
+}
+
+@test "a resumption that leaves nothing in the place of what was replaced can still be undone" {
+  needs_strace
+  needs_two_file_systems
+  echo new >f
+  echo old >"$there/f"
+  command -v chattr >/dev/null && chattr +i f 2>/dev/null || skip 'no file can be made immutable here'
+  run -1 tavro move --on-conflict overwrite f "$there/"
+  run -1 --separate-stderr tavro resume
+  chattr -i f
+  [[ $stderr == *"tavro: Not finished: 'tavro resume' continues, 'tavro undo' takes it back" ]]
+  run -0 tavro undo
+  expect "$(cat f "$there/f")" $'new\nold'
+  rm -r "$there"
+}
+
+@test "what was settled keeps its place among the steps" {
+  needs_strace
+  tavro mkdir a/b/c
+  killed_at unlinkat 2 "$TAVRO" undo
+  [ -d a/b ]
+  run -0 tavro resume
+  expect "$(ls)" ''
+  run -0 tavro redo
+  run -0 tavro history
+  [[ $output == *"  mkdir  $PWD/a and 2 more" ]]
+  run -0 tavro undo
+  expect "$(ls)" ''
+}
+
+@test "an entry that a killed redo moves before its directory is still moved before it" {
+  needs_strace
+  needs_two_file_systems
+  mkdir d
+  echo x >d/x
+  echo y >d/y
+  tavro move -q d/x d "$there/"
+  run -0 tavro undo
+  killed_at linkat 1 "$TAVRO" redo
+  run -0 tavro resume
+  expect "$(ls; cat "$there"/x "$there"/d/*)" $'x\ny'
+  run -0 tavro undo
+  expect "$(cat d/*; ls "$there")" $'x\ny'
+  rm -r "$there"
+}
+
+@test "a merge that was killed as it removed what it had emptied leaves no directory when it is redone" {
+  needs_strace
+  for when in 1 2 3; do
+    mkdir -p d/{a,e} t/d/{a,e}
+    echo text | tee d/1 d/a/2 >/dev/null
+    chmod 711 d/a
+    killed_at unlinkat "$when" "$TAVRO" move d t/
+    run -0 tavro undo
+    expect "$(find d t -type f | sort)" $'d/1\nd/a/2'
+    run -0 tavro redo
+    expect "$(ls)" t
+    run -0 tavro undo
+    expect "$(find d t -type f | sort)$(stat -c ' %a' d/a)" $'d/1\nd/a/2 711'
+    rm -r d t
+  done
+}
+
+@test "a directory that a killed redo was to create gets the mode that it had" {
+  needs_strace
+  echo text >f
+  (umask 022 && tavro copy -q f new/g)
+  tavro undo -q
+  killed_at fsync 1 "$TAVRO" redo
+  run -0 tavro resume
+  expect "$(stat -c %a new)$(cat new/g)" 755text
+}
+
+@test "the rests of a killed move are told in one line" {
+  needs_strace
+  needs_two_file_systems
+  echo text | tee a b c >/dev/null
+  killed_at unlinkat 2 "$TAVRO" move a b c "$there/"
+  run -0 --separate-stderr tavro undo
+  expect "$stderr" "tavro: What was left at '$PWD/b' and 1 more is in the trash"
+  expect "$(ls)" $'a\nb\nc'
+  rm -r "$there"
+}
+
+@test "what a move has replaced comes back when its source could not be removed" {
+  needs_strace
+  needs_two_file_systems
+  echo new >f
+  echo old >"$there/f"
+  run -1 strace -qq -o "$scratch/calls" -e trace=unlinkat -e inject=unlinkat:error=EPERM:when=2 \
+    "$TAVRO" move --on-conflict overwrite f "$there/"
+  expect "$(cat f "$there/f")" $'new\nnew'
+  run -0 tavro undo
+  expect "$(cat f "$there/f")" $'new\nold'
+  rm -r "$there"
+}
+
 @test "who settles an operation leaves what others have hidden in the same directory" {
   needs_strace
   mkdir d other

@@ -156,6 +156,24 @@ $PWD/d -> $HOME/$trash/files/d"
   run -2 tavro empty --older-than many
 }
 
+@test "empty of an empty trash says that there is nothing, and is done" {
+  run -0 --separate-stderr tavro empty -f
+  expect "$output$stderr" 'The trash is empty'
+  run -0 tavro empty
+  expect "$output" 'The trash is empty'
+  run -0 tavro empty -f --older-than 30
+  expect "$output" 'The trash is empty'
+  run -0 tavro empty -fq
+  expect "$output" ''
+  touch a
+  tavro trash a
+  run -0 tavro empty -f --older-than 30
+  expect "$output" 'Deleted 0 items (0 bytes)'
+  rm "$HOME/$trash/info/a.trashinfo"
+  run -0 tavro empty -f
+  [[ $output != *empty* ]]
+}
+
 @test "an empty trash and an empty history say so to a person alone" {
   run -0 on_terminal "$TAVRO list"
   expect "$output" 'The trash is empty'

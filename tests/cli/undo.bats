@@ -124,6 +124,27 @@ tavro: Cannot be undone: 2 trash $PWD/a: '$HOME/.local/share/Trash/files/a' is n
   [ ! -e older ]
 }
 
+@test "an operation that another program has made senseless is not blamed on the one before it" {
+  command -v python3 >/dev/null || skip 'python3 is not installed'
+  touch a b
+  tavro rename a a2
+  tavro rename b b2
+  local spoil='import sqlite3, sys
+connection = sqlite3.connect(sys.argv[1])
+connection.execute("UPDATE operation SET kind = 99 WHERE id > " + sys.argv[2])
+connection.commit()'
+  python3 -c "$spoil" "$HOME/.local/state/tavro/history.db" 1
+  run -1 tavro undo
+  expect "$output" "tavro: Cannot be undone: The history '$HOME/.local/state/tavro/history.db' contains an invalid operation
+tavro: With --skip this is undone instead: 1 rename $PWD/a -> $PWD/a2"
+  run -0 tavro undo --skip
+  expect "$(ls)" $'a\nb2'
+  python3 -c "$spoil" "$HOME/.local/state/tavro/history.db" 0
+  run -1 tavro undo
+  expect "$output" "tavro: Cannot be undone: The history '$HOME/.local/state/tavro/history.db' contains an invalid operation
+tavro: Nothing else can be undone"
+}
+
 @test "the history as JSON tells the number, whether it can be undone, and why not" {
   touch a b
   tavro rename a c

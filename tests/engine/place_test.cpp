@@ -23,6 +23,12 @@ using namespace tavro_test;
 
 namespace {
 
+TavroOperationEntry selectEntry(const std::string& path) {
+    std::vector<TavroOperationEntry> entries;
+    TavroSelectEntries({path}, entries);
+    return entries.front();
+}
+
 class SelectEntry : public testing::Test {
 protected:
     SelectEntry() : m_current(m_box.path()) {
@@ -38,7 +44,7 @@ protected:
             expected.empty() ? m_box.path().string() : (m_box / expected).string();
         for (const std::string& one : {text, m_box.path().string() + "/" + text}) {
             SCOPED_TRACE(one);
-            const TavroOperationEntry entry = TavroSelectEntry(one);
+            const TavroOperationEntry entry = selectEntry(one);
             EXPECT_EQ(path, entry.Path);
             EXPECT_EQ(TavroNameOf(path), entry.Name);
             EXPECT_EQ(bDirectory, entry.bDirectory);
@@ -110,17 +116,17 @@ TEST_F(SelectEntry, two_dots_on_the_way_stay) {
 
 TEST(SelectEntryAnywhere, knows_the_root_and_audio_tracks) {
     for (const char* text : {"/", "//", "/.", "/..", "/../."}) {
-        EXPECT_EQ("/", TavroSelectEntry(text).Path) << text;
-        EXPECT_TRUE(TavroSelectEntry(text).bDirectory) << text;
+        EXPECT_EQ("/", selectEntry(text).Path) << text;
+        EXPECT_TRUE(selectEntry(text).bDirectory) << text;
     }
-    const TavroOperationEntry track = TavroSelectEntry("cdda://1/./Track 01.cdda");
+    const TavroOperationEntry track = selectEntry("cdda://1/./Track 01.cdda");
     EXPECT_EQ("cdda://1/./Track 01.cdda", track.Path);
     EXPECT_EQ("Track 01.cdda", track.Name);
     EXPECT_FALSE(track.bDirectory);
 }
 
 TEST_F(SelectEntry, an_empty_text_is_not_the_current_directory) {
-    EXPECT_EQ("", TavroSelectEntry("").Path);
+    EXPECT_EQ("", selectEntry("").Path);
     std::vector<TavroOperationEntry> entries;
     const std::vector<TavroFailure> failures = TavroSelectEntries({""}, entries);
     ASSERT_EQ(1U, failures.size());
@@ -139,7 +145,7 @@ TEST_F(SelectEntry, without_a_current_directory_a_name_is_not_one_of_the_root) {
     const std::pair<const char*, const char*> texts[] = {
         {"etc", "etc"}, {"./etc//passwd", "etc/passwd"}, {"etc/", "etc"}, {".", "."}};
     for (const auto& [text, path] : texts) {
-        EXPECT_EQ(path, TavroSelectEntry(text).Path);
+        EXPECT_EQ(path, selectEntry(text).Path);
         TavroPlace place;
         const TavroFailure failure = TavroPlaces().Find(text, place);
         struct stat status = {};
@@ -151,8 +157,8 @@ TEST_F(SelectEntry, without_a_current_directory_a_name_is_not_one_of_the_root) {
 
 TEST_F(SelectEntry, is_relative_to_the_root_directory_too) {
     const ScopedCurrentDirectory current("/");
-    EXPECT_EQ("/etc", TavroSelectEntry("etc").Path);
-    EXPECT_EQ("/", TavroSelectEntry(".").Path);
+    EXPECT_EQ("/etc", selectEntry("etc").Path);
+    EXPECT_EQ("/", selectEntry(".").Path);
 }
 
 TEST_F(SelectEntry, many_are_named_in_order_and_failures_tell_the_text) {
@@ -213,7 +219,7 @@ protected:
         if (!failure) {
             EXPECT_EQ(path, place.Path());
             EXPECT_EQ(0, TavroMakeDirectoryAt(place.Number(), place.Name.c_str(), 0700));
-            EXPECT_TRUE(TavroSelectEntry(path).bDirectory);
+            EXPECT_TRUE(selectEntry(path).bDirectory);
         }
         return failure;
     }

@@ -70,8 +70,10 @@ protected:
     }
 
     TavroOperationEntry Entry(const std::string& Name) const {
-        return Name.find(':') != std::string::npos ? TavroSelectEntry(Name)
-                                                   : TavroSelectEntry((m_box / Name).string());
+        std::vector<TavroOperationEntry> entries;
+        TavroSelectEntries({Name.find(':') != std::string::npos ? Name : (m_box / Name).string()},
+                           entries);
+        return entries.front();
     }
 
     Sandbox m_box;

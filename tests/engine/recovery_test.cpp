@@ -209,7 +209,7 @@ protected:
         return [this, from, to] {
             return keep([&](const TavroCallbacks& callbacks) {
                 const TavroEditReport report =
-                    TavroRenameTo(TavroSelectEntry(work(from).string()), to, callbacks);
+                    TavroRenameTo(TavroNameEntry(work(from).string()), to, callbacks);
                 EXPECT_EQ(TavroDescribe(report.Failure), "");
                 return TavroOperationOf(report, work(from).string());
             });

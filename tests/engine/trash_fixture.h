@@ -89,11 +89,7 @@ inline bool runOnVolume(const fs::path& from, const fs::path& to,
 }
 
 inline std::vector<TavroOperationEntry> select(const std::vector<fs::path>& paths) {
-    std::vector<TavroOperationEntry> entries;
-    for (const fs::path& path : paths) {
-        entries.push_back(TavroSelectEntry(path.string()));
-    }
-    return entries;
+    return TavroNameEntries({paths.begin(), paths.end()});
 }
 
 /// How often each call is made while it lives.
@@ -208,7 +204,7 @@ protected:
     static TavroTrashReport trashInVain(const std::vector<fs::path>& paths,
                                         const TavroCallbacks& callbacks = {}) {
         TavroTrashReport report = TavroTrashSelection(select(paths), callbacks);
-        EXPECT_FALSE(report);
+        EXPECT_TRUE(report.Batch.Failure);
         EXPECT_TRUE(report.Entries.empty());
         return report;
     }
@@ -220,7 +216,7 @@ protected:
     static TavroTrashReport restoreInVain(const std::vector<TavroTrashedEntry>& entries,
                                           const TavroCallbacks& callbacks = {}) {
         TavroTrashReport report = TavroRestoreSelection(entries, callbacks);
-        EXPECT_FALSE(report);
+        EXPECT_TRUE(report.Batch.Failure);
         return report;
     }
 

@@ -299,8 +299,7 @@ TEST_F(Walk, a_stack_hands_over_the_directory_that_it_leaves) {
         identities.push_back(TavroIdentityOf(status));
         stack.Push(std::move(next), identities.back());
     }
-    for (; stack.Depth() > 0; identities.pop_back()) {
-        ASSERT_EQ(identities.size(), stack.Depth());
+    for (; !identities.empty(); identities.pop_back()) {
         TavroDescriptor left;
         struct stat status = {};
         ASSERT_EQ(0, stack.Pop(&left));
@@ -316,10 +315,10 @@ TEST_F(Walk, a_stack_that_has_lost_its_way_stands_nowhere) {
         const std::string top = "top" + std::to_string(error);
         const std::string deep = makeDeepTree(m_box / top, 11);
         TavroDirectoryStack stack(m_directory.Number());
-        for (std::string name = top; stack.Depth() < 12; name = "d") {
+        for (int depth = 0; depth < 12; ++depth) {
             TavroDescriptor next;
             struct stat status = {};
-            ASSERT_EQ(0, TavroOpenDirectoryAt(stack.Top(), name.c_str(), next));
+            ASSERT_EQ(0, TavroOpenDirectoryAt(stack.Top(), depth == 0 ? top.c_str() : "d", next));
             ASSERT_EQ(0, TavroStat(next.Number(), status));
             stack.Push(std::move(next), TavroIdentityOf(status));
         }

@@ -6,7 +6,7 @@ namespace {
 
 Outcome outcomeOf(const TavroTrashReport& report) {
     Outcome outcome = tavro_test::outcomeOf(report.Batch.Failure);
-    if (!report) {
+    if (report.Batch.Failure) {
         outcome.Message = TavroDescribe(report);
     }
     if (report.Batch.Why) {
