@@ -71,6 +71,34 @@ TEST_F(Whereabouts, of_what_is_copied_count_both_of_its_files) {
     }
 }
 
+TEST_F(Whereabouts, of_a_file_that_has_both_names_are_both) {
+    writeFile(at("a"), "a");
+    fs::create_hard_link(at("a"), at("b"));
+    TavroStep moved = step(Role::Moved, "a", "b");
+    moved.Identity = identityOf(at("a"));
+    EXPECT_EQ(find(moved), Where::InBoth);
+}
+
+TEST_F(Whereabouts, of_what_was_told_again_are_those_told_last) {
+    TavroStep copied = step(Role::Copied, "a", "b");
+    TavroStep trashed = step(Role::Trashed, "b", "files/b");
+    TavroStep again = copied;
+    TavroStep trashedAgain = step(Role::Trashed, "b", "files/b copy 1");
+    copied.Identity = {1, 1};
+    again.Identity = {1, 2};
+    const auto latest =
+        TavroLatestOf({copied, trashed, step(Role::Moved, "a", "b"), again, trashedAgain});
+    ASSERT_EQ(latest.size(), 3U);
+    EXPECT_EQ(latest[0].Role, Role::Copied);
+    EXPECT_EQ(latest[0].Identity, again.Identity);
+    EXPECT_EQ(latest[1].To, trashedAgain.To);
+    EXPECT_EQ(latest[2].Role, Role::Moved);
+    trashed.Source = {1, 3}; // it comes back from another file system as this file
+    EXPECT_EQ(TavroLatestOf({copied, trashed, again}).at(0).Identity, trashed.Source);
+    trashed.Role = Role::Replaced; // which is not the copy
+    EXPECT_EQ(TavroLatestOf({copied, trashed, again}).at(0).Identity, again.Identity);
+}
+
 TEST_F(Whereabouts, of_directories_and_of_what_is_to_go_or_to_come) {
     makeDirectory(at("there"));
     EXPECT_EQ(find(step(Role::CreatedDirectory, "", "there")), Where::AtTo);
@@ -86,25 +114,27 @@ TEST_F(Whereabouts, of_directories_and_of_what_is_to_go_or_to_come) {
 }
 
 TEST_F(Whereabouts, tell_how_far_an_operation_has_come) {
-    writeFile(at("a"), "a");
-    writeFile(at("c"), "c");
+    for (const char* name : {"a", "c", "f"}) {
+        writeFile(at(name), name);
+    }
     TavroOperation operation;
     operation.Kind = TavroOperationKind::Move;
     operation.State = TavroOperationState::Doing;
     operation.Steps = {step(Role::Planned, "a", "b"), step(Role::Planned, "c", "d"),
-                       step(Role::CreatedDirectory, "", "e"), step(Role::Moved, "a", "b")};
+                       step(Role::Planned, "f", "g"), step(Role::CreatedDirectory, "", "e"),
+                       step(Role::Moved, "a", "b")};
     operation.Steps.back().Identity = identityOf(at("a"));
-    EXPECT_EQ(TavroFindHeadway(operation).Count, 2U);
+    EXPECT_EQ(TavroFindHeadway(operation).Count, 3U);
     EXPECT_EQ(TavroFindHeadway(operation).Done, 0U);
     fs::rename(at("a"), at("b"));
     EXPECT_EQ(TavroFindHeadway(operation).Done, 1U);
     operation.State = TavroOperationState::Undoing;
-    EXPECT_EQ(TavroFindHeadway(operation).Done, 1U) << "what never went counts as back";
-    EXPECT_EQ(TavroFindHeadway(operation).Count, 2U);
+    EXPECT_EQ(TavroFindHeadway(operation).Done, 2U) << "what never went counts as back";
+    EXPECT_EQ(TavroFindHeadway(operation).Count, 3U);
 }
 
 TEST_F(Leftovers, are_beside_what_was_done_and_below_what_was_planned) {
-    for (const char* name : {"from/a", "to/b", "planned/p/deep/deeper/file", "elsewhere/file"}) {
+    for (const char* name : {"from/a", "planned/p/deep/deeper/file", "elsewhere/file"}) {
         writeFile(at(name));
     }
     leave("elsewhere");
@@ -116,7 +146,8 @@ TEST_F(Leftovers, are_beside_what_was_done_and_below_what_was_planned) {
     writeFile(hidden + "/" + TavroStagingName());
     const std::string deeper = leave("planned/p/deep/deeper");
     TavroOperation operation;
-    operation.Steps = {step(Role::Moved, "from/a", "to/b"), step(Role::Planned, "", "planned/p")};
+    operation.Steps = {step(Role::Moved, "from/a", "to/b dir"),
+                       step(Role::Planned, "", "planned/p")};
     Names expected = {inFrom, inTo, hidden, deeper};
     std::sort(expected.begin(), expected.end());
     EXPECT_EQ(TavroFindLeftovers(operation), expected);
