@@ -149,6 +149,15 @@ TEST_F(CarryOutTransfer, nothing_is_replaced_where_there_can_be_no_trash) {
     }
 }
 
+TEST_F(CarryOutTransfer, a_directory_that_cannot_be_renamed_is_told_with_the_reason) {
+    makeDirectory(source("tree"));
+    const FaultInjector faults({{"renameat2", EIO}});
+    EXPECT_FALSE(move({"tree"}));
+    EXPECT_EQ("failed: Cannot move '/source/tree' to '/target/tree': " +
+                  systemText(std::errc::io_error) + "\n",
+              report());
+}
+
 TEST_F(CarryOutTransfer, a_rename_that_may_not_replace_what_is_there_is_taken_back) {
     m_plan.ConflictPolicy = TavroTransferConflictPolicy::Overwrite;
     writeFile(source("file"), "new");
