@@ -526,6 +526,21 @@ TEST(NameSearch, finds_what_is_there_and_nothing_else_however_often_it_looks) {
     EXPECT_EQ(search.Look(other, status), 0) << "another directory has other names";
 }
 
+TEST(NameSearch, finds_what_is_in_a_directory_that_cannot_be_listed) {
+    const Sandbox box;
+    TavroPlaces places;
+    TavroNameSearch search;
+    TavroPlace place;
+    struct stat status = {};
+    writeFile(box / "there");
+    ASSERT_FALSE(places.Find(box / "there", place));
+    const FaultInjector fault({{"getdents64", EIO, box.path().string(), 1, true}});
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_EQ(search.Look(place, status), 0) << i;
+    }
+    EXPECT_GT(fault.fired(), 0);
+}
+
 TEST(NameSearch, sees_what_came_later_once_it_was_told_to_forget) {
     const Sandbox box;
     TavroPlaces places;
