@@ -52,7 +52,7 @@ TEST_F(MoveTest, names_what_is_missing) {
     EXPECT_EQ("Cannot move '/source/file' to '/target/file': " + error + "\n", failures());
     EXPECT_FALSE(copyEntry("file"));
     EXPECT_EQ("Cannot read '/source/file': " + error + "\n", failures());
-    m_options.Expected = TavroIdentity();
+    m_options.Expected = TavroIdentity{1, 1};
     EXPECT_FALSE(moveEntry("file"));
     EXPECT_EQ("Cannot move '/source/file' to '/target/file': " + error + "\n", failures());
 }
