@@ -45,10 +45,11 @@ bool IsPath(const std::string& Path) {
 
 /// A record is removed with its item, so it must be the item's own.
 bool HasOwnRecord(const TavroStep& Step) {
-    const std::string files = TavroParentOf(Step.To);
-    const std::string info = TavroJoin(TavroParentOf(files), "info");
-    return TavroNameOf(files) == "files" &&
-           Step.Record == TavroJoin(info, TavroRecordName(TavroNameOf(Step.To)));
+    const std::string files = "/files";
+    const std::size_t name = Step.To.rfind('/');
+    return name != std::string::npos && name >= files.size() &&
+           Step.To.compare(name - files.size(), files.size(), files) == 0 &&
+           Step.Record == TavroRecordPath(Step.To);
 }
 
 bool IsValid(const TavroStep& Step) {

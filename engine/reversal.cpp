@@ -146,9 +146,9 @@ TavroFailure TavroReversal::CheckFree(const std::string& Path) {
 
 /// The trash in which the item of a step lies. Neighbours have the same.
 const TavroTrashFolders& TavroReversal::TrashOf(const TavroStep& Step) {
-    std::string root = TavroParentOf(TavroParentOf(Step.To));
-    if (root != m_trashRoot) {
-        m_trashRoot = std::move(root);
+    const std::size_t name = Step.To.rfind('/');
+    if (Step.To.compare(0, name, m_trashFiles) != 0) {
+        m_trashFiles = Step.To.substr(0, name);
         m_trashFolders = TavroTrashFoldersOf(Step.To);
     }
     return m_trashFolders;
@@ -536,7 +536,7 @@ TavroFailure TavroReversal::Restore(Role What) {
         }
         return m_callbacks.Announce(kind, more);
     };
-    m_report.Trash = TavroRestoreSelection(entries, callbacks, true);
+    m_report.Trash = TavroRestoreSelection(std::move(entries), callbacks, true);
     struct timespec now = {}; // until when files may have come from other file systems
     clock_gettime(CLOCK_REALTIME, &now);
     for (std::size_t i = 0; i < m_report.Trash.Entries.size(); ++i) {

@@ -79,7 +79,7 @@ TavroTrashReport TavroTrashSelection(const std::vector<TavroOperationEntry>& Ent
 /// before what goes into them.
 ///
 /// @param bTold  the history knows what is restored.
-TavroTrashReport TavroRestoreSelection(const std::vector<TavroTrashedEntry>& Entries,
+TavroTrashReport TavroRestoreSelection(std::vector<TavroTrashedEntry> Entries,
                                        const TavroCallbacks& Callbacks, bool bTold = false);
 
 /// The sentence of a report: of the failure, of what could not be rolled back, and where each thing
