@@ -366,6 +366,8 @@ TEST_F(History, what_cannot_be_undone_is_not_recorded) {
         operationOf(Kind::Trash, {{Role::Trashed, "/o", "/t/files/x", "/t/info/x"}}),
         operationOf(Kind::Trash, {{Role::Trashed, "/o", "/t/x", "/t/x.trashinfo"}}),
         operationOf(Kind::Trash, {{Role::Trashed, "/o", "/t/other/x", "/t/info/x.trashinfo"}}),
+        operationOf(Kind::Trash, {{Role::Trashed, "/o", "/tfiles/x", "/info/x.trashinfo"}}),
+        operationOf(Kind::Trash, {{Role::Trashed, "/o", "/x", "info/x.trashinfo"}}),
         operationOf(Kind::Rename, {}),
         operationOf(Kind::Rename, {created}),
         operationOf(Kind::Rename, {{Role::Moved, "a", "/b", ""}}),
