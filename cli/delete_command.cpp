@@ -2,7 +2,6 @@
 
 #include "command.h"
 #include "edit.h"
-#include "format.h"
 #include "measure.h"
 #include "recording.h"
 

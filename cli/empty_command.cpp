@@ -1,7 +1,6 @@
 // `tavro empty`.
 
 #include "choosing.h"
-#include "format.h"
 #include "recording.h"
 
 #include <algorithm>

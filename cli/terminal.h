@@ -28,6 +28,13 @@ bool TavroIsTerminal(std::FILE* Stream);
 /// vary a character beyond ASCII.
 std::string TavroPrintableText(const std::string& Text);
 
+/// A path as it is shown: on a terminal relative below the current directory, and with `~/` below
+/// the home directory, so that it means the same when it is typed; else as it is.
+std::string TavroShownPath(std::FILE* Stream, const std::string& Path);
+
+/// A sentence with each path in quotes as it is shown.
+std::string TavroShownSentence(std::FILE* Stream, std::string Sentence);
+
 /// Writes `Text` and a line feed: printable on a terminal, byte for byte into anything else.
 void TavroPrintLine(std::FILE* Stream, const std::string& Text);
 

@@ -40,9 +40,8 @@ Options AddOptions(CLI::App& Command, CLI::Option& Names) {
         Command.add_flag("--interactive", "Ask: =always (as -i), =once (as -I) or =never"),
         Command.add_flag("-v,--verbose", "List each entry, even with -f or -q")};
     options.Force->each([&Names](const std::string&) { Names.required(false); });
-    options.Interactive->check([](const std::string& when) {
-        const bool bKnown = when == "true" || when == "never" || when == "once" || when == "always";
-        return bKnown ? "" : "takes never, once or always, not '" + when + "'";
+    TavroCheckValue(*options.Interactive, "never, once or always", [](const std::string& when) {
+        return when == "true" || when == "never" || when == "once" || when == "always";
     });
     return options;
 }

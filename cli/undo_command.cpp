@@ -1,7 +1,6 @@
 // `tavro undo`, `tavro redo` and `tavro resume`.
 
 #include "command.h"
-#include "format.h"
 #include "measure.h"
 #include "progress_bar.h"
 #include "recording.h"
