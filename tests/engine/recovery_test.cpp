@@ -1100,6 +1100,15 @@ TEST_P(Settling, of_an_undo_that_was_done_does_not_give_its_directories_to_a_red
     EXPECT_TRUE(fs::is_directory(work("from/empty")));
 }
 
+TEST_P(Settling, that_does_not_reach_the_disk_tells_what_it_was_about) {
+    writeFile(work("a"), "bytes");
+    interruptTrashOf("a", "a");
+    writeFile(trashRoot() / "info/a.trashinfo", "[Trash Info]\nPath=" + work("a").string() + "\n");
+    const FaultInjector injector({{"fsync", EIO, (trashRoot() / "info").string()}});
+    EXPECT_EQ(TavroDescribe(undo()),
+              "Cannot write " + inQuotes(work("a")) + ": " + systemText(std::errc::io_error));
+}
+
 TEST_P(Settling, that_fails_can_be_tried_again) {
     writeFile(work("a"), "bytes");
     expectDone({rename("a", "b")});
