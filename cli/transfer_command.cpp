@@ -214,7 +214,7 @@ bool TakeBack(std::int64_t Id) {
     if (Id == 0 || TavroOpenHistory(history)) {
         return false;
     }
-    const TavroFailure failure = TavroUndoOnly(history, Id, {}).Failure;
+    const TavroFailure failure = TavroUndo(history, {}, Id).Failure;
     return failure.Kind != TavroFailureKind::NoSuchOperation &&
            TavroPrintFailure(failure) == TavroExitDone;
 }

@@ -183,7 +183,7 @@ int RunUndo(std::int64_t Id, bool bSkip, const Manner& How) {
     }
     const auto undo = [&](std::int64_t id) {
         const Act only = [id](TavroHistory& all, const TavroTransferCallbacks& callbacks) {
-            return TavroUndoOnly(all, id, callbacks);
+            return TavroUndo(all, callbacks, id);
         };
         return RunShown(only, history, How);
     };

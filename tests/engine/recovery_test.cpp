@@ -82,8 +82,12 @@ TavroFailure goOn(TavroUndoReport (*go)(TavroHistory&, const TavroCallbacks&)) {
     return failure ? failure : go(history, callbacksOfAll()).Failure;
 }
 
+TavroUndoReport undoNewest(TavroHistory& history, const TavroCallbacks& callbacks) {
+    return TavroUndo(history, callbacks);
+}
+
 TavroFailure undo() {
-    return goOn(TavroUndo);
+    return goOn(undoNewest);
 }
 
 TavroFailure redo() {
@@ -860,7 +864,7 @@ TEST_P(Recovery, an_undo_or_a_redo_that_was_taken_back_can_be_done_again) {
             kind == Kind::Trash ? trashBoth() : moveOrCopy(kind);
             bCancelled = false;
             for (const auto& [go, again] :
-                 {std::pair(&TavroUndo, &undo), std::pair(&TavroRedo, &redo)}) {
+                 {std::pair(&undoNewest, &undo), std::pair(&TavroRedo, &redo)}) {
                 const Snapshot before = tree();
                 TavroHistory history;
                 ASSERT_FALSE(openHistory(history));
