@@ -43,7 +43,7 @@ void TavroPrintLine(std::FILE* Stream, const std::string& Text);
 void TavroPrintError(const std::string& Sentence);
 
 /// Says in one sentence what was skipped, or when `bVerbose` in one for each path.
-void TavroPrintSkipped(const std::vector<std::string>& Paths, bool bVerbose = false);
+void TavroPrintSkipped(const std::vector<std::string>& Paths, bool bVerbose);
 
 /// Writes a sentence for each failure. @return whether there was none.
 bool TavroPrintFailures(const std::vector<TavroFailure>& Failures);

@@ -185,9 +185,9 @@ int RunTrash(const std::vector<std::string>& Texts, const Asking& Asking, const 
     if (exitCode != TavroExitDone || bNone) {
         return exitCode;
     }
-    const std::vector<TavroOperationEntry> copied = Telling.bQuiet || Where.bNeverCopy
-                                                        ? std::vector<TavroOperationEntry>()
-                                                        : TavroEntriesToCopy(entries, Where);
+    const std::vector<TavroOperationEntry> copied =
+        Telling.bQuiet || Where.bNeverCopy ? std::vector<TavroOperationEntry>()
+                                           : TavroEntriesToCopy(entries, Where, Keeping.bSync);
     if (!copied.empty()) {
         if (const int code = AgreeToCopying(copied, Asking.Ask != When::Never)) {
             return code;
@@ -238,7 +238,6 @@ void TavroAddTrash(CLI::App& App, TavroCommandTable& Table) {
         const bool bVerbose = !options.Verbose->empty();
         const bool bResult = bVerbose || (quiet->empty() && !asking.bForgiving);
         return RunTrash(TavroValues(names), asking, {!quiet->empty(), bVerbose, bResult},
-                        {!home->empty(), !noCopy->empty(), keeping.Keeping().bSync},
-                        keeping.Keeping());
+                        {!home->empty(), !noCopy->empty()}, keeping.Keeping());
     };
 }
