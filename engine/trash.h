@@ -45,6 +45,7 @@ struct TavroTrashOptions {
 /// The entries of a selection that no rename brings to a trash, so that trashing copies them to the
 /// home trash. Creates the trashes of volumes that the others go to. None when there is no home
 /// directory, or the selection may not go.
+/// @param bSync  as in TavroCallbacks.
 std::vector<TavroOperationEntry> TavroEntriesToCopy(const std::vector<TavroOperationEntry>& Entries,
                                                     const TavroTrashOptions& Options = {},
                                                     bool bSync = true);
