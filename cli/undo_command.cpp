@@ -1,7 +1,6 @@
 // `tavro undo`, `tavro redo` and `tavro resume`.
 
 #include "command.h"
-#include "format.h"
 #include "measure.h"
 #include "progress_bar.h"
 #include "recording.h"
@@ -197,7 +196,7 @@ int RunUndo(std::int64_t Id, bool bSkip, const Manner& How) {
     }
     const auto undo = [&](std::int64_t id) {
         const Act only = [id](TavroHistory& all, const TavroTransferCallbacks& callbacks) {
-            return TavroUndoOnly(all, id, callbacks);
+            return TavroUndo(all, callbacks, id);
         };
         return RunShown(only, history, How);
     };

@@ -116,8 +116,8 @@ TavroFailure SelectionCheck::LookInside(const std::string& OwnPath) {
 } // namespace
 
 std::vector<TavroOperationEntry> TavroEntriesToCopy(const std::vector<TavroOperationEntry>& Entries,
-                                                    const TavroTrashOptions& Options) {
-    TavroTrashDestinations destinations(Options.bHome, Options.bSync);
+                                                    const TavroTrashOptions& Options, bool bSync) {
+    TavroTrashDestinations destinations(Options.bHome, bSync);
     std::vector<TavroOperationEntry> copied;
     TavroPlaces places;
     std::string parent;

@@ -443,12 +443,7 @@ TavroUndoReport Going::Run(FindNext Find, TavroFailureKind Nothing, bool bUndo, 
 
 } // namespace
 
-TavroUndoReport TavroUndo(TavroHistory& History, const TavroCallbacks& Callbacks) {
-    return TavroUndoOnly(History, 0, Callbacks);
-}
-
-TavroUndoReport TavroUndoOnly(TavroHistory& History, std::int64_t Id,
-                              const TavroCallbacks& Callbacks) {
+TavroUndoReport TavroUndo(TavroHistory& History, const TavroCallbacks& Callbacks, std::int64_t Id) {
     const TavroTransferCallbacks callbacks{Callbacks, {}, {}};
     return Going(History, callbacks, Id)
         .Run(&TavroHistory::NextToUndo, Kind::NothingToUndo, true, false);
