@@ -36,7 +36,7 @@ private:
     void Sort(std::vector<TavroStep> Done, std::vector<TavroStep> NotDone, bool bUndo);
     TavroFailure Transfer(TavroTransferCallbacks Callbacks);
     TavroFailure Take(FindNext Find, TavroFailureKind Nothing, bool bUndo);
-    void Renew(const TavroBatchReport& TakenBack);
+    static void Renew(const TavroBatchReport& TakenBack, std::vector<TavroStep>& IoSteps);
     void TellRenewed(const TavroBatchReport& TakenBack, const TavroCallbacks& Callbacks) const;
     void AddSettled(std::vector<TavroStep>& IoSteps) const;
     TavroFailure TurnBack();
@@ -220,10 +220,10 @@ TavroFailure Going::Transfer(TavroTransferCallbacks Callbacks) {
 }
 
 /// What was moved, and moved back between file systems, is another file.
-void Going::Renew(const TavroBatchReport& TakenBack) {
+void Going::Renew(const TavroBatchReport& TakenBack, std::vector<TavroStep>& IoSteps) {
     const std::unordered_map<TavroIdentity, TavroIdentity> files(TakenBack.Renewed.begin(),
                                                                  TakenBack.Renewed.end());
-    for (TavroStep& step : m_before.Steps) { // once each: a number may have been given again
+    for (TavroStep& step : IoSteps) { // once each: a number may have been given again
         const auto renewed = files.find(step.Identity);
         if (renewed != files.end()) {
             step.Identity = renewed->second;
@@ -424,17 +424,20 @@ TavroUndoReport Going::Run(FindNext Find, TavroFailureKind Nothing, bool bUndo, 
     const bool bOpen = failure && (bInterrupted || m_report.bPartly);
     if (bOpen || m_report.Transfer.bUnsettled) {
         if (m_turned && !m_report.bPartly && m_report.Moves.RollBack.empty()) {
+            Renew(m_report.Trash.Batch, m_turned->Steps);
+            Renew(m_report.Moves, m_turned->Steps);
             m_history.Update(*m_turned); // it can go either way again
+        } else {
+            TellRenewed(m_report.Trash.Batch, callbacks);
+            TellRenewed(m_report.Moves, callbacks);
         }
-        TellRenewed(m_report.Trash.Batch, callbacks);
-        TellRenewed(m_report.Moves, callbacks);
         m_history.LeaveOperation();
     } else if (!failure) {
         failure = End(bUndo);
         m_report.bDoneButNotSaved = static_cast<bool>(failure);
     } else {
-        Renew(m_report.Trash.Batch);
-        Renew(m_report.Moves);
+        Renew(m_report.Trash.Batch, m_before.Steps);
+        Renew(m_report.Moves, m_before.Steps);
         m_history.EndOperation(m_before, false);
     }
     m_report.Operation.Kind = m_before.Kind; // a restore was treated as the undo of a trashing

@@ -557,6 +557,23 @@ needs_two_file_systems() {
   rm -r "$there"
 }
 
+@test "an undo of a killed move that fails leaves it in the history as it was" {
+  needs_strace
+  needs_two_file_systems
+  for i in {1..3}; do
+    echo "$i" >"$i"
+  done
+  killed_at unlinkat 3 "$TAVRO" move 1 2 3 "$there/"
+  run -1 strace -qq -o "$scratch/calls" -e trace=pread64 -P "$there/2" -e inject=pread64:error=EIO \
+    "$TAVRO" undo
+  [[ $output == *"tavro: Cannot copy '$there/2': Input/output error" ]]
+  run -0 tavro history
+  [[ $output == *"  move  $PWD/1 -> $there/1 and 2 more  (interrupted, 3 of 3 done)" ]]
+  run -0 tavro undo
+  expect "$(cat 1 2 3; ls "$there")" $'1\n2\n3'
+  rm -r "$there"
+}
+
 @test "a merge that was killed as it removed what it had emptied leaves no directory when it is redone" {
   needs_strace
   for when in 1 2 3; do
