@@ -405,6 +405,9 @@ TavroFailure TavroReversal::RunMoves(const Steps& Of, std::vector<TavroBatchStep
     m_report.Moves = TavroRunBatch(Moves, hooks, m_callbacks);
     Remember(m_report.Moves.CreatedDirectories);
     TavroFailure failure = m_report.Moves.Failure;
+    const auto isInBoth = [](const TavroBatchStep& move) { return move.bCopyStays; };
+    m_report.bPartly =
+        m_report.bPartly || (failure && std::any_of(Moves.begin(), Moves.end(), isInBoth));
     if (failure || !m_bUndo || !(failure = MakeDirectories())) {
         return failure;
     }
@@ -632,6 +635,7 @@ TavroFailure TavroReversal::Run() {
         return error == 0 ? failure
                           : TavroFail(Kind::Write, error, TavroDirectoryOf(m_steps.front()));
     }
+    m_report.bPartly = m_report.bPartly || !m_report.Trash.InBoth.empty(); // it can be settled
     for (auto made = m_made.rbegin(); made != m_made.rend(); ++made) {
         mode_t ignored = 0;
         RemoveDirectory(made->first, made->second, ignored);

@@ -574,6 +574,42 @@ needs_two_file_systems() {
   rm -r "$there"
 }
 
+@test "an undo that could not remove all of what it copied back can be finished" {
+  needs_strace
+  needs_two_file_systems
+  for next in undo resume; do
+    mkdir d
+    echo text >d/f
+    echo other >g
+    tavro move -q d g "$there/"
+    run -1 strace -qq -o "$scratch/calls" -e trace=unlinkat -P d -e inject=unlinkat:error=EPERM "$TAVRO" undo
+    [[ $output == *"tavro: Cannot remove '$there/d' after copying: Operation not permitted"* ]]
+    run -0 tavro history
+    [[ ${lines[0]} == *'(interrupted, '* ]]
+    run -0 tavro "$next"
+    expect "$(cat d/f g; ls "$there")" $'text\nother'
+    rm -r d g
+  done
+  rm -r "$there"
+}
+
+@test "an undo that could not take all of an item out of the trash can be finished" {
+  needs_strace
+  needs_two_file_systems
+  for next in undo resume; do
+    mkdir "$there/d"
+    echo text >"$there/d/f"
+    echo other >"$there/g"
+    tavro trash -q "$there/d" "$there/g"
+    run -1 strace -qq -o "$scratch/calls" -e trace=unlinkat -P d -e inject=unlinkat:error=EPERM "$TAVRO" undo
+    [[ $output == *"tavro: Cannot remove '$HOME/.local/share/Trash/files/d' after copying: "* ]]
+    run -0 tavro "$next"
+    expect "$(cat "$there/d/f" "$there/g"; tavro list)" $'text\nother'
+    rm -r "$there/d" "$there/g"
+  done
+  rm -r "$there"
+}
+
 @test "a merge that was killed as it removed what it had emptied leaves no directory when it is redone" {
   needs_strace
   for when in 1 2 3; do
