@@ -635,7 +635,9 @@ TavroFailure TavroReversal::Run() {
         return error == 0 ? failure
                           : TavroFail(Kind::Write, error, TavroDirectoryOf(m_steps.front()));
     }
-    m_report.bPartly = m_report.bPartly || !m_report.Trash.InBoth.empty(); // it can be settled
+    // What is neither done nor as it was can be settled.
+    m_report.bPartly = m_report.bPartly || !m_report.Moves.RollBack.empty() ||
+                       !m_report.Trash.Batch.RollBack.empty() || !m_report.Trash.InBoth.empty();
     for (auto made = m_made.rbegin(); made != m_made.rend(); ++made) {
         mode_t ignored = 0;
         RemoveDirectory(made->first, made->second, ignored);

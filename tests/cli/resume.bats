@@ -610,6 +610,25 @@ needs_two_file_systems() {
   rm -r "$there"
 }
 
+@test "an undo that failed and could not be rolled back can be finished, or taken back" {
+  needs_strace
+  for next in undo resume; do
+    mkdir t
+    touch a b
+    tavro move -q a b t/
+    run -1 strace -qq -o "$scratch/calls" -e trace=renameat2 -e inject=renameat2:error=EIO:when=2+ \
+      "$TAVRO" undo
+    [[ $output == *'; moving back failed: '* ]]
+    run -0 tavro history
+    [[ ${lines[0]} == *'(interrupted, 1 of 2 undone)' ]]
+    run -0 tavro "$next"
+    expect "$(ls . t)" $'.:\na\nb\nt\n\nt:'
+    run -0 tavro redo
+    expect "$(ls t)" $'a\nb'
+    rm -r t
+  done
+}
+
 @test "a merge that was killed as it removed what it had emptied leaves no directory when it is redone" {
   needs_strace
   for when in 1 2 3; do
