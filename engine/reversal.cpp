@@ -632,6 +632,7 @@ TavroFailure TavroReversal::Run() {
         SetModes();
         RemoveDirectories(); // one that holds something stays
         const int error = m_changes.Flush();
+        m_report.bPartly = m_report.bPartly || error != 0; // it is done, though
         return error == 0 ? failure
                           : TavroFail(Kind::Write, error, TavroDirectoryOf(m_steps.front()));
     }

@@ -629,6 +629,22 @@ needs_two_file_systems() {
   done
 }
 
+@test "a redo that is done and does not reach the disk is not taken for undone" {
+  needs_strace
+  for when in 1 2 3 4; do
+    touch a
+    tavro rename a n/b
+    tavro undo -q
+    run strace -qq -o "$scratch/calls" -e trace=fsync -e "inject=fsync:error=EIO:when=$when" "$TAVRO" redo
+    run -0 tavro history
+    [[ ${lines[0]} == *'(undone)' ]] || run -0 tavro undo
+    [ -e a ]
+    run -0 tavro redo
+    [ -e n/b ]
+    rm -r n
+  done
+}
+
 @test "a merge that was killed as it removed what it had emptied leaves no directory when it is redone" {
   needs_strace
   for when in 1 2 3; do
