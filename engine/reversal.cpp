@@ -597,7 +597,7 @@ TavroFailure TavroReversal::Act() {
     const bool bReplaced = !StepsOf(Role::Replaced).empty();
     TavroFailure failure = ExchangeAll();
     failure = failure || m_bUndo ? failure : TrashReplaced();
-    m_report.bPartly = bReplaced && !failure && !m_bUndo;
+    m_report.bPartly = m_report.bPartly || (bReplaced && !failure && !m_bUndo);
     failure = failure ? failure : ActOnMain();
     if (failure && !m_report.bPartly) {
         TakeExchangesBack();

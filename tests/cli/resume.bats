@@ -645,6 +645,21 @@ needs_two_file_systems() {
   done
 }
 
+@test "what an undo has hidden and cannot bring back is brought back by the next one" {
+  needs_strace
+  mkdir d
+  echo new >a
+  echo old >d/a
+  tavro move -q --on-conflict overwrite a d/
+  run -1 strace -qq -o "$scratch/calls" -e trace=renameat2 -e inject=renameat2:error=EIO:when=2+ \
+    "$TAVRO" undo
+  [[ $output == *'; moving back failed: '* ]]
+  run -0 tavro history
+  [[ ${lines[0]} == *'(interrupted, '* ]]
+  run -0 tavro undo
+  expect "$(cat a d/a; ls -A d)" $'new\nold\na'
+}
+
 @test "a merge that was killed as it removed what it had emptied leaves no directory when it is redone" {
   needs_strace
   for when in 1 2 3; do
