@@ -349,7 +349,7 @@ TavroFailure TavroReversal::RemoveCreated() {
     for (const TavroStep& step : m_steps) {
         const auto made = again.m_made.find(TavroDirectoryOf(step));
         if (made != again.m_made.end() && made->second.Inode != 0) {
-            m_report.Moves.Renewed.emplace_back(step.Identity, made->second);
+            m_report.Moves.Renewed.push_back({made->first, step.Identity, made->second});
         }
     }
     return failure;
@@ -421,7 +421,8 @@ TavroFailure TavroReversal::RunMoves(const Steps& Of, std::vector<TavroBatchStep
     }
     for (std::size_t i = 0; i < back.size() && !returned.Failure; ++i) {
         const TavroBatchStep& move = Moves[back.size() - 1 - i];
-        m_report.Moves.Renewed.emplace_back(move.Seen->State.Identity, back[i].Arrived.Identity);
+        m_report.Moves.Renewed.push_back(
+            {move.From, move.Seen->State.Identity, back[i].Arrived.Identity});
     }
     return failure;
 }

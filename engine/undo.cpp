@@ -36,7 +36,8 @@ private:
     void Sort(std::vector<TavroStep> Done, std::vector<TavroStep> NotDone, bool bUndo);
     TavroFailure Transfer(TavroTransferCallbacks Callbacks);
     TavroFailure Take(FindNext Find, TavroFailureKind Nothing, bool bUndo);
-    static void Renew(const TavroBatchReport& TakenBack, std::vector<TavroStep>& IoSteps);
+    static std::vector<TavroStep> Renew(const TavroBatchReport& TakenBack,
+                                        std::vector<TavroStep>& IoSteps);
     void TellRenewed(const TavroBatchReport& TakenBack, const TavroCallbacks& Callbacks) const;
     void AddSettled(std::vector<TavroStep>& IoSteps) const;
     TavroFailure TurnBack();
@@ -219,34 +220,43 @@ TavroFailure Going::Transfer(TavroTransferCallbacks Callbacks) {
     return m_report.Transfer.bCancelled ? TavroFailure{Kind::Cancelled} : TavroFailure();
 }
 
-/// What was moved, and moved back between file systems, is another file.
-void Going::Renew(const TavroBatchReport& TakenBack, std::vector<TavroStep>& IoSteps) {
-    const std::unordered_map<TavroIdentity, TavroIdentity> files(TakenBack.Renewed.begin(),
-                                                                 TakenBack.Renewed.end());
+/// What was moved, and moved back between file systems, is another file. Of a file of several names
+/// the path tells which it is, unless that was hidden meanwhile.
+/// @return the steps that are others now.
+std::vector<TavroStep> Going::Renew(const TavroBatchReport& TakenBack,
+                                    std::vector<TavroStep>& IoSteps) {
+    std::unordered_multimap<TavroIdentity, const TavroRenewed*> files;
+    for (const TavroRenewed& renewed : TakenBack.Renewed) {
+        files.emplace(renewed.Was, &renewed);
+    }
+    std::unordered_map<TavroIdentity, std::size_t> names;
+    for (const TavroStep& step : IoSteps) {
+        ++names[step.Identity];
+    }
+    std::vector<TavroStep> others;
     for (TavroStep& step : IoSteps) { // once each: a number may have been given again
-        const auto renewed = files.find(step.Identity);
-        if (renewed != files.end()) {
-            step.Identity = renewed->second;
+        const auto [first, end] = files.equal_range(step.Identity);
+        const bool bAlone = names[step.Identity] == 1;
+        const auto renewed = std::find_if(first, end, [&](const auto& file) {
+            const std::string& path = file.second->Path;
+            return bAlone || path == step.From || path == step.To ||
+                   TavroIsStagingName(TavroNameOf(path));
+        });
+        if (renewed != end) {
+            step.Identity = renewed->second->Is;
             step.ChangeTime = 0; // not known
+            others.push_back(step);
         }
     }
+    return others;
 }
 
 /// The same where the operation stays on its way: from now on the history knows the new files.
 void Going::TellRenewed(const TavroBatchReport& TakenBack, const TavroCallbacks& Callbacks) const {
-    const std::unordered_map<TavroIdentity, TavroIdentity> files(TakenBack.Renewed.begin(),
-                                                                 TakenBack.Renewed.end());
-    std::vector<TavroStep> steps;
-    for (const TavroStep& step : m_report.Operation.Steps) {
-        const auto renewed = files.find(step.Identity);
-        if (renewed != files.end()) {
-            steps.push_back(step);
-            steps.back().Identity = renewed->second;
-            steps.back().ChangeTime = 0; // not known
-        }
-    }
-    if (!steps.empty()) {
-        Callbacks.BeforeActs(m_before.Kind, steps);
+    std::vector<TavroStep> all = m_report.Operation.Steps;
+    const std::vector<TavroStep> others = Renew(TakenBack, all);
+    if (!others.empty()) {
+        Callbacks.BeforeActs(m_before.Kind, others);
     }
 }
 

@@ -660,6 +660,22 @@ needs_two_file_systems() {
   expect "$(cat a d/a; ls -A d)" $'new\nold\na'
 }
 
+@test "of two names of one file each is known after a redo that was rolled back" {
+  needs_strace
+  needs_two_file_systems
+  echo text >a
+  ln a b
+  tavro move -q a b "$there/"
+  tavro undo -q
+  run -1 strace -qq -o "$scratch/calls" -e trace=unlinkat -e inject=unlinkat:error=EPERM:when=2 "$TAVRO" redo
+  expect "$(ls; ls "$there")" $'a\nb'
+  run -0 tavro redo
+  expect "$(ls; ls "$there")" $'a\nb'
+  run -0 tavro undo
+  expect "$(cat a b)" $'text\ntext'
+  rm -r "$there"
+}
+
 @test "a merge that was killed as it removed what it had emptied leaves no directory when it is redone" {
   needs_strace
   for when in 1 2 3; do
