@@ -273,7 +273,7 @@ TavroFailure Batch::MoveBack(const TavroBatchStep& Step) {
         m_places.Forget(to.OwnPath());
     }
     if (!moved.Failure) { // also where its number was given again
-        m_report.Renewed.emplace_back(Step.Seen->State.Identity, moved.Arrived.Identity);
+        m_report.Renewed.push_back({Step.From, Step.Seen->State.Identity, moved.Arrived.Identity});
     }
     return moved.Failure;
 }

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
+#include <set>
 #include <tuple>
 #include <utility>
 
@@ -94,7 +95,18 @@ std::int64_t EntriesOf(const TavroOperation& Operation) {
         return std::count_if(Operation.Steps.begin(), Operation.Steps.end(),
                              [&](const TavroStep& step) { return step.Role == What; });
     };
-    const auto entries = count(MainRoleOf(Operation.Kind)) + count(TavroStepRole::Planned);
+    const auto main = count(MainRoleOf(Operation.Kind));
+    const auto planned = count(TavroStepRole::Planned);
+    if (main != 0 && planned != 0) { // which has begun, and may have been kept several times
+        std::set<std::string> entries;
+        for (const TavroStep& step : Operation.Steps) {
+            if (step.Role == TavroStepRole::Planned || TavroIsMainStep(step, Operation.Kind)) {
+                entries.insert(step.From);
+            }
+        }
+        return static_cast<std::int64_t>(entries.size());
+    }
+    const auto entries = main + planned;
     // A move may merge empty directories alone.
     return entries != 0 || Operation.Kind != TavroOperationKind::Move
                ? entries

@@ -72,6 +72,8 @@ void TavroTransferRun::Run(std::vector<TavroTransferItemPlan>& Items) {
         }
         if (m_report.bCancelled) {
             KeepOrDiscard();
+        } else if (m_report.Done.empty()) {
+            Discard(); // also directories that were created for nothing
         }
     }
     m_report.bCancelled = m_report.bCancelled || m_bStopped;

@@ -753,7 +753,12 @@ TEST_F(TwoMoves, what_cannot_be_moved_back_is_told) {
     EXPECT_EQ(readFile(work("b")), "other");
     EXPECT_EQ(readFile(work("from/2/b")), "b");
     EXPECT_EQ(readFile(work("a")), "a");
-    EXPECT_EQ(listed()[0].State, TavroOperationState::Done);
+    EXPECT_EQ(listed()[0].State, TavroOperationState::Undoing);
+    const Outcome again = undo(); // which goes on from there
+    EXPECT_TRUE(again.bDone) << again.Message;
+    EXPECT_EQ(readFile(work("b")), "other");
+    EXPECT_EQ(readFile(work("from/2/b")), "b");
+    EXPECT_EQ(readFile(work("from/1/a")), "a");
 }
 
 // ---------------------------------------------------------------------------------------------
