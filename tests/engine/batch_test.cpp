@@ -263,6 +263,40 @@ TEST_F(Batch, gives_back_what_took_the_name_of_an_expected_file_at_the_last_mome
     EXPECT_FALSE(isPresent(at("to")));
 }
 
+TEST_F(Batch, tells_where_that_is_which_cannot_be_given_back) {
+    file("1");
+    const CallObserver others([&](const std::string& call, const std::string& path) {
+        if (call == "renameat2" && path == at("1") && !isPresent(at("kept"))) {
+            fs::rename(at("1"), at("kept"));
+            writeFile(at("1"), "theirs");
+        } else if (call == "fstatat" && isPresent(at("to"))) {
+            writeFile(at("1"), "somebody else's");
+        }
+    });
+    const TavroBatchReport report = run({expecting("1", "to")});
+    EXPECT_EQ(report.Failure.Kind, TavroFailureKind::ItemChanged);
+    ASSERT_EQ(report.RollBack.size(), 1U);
+    EXPECT_EQ(report.RollBack[0].Path, at("to"));
+    EXPECT_EQ(report.RollBack[0].Error, std::errc::file_exists);
+    EXPECT_EQ(m_steps[0].Arrived.Identity, identityOf(at("to")));
+    EXPECT_EQ(readFile(at("to")), "theirs");
+    EXPECT_EQ(readFile(at("1")), "somebody else's");
+}
+
+TEST_F(Batch, finds_a_path_anew_when_it_moves_directories_back) {
+    file("x/f");
+    file("w/g");
+    file("v");
+    file("u");
+    TavroBatchHooks hooks;
+    hooks.Retry = [](std::size_t) { return TavroFailure(); };
+    const auto callbacks = whenAsked(5, [] { return true; });
+    EXPECT_EQ(runInVain({step("x/f", "f"), step("x", "z"), step("w", "x"), step("v", "x/v"),
+                         step("u", "last")},
+                        hooks, callbacks),
+              "Cancelled");
+}
+
 TEST_F(Batch, follows_no_link_that_took_the_place_of_a_directory) {
     makeDirectory(at("elsewhere"));
     std::vector<TavroBatchStep> steps;
@@ -346,4 +380,51 @@ TEST_F(Batch, counts_each_rename_as_one_item) {
     EXPECT_EQ(told.back().ItemsDone, 2U);
     EXPECT_EQ(told.back().ItemCount, 2U);
     EXPECT_EQ(told.back().ByteCount, 0U);
+}
+
+// -------------------------------------------------------------------------------------------------
+// Between file systems
+// -------------------------------------------------------------------------------------------------
+
+class BatchAcross : public Batch {
+protected:
+    void SetUp() override {
+        if (!onDifferentDevices(m_far.path(), m_sandbox.path())) {
+            GTEST_SKIP() << secondFileSystem << " is no other file system";
+        }
+    }
+    TavroBatchStep goingFar(const std::string& name) const {
+        TavroBatchStep far = expecting(name, name);
+        far.To = (m_far / name).string();
+        return far;
+    }
+
+    Sandbox m_far{secondFileSystem};
+};
+
+TEST_F(BatchAcross, copies_no_other_file_than_the_one_it_expects) {
+    file("1");
+    const BeforeCall swap("renameat2", "/1", [&] {
+        fs::rename(at("1"), at("kept"));
+        writeFile(at("1"), "theirs");
+    });
+    EXPECT_TRUE(run({goingFar("1")}).Failure);
+    EXPECT_TRUE(swap.bActed());
+    EXPECT_EQ(readFile(at("1")), "theirs");
+    EXPECT_FALSE(isPresent(m_far / "1"));
+}
+
+TEST_F(BatchAcross, tells_which_file_is_now_where_it_was_copied_back) {
+    file("1");
+    file("2");
+    const TavroIdentity old = identityOf(at("1"));
+    TavroCallbacks callbacks;
+    callbacks.ShouldCancel = [&] { return isPresent(m_far / "1") && !isPresent(at("1")); };
+    const TavroBatchReport report = run({goingFar("1"), goingFar("2")}, {}, callbacks);
+    EXPECT_EQ(report.Failure.Kind, TavroFailureKind::Cancelled);
+    ASSERT_EQ(report.Renewed.size(), 1U);
+    EXPECT_EQ(report.Renewed[0].first, old);
+    EXPECT_EQ(report.Renewed[0].second, identityOf(at("1")));
+    EXPECT_EQ(readFile(at("1")) + readFile(at("2")), "12");
+    EXPECT_TRUE(fs::is_empty(m_far.path()));
 }

@@ -260,6 +260,9 @@ TEST_F(Guard, refuses_the_trash_of_a_volume_and_keeps_what_is_in_it_from_the_tra
     const bool bRan = runOnVolume(docs() / "source", docs() / "volume", [&](const fs::path& top) {
         const std::string user = std::to_string(geteuid());
         EXPECT_EQ(reason(top), "it is a mount point");
+        EXPECT_EQ(reason(top.parent_path()), "it holds the mount point" + top.string());
+        makeDirectory(top / "one");
+        EXPECT_EQ(reason(top / "one"), "");
         makeDirectory(top / ".Trash/4321");
         EXPECT_EQ(reason(top / ".Trash"), "") << "it is not this user's";
         for (const fs::path& trash : {top / ".Trash" / user, top / (".Trash-" + user)}) {
@@ -310,6 +313,10 @@ TEST_F(Guard, finds_each_of_several_mount_points_in_whatever_order_they_were_mou
     if (!bRan) {
         GTEST_SKIP() << "nothing can be mounted here";
     }
+}
+
+TEST_F(Guard, lets_a_file_with_the_name_of_the_history_go) {
+    EXPECT_EQ(reason(doc("history.db")), "");
 }
 
 TEST_F(Guard, asks_no_call_for_an_entry_and_reads_mounts_once_for_directories_alone) {

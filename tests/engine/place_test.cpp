@@ -97,6 +97,19 @@ TEST_F(SelectEntry, two_dots_at_the_end_are_resolved_where_they_exist) {
     expect("folder/file/..", "folder/file/..", false);
 }
 
+TEST_F(SelectEntry, dots_at_the_end_are_no_names_in_a_directory_that_is_open) {
+    makeDirectory(m_box / "folder/sub");
+    TavroPlaces places;
+    TavroPlace place;
+    ASSERT_FALSE(places.Find(m_box / "folder/sub/file", place));
+    for (const auto& [text, name] :
+         {std::pair("folder/sub/.", "folder/sub"), std::pair("folder/sub/", "folder/sub"),
+          std::pair("folder/sub/..", "folder")}) {
+        ASSERT_FALSE(places.Find(m_box / text, place)) << text;
+        EXPECT_EQ(m_box / name, place.Path());
+    }
+}
+
 TEST_F(SelectEntry, two_dots_on_the_way_stay) {
     expect("link/../folder", "link/../folder", true);
 }
@@ -511,6 +524,21 @@ TEST(NameSearch, finds_what_is_there_and_nothing_else_however_often_it_looks) {
     struct stat status = {};
     ASSERT_FALSE(places.Find(box / "b/also", other));
     EXPECT_EQ(search.Look(other, status), 0) << "another directory has other names";
+}
+
+TEST(NameSearch, finds_what_is_in_a_directory_that_cannot_be_listed) {
+    const Sandbox box;
+    TavroPlaces places;
+    TavroNameSearch search;
+    TavroPlace place;
+    struct stat status = {};
+    writeFile(box / "there");
+    ASSERT_FALSE(places.Find(box / "there", place));
+    const FaultInjector fault({{"getdents64", EIO, box.path().string(), 1, true}});
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_EQ(search.Look(place, status), 0) << i;
+    }
+    EXPECT_GT(fault.fired(), 0);
 }
 
 TEST(NameSearch, sees_what_came_later_once_it_was_told_to_forget) {

@@ -1057,6 +1057,205 @@ TEST_P(Settling, brings_back_what_had_stepped_aside_where_names_cannot_be_exchan
     }
 }
 
+TEST_P(Settling, removes_hidden_names_of_its_own_alone) {
+    writeFile(work("a"), "bytes");
+    interruptTrashOf("a", "a");
+    const fs::path own = work(TavroStagingName());
+    const fs::path aside = work(TavroAsideName(TavroStagingName()));
+    std::string other = TavroStagingName();
+    other[8] = other[8] == 'x' ? 'y' : 'x'; // as of another process
+    for (const fs::path& path : {own, aside, work(other)}) {
+        writeFile(path, "waits");
+    }
+    ASSERT_EQ(TavroDescribe(undo()), "");
+    EXPECT_FALSE(isPresent(own));
+    EXPECT_TRUE(isPresent(aside)) << "it may be all that there is of a file";
+    EXPECT_TRUE(isPresent(work(other)));
+}
+
+/// A copy of a file or a directory that waits for its name since it was interrupted.
+class SettlingCopies : public Settling {
+protected:
+    /// @return the file that waits.
+    TavroIdentity interruptCopy(const fs::path& from, const std::string& to) const {
+        const std::string hidden = TavroStagingName();
+        fs::copy(from, work(hidden), fs::copy_options::recursive);
+        TavroOperation operation;
+        operation.Kind = Kind::Copy;
+        operation.State = State::Doing;
+        TavroStep copied = {Role::Copied, from.string(), work(to).string()};
+        copied.Identity = identityOf(work(hidden));
+        copied.Source = identityOf(from);
+        copied.SourceTime = TavroNanoseconds(statusOf(from).st_ctim);
+        copied.Staged = hidden;
+        operation.Steps = {copied};
+        TavroHistory history;
+        EXPECT_FALSE(openHistory(history));
+        EXPECT_FALSE(history.BeginOperation(operation));
+        return copied.Identity;
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Within, SettlingCopies, testing::Values(false));
+
+TEST_P(SettlingCopies, gives_a_whole_file_its_name_unless_its_source_has_changed) {
+    for (const bool bChanged : {false, true}) {
+        const std::string name = bChanged ? "b" : "a";
+        const fs::path source = m_box / "home" / name;
+        writeFile(source, "bytes");
+        const TavroIdentity waits = interruptCopy(source, name);
+        if (bChanged) {
+            writeFile(source, "other");
+        }
+        ASSERT_EQ(TavroDescribe(resume()), "");
+        EXPECT_EQ(readFile(work(name)), bChanged ? "other" : "bytes");
+        EXPECT_EQ(identityOf(work(name)) == waits, !bChanged);
+        EXPECT_EQ(std::distance(fs::directory_iterator(work()), {}), bChanged ? 2 : 1);
+    }
+}
+
+TEST_P(SettlingCopies, replaces_nothing_that_has_the_name_by_now) {
+    writeFile(m_box / "home/a", "bytes");
+    interruptCopy(m_box / "home/a", "a");
+    writeFile(work("a"), "another");
+    (void)resume();
+    EXPECT_TRUE(headwayListed()) << "nobody was asked";
+    EXPECT_EQ(readFile(work("a")), "another");
+    EXPECT_EQ(readFile(m_box / "home/a"), "bytes");
+}
+
+TEST_P(SettlingCopies, takes_over_files_of_a_directory_unless_the_system_was_started_anew) {
+    for (const bool bAnew : {false, true}) {
+        const std::string name = bAnew ? "anew" : "same";
+        const fs::path source = m_box / "home" / name;
+        writeFile(source / "more", "bytes");
+        writeFile(source / "file", "bytes");
+        const fs::path probe = m_box / "home/probe";
+        do { // what is copied was not changed since
+            writeFile(probe);
+        } while (fs::last_write_time(probe) <= fs::last_write_time(source / "file"));
+        interruptCopy(source, name);
+        TavroIdentity whole;
+        for (const auto& entry : fs::directory_iterator(work())) {
+            if (TavroIsStagingName(entry.path().filename().string())) {
+                fs::remove(entry.path() / "more");
+                fs::last_write_time(entry.path() / "file", fs::last_write_time(source / "file"));
+                whole = identityOf(entry.path() / "file");
+            }
+        }
+        if (bAnew) {
+            OtherProgram(m_box / "state/tavro/history.db")
+                .execute("UPDATE operation SET staging = replace(staging, '@', '@0')");
+        }
+        ASSERT_EQ(TavroDescribe(resume()), "");
+        EXPECT_EQ(takeSnapshot(work(name)), takeSnapshot(source));
+        EXPECT_EQ(identityOf(work(name) / "file") == whole, !bAnew);
+    }
+}
+
+TEST_P(SettlingCopies, removes_a_copy_that_waits_when_it_is_taken_back) {
+    writeFile(m_box / "home/a/file", "bytes");
+    interruptCopy(m_box / "home/a", "a");
+    ASSERT_EQ(TavroDescribe(undo()), "");
+    EXPECT_TRUE(fs::is_empty(work()));
+    EXPECT_EQ(readFile(m_box / "home/a/file"), "bytes");
+}
+
+/// Operations that were interrupted, put together step by step.
+class SettlingSteps : public Settling {
+protected:
+    /// Keeps these steps as those of an operation that was begun.
+    static void interrupt(Kind kind, const std::vector<TavroStep>& steps) {
+        TavroOperation operation;
+        operation.Kind = kind;
+        operation.State = State::Doing;
+        operation.Steps = steps;
+        TavroHistory history;
+        ASSERT_FALSE(openHistory(history));
+        ASSERT_FALSE(history.BeginOperation(operation));
+    }
+    TavroStep step(Role role, const std::string& name) const {
+        TavroStep made = {role, (m_box / "home" / name).string(), work(name).string()};
+        made.Identity = isPresent(made.To) ? identityOf(made.To) : TavroIdentity();
+        return made;
+    }
+    /// What was at a name, and lies in the trash.
+    TavroStep replacedStep(const std::string& name) const {
+        const fs::path item = trashRoot() / "files" / name;
+        return {Role::Replaced, work(name).string(), item.string(),
+                (trashRoot() / "info" / (name + ".trashinfo")).string(), identityOf(item)};
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Within, SettlingSteps, testing::Values(false));
+
+TEST_P(SettlingSteps, are_not_taken_back_while_a_moved_file_is_missing) {
+    writeFile(work("a"), "a");
+    writeFile(work("b"), "b");
+    interrupt(Kind::Move, {step(Role::Moved, "a"), step(Role::Moved, "b")});
+    fs::rename(work("b"), m_box / "home/elsewhere");
+    const Snapshot before = tree();
+    TavroFailure failure = undo();
+    EXPECT_EQ(failure.Kind, TavroFailureKind::Missing);
+    EXPECT_EQ(failure.Path, work("b"));
+    EXPECT_EQ(tree(), before);
+    fs::rename(m_box / "home/elsewhere", work("b"));
+    ASSERT_EQ(TavroDescribe(undo()), "");
+    EXPECT_EQ(readFile(m_box / "home/a") + readFile(m_box / "home/b"), "ab");
+}
+
+TEST_P(SettlingSteps, are_not_taken_back_while_what_they_replaced_is_missing) {
+    const fs::path item = trashRoot() / "files/a";
+    for (const bool bOther : {false, true}) {
+        clear();
+        writeFile(m_box / "home/a", "new");
+        writeFile(work("a"), "new");
+        writeFile(item, "old");
+        writeFile(trashRoot() / "info/a.trashinfo",
+                  "[Trash Info]\nPath=" + work("a").string() + "\n");
+        interrupt(Kind::Copy, {step(Role::Copied, "a"), replacedStep("a")});
+        fs::remove(item);
+        if (bOther) { // who has put another file there wants no old one
+            fs::rename(work("a"), work("new"));
+            writeFile(work("a"), "other");
+        }
+        TavroFailure failure = undo();
+        EXPECT_EQ(failure.Kind, bOther ? TavroFailureKind::None : TavroFailureKind::ItemMissing);
+        EXPECT_EQ(failure.Path, bOther ? "" : item.string());
+        EXPECT_EQ(readFile(work("a")), bOther ? "other" : "new");
+    }
+}
+
+TEST_P(SettlingSteps, that_were_only_planned_are_carried_out_by_their_policy) {
+    for (const Kind kind : {Kind::Copy, Kind::Move}) {
+        clear();
+        for (const char* name : {"a", "b", "c"}) {
+            writeFile(m_box / "home" / name, "new");
+        }
+        writeFile(work("b"), "old");
+        writeFile(work("c"), "new");
+        if (kind == Kind::Move) {
+            fs::remove(m_box / "home/c");
+        }
+        TavroStep planned = step(Role::Planned, "b");
+        planned.Mode = static_cast<std::uint32_t>(TavroTransferConflictPolicy::Overwrite);
+        const TavroStep done = step(kind == Kind::Copy ? Role::Copied : Role::Moved, "c");
+        TavroStep other = step(Role::Planned, "a");
+        other.Mode = planned.Mode;
+        interrupt(kind, {planned, other, done});
+        ASSERT_EQ(TavroDescribe(resume()), "");
+        for (const char* name : {"a", "b", "c"}) {
+            EXPECT_EQ(readFile(work(name)), "new");
+            EXPECT_EQ(isPresent(m_box / "home" / name), kind == Kind::Copy);
+        }
+        EXPECT_EQ(readFile(trashRoot() / "files/b"), "old");
+        EXPECT_EQ(statesListed(), std::vector<State>{State::Done});
+        for (const TavroStep& kept : listed().at(0).Steps) {
+            EXPECT_NE(kept.Role, Role::Planned);
+        }
+    }
+}
+
 TEST_P(Settling, touches_no_other_file_that_has_a_name_by_now) {
     writeFile(work("a"), "bytes");
     interruptTrashOf("a", "a");

@@ -112,6 +112,174 @@ TEST_F(CarryOutTransfer, what_did_not_reach_the_disk_under_its_name_is_not_moved
     EXPECT_EQ("ab", readFile(source("a")) + readFile(source("b")));
 }
 
+TEST_F(CarryOutTransfer, a_copy_that_did_not_reach_the_disk_under_its_name_is_a_failure) {
+    writeFile(source("a"), "a");
+    std::optional<FaultInjector> faults;
+    const auto observer = beforeNaming(target("a"), [&] {
+        faults.emplace(std::vector<Fault>{{"fsync", EIO, target(), 1, true},
+                                          {"syncfs", EIO, target(), 1, true}});
+    });
+    EXPECT_FALSE(copy({"a"}));
+    ASSERT_TRUE(faults);
+    EXPECT_GT(faults->fired(), 0);
+    EXPECT_NE(std::string::npos, report().find("failed: Cannot write '/target/a': " +
+                                               systemText(std::errc::io_error) + "\n"))
+        << report();
+}
+
+TEST_F(CarryOutTransfer, nothing_is_replaced_where_there_can_be_no_trash) {
+    writeFile(m_home / ".local", "in the way");
+    m_plan.ConflictPolicy = TavroTransferConflictPolicy::Overwrite;
+    for (const bool bMove : {false, true}) {
+        writeFile(source("file"), "new");
+        writeFile(source("free"), "free");
+        writeFile(target("file"), "old");
+        EXPECT_FALSE(run(bMove, {"file", "free"}));
+        EXPECT_EQ(TavroFailureKind::TrashNeedsDirectory, m_report.Failed.at(0).Kind);
+        const std::string error = systemText(std::errc::not_a_directory) + "\n";
+        EXPECT_NE(std::string::npos,
+                  report().find("failed: Cannot replace '/target/file': " + error))
+            << report();
+        EXPECT_NE(std::string::npos, report().find("failed: Cannot write '/target/free': " + error))
+            << report();
+        EXPECT_EQ("old", readFile(target("file")));
+        EXPECT_EQ("new", readFile(source("file")));
+        EXPECT_EQ("free", readFile(source("free")));
+        EXPECT_EQ("", debris());
+    }
+}
+
+TEST_F(CarryOutTransfer, a_directory_that_cannot_be_renamed_is_told_with_the_reason) {
+    makeDirectory(source("tree"));
+    const FaultInjector faults({{"renameat2", EIO}});
+    EXPECT_FALSE(move({"tree"}));
+    EXPECT_EQ("failed: Cannot move '/source/tree' to '/target/tree': " +
+                  systemText(std::errc::io_error) + "\n",
+              report());
+}
+
+TEST_F(CarryOutTransfer, a_rename_that_may_not_replace_what_is_there_is_taken_back) {
+    m_plan.ConflictPolicy = TavroTransferConflictPolicy::Overwrite;
+    writeFile(source("file"), "new");
+    writeFile(target("file"), "old");
+    for (const std::string& from : {source("file").string(), target(".tavro-").string()}) {
+        const FaultInjector faults({{"renameat2", EPERM, from}});
+        EXPECT_FALSE(move({"file"}));
+        EXPECT_EQ(1, faults.fired());
+        EXPECT_EQ("failed: Cannot replace '/target/file': " +
+                      systemText(std::errc::operation_not_permitted) + "\n",
+                  report());
+        EXPECT_EQ("", debris());
+        EXPECT_EQ("old", readFile(target("file")));
+        EXPECT_EQ("new", readFile(source("file")));
+    }
+}
+
+TEST_F(CarryOutTransfer, what_cannot_go_to_the_trash_is_not_replaced) {
+    answer(TavroConflictChoice::Overwrite);
+    for (const bool bMove : {false, true}) {
+        for (const char* name : {"file", "tree/inner"}) {
+            const std::string top = fs::path(name).begin()->string();
+            writeFile(source(name), "new");
+            writeFile(target(top), "old");
+            const FaultInjector faults({{"renameat2", EIO, "", 1, true, false, "Trash/files"}});
+            EXPECT_FALSE(run(bMove, {top}));
+            EXPECT_EQ(1, faults.fired());
+            EXPECT_EQ("failed: Cannot replace '/target/" + top +
+                          "': " + systemText(std::errc::io_error) + "\n",
+                      report());
+            EXPECT_EQ("", debris());
+            EXPECT_EQ("old", readFile(target(top)));
+            EXPECT_EQ("new", readFile(source(name)));
+            EXPECT_TRUE(fs::is_empty(m_home / ".local/share/Trash/info"));
+            EXPECT_TRUE(m_report.Replaced.empty());
+        }
+    }
+}
+
+TEST_F(CarryOutTransfer, what_can_neither_go_to_the_trash_nor_back_is_told) {
+    m_plan.ConflictPolicy = TavroTransferConflictPolicy::Overwrite;
+    writeFile(source("file"), "new");
+    writeFile(target("file"), "old");
+    const FaultInjector faults({{"renameat2", EIO, "", 1, true, false, "Trash/files"},
+                                {"renameat2", EPERM, target(".tavro-"), 3, true}});
+    EXPECT_FALSE(copy({"file"}));
+    EXPECT_TRUE(faults.eachFired());
+    EXPECT_NE(std::string::npos, report().find("'/target/.tavro-XXXXXX'")) << report();
+    EXPECT_EQ("new", readFile(target("file")));
+    EXPECT_EQ("old", readFile(debris().substr(0, debris().find('\n'))));
+}
+
+TEST_F(CarryOutTransfer, what_the_history_refuses_leaves_nothing) {
+    m_plan.ConflictPolicy = TavroTransferConflictPolicy::Overwrite;
+    m_callbacks.BeforeActs = [](auto, const std::vector<TavroStep>& steps) {
+        const bool bReplaces = std::any_of(steps.begin(), steps.end(), [](const TavroStep& step) {
+            return step.Role == TavroStepRole::Replaced;
+        });
+        return bReplaces ? TavroFailure{TavroFailureKind::HistoryBusy} : TavroFailure();
+    };
+    for (const bool bMove : {false, true}) {
+        writeFile(source("file"), "new");
+        writeFile(target("file"), "old");
+        writeFile(source("other"), "other");
+        add("other", "fresh/fresher/other");
+        add("file", "file");
+        EXPECT_FALSE(run(bMove));
+        EXPECT_EQ(TavroFailureKind::HistoryBusy, m_report.Failed.at(0).Kind);
+        EXPECT_EQ("", debris());
+        EXPECT_FALSE(isPresent(target("fresh")));
+        EXPECT_TRUE(m_report.CreatedDirectories.empty());
+        EXPECT_EQ("old", readFile(target("file")));
+        EXPECT_EQ("new", readFile(source("file")));
+        EXPECT_TRUE(fs::is_empty(m_home / ".local/share/Trash/info"));
+    }
+}
+
+/// As of two mounts of one file system.
+TEST_F(CarryOutTransfer, a_rename_that_has_to_be_a_copy_is_one_which_the_history_can_refuse) {
+    writeFile(source("tree/a"), "a");
+    for (const bool bRefused : {true, false}) {
+        bool bAsked = false;
+        m_callbacks.BeforeActs = [&](auto, const std::vector<TavroStep>& steps) {
+            const bool bCopy = steps.at(0).Source.Inode != 0;
+            bAsked = bAsked || bCopy;
+            EXPECT_FALSE(isPresent(target("tree")));
+            return bCopy && bRefused ? TavroFailure{TavroFailureKind::HistoryBusy} : TavroFailure();
+        };
+        const FaultInjector faults({{"renameat2", EXDEV, source("tree")}});
+        EXPECT_EQ(!bRefused, move({"tree"})) << report();
+        EXPECT_EQ(1, faults.fired());
+        EXPECT_TRUE(bAsked);
+        EXPECT_EQ("", debris());
+        EXPECT_EQ(bRefused, isPresent(source("tree/a")));
+        EXPECT_EQ(!bRefused, isPresent(target("tree/a")));
+    }
+}
+
+/// Where a file system does not keep changes in order.
+TEST_F(CarryOutTransfer, what_is_replaced_goes_for_good_when_the_new_entry_is_on_the_disk) {
+    m_plan.ConflictPolicy = TavroTransferConflictPolicy::Overwrite;
+    m_callbacks.bKeepReplaced = false;
+    for (const bool bMove : {false, true}) {
+        writeFile(source("file"), "new");
+        writeFile(target("file"), "old");
+        bool bSynced = false;
+        bool bGone = false;
+        const FaultInjector unknown({{"fstatfs", EIO, "", 1, true}});
+        const CallObserver observer([&](const std::string& call, const std::string& path) {
+            const bool bNew = readFile(target("file")) == "new";
+            bSynced = bSynced || (bNew && (call == "fsync" || call == "syncfs"));
+            if (call == "unlinkat" && bNew && path.rfind(target().string(), 0) == 0) {
+                bGone = true;
+                EXPECT_TRUE(bSynced);
+            }
+        });
+        EXPECT_TRUE(run(bMove, {"file"})) << report();
+        EXPECT_TRUE(bGone);
+        EXPECT_LT(0, unknown.fired());
+    }
+}
+
 TEST_F(CarryOutTransfer, it_is_told_when_what_was_copied_is_brought_to_the_disk) {
     for (const bool bSync : {true, false}) {
         for (const char* name : {"file", "tree"}) {

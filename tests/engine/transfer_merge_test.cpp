@@ -185,6 +185,36 @@ TEST_F(ToldBefore, what_is_replaced_is_told_with_its_place_in_the_trash) {
     }
 }
 
+TEST_F(ToldBefore, what_is_copied_into_the_trash_is_told_with_both_files) {
+    TARGET_ELSEWHERE();
+    const auto told = toldOf(false, TavroStepRole::Replaced, true);
+    ASSERT_EQ(2U, told.size());
+    EXPECT_EQ(m_old, told[0].Identity);
+    EXPECT_EQ(m_old, told[1].Source);
+    EXPECT_EQ(TavroIdentityOf(statusOf(told[1].To)), told[1].Identity);
+    EXPECT_EQ(told[0].Staged, told[1].Staged);
+}
+
+TEST_F(ToldBefore, each_directory_that_is_created_is_told) {
+    writeFile(source("1"), "1");
+    writeFile(source("2"), "2");
+    add("1", "new/newer/1");
+    add("2", "new/other/2");
+    std::set<std::string> told;
+    m_callbacks.BeforeActs = [&](TavroOperationKind, const std::vector<TavroStep>& steps) {
+        for (const TavroStep& step : steps) {
+            if (step.Role == TavroStepRole::CreatedDirectory) {
+                EXPECT_EQ("", step.From);
+                told.insert(step.To);
+            }
+        }
+        return TavroFailure();
+    };
+    EXPECT_TRUE(copy());
+    EXPECT_EQ((std::set<std::string>{target("new"), target("new/newer"), target("new/other")}),
+              told);
+}
+
 TEST_F(ToldBefore, a_directory_that_a_merge_empties_is_told_with_what_it_had) {
     writeFile(source("tree/a"), "a");
     makeDirectory(target("tree"));

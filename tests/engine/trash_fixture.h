@@ -73,7 +73,8 @@ inline bool runWithMount(const fs::path& from, const fs::path& to,
 }
 
 /// Calls `body` with the mount point of a volume: that which TAVRO_TEST_VOLUME names, which must be
-/// for this process alone; or else `to`, where `from` is mounted as above.
+/// for this process alone, as must be what holds it; or else `to`, where `from` is mounted as
+/// above.
 inline bool runOnVolume(const fs::path& from, const fs::path& to,
                         const std::function<void(const fs::path&)>& body) {
     const char* const volume = std::getenv("TAVRO_TEST_VOLUME");

@@ -752,6 +752,17 @@ TEST_F(RestoreToAfar, tells_of_each_copy_that_waits_for_its_name) {
     EXPECT_NE(told[1].Staged, "");
 }
 
+TEST_F(RestoreToAfar, of_what_cannot_leave_the_trash_says_why_and_changes_nothing) {
+    const auto list = trash({far("directory")});
+    const FaultInjector faults({{"unlinkat", EIO, item("directory").string(), 1, true}});
+    const std::string why = "Cannot remove " + inQuotes(item("directory"));
+    EXPECT_NE(TavroDescribe(restoreInVain(list)).find("; " + why), std::string::npos);
+    EXPECT_TRUE(faults.eachFired());
+    EXPECT_EQ(readFile(item("directory") / "inner.txt"), "inner");
+    EXPECT_TRUE(isPresent(record("directory")));
+    EXPECT_FALSE(isPresent(far("directory")));
+}
+
 TEST_F(RestoreToAfar, of_what_stays_in_the_trash_keeps_its_record) {
     const auto list = trash({far("directory")});
     const FaultInjector faults({{"unlinkat", EIO, item("directory").string(), 2, true}});

@@ -10,6 +10,7 @@
 #include "fault_injector.h"
 #include "sandbox.h"
 #include "snapshot.h"
+#include "trash_fixture.h"
 
 #include <gtest/gtest.h>
 
@@ -159,12 +160,13 @@ public: // the steps are passed on as pointers to members
         record(Kind::CreateDirectory, steps);
     }
 
-    void trashAndRecord(const std::vector<std::string>& names) const {
+    void trashAndRecord(const std::vector<std::string>& names,
+                        const TavroTrashOptions& options = {}) const {
         std::vector<TavroOperationEntry> entries;
         for (const std::string& name : names) {
             entries.push_back(TavroNameEntry(work(name)));
         }
-        const TavroTrashReport report = TavroTrashSelection(entries, {});
+        const TavroTrashReport report = TavroTrashSelection(entries, {}, {}, {}, options);
         ASSERT_EQ(TavroDescribe(report), "");
         std::vector<TavroStep> steps;
         for (const TavroTrashedEntry& trashed : report.Entries) {
@@ -838,9 +840,110 @@ TEST_F(MergingMove, a_redo_keeps_a_directory_that_holds_something) {
     EXPECT_FALSE(isPresent(work("tree/private")));
 }
 
+TEST_F(Undo, directories_that_a_merging_move_removed_have_their_times_again_where_these_are_known) {
+    for (const bool bKnown : {true, false}) {
+        writeFile(work("tree/a"), "a");
+        makeDirectory(work("target/tree"));
+        fs::permissions(work("tree"), static_cast<fs::perms>(02710));
+        const auto old = fs::file_time_type::clock::now() - std::chrono::hours(10000);
+        fs::last_write_time(work("tree"), old);
+        TavroTransferPlan plan;
+        plan.bMove = true;
+        plan.Items.emplace_back();
+        plan.Items[0].SourcePath = work("tree");
+        plan.Items[0].DestinationPath = work("target/tree");
+        TavroTransferReport report;
+        EXPECT_TRUE(TavroCarryOutTransfer(plan, {}, report));
+        ASSERT_EQ(report.RemovedDirectories.size(), 1U);
+        const TavroRemovedDirectory& removed = report.RemovedDirectories[0];
+        record(Kind::Move, {movedStep(work("tree/a"), work("target/tree/a")),
+                            {Role::RemovedDirectory,
+                             removed.Path,
+                             "",
+                             "",
+                             {},
+                             0,
+                             removed.Mode,
+                             false,
+                             bKnown ? removed.Attributes : ""}});
+        ASSERT_TRUE(undo().bDone);
+        EXPECT_EQ(modeOf(work("tree")), 02710U);
+        const auto now = fs::last_write_time(work("tree"));
+        EXPECT_TRUE(bKnown ? now == old : now > old + std::chrono::hours(9000));
+        fs::remove_all(work("tree"));
+        fs::remove_all(work("target"));
+    }
+}
+
 // ---------------------------------------------------------------------------------------------
 // Trashed entries
 // ---------------------------------------------------------------------------------------------
+
+/// Entries on a volume, which has a trash of its own; `work` names them.
+class UndoOnVolume : public Undo {
+protected:
+    void onVolume(const std::function<void()>& body) {
+        makeDirectory(m_sandbox / "source");
+        makeDirectory(m_sandbox / "volume");
+        const bool bRan = tavro_trash_test::runOnVolume(
+            m_sandbox / "source", m_sandbox / "volume", [&](const fs::path& top) {
+                const ScopedEnvironment any("TAVRO_TRASH", std::nullopt);
+                m_work = top;
+                body();
+            });
+        if (!bRan) {
+            GTEST_SKIP() << "nothing can be mounted here";
+        }
+    }
+    std::string item() const {
+        return work(".Trash-" + std::to_string(geteuid()) + "/files/a");
+    }
+};
+
+TEST_F(UndoOnVolume, what_was_trashed_is_trashed_again_where_it_was) {
+    onVolume([&] {
+        for (const bool bHome : {false, true}) {
+            writeFile(work("a"), "bytes");
+            TavroTrashOptions options;
+            options.bHome = bHome;
+            trashAndRecord({"a"}, options);
+            for (int round = 0; round < 2; ++round) {
+                EXPECT_EQ(isPresent(item()), !bHome);
+                EXPECT_EQ(isPresent(trash() / "files/a"), bHome);
+                ASSERT_TRUE(undo().bDone);
+                EXPECT_EQ(readFile(work("a")), "bytes");
+                EXPECT_FALSE(isPresent(item()) || isPresent(trash() / "files/a"));
+                ASSERT_TRUE(redo().bDone);
+            }
+            ASSERT_TRUE(undo().bDone);
+        }
+    });
+}
+
+TEST_F(UndoOnVolume, what_was_copied_there_goes_to_its_trash) {
+    onVolume([&] {
+        writeFile(work("source"), "bytes");
+        copyAndRecord({{"source", "a"}});
+        ASSERT_TRUE(undo().bDone);
+        EXPECT_EQ(readFile(item()), "bytes");
+        ASSERT_TRUE(redo().bDone);
+        EXPECT_EQ(readFile(work("a")), "bytes");
+        EXPECT_FALSE(isPresent(item()));
+    });
+}
+
+TEST_F(UndoOnVolume, nothing_is_restored_to_another_volume_through_a_link) {
+    onVolume([&] {
+        writeFile(work("d/a"), "bytes");
+        trashAndRecord({"d/a"});
+        fs::remove(work("d"));
+        fs::create_directory_symlink(m_sandbox / "home", work("d"));
+        const Outcome outcome = undo();
+        EXPECT_EQ(outcome.Report.Failure.Kind, TavroFailureKind::LeavesVolume);
+        EXPECT_EQ(readFile(item()), "bytes");
+        EXPECT_FALSE(isPresent(m_sandbox / "home/a"));
+    });
+}
 
 TEST_F(Undo, trashed_entries_go_back_and_forth) {
     writeFile(work("a"), "a");

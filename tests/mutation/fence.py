@@ -136,13 +136,13 @@ def command(scratch, seconds, program, *arguments):
       mount -o remount,bind,ro,nosuid,nodev {scratch}
       mount -t tmpfs -o nosuid,nodev,size=512m,mode=1777 tavro {run}
       mount -t tmpfs -o nosuid,nodev,size=512m,mode=1777 tavro /dev/shm
-      mkdir {run}/volume
-      mount -t tmpfs -o nosuid,nodev,size=64m,mode=1777 tavro {run}/volume
+      mkdir -p {run}/volumes/one
+      mount -t tmpfs -o nosuid,nodev,size=64m,mode=1777 tavro {run}/volumes/one
       mount -o remount,bind,ro,nosuid /dev
       {prepare}
       cd {run}
       ulimit -v 4000000 -t {seconds} -c 0
-      export HOME={run} TMPDIR={run} TAVRO_TEST_VOLUME={run}/volume
+      export HOME={run} TMPDIR={run} TAVRO_TEST_VOLUME={run}/volumes/one
       {drop} "$@" && status=0 || status=$?
       exit $status
     """
