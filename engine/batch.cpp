@@ -237,8 +237,7 @@ TavroFailure Batch::MoveByCopying(TavroBatchStep& Step, const TavroPlace& From,
     if (!moved.Below.empty()) {
         m_report.Why = moved.Below.front();
     }
-    m_report.Lost.AccessLists += moved.Lost.AccessLists;
-    m_report.Lost.ExtendedAttributes += moved.Lost.ExtendedAttributes;
+    m_report.Lost += moved.Lost;
     return moved.Failure;
 }
 
