@@ -571,6 +571,13 @@ needs_two_file_systems() {
   [[ $output == *"  move  $PWD/1 -> $there/1 and 2 more  (interrupted, 3 of 3 done)" ]]
   run -0 tavro undo
   expect "$(cat 1 2 3; ls "$there")" $'1\n2\n3'
+  killed_at linkat 2 "$TAVRO" redo
+  run -1 strace -qq -o "$scratch/calls" -e trace=pread64 -P "$there/1" -e inject=pread64:error=EIO \
+    "$TAVRO" undo
+  run -0 tavro history
+  [[ $output == *"  move  $PWD/1 -> $there/1 and 2 more  (interrupted, 1 of 3 done)" ]]
+  run -0 tavro undo
+  expect "$(cat 1 2 3; ls "$there")" $'1\n2\n3'
   rm -r "$there"
 }
 
