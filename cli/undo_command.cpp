@@ -76,9 +76,10 @@ int PrintReport(const TavroUndoReport& Report, const std::string& Title, const M
     const bool bUnsettled = Report.Transfer.bUnsettled;
     if (Report.Failure) {
         TavroPrintError(TavroDescribe(Report));
-    } else if (bUnsettled) {
+    }
+    if (bUnsettled || (Report.Failure && Report.bPartly && !Report.bDoneButNotSaved)) {
         TavroPrintError("Not finished: 'tavro resume' continues, 'tavro undo' takes it back");
-    } else if (!How.bQuiet) {
+    } else if (!Report.Failure && !How.bQuiet) {
         PrintDone(Report, Title, How.bVerbose);
     }
     const int exitCode = TavroExitCodeOf(Report.Failure);

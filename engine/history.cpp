@@ -97,11 +97,13 @@ std::int64_t EntriesOf(const TavroOperation& Operation) {
     };
     const auto main = count(MainRoleOf(Operation.Kind));
     const auto planned = count(TavroStepRole::Planned);
-    if (main != 0 && planned != 0) { // which has begun, and may have been kept several times
+    const bool bAgain = Operation.State == TavroOperationState::Undoing ||
+                        Operation.State == TavroOperationState::Redoing;
+    if (main != 0 && (planned != 0 || bAgain)) { // they may have been kept several times
         std::set<std::string> entries;
         for (const TavroStep& step : Operation.Steps) {
             if (step.Role == TavroStepRole::Planned || TavroIsMainStep(step, Operation.Kind)) {
-                entries.insert(step.From);
+                entries.insert(step.From.empty() ? step.To : step.From);
             }
         }
         return static_cast<std::int64_t>(entries.size());
