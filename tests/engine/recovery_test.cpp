@@ -1226,6 +1226,21 @@ TEST_P(SettlingSteps, are_not_taken_back_while_what_they_replaced_is_missing) {
     }
 }
 
+TEST_P(SettlingSteps, can_be_gone_on_with_when_they_could_not_be_taken_back) {
+    writeFile(work("a"), "a");
+    const TavroStep moved = step(Role::Moved, "a");
+    const TavroStep planned = step(Role::Planned, "b");
+    writeFile(m_box / "home/b", "b");
+    interrupt(Kind::Move, {moved, planned});
+    writeFile(m_box / "home/a", "in the way");
+    EXPECT_EQ(undo().Kind, TavroFailureKind::InTheWay);
+    EXPECT_EQ(statesListed(), std::vector<State>{State::Doing});
+    ASSERT_EQ(TavroDescribe(resume()), "");
+    EXPECT_EQ(statesListed(), std::vector<State>{State::Done});
+    EXPECT_EQ(readFile(work("a")) + readFile(work("b")), "ab");
+    EXPECT_EQ(readFile(m_box / "home/a"), "in the way");
+}
+
 TEST_P(SettlingSteps, that_were_only_planned_are_carried_out_by_their_policy) {
     for (const Kind kind : {Kind::Copy, Kind::Move}) {
         clear();

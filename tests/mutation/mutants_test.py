@@ -1,8 +1,15 @@
-"""What mutants.py makes of a small source."""
+"""What mutants.py makes of a small source, and how the fence goes down."""
 
+import os
+import signal
+import subprocess
+import sys
 import unittest
 
+import fence
 from mutants import mutants_of, with_all
+
+INSIDE = "--inside"
 
 SOURCE = """\
 #include <vector>
@@ -173,5 +180,28 @@ class Members(unittest.TestCase):
         self.assertEqual(every.count("__builtin_trap();"), in_value)
 
 
+class Fence(unittest.TestCase):
+    def test_what_is_inside_ends_with_the_program_however_that_ends(self):
+        for number in (signal.SIGTERM, signal.SIGKILL):
+            command = [sys.executable, "-B", __file__, INSIDE]
+            with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as program:
+                scratch = program.stdout.readline().strip()
+                if not scratch.startswith("/"):
+                    self.skipTest(scratch)
+                program.send_signal(number)
+                # Who is inside holds this pipe, too.
+                self.assertEqual(program.communicate(timeout=60)[0], "")
+            if number == signal.SIGTERM:
+                self.assertFalse(os.path.exists(scratch))
+            else:
+                os.rmdir(scratch)
+
+
 if __name__ == "__main__":
+    if sys.argv[1:] == [INSIDE]:
+        try:
+            print(fence.enter(), flush=True)
+        except fence.NoFence as reason:
+            sys.exit(print(reason))
+        signal.pause()
     unittest.main()
