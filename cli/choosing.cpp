@@ -73,9 +73,9 @@ std::optional<std::uint64_t> ParseSize(const std::string& Text) {
 CLI::Option* TavroAddSizeOption(CLI::App& Command, const std::string& Name,
                                 const std::string& Description) {
     CLI::Option* size = Command.add_option(Name)->type_name("SIZE")->description(Description);
-    return size->check([](const std::string& text) {
-        return ParseSize(text) ? "" : "takes a size like 500M or 1.5G, not '" + text + "'";
-    });
+    TavroCheckValue(*size, "a size like 500M or 1.5G",
+                    [](const std::string& text) { return ParseSize(text).has_value(); });
+    return size;
 }
 
 std::optional<std::uint64_t> TavroReadSize(const CLI::Option* Option) {

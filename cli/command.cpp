@@ -2,6 +2,7 @@
 
 #include "tavroops.h"
 
+#include <cstdlib>
 #include <filesystem>
 
 void TavroProtect(std::vector<std::string>& Arguments) {
@@ -71,18 +72,42 @@ TavroFailure TavroSeeTrashes(const std::string& OnVolume,
     return failure;
 }
 
-void TavroCheckNotEmpty(CLI::Option& Option) {
-    Option.check([](const std::string& text) {
-        return std::string(text.empty() ? "takes a directory, not ''" : "");
+CLI::Option* TavroAddColor(CLI::App& Command) {
+    CLI::Option* color = Command.add_option("--color");
+    color->type_name("auto|always|never")->description("When to use colours");
+    TavroCheckValue(*color, "auto, always or never", [](const std::string& value) {
+        return value == "auto" || value == "always" || value == "never";
+    });
+    return color;
+}
+
+bool TavroHasColor(const CLI::Option* Color) {
+    const std::string when = Color->empty() ? "auto" : Color->as<std::string>();
+    const auto variable = [](const char* name) {
+        const char* const value = std::getenv(name);
+        return std::string(value == nullptr ? "" : value);
+    };
+    const bool bWanted = variable("NO_COLOR").empty() && !variable("TERM").empty() &&
+                         variable("TERM") != "dumb" && TavroIsTerminal(stdout);
+    return when == "always" || (when == "auto" && bWanted);
+}
+
+void TavroCheckValue(CLI::Option& Option, const std::string& What,
+                     const std::function<bool(const std::string&)>& IsTaken) {
+    Option.check([What, IsTaken](const std::string& value) {
+        return IsTaken(value) ? "" : "takes " + What + ", not '" + value + "'";
     });
 }
 
+void TavroCheckNotEmpty(CLI::Option& Option) {
+    TavroCheckValue(Option, "a directory", [](const std::string& text) { return !text.empty(); });
+}
+
 void TavroCheckNumber(CLI::Option& Option, int Least, int Most, const std::string& What) {
-    const std::string takes =
-        "takes " + What + " from " + std::to_string(Least) + " to " + std::to_string(Most);
-    Option.check([takes, range = CLI::Range(Least, Most)](const std::string& value) {
-        return range(value).empty() ? "" : takes + ", not '" + value + "'";
-    });
+    TavroCheckValue(Option, What + " from " + std::to_string(Least) + " to " + std::to_string(Most),
+                    [range = CLI::Range(Least, Most)](const std::string& value) {
+                        return range(value).empty();
+                    });
 }
 
 // They are not read as anything but raw results: a conversion to a list would turn a name like {}

@@ -57,6 +57,15 @@ CLI::Option* TavroAddVolume(CLI::App& Command);
 TavroFailure TavroSeeTrashes(const std::string& OnVolume,
                              std::vector<TavroTrashFolders>& OutTrashes);
 
+/// --color, and whether standard output has colours by it: unless told otherwise on a terminal that
+/// has some, where NO_COLOR is not set.
+CLI::Option* TavroAddColor(CLI::App& Command);
+bool TavroHasColor(const CLI::Option* Color);
+
+/// Takes certain values alone. @param What  as its usage error says it: "a size like 500M".
+void TavroCheckValue(CLI::Option& Option, const std::string& What,
+                     const std::function<bool(const std::string&)>& IsTaken);
+
 /// Takes the name of a directory, and no empty one, which would be the current directory.
 void TavroCheckNotEmpty(CLI::Option& Option);
 

@@ -2,7 +2,6 @@
 
 #include "command.h"
 #include "edit.h"
-#include "format.h"
 #include "measure.h"
 #include "recording.h"
 
@@ -56,9 +55,8 @@ int RunDelete(const std::vector<std::string>& Texts, bool bForce, TavroKeeping K
         }
     }
     TavroRecording recording;
-    TavroCallbacks callbacks;
-    callbacks.ShouldCancel = TavroWasInterrupted;
-    const TavroFailure failure = TavroDeleteForGood(entries, recording.Bind(callbacks, Keeping));
+    const TavroFailure failure =
+        TavroDeleteForGood(entries, recording.Bind({{}, TavroWasInterrupted}, Keeping));
     const int exitCode = recording.EndDeletion(failure);
     if (failure.Kind == TavroFailureKind::Cancelled) {
         TavroPrintError("Interrupted: what is left of '" + failure.Path +

@@ -1,7 +1,6 @@
 // `tavro doctor`.
 
 #include "command.h"
-#include "format.h"
 #include "names.h"
 #include "recording.h"
 #include "recovery.h"

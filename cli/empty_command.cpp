@@ -1,7 +1,6 @@
 // `tavro empty`.
 
 #include "choosing.h"
-#include "format.h"
 #include "recording.h"
 
 #include <algorithm>
@@ -67,9 +66,7 @@ int RunEmpty(const Emptied& What, const std::string& Volume, bool bForce, bool b
         return TavroPrintFailure(failure);
     }
     TavroRecording recording;
-    TavroCallbacks callbacks;
-    callbacks.ShouldCancel = TavroWasInterrupted;
-    callbacks = recording.Bind(callbacks, Keeping);
+    const TavroCallbacks callbacks = recording.Bind({{}, TavroWasInterrupted}, Keeping);
     if (bForce && bQuiet && What.IsEverything()) {
         const TavroFailure failure = TavroEmptyTrash(callbacks, trashes);
         return std::max(recording.EndDeletion(failure), TavroPrintFailure(failure));

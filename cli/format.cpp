@@ -1,72 +1,12 @@
 #include "format.h"
 
-#include "tavroops.h"
 #include "terminal.h"
 
 #include <algorithm>
 #include <array>
 #include <clocale>
-#include <cstdlib>
 #include <ctime>
 #include <cwchar>
-#include <filesystem>
-
-namespace {
-
-/// A directory with a slash behind it, and what is written instead of that.
-struct Prefix {
-    std::string Text;
-    std::string Shown;
-};
-
-/// The root is nobody's short name, and without a home nothing is below it.
-Prefix PrefixOf(const std::string& Directory, const std::string& Shown) {
-    const bool bUsable = Directory.size() > 1 && Directory.front() == '/';
-    return {bUsable ? Directory + "/" : "", Shown};
-}
-
-const std::vector<Prefix>& Prefixes() {
-    std::error_code ec;
-    static const std::vector<Prefix> prefixes = {
-        PrefixOf(std::filesystem::current_path(ec).string(), ""),
-        PrefixOf(TavroHomeDirectoryPath(), "~/")};
-    return prefixes;
-}
-
-/// Shortens what stands at `Begin`.
-void Shorten(std::string& Text, std::size_t Begin) {
-    for (const Prefix& prefix : Prefixes()) {
-        const std::size_t end = Begin + prefix.Text.size();
-        if (prefix.Text.empty() || Text.compare(Begin, prefix.Text.size(), prefix.Text) != 0) {
-            continue;
-        }
-        // What is left must not be taken for an option or a home directory.
-        const char next = end < Text.size() ? Text[end] : '-';
-        const bool bOdd = prefix.Shown.empty() && (next == '-' || next == '~');
-        Text.replace(Begin, prefix.Text.size(), bOdd ? "./" : prefix.Shown);
-        return;
-    }
-}
-
-} // namespace
-
-std::string TavroShownPath(std::FILE* Stream, const std::string& Path) {
-    std::string shown = Path;
-    if (TavroIsTerminal(Stream)) {
-        Shorten(shown, 0);
-    }
-    return shown;
-}
-
-std::string TavroShownSentence(std::FILE* Stream, std::string Sentence) {
-    if (TavroIsTerminal(Stream)) {
-        for (std::size_t at = Sentence.find("'/"); at != std::string::npos;
-             at = Sentence.find("'/", at + 1)) {
-            Shorten(Sentence, at + 1);
-        }
-    }
-    return Sentence;
-}
 
 std::string TavroShownStep(const std::string& From, const std::string& To) {
     return TavroShownPath(stdout, From) + " -> " + TavroShownPath(stdout, To);
@@ -175,26 +115,6 @@ std::string TavroClippedText(const std::string& Text, std::size_t Width) {
         end += character.Length;
     }
     return "";
-}
-
-CLI::Option* TavroAddColor(CLI::App& Command) {
-    CLI::Option* color = Command.add_option("--color");
-    color->type_name("auto|always|never")->description("When to use colours");
-    return color->check([](const std::string& value) {
-        const bool bTaken = value == "auto" || value == "always" || value == "never";
-        return bTaken ? "" : "takes auto, always or never, not '" + value + "'";
-    });
-}
-
-bool TavroHasColor(const CLI::Option* Color) {
-    const std::string when = Color->empty() ? "auto" : Color->as<std::string>();
-    const auto variable = [](const char* name) {
-        const char* const value = std::getenv(name);
-        return std::string(value == nullptr ? "" : value);
-    };
-    const bool bWanted = variable("NO_COLOR").empty() && !variable("TERM").empty() &&
-                         variable("TERM") != "dumb" && TavroIsTerminal(stdout);
-    return when == "always" || (when == "auto" && bWanted);
 }
 
 void TavroPrintColumns(const std::vector<std::vector<TavroCell>>& Rows,

@@ -1,22 +1,12 @@
-/// What a person reads on a terminal: short paths, dates, columns, colours. Into anything else goes
-/// what a program reads.
+/// What a person reads on a terminal: dates, summaries, columns. Into anything else goes what a
+/// program reads.
 
 #ifndef TAVRO_CLI_FORMAT_H
 #define TAVRO_CLI_FORMAT_H
 
-#include <CLI/CLI.hpp>
-
 #include <cstdint>
-#include <cstdio>
 #include <string>
 #include <vector>
-
-/// A path as it is shown: on a terminal relative below the current directory, and with `~/` below
-/// the home directory, so that it means the same when it is typed; else as it is.
-std::string TavroShownPath(std::FILE* Stream, const std::string& Path);
-
-/// A sentence with each path in quotes as it is shown.
-std::string TavroShownSentence(std::FILE* Stream, std::string Sentence);
 
 /// "FROM -> TO" for standard output.
 std::string TavroShownStep(const std::string& From, const std::string& To);
@@ -40,11 +30,6 @@ std::size_t TavroTextWidth(const std::string& Text);
 
 /// As much of a printable text as so many columns hold, with "…" for the rest.
 std::string TavroClippedText(const std::string& Text, std::size_t Width);
-
-/// --color, and whether standard output has colours by it: unless told otherwise on a terminal that
-/// has some, where NO_COLOR is not set.
-CLI::Option* TavroAddColor(CLI::App& Command);
-bool TavroHasColor(const CLI::Option* Color);
 
 enum class TavroStyle { Plain, Dim, Bold, Yellow };
 

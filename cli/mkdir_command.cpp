@@ -1,7 +1,6 @@
 // `tavro mkdir`.
 
 #include "command.h"
-#include "format.h"
 #include "record.h"
 #include "recording.h"
 

@@ -115,15 +115,20 @@ std::string TavroKindText(TavroOperationKind Kind) {
     return names.at(static_cast<std::size_t>(Kind));
 }
 
-std::string TavroStepText(const TavroStep& Step) {
+namespace {
+
+/// What a step is about: "a -> b"; what was created or trashed stands alone.
+std::string StepText(const TavroStep& Step) {
     if (Step.Role == TavroStepRole::Trashed || Step.To.empty()) {
         return TavroShownPath(stdout, Step.From);
     }
     return Step.From.empty() ? TavroShownPath(stdout, Step.To) : TavroShownStep(Step.From, Step.To);
 }
 
+} // namespace
+
 std::string TavroOperationText(const TavroOperation& Operation, std::uint64_t EntryCount) {
-    const std::string first = Operation.Steps.empty() ? "" : TavroStepText(Operation.Steps.front());
+    const std::string first = Operation.Steps.empty() ? "" : StepText(Operation.Steps.front());
     return first + (EntryCount > 1 ? " and " + TavroGroupedNumber(EntryCount - 1) + " more" : "");
 }
 
@@ -144,11 +149,11 @@ void TavroPrintOperation(const std::string& Title, const TavroOperation& Operati
     TavroPrintLine(stdout, Title + TavroKindText(Operation.Kind));
     const std::vector<const TavroStep*> steps = TavroTellingSteps(Operation);
     if (!TavroTellsEach(steps.size(), bVerbose)) {
-        TavroPrintLine(stdout, "  " + TavroStepText(*steps.front()) + " and " +
+        TavroPrintLine(stdout, "  " + StepText(*steps.front()) + " and " +
                                    TavroGroupedNumber(steps.size() - 1) + " more");
         return;
     }
     for (const TavroStep* step : steps) {
-        TavroPrintLine(stdout, "  " + TavroStepText(*step));
+        TavroPrintLine(stdout, "  " + StepText(*step));
     }
 }

@@ -71,10 +71,6 @@ std::string TavroKindText(TavroOperationKind Kind);
 /// empty directories those.
 std::vector<const TavroStep*> TavroTellingSteps(const TavroOperation& Operation);
 
-/// What a step is about in one line of standard output: "a -> b"; what was created or trashed
-/// stands alone.
-std::string TavroStepText(const TavroStep& Step);
-
 /// "/a -> /b and 3 more": what an operation was about in one line of standard output.
 /// @param EntryCount  how many main steps it has.
 std::string TavroOperationText(const TavroOperation& Operation, std::uint64_t EntryCount);

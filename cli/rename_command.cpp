@@ -1,7 +1,6 @@
 // `tavro rename`.
 
 #include "command.h"
-#include "format.h"
 #include "record.h"
 #include "recording.h"
 

@@ -76,8 +76,7 @@ int Restore(Restoring& Run, const std::vector<TavroTrashItem>& Items,
     if (!Run.bQuiet && !bEach) {
         TavroPrintLine(stdout, "Restored " + TavroCountText(Entries.size(), "entry"));
     }
-    Run.Lost.AccessLists += report.Batch.Lost.AccessLists;
-    Run.Lost.ExtendedAttributes += report.Batch.Lost.ExtendedAttributes;
+    Run.Lost += report.Batch.Lost;
     return exitCode;
 }
 

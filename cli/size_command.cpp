@@ -1,7 +1,6 @@
 // `tavro size`.
 
 #include "command.h"
-#include "format.h"
 #include "measure.h"
 #include "names.h"
 #include "posix.h"

@@ -28,6 +28,13 @@ bool TavroIsTerminal(std::FILE* Stream);
 /// vary a character beyond ASCII.
 std::string TavroPrintableText(const std::string& Text);
 
+/// A path as it is shown: on a terminal relative below the current directory, and with `~/` below
+/// the home directory, so that it means the same when it is typed; else as it is.
+std::string TavroShownPath(std::FILE* Stream, const std::string& Path);
+
+/// A sentence with each path in quotes as it is shown.
+std::string TavroShownSentence(std::FILE* Stream, std::string Sentence);
+
 /// Writes `Text` and a line feed: printable on a terminal, byte for byte into anything else.
 void TavroPrintLine(std::FILE* Stream, const std::string& Text);
 
@@ -36,7 +43,7 @@ void TavroPrintLine(std::FILE* Stream, const std::string& Text);
 void TavroPrintError(const std::string& Sentence);
 
 /// Says in one sentence what was skipped, or when `bVerbose` in one for each path.
-void TavroPrintSkipped(const std::vector<std::string>& Paths, bool bVerbose = false);
+void TavroPrintSkipped(const std::vector<std::string>& Paths, bool bVerbose);
 
 /// Writes a sentence for each failure. @return whether there was none.
 bool TavroPrintFailures(const std::vector<TavroFailure>& Failures);

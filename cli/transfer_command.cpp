@@ -217,7 +217,7 @@ bool TakeBack(std::int64_t Id) {
     if (Id == 0 || TavroOpenHistory(history)) {
         return false;
     }
-    const TavroFailure failure = TavroUndoOnly(history, Id, {}).Failure;
+    const TavroFailure failure = TavroUndo(history, {}, Id).Failure;
     return failure.Kind != TavroFailureKind::NoSuchOperation &&
            TavroPrintFailure(failure) == TavroExitDone;
 }
@@ -302,12 +302,9 @@ void AddTransfer(CLI::App& App, bool bMove, TavroCommandTable& Table) {
     CLI::Option* in = TavroAddBaseDirectory(*command);
     CLI::Option* onConflict = command->add_option("--on-conflict");
     onConflict->type_name("ask|overwrite|newer|skip|keep-both")
-        ->description("What to do about something in the way; without a terminal, ask skips")
-        ->check([](const std::string& value) {
-            return onConflicts.count(value) != 0
-                       ? ""
-                       : "takes ask, overwrite, newer, skip or keep-both, not '" + value + "'";
-        });
+        ->description("What to do about something in the way; without a terminal, ask skips");
+    TavroCheckValue(*onConflict, "ask, overwrite, newer, skip or keep-both",
+                    [](const std::string& value) { return onConflicts.count(value) != 0; });
     CLI::Option* noKeep = command->add_flag(
         "--no-keep", "Delete what is replaced instead of trashing it; this cannot be undone");
     CLI::Option* dryRun = command->add_flag("-n,--dry-run", "Show the plan and do nothing");

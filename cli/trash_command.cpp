@@ -40,9 +40,8 @@ Options AddOptions(CLI::App& Command, CLI::Option& Names) {
         Command.add_flag("--interactive", "Ask: =always (as -i), =once (as -I) or =never"),
         Command.add_flag("-v,--verbose", "List each entry, even with -f or -q")};
     options.Force->each([&Names](const std::string&) { Names.required(false); });
-    options.Interactive->check([](const std::string& when) {
-        const bool bKnown = when == "true" || when == "never" || when == "once" || when == "always";
-        return bKnown ? "" : "takes never, once or always, not '" + when + "'";
+    TavroCheckValue(*options.Interactive, "never, once or always", [](const std::string& when) {
+        return when == "true" || when == "never" || when == "once" || when == "always";
     });
     return options;
 }
@@ -186,9 +185,9 @@ int RunTrash(const std::vector<std::string>& Texts, const Asking& Asking, const 
     if (exitCode != TavroExitDone || bNone) {
         return exitCode;
     }
-    const std::vector<TavroOperationEntry> copied = Telling.bQuiet || Where.bNeverCopy
-                                                        ? std::vector<TavroOperationEntry>()
-                                                        : TavroEntriesToCopy(entries, Where);
+    const std::vector<TavroOperationEntry> copied =
+        Telling.bQuiet || Where.bNeverCopy ? std::vector<TavroOperationEntry>()
+                                           : TavroEntriesToCopy(entries, Where, Keeping.bSync);
     if (!copied.empty()) {
         if (const int code = AgreeToCopying(copied, Asking.Ask != When::Never)) {
             return code;
@@ -239,7 +238,6 @@ void TavroAddTrash(CLI::App& App, TavroCommandTable& Table) {
         const bool bVerbose = !options.Verbose->empty();
         const bool bResult = bVerbose || (quiet->empty() && !asking.bForgiving);
         return RunTrash(TavroValues(names), asking, {!quiet->empty(), bVerbose, bResult},
-                        {!home->empty(), !noCopy->empty(), keeping.Keeping().bSync},
-                        keeping.Keeping());
+                        {!home->empty(), !noCopy->empty()}, keeping.Keeping());
     };
 }

@@ -1,7 +1,6 @@
 // `tavro undo`, `tavro redo` and `tavro resume`.
 
 #include "command.h"
-#include "format.h"
 #include "measure.h"
 #include "progress_bar.h"
 #include "recording.h"
@@ -77,9 +76,10 @@ int PrintReport(const TavroUndoReport& Report, const std::string& Title, const M
     const bool bUnsettled = Report.Transfer.bUnsettled;
     if (Report.Failure) {
         TavroPrintError(TavroDescribe(Report));
-    } else if (bUnsettled) {
+    }
+    if (bUnsettled || (Report.Failure && Report.bPartly && !Report.bDoneButNotSaved)) {
         TavroPrintError("Not finished: 'tavro resume' continues, 'tavro undo' takes it back");
-    } else if (!How.bQuiet) {
+    } else if (!Report.Failure && !How.bQuiet) {
         PrintDone(Report, Title, How.bVerbose);
     }
     const int exitCode = TavroExitCodeOf(Report.Failure);
@@ -197,7 +197,7 @@ int RunUndo(std::int64_t Id, bool bSkip, const Manner& How) {
     }
     const auto undo = [&](std::int64_t id) {
         const Act only = [id](TavroHistory& all, const TavroTransferCallbacks& callbacks) {
-            return TavroUndoOnly(all, id, callbacks);
+            return TavroUndo(all, callbacks, id);
         };
         return RunShown(only, history, How);
     };

@@ -237,8 +237,7 @@ TavroFailure Batch::MoveByCopying(TavroBatchStep& Step, const TavroPlace& From,
     if (!moved.Below.empty()) {
         m_report.Why = moved.Below.front();
     }
-    m_report.Lost.AccessLists += moved.Lost.AccessLists;
-    m_report.Lost.ExtendedAttributes += moved.Lost.ExtendedAttributes;
+    m_report.Lost += moved.Lost;
     return moved.Failure;
 }
 
@@ -273,7 +272,7 @@ TavroFailure Batch::MoveBack(const TavroBatchStep& Step) {
         m_places.Forget(to.OwnPath());
     }
     if (!moved.Failure) { // also where its number was given again
-        m_report.Renewed.emplace_back(Step.Seen->State.Identity, moved.Arrived.Identity);
+        m_report.Renewed.push_back({Step.From, Step.Seen->State.Identity, moved.Arrived.Identity});
     }
     return moved.Failure;
 }

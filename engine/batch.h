@@ -79,14 +79,19 @@ struct TavroBatchHooks {
     std::function<void(TavroChanges&)> Finish = {};
 };
 
+/// Something that went back by being copied.
+struct TavroRenewed {
+    std::string Path; ///< `From` of its step.
+    TavroIdentity Was;
+    TavroIdentity Is;
+};
+
 struct TavroBatchReport {
     TavroFailure Failure = {};               ///< None: every step is done.
     TavroFailure Why = {};                   ///< The cause of the failure, where it has one.
     std::vector<TavroFailure> RollBack = {}; ///< Why steps could not be undone.
     std::vector<std::string> CreatedDirectories = {}; ///< Missing parents; outer ones first.
-
-    /// Of what went back: the file that it was, and the one that it is now.
-    std::vector<std::pair<TavroIdentity, TavroIdentity>> Renewed = {};
+    std::vector<TavroRenewed> Renewed = {};
     TavroAttributesLost Lost = {};
 };
 

@@ -115,9 +115,7 @@ TavroFailure Chooser::CheckOnePath(const std::string& Word, const Indices& Found
     for (const std::size_t i : Found) {
         paths.insert(m_items[i].OriginalPath);
     }
-    return paths.size() < 2
-               ? TavroFailure()
-               : TavroFailure{TavroFailureKind::SeveralNamed, {}, Word, TavroListPaths(paths)};
+    return TavroCheckOnePath(Word, paths);
 }
 
 Chooser::Indices Chooser::Match(const std::string& Word) const {
@@ -248,7 +246,7 @@ TavroFailure TavroMeasureItems(std::vector<TavroTrashItem>& IoItems,
     }
     for (const auto& [folders, measured] : sizes) {
         TavroOpenTrash trash;
-        if (bRemember && folders && !trash.Open(*folders)) {
+        if (bRemember && !trash.Open(*folders)) {
             TavroKeepDirectorySizes(trash, measured);
         }
     }

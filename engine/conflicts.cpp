@@ -18,7 +18,7 @@ Choice Decided(Choice Wanted, const TavroTransferConflict& Conflict) {
 } // namespace
 
 TavroConflictAnswer TavroConflictJudge::Judge(const TavroTransferConflict& Conflict) {
-    const bool bKindsDiffer = Conflict.bSourceDirectory != Conflict.bDestinationDirectory;
+    const bool bKindsDiffer = Conflict.Source.IsDirectory() != Conflict.Destination.IsDirectory();
     if (m_policy == TavroTransferConflictPolicy::Skip) {
         return {Choice::Skip};
     }

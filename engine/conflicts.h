@@ -14,9 +14,7 @@
 struct TavroTransferConflict {
     std::string SourcePath;
     std::string DestinationPath;
-    bool bSourceDirectory = false;
-    bool bDestinationDirectory = false; ///< A link to a directory is no directory here.
-    TavroFileState Source = {};
+    TavroFileState Source = {}; ///< A link to a directory is no directory here, nor below.
     TavroFileState Destination = {};
     std::function<std::string()> FreeName = {}; ///< The name that KeepBoth would give.
     bool bCanWait = false; ///< Later is an answer: other entries are left, and nobody gave it yet.

@@ -19,6 +19,11 @@
 struct TavroAttributesLost {
     std::uint64_t AccessLists = 0;        ///< Access control lists.
     std::uint64_t ExtendedAttributes = 0; ///< Extended attributes other than these.
+
+    void operator+=(const TavroAttributesLost& More) {
+        AccessLists += More.AccessLists;
+        ExtendedAttributes += More.ExtendedAttributes;
+    }
 };
 
 /// What is true of all new entries in one directory, so that it is found out once.

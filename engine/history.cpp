@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
+#include <set>
 #include <tuple>
 #include <utility>
 
@@ -45,10 +46,11 @@ bool IsPath(const std::string& Path) {
 
 /// A record is removed with its item, so it must be the item's own.
 bool HasOwnRecord(const TavroStep& Step) {
-    const std::string files = TavroParentOf(Step.To);
-    const std::string info = TavroJoin(TavroParentOf(files), "info");
-    return TavroNameOf(files) == "files" &&
-           Step.Record == TavroJoin(info, TavroRecordName(TavroNameOf(Step.To)));
+    const std::string files = "/files";
+    const std::size_t name = Step.To.rfind('/');
+    return name != std::string::npos && name >= files.size() &&
+           Step.To.compare(name - files.size(), files.size(), files) == 0 &&
+           Step.Record == TavroRecordPath(Step.To);
 }
 
 bool IsValid(const TavroStep& Step) {
@@ -93,7 +95,20 @@ std::int64_t EntriesOf(const TavroOperation& Operation) {
         return std::count_if(Operation.Steps.begin(), Operation.Steps.end(),
                              [&](const TavroStep& step) { return step.Role == What; });
     };
-    const auto entries = count(MainRoleOf(Operation.Kind)) + count(TavroStepRole::Planned);
+    const auto main = count(MainRoleOf(Operation.Kind));
+    const auto planned = count(TavroStepRole::Planned);
+    const bool bAgain = Operation.State == TavroOperationState::Undoing ||
+                        Operation.State == TavroOperationState::Redoing;
+    if (main != 0 && (planned != 0 || bAgain)) { // they may have been kept several times
+        std::set<std::string> entries;
+        for (const TavroStep& step : Operation.Steps) {
+            if (step.Role == TavroStepRole::Planned || TavroIsMainStep(step, Operation.Kind)) {
+                entries.insert(step.From.empty() ? step.To : step.From);
+            }
+        }
+        return static_cast<std::int64_t>(entries.size());
+    }
+    const auto entries = main + planned;
     // A move may merge empty directories alone.
     return entries != 0 || Operation.Kind != TavroOperationKind::Move
                ? entries

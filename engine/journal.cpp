@@ -106,8 +106,8 @@ TavroFailure TavroJournal::EndDeletion(bool bFailed) {
     const auto mayBeGone = [&](const TavroStep& step) { // of a directory some of what is in it
         TavroPlace place;
         struct stat status = {};
-        const bool bThere = !places.Find(step.From, place) && TavroLookAt(place, status) == 0 &&
-                            status.st_ino == step.Identity.Inode;
+        const bool bThere =
+            places.Look(step.From, place, status) == 0 && status.st_ino == step.Identity.Inode;
         return !bThere || S_ISDIR(status.st_mode);
     };
     const bool bNothing = bFailed && std::none_of(m_kept.begin(), m_kept.end(), mayBeGone);

@@ -119,7 +119,6 @@ bool TavroStagedCopy::Publish(bool bExchange) {
         return false;
     }
     m_bReplaced = bExchange;
-    m_report.bCopied = true;
     m_report.Arrived = m_tree->Made();
     m_report.Lost = m_tree->Lost();
     if (m_options.bCopy) {

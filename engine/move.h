@@ -56,7 +56,6 @@ struct TavroMoveReport {
 
     std::string Name;       ///< The name that it has at its destination.
     TavroFileState Arrived; ///< What is there now. An inode of 0: nothing of it.
-    bool bCopied = false;   ///< Its bytes were copied.
     bool bCopyStays = false;
     bool bPartlyMoved = false;
     TavroAttributesLost Lost; ///< What the destination could not hold.

@@ -217,9 +217,9 @@ int FindFaultOf(const std::string& Path) {
 
 /// What follows the last separator of a path is a name, and nothing else.
 bool IsPlainName(const std::string& Path, std::size_t Begin) {
-    return Begin < Path.size() && Path.compare(Begin, std::string::npos, ".") != 0 &&
-           Path.compare(Begin, std::string::npos, "..") != 0 &&
-           Path.find('\0', Begin) == std::string::npos;
+    const bool bDots = Path[Begin] == '.' && (Path.compare(Begin, std::string::npos, ".") == 0 ||
+                                              Path.compare(Begin, std::string::npos, "..") == 0);
+    return Begin < Path.size() && !bDots && Path.find('\0', Begin) == std::string::npos;
 }
 
 } // namespace
@@ -263,15 +263,14 @@ TavroFailure TavroPlaces::FindAgain(TavroPlace& IoPlace) {
 
 TavroFailure TavroPlaces::FindOrCreate(const std::string& Path, mode_t Mode,
                                        std::vector<std::string>& OutCreated, TavroPlace& OutPlace) {
-    const std::string path = EntryPath(Path);
-    const int fault = FindFaultOf(path);
-    if (fault != 0) {
-        return TavroFail(TavroFailureKind::LookAt, fault, Path);
+    TavroFailure failure = Find(Path, OutPlace);
+    const std::string path = failure ? EntryPath(Path) : "";
+    if (!failure || FindFaultOf(path) != 0) {
+        return failure;
     }
     std::vector<std::string> missing; // inner ones first
     std::string above = path;
     TavroPlace place;
-    TavroFailure failure = Find(path, place);
     while (failure && failure.Error.value() == ENOENT && above != TavroParentOf(above)) {
         above = TavroParentOf(above);
         missing.push_back(above);

@@ -138,9 +138,8 @@ std::vector<TavroOperationEntry> TavroNameEntries(const std::vector<std::string>
 
 /// TavroNameEntries with a look at each.
 ///
-/// @param OutEntries  one for each path, in order; `bDirectory` is true exactly for a directory
-/// that
-///                    is not a symbolic link.
+/// @param OutEntries  one for each path, in order; `bDirectory` is true exactly for a directory,
+///                    and not for a link to one.
 /// @return why entries cannot be selected, in order: NoSuchEntry or LookAt, with the path as it was
 ///         given. An audio track always can.
 std::vector<TavroFailure> TavroSelectEntries(const std::vector<std::string>& Paths,

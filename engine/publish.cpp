@@ -429,8 +429,7 @@ void TavroTransferRun::Finish(TavroPendingEntry& Entry) {
 /// Takes over what became of an entry.
 void TavroTransferRun::Note(TavroPendingEntry& Entry) {
     TavroMoveReport& report = Entry.Copy->Report();
-    m_report.Lost.AccessLists += report.Lost.AccessLists;
-    m_report.Lost.ExtendedAttributes += report.Lost.ExtendedAttributes;
+    m_report.Lost += report.Lost;
     const std::string to = TavroPlace{Entry.Copy->To().Directory, report.Name}.Path();
     if (Entry.NextName && Entry.Item != nullptr) {
         Entry.Item->DestinationPath = to;

@@ -146,9 +146,9 @@ TavroFailure TavroReversal::CheckFree(const std::string& Path) {
 
 /// The trash in which the item of a step lies. Neighbours have the same.
 const TavroTrashFolders& TavroReversal::TrashOf(const TavroStep& Step) {
-    std::string root = TavroParentOf(TavroParentOf(Step.To));
-    if (root != m_trashRoot) {
-        m_trashRoot = std::move(root);
+    const std::size_t name = Step.To.rfind('/');
+    if (Step.To.compare(0, name, m_trashFiles) != 0) {
+        m_trashFiles = Step.To.substr(0, name);
         m_trashFolders = TavroTrashFoldersOf(Step.To);
     }
     return m_trashFolders;
@@ -349,7 +349,7 @@ TavroFailure TavroReversal::RemoveCreated() {
     for (const TavroStep& step : m_steps) {
         const auto made = again.m_made.find(TavroDirectoryOf(step));
         if (made != again.m_made.end() && made->second.Inode != 0) {
-            m_report.Moves.Renewed.emplace_back(step.Identity, made->second);
+            m_report.Moves.Renewed.push_back({made->first, step.Identity, made->second});
         }
     }
     return failure;
@@ -405,6 +405,9 @@ TavroFailure TavroReversal::RunMoves(const Steps& Of, std::vector<TavroBatchStep
     m_report.Moves = TavroRunBatch(Moves, hooks, m_callbacks);
     Remember(m_report.Moves.CreatedDirectories);
     TavroFailure failure = m_report.Moves.Failure;
+    const auto isInBoth = [](const TavroBatchStep& move) { return move.bCopyStays; };
+    m_report.bPartly =
+        m_report.bPartly || (failure && std::any_of(Moves.begin(), Moves.end(), isInBoth));
     if (failure || !m_bUndo || !(failure = MakeDirectories())) {
         return failure;
     }
@@ -418,7 +421,8 @@ TavroFailure TavroReversal::RunMoves(const Steps& Of, std::vector<TavroBatchStep
     }
     for (std::size_t i = 0; i < back.size() && !returned.Failure; ++i) {
         const TavroBatchStep& move = Moves[back.size() - 1 - i];
-        m_report.Moves.Renewed.emplace_back(move.Seen->State.Identity, back[i].Arrived.Identity);
+        m_report.Moves.Renewed.push_back(
+            {move.From, move.Seen->State.Identity, back[i].Arrived.Identity});
     }
     return failure;
 }
@@ -536,7 +540,7 @@ TavroFailure TavroReversal::Restore(Role What) {
         }
         return m_callbacks.Announce(kind, more);
     };
-    m_report.Trash = TavroRestoreSelection(entries, callbacks, true);
+    m_report.Trash = TavroRestoreSelection(std::move(entries), callbacks, true);
     struct timespec now = {}; // until when files may have come from other file systems
     clock_gettime(CLOCK_REALTIME, &now);
     for (std::size_t i = 0; i < m_report.Trash.Entries.size(); ++i) {
@@ -594,7 +598,7 @@ TavroFailure TavroReversal::Act() {
     const bool bReplaced = !StepsOf(Role::Replaced).empty();
     TavroFailure failure = ExchangeAll();
     failure = failure || m_bUndo ? failure : TrashReplaced();
-    m_report.bPartly = bReplaced && !failure && !m_bUndo;
+    m_report.bPartly = m_report.bPartly || (bReplaced && !failure && !m_bUndo);
     failure = failure ? failure : ActOnMain();
     if (failure && !m_report.bPartly) {
         TakeExchangesBack();
@@ -629,9 +633,13 @@ TavroFailure TavroReversal::Run() {
         SetModes();
         RemoveDirectories(); // one that holds something stays
         const int error = m_changes.Flush();
+        m_report.bPartly = m_report.bPartly || error != 0; // it is done, though
         return error == 0 ? failure
                           : TavroFail(Kind::Write, error, TavroDirectoryOf(m_steps.front()));
     }
+    // What is neither done nor as it was can be settled.
+    m_report.bPartly = m_report.bPartly || !m_report.Moves.RollBack.empty() ||
+                       !m_report.Trash.Batch.RollBack.empty() || !m_report.Trash.InBoth.empty();
     for (auto made = m_made.rbegin(); made != m_made.rend(); ++made) {
         mode_t ignored = 0;
         RemoveDirectory(made->first, made->second, ignored);

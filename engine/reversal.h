@@ -124,7 +124,7 @@ private:
     TavroUndoReport& m_report;
     std::vector<TavroStep>& m_steps;
     TavroPlaces m_places;
-    std::string m_trashRoot;          ///< Of the item that was looked at last,
+    std::string m_trashFiles;         ///< That hold the item that was looked at last,
     TavroTrashFolders m_trashFolders; ///< and all of that trash.
     TavroGuard m_guard{TavroAct::Move};
     Directories m_made;

@@ -179,7 +179,12 @@ int TavroReversal::RenameIn(const TavroSwap& What) {
     error = error == 0 && TavroIdentityOf(status) != What.Comes ? ESTALE : error;
     error = error != 0 ? error : TavroExchange(to.Number(), hidden, to.Number(), to.Name.c_str());
     if (error != 0) {
-        TavroRenameNoReplace(to.Number(), hidden, from.Number(), from.Name.c_str());
+        const int back =
+            TavroRenameNoReplace(to.Number(), hidden, from.Number(), from.Name.c_str());
+        if (back != 0) {
+            m_report.Moves.RollBack.push_back(
+                TavroFail(Kind::MoveTo, back, TavroJoin(to.Directory->Path, hidden), from.Path()));
+        }
     }
     m_changes.Add(from.Directory);
     return error;

@@ -77,7 +77,9 @@ public:
         RemoveRecords(NotDone);
         RemoveLeftovers();
         const int error = m_changes.Flush();
-        return error == 0 ? TavroFailure() : TavroFail(TavroFailureKind::Write, error, "");
+        return error == 0 ? TavroFailure()
+                          : TavroFail(TavroFailureKind::Write, error,
+                                      TavroPlaceOf(m_operation.Steps.front()));
     }
 
 private:

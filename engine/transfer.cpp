@@ -72,6 +72,8 @@ void TavroTransferRun::Run(std::vector<TavroTransferItemPlan>& Items) {
         }
         if (m_report.bCancelled) {
             KeepOrDiscard();
+        } else if (m_report.Done.empty()) {
+            Discard(); // also directories that were created for nothing
         }
     }
     m_report.bCancelled = m_report.bCancelled || m_bStopped;
@@ -99,13 +101,11 @@ bool TavroTransferRun::CheckGuard(const std::vector<TavroTransferItemPlan>& Item
     for (const TavroTransferItemPlan& item : Items) {
         TavroPlace place;
         struct stat status = {};
-        TavroFailure refusal = m_places.Find(item.SourcePath.native(), place);
-        const int error = refusal ? refusal.Error.value() : TavroLookAt(place, status);
+        TavroFailure refusal;
+        const int error = m_places.Look(item.SourcePath.native(), place, status);
         if (error == 0) {
             refusal = guard.Check(place, status);
-        } else if (TavroIsMissing(error) || error == EACCES) {
-            refusal = {}; // it cannot be moved either, which is told in its turn
-        } else {
+        } else if (!TavroIsMissing(error) && error != EACCES) { // else that is told in its turn
             refusal = TavroFail(Kind::Read, error, item.SourcePath.native());
             m_unseen.insert(&item);
         }
@@ -156,8 +156,8 @@ bool TavroTransferRun::Announce(const std::vector<TavroTransferItemPlan>& Items)
     const std::string parent = steps.empty() ? "/" : TavroParentOf(steps.front().To);
     TavroPlace place;
     struct stat status = {};
-    const bool bOne = Items.size() == 1 && !m_places.Find(Items[0].SourcePath.native(), place) &&
-                      TavroLookAt(place, status) == 0;
+    const bool bOne =
+        Items.size() == 1 && m_places.Look(Items[0].SourcePath.native(), place, status) == 0;
     m_bTree = bOne && S_ISDIR(status.st_mode);
     m_bSingle = bOne && !m_bTree;
     if (!m_callbacks.BeforeActs || steps.empty() || (m_bSingle && TavroIsPresent(parent))) {
@@ -167,19 +167,16 @@ bool TavroTransferRun::Announce(const std::vector<TavroTransferItemPlan>& Items)
     for (const std::string& missing : TavroFindMissing(parent)) {
         steps.push_back({TavroStepRole::CreatedDirectory, "", missing});
     }
-    TavroFailure failure = Tell(steps);
-    const bool bCan = !failure;
-    if (!bCan) {
+    if (TavroFailure failure = Tell(steps)) {
         Fail(std::move(failure));
+        return false;
     }
-    return bCan;
+    return true;
 }
 
 TavroFailure TavroTransferRun::Tell(const std::vector<TavroStep>& Steps) {
-    return m_callbacks.BeforeActs
-               ? m_callbacks.BeforeActs(
-                     m_bMove ? TavroOperationKind::Move : TavroOperationKind::Copy, Steps)
-               : TavroFailure();
+    return m_callbacks.Announce(m_bMove ? TavroOperationKind::Move : TavroOperationKind::Copy,
+                                Steps);
 }
 
 TavroFailure TavroTransferRun::TellBeforeSync(const std::vector<TavroStep>& Steps) {
@@ -238,11 +235,11 @@ bool TavroTransferRun::FindPlaces(const TavroTransferItemPlan& Item, TavroRoute&
     if (failure.Kind == Kind::LookAt) {
         failure = {Kind::CreateDirectory, failure.Error, TavroParentOf(destination)};
     }
-    const bool bFound = !failure;
-    if (!bFound) {
+    if (failure) {
         Fail(std::move(failure));
+        return false;
     }
-    return bFound;
+    return true;
 }
 
 /// What an earlier item does may lead its paths elsewhere.
@@ -358,14 +355,9 @@ void TavroTransferRun::SettleConflict(const TavroRoute& Way, const struct stat& 
         TavroFreeNames names = m_freeNames; // none is given yet
         return FreeName(names, Way.To);
     };
-    const TavroTransferConflict conflict = {Way.From.Path(),
-                                            Way.To.Path(),
-                                            S_ISDIR(Source.st_mode),
-                                            S_ISDIR(There.st_mode),
-                                            TavroStateOf(Source),
-                                            TavroStateOf(There),
-                                            freeName,
-                                            !m_bLast && !m_bSingle && m_tries == 0};
+    const TavroTransferConflict conflict = {
+        Way.From.Path(),     Way.To.Path(), TavroStateOf(Source),
+        TavroStateOf(There), freeName,      !m_bLast && !m_bSingle && m_tries == 0};
     const TavroConflictAnswer answer = m_callbacks.bKeepBoth
                                            ? TavroConflictAnswer{TavroConflictChoice::KeepBoth}
                                            : m_judge.Judge(conflict);
@@ -586,8 +578,7 @@ void TavroTransferRun::RemoveEmptied() {
     for (const TavroEmptied& emptied : std::exchange(m_emptied, {})) {
         TavroPlace place;
         struct stat status = {};
-        TavroFailure failure = m_places.Find(emptied.Path, place);
-        int error = failure ? failure.Error.value() : TavroLookAt(place, status);
+        int error = m_places.Look(emptied.Path, place, status);
         if (error == 0 && (TavroIdentityOf(status) != emptied.Identity ||
                            place.Directory->Identity != emptied.Directory)) {
             Fail({Kind::Changed, {}, emptied.Path});

@@ -116,8 +116,8 @@ TavroFailure SelectionCheck::LookInside(const std::string& OwnPath) {
 } // namespace
 
 std::vector<TavroOperationEntry> TavroEntriesToCopy(const std::vector<TavroOperationEntry>& Entries,
-                                                    const TavroTrashOptions& Options) {
-    TavroTrashDestinations destinations(Options.bHome, Options.bSync);
+                                                    const TavroTrashOptions& Options, bool bSync) {
+    TavroTrashDestinations destinations(Options.bHome, bSync);
     std::vector<TavroOperationEntry> copied;
     TavroPlaces places;
     std::string parent;
@@ -165,16 +165,10 @@ void TellWhatIsLeft(const std::vector<TavroBatchStep>& Steps, EntryOf GiveEntry,
     }
 }
 
-/// The record of an item.
-std::string RecordOf(const std::string& Item) {
-    const std::string info = TavroJoin(TavroParentOf(TavroParentOf(Item)), "info");
-    return TavroJoin(info, TavroRecordName(TavroNameOf(Item)));
-}
-
 /// An entry as it lies in the trash.
 TavroTrashedEntry InTrash(const TavroBatchStep& Step) {
     const mode_t mode = Step.Seen->State.Mode;
-    return {{Step.KnownAs(), Step.To, RecordOf(Step.To), S_ISDIR(mode) || S_ISLNK(mode)},
+    return {{Step.KnownAs(), Step.To, TavroRecordPath(Step.To), S_ISDIR(mode) || S_ISLNK(mode)},
             Step.Arrived.Identity};
 }
 
@@ -364,7 +358,7 @@ namespace {
 
 /// An entry, and its own path once it is back, which `OriginalPath` may spell otherwise.
 struct Restoration {
-    const TavroTrashedEntry* Trashed;
+    TavroTrashedEntry* Trashed;
     std::string Place;
 };
 
@@ -382,13 +376,13 @@ bool IsOnVolume(const std::string& Volume, const std::string& Place) {
 }
 
 /// Checks what the list itself can tell: each entry once, to a place of its own.
-TavroFailure CheckRestoreList(const std::vector<TavroTrashedEntry>& Entries,
+TavroFailure CheckRestoreList(std::vector<TavroTrashedEntry>& Entries,
                               std::vector<Restoration>& OutRestorations) {
     std::unordered_set<std::string_view> items;
     std::unordered_set<std::string_view> ownPlaces;
     TavroPlaces places;
     OutRestorations.reserve(Entries.size()); // the places are referred to
-    for (const TavroTrashedEntry& trashed : Entries) {
+    for (TavroTrashedEntry& trashed : Entries) {
         const TavroTrashEntry& entry = trashed.Entry;
         if (entry.OriginalPath.rfind('/', 0) != 0) {
             return {TavroFailureKind::OriginUnknown, {}, entry.TrashPath};
@@ -429,7 +423,7 @@ void RemoveRecords(const std::vector<TavroBatchStep>& Steps, TavroChanges& Chang
     std::set<std::string> held; // items of trashes that held directories: one of each
     for (const TavroBatchStep& step : Steps) {
         TavroPlace record;
-        const std::string path = RecordOf(step.From);
+        const std::string path = TavroRecordPath(step.From);
         if (step.Arrived.Identity.Inode != 0 && !step.bCopyStays && !places.Find(path, record) &&
             !TavroIsLedAway(record, path)) {
             TavroUnlinkAt(record.Number(), record.Name.c_str());
@@ -455,7 +449,7 @@ std::vector<TavroStep> StepsToRestore(const std::vector<TavroBatchStep>& Steps) 
     std::set<std::string, std::greater<>> missing; // inner ones first
     std::string present; // the directory that was there last: neighbours have the same
     for (const TavroBatchStep& step : Steps) {
-        steps.push_back({TavroStepRole::Trashed, step.To, step.From, RecordOf(step.From),
+        steps.push_back({TavroStepRole::Trashed, step.To, step.From, TavroRecordPath(step.From),
                          step.Seen->State.Identity, 0, 0, step.Seen->State.IsDirectory()});
         std::string parent = TavroParentOf(step.To);
         while (parent != present && missing.count(parent) == 0 && !TavroIsPresent(parent)) {
@@ -472,7 +466,7 @@ std::vector<TavroStep> StepsToRestore(const std::vector<TavroBatchStep>& Steps) 
 
 } // namespace
 
-TavroTrashReport TavroRestoreSelection(const std::vector<TavroTrashedEntry>& Entries,
+TavroTrashReport TavroRestoreSelection(std::vector<TavroTrashedEntry> Entries,
                                        const TavroCallbacks& Callbacks, bool bTold) {
     std::vector<Restoration> restorations;
     TavroFailure failure = Entries.empty() ? TavroFailure{TavroFailureKind::NothingToRestore}
@@ -518,11 +512,10 @@ TavroTrashReport TavroRestoreSelection(const std::vector<TavroTrashedEntry>& Ent
         RemoveRecords(steps, changes); // of what could not be moved back
         changes.Flush();
     } else {
-        report.Entries = Entries;
         for (std::size_t i = 0; i < steps.size(); ++i) {
-            report.Entries[static_cast<std::size_t>(restorations[i].Trashed - Entries.data())]
-                .Item = steps[i].Arrived.Identity;
+            restorations[i].Trashed->Item = steps[i].Arrived.Identity;
         }
+        report.Entries = std::move(Entries);
     }
     return report;
 }

@@ -40,14 +40,15 @@ struct TavroTrashReport {
 struct TavroTrashOptions {
     bool bHome = false;      ///< The home trash in any case.
     bool bNeverCopy = false; ///< What cannot be renamed into the trash is the failure MustCopy.
-    bool bSync = true;       ///< For TavroEntriesToCopy: as in TavroCallbacks.
 };
 
 /// The entries of a selection that no rename brings to a trash, so that trashing copies them to the
 /// home trash. Creates the trashes of volumes that the others go to. None when there is no home
 /// directory, or the selection may not go.
+/// @param bSync  as in TavroCallbacks.
 std::vector<TavroOperationEntry> TavroEntriesToCopy(const std::vector<TavroOperationEntry>& Entries,
-                                                    const TavroTrashOptions& Options = {});
+                                                    const TavroTrashOptions& Options = {},
+                                                    bool bSync = true);
 
 /// Moves a selection to the trash, all or nothing: what is on the home trash's mount to that, and
 /// the rest each to the trash of its own volume, where there can be one.
@@ -79,7 +80,7 @@ TavroTrashReport TavroTrashSelection(const std::vector<TavroOperationEntry>& Ent
 /// before what goes into them.
 ///
 /// @param bTold  the history knows what is restored.
-TavroTrashReport TavroRestoreSelection(const std::vector<TavroTrashedEntry>& Entries,
+TavroTrashReport TavroRestoreSelection(std::vector<TavroTrashedEntry> Entries,
                                        const TavroCallbacks& Callbacks, bool bTold = false);
 
 /// The sentence of a report: of the failure, of what could not be rolled back, and where each thing

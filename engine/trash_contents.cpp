@@ -98,16 +98,15 @@ TavroFailure ListItems(const TavroOpenTrash& Trash, const std::function<bool()>&
 } // namespace
 
 std::string TavroTrashItem::TrashPath() const {
-    return TavroJoin(Folders ? Folders->Files : TavroFindTrashFolders().Files, Name);
+    return TavroJoin(Folders->Files, Name);
 }
 
 TavroTrashedEntry TavroTrashItem::Trashed() const {
-    const TavroTrashFolders trash = Folders ? *Folders : TavroFindTrashFolders();
-    const std::string record = TavroJoin(trash.Info, TavroRecordName(Name));
-    return {{OriginalPath, TavroJoin(trash.Files, Name), record, bDirectory || bLink},
+    const std::string record = TavroJoin(Folders->Info, TavroRecordName(Name));
+    return {{OriginalPath, TrashPath(), record, bDirectory || bLink},
             Identity,
             {},
-            trash.bVolume ? trash.Base : std::string()};
+            Folders->bVolume ? Folders->Base : std::string()};
 }
 
 TavroFailure TavroListTrash(const std::function<bool()>& ShouldCancel,
@@ -180,12 +179,13 @@ void TavroTrashIndex::Drop(const TavroTrashItem& Item) {
     m_byTrashPath.erase(known);
 }
 
-std::string TavroListPaths(const std::set<std::string>& Paths) {
+TavroFailure TavroCheckOnePath(const std::string& Word, const std::set<std::string>& Paths) {
     std::string text;
     for (const std::string& path : Paths) {
         text += (text.empty() ? "'" : ", '") + path + "'";
     }
-    return text;
+    return Paths.size() < 2 ? TavroFailure()
+                            : TavroFailure{TavroFailureKind::SeveralNamed, {}, Word, text};
 }
 
 /// The item of a name in the trash. Several trashes can have one.
@@ -208,9 +208,7 @@ TavroFailure TavroTrashIndex::FindByName(const std::string& Name,
             OutItem = !OutItem || IsListedBefore(*item, *OutItem) ? std::move(item) : OutItem;
         }
     }
-    return places.size() < 2
-               ? TavroFailure()
-               : TavroFailure{TavroFailureKind::SeveralNamed, {}, Name, TavroListPaths(places)};
+    return TavroCheckOnePath(Name, places);
 }
 
 /// The newest one from any of the paths that a text can mean.
@@ -245,17 +243,17 @@ TavroFailure TavroTrashIndex::Find(const std::string& Text, TavroTrashItem& OutI
         OutItem = *found;
         return {};
     }
+    if (!places.empty()) {
+        return TavroCheckOnePath(Text, places);
+    }
     for (const TavroOpenTrash& trash : m_open) {
         struct stat status = {};
-        if (places.empty() && TavroIsPlainName(Text) &&
+        if (TavroIsPlainName(Text) &&
             TavroStatAt(trash.Files.Number(), Text.c_str(), status) == 0) {
             return {TavroFailureKind::OriginUnknown, {}, TavroJoin(trash.Folders.Files, Text)};
         }
     }
-    return {places.empty() ? TavroFailureKind::NotInTrash : TavroFailureKind::SeveralNamed,
-            {},
-            Text,
-            TavroListPaths(places)};
+    return {TavroFailureKind::NotInTrash, {}, Text};
 }
 
 // =================================================================================================
@@ -541,8 +539,7 @@ TavroFailure TavroRemoveFromTrash(const std::vector<TavroTrashItem>& Items,
                                   const TavroCallbacks& Callbacks) {
     std::vector<Part<std::reference_wrapper<const TavroTrashItem>>> parts;
     for (const TavroTrashItem& item : Items) {
-        PartOf(parts, item.Folders ? *item.Folders : TavroFindTrashFolders())
-            .Items.emplace_back(item);
+        PartOf(parts, *item.Folders).Items.emplace_back(item);
     }
     TavroFailure failure = OpenEach(parts, Callbacks);
     if (!failure && Callbacks.BeforeActs) {

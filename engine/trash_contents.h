@@ -33,7 +33,7 @@ struct TavroTrashItem {
     std::int64_t ChangeTime = 0; ///< In nanoseconds since 1970, as is the next.
     std::int64_t RecordTime = 0; ///< When its record was written.
 
-    std::shared_ptr<const TavroTrashFolders> Folders; ///< Of its trash; none: the home trash.
+    std::shared_ptr<const TavroTrashFolders> Folders; ///< Of its trash.
 
     std::string TrashPath() const;
     TavroTrashedEntry Trashed() const; ///< For TavroRestoreSelection.
@@ -57,8 +57,9 @@ TavroFailure TavroListTrash(const std::function<bool()>& ShouldCancel,
 std::uint64_t TavroCountUnlistedItems(const std::vector<TavroTrashItem>& Listed,
                                       const TavroWhichTrashes& Trashes = {TavroFindTrashFolders()});
 
-/// "'a', 'b'"
-std::string TavroListPaths(const std::set<std::string>& Paths);
+/// What a word names must be from one of these original paths: else SeveralNamed, with the paths as
+/// `Other`.
+TavroFailure TavroCheckOnePath(const std::string& Word, const std::set<std::string>& Paths);
 
 /// Finds items by what a person types. Names in the trash are looked up; the trash is listed once,
 /// for the first text that is none.

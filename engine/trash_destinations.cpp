@@ -45,7 +45,7 @@ TavroTrashDestination* TavroTrashDestinations::OnVolume(const TavroVolume& Of) {
         }
     }
     auto found = std::make_unique<TavroTrashDestination>();
-    const bool bFound = found->Trash.OpenOnVolume(Of.Mount, Of.Device, m_bSync);
+    const bool bFound = found->Trash.OpenOnVolume(Of, m_bSync);
     m_volumes.emplace_back(Of, bFound ? found.get() : nullptr);
     if (bFound) {
         m_all.push_back(std::move(found));

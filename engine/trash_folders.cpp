@@ -219,15 +219,15 @@ TavroFailure TavroOpenTrash::OpenOwn(TavroCreating Creating) {
     return error == 0 ? TavroFailure() : TavroFail(TavroFailureKind::Read, error, Folders.Root);
 }
 
-bool TavroOpenTrash::OpenOnVolume(std::uint64_t Mount, std::uint64_t Device, bool bSync) {
+bool TavroOpenTrash::OpenOnVolume(const TavroVolume& Of, bool bSync) {
     for (const TavroMount& mount : IsHomeOnly() ? std::vector<TavroMount>() : TavroReadMounts()) {
         TavroDescriptor top;
         struct stat status = {};
         std::uint64_t number = 0;
-        if (mount.Number != Mount || !mount.HoldsFiles() ||
+        if (mount.Number != Of.Mount || !mount.HoldsFiles() ||
             TavroOpenDirectory(mount.Point, top) != 0 ||
-            TavroStatWithMount(top.Number(), status, number) != 0 || number != Mount ||
-            status.st_dev != Device) {
+            TavroStatWithMount(top.Number(), status, number) != 0 ||
+            !(TavroVolume{status.st_dev, number} == Of)) {
             continue;
         }
         for (TavroTrashFolders& folders : TavroTrashFoldersOnVolume(mount.Point)) {

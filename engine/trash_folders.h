@@ -65,10 +65,10 @@ struct TavroOpenTrash {
     /// missing of it: `.Trash/UID` at the mount point, where `.Trash` is a real directory with the
     /// sticky bit, else `.Trash-UID`.
     ///
-    /// @param Device  of what is to be renamed into it: a mount can show several.
-    /// @param bSync   whether what is new is brought to the disk.
+    /// @param Of     of what is to be renamed into it: a mount can show several devices.
+    /// @param bSync  whether what is new is brought to the disk.
     /// @return false when there can be none.
-    bool OpenOnVolume(std::uint64_t Mount, std::uint64_t Device, bool bSync);
+    bool OpenOnVolume(const TavroVolume& Of, bool bSync);
 
 private:
     TavroFailure OpenOwn(TavroCreating Creating);

@@ -19,6 +19,15 @@ std::string TavroRecordName(const std::string& Item) {
     return Item + std::string(suffix);
 }
 
+std::string TavroRecordPath(const std::string& ItemPath) {
+    const std::size_t name = std::min(ItemPath.rfind('/'), ItemPath.size());
+    const std::size_t files = name == 0 ? std::string::npos : ItemPath.rfind('/', name - 1);
+    std::string path;
+    path.reserve(ItemPath.size() + suffix.size());
+    path.append(ItemPath, 0, files + 1).append("info");
+    return path.append(ItemPath, name).append(suffix);
+}
+
 std::optional<std::string> TavroItemOfRecord(const std::string& File) {
     if (File.size() < suffix.size() ||
         File.compare(File.size() - suffix.size(), suffix.size(), suffix) != 0) {

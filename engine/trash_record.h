@@ -17,8 +17,10 @@
 /// The longest name in the trash that leaves room for its record's.
 constexpr std::size_t TavroLongestTrashName = 245;
 
-/// The name of the record of an item.
+/// The name of the record of an item; and its path, `ROOT/info/NAME.trashinfo`, for an item at
+/// `ROOT/files/NAME`.
 std::string TavroRecordName(const std::string& Item);
+std::string TavroRecordPath(const std::string& ItemPath);
 
 /// The name of the item that a file is the record of, by its name; nothing when it is no record.
 std::optional<std::string> TavroItemOfRecord(const std::string& File);

@@ -36,7 +36,8 @@ private:
     void Sort(std::vector<TavroStep> Done, std::vector<TavroStep> NotDone, bool bUndo);
     TavroFailure Transfer(TavroTransferCallbacks Callbacks);
     TavroFailure Take(FindNext Find, TavroFailureKind Nothing, bool bUndo);
-    void Renew(const TavroBatchReport& TakenBack);
+    static std::vector<TavroStep> Renew(const TavroBatchReport& TakenBack,
+                                        std::vector<TavroStep>& IoSteps);
     void TellRenewed(const TavroBatchReport& TakenBack, const TavroCallbacks& Callbacks) const;
     void AddSettled(std::vector<TavroStep>& IoSteps) const;
     TavroFailure TurnBack();
@@ -219,34 +220,43 @@ TavroFailure Going::Transfer(TavroTransferCallbacks Callbacks) {
     return m_report.Transfer.bCancelled ? TavroFailure{Kind::Cancelled} : TavroFailure();
 }
 
-/// What was moved, and moved back between file systems, is another file.
-void Going::Renew(const TavroBatchReport& TakenBack) {
-    const std::unordered_map<TavroIdentity, TavroIdentity> files(TakenBack.Renewed.begin(),
-                                                                 TakenBack.Renewed.end());
-    for (TavroStep& step : m_before.Steps) { // once each: a number may have been given again
-        const auto renewed = files.find(step.Identity);
-        if (renewed != files.end()) {
-            step.Identity = renewed->second;
+/// What was moved, and moved back between file systems, is another file. Of a file of several names
+/// the path tells which it is, unless that was hidden meanwhile.
+/// @return the steps that are others now.
+std::vector<TavroStep> Going::Renew(const TavroBatchReport& TakenBack,
+                                    std::vector<TavroStep>& IoSteps) {
+    std::unordered_multimap<TavroIdentity, const TavroRenewed*> files;
+    for (const TavroRenewed& renewed : TakenBack.Renewed) {
+        files.emplace(renewed.Was, &renewed);
+    }
+    std::unordered_map<TavroIdentity, std::size_t> names;
+    for (const TavroStep& step : IoSteps) {
+        ++names[step.Identity];
+    }
+    std::vector<TavroStep> others;
+    for (TavroStep& step : IoSteps) { // once each: a number may have been given again
+        const auto [first, end] = files.equal_range(step.Identity);
+        const bool bAlone = names[step.Identity] == 1;
+        const auto renewed = std::find_if(first, end, [&](const auto& file) {
+            const std::string& path = file.second->Path;
+            return bAlone || path == step.From || path == step.To ||
+                   TavroIsStagingName(TavroNameOf(path));
+        });
+        if (renewed != end) {
+            step.Identity = renewed->second->Is;
             step.ChangeTime = 0; // not known
+            others.push_back(step);
         }
     }
+    return others;
 }
 
 /// The same where the operation stays on its way: from now on the history knows the new files.
 void Going::TellRenewed(const TavroBatchReport& TakenBack, const TavroCallbacks& Callbacks) const {
-    const std::unordered_map<TavroIdentity, TavroIdentity> files(TakenBack.Renewed.begin(),
-                                                                 TakenBack.Renewed.end());
-    std::vector<TavroStep> steps;
-    for (const TavroStep& step : m_report.Operation.Steps) {
-        const auto renewed = files.find(step.Identity);
-        if (renewed != files.end()) {
-            steps.push_back(step);
-            steps.back().Identity = renewed->second;
-            steps.back().ChangeTime = 0; // not known
-        }
-    }
-    if (!steps.empty()) {
-        Callbacks.BeforeActs(m_before.Kind, steps);
+    std::vector<TavroStep> all = m_report.Operation.Steps;
+    const std::vector<TavroStep> others = Renew(TakenBack, all);
+    if (!others.empty()) {
+        Callbacks.BeforeActs(m_before.Kind, others);
     }
 }
 
@@ -424,17 +434,20 @@ TavroUndoReport Going::Run(FindNext Find, TavroFailureKind Nothing, bool bUndo, 
     const bool bOpen = failure && (bInterrupted || m_report.bPartly);
     if (bOpen || m_report.Transfer.bUnsettled) {
         if (m_turned && !m_report.bPartly && m_report.Moves.RollBack.empty()) {
+            Renew(m_report.Trash.Batch, m_turned->Steps);
+            Renew(m_report.Moves, m_turned->Steps);
             m_history.Update(*m_turned); // it can go either way again
+        } else {
+            TellRenewed(m_report.Trash.Batch, callbacks);
+            TellRenewed(m_report.Moves, callbacks);
         }
-        TellRenewed(m_report.Trash.Batch, callbacks);
-        TellRenewed(m_report.Moves, callbacks);
         m_history.LeaveOperation();
     } else if (!failure) {
         failure = End(bUndo);
         m_report.bDoneButNotSaved = static_cast<bool>(failure);
     } else {
-        Renew(m_report.Trash.Batch);
-        Renew(m_report.Moves);
+        Renew(m_report.Trash.Batch, m_before.Steps);
+        Renew(m_report.Moves, m_before.Steps);
         m_history.EndOperation(m_before, false);
     }
     m_report.Operation.Kind = m_before.Kind; // a restore was treated as the undo of a trashing
@@ -443,12 +456,7 @@ TavroUndoReport Going::Run(FindNext Find, TavroFailureKind Nothing, bool bUndo, 
 
 } // namespace
 
-TavroUndoReport TavroUndo(TavroHistory& History, const TavroCallbacks& Callbacks) {
-    return TavroUndoOnly(History, 0, Callbacks);
-}
-
-TavroUndoReport TavroUndoOnly(TavroHistory& History, std::int64_t Id,
-                              const TavroCallbacks& Callbacks) {
+TavroUndoReport TavroUndo(TavroHistory& History, const TavroCallbacks& Callbacks, std::int64_t Id) {
     const TavroTransferCallbacks callbacks{Callbacks, {}, {}};
     return Going(History, callbacks, Id)
         .Run(&TavroHistory::NextToUndo, Kind::NothingToUndo, true, false);

@@ -31,13 +31,12 @@ struct TavroUndoReport {
 /// refuses. A copy goes to the trash with what became of it since. Directories that are missing are
 /// created, for the user alone or with the modes that the operation knows. Those that the operation
 /// created go when they are empty; those that an undo created because they were missing stay.
-TavroUndoReport TavroUndo(TavroHistory& History, const TavroCallbacks& Callbacks);
+///
+/// @param Id  0: the newest. Else the operation of that number, whatever came after it;
+///            NoSuchOperation when it is not there, or undone.
+TavroUndoReport TavroUndo(TavroHistory& History, const TavroCallbacks& Callbacks,
+                          std::int64_t Id = 0);
 TavroUndoReport TavroRedo(TavroHistory& History, const TavroCallbacks& Callbacks);
-
-/// As TavroUndo, of the operation of that number, whatever came after it; NoSuchOperation when it
-/// is not there, or undone.
-TavroUndoReport TavroUndoOnly(TavroHistory& History, std::int64_t Id,
-                              const TavroCallbacks& Callbacks);
 
 /// Looks whether an operation could be undone now, and changes nothing. One that was interrupted
 /// can, but for a deletion.

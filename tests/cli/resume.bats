@@ -557,6 +557,133 @@ needs_two_file_systems() {
   rm -r "$there"
 }
 
+@test "an undo of a killed move that fails leaves it in the history as it was" {
+  needs_strace
+  needs_two_file_systems
+  for i in {1..3}; do
+    echo "$i" >"$i"
+  done
+  killed_at unlinkat 3 "$TAVRO" move 1 2 3 "$there/"
+  run -1 strace -qq -o "$scratch/calls" -e trace=pread64 -P "$there/2" -e inject=pread64:error=EIO \
+    "$TAVRO" undo
+  [[ $output == *"tavro: Cannot copy '$there/2': Input/output error" ]]
+  run -0 tavro history
+  [[ $output == *"  move  $PWD/1 -> $there/1 and 2 more  (interrupted, 3 of 3 done)" ]]
+  run -0 tavro undo
+  expect "$(cat 1 2 3; ls "$there")" $'1\n2\n3'
+  killed_at linkat 2 "$TAVRO" redo
+  run -1 strace -qq -o "$scratch/calls" -e trace=pread64 -P "$there/1" -e inject=pread64:error=EIO \
+    "$TAVRO" undo
+  run -0 tavro history
+  [[ $output == *"  move  $PWD/1 -> $there/1 and 2 more  (interrupted, 1 of 3 done)" ]]
+  run -0 tavro undo
+  expect "$(cat 1 2 3; ls "$there")" $'1\n2\n3'
+  rm -r "$there"
+}
+
+@test "an undo that could not remove all of what it copied back can be finished" {
+  needs_strace
+  needs_two_file_systems
+  for next in undo resume; do
+    mkdir d
+    echo text >d/f
+    echo other >g
+    tavro move -q d g "$there/"
+    run -1 strace -qq -o "$scratch/calls" -e trace=unlinkat -P d -e inject=unlinkat:error=EPERM "$TAVRO" undo
+    [[ $output == *"tavro: Cannot remove '$there/d' after copying: Operation not permitted"* ]]
+    run -0 tavro history
+    [[ ${lines[0]} == *'(interrupted, '* ]]
+    run -0 tavro "$next"
+    expect "$(cat d/f g; ls "$there")" $'text\nother'
+    rm -r d g
+  done
+  rm -r "$there"
+}
+
+@test "an undo that could not take all of an item out of the trash can be finished" {
+  needs_strace
+  needs_two_file_systems
+  for next in undo resume; do
+    mkdir "$there/d"
+    echo text >"$there/d/f"
+    echo other >"$there/g"
+    tavro trash -q "$there/d" "$there/g"
+    run -1 strace -qq -o "$scratch/calls" -e trace=unlinkat -P d -e inject=unlinkat:error=EPERM "$TAVRO" undo
+    [[ $output == *"tavro: Cannot remove '$HOME/.local/share/Trash/files/d' after copying: "* ]]
+    run -0 tavro "$next"
+    expect "$(cat "$there/d/f" "$there/g"; tavro list)" $'text\nother'
+    rm -r "$there/d" "$there/g"
+  done
+  rm -r "$there"
+}
+
+@test "an undo that failed and could not be rolled back can be finished, or taken back" {
+  needs_strace
+  for next in undo resume; do
+    mkdir t
+    touch a b
+    tavro move -q a b t/
+    run -1 strace -qq -o "$scratch/calls" -e trace=renameat2 -e inject=renameat2:error=EIO:when=2+ \
+      "$TAVRO" undo
+    [[ $output == *'; moving back failed: '*"
+tavro: Not finished: 'tavro resume' continues, 'tavro undo' takes it back" ]]
+    run -0 tavro history
+    [[ ${lines[0]} == *'(interrupted, 1 of 2 undone)' ]]
+    run -0 tavro "$next"
+    expect "$(ls . t)" $'.:\na\nb\nt\n\nt:'
+    run -0 tavro redo
+    expect "$(ls t)" $'a\nb'
+    rm -r t
+  done
+}
+
+@test "a redo that is done and does not reach the disk is not taken for undone" {
+  needs_strace
+  for when in 1 2 3 4; do
+    touch a
+    tavro rename a n/b
+    tavro undo -q
+    run strace -qq -o "$scratch/calls" -e trace=fsync -e "inject=fsync:error=EIO:when=$when" "$TAVRO" redo
+    run -0 tavro history
+    [[ ${lines[0]} == *'(undone)' ]] || run -0 tavro undo
+    [ -e a ]
+    run -0 tavro redo
+    [ -e n/b ]
+    rm -r n
+  done
+}
+
+@test "what an undo has hidden and cannot bring back is brought back by the next one" {
+  needs_strace
+  mkdir d
+  echo new >a
+  echo old >d/a
+  tavro move -q --on-conflict overwrite a d/
+  run -1 strace -qq -o "$scratch/calls" -e trace=renameat2 -e inject=renameat2:error=EIO:when=2+ \
+    "$TAVRO" undo
+  [[ $output == *'; moving back failed: '* ]]
+  run -0 tavro history
+  [[ ${lines[0]} == *'(interrupted, '* ]]
+  run -0 tavro undo
+  expect "$(cat a d/a; ls -A d)" $'new\nold\na'
+}
+
+@test "of two names of one file each is known after a redo that was rolled back" {
+  needs_strace
+  needs_two_file_systems
+  echo text >a
+  ln a b
+  tavro move -q a b "$there/"
+  tavro undo -q
+  run -1 strace -qq -o "$scratch/calls" -e trace=unlinkat -e inject=unlinkat:error=EPERM:when=2 "$TAVRO" redo
+  expect "$(ls; ls "$there")" $'a\nb'
+  run -0 tavro redo
+  expect "$(ls; ls "$there")" $'a\nb'
+  run -0 tavro undo
+  expect "$(cat a b)" $'text\ntext'
+  rm -r "$there"
+}
+
 @test "a merge that was killed as it removed what it had emptied leaves no directory when it is redone" {
   needs_strace
   for when in 1 2 3; do

@@ -391,3 +391,14 @@ Copied $PWD/d -> $PWD/d copy 1"
   run -1 tavro move --on-conflict keep-both a .
   run -1 tavro copy a .
 }
+
+@test "directories that were created for what failed do not stay" {
+  needs_strace
+  echo text >f
+  for act in copy:openat move:renameat2; do
+    run -1 strace -qq -o "$scratch/calls" -e "trace=${act#*:}" -P f -e "inject=${act#*:}:error=EIO" \
+      "$TAVRO" "${act%:*}" f new/deep/
+    [[ $output == *"tavro: Cannot "*"'$PWD/f'"* ]]
+    [ ! -e new ]
+  done
+}

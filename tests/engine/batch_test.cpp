@@ -423,8 +423,8 @@ TEST_F(BatchAcross, tells_which_file_is_now_where_it_was_copied_back) {
     const TavroBatchReport report = run({goingFar("1"), goingFar("2")}, {}, callbacks);
     EXPECT_EQ(report.Failure.Kind, TavroFailureKind::Cancelled);
     ASSERT_EQ(report.Renewed.size(), 1U);
-    EXPECT_EQ(report.Renewed[0].first, old);
-    EXPECT_EQ(report.Renewed[0].second, identityOf(at("1")));
+    EXPECT_EQ(report.Renewed[0].Was, old);
+    EXPECT_EQ(report.Renewed[0].Is, identityOf(at("1")));
     EXPECT_EQ(readFile(at("1")) + readFile(at("2")), "12");
     EXPECT_TRUE(fs::is_empty(m_far.path()));
 }

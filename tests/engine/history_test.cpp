@@ -366,6 +366,8 @@ TEST_F(History, what_cannot_be_undone_is_not_recorded) {
         operationOf(Kind::Trash, {{Role::Trashed, "/o", "/t/files/x", "/t/info/x"}}),
         operationOf(Kind::Trash, {{Role::Trashed, "/o", "/t/x", "/t/x.trashinfo"}}),
         operationOf(Kind::Trash, {{Role::Trashed, "/o", "/t/other/x", "/t/info/x.trashinfo"}}),
+        operationOf(Kind::Trash, {{Role::Trashed, "/o", "/tfiles/x", "/info/x.trashinfo"}}),
+        operationOf(Kind::Trash, {{Role::Trashed, "/o", "/x", "info/x.trashinfo"}}),
         operationOf(Kind::Rename, {}),
         operationOf(Kind::Rename, {created}),
         operationOf(Kind::Rename, {{Role::Moved, "a", "/b", ""}}),
@@ -1080,33 +1082,6 @@ TEST_F(History, processes_that_create_and_record_at_the_same_time_lose_nothing) 
 // Saving
 // ---------------------------------------------------------------------------------------------
 
-int g_error = 0;
-
-ssize_t failingWrite(int /*descriptor*/, const void* /*bytes*/, size_t /*count*/, off_t /*at*/) {
-    errno = g_error;
-    return -1;
-}
-
-/// While it lives, the database cannot write.
-class FailingWrites {
-public:
-    explicit FailingWrites(int error) {
-        g_error = error;
-        set(reinterpret_cast<sqlite3_syscall_ptr>(failingWrite));
-    }
-    ~FailingWrites() {
-        set(nullptr);
-    }
-    FailingWrites(const FailingWrites&) = delete;
-    FailingWrites& operator=(const FailingWrites&) = delete;
-
-private:
-    static void set(sqlite3_syscall_ptr call) {
-        sqlite3_vfs* const files = sqlite3_vfs_find(nullptr);
-        ASSERT_EQ(files->xSetSystemCall(files, "pwrite64", call), SQLITE_OK);
-    }
-};
-
 TEST_F(History, a_save_that_fails_leaves_the_history_as_it_was) {
     record(renameOf("/a", "/b"));
     TavroHistory history;
@@ -1114,7 +1089,7 @@ TEST_F(History, a_save_that_fails_leaves_the_history_as_it_was) {
     TavroOperation operation = renameOf("/c", "/d");
     for (const auto& [error, text] :
          {std::pair(ENOSPC, std::errc::no_space_on_device), std::pair(EIO, std::errc::io_error)}) {
-        const FailingWrites failing(error);
+        const FailingWrites failing([number = error] { return number; });
         EXPECT_EQ(TavroDescribe(recordDone(history, operation)),
                   "Cannot save the history '" + file().string() + "': " + systemText(text));
     }

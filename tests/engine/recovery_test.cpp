@@ -82,8 +82,12 @@ TavroFailure goOn(TavroUndoReport (*go)(TavroHistory&, const TavroCallbacks&)) {
     return failure ? failure : go(history, callbacksOfAll()).Failure;
 }
 
+TavroUndoReport undoNewest(TavroHistory& history, const TavroCallbacks& callbacks) {
+    return TavroUndo(history, callbacks);
+}
+
 TavroFailure undo() {
-    return goOn(TavroUndo);
+    return goOn(undoNewest);
 }
 
 TavroFailure redo() {
@@ -860,7 +864,7 @@ TEST_P(Recovery, an_undo_or_a_redo_that_was_taken_back_can_be_done_again) {
             kind == Kind::Trash ? trashBoth() : moveOrCopy(kind);
             bCancelled = false;
             for (const auto& [go, again] :
-                 {std::pair(&TavroUndo, &undo), std::pair(&TavroRedo, &redo)}) {
+                 {std::pair(&undoNewest, &undo), std::pair(&TavroRedo, &redo)}) {
                 const Snapshot before = tree();
                 TavroHistory history;
                 ASSERT_FALSE(openHistory(history));
@@ -1312,6 +1316,15 @@ TEST_P(Settling, of_an_undo_that_was_done_does_not_give_its_directories_to_a_red
     EXPECT_EQ(redo().Kind, TavroFailureKind::InTheWay);
     EXPECT_EQ(statesListed(), std::vector<State>{State::Undone});
     EXPECT_TRUE(fs::is_directory(work("from/empty")));
+}
+
+TEST_P(Settling, that_does_not_reach_the_disk_tells_what_it_was_about) {
+    writeFile(work("a"), "bytes");
+    interruptTrashOf("a", "a");
+    writeFile(trashRoot() / "info/a.trashinfo", "[Trash Info]\nPath=" + work("a").string() + "\n");
+    const FaultInjector injector({{"fsync", EIO, (trashRoot() / "info").string()}});
+    EXPECT_EQ(TavroDescribe(undo()),
+              "Cannot write " + inQuotes(work("a")) + ": " + systemText(std::errc::io_error));
 }
 
 TEST_P(Settling, that_fails_can_be_tried_again) {

@@ -460,13 +460,14 @@ TEST_F(TransferConflicts, a_merge_that_begins_late_leaves_no_emptied_directory) 
 
 TEST_F(TransferConflicts, what_was_not_shown_is_asked_about_before_it_is_replaced) {
     m_callbacks.OnConflict = [this](const TavroTransferConflict& conflict) {
-        m_asked += conflict.bDestinationDirectory ? "directory\n" : "file\n";
-        if (!conflict.bDestinationDirectory) {
+        m_asked += conflict.Destination.IsDirectory() ? "directory\n" : "file\n";
+        if (!conflict.Destination.IsDirectory()) {
             fs::remove(target("file"));
             writeFile(target("file/precious"), "of somebody else");
         }
-        return TavroConflictAnswer{conflict.bDestinationDirectory ? TavroConflictChoice::Skip
-                                                                  : TavroConflictChoice::Overwrite};
+        return TavroConflictAnswer{conflict.Destination.IsDirectory()
+                                       ? TavroConflictChoice::Skip
+                                       : TavroConflictChoice::Overwrite};
     };
     EXPECT_TRUE(copy({"file"})) << report();
     EXPECT_EQ("file\ndirectory\n", m_asked);

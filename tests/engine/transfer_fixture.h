@@ -342,8 +342,8 @@ protected:
     void answer(TavroConflictChoice choice, bool bForAll = false) {
         m_callbacks.OnConflict = [=](const TavroTransferConflict& conflict) {
             m_asked += shortened(conflict.SourcePath + " -> " + conflict.DestinationPath) +
-                       (conflict.bSourceDirectory ? " directory" : "") +
-                       (conflict.bDestinationDirectory ? " onto directory\n" : "\n");
+                       (conflict.Source.IsDirectory() ? " directory" : "") +
+                       (conflict.Destination.IsDirectory() ? " onto directory\n" : "\n");
             return TavroConflictAnswer{choice, bForAll};
         };
     }

@@ -69,6 +69,7 @@ protected:
     static TavroTrashItem named(const std::string& name) {
         TavroTrashItem found;
         found.Name = name;
+        found.Folders = std::make_shared<const TavroTrashFolders>(TavroFindTrashFolders());
         return found;
     }
 
@@ -148,12 +149,6 @@ TEST_F(ListTrash, tells_all_of_what_was_trashed_here) {
     EXPECT_TRUE(entry.Entry.bDirectory);
     restore({entry});
     EXPECT_EQ(readFile(docs() / "directory/1"), "12345");
-}
-
-TEST_F(ListTrash, an_item_of_no_named_trash_is_one_of_the_home_trash) {
-    const TavroTrashedEntry trashed = named("a").Trashed();
-    EXPECT_EQ(trashed.Entry.TrashPath, item("a"));
-    EXPECT_EQ(trashed.Entry.InfoPath, record("a"));
 }
 
 TEST_F(ListTrash, of_a_trash_that_does_not_exist_is_empty) {

@@ -113,7 +113,10 @@ public: // the steps are passed on as pointers to members
     }
 
     Outcome undo(const TavroCallbacks& callbacks = {}) const {
-        return go(TavroUndo, callbacks);
+        const auto undoNewest = [](TavroHistory& history, const TavroCallbacks& all) {
+            return TavroUndo(history, all);
+        };
+        return go(undoNewest, callbacks);
     }
     Outcome redo(const TavroCallbacks& callbacks = {}) const {
         return go(TavroRedo, callbacks);
@@ -270,38 +273,6 @@ const std::vector<std::function<void(const fs::path&)>>& obstacles() {
     return all;
 }
 
-std::function<bool()> g_failsWriting;
-
-ssize_t writeUnlessFailing(int descriptor, const void* bytes, size_t count, off_t at) {
-    const std::string path =
-        fs::read_symlink("/proc/self/fd/" + std::to_string(descriptor)).string();
-    if (path.find("-wal") != std::string::npos && g_failsWriting()) {
-        errno = ENOSPC;
-        return -1;
-    }
-    return pwrite(descriptor, bytes, count, at);
-}
-
-/// While it lives, the database cannot write to its log when `fails` says so.
-class FailingWrites {
-public:
-    explicit FailingWrites(std::function<bool()> fails) {
-        g_failsWriting = std::move(fails);
-        set(reinterpret_cast<sqlite3_syscall_ptr>(writeUnlessFailing));
-    }
-    ~FailingWrites() {
-        set(nullptr);
-    }
-    FailingWrites(const FailingWrites&) = delete;
-    FailingWrites& operator=(const FailingWrites&) = delete;
-
-private:
-    static void set(sqlite3_syscall_ptr call) {
-        sqlite3_vfs* const files = sqlite3_vfs_find(nullptr);
-        ASSERT_EQ(files->xSetSystemCall(files, "pwrite64", call), SQLITE_OK);
-    }
-};
-
 // ---------------------------------------------------------------------------------------------
 // In general
 // ---------------------------------------------------------------------------------------------
@@ -425,11 +396,11 @@ TEST_F(Undo, nothing_is_undone_or_redone_when_the_history_cannot_be_saved) {
     const std::string sentence = "Cannot save the history '" + TavroHistoryPath() +
                                  "': " + systemText(std::errc::no_space_on_device);
     {
-        const FailingWrites failing([] { return true; });
+        const FailingWrites failing([] { return ENOSPC; });
         expectRefused(&Undo::undo, sentence);
     }
     ASSERT_TRUE(undo().bDone);
-    const FailingWrites failing([] { return true; });
+    const FailingWrites failing([] { return ENOSPC; });
     expectRefused(&Undo::redo, sentence);
 }
 
@@ -439,7 +410,7 @@ TEST_F(Undo, one_that_could_not_be_saved_afterwards_says_what_holds) {
     const std::string notSaved = "Cannot save the history '" + TavroHistoryPath() +
                                  "': " + systemText(std::errc::no_space_on_device);
     {
-        const FailingWrites failing([this] { return isPresent(work("a")); });
+        const FailingWrites failing([this] { return isPresent(work("a")) ? ENOSPC : 0; });
         const Outcome outcome = undo();
         EXPECT_EQ(outcome.Message,
                   "It is undone, but the history still shows it as interrupted: " + notSaved);
@@ -450,7 +421,7 @@ TEST_F(Undo, one_that_could_not_be_saved_afterwards_says_what_holds) {
     ASSERT_TRUE(undo().bDone);
     EXPECT_EQ(readFile(work("a")), "bytes");
     EXPECT_EQ(listed()[0].State, TavroOperationState::Undone);
-    const FailingWrites failing([this] { return isPresent(work("b")); });
+    const FailingWrites failing([this] { return isPresent(work("b")) ? ENOSPC : 0; });
     EXPECT_EQ(redo().Message,
               "It is redone, but the history still shows it as interrupted: " + notSaved);
 }
@@ -784,7 +755,12 @@ TEST_F(TwoMoves, what_cannot_be_moved_back_is_told) {
     EXPECT_EQ(readFile(work("b")), "other");
     EXPECT_EQ(readFile(work("from/2/b")), "b");
     EXPECT_EQ(readFile(work("a")), "a");
-    EXPECT_EQ(listed()[0].State, TavroOperationState::Done);
+    EXPECT_EQ(listed()[0].State, TavroOperationState::Undoing);
+    const Outcome again = undo(); // which goes on from there
+    EXPECT_TRUE(again.bDone) << again.Message;
+    EXPECT_EQ(readFile(work("b")), "other");
+    EXPECT_EQ(readFile(work("from/2/b")), "b");
+    EXPECT_EQ(readFile(work("from/1/a")), "a");
 }
 
 // ---------------------------------------------------------------------------------------------

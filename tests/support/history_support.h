@@ -5,9 +5,14 @@
 
 #include "history.h"
 
+#include <cerrno>
+#include <filesystem>
+#include <functional>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <string>
+#include <unistd.h>
+#include <utility>
 
 /// Adds what was just done, as an operation that begins and ends.
 inline TavroFailure recordDone(TavroHistory& history, TavroOperation& operation) {
@@ -47,6 +52,35 @@ public:
 
 private:
     sqlite3* m_connection = nullptr;
+};
+
+inline std::function<int()> g_writeError;
+
+inline ssize_t writeUnlessFailing(int descriptor, const void* bytes, size_t count, off_t at) {
+    const std::string path =
+        std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(descriptor)).string();
+    errno = path.find("-wal") != std::string::npos ? g_writeError() : 0;
+    return errno != 0 ? -1 : pwrite(descriptor, bytes, count, at);
+}
+
+/// While it lives, the database cannot write to its log when `error` gives a number.
+class FailingWrites {
+public:
+    explicit FailingWrites(std::function<int()> error) {
+        g_writeError = std::move(error);
+        set(reinterpret_cast<sqlite3_syscall_ptr>(writeUnlessFailing));
+    }
+    ~FailingWrites() {
+        set(nullptr);
+    }
+    FailingWrites(const FailingWrites&) = delete;
+    FailingWrites& operator=(const FailingWrites&) = delete;
+
+private:
+    static void set(sqlite3_syscall_ptr call) {
+        sqlite3_vfs* const files = sqlite3_vfs_find(nullptr);
+        ASSERT_EQ(files->xSetSystemCall(files, "pwrite64", call), SQLITE_OK);
+    }
 };
 
 #endif
