@@ -2,6 +2,7 @@
 
 #include "names.h"
 
+#include <array>
 #include <cerrno>
 #include <fcntl.h>
 #include <new>
@@ -13,6 +14,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using Kind = TavroFailureKind;
+
+/// How often what looks damaged is tried again: as it is, and when it was set aside.
+constexpr int mostTries = 2;
 
 /// An operation of the state 2 was taken off the list. It goes bit by bit, with later ones, so that
 /// no command pays for a large one at once.
@@ -60,7 +64,7 @@ int FindFile(const TavroPlace& Place, TavroIdentity& OutIdentity) {
 
 } // namespace
 
-TavroFailure TavroDatabase::Open(bool bAgain) {
+TavroFailure TavroDatabase::Open(int Try) {
     const int error = FindFile(Place, Identity);
     if (error != 0) {
         return TavroFail(Kind::HistoryOpen, error, Path);
@@ -72,9 +76,9 @@ TavroFailure TavroDatabase::Open(bool bAgain) {
     }
     const bool bDamaged = IsDamaged();
     sqlite3_close(std::exchange(Connection, nullptr));
-    if (bDamaged && !bAgain) {
-        failure = SetAside();
-        return failure ? failure : Open(true);
+    if (bDamaged && Try < mostTries) {
+        failure = StepBack(Try);
+        return failure ? failure : Open(Try + 1);
     }
     return failure;
 }
@@ -106,6 +110,7 @@ void TavroDatabase::EmptyLog() {
 }
 
 void TavroDatabase::Connect() {
+    ReadVersion = 0; // of another connection
     Code = sqlite3_open_v2(Place.OwnPath().c_str(), &Connection,
                            SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_NOMUTEX,
                            nullptr);
@@ -189,9 +194,34 @@ void TavroDatabase::CreateSchema() {
     Run("COMMIT");
 }
 
-/// Closes the file and renames it with what belongs to it, unless another process has done that.
-TavroFailure TavroDatabase::SetAside() {
+/// Reads all that there is. @return 0, or the error number: of a disk that cannot read it.
+int TavroDatabase::ReadThrough() const {
+    int error = 0;
+    for (const std::string& name : {Place.Name, Place.Name + logSuffix}) {
+        TavroDescriptor file;
+        std::array<char, 1U << 16> bytes;
+        std::size_t count = 1;
+        const bool bThere = TavroOpenAt(Place.Number(), name.c_str(), O_RDONLY, file) == 0;
+        for (off_t at = 0; bThere && error == 0 && count != 0; at += static_cast<off_t>(count)) {
+            error = TavroReadAt(file.Number(), bytes.data(), bytes.size(), at, count);
+        }
+    }
+    return error;
+}
+
+/// What looked damaged is closed. When that is so for the second time it is set aside: a disk that
+/// fails to read looks the same, and may have failed for a moment.
+TavroFailure TavroDatabase::StepBack(int Try) {
     sqlite3_close(std::exchange(Connection, nullptr));
+    if (Try == 0) {
+        return {};
+    }
+    const int error = ReadThrough();
+    return error != 0 ? TavroFail(Kind::HistoryRead, error, Path) : SetAside();
+}
+
+/// Renames the file with what belongs to it, unless another process has done that.
+TavroFailure TavroDatabase::SetAside() {
     struct stat status = {};
     const int directory = Place.Number();
     if (TavroStatAt(directory, Place.Name.c_str(), status) != 0 ||
@@ -263,7 +293,7 @@ void TavroDatabase::Sync() {
 
 /// Does something in a transaction. A file that turns out to be damaged is set aside, and it is
 /// done with a new one.
-TavroFailure TavroDatabase::Transact(Access What, const std::function<void()>& Do, bool bAgain) {
+TavroFailure TavroDatabase::Transact(Access What, const std::function<void()>& Do, int Try) {
     const bool bWrite = What != Access::Read;
     if (Connection == nullptr) {
         return {Kind::HistoryOpen, std::make_error_code(std::errc::bad_file_descriptor)};
@@ -283,12 +313,12 @@ TavroFailure TavroDatabase::Transact(Access What, const std::function<void()>& D
         Code = SQLITE_OK;
         Run("ROLLBACK");
     }
-    if (!bDamaged || bAgain) {
+    if (!bDamaged || Try == mostTries) {
         return failure;
     }
-    failure = SetAside();
+    failure = StepBack(Try);
     failure = failure ? failure : Open();
-    return failure ? failure : Transact(What, Do, true);
+    return failure ? failure : Transact(What, Do, Try + 1);
 }
 
 /// Locks the byte of an operation, as long as the database is open. Where there are no locks an

@@ -38,18 +38,20 @@ struct TavroDatabase {
     }
 
     template <typename... Values> void Run(const std::string& Text, const Values&... All);
-    TavroFailure Open(bool bAgain = false);
+    TavroFailure Open(int Try = 0);
     void Connect();
     void CheckSchema();
     void CreateSchema();
     void BringUpToDate();
+    int ReadThrough() const;
     TavroFailure SetAside();
+    TavroFailure StepBack(int Try);
     bool Wait(int Count);
     TavroFailure Failure(TavroFailureKind What) const;
     /// What a transaction does with the database.
     enum class Access { Read, Write, WriteLater }; // later: nobody waits until it is on the disk
 
-    TavroFailure Transact(Access What, const std::function<void()>& Do, bool bAgain = false);
+    TavroFailure Transact(Access What, const std::function<void()>& Do, int Try = 0);
     void Sync();
     void EmptyLog();
     TavroFailure HoldLock(std::int64_t Id);

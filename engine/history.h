@@ -25,8 +25,9 @@ struct TavroDatabase;
 ///
 /// An operation stays until 1,000 newer ones are there, or newer ones of more than 400 million
 /// bytes (two million steps of usual paths). A damaged file is set aside under
-/// `history.db.damaged-N`, and the history starts empty. Nothing that stands in the file is
-/// trusted: an operation that was not written here, or not whole, is refused.
+/// `history.db.damaged-N`, and the history starts empty; one that the disk fails to read stays.
+/// Nothing that stands in the file is trusted: an operation that was not written here, or not
+/// whole, is refused.
 ///
 /// Readers never wait. A writer waits for another one and then fails with HistoryBusy or Cancelled.
 /// Other failures are HistoryOpen, HistoryRead, HistorySave with the system's reason,

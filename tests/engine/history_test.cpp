@@ -1,6 +1,7 @@
 // The undo history: what it keeps from one run to the next, whatever the file holds and whoever
 // else uses it. What undoing makes of the disk is told in undo_test.cpp.
 
+#include "fault_injector.h"
 #include "history.h"
 #include "history_support.h"
 
@@ -702,6 +703,53 @@ TEST_F(DamagedHistory, damage_that_shows_later_is_set_aside_then_and_recording_g
     EXPECT_EQ(TavroDescribe(recordDone(history, operation)), "");
     EXPECT_NE(history.Notice().find(aside(1).string()), std::string::npos);
     EXPECT_EQ(describe(listed()), std::vector<std::string>{describe(operation)});
+}
+
+TEST_F(DamagedHistory, a_disk_that_fails_to_read_once_hides_nothing) {
+    makeFile();
+    const std::vector<std::string> before = describe(listed());
+    bool bFired = true;
+    for (int number = 1; bFired; ++number) {
+        SCOPED_TRACE(number);
+        int left = number;
+        const FailingReads failing([&] { return --left == 0 ? EIO : 0; });
+        TavroHistory history;
+        std::vector<TavroOperation> all;
+        std::vector<std::uint64_t> counts;
+        TavroFailure failure = history.Open(file().string(), std::chrono::seconds(1));
+        failure = failure ? failure : history.List(true, all, counts);
+        if (failure) {
+            EXPECT_EQ(failure.Error.value(), EIO);
+        } else {
+            EXPECT_EQ(describe(all), before);
+        }
+        EXPECT_EQ(history.Notice(), "");
+        EXPECT_FALSE(exists(aside(1)));
+        bFired = left <= 0;
+    }
+}
+
+TEST_F(DamagedHistory, a_disk_that_cannot_read_it_is_told_of_and_nothing_is_set_aside) {
+    makeFile();
+    const std::vector<std::string> before = describe(listed());
+    int fired = 0;
+    for (int number = 1; number == 1 || fired > 0; ++number) {
+        SCOPED_TRACE(number);
+        int left = number;
+        fired = 0;
+        const auto fails = [&] { return --left <= 0 ? EIO : 0; };
+        const FailingReads failing([&] { return fails() != 0 ? (++fired, EIO) : 0; });
+        const FaultInjector toTheEnd({{"pread", EIO, "history.db", 1, true}});
+        TavroHistory history;
+        TavroFailure failure = history.Open(file().string(), std::chrono::seconds(1));
+        std::optional<TavroOperation> next;
+        failure = failure ? failure : history.NextToUndo(next);
+        EXPECT_EQ(static_cast<bool>(failure), fired > 0);
+        EXPECT_EQ(failure.Error.value(), fired > 0 ? EIO : 0);
+        EXPECT_EQ(history.Notice(), "");
+        EXPECT_FALSE(exists(aside(1)));
+    }
+    EXPECT_EQ(describe(listed()), before);
 }
 
 TEST_F(DamagedHistory, damage_that_shows_to_a_reader_leaves_an_empty_history) {

@@ -55,6 +55,7 @@ private:
 };
 
 inline std::function<int()> g_writeError;
+inline std::function<int()> g_readError;
 
 inline ssize_t writeUnlessFailing(int descriptor, const void* bytes, size_t count, off_t at) {
     const std::string path =
@@ -63,23 +64,47 @@ inline ssize_t writeUnlessFailing(int descriptor, const void* bytes, size_t coun
     return errno != 0 ? -1 : pwrite(descriptor, bytes, count, at);
 }
 
-/// While it lives, the database cannot write to its log when `error` gives a number.
-class FailingWrites {
+inline ssize_t readUnlessFailing(int descriptor, void* bytes, size_t count, off_t at) {
+    errno = g_readError();
+    return errno != 0 ? -1 : pread64(descriptor, bytes, count, at);
+}
+
+/// While it lives, the database makes a call of its own in another way.
+class OtherCall {
 public:
-    explicit FailingWrites(std::function<int()> error) {
-        g_writeError = std::move(error);
-        set(reinterpret_cast<sqlite3_syscall_ptr>(writeUnlessFailing));
+    OtherCall(const char* name, sqlite3_syscall_ptr call) : m_name(name) {
+        set(call);
     }
-    ~FailingWrites() {
+    ~OtherCall() {
         set(nullptr);
     }
-    FailingWrites(const FailingWrites&) = delete;
-    FailingWrites& operator=(const FailingWrites&) = delete;
+    OtherCall(const OtherCall&) = delete;
+    OtherCall& operator=(const OtherCall&) = delete;
 
 private:
-    static void set(sqlite3_syscall_ptr call) {
+    void set(sqlite3_syscall_ptr call) {
         sqlite3_vfs* const files = sqlite3_vfs_find(nullptr);
-        ASSERT_EQ(files->xSetSystemCall(files, "pwrite64", call), SQLITE_OK);
+        ASSERT_EQ(files->xSetSystemCall(files, m_name, call), SQLITE_OK);
+    }
+
+    const char* const m_name;
+};
+
+/// While it lives, the database cannot write to its log when `error` gives a number.
+class FailingWrites : OtherCall {
+public:
+    explicit FailingWrites(std::function<int()> error)
+        : OtherCall("pwrite64", reinterpret_cast<sqlite3_syscall_ptr>(writeUnlessFailing)) {
+        g_writeError = std::move(error);
+    }
+};
+
+/// While it lives, the database cannot read its files when `error` gives a number.
+class FailingReads : OtherCall {
+public:
+    explicit FailingReads(std::function<int()> error)
+        : OtherCall("pread64", reinterpret_cast<sqlite3_syscall_ptr>(readUnlessFailing)) {
+        g_readError = std::move(error);
     }
 };
 
