@@ -34,6 +34,8 @@ private:
     static TavroFailure CheckNothingMissing(const std::vector<TavroStep>& Done,
                                             const std::vector<TavroStep>& NotDone);
     void Sort(std::vector<TavroStep> Done, std::vector<TavroStep> NotDone, bool bUndo);
+    TavroTransferPlan PlanRest(const std::set<std::string>& Done,
+                               TavroTransferCallbacks& IoCallbacks) const;
     TavroFailure Transfer(TavroTransferCallbacks Callbacks);
     TavroFailure Take(FindNext Find, TavroFailureKind Nothing, bool bUndo);
     static std::vector<TavroStep> Renew(const TavroBatchReport& TakenBack,
@@ -138,42 +140,74 @@ void Going::Sort(std::vector<TavroStep> Done, std::vector<TavroStep> NotDone, bo
     operation.Steps = std::move(left);
 }
 
-/// Goes on with what was not copied or moved.
-TavroFailure Going::Transfer(TavroTransferCallbacks Callbacks) {
+/// Makes a plan of what is left of an operation, with the answers that hold for all of it.
+/// @param Done  what is not left.
+TavroTransferPlan Going::PlanRest(const std::set<std::string>& Done,
+                                  TavroTransferCallbacks& IoCallbacks) const {
     TavroTransferPlan plan;
-    TavroOperation& operation = m_report.Operation;
+    const TavroOperation& operation = m_report.Operation;
+    const auto isPlanned = [](const TavroStep& step) { return step.Role == Role::Planned; };
+    const bool bPlanned = std::any_of(operation.Steps.begin(), operation.Steps.end(), isPlanned);
     plan.bMove = operation.Kind == TavroOperationKind::Move;
-    std::set<std::string> done;
-    std::set<std::string> arrived;
-    for (const TavroStep& step : m_settled) {
-        done.insert(step.From);
-        arrived.insert(TavroIsMainStep(step, operation.Kind) ? step.To : "");
-    }
-    std::set<std::string> replaced;
-    const bool bPlanned =
-        std::any_of(operation.Steps.begin(), operation.Steps.end(),
-                    [](const TavroStep& step) { return step.Role == Role::Planned; });
     for (const TavroStep& step : operation.Steps) {
-        if (step.Role == Role::Replaced) {
-            replaced.insert(step.From);
-        }
-        if (step.Role == Role::Planned && step.Mode <= 2) {
+        if (isPlanned(step) && step.Mode <= 2) {
             plan.ConflictPolicy = static_cast<TavroTransferConflictPolicy>(step.Mode);
         }
-        Callbacks.bKeepBoth =
-            Callbacks.bKeepBoth || (step.Role == Role::Planned && step.Mode == TavroKeepBothMode);
-        Callbacks.bOverwriteOlder =
-            Callbacks.bOverwriteOlder ||
-            (step.Role == Role::Planned && step.Mode == TavroOverwriteOlderMode);
+        IoCallbacks.bKeepBoth =
+            IoCallbacks.bKeepBoth || (isPlanned(step) && step.Mode == TavroKeepBothMode);
+        IoCallbacks.bOverwriteOlder = IoCallbacks.bOverwriteOlder ||
+                                      (isPlanned(step) && step.Mode == TavroOverwriteOlderMode);
         // What was planned leads to all that it consists of.
-        if ((bPlanned ? step.Role == Role::Planned : TavroIsMainStep(step, operation.Kind)) &&
-            done.count(step.From) == 0) {
+        if ((bPlanned ? isPlanned(step) : TavroIsMainStep(step, operation.Kind)) &&
+            Done.count(step.From) == 0) {
             TavroTransferItemPlan item;
             item.Name = TavroNameOf(step.From);
             item.SourcePath = step.From;
             item.DestinationPath = step.To;
             plan.Items.push_back(std::move(item));
         }
+    }
+    return plan;
+}
+
+/// Copies that wait for a resumption, by where they are to go.
+using EarlierCopies = std::unordered_map<std::string, TavroEarlierCopy>;
+
+EarlierCopies FindEarlierOf(const std::vector<TavroStep>& Steps) {
+    EarlierCopies earlier;
+    for (const TavroStep& step : Steps) {
+        if (!step.Staged.empty()) {
+            earlier[step.To] = {step.Staged, step.Source, step.Identity};
+        }
+    }
+    return earlier;
+}
+
+/// Removes those that were not taken over.
+void RemoveEarlier(const EarlierCopies& Earlier) {
+    for (const auto& [to, copy] : Earlier) {
+        TavroPlaces places;
+        TavroPlace place;
+        if (!places.Find(TavroJoin(TavroParentOf(to), copy.Name), place)) {
+            const std::uint64_t device = place.Directory->Identity.Device;
+            TavroRemoveTree(place, {TavroIdentity{device, copy.Made.Inode}});
+        }
+    }
+}
+
+/// Goes on with what was not copied or moved.
+TavroFailure Going::Transfer(TavroTransferCallbacks Callbacks) {
+    TavroOperation& operation = m_report.Operation;
+    std::set<std::string> done;
+    std::set<std::string> arrived;
+    for (const TavroStep& step : m_settled) {
+        done.insert(step.From);
+        arrived.insert(TavroIsMainStep(step, operation.Kind) ? step.To : "");
+    }
+    TavroTransferPlan plan = PlanRest(done, Callbacks);
+    std::set<std::string> replaced;
+    for (const TavroStep& step : operation.Steps) {
+        replaced.insert(step.Role == Role::Replaced ? step.From : "");
     }
     // What was about to be replaced was decided upon.
     bool bOpen = false; // something else was not, and nobody could be asked
@@ -191,25 +225,13 @@ TavroFailure Going::Transfer(TavroTransferCallbacks Callbacks) {
         }
         return arrived.count(path) != 0;
     };
-    std::unordered_map<std::string, TavroEarlierCopy> earlier;
-    for (const TavroStep& step : operation.Steps) {
-        if (!step.Staged.empty()) {
-            earlier[step.To] = {step.Staged, step.Source, step.Identity};
-        }
-    }
+    const EarlierCopies earlier = FindEarlierOf(operation.Steps);
     Callbacks.FindEarlier = [&](const std::string& to) {
         const auto found = earlier.find(to);
         return found == earlier.end() ? TavroEarlierCopy() : found->second;
     };
     TavroCarryOutTransfer(plan, Callbacks, m_report.Transfer);
-    for (const auto& [to, copy] : earlier) { // what was not taken over
-        TavroPlaces places;
-        TavroPlace place;
-        if (!places.Find(TavroJoin(TavroParentOf(to), copy.Name), place)) {
-            const std::uint64_t device = place.Directory->Identity.Device;
-            TavroRemoveTree(place, {TavroIdentity{device, copy.Made.Inode}});
-        }
-    }
+    RemoveEarlier(earlier);
     // Ended, nobody would know of what was replaced by nothing.
     bOpen = bOpen || std::any_of(m_settled.begin(), m_settled.end(), [](const TavroStep& step) {
                 return step.Role == Role::Replaced && !TavroIsPresent(step.From);
