@@ -21,9 +21,8 @@
 /// @param OutDone      the steps whose files are at `To`. What was kept of one step several times
 ///                     counts once.
 /// @param OutNotDone   the others.
-/// @param OutTrashed   the paths of what was in two places, in part at least, and went from there
-/// to
-///                     the trash.
+/// @param OutTrashed   where something was that is elsewhere, too, and has gone from here to the
+///                     trash.
 /// @return no failure, or why something could not be settled; all can be tried again.
 TavroFailure TavroSettle(TavroHistory& History, TavroOperation& IoOperation, bool bGoOn,
                          const TavroCallbacks& Callbacks, std::vector<TavroStep>& OutDone,

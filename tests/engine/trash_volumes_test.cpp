@@ -278,8 +278,7 @@ TEST_F(TrashOfVolume, is_found_with_that_of_the_home_directory_or_by_a_path) {
         for (const fs::path& path : {top, top / "d/file", own(top) / "info"}) {
             EXPECT_EQ(found(path), std::vector<std::string>{own(top)});
         }
-        EXPECT_EQ(found(""), (std::vector<std::string>{root(), own(top)}));
-        EXPECT_EQ(found("").front(), root());
+        EXPECT_EQ(found("").front(), root()); // the machine's own volumes may have some, too
         EXPECT_EQ(count(found("")), 1);
         EXPECT_EQ(found(home()).front(), root());
         EXPECT_EQ(count(found(home())), 0);
@@ -304,8 +303,10 @@ TEST_F(TrashOfVolume, that_does_not_answer_is_passed_over_and_named) {
         TavroTrashes trashes;
         EXPECT_EQ(TavroDescribe(TavroFindTrashes("", trashes)), "");
         EXPECT_EQ(trashes.Silent, std::vector<std::string>{top});
-        EXPECT_EQ(trashes.Folders.size(), 1U);
         EXPECT_EQ(trashes.Folders.at(0).Root, root());
+        for (const TavroTrashFolders& folders : trashes.Folders) {
+            EXPECT_NE(folders.Root, own(top));
+        }
         const TavroFailure failure = TavroFindTrashes(own(top).string(), trashes);
         EXPECT_EQ(failure.Kind, TavroFailureKind::LookAt);
         EXPECT_EQ(failure.Error, std::errc::timed_out);

@@ -1149,6 +1149,44 @@ TEST_F(Undo, a_created_directory_that_is_not_empty_stays_with_all_others) {
     EXPECT_TRUE(undo().bDone);
 }
 
+TEST_F(Undo, a_look_tells_whether_an_operation_can_be_undone_and_whether_anything_is_left) {
+    using Failure = TavroFailureKind;
+    using Seen = std::pair<Failure, bool>;
+    const auto operationOf = [](Kind kind, const std::vector<TavroStep>& steps) {
+        TavroOperation operation;
+        operation.Kind = kind;
+        operation.Steps = steps;
+        TavroCompleteOperation(operation);
+        return operation;
+    };
+    const auto look = [](const TavroOperation& operation) {
+        bool bNothingLeft = true;
+        const Failure why = TavroCheckUndo(operation, bNothingLeft).Kind;
+        return Seen(why, bNothingLeft);
+    };
+    writeFile(work("a"), "a");
+    writeFile(work("b"), "b");
+    makeDirectory(work("dir"));
+    TavroOperation moved = operationOf(
+        Kind::Move, {movedStep(work("from/a"), work("a")), movedStep(work("from/b"), work("b"))});
+    const TavroOperation copied =
+        operationOf(Kind::Copy, {{Role::Copied, work("from/a"), work("a")},
+                                 {Role::CreatedDirectory, "", work("dir")}});
+    TavroOperation deleted = operationOf(Kind::Delete, {{Role::Deleted, work("gone"), ""}});
+    EXPECT_EQ(look(moved), Seen(Failure::None, false));
+    EXPECT_EQ(look(copied), Seen(Failure::None, false));
+    EXPECT_EQ(look(deleted), Seen(Failure::DeletionIsFinal, false));
+    deleted.State = TavroOperationState::Doing;
+    EXPECT_EQ(look(deleted), Seen(Failure::DeletionWasInterrupted, false));
+    fs::remove(work("a"));
+    EXPECT_EQ(look(moved), Seen(Failure::Missing, false)) << "the other one is left";
+    EXPECT_EQ(look(copied), Seen(Failure::Missing, true)) << "the directory is not what was copied";
+    fs::remove(work("b"));
+    EXPECT_EQ(look(moved), Seen(Failure::Missing, true));
+    moved.State = TavroOperationState::Doing;
+    EXPECT_EQ(look(moved), Seen(Failure::None, false)) << "which is found out when it is settled";
+}
+
 TEST_F(Undo, a_created_directory_that_is_gone_or_replaced_is_named) {
     createAndRecord({"one", "two"});
     exchangeFor(work("one"), obstacles()[1]);
