@@ -217,9 +217,12 @@ int FindFaultOf(const std::string& Path) {
 
 /// What follows the last separator of a path is a name, and nothing else.
 bool IsPlainName(const std::string& Path, std::size_t Begin) {
+    if (Begin >= Path.size()) {
+        return false;
+    }
     const bool bDots = Path[Begin] == '.' && (Path.compare(Begin, std::string::npos, ".") == 0 ||
                                               Path.compare(Begin, std::string::npos, "..") == 0);
-    return Begin < Path.size() && !bDots && Path.find('\0', Begin) == std::string::npos;
+    return !bDots && Path.find('\0', Begin) == std::string::npos;
 }
 
 } // namespace
