@@ -4,9 +4,8 @@
 //   tavro_bare_loop files FILE…   stat, rename, open, write and close for each file
 //   tavro_bare_loop cycle FILE…   that, then back (two stats, rename, unlink), then that again; it
 //                                 prints the times of the last two
-//   tavro_bare_loop undo FILE…    brings back what was trashed: a look at each, then rename, a look
-//   at
-//                                 what came, and unlink
+//   tavro_bare_loop undo FILE…    brings back what was trashed: looks at each, renames it, looks
+//                                 again, and unlinks its record
 //   tavro_bare_loop copy FILE… DIRECTORY
 //                                 copies each file under a hidden name, writes all to the disk,
 //                                 gives them their names, and writes these to the disk

@@ -201,8 +201,10 @@ int TavroDatabase::ReadThrough() const {
         TavroDescriptor file;
         std::array<char, 1U << 16> bytes;
         std::size_t count = 1;
-        const bool bThere = TavroOpenAt(Place.Number(), name.c_str(), O_RDONLY, file) == 0;
-        for (off_t at = 0; bThere && error == 0 && count != 0; at += static_cast<off_t>(count)) {
+        const int opened = TavroOpenAt(Place.Number(), name.c_str(), O_RDONLY, file);
+        error = error != 0 || opened == ENOENT ? error : opened;
+        for (off_t at = 0; opened == 0 && error == 0 && count != 0;
+             at += static_cast<off_t>(count)) {
             error = TavroReadAt(file.Number(), bytes.data(), bytes.size(), at, count);
         }
     }

@@ -102,6 +102,8 @@ TEST_F(WriteRecord, has_the_text_that_the_module_writes) {
 
 TEST_F(WriteRecord, names_the_record_after_the_item) {
     EXPECT_EQ(TavroRecordName("a"), "a.trashinfo");
+    EXPECT_EQ(TavroRecordPath("/t/files/a"), "/t/info/a.trashinfo");
+    EXPECT_EQ(TavroRecordPath("/files/a"), "/info/a.trashinfo");
     EXPECT_EQ(TavroItemOfRecord("a.trashinfo"), "a");
     EXPECT_EQ(TavroItemOfRecord(".trashinfo"), "");
     EXPECT_EQ(TavroItemOfRecord("trashinfo"), std::nullopt);

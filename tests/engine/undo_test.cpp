@@ -127,6 +127,18 @@ public: // the steps are passed on as pointers to members
         record(Kind::Rename, {movedStep(work(from), work(to))});
     }
 
+    /// Moves a directory into another one, and records nothing.
+    TavroTransferReport merge(const std::string& from, const std::string& to) const {
+        TavroTransferPlan plan;
+        plan.bMove = true;
+        plan.Items.emplace_back();
+        plan.Items[0].SourcePath = work(from);
+        plan.Items[0].DestinationPath = work(to);
+        TavroTransferReport report;
+        EXPECT_TRUE(TavroCarryOutTransfer(plan, {}, report));
+        return report;
+    }
+
     /// Moves on disk, in order, and records it as one operation.
     void moveAndRecord(const std::vector<std::pair<std::string, std::string>>& moves) const {
         std::vector<TavroStep> steps;
@@ -778,13 +790,7 @@ protected:
         fs::permissions(work("tree/private/empty"), static_cast<fs::perms>(0500));
         fs::permissions(work("tree"), static_cast<fs::perms>(02711));
         m_before = workTree();
-        TavroTransferPlan plan;
-        plan.bMove = true;
-        plan.Items.emplace_back();
-        plan.Items[0].SourcePath = work("tree");
-        plan.Items[0].DestinationPath = work("target/tree");
-        TavroTransferReport report;
-        EXPECT_TRUE(TavroCarryOutTransfer(plan, {}, report));
+        const TavroTransferReport report = merge("tree", "target/tree");
         std::vector<TavroStep> steps;
         for (const TavroTransferredEntry& entry : report.Done) {
             steps.push_back(movedStep(entry.From, entry.To));
@@ -847,13 +853,7 @@ TEST_F(Undo, directories_that_a_merging_move_removed_have_their_times_again_wher
         fs::permissions(work("tree"), static_cast<fs::perms>(02710));
         const auto old = fs::file_time_type::clock::now() - std::chrono::hours(10000);
         fs::last_write_time(work("tree"), old);
-        TavroTransferPlan plan;
-        plan.bMove = true;
-        plan.Items.emplace_back();
-        plan.Items[0].SourcePath = work("tree");
-        plan.Items[0].DestinationPath = work("target/tree");
-        TavroTransferReport report;
-        EXPECT_TRUE(TavroCarryOutTransfer(plan, {}, report));
+        const TavroTransferReport report = merge("tree", "target/tree");
         ASSERT_EQ(report.RemovedDirectories.size(), 1U);
         const TavroRemovedDirectory& removed = report.RemovedDirectories[0];
         record(Kind::Move, {movedStep(work("tree/a"), work("target/tree/a")),
